@@ -1,0 +1,121 @@
+#!/usr/bin/env python3
+"""Writes the sample tables beside this file, byte for byte and without the library."""
+
+import datetime
+import pathlib
+import struct
+
+UPDATED = (124, 3, 5)  # years since 1900, month, day of the last update
+
+
+def table(version, columns, records, level7=False, code_page=0, backlink=0):
+    """columns: (name, type, length, decimals); records: (deleted, field bytes...)."""
+    header_size, descriptor_size = (68, 48) if level7 else (32, 32)
+    header_length = header_size + descriptor_size * len(columns) + 1 + backlink
+    record_length = 1 + sum(length for _, _, length, _ in columns)
+
+    out = struct.pack("<4BIHH", version, *UPDATED, len(records), header_length, record_length)
+    out = bytearray(out.ljust(header_size, b"\0"))
+    out[29] = code_page
+    offset = 1
+    for name, kind, length, decimals in columns:
+        if level7:
+            entry = struct.pack("<32ssxBBH", name.encode(), kind.encode(), length, decimals, offset)
+        else:
+            entry = struct.pack("<11ssHxxBB", name.encode(), kind.encode(), offset, length, decimals)
+        out += entry.ljust(descriptor_size, b"\0")
+        offset += length
+    out += b"\x0d" + bytes(backlink)
+
+    for deleted, *fields in records:
+        record = (b"*" if deleted else b" ") + b"".join(fields)
+        assert len(record) == record_length, fields
+        out += record
+    return bytes(out) + b"\x1a"
+
+
+def text(value, width):
+    return value.encode("ascii").ljust(width)
+
+
+def number(value, width, decimals=0):
+    return (b"" if value is None else f"{value:.{decimals}f}".encode()).rjust(width)
+
+
+def date(value):
+    return value.encode() if value else b" " * 8
+
+
+def date_time(value):
+    """Julian day number and milliseconds since midnight; zeros when blank."""
+    if value is None:
+        return bytes(8)
+    moment = datetime.datetime.fromisoformat(value)
+    seconds = moment.hour * 3600 + moment.minute * 60 + moment.second
+    return struct.pack("<ii", moment.toordinal() + 1721425, seconds * 1000)
+
+
+def ordered_double(value):
+    """Big-endian; the sign bit set for values from 0 up, all bits inverted for those below."""
+    bits = struct.unpack(">Q", struct.pack(">d", abs(value)))[0] | 1 << 63
+    return struct.pack(">Q", bits if value >= 0 else bits ^ (1 << 64) - 1)
+
+
+def stock():
+    columns = [("CODE", "C", 6, 0), ("ITEM", "C", 20, 0), ("PRICE", "N", 8, 2),
+               ("STOCK", "N", 5, 0), ("REORDER", "L", 1, 0), ("COUNTED", "D", 8, 0)]
+    rows = [
+        (False, "BLT040", "Bolt M8 x 40", 0.35, 1200, "F", "20240105"),
+        (False, "BLT060", "Bolt M8 x 60", 0.42, 860, "F", "20240105"),
+        (False, "NUT008", "Hex nut M8", 0.08, 2400, "F", "20240105"),
+        (False, "WSH008", "Washer 8 mm", 0.03, 95, "T", "20240108"),
+        (True, "WSH010", "Washer 10 mm", 0.04, 0, "F", "20231120"),
+        (False, "HNG100", "Hinge 100 mm", 4.9, 36, "F", "20240229"),
+        (False, "LCK002", "Cabinet lock", 12.5, -3, "T", "20240301"),
+        (False, "GLU500", "Wood glue 500 g", 7.25, 18, "T", None),
+        (False, "SND120", "Sandpaper 120|180", 0.6, 340, "F", "20240301"),
+        (False, "DRL006", "Drill bit 6 mm", 3.1, None, "?", None),
+        (False, "SAW300", "Panel saw 300 mm", 24.0, 7, "F", "20240304"),
+        (False, "RET001", "Returned deposit", -15.0, 1, "N", "20240305"),
+    ]
+    return table(0x03, columns, [
+        (deleted, text(code, 6), text(item, 20), number(price, 8, 2), number(count, 5),
+         text(reorder, 1), date(counted))
+        for deleted, code, item, price, count, reorder, counted in rows])
+
+
+def ledger():
+    columns = [("ENTRY", "I", 4, 0), ("ACCOUNT", "C", 16, 0), ("AMOUNT", "Y", 8, 4),
+               ("RATE", "B", 8, 4), ("POSTED", "T", 8, 0)]
+    rows = [
+        (1, "Opening balance", 25000000, 1.0, "2024-01-01T00:00:00"),
+        (2, "Rent", -8500000, 1.0, "2024-01-02T09:30:00"),
+        (3, "Sales EUR", 12345678, 1.0875, "2024-01-15T16:45:12"),
+        (4, "Bank charges", -125000, 0.9195, "2024-01-31T23:59:59"),
+        (-5, "Reversal", 125000, 0.9195, None),
+    ]
+    return table(0x30, columns, [
+        (False, struct.pack("<i", entry), text(account, 16), struct.pack("<q", amount),
+         struct.pack("<d", rate), date_time(posted))
+        for entry, account, amount, rate, posted in rows], code_page=3, backlink=263)
+
+
+def parcels():
+    columns = [("DestinationDepot", "C", 12, 0), ("Parcel", "I", 4, 0), ("Fee", "N", 7, 2),
+               ("TemperatureLimit", "O", 8, 0), ("Shipped", "D", 8, 0)]
+    rows = [
+        ("Aberdeen", 100001, 12.4, 4.0, "20240301"),
+        ("Bergen", 100002, 30.0, -18.5, "20240302"),
+        ("Cork", 2147483647, 8.75, 0.0, None),
+        ("Dresden", 7, None, 1234.0625, "20240305"),
+    ]
+    return table(0x04, columns, [
+        (False, text(depot, 12), struct.pack(">I", parcel & 0x7FFFFFFF), number(fee, 7, 2),
+         ordered_double(limit), date(shipped))
+        for depot, parcel, fee, limit, shipped in rows], level7=True)
+
+
+if __name__ == "__main__":
+    folder = pathlib.Path(__file__).resolve().parent
+    for make in (stock, ledger, parcels):
+        (folder / f"{make.__name__}.dbf").write_bytes(make())
