@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # What the scripts share; sourced, with bash. Sets root (the project's folder) and build (the
 # release build's folder). Everything here reports to standard error.
 
@@ -7,7 +8,7 @@ build=$root/build/release
 # Whether a Debian package, or the tool it is wanted for, is there.
 present() {
     case $1 in
-        g++) set -- ${CXX:-g++} && command -v "$1" ;;
+        g++) command -v "${CXX:-g++}" ;;
         clang | cmake | make | clang-format | clang-tidy | pkg-config) command -v "$1" ;;
         *) dpkg-query -W -f '${Status}' "$1" 2>/dev/null | grep -q 'ok installed' ;;
     esac >/dev/null
