@@ -1,0 +1,80 @@
+// Declarations shared by the files of the dbf module and by the memo and expression modules.
+#pragma once
+
+#include <string_view>
+
+#include "internal/field.h"
+#include "mira.h"
+
+namespace mira::detail {
+
+inline constexpr u32 kFieldMax = 2048;
+inline constexpr u32 kNoPosition = 0xFFFFFFFF;
+
+// Status flags.
+inline constexpr u32 kStatusVersion = 1;
+inline constexpr u32 kStatusFieldTypes = 2;
+inline constexpr u32 kStatusRecordCount = 4;
+
+inline constexpr u32 kBackupNameSize = 260;
+inline constexpr u32 kAheadSize = 65536;
+
+// Version bytes that code depends on; types.cpp lists all that are accepted.
+inline constexpr u8 kVersionPlain = 0x03;
+inline constexpr u8 kVersionDBase3 = 0x83;
+inline constexpr u8 kVersionDBase4 = 0x8B;
+inline constexpr u8 kVersionLevel7 = 0x8C;
+inline constexpr u8 kVersionFoxPro = 0xF5;
+inline constexpr u8 kVersionVisualFoxPro = 0x30;
+inline constexpr u8 kVersionSmt = 0xE5;
+
+// types.cpp: one row per field type.
+enum class BlankRule : u8 { Spaces, Zeros, SpacesAtLength14, ZerosAtLength8Or4, Reference };
+enum class NumericRule : u8 { Never, Always, AtLength8 };
+enum class MemoRule : u8 { Never, Always, AtLength10 };
+struct TypeRow {
+    char letter;
+    const char* name;
+    const char* nameAtLength8;  ///< null where the length makes no difference
+    BlankRule blank;
+    NumericRule numeric;
+    MemoRule memo;
+    bool accepted;  ///< tables with this letter open without remark
+};
+/// The row of a type letter, or the row of unknown letters.
+const TypeRow& typeRow(char letter);
+bool acceptedVersion(u8 version);
+
+// format.cpp: the codec of header and descriptors.
+void decodeHeader(const u8* from, DbfHeader*);
+void encodeHeader(const DbfHeader&, u8* to);
+void encodeDescriptor(const DbfField&, u32 descriptorSize, u8* to);
+/// ReadFields; fresh says that AliasNames is still zero and need not be cleared.
+char readFields(DbfBase*, bool fresh);
+
+// paths.cpp
+struct PathParts {
+    std::string_view dir;   ///< with its last slash
+    std::string_view name;  ///< without extension
+    std::string_view ext;   ///< with its dot
+};
+PathParts splitPath(std::string_view path);
+
+// records.cpp
+/// Reads up to count bytes at a file offset of the table, from the bytes read ahead where they
+/// cover it. False when the offset cannot be reached; *got becomes the number of bytes read.
+bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got);
+/// Writes count bytes at a file offset of the table and keeps the bytes read ahead true.
+bool writeTable(DbfBase*, u64 offset, const void* buffer, u32 count);
+/// writeTable for a table file that stands at offset already.
+bool writeTableHere(DbfBase*, u64 offset, const void* buffer, u32 count);
+/// Forgets the bytes read ahead.
+void dropReadAhead(DbfBase*);
+/// (size - HeaderLength) / RecordLength, 0 for a file shorter than its header.
+u32 recordsInFile(const DbfBase*, u64 size);
+
+// dates.cpp
+/// Renders a D, T or "@" field into TextBuffer.
+void renderDate(DbfBase*, int field);
+
+}  // namespace mira::detail

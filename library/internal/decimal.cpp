@@ -1,0 +1,172 @@
+// Decimal text to double and back.
+#include "internal/decimal.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+namespace mira::detail {
+namespace {
+
+__extension__ using Wide = unsigned __int128;
+
+constexpr unsigned kMantissaBits = 52;
+constexpr unsigned kExponentBias = 1075;  // of the mantissa taken as an integer
+constexpr unsigned kExactDecimals = 19;   // 10^19 is the largest power of ten in 64 bits
+
+constexpr u64 kPowersOfTen[kExactDecimals + 1] = {1ULL,
+                                                  10ULL,
+                                                  100ULL,
+                                                  1000ULL,
+                                                  10000ULL,
+                                                  100000ULL,
+                                                  1000000ULL,
+                                                  10000000ULL,
+                                                  100000000ULL,
+                                                  1000000000ULL,
+                                                  10000000000ULL,
+                                                  100000000000ULL,
+                                                  1000000000000ULL,
+                                                  10000000000000ULL,
+                                                  100000000000000ULL,
+                                                  1000000000000000ULL,
+                                                  10000000000000000ULL,
+                                                  100000000000000000ULL,
+                                                  1000000000000000000ULL,
+                                                  10000000000000000000ULL};
+
+bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+/// Right-aligns body behind blanks.
+std::size_t alignRight(char* to, std::string_view body, unsigned width) {
+    const std::size_t pad = body.size() < width ? width - body.size() : 0;
+    std::memset(to, ' ', pad);
+    std::memcpy(to + pad, body.data(), body.size());
+    to[pad + body.size()] = 0;
+    return pad + body.size();
+}
+
+/// Rounds |value| * 10^decimals to an integer, half to even, from the exact binary value. False
+/// when that does not fit 64 bits.
+bool scaleExactly(double value, unsigned decimals, u64* scaled) {
+    const u64 bits = std::bit_cast<u64>(value);
+    const auto exponent = static_cast<unsigned>(bits >> kMantissaBits & 0x7FF);
+    const u64 fraction = bits & ((u64{1} << kMantissaBits) - 1);
+    if (exponent == 0x7FF || decimals > kExactDecimals) return false;
+    // |value| = mantissa * 2^(exponent - kExponentBias); the product has at most 53 + 64 bits.
+    const u64 mantissa = exponent == 0 ? fraction : fraction | u64{1} << kMantissaBits;
+    const Wide product = Wide{mantissa} * kPowersOfTen[decimals];
+    if (exponent >= kExponentBias) {
+        const unsigned shift = exponent - kExponentBias;
+        if (shift > 10 || (product << shift) > std::numeric_limits<u64>::max()) return false;
+        *scaled = static_cast<u64>(product << shift);
+        return true;
+    }
+    const unsigned shift = kExponentBias - std::max(exponent, 1u);
+    if (shift >= 128) {
+        *scaled = 0;
+        return true;
+    }
+    const Wide quotient = product >> shift;
+    if (quotient >= std::numeric_limits<u64>::max()) return false;
+    const Wide rest = product & ((Wide{1} << shift) - 1);
+    const Wide half = Wide{1} << (shift - 1);
+    *scaled = static_cast<u64>(quotient);
+    if (rest > half || (rest == half && (*scaled & 1) != 0)) ++*scaled;
+    return true;
+}
+
+std::size_t printSpecial(char* to, double value, unsigned width) {
+    const bool negative = std::signbit(value);
+    if (std::isnan(value)) return alignRight(to, negative ? "-nan" : "nan", width);
+    return alignRight(to, negative ? "-inf" : "inf", width);
+}
+
+/// Two digits at a time, from the end; returns where the first digit stands.
+char* digitsBackward(char* end, u64 value) {
+    static constexpr char pairs[] =
+        "0001020304050607080910111213141516171819202122232425262728293031323334353637383940414243"
+        "4445464748495051525354555657585960616263646566676869707172737475767778798081828384858687"
+        "888990919293949596979899";
+    while (value >= 100) {
+        end -= 2;
+        std::memcpy(end, pairs + 2 * (value % 100), 2);
+        value /= 100;
+    }
+    if (value >= 10) {
+        end -= 2;
+        std::memcpy(end, pairs + 2 * value, 2);
+    } else {
+        *--end = static_cast<char>('0' + value);
+    }
+    return end;
+}
+
+}  // namespace
+
+double readDecimal(std::string_view text) {
+    const char* at = text.data();
+    const char* end = at + text.size();
+    while (at != end && isSpace(*at)) ++at;
+    const char* start = at;
+    const bool negative = at != end && *at == '-';
+    if (at != end && (*at == '-' || *at == '+')) ++at;
+    if (at == end) return 0.0;
+    const bool plain = isDigit(*at) || *at == '.';
+    const bool hex = *at == '0' && at + 1 != end && (at[1] == 'x' || at[1] == 'X');
+    if (plain && !hex) {
+        double value = 0.0;
+        const std::from_chars_result result = std::from_chars(at, end, value);
+        if (result.ec == std::errc()) return negative ? -value : value;
+        if (result.ec == std::errc::invalid_argument) return 0.0;
+    }
+    // Hexadecimal, "inf", "nan" and what is too large or too small for a double. Fields are at most
+    // 255 bytes long; what strtod reads past that is of no weight.
+    char copy[300];
+    const std::size_t length = std::min<std::size_t>(static_cast<std::size_t>(end - start), 299);
+    std::memcpy(copy, start, length);
+    copy[length] = 0;
+    return std::strtod(copy, nullptr);
+}
+
+std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, unsigned decimals) {
+    char body[32];
+    char* const end = body + sizeof body;
+    char* start = end;
+    if (decimals != 0) {
+        const u64 power = kPowersOfTen[decimals];
+        char* const point = end - decimals - 1;
+        start = digitsBackward(end, magnitude % power);
+        while (start > point + 1) *--start = '0';
+        *point = '.';
+        start = digitsBackward(point, magnitude / power);
+    } else {
+        start = digitsBackward(end, magnitude);
+    }
+    if (negative) *--start = '-';
+    return alignRight(to, {start, static_cast<std::size_t>(end - start)}, width);
+}
+
+std::size_t printInteger(char* to, i32 value, unsigned width) {
+    const i64 wide = value;
+    return printScaled(to, wide < 0, static_cast<u64>(wide < 0 ? -wide : wide), width, 0);
+}
+
+std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals) {
+    if (!std::isfinite(value)) return printSpecial(to, value, width);
+    u64 scaled = 0;
+    if (scaleExactly(value, decimals, &scaled)) {
+        return printScaled(to, std::signbit(value), scaled, width, decimals);
+    }
+    char body[kFixedTextSize];
+    const std::to_chars_result result = std::to_chars(
+        body, body + sizeof body, value, std::chars_format::fixed, static_cast<int>(decimals));
+    return alignRight(to, {body, static_cast<std::size_t>(result.ptr - body)}, width);
+}
+
+}  // namespace mira::detail

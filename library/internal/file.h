@@ -1,0 +1,52 @@
+// File access: exact transfers, sizes, owning pointers.
+//
+// Streams are unbuffered: a transfer is one system call, and nothing written waits in the process.
+// The table file gets its read-ahead from dbf/records.cpp.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "mira.h"
+
+namespace mira::detail {
+
+struct FreeDeleter {
+    void operator()(void* block) const { std::free(block); }
+};
+struct CloseDeleter {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+/// A malloc block that frees itself; release() hands it to a handle or a caller.
+template <typename T>
+using Block = std::unique_ptr<T, FreeDeleter>;
+using OwnedFile = std::unique_ptr<std::FILE, CloseDeleter>;
+
+/// count elements of T, uninitialised; null when there is no memory.
+template <typename T>
+Block<T> allocate(std::size_t count) {
+    if (count > SIZE_MAX / sizeof(T)) return nullptr;
+    return Block<T>(static_cast<T*>(std::malloc(count * sizeof(T))));
+}
+
+/// A malloc copy of a text; null for null or without memory.
+Block<char> copyText(const char* text);
+
+/// Opens with an fopen mode, unbuffered; null on failure, and for a directory.
+std::FILE* openUnbuffered(const char* path, const char* mode);
+
+/// Seeks to a byte offset; false when it cannot be reached with 31 bits or the seek fails.
+bool seekTo(std::FILE*, u64 offset);
+/// All count bytes, or false.
+bool readExact(std::FILE*, void* buffer, u32 count);
+bool writeExact(std::FILE*, const void* buffer, u32 count);
+/// Size of the file; leaves the position at its end. False when it cannot be told.
+bool fileSize(std::FILE*, u64* size);
+
+/// Number of writes the process has made through WriteFile. Bytes read ahead are valid only while
+/// it has not moved, so that one handle sees at once what another has written.
+u32 writeVersion();
+
+}  // namespace mira::detail
