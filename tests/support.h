@@ -1,0 +1,124 @@
+// What every test needs: a directory of its own, whole-file access, and tables laid out byte by
+// byte without the code under test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "mira.h"
+
+namespace test {
+
+using namespace std::string_literals;
+
+/// A fresh directory, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "miraXXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
+        path_ = pattern;
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    std::string file(std::string_view name) const { return (path_ / name).string(); }
+
+private:
+    std::filesystem::path path_;
+};
+
+inline std::string readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+inline void writeAll(const std::string& path, std::string_view bytes) {
+    std::ofstream(path, std::ios::binary)
+        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+/// A number as count little-endian bytes.
+inline std::string le(std::uint64_t value, int count) {
+    std::string bytes;
+    for (int i = 0; i < count; ++i) bytes += static_cast<char>(value >> (8 * i));
+    return bytes;
+}
+
+/// text cut or filled to a width.
+inline std::string padded(std::string_view text, std::size_t width, char fill = ' ') {
+    std::string result(text.substr(0, width));
+    result.resize(width, fill);
+    return result;
+}
+
+struct Column {
+    std::string name;
+    char type;
+    unsigned length;
+    unsigned decimals = 0;
+};
+
+/// The bytes of a table: header, descriptors, terminator, records, end-of-file byte. Records are
+/// given whole, deletion flag included. level7 selects the 68-byte header.
+struct Layout {
+    unsigned char version = 0x03;
+    std::vector<Column> columns;
+    std::vector<std::string> records;
+    bool level7 = false;
+
+    unsigned recordLength() const {
+        unsigned sum = 1;
+        for (const Column& c : columns)
+            sum += c.type == 'C' ? c.length + 256 * c.decimals : c.length;
+        return sum;
+    }
+    unsigned headerLength() const {
+        const auto count = static_cast<unsigned>(columns.size());
+        return level7 ? 68 + 48 * count + 1 : 32 + 32 * count + 1;
+    }
+    std::string bytes() const {
+        std::string out(1, static_cast<char>(version));
+        out +=
+            "\x1A\x0B\x18"s + le(records.size(), 4) + le(headerLength(), 2) + le(recordLength(), 2);
+        out.resize(level7 ? 68 : 32, 0);
+        for (const Column& c : columns) {
+            std::string d = padded(c.name, level7 ? 32 : 11, 0) + c.type;
+            d.resize(level7 ? 34 : 16, 0);
+            d += le(c.length, 1) + le(c.decimals, 1);
+            d.resize(level7 ? 48 : 32, 0);
+            out += d;
+        }
+        out += '\x0D';
+        for (const std::string& r : records) out += r;
+        return out + '\x1A';
+    }
+};
+
+struct Closer {
+    void operator()(mira::DbfBase* h) const { mira::CloseBase(h); }
+};
+/// A handle that closes itself.
+using Table = std::unique_ptr<mira::DbfBase, Closer>;
+
+/// Writes the layout to a file of the directory and opens it.
+inline Table openLayout(const TempDir& dir, const Layout& layout, std::string_view name = "t.dbf") {
+    writeAll(dir.file(name), layout.bytes());
+    return Table(mira::OpenBase(dir.file(name).c_str()));
+}
+
+/// A text as const char* for the readers that may return null.
+inline std::string str(const char* text) { return text == nullptr ? "(null)" : text; }
+
+}  // namespace test
