@@ -50,8 +50,8 @@ build_release() {
     local target=$1
     shift
     {
-        cmake -S "$root" -B "$build" --log-level=WARNING -DCMAKE_BUILD_TYPE=Release \
-            -DCMAKE_TARGET_MESSAGES=OFF "$@" &&
+        cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_TARGET_MESSAGES=OFF "$@" \
+            >/dev/null &&
             cmake --build "$build" --target "$target" -j "$(processors)"
     } </dev/null >&2
 }

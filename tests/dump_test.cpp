@@ -60,15 +60,19 @@ TEST(Dump, OpensTestDbfByDefaultAndIgnoresFurtherArguments) {
     const test::TempDir dir;
     const std::string here = "cd " + quoted(dir.file("")) + " && " + quoted(kDump);
     EXPECT_EQ(outputOf(here), "");
-    test::writeAll(dir.file("test.dbf"),
-                   test::Layout{.columns = {{"A", 'C', 2}}, .records = {" xy", "*z "}}.bytes());
+    test::Layout layout;
+    layout.columns = {{"A", 'C', 2}};
+    layout.records = {" xy", "*z "};
+    test::writeAll(dir.file("test.dbf"), layout.bytes());
     EXPECT_EQ(outputOf(here), "xy|\nz |\n");
     EXPECT_EQ(outputOf(here + " test.dbf none.dbf"), "xy|\nz |\n");
 }
 
 TEST(Dump, PrintsNothingWithoutRecords) {
     const test::TempDir dir;
-    test::writeAll(dir.file("empty.dbf"), test::Layout{.columns = {{"A", 'C', 2}}}.bytes());
+    test::Layout layout;
+    layout.columns = {{"A", 'C', 2}};
+    test::writeAll(dir.file("empty.dbf"), layout.bytes());
     test::writeAll(dir.file("no-table.dbf"), "no table");
     for (const char* name : {"empty.dbf", "no-table.dbf", "none.dbf", ""}) {
         EXPECT_EQ(dump(dir.file(name)), "") << name;
