@@ -73,6 +73,10 @@ void dropReadAhead(DbfBase*);
 /// (size - HeaderLength) / RecordLength, 0 for a file shorter than its header.
 u32 recordsInFile(const DbfBase*, u64 size);
 
+// write.cpp
+/// Makes the backup copy when it is due.
+void backUp(DbfBase*);
+
 // dates.cpp
 /// Renders a D, T or "@" field into TextBuffer.
 void renderDate(DbfBase*, int field);

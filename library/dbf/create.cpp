@@ -1,0 +1,191 @@
+// Creating tables: the fixed header, the descriptors, the terminator and, for kind 3, a zero-filled
+// backlink area; no record and no end-of-file byte.
+#include <algorithm>
+#include <cstring>
+
+#include "dbf/dbf.h"
+#include "internal/clock.h"
+#include "internal/file.h"
+
+namespace mira {
+
+using namespace detail;
+
+namespace {
+
+constexpr u32 kBackLinkSize = 263;
+constexpr u32 kSizeLimit = 65535;  // header and record lengths have 16 bits
+constexpr u8 kTerminator = 0x0D;
+constexpr u32 kVisualFoxProKind = 3;
+constexpr u8 kMemoFlag = 3;  // table flags and code page mark of a Visual FoxPro table with memos
+constexpr u32 kFlagsPlace = 16;  // both, in Header.Rest
+
+struct Flavour {
+    u32 kind;
+    u8 version;
+    u32 headerSize;
+    u32 descriptorSize;
+};
+
+constexpr Flavour kFlavours[] = {
+    {0, kVersionDBase3, 32, 32}, {1, kVersionFoxPro, 32, 32},
+    {2, kVersionDBase4, 32, 32}, {kVisualFoxProKind, kVersionVisualFoxPro, 32, 32},
+    {4, kVersionSmt, 32, 32},    {7, kVersionLevel7, 68, 48},
+};
+constexpr Flavour kPlainFlavour = {0, kVersionPlain, 32, 32};
+
+const Flavour& flavourOf(u32 kind) {
+    for (const Flavour& flavour : kFlavours) {
+        if (flavour.kind == kind) return flavour;
+    }
+    return kPlainFlavour;
+}
+
+void setWideLength(DbfField* f, unsigned length) {
+    f->Length = static_cast<u8>(length);
+    f->Decimals = static_cast<u8>(length >> 8);
+}
+
+/// Gives a fixed-size type its length. True when the field makes the table one with memos.
+bool forceLength(DbfField* f, u8 version) {
+    switch (f->Type) {
+        case 'D':
+        case 'Y':
+            setWideLength(f, 8);
+            return false;
+        case 'I':
+        case '+':
+            setWideLength(f, 4);
+            return false;
+        case 'L':
+            setWideLength(f, 1);
+            return false;
+        case 'T':
+        case '@':
+            if (wideLength(*f) != 14) setWideLength(f, version == kVersionVisualFoxPro ? 8 : 14);
+            return false;
+        case 'M':
+        case 'G':
+            setWideLength(f, version == kVersionVisualFoxPro ? 4 : 10);
+            return true;
+        case 'B':
+        case 'O':
+            if (wideLength(*f) == 10) return true;
+            if (wideLength(*f) == 8) return false;
+            if (version == kVersionDBase4) {
+                setWideLength(f, 10);
+            } else {
+                f->Length = 8;
+            }
+            return wideLength(*f) == 10;
+        default:
+            return false;
+    }
+}
+
+/// What a new table's fields come to.
+struct Layout {
+    u64 headerLength;
+    u64 recordLength = 1;
+    bool memos = false;
+};
+
+/// Completes the fields. Offsets are right when the record turns out to be no longer than it may.
+Layout layOut(DbfField* fields, u32 count, const Flavour& flavour) {
+    const u32 backLink = flavour.kind == kVisualFoxProKind ? kBackLinkSize : 0;
+    Layout layout{u64{flavour.headerSize} + u64{flavour.descriptorSize} * count + 1 + backLink};
+    for (u32 i = 0; i < count; ++i) {
+        fields[i].Offset = static_cast<u16>(layout.recordLength);
+        layout.memos = forceLength(&fields[i], flavour.version) || layout.memos;
+        layout.recordLength += fieldLength(fields[i]);
+    }
+    return layout;
+}
+
+DbfHeader headerOf(const Layout& layout, const Flavour& flavour) {
+    DbfHeader header{};
+    header.Version = layout.memos ? flavour.version : kVersionPlain;
+    std::tm now;
+    if (localTime(std::time(nullptr), &now)) {
+        int year = now.tm_year;  // since 1900; unlike the date of later updates kept whole
+        while (year > 255) year -= 100;
+        header.UpdateYear = static_cast<u8>(year);
+        header.UpdateMonth = static_cast<u8>(now.tm_mon + 1);
+        header.UpdateDay = static_cast<u8>(now.tm_mday);
+    }
+    header.HeaderLength = static_cast<u16>(layout.headerLength);
+    header.RecordLength = static_cast<u16>(layout.recordLength);
+    if (layout.memos && flavour.kind == kVisualFoxProKind) {
+        std::memset(header.Rest + kFlagsPlace, kMemoFlag, 2);
+    }
+    return header;
+}
+
+/// The whole file, zero where nothing is said: headerLength bytes.
+void encodeTable(const DbfField* fields, u32 count, const Layout& layout, const Flavour& flavour,
+                 u8* image) {
+    u8 header[sizeof(DbfHeader)];
+    encodeHeader(headerOf(layout, flavour), header);
+    std::memset(image, 0, layout.headerLength);
+    std::memcpy(image, header, flavour.headerSize);
+    u8* to = image + flavour.headerSize;
+    for (u32 i = 0; i < count; ++i, to += flavour.descriptorSize) {
+        encodeDescriptor(fields[i], flavour.descriptorSize, to);
+    }
+    *to = kTerminator;
+}
+
+/// Where the backlink area starts; false when the header is too short to hold one.
+bool findBackLink(const DbfBase* h, u64* offset) {
+    *offset = u64{h->HeaderSize} + u64{h->DescriptorSize} * h->FieldCount + 1;
+    return *offset + kBackLinkSize <= h->Header.HeaderLength;
+}
+
+}  // namespace
+
+char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32 blockSize,
+                    char createMemo) {
+    if (path == nullptr || count < 0 || count > static_cast<int>(kSizeLimit)) return 0;
+    if (fields == nullptr && count != 0) return 0;
+    const auto total = static_cast<u32>(count);
+    const Flavour& flavour = flavourOf(kind);
+
+    // The caller's fields are completed only once the file is there.
+    const Block<DbfField> complete = allocate<DbfField>(std::max(total, 1u));
+    if (!complete) return 0;
+    std::copy_n(fields, total, complete.get());
+    const Layout layout = layOut(complete.get(), total, flavour);
+    if (layout.headerLength > kSizeLimit || layout.recordLength > kSizeLimit) return 0;
+    const Block<u8> image = allocate<u8>(layout.headerLength);
+    if (!image) return 0;
+    encodeTable(complete.get(), total, layout, flavour, image.get());
+
+    OwnedFile file(openUnbuffered(path, "wb+"));
+    if (!file) return 0;
+    std::copy_n(complete.get(), total, fields);
+    bool written = writeExact(file.get(), image.get(), static_cast<u32>(layout.headerLength));
+    written = std::fclose(file.release()) == 0 && written;
+    if (createMemo != 0 && layout.memos) CreateMemoFile(path, kind, blockSize);
+    return written ? 1 : 0;
+}
+
+void CreateField(DbfField* field, const char* name, char type, int length) {
+    std::memset(field->Name, 0, sizeof field->Name);
+    if (name != nullptr) std::memcpy(field->Name, name, strnlen(name, sizeof field->Name - 1));
+    field->Type = type;
+    setWideLength(field, static_cast<unsigned>(length));
+}
+
+void WriteBackLink(DbfBase* destination, DbfBase* source) {
+    u64 to = 0;
+    u64 from = 0;
+    if (destination == source || !findBackLink(destination, &to) || !findBackLink(source, &from)) {
+        return;
+    }
+    u8 area[kBackLinkSize] = {};
+    // What cannot be read is written as zeros, and there is nobody to tell of a failed write.
+    if (seekTo(source->TableFile, from)) ReadFile(source->TableFile, area, kBackLinkSize);
+    writeTable(destination, to, area, kBackLinkSize);
+}
+
+}  // namespace mira

@@ -1,0 +1,186 @@
+// Memo kinds and memo format families: which version byte selects which, how the memo file is
+// named, and the layout that each family gives its file.
+//
+// Header of a memo file, block 0 (offset, size):
+//
+//   family     next free block   unit                 signature
+//   dBase III  0, 4 little       512, not stored
+//   dBase IV   0, 4 little       20, 2 little         18: 02 01
+//   FoxPro     0, 4 big          6, 2 big
+//   SMT        0, 4 little       4, 2 little          6: "SIxMemo" 00
+//
+// A memo in its block:
+//
+//   dBase III  data, 1A                               n + 1 bytes, no length
+//   dBase IV   FF FF 08 00, n + 8 little, data        n + 8 bytes
+//   FoxPro     00 00 00 01, n big, data               n + 8 bytes
+//   SMT        data                                   n bytes, the length stands in the record
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "dbf/dbf.h"
+#include "internal/ascii.h"
+#include "memo/memo.h"
+
+namespace mira {
+
+namespace detail {
+
+const MemoFamily kDBase3Memo = {.headerSize = 4, .endSize = 1};
+const MemoFamily kDBase4Memo = {.headerSize = 24,
+                                .unitPlace = 20,
+                                .prefixSize = kMemoPrefixSize,
+                                .mark = {0xFF, 0xFF, 0x08, 0x00},
+                                .markChecked = 4,
+                                .lengthBias = kMemoPrefixSize,
+                                .signaturePlace = 18,
+                                .signatureSize = 2,
+                                .signature = "\x02\x01"};
+const MemoFamily kFoxProMemo = {.headerSize = 8,
+                                .unitPlace = 6,
+                                .bigEndian = true,
+                                .prefixSize = kMemoPrefixSize,
+                                .mark = {0, 0, 0, 1},
+                                .markChecked = 3};  // pictures are of type 0
+const MemoFamily kSmtMemo = {.headerSize = 16,
+                             .unitPlace = 4,
+                             .shortHeaderReads = true,
+                             .signaturePlace = 6,
+                             .signatureSize = 8,
+                             .signature = "SIxMemo"};
+
+}  // namespace detail
+
+using namespace detail;
+
+namespace {
+
+struct KindRow {
+    u32 kind;
+    const char* extension;
+    const MemoFamily* family;
+};
+
+constexpr u32 kKindDBase3 = 0;
+constexpr u32 kKindFoxPro = 1;
+constexpr u32 kKindDBase4 = 2;
+constexpr u32 kKindVisualFoxPro = 3;
+constexpr u32 kKindSmt = 4;
+constexpr u32 kKindLevel7 = 7;
+
+constexpr KindRow kKinds[] = {
+    {kKindDBase3, ".dbt", &kDBase3Memo}, {kKindFoxPro, ".fpt", &kFoxProMemo},
+    {kKindDBase4, ".dbt", &kDBase4Memo}, {kKindVisualFoxPro, ".fpt", &kFoxProMemo},
+    {kKindSmt, ".smt", &kSmtMemo},       {kKindLevel7, ".dbt", &kDBase4Memo},
+};
+constexpr KindRow kNoKind = {0, ".dbv", nullptr};
+
+struct VersionRow {
+    u8 version;
+    u32 kind;
+    const MemoFamily* family;
+};
+
+constexpr VersionRow kVersions[] = {
+    {kVersionPlain, kKindDBase3, &kDBase3Memo},
+    {kVersionDBase3, kKindDBase3, &kDBase3Memo},
+    {0x04, kKindDBase4, &kDBase4Memo},
+    {kVersionDBase4, kKindDBase4, &kDBase4Memo},
+    {kVersionLevel7, kKindLevel7, &kDBase4Memo},
+    {kVersionVisualFoxPro, kKindVisualFoxPro, &kFoxProMemo},
+    {0x31, kKindVisualFoxPro, &kFoxProMemo},
+    {0x32, kKindVisualFoxPro, &kFoxProMemo},
+    {kVersionFoxPro, kKindFoxPro, &kFoxProMemo},
+    {kVersionSmt, kKindSmt, &kSmtMemo},
+};
+constexpr VersionRow kNoVersion = {0, kKindDBase3, nullptr};
+
+const KindRow& kindRow(u32 kind) {
+    for (const KindRow& row : kKinds) {
+        if (row.kind == kind) return row;
+    }
+    return kNoKind;
+}
+
+const VersionRow& versionRow(u8 version) {
+    for (const VersionRow& row : kVersions) {
+        if (row.version == version) return row;
+    }
+    return kNoVersion;
+}
+
+bool equalButForCase(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](char x, char y) { return lowerAscii(x) == lowerAscii(y); });
+}
+
+/// The one file beside path whose name differs from its name only in letter case. Null when path
+/// itself exists, and when there is no such file or more than one.
+char* nameInOtherCase(const char* path) {
+    namespace fs = std::filesystem;
+    try {
+        std::error_code error;
+        if (fs::exists(path, error)) return nullptr;
+        const std::string_view whole = path;
+        const std::string_view dir = splitPath(whole).dir;
+        const std::string_view wanted = whole.substr(dir.size());
+        std::string found;
+        fs::directory_iterator entry(dir.empty() ? fs::path(".") : fs::path(dir), error);
+        for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+            const std::string name = entry->path().filename().string();
+            if (!equalButForCase(name, wanted)) continue;
+            if (!found.empty()) return nullptr;
+            found = name;
+        }
+        if (error || found.empty()) return nullptr;
+        return copyText((std::string(dir) + found).c_str()).release();
+    } catch (...) {
+        return nullptr;  // no memory: the name stays the regular one
+    }
+}
+
+}  // namespace
+
+namespace detail {
+
+const MemoFamily* memoFamily(u8 version) { return versionRow(version).family; }
+
+const MemoFamily* memoFamilyOfKind(u32 kind) { return kindRow(kind).family; }
+
+}  // namespace detail
+
+char* GetMemoName(const char* tablePath, u32 kind) {
+    if (tablePath == nullptr) return nullptr;
+    const PathParts parts = splitPath(tablePath);
+    const bool container =
+        kindRow(kind).family == &kFoxProMemo && equalButForCase(parts.ext, ".dbc");
+    const std::string_view extension = container ? ".dct" : kindRow(kind).extension;
+    const std::size_t stem = parts.dir.size() + parts.name.size();
+    Block<char> name = allocate<char>(stem + extension.size() + 1);
+    if (name == nullptr) return nullptr;
+    // The stem is the beginning of the path: name follows dir there, too.
+    std::memcpy(name.get(), tablePath, stem);
+    std::memcpy(name.get() + stem, extension.data(), extension.size());
+    name.get()[stem + extension.size()] = 0;
+    return name.release();
+}
+
+u32 GetMemoType(DbfBase* h) {
+    const bool level7 = h->HeaderSize == 68;
+    const u32 kind = level7 ? kKindLevel7 : versionRow(h->Header.Version).kind;
+    std::free(h->MemoFileName);
+    h->MemoFileName = GetMemoName(h->FileName, kind);
+    if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) {
+        if (char* other = nameInOtherCase(h->MemoFileName)) {
+            std::free(h->MemoFileName);
+            h->MemoFileName = other;
+        }
+    }
+    FreeMemo(h);
+    return kind;
+}
+
+}  // namespace mira

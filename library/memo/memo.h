@@ -1,0 +1,113 @@
+// Declarations shared by the files of the memo module: the four memo file formats as rows of one
+// table, and the reading, appending and referencing that follow them.
+#pragma once
+
+#include <cstdio>
+
+#include "internal/bytes.h"
+#include "internal/file.h"
+#include "mira.h"
+
+namespace mira::detail {
+
+inline constexpr u32 kFixedMemoUnit = 512;    // dBase III, never stored
+inline constexpr u32 kMissingMemoUnit = 256;  // stands in for a unit that a short header lacks
+inline constexpr u32 kMemoHeaderMin = 512;  // bytes of a new memo file, when its unit is no larger
+inline constexpr u32 kMemoHeaderRead = 24;  // the most that a family reads of the header
+inline constexpr u32 kMemoPrefixSize = 8;   // mark and length before the data
+inline constexpr u8 kMemoEnd = 0x1A;        // ends a dBase III memo
+
+/// One memo file format. A memo of n bytes is [prefix] data [end byte] from the start of a block;
+/// block b starts at byte b * unit. The header begins with the number of the next free block.
+struct MemoFamily {
+    u32 headerSize = 0;             ///< bytes at the start of the file that hold counter and unit
+    u32 unitPlace = 0;              ///< offset of the 16-bit unit; 0: the unit is kFixedMemoUnit
+    bool bigEndian = false;         ///< byte order of counter, unit and length
+    bool shortHeaderReads = false;  ///< readers take kMissingMemoUnit when the header is short
+    u32 prefixSize = 0;             ///< bytes before the data: kMemoPrefixSize or 0
+    u8 mark[4] = {};                ///< first half of the prefix; the second is the length
+    u32 markChecked = 0;            ///< bytes of the mark that a reader insists on
+    u32 lengthBias = 0;             ///< what the stored length counts besides the data
+    u32 endSize = 0;                ///< end bytes behind the data: 1 or 0
+    u32 signaturePlace = 0;         ///< where signature goes in a new header
+    u32 signatureSize = 0;
+    char signature[9] = "";
+};
+
+extern const MemoFamily kDBase3Memo;
+extern const MemoFamily kDBase4Memo;
+extern const MemoFamily kFoxProMemo;
+extern const MemoFamily kSmtMemo;
+
+/// The family that the version byte selects for reading and writing; null: no memo format.
+const MemoFamily* memoFamily(u8 version);
+/// The family that a memo file of a kind is created in; null: no memo format.
+const MemoFamily* memoFamilyOfKind(u32 kind);
+
+/// What a memo field holds. length counts only in SMT tables.
+struct MemoReference {
+    u32 block;
+    u32 length;
+};
+
+// reference.cpp
+/// The reference in a memo field of RecordBuffer.
+MemoReference memoReference(DbfBase*, int field);
+/// False when the field is shorter than the binary reference that its table keeps there.
+bool hasRoomForReference(DbfBase*, int field);
+/// Stores a reference; digits that do not fit leave the field as it was.
+void setMemoReference(DbfBase*, int field, MemoReference);
+
+// read.cpp
+enum class MemoRead {
+    Found,
+    None,   ///< the reference leads to no memo
+    Failed  ///< no memory, or the file could not be read
+};
+inline constexpr u32 kMemoTextMax = 65535;  // the most that a dBase III memo read as text holds
+inline constexpr u32 kMemoNoLimit = 0x7FFFFFFE;
+/// Block unit from a memo file at its start; kMissingMemoUnit and false when the header is short.
+bool readMemoUnit(std::FILE*, const MemoFamily&, u32* unit);
+/// Reads the memo of a reference; *memo holds *length bytes and a zero byte. limit cuts memos that
+/// have an end byte in place of a length.
+MemoRead readMemo(std::FILE*, const MemoFamily&, u32 unit, MemoReference, u32 limit,
+                  Block<char>* memo, u32* length);
+
+// write.cpp
+/// Appends a memo to a memo file at its start and advances the counter. The block; 0 on failure.
+u32 appendMemo(std::FILE*, const MemoFamily&, const char* bytes, u32 length);
+
+inline u32 loadMemo32(const MemoFamily& family, const u8* from) {
+    return family.bigEndian ? loadBe32(from) : loadLe32(from);
+}
+inline void storeMemo32(const MemoFamily& family, u8* to, u32 value) {
+    family.bigEndian ? storeBe32(to, value) : storeLe32(to, value);
+}
+
+/// Block unit from the header bytes.
+inline u32 memoUnit(const MemoFamily& family, const u8* header) {
+    if (family.unitPlace == 0) return kFixedMemoUnit;
+    const u8* from = header + family.unitPlace;
+    return family.bigEndian ? loadBe16(from) : loadLe16(from);
+}
+
+/// MemoFile, open for as long as this lives.
+class OpenMemoFile {
+public:
+    explicit OpenMemoFile(DbfBase* h) : handle_(h) {
+        h->MemoFile = h->MemoFileName == nullptr ? nullptr : Open_File(h->MemoFileName);
+    }
+    ~OpenMemoFile() {
+        if (handle_->MemoFile != nullptr) std::fclose(handle_->MemoFile);
+        handle_->MemoFile = nullptr;
+    }
+    OpenMemoFile(const OpenMemoFile&) = delete;
+    OpenMemoFile& operator=(const OpenMemoFile&) = delete;
+
+    explicit operator bool() const { return handle_->MemoFile != nullptr; }
+
+private:
+    DbfBase* handle_;
+};
+
+}  // namespace mira::detail

@@ -1,0 +1,203 @@
+// Reading memos. One reader follows the rows of the family table. Lengths in block headers and
+// references are untrusted: no more is allocated than the file holds.
+#include <algorithm>
+#include <cstring>
+
+#include "memo/memo.h"
+
+namespace mira {
+
+using namespace detail;
+
+namespace {
+
+// The first read of a block: prefix and data together, so that a small memo takes one.
+constexpr u32 kFirstRead = 4096;
+
+/// Data from the file's place up to the end byte, at most limit bytes; at the end of the file none.
+MemoRead readToEnd(std::FILE* file, u32 limit, Block<char>* memo, u32* length) {
+    std::size_t capacity = kMemoTextMax;
+    Block<char> text = allocate<char>(capacity + 1);
+    if (!text) return MemoRead::Failed;
+    std::size_t used = 0;
+    for (std::size_t want = kFirstRead; used < limit; want = capacity - used) {
+        if (want == 0) {
+            capacity = std::min<std::size_t>(2 * capacity, limit);
+            char* larger = static_cast<char*>(std::realloc(text.get(), capacity + 1));
+            if (larger == nullptr) return MemoRead::Failed;
+            static_cast<void>(text.release());
+            text.reset(larger);
+            continue;
+        }
+        char* start = text.get() + used;
+        const u32 got = ReadFile(file, start, static_cast<i32>(want));
+        const void* end = std::memchr(start, kMemoEnd, got);
+        used +=
+            end != nullptr ? static_cast<std::size_t>(static_cast<const char*>(end) - start) : got;
+        if (end != nullptr || got < want) break;
+    }
+    text.get()[used] = 0;
+    *length = static_cast<u32>(used);
+    *memo = std::move(text);
+    return MemoRead::Found;
+}
+
+/// Length of the data behind a prefix; false when it begins no memo.
+bool decodePrefix(const MemoFamily& family, const u8* prefix, u32* length) {
+    if (std::memcmp(prefix, family.mark, family.markChecked) != 0) return false;
+    const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
+    *length = stored - family.lengthBias;
+    return stored >= family.lengthBias;
+}
+
+/// Bytes of the file from offset on, as many as one read can take; 0 when that cannot be told.
+u32 bytesFrom(std::FILE* file, u64 offset) {
+    u64 size = 0;
+    if (!fileSize(file, &size) || size < offset) return 0;
+    return static_cast<u32>(std::min<u64>(size - offset, kMemoNoLimit));
+}
+
+/// The memo whose block starts at offset, where the file stands.
+MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 length,
+                   Block<char>* memo, u32* lengthRead) {
+    u8 start[kFirstRead];
+    const u32 want = family.prefixSize != 0 ? kFirstRead : std::min(length, kFirstRead);
+    const u32 got = ReadFile(file, start, static_cast<i32>(want));
+    if (got < family.prefixSize) return MemoRead::None;
+    if (family.prefixSize != 0 && !decodePrefix(family, start, &length)) return MemoRead::None;
+
+    const u32 have = std::min(length, got - family.prefixSize);
+    u32 rest = length - have;
+    if (rest != 0) rest = got < want ? 0 : std::min(rest, bytesFrom(file, offset + got));
+    Block<char> data = allocate<char>(std::size_t{have} + rest + 1);
+    if (!data) return MemoRead::Failed;
+    std::memcpy(data.get(), start + family.prefixSize, have);
+    if (rest != 0 && !seekTo(file, offset + got)) return MemoRead::None;
+    *lengthRead = have + ReadFile(file, data.get() + have, static_cast<i32>(rest));
+    data.get()[*lengthRead] = 0;
+    *memo = std::move(data);
+    return MemoRead::Found;
+}
+
+/// MemoFile, open and at its start, by the rules of one family.
+char* getMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
+    u32 unit = 0;
+    u32 got = 0;
+    Block<char> memo;
+    if (!readMemoUnit(h->MemoFile, family, &unit) && !family.shortHeaderReads) return nullptr;
+    if (readMemo(h->MemoFile, family, unit, reference, kMemoTextMax, &memo, &got) !=
+        MemoRead::Found) {
+        return nullptr;
+    }
+    if (length != nullptr) *length = got;
+    return memo.release();
+}
+
+char* getText(DbfBase* h, const MemoFamily& family, u32 block) {
+    return getMemo(h, family, {block, 0}, nullptr);
+}
+
+u32 blockUnit(DbfBase* h, const MemoFamily& family) {
+    u32 unit = 0;
+    readMemoUnit(h->MemoFile, family, &unit);  // has a value for a short header, too
+    return unit;
+}
+
+/// The same with the memo file opened for the while.
+char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
+    const OpenMemoFile open(h);
+    return open ? getMemo(h, family, reference, length) : nullptr;
+}
+
+}  // namespace
+
+namespace detail {
+
+bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
+    u8 header[kMemoHeaderRead];
+    const bool whole = family.unitPlace == 0 || readExact(file, header, family.headerSize);
+    *unit = whole ? memoUnit(family, header) : kMissingMemoUnit;
+    return whole;
+}
+
+MemoRead readMemo(std::FILE* file, const MemoFamily& family, u32 unit, MemoReference reference,
+                  u32 limit, Block<char>* memo, u32* length) {
+    const u64 offset = u64{unit} * reference.block;
+    if (!seekTo(file, offset)) return MemoRead::None;
+    const MemoRead result = family.endSize != 0
+                                ? readToEnd(file, limit, memo, length)
+                                : readBlock(file, family, offset, reference.length, memo, length);
+    return std::ferror(file) != 0 ? MemoRead::Failed : result;
+}
+
+}  // namespace detail
+
+u32 GetBlockSize(DbfBase* h) {
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    if (family == nullptr) return 0;
+    const OpenMemoFile open(h);
+    return open ? blockUnit(h, *family) : 0;
+}
+
+u32 dBase4_BlockSize(DbfBase* h) { return blockUnit(h, kDBase4Memo); }
+u32 FoxPro_BlockSize(DbfBase* h) { return blockUnit(h, kFoxProMemo); }
+u32 SMT_BlockSize(DbfBase* h) { return blockUnit(h, kSmtMemo); }
+
+int SeekMemo(DbfBase* h, u32 unit, u32 block) {
+    return seekTo(h->MemoFile, u64{unit} * block) ? 1 : 0;
+}
+
+int SeekMemoZero(DbfBase* h) { return seekTo(h->MemoFile, 0) ? 1 : 0; }
+
+void FreeMemo(DbfBase* h) {
+    std::free(h->MemoBuffer);
+    h->MemoBuffer = nullptr;
+}
+
+char* GetMemo(DbfBase* h, i32 field) {
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    // An SMT memo is no text: its length stands in the reference only.
+    if (family == nullptr || family == &kSmtMemo || if_memo_type(h, field) == 0) return nullptr;
+    const MemoReference reference = memoReference(h, field);
+    if (reference.block == 0) return nullptr;
+    char* memo = getFieldMemo(h, *family, reference, nullptr);
+    FreeMemo(h);
+    return memo;
+}
+
+char* GetMemoBuf(DbfBase* h, i32 field, u32* length) {
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    if (family == nullptr || if_memo_type(h, field) == 0) return nullptr;
+    const MemoReference reference = memoReference(h, field);
+    if (family == &kSmtMemo) {
+        if (length != nullptr) *length = reference.length;
+    } else if (reference.block == 0) {
+        return nullptr;
+    }
+    char* memo = getFieldMemo(h, *family, reference, length);
+    // A dBase III memo is text up to its first zero byte.
+    if (memo != nullptr && family == &kDBase3Memo && length != nullptr) {
+        *length = static_cast<u32>(std::strlen(memo));
+    }
+    FreeMemo(h);
+    return memo;
+}
+
+char* Get_dBase3(DbfBase* h, u32 block) { return getText(h, kDBase3Memo, block); }
+char* Get_dBase4(DbfBase* h, u32 block) { return getText(h, kDBase4Memo, block); }
+char* Get_FoxPro(DbfBase* h, u32 block) { return getText(h, kFoxProMemo, block); }
+char* Get_SMT(DbfBase* /*h*/, u32 /*block*/) { return nullptr; }
+
+char* Get_dBase4Buf(DbfBase* h, u32 block, u32* length) {
+    return getMemo(h, kDBase4Memo, {block, 0}, length);
+}
+
+char* Get_FoxProBuf(DbfBase* h, u32 block, u32* length) {
+    return getMemo(h, kFoxProMemo, {block, 0}, length);
+}
+
+char* Get_SMTBuf(DbfBase* h, u32 block, u32* length) {
+    return getMemo(h, kSmtMemo, {block, length != nullptr ? *length : 0}, length);
+}
+
+}  // namespace mira

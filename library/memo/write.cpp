@@ -1,0 +1,123 @@
+// Appending memos. One writer follows the rows of the family table: data goes to the next free
+// block, then the counter in the header moves on. Until it has moved nothing counts as stored.
+#include <cstring>
+
+#include "memo/memo.h"
+
+namespace mira {
+
+using namespace detail;
+
+namespace {
+
+constexpr u64 kFileLimit = 0x7FFFFFFF;
+constexpr u32 kOneWrite =
+    4096;  // memos up to this size go out with prefix and end byte in one write
+
+/// Where a memo goes.
+struct Place {
+    u32 block;
+    u32 next;  ///< counter after it
+    u64 offset;
+};
+
+/// False when the header is short, or leads to a place where no memo may be: the header itself, or
+/// beyond what a memo file can hold.
+bool findPlace(std::FILE* file, const MemoFamily& family, u64 size, Place* place) {
+    u8 header[kMemoHeaderRead];
+    if (!readExact(file, header, family.headerSize)) return false;
+    const u32 unit = memoUnit(family, header);
+    if (unit == 0) return false;
+    place->block = loadMemo32(family, header);
+    place->offset = u64{unit} * place->block;
+    if (place->offset < family.headerSize || place->offset + size > kFileLimit) return false;
+    place->next = place->block + static_cast<u32>((size + unit - 1) / unit);
+    return true;
+}
+
+bool writeData(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
+    u8 image[kMemoPrefixSize + kOneWrite + 1];
+    if (family.prefixSize != 0) {
+        std::memcpy(image, family.mark, sizeof family.mark);
+        storeMemo32(family, image + sizeof family.mark, length + family.lengthBias);
+    }
+    const bool together = length <= kOneWrite;
+    u32 used = family.prefixSize;
+    if (together) {
+        if (length != 0) std::memcpy(image + used, bytes, length);
+        used += length;
+    } else {
+        if (!writeExact(file, image, used) || !writeExact(file, bytes, length)) return false;
+        used = 0;
+    }
+    if (family.endSize != 0) image[used++] = kMemoEnd;
+    return writeExact(file, image, used);
+}
+
+bool writeCounter(std::FILE* file, const MemoFamily& family, u32 next) {
+    u8 counter[sizeof next];
+    storeMemo32(family, counter, next);
+    return seekTo(file, 0) && writeExact(file, counter, sizeof counter);
+}
+
+/// Length of a text; 0, which stores nothing, for one that no memo file can hold.
+u32 textLength(const char* text) {
+    const std::size_t length = text != nullptr ? std::strlen(text) : 0;
+    return length <= kFileLimit ? static_cast<u32>(length) : 0;
+}
+
+}  // namespace
+
+namespace detail {
+
+u32 appendMemo(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
+    if (bytes == nullptr && length != 0) return 0;
+    const u64 size = u64{family.prefixSize} + length + family.endSize;
+    Place place;
+    if (!findPlace(file, family, size, &place) || !seekTo(file, place.offset) ||
+        !writeData(file, family, bytes, length) || !writeCounter(file, family, place.next)) {
+        return 0;
+    }
+    return place.block;
+}
+
+}  // namespace detail
+
+int SetMemoBuf(DbfBase* h, u32 field, const char* bytes, u32 length) {
+    const auto number = static_cast<int>(field);
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    if (family == nullptr || bytes == nullptr || length == 0) return 0;
+    if (if_memo_type(h, number) == 0 || !hasRoomForReference(h, number)) return 0;
+    const OpenMemoFile open(h);
+    const u32 block = open ? appendMemo(h->MemoFile, *family, bytes, length) : 0;
+    if (block == 0) return 0;
+    setMemoReference(h, number, {block, length});
+    return 1;
+}
+
+int SetMemo(DbfBase* h, u32 field, const char* text) {
+    return SetMemoBuf(h, field, text, textLength(text));
+}
+
+u32 Set_dBase3Buf(DbfBase* h, const char* bytes, u32 length) {
+    return appendMemo(h->MemoFile, kDBase3Memo, bytes, length);
+}
+
+u32 Set_dBase4Buf(DbfBase* h, const char* bytes, u32 length) {
+    return appendMemo(h->MemoFile, kDBase4Memo, bytes, length);
+}
+
+u32 Set_FoxProBuf(DbfBase* h, const char* bytes, u32 length) {
+    return appendMemo(h->MemoFile, kFoxProMemo, bytes, length);
+}
+
+u32 Set_SMTBuf(DbfBase* h, const char* bytes, u32 length) {
+    return appendMemo(h->MemoFile, kSmtMemo, bytes, length);
+}
+
+u32 Set_dBase3(DbfBase* h, const char* text) { return Set_dBase3Buf(h, text, textLength(text)); }
+u32 Set_dBase4(DbfBase* h, const char* text) { return Set_dBase4Buf(h, text, textLength(text)); }
+u32 Set_FoxPro(DbfBase* h, const char* text) { return Set_FoxProBuf(h, text, textLength(text)); }
+u32 Set_SMT(DbfBase* h, const char* text) { return Set_SMTBuf(h, text, textLength(text)); }
+
+}  // namespace mira
