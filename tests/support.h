@@ -118,6 +118,19 @@ inline Table openLayout(const TempDir& dir, const Layout& layout, std::string_vi
     return Table(mira::OpenBase(dir.file(name).c_str()));
 }
 
+/// The parts of a list, for tables of texts.
+inline std::vector<std::string> split(std::string_view list, char separator = ';') {
+    std::vector<std::string> parts(1);
+    for (const char c : list) {
+        if (c == separator) {
+            parts.emplace_back();
+        } else {
+            parts.back() += c;
+        }
+    }
+    return parts;
+}
+
 /// A text as const char* for the readers that may return null.
 inline std::string str(const char* text) { return text == nullptr ? "(null)" : text; }
 

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <limits>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "support.h"
@@ -23,13 +22,6 @@ struct Result {
 Result run(std::string text, int status = 7) {
     const double value = mira::Evaluate(text.data(), &status);
     return {value, status, text.c_str()};
-}
-
-std::vector<std::string> split(const std::string& list) {
-    std::vector<std::string> parts;
-    std::istringstream in(list);
-    for (std::string part; std::getline(in, part, ';');) parts.push_back(part);
-    return parts;
 }
 
 std::string repeat(std::string_view part, int count) {
@@ -50,16 +42,16 @@ void expectFailure(const std::string& text) {
 }
 
 TEST(Arithmetic, Values) {
-    for (const std::string& row :
-         split("2+3*4=14;(2+3)*4=20;10/4=2.5;2-3-4=-5;8/4/2=1;2^3^2=512;-2^2=4;2^-1=0.5;"
-               "2*-3=-6;2--3=5;-SQR(2)=-4;-(2)=-2;-1E308/1E-10=-inf;1E308*10=inf;sin (0)=0;"
-               "LOG10(100)=2;LOG(1)=0;POW10(2)=1024;SQR(3)=9;SQRT(9)=3;ABS(-2.5)=2.5;EXP(0)=1;"
-               "TRUNC(-2.7)=-2;ROUND(2.5)=3;ROUND(-2.5)=-2;ROUND(-2.7)=-2;"
-               "ROUND(1E10+0.6)=10000000001;ROUND(-3E9-0.7)=-3000000001;TRUNC(-3E9-0.7)=-3e9;"
-               "ROUND(2147483647.4)=2147483647;TRUNC(1E300)=1e300;TRUNC(1E308*10)=inf;"
-               "ACOS(1)=0;ASIN(0)=0;ATAN(0)=0;COS(0)=1;TAN(0)=0;COSH(0)=1;SINH(0)=0;TANH(0)=0;"
-               "1e+2=100;2E=2;2E+=2;2E-=2;5.=5;.5=0.5;  7  =7;1E999=inf;1E-999=0;0E999=0;"
-               "0/3=0")) {
+    for (const std::string& row : test::split(
+             "2+3*4=14;(2+3)*4=20;10/4=2.5;2-3-4=-5;8/4/2=1;2^3^2=512;-2^2=4;2^-1=0.5;"
+             "2*-3=-6;2--3=5;-SQR(2)=-4;-(2)=-2;-1E308/1E-10=-inf;1E308*10=inf;sin (0)=0;"
+             "LOG10(100)=2;LOG(1)=0;POW10(2)=1024;SQR(3)=9;SQRT(9)=3;ABS(-2.5)=2.5;EXP(0)=1;"
+             "TRUNC(-2.7)=-2;ROUND(2.5)=3;ROUND(-2.5)=-2;ROUND(-2.7)=-2;"
+             "ROUND(1E10+0.6)=10000000001;ROUND(-3E9-0.7)=-3000000001;TRUNC(-3E9-0.7)=-3e9;"
+             "ROUND(2147483647.4)=2147483647;TRUNC(1E300)=1e300;TRUNC(1E308*10)=inf;"
+             "ACOS(1)=0;ASIN(0)=0;ATAN(0)=0;COS(0)=1;TAN(0)=0;COSH(0)=1;SINH(0)=0;TANH(0)=0;"
+             "1e+2=100;2E=2;2E+=2;2E-=2;5.=5;.5=0.5;  7  =7;1E999=inf;1E-999=0;0E999=0;"
+             "0/3=0")) {
         const std::size_t equals = row.find('=');
         const Result r = run(row.substr(0, equals));
         EXPECT_EQ(r.value, std::strtod(row.c_str() + equals + 1, nullptr)) << row;
@@ -77,9 +69,9 @@ TEST(Arithmetic, Values) {
 
 TEST(Arithmetic, Failures) {
     for (const std::string& text :
-         split(";   ;+2;--2;2 3;3:4;1.2.3;.;.E5;ABS;absx(1);abs 1;1/0;-1/0;0/0;1/(2-2);"
-               "1E308/0.1;1E1234;1\t+2;\x80;a;(1;1);();2*;*2;sin();sin(1,2);1e5e5;sin;"
-               "sin sin(1);1%2;2(3);-(-)")) {
+         test::split(";   ;+2;--2;2 3;3:4;1.2.3;.;.E5;ABS;absx(1);abs 1;1/0;-1/0;0/0;1/(2-2);"
+                     "1E308/0.1;1E1234;1\t+2;\x80;a;(1;1);();2*;*2;sin();sin(1,2);1e5e5;sin;"
+                     "sin sin(1);1%2;2(3);-(-)")) {
         expectFailure(text);
     }
     expectFailure("(" + repeat("1+", 39));  // exactly 79 characters

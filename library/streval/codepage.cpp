@@ -1,0 +1,55 @@
+// Code pages 866 (OEM) and 1251 (ANSI), one byte to one byte.
+//
+//   OEM          ANSI
+//   00 to 7F     the same
+//   80 to AF     C0 to EF    Cyrillic letters
+//   B0 to DF     80 to AF    exchanged whole, so that both tables are permutations
+//   E0 to EF     F0 to FF    Cyrillic letters
+//   F0 to FF     B0 to BF    exchanged whole
+#include <array>
+
+#include "mira.h"
+
+namespace mira {
+namespace {
+
+struct Block {
+    std::size_t oem, ansi, count;
+};
+constexpr Block kBlocks[] = {
+    {0x00, 0x00, 0x80}, {0x80, 0xC0, 0x30}, {0xB0, 0x80, 0x30},
+    {0xE0, 0xF0, 0x10}, {0xF0, 0xB0, 0x10},
+};
+
+using CodeTable = std::array<u8, 256>;
+
+constexpr CodeTable buildTable(std::size_t Block::*from, std::size_t Block::*to) {
+    CodeTable table{};
+    for (const Block& b : kBlocks) {
+        for (std::size_t i = 0; i < b.count; ++i) {
+            table[b.*from + i] = static_cast<u8>(b.*to + i);
+        }
+    }
+    return table;
+}
+
+constexpr CodeTable buf_o2a = buildTable(&Block::oem, &Block::ansi);
+constexpr CodeTable buf_a2o = buildTable(&Block::ansi, &Block::oem);
+
+void translate(const CodeTable& table, const char* source, char* destination, u32 length) {
+    for (u32 i = 0; i < length; ++i) {
+        destination[i] = static_cast<char>(table[static_cast<u8>(source[i])]);
+    }
+}
+
+}  // namespace
+
+void OemToCharBuff(const char* source, char* destination, u32 length) {
+    translate(buf_o2a, source, destination, length);
+}
+
+void CharToOemBuff(const char* source, char* destination, u32 length) {
+    translate(buf_a2o, source, destination, length);
+}
+
+}  // namespace mira

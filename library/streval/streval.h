@@ -1,0 +1,30 @@
+// The string functions as they work on a piece of a larger text. Shared by the streval files only.
+#pragma once
+
+#include <cstddef>
+
+#include "mira.h"
+
+namespace mira::detail {
+
+inline constexpr std::size_t kNoComma = static_cast<std::size_t>(-1);
+
+/// An argument and then the result in its place, without a terminator. A function narrows the
+/// piece and rewrites bytes inside it; it never makes it longer and moves nothing to its front.
+struct Piece {
+    char* begin;
+    std::size_t length;
+    std::size_t comma;  ///< place of the first comma in the piece, kNoComma when there is none
+};
+
+struct StringFunction {
+    const char* opener;  ///< name with its parenthesis
+    std::size_t length;  ///< of the opener
+    void (*apply)(Piece&, const DbfBase*);
+    bool setsCase;  ///< rewrites every letter, whatever its case was
+};
+
+/// The function whose opener, in any letter case, stands at text; null when there is none.
+const StringFunction* functionAt(const char* text);
+
+}  // namespace mira::detail
