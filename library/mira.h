@@ -92,77 +92,77 @@ struct FilterWork {
 /// An open table. Options, flags and hooks are plain members that the application sets after
 /// opening; everything else belongs to the library.
 struct DbfBase {
-    std::FILE* TableFile;           ///< the table file
-    std::FILE* MemoFile;            ///< the memo file, open only during one memo call
-    u32 Status;                     ///< 1 version repaired, 2 unknown field types, 4 record count repaired
-    char* FileName;                 ///< path of the table; owned
-    char* MemoFileName;             ///< path of the memo file; owned
-    char* AliasFileName;            ///< path of the alias file; owned
-    DbfHeader Header;               ///< the fixed header
-    DbfField Fields[2048];          ///< field descriptors, FieldCount of them
-    char AliasNames[2048][32];      ///< alternative column headings
-    i32 FieldMap[2048];             ///< answers of fieldno; -1 where there is no field
-    i32 DateFormat;                 ///< 0 as stored, 1 dd.mm.yyyy, 2 mm.dd.yyyy, 3 yyyy.mm.dd, 4 yyyymmdd
-    i32 MemoAsNumber;               ///< memo fields show their block number
-    i32 OemConvert;                 ///< texts written into expressions are converted to OEM
-    u8 CaseInsensitive;             ///< comparisons fold case
-    u8 SortDescending;              ///< sorting is descending
-    i32 UseAliases;                 ///< headings come from AliasNames
-    i32 TrimMode;                   ///< character values: 1 trims the end, 2 the beginning, 3 both
-    i32 SkipDeleted;                ///< filters reject deleted records
-    i32 Reverse;                    ///< positions count from the last record
-    i32 BackupEnabled;              ///< the first write makes a backup copy
-    i32 BackupDone;                 ///< the backup copy has been made
-    char* BackupName;               ///< path of the backup copy, 260 bytes; owned; null: none can be made
-    i32 NoBracketCheck;             ///< filters do not balance parentheses
-    i32 RawNumeric;                 ///< N and F fields show exactly as stored
+    std::FILE* TableFile;   ///< the table file
+    std::FILE* MemoFile;    ///< the memo file, open only during one memo call
+    u32 Status;             ///< 1 version repaired, 2 unknown field types, 4 record count repaired
+    char* FileName;         ///< path of the table; owned
+    char* MemoFileName;     ///< path of the memo file; owned
+    char* AliasFileName;    ///< path of the alias file; owned
+    DbfHeader Header;       ///< the fixed header
+    DbfField Fields[2048];  ///< field descriptors, FieldCount of them
+    char AliasNames[2048][32];  ///< alternative column headings
+    i32 FieldMap[2048];         ///< answers of fieldno; -1 where there is no field
+    i32 DateFormat;      ///< 0 as stored, 1 dd.mm.yyyy, 2 mm.dd.yyyy, 3 yyyy.mm.dd, 4 yyyymmdd
+    i32 MemoAsNumber;    ///< memo fields show their block number
+    i32 OemConvert;      ///< texts written into expressions are converted to OEM
+    u8 CaseInsensitive;  ///< comparisons fold case
+    u8 SortDescending;   ///< sorting is descending
+    i32 UseAliases;      ///< headings come from AliasNames
+    i32 TrimMode;        ///< character values: 1 trims the end, 2 the beginning, 3 both
+    i32 SkipDeleted;     ///< filters reject deleted records
+    i32 Reverse;         ///< positions count from the last record
+    i32 BackupEnabled;   ///< the first write makes a backup copy
+    i32 BackupDone;      ///< the backup copy has been made
+    char* BackupName;    ///< path of the backup copy, 260 bytes; owned; null: none can be made
+    i32 NoBracketCheck;  ///< filters do not balance parentheses
+    i32 RawNumeric;      ///< N and F fields show exactly as stored
     CharToOemHook CharToOemCallback;  ///< replaces the built-in OEM conversion
     UpperCaseHook UpperCaseCallback;  ///< replaces the built-in case folding
-    StopCallback SortCallback;      ///< set while a sort runs
-    u16 FieldCount;                 ///< number of table fields
-    i32 FirstMemoField;             ///< first memo field, -1 when there is none
-    u8 DeleteFlag;                  ///< the byte that ReadByte reads and WriteByte writes
-    u8* RecordBuffer;               ///< the current record, 65535 bytes; byte 0 is the deletion flag; owned
-    char* TextBuffer;               ///< result of the field renderers, 65535 bytes; owned
-    char* MemoBuffer;               ///< released by FreeMemo; owned
-    u32* FilterIndex;               ///< records that pass the filter; null without a filter; owned
-    u32 FilterCount;                ///< entries in FilterIndex
-    FilterWork* FilterState;        ///< exists while set_filter runs; owned
-    u32 SortFieldCount;             ///< fields in the sort key
-    i32 SortFields[21];             ///< field numbers of the sort key
-    u32* SortOrder;                 ///< positions in sorted order; null when unsorted; owned
-    u32 SortKeyCount;               ///< fields used by GetCompStr
-    u32* SortKeyFields;             ///< field numbers used by GetCompStr
-    u8* SavedRecord;                ///< copy made by DupRecord; owned
-    char* FilterText;               ///< all filters applied, joined with "&"; owned
-    char* SortKeyA;                 ///< key buffer, 65536 bytes, while a sort runs; owned
-    char* SortKeyB;                 ///< key buffer, 65536 bytes, while a sort runs; owned
-    i32 SortRecA;                   ///< position whose key is in SortKeyA; -2 none, -1 sort aborted
-    i32 SortRecB;                   ///< position whose key is in SortKeyB; -2 none
-    u8 UseFilterIndex;              ///< positions go through FilterIndex
-    char* DateFormats[5];           ///< printf formats of dates; owned
-    char* DateTimeFormats[5];       ///< printf formats of date-times; owned
-    CalcFieldTable* CalcFields;     ///< calculated fields; created and released by the application
-    u32 Level7;                     ///< 1 for a level-7 table
-    u32 HeaderSize;                 ///< 32, or 68 for level 7
-    u32 DescriptorSize;             ///< 32, or 48 for level 7
-    u32 HighLength;                 ///< decimal bytes of character fields are no length bytes
-    u32 CurrentRecord;              ///< position last fetched by GetRecord; 4294967295 for none
-    u32 ReadOnly;                   ///< opened by OpenBaseRO
-    u32 Modified;                   ///< something has been written
-    RecordHook AfterRead;           ///< after ReadRecord has read
-    RecordHook BeforeWrite;         ///< before a record is written
-    RecordHook AfterReadByte;       ///< after ReadByte has read
-    RecordHook BeforeWriteByte;     ///< before a deletion flag is written
+    StopCallback SortCallback;        ///< set while a sort runs
+    u16 FieldCount;                   ///< number of table fields
+    i32 FirstMemoField;               ///< first memo field, -1 when there is none
+    u8 DeleteFlag;                    ///< the byte that ReadByte reads and WriteByte writes
+    u8* RecordBuffer;  ///< the current record, 65535 bytes; byte 0 is the deletion flag; owned
+    char* TextBuffer;  ///< result of the field renderers, 65535 bytes; owned
+    char* MemoBuffer;  ///< released by FreeMemo; owned
+    u32* FilterIndex;  ///< records that pass the filter; null without a filter; owned
+    u32 FilterCount;   ///< entries in FilterIndex
+    FilterWork* FilterState;     ///< exists while set_filter runs; owned
+    u32 SortFieldCount;          ///< fields in the sort key
+    i32 SortFields[21];          ///< field numbers of the sort key
+    u32* SortOrder;              ///< positions in sorted order; null when unsorted; owned
+    u32 SortKeyCount;            ///< fields used by GetCompStr
+    u32* SortKeyFields;          ///< field numbers used by GetCompStr
+    u8* SavedRecord;             ///< copy made by DupRecord; owned
+    char* FilterText;            ///< all filters applied, joined with "&"; owned
+    char* SortKeyA;              ///< key buffer, 65536 bytes, while a sort runs; owned
+    char* SortKeyB;              ///< key buffer, 65536 bytes, while a sort runs; owned
+    i32 SortRecA;                ///< position whose key is in SortKeyA; -2 none, -1 sort aborted
+    i32 SortRecB;                ///< position whose key is in SortKeyB; -2 none
+    u8 UseFilterIndex;           ///< positions go through FilterIndex
+    char* DateFormats[5];        ///< printf formats of dates; owned
+    char* DateTimeFormats[5];    ///< printf formats of date-times; owned
+    CalcFieldTable* CalcFields;  ///< calculated fields; created and released by the application
+    u32 Level7;                  ///< 1 for a level-7 table
+    u32 HeaderSize;              ///< 32, or 68 for level 7
+    u32 DescriptorSize;          ///< 32, or 48 for level 7
+    u32 HighLength;              ///< decimal bytes of character fields are no length bytes
+    u32 CurrentRecord;           ///< position last fetched by GetRecord; 4294967295 for none
+    u32 ReadOnly;                ///< opened by OpenBaseRO
+    u32 Modified;                ///< something has been written
+    RecordHook AfterRead;        ///< after ReadRecord has read
+    RecordHook BeforeWrite;      ///< before a record is written
+    RecordHook AfterReadByte;    ///< after ReadByte has read
+    RecordHook BeforeWriteByte;  ///< before a deletion flag is written
 
     // Bookkeeping of the library.
-    u32 ForeignLevel7;   ///< level-7 table of another maker: lengths at descriptor byte 33, signed integers
-    u8* AheadBuffer;     ///< table bytes read ahead of a sequential reader, 65536 bytes; owned
+    u32 ForeignLevel7;   ///< level-7 table of another maker: other descriptors, signed integers
+    u32 SortOrderCount;  ///< entries in SortOrder; 0 for as many as reccount()
+    u64 LastReadEnd;     ///< file offset behind the last bytes read; the next read may continue it
     u64 AheadOffset;     ///< file offset of AheadBuffer[0]
     u32 AheadLength;     ///< valid bytes in AheadBuffer
-    u32 AheadVersion;    ///< count of writes the process had made when the buffer was filled
-    u64 LastReadEnd;     ///< file offset behind the last bytes read; a read close behind it is sequential
-    u32 SortOrderCount;  ///< entries in SortOrder; 0 for as many as reccount()
+    u32 AheadVersion;    ///< writes that the process had made when AheadBuffer was filled
+    u8 AheadBuffer[32768];  ///< table bytes read ahead of a sequential reader
 };
 
 // --------------------------------------------------------------------------------------------
@@ -183,7 +183,8 @@ void SetDefOptions(DbfBase*);
 void CloseBase(DbfBase*);
 /// Closes the table file and releases buffers, names and formats, but not the handle.
 void Close_File(DbfBase*);
-/// Opens a file unbuffered with "rb+", else "rb"; the caller closes it with fclose. Null on failure.
+/// Opens a file unbuffered with "rb+", else "rb"; the caller closes it with fclose. Null on
+/// failure.
 std::FILE* Open_File(const char* path);
 /// Opens a file unbuffered with "rb"; the caller closes it with fclose. Null on failure.
 std::FILE* Open_FileRO(const char* path);

@@ -25,6 +25,7 @@ using namespace detail;
 constexpr i64 kDayBeforeYear0 = 1721059;
 constexpr i64 kDayBeforeYear1 = 1721425;
 constexpr i64 kLastDay = 5373484;
+constexpr u32 kEraDays = 146097;  // of 400 years
 constexpr i64 kDayMilliseconds = 86400000;
 
 constexpr i32 days[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -92,15 +93,15 @@ void splitDay(i64 number, std::tm* t) {
         return;
     }
     // Eras of 400 years that start on 1 March, so that the leap day is the last day of a year.
-    const i64 sinceMarch = n - 1 - 60 + 146097;
-    const i64 era = sinceMarch / 146097 - 1;
-    const i64 dayOfEra = sinceMarch % 146097;
-    const i64 yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    const i64 dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    const i64 month = (5 * dayOfYear + 2) / 153;  // 0 is March
+    const u32 sinceMarch = static_cast<u32>(n) - 1 + kEraDays - 60;
+    const u32 era = sinceMarch / kEraDays;  // era 1 contains 1 March of year 0
+    const u32 dayOfEra = sinceMarch % kEraDays;
+    const u32 yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const u32 dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const u32 month = (5 * dayOfYear + 2) / 153;  // 0 is March
     t->tm_mday = static_cast<int>(dayOfYear - (153 * month + 2) / 5 + 1);
     t->tm_mon = static_cast<int>(month < 10 ? month + 2 : month - 10);
-    t->tm_year = static_cast<int>(yearOfEra + era * 400 + (month >= 10 ? 1 : 0));
+    t->tm_year = static_cast<int>(yearOfEra + era * 400 + (month >= 10 ? 1 : 0)) - 400;
 }
 
 /// Day number and milliseconds to a broken-down time; all zeros, which is invalid, beyond year

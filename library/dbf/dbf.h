@@ -17,7 +17,7 @@ inline constexpr u32 kStatusFieldTypes = 2;
 inline constexpr u32 kStatusRecordCount = 4;
 
 inline constexpr u32 kBackupNameSize = 260;
-inline constexpr u32 kAheadSize = 65536;
+inline constexpr u32 kAheadSize = sizeof(DbfBase::AheadBuffer);
 
 // Version bytes that code depends on; types.cpp lists all that are accepted.
 inline constexpr u8 kVersionPlain = 0x03;

@@ -174,8 +174,7 @@ bool decodeFields(DbfBase* h) {
 bool allocateBuffers(DbfBase* h) {
     if (!h->RecordBuffer) h->RecordBuffer = allocate<u8>(kRecordBufferSize).release();
     if (!h->TextBuffer) h->TextBuffer = allocate<char>(kTextBufferSize).release();
-    if (!h->AheadBuffer) h->AheadBuffer = allocate<u8>(kAheadSize).release();
-    if (!h->RecordBuffer || !h->TextBuffer || !h->AheadBuffer) return false;
+    if (!h->RecordBuffer || !h->TextBuffer) return false;
     h->TextBuffer[0] = 0;
     ClearRecord(h);
     return true;

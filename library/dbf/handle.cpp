@@ -44,7 +44,6 @@ void releaseBuffers(DbfBase* h) {
     release(h->AliasFileName);
     release(h->RecordBuffer);
     release(h->TextBuffer);
-    release(h->AheadBuffer);
     release(h->SavedRecord);
     release(h->MemoFileName);
     for (char*& format : h->DateFormats) release(format);

@@ -1,5 +1,5 @@
 // Counts, positions and reading. The table file is unbuffered; a sequential reader is served from
-// AheadBuffer, so that it costs one system call per 64 KiB, and a random one reads its record only.
+// AheadBuffer, one read for many records; a random one reads its record only.
 #include <algorithm>
 #include <cstring>
 

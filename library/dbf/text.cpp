@@ -117,9 +117,11 @@ void renderMemo(DbfBase* h, int field, const DbfField& f) {
 }  // namespace
 
 const char* GetStr(DbfBase* h, int field) {
-    h->TextBuffer[0] = 0;
-    if (field < 0) return h->TextBuffer;
     if (field >= h->FieldCount) return GetCalcStringI(h, field);
+    if (field < 0) {
+        h->TextBuffer[0] = 0;
+        return h->TextBuffer;
+    }
     const DbfField& f = h->Fields[field];
     switch (f.Type) {
         case 'C':
@@ -163,6 +165,7 @@ const char* GetStr(DbfBase* h, int field) {
             renderNumber(h, field, f);
             break;
         default:
+            h->TextBuffer[0] = 0;
             break;
     }
     return h->TextBuffer;

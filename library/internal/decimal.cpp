@@ -135,9 +135,11 @@ double readDecimal(std::string_view text) {
 }
 
 std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, unsigned decimals) {
-    char body[32];
-    char* const end = body + sizeof body;
-    char* start = end;
+    constexpr std::size_t bodySize = 64;
+    char body[bodySize];
+    std::memset(body, ' ', bodySize);  // the padding in front of the number
+    char* const end = body + bodySize;
+    char* start = nullptr;
     if (decimals != 0) {
         const u64 power = kPowersOfTen[decimals];
         char* const point = end - decimals - 1;
@@ -149,7 +151,12 @@ std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, 
         start = digitsBackward(end, magnitude);
     }
     if (negative) *--start = '-';
-    return alignRight(to, {start, static_cast<std::size_t>(end - start)}, width);
+    const auto length = static_cast<std::size_t>(end - start);
+    if (width > bodySize) return alignRight(to, {start, length}, width);
+    const std::size_t total = std::max<std::size_t>(length, width);
+    std::memcpy(to, end - total, total);
+    to[total] = 0;
+    return total;
 }
 
 std::size_t printInteger(char* to, i32 value, unsigned width) {
