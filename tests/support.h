@@ -3,7 +3,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -44,8 +46,16 @@ inline std::string readAll(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+/// Writes a new file; one of that name is removed first, which is quicker than truncating it.
 inline void writeAll(const std::string& path, std::string_view bytes) {
+    std::filesystem::remove(path);
     std::ofstream(path, std::ios::binary)
+        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+/// Writes over the beginning of an existing file.
+inline void overwrite(const std::string& path, std::string_view bytes) {
+    std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
         .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
@@ -116,6 +126,32 @@ using Table = std::unique_ptr<mira::DbfBase, Closer>;
 inline Table openLayout(const TempDir& dir, const Layout& layout, std::string_view name = "t.dbf") {
     writeAll(dir.file(name), layout.bytes());
     return Table(mira::OpenBase(dir.file(name).c_str()));
+}
+
+/// While this lives, files can grow to a number of bytes and no further, as on a full disk.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &saved_);
+        const rlimit limit{bytes, saved_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &saved_); }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit saved_;
+};
+
+/// The date that a header written now carries: year, month, day. fullYear counts from 1900.
+inline std::string today(bool fullYear = false) {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    return {static_cast<char>(fullYear ? local.tm_year : local.tm_year % 100),
+            static_cast<char>(local.tm_mon + 1), static_cast<char>(local.tm_mday)};
 }
 
 /// The parts of a list, for tables of texts.
