@@ -112,8 +112,9 @@ RecordLengths decodeAll(DbfBase* h, const Descriptors& list) {
     RecordLengths lengths;
     u32 i = 0;
     for (; i < list.count; ++i) {
-        const u8* from = list.bytes.get() + i * h->DescriptorSize;
-        if (from[0] == kTerminator || i * h->DescriptorSize > h->Header.HeaderLength) break;
+        const std::size_t start = std::size_t{i} * h->DescriptorSize;
+        const u8* from = list.bytes.get() + start;
+        if (from[0] == kTerminator || start > h->Header.HeaderLength) break;
         DbfField& f = h->Fields[i];
         decodeDescriptor(from, h->DescriptorSize, h->ForeignLevel7 != 0, &f);
         lengths.full += fieldLength(f);

@@ -82,7 +82,8 @@ void renderCurrency(DbfBase* h, int field) {
 }
 
 void renderPresence(DbfBase* h, bool present) {
-    std::strcpy(h->TextBuffer, present ? "Full memo " : "Empty memo");
+    static constexpr char texts[2][11] = {"Empty memo", "Full memo "};
+    std::memcpy(h->TextBuffer, texts[present ? 1 : 0], sizeof texts[0]);
 }
 
 /// The reference of an SMT memo: length in bytes 2 to 5, block in bytes 6 to 9.

@@ -43,7 +43,9 @@ constexpr TypeRow kTypes[] = {
 /// Index into kTypes by letter; 0, the unknown row, for every other byte.
 constexpr std::array<u8, 256> kRowOfLetter = [] {
     std::array<u8, 256> rows{};
-    for (u8 i = 1; i < std::size(kTypes); ++i) rows[static_cast<u8>(kTypes[i].letter)] = i;
+    for (std::size_t i = 1; i < std::size(kTypes); ++i) {
+        rows[static_cast<u8>(kTypes[i].letter)] = static_cast<u8>(i);
+    }
     return rows;
 }();
 

@@ -1,0 +1,240 @@
+// Real tables of other programs, compared cell by cell with what they are known to hold. The folder
+// comes from the environment variable MIRA_CORPUS: tables in FOLDER/<source>/<file>, their contents
+// in FOLDER/expected/<source>__<file>.tsv.
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <set>
+
+#include "support.h"
+
+using namespace mira;
+using namespace test;
+namespace fs = std::filesystem;
+
+namespace {
+
+/// Tables, or columns of tables ("file:COLUMN"), that show something else, and why that is right.
+const std::map<std::string, std::string> kDifferences = {
+    {"3dpoints.dbf",
+     "its list has 0x0A for a terminator, so it ends only behind the header length: two more "
+     "descriptors, made of record bytes, have invalid types, and the table is refused"},
+};
+
+std::string escaped(std::string_view bytes) {
+    std::string out;
+    for (const char c : bytes) {
+        const auto u = static_cast<unsigned char>(c);
+        char hex[5];
+        std::snprintf(hex, sizeof hex, "\\x%02X", u);
+        out += u < 32 || u > 126 || c == '\\' ? hex : std::string(1, c);
+    }
+    return out;
+}
+
+std::string stripped(std::string_view text, std::string_view what = " ") {
+    const std::size_t start = text.find_first_not_of(what);
+    if (start == std::string_view::npos) return "";
+    return std::string(text.substr(start, text.find_last_not_of(what) - start + 1));
+}
+
+unsigned long crc32(std::string_view bytes) {
+    unsigned long crc = 0xFFFFFFFF;
+    for (const char c : bytes) {
+        crc ^= static_cast<unsigned char>(c);
+        for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
+    }
+    return crc ^ 0xFFFFFFFF;
+}
+
+std::string memoCell(DbfBase* h, int field) {
+    u32 length = 0;
+    char* bytes = GetMemoBuf(h, field, &length);
+    std::string memo = bytes == nullptr ? "" : std::string(bytes, length);
+    std::free(bytes);
+    if (memo.size() <= 1000) return escaped(memo);
+    char text[60];
+    std::snprintf(text, sizeof text, "{%zu bytes, CRC-32 %08lx}", memo.size(), crc32(memo));
+    return text;
+}
+
+/// Empty where both name the same value, else what the table shows.
+std::string difference(DbfBase* h, int field, const std::string& expected) {
+    const char type = static_cast<char>(GetFieldType(h, field));
+    std::string shown;
+    if (if_memo_type(h, field) != 0) {
+        shown = memoCell(h, field);
+    } else if (std::string_view("CVQ0").find(type) != std::string_view::npos) {
+        shown = escaped(stripped(GetStr(h, field)));
+    } else if (type == 'N' || type == 'F' || type == 'B' || type == 'O') {
+        h->RawNumeric = 1;
+        const bool blank = type != 'B' && type != 'O' && stripped(GetStr(h, field)).empty();
+        h->RawNumeric = 0;
+        const double tolerance =
+            0.5000001 * std::pow(10.0, -(type == 'O' ? 8 : GetLowLen(h, field)));
+        const double value = GetValue(h, field);
+        if (blank == expected.empty() &&
+            (blank || std::fabs(value - std::atof(expected.c_str())) <= tolerance)) {
+            return "";
+        }
+        shown = blank ? "" : std::to_string(value);
+    } else {
+        shown = escaped(stripped(GetStr(h, field)));
+    }
+    return shown == expected ? "" : "shows \"" + shown + "\" for \"" + expected + "\"";
+}
+
+std::vector<std::string> cells(const std::string& line) {
+    std::vector<std::string> result(1);
+    for (const char c : line) {
+        if (c == '\t') {
+            result.emplace_back();
+        } else {
+            result.back() += c;
+        }
+    }
+    return result;
+}
+
+std::string fieldLine(DbfBase* h) {
+    std::string line;
+    for (int f = 0; f < h->FieldCount; ++f) {
+        const bool character = GetFieldType(h, f) == 'C';
+        line += (f == 0 ? "" : "\t") + escaped(GetFieldName(h, f)) + ":" +
+                static_cast<char>(GetFieldType(h, f)) + ":" + std::to_string(GetAllLen(h, f)) +
+                ":" + std::to_string(character ? 0 : GetLowLen(h, f));
+    }
+    return line;
+}
+
+/// Every difference that kDifferences does not name.
+void compare(const fs::path& table, const fs::path& expectedFile) {
+    const std::string file = table.filename().string();
+    std::ifstream in(expectedFile);
+    std::string line;
+    std::getline(in, line);
+    const Table h(OpenBaseRO(table.c_str()));
+    if (!h) {
+        EXPECT_TRUE(kDifferences.contains(file)) << file << " does not open";
+        return;
+    }
+    EXPECT_FALSE(kDifferences.contains(file)) << file << " opens";
+    EXPECT_EQ(fieldLine(h.get()), line) << file;
+    h->DateFormat = 4;
+    u32 record = 0;
+    for (; std::getline(in, line); ++record) {
+        ASSERT_TRUE(ReadRecord(h.get(), record)) << file << " record " << record;
+        const std::vector<std::string> expected = cells(line);
+        ASSERT_EQ(expected.size(), h->FieldCount + 1u) << file;
+        const char deleted = static_cast<char>(h->RecordBuffer[0]);
+        if (expected[0] != "?") EXPECT_EQ(escaped({&deleted, 1}), expected[0]) << file;
+        for (int f = 0; f < h->FieldCount; ++f) {
+            const std::string& cell = expected[static_cast<std::size_t>(f) + 1];
+            if (cell == "?" || kDifferences.contains(file + ":" + GetFieldName(h.get(), f)))
+                continue;
+            const std::string found = difference(h.get(), f, cell);
+            EXPECT_EQ(found, "") << file << " record " << record << " " << GetFieldName(h.get(), f);
+        }
+    }
+    EXPECT_EQ(reccount(h.get()), record) << file;
+}
+
+TEST(Corpus, ShowsWhatTheTablesHold) {
+    const char* folder = std::getenv("MIRA_CORPUS");
+    if (folder == nullptr) GTEST_SKIP() << "MIRA_CORPUS is not set: no real tables to compare";
+    int compared = 0;
+    for (const auto& entry : fs::directory_iterator(fs::path(folder) / "expected")) {
+        const std::string name = entry.path().stem().string();  // without .tsv
+        const std::size_t split = name.find("__");
+        compare(fs::path(folder) / name.substr(0, split) / name.substr(split + 2), entry.path());
+        ++compared;
+    }
+    EXPECT_GT(compared, 0);
+}
+
+/// Runs one call of the library, which must not take longer than a second.
+template <typename Call>
+void timed(const char* what, const Call& call) {
+    const auto start = std::chrono::steady_clock::now();
+    call();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << what;
+}
+
+/// Everything a program may do with a table.
+void useTable(const std::string& path) {
+    Table h;
+    timed("open", [&] { h.reset(OpenBase(path.c_str())); });
+    if (!h) return;
+    for (u32 record = 0; record < reccount(h.get()); ++record) {
+        ReadRecord(h.get(), record);
+        for (int f = 0; f < h->FieldCount; ++f) {
+            GetStr(h.get(), f);
+            u32 length = 0;
+            if (if_memo_type(h.get(), f) != 0) {
+                timed("memo", [&] { std::free(GetMemoBuf(h.get(), f, &length)); });
+            }
+        }
+    }
+    const std::string name = h->FieldCount == 0 ? "" : GetFieldName(h.get(), 0);
+    timed("sort", [&] { SortBase(h.get(), name.c_str(), nullptr); });
+    timed("filter", [&] { set_filter(h.get(), (name + "=A|" + name + ">1").c_str(), nullptr); });
+    timed("append", [&] { AppendBlank(h.get(), 1); });
+    ClearAllFilter(h.get());
+    timed("pack", [&] { Pack(h.get(), 0); });
+}
+
+/// Header places to damage: all of the fixed header and the first descriptors, the neighbourhood
+/// of its end, and a sample of the rest.
+std::set<std::size_t> damagePlaces(std::size_t headerLength) {
+    std::set<std::size_t> places;
+    const std::size_t step = 1 + headerLength / 64;
+    for (std::size_t i = 0; i < headerLength; i += i < 96 || i + 8 > headerLength ? 1 : step) {
+        places.insert(i);
+    }
+    for (std::size_t i = headerLength; i > 0 && i + 8 > headerLength; --i) places.insert(i);
+    return places;
+}
+
+/// Damages copies of a table in every way and uses each.
+void damage(const fs::path& table, const TempDir& dir) {
+    constexpr std::size_t largest = 65536;
+    const std::string bytes = readAll(table).substr(0, largest);
+    const std::string copy = dir.file(table.filename().string());
+    for (const auto& beside : fs::directory_iterator(table.parent_path())) {
+        if (beside.path().stem() == table.stem() && beside.path() != table) {
+            fs::copy_file(beside.path(), dir.file(beside.path().filename().string()),
+                          fs::copy_options::skip_existing);
+        }
+    }
+    if (bytes.size() < 32) return;
+    const std::size_t headerLength =
+        static_cast<unsigned char>(bytes[8]) + 256u * static_cast<unsigned char>(bytes[9]);
+    for (const std::size_t place : damagePlaces(std::min(headerLength, bytes.size()))) {
+        std::string flipped = bytes, zeroed = bytes;
+        if (place < bytes.size()) {
+            flipped[place] = static_cast<char>(~flipped[place]);
+            zeroed[place] = 0;
+        }
+        for (const std::string& damaged : {flipped, zeroed, bytes.substr(0, place)}) {
+            writeAll(copy, damaged);
+            useTable(copy);
+        }
+    }
+}
+
+TEST(Corpus, DamagedTablesDoNoHarm) {
+    const char* folder = std::getenv("MIRA_CORPUS");
+    if (folder == nullptr) GTEST_SKIP() << "MIRA_CORPUS is not set: no real tables to damage";
+    for (const auto& source : fs::directory_iterator(folder)) {
+        if (!source.is_directory() || source.path().filename() == "expected") continue;
+        for (const auto& entry : fs::directory_iterator(source)) {
+            const std::string ext = entry.path().extension().string();
+            if (!std::set<std::string>{".dbf", ".DBF", ".DBC", ".bin"}.contains(ext)) continue;
+            TempDir dir;
+            damage(entry.path(), dir);
+        }
+    }
+}
+
+}  // namespace
