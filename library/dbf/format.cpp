@@ -173,7 +173,8 @@ bool decodeFields(DbfBase* h) {
 }
 
 bool allocateBuffers(DbfBase* h) {
-    if (!h->RecordBuffer) h->RecordBuffer = allocate<u8>(kRecordBufferSize).release();
+    // Zeros, as decoders of a short last field look at the bytes behind the record.
+    if (!h->RecordBuffer) h->RecordBuffer = static_cast<u8*>(std::calloc(kRecordBufferSize, 1));
     if (!h->TextBuffer) h->TextBuffer = allocate<char>(kTextBufferSize).release();
     if (!h->RecordBuffer || !h->TextBuffer) return false;
     h->TextBuffer[0] = 0;

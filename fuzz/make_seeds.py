@@ -1,0 +1,103 @@
+#!/usr/bin/env python3
+"""Writes the starting inputs of the fuzz targets below corpus/, byte for byte."""
+
+import pathlib
+import struct
+
+CORPUS = pathlib.Path(__file__).parent / "corpus"
+READ_WRITE = 1 << 10
+
+
+def table(version, columns, records, level7=False, foreign=False, header_length=None):
+    """columns: (name, type, length, decimals); records: bytes, deletion flag included."""
+    header_size, size = (68, 48) if level7 else (32, 32)
+    length = header_size + size * len(columns) + 1
+    record_length = 1 + sum(n + (256 * d if t == "C" else 0) for _, t, n, d in columns)
+    out = struct.pack("<4BIHH", version, 24, 3, 5, len(records), header_length or length,
+                      record_length).ljust(header_size, b"\0")
+    for name, kind, n, d in columns:
+        entry = name.encode().ljust(32 if level7 else 11, b"\0") + kind.encode()
+        entry = entry.ljust(33 if foreign else 34 if level7 else 16, b"\0") + bytes((n, d))
+        out += entry.ljust(size, b"\0")
+    return out + b"\r" + b"".join(records) + b"\x1a"
+
+
+def memo_file(family, unit, block, data):
+    """A header, then one memo at its block."""
+    n = len(data)
+    if family == 3:
+        header, unit, body = struct.pack("<I", block + 1), 512, data + b"\x1a"
+    elif family == 4:
+        header = struct.pack("<I14xBBH", block + 1, 2, 1, unit)
+        body = struct.pack("<II", 0x0008FFFF, n + 8) + data
+    elif family == 1:
+        header, body = struct.pack(">IHH", block + 1, 0, unit), struct.pack(">II", 1, n) + data
+    else:
+        header, body = struct.pack("<IH", block + 1, unit) + b"SIxMemo\0", data
+    return header.ljust(unit * block, b"\0") + body
+
+
+def table_input(options, memo, body):
+    return struct.pack("<IH", options, len(memo)) + memo + body
+
+
+ALL_TYPES = [("TEXT", "C", 6, 0), ("NUMBER", "N", 7, 2), ("FLOATING", "F", 3, 2), ("DAY", "D", 8, 0),
+             ("LOGIC", "L", 1, 0), ("MOMENT", "T", 8, 0), ("DIGITS", "T", 14, 0), ("STAMP", "@", 8, 0),
+             ("COUNT", "I", 4, 0), ("AUTO", "+", 4, 0), ("MONEY", "Y", 8, 0), ("DOUBLE", "B", 8, 3),
+             ("ORDERED", "O", 8, 0), ("RAW", "Q", 3, 0), ("ANY", "V", 3, 0), ("SYSTEM", "0", 1, 0)]
+VALUES = (b"Ann   " b"  -1.50" b".50" b"20240229" b"T" + struct.pack("<ii", 2460370, 50829000) +
+          b"20240229140709" + struct.pack("<ii", 2460370, 50829000) + struct.pack("<i", -7) +
+          struct.pack("<i", 42) + struct.pack("<q", 123456) + struct.pack("<d", -2.5) +
+          bytes.fromhex("bff0000000000000") + b"\1\2\3" b"any" b"\1")
+MEMO = [("NAME", "C", 4, 0), ("NOTE", "M", 10, 0)]
+TALL = b" " + VALUES
+
+
+def tables():
+    digits = [b" one " + b"1".rjust(10), b"*two " + b" " * 10]
+    reference = b" smt " + struct.pack("<HII", 0, 5, 16)
+    foreign = [(n, t, s, d) for n, t, s, d in ALL_TYPES if t in "CI@L"]
+    row = b" Ann   T" + struct.pack(">d", 63844934829000.0) + struct.pack(">I", 0x80000005)
+    wide = [("WIDE", "C", 44, 1)]
+    yield "all", table_input(0, b"", table(3, ALL_TYPES, [TALL, b"*" + VALUES]))
+    yield "all-dates", table_input(2 | 1 << 3 | 0x2F << 24, b"", table(3, ALL_TYPES, [TALL]))
+    yield "all-edited", table_input(READ_WRITE | 5, b"", table(0x30, ALL_TYPES, [TALL] * 3))
+    yield "level7", table_input(READ_WRITE, b"", table(0x8C, ALL_TYPES, [TALL], level7=True))
+    yield "foreign", table_input(3, b"", table(4, foreign, [row], level7=True, foreign=True))
+    for name, version, family, unit in (("dbase3", 0x83, 3, 512), ("dbase4", 0x8B, 4, 32),
+                                        ("foxpro", 0xF5, 1, 16)):
+        memo = memo_file(family, unit, 1 if unit == 512 else 2, b"hello")
+        rows = [r.replace(b" 1", b" 2") for r in digits] if unit != 512 else digits
+        yield name, table_input(READ_WRITE | 1 << 6, memo, table(version, MEMO, rows))
+    small = [("NAME", "C", 4, 0), ("NOTE", "M", 4, 0)]
+    yield "visual", table_input(READ_WRITE, memo_file(1, 64, 1, b"hello"),
+                                table(0x30, small, [b" one \1\0\0\0"]))
+    yield "smt", table_input(READ_WRITE | 1 << 6, memo_file(0, 32, 16, b"hello"),
+                             table(0xE5, MEMO, [reference]))
+    # References and lengths that lead nowhere.
+    huge = [b" one " + b"2147483648", b" two " + b"4294967295", b" neg " + b"        -1"]
+    yield "huge-blocks", table_input(READ_WRITE, memo_file(1, 65535, 1, b"x")[:64],
+                                     table(0xF5, MEMO, huge))
+    endless = memo_file(1, 16, 2, b"hello")[:36] + b"\xff\xff\xff\xff" + b"tail"
+    yield "huge-length", table_input(0, endless, table(0xF5, MEMO, [b" one " + b"2".rjust(10)]))
+    yield "unit-0", table_input(READ_WRITE, memo_file(4, 0, 1, b"zero"), table(0x8B, MEMO, digits))
+    yield "smt-all-ones", table_input(READ_WRITE, memo_file(0, 1, 1, b"x"),
+                                      table(0xE5, MEMO, [b" smt " + b"\xff" * 10]))
+    yield "smt-short", table_input(0, b"", table(0xE5, [("NAME", "C", 4, 0), ("NOTE", "M", 0, 0)],
+                                                 [b" smt "]))
+    # Headers that promise more, or less, than there is.
+    yield "wide", table_input(READ_WRITE, b"", table(3, wide, [b" " + b"w" * 300]))
+    yield "reversed", table_input(READ_WRITE | 1 << 7, b"", table(3, wide, [b" " * 301] * 2))
+    yield "long-header", table_input(READ_WRITE, b"", table(3, ALL_TYPES, [], header_length=65535))
+    yield "no-fields", table_input(READ_WRITE, b"", b"\x03".ljust(8, b"\0") +
+                                   struct.pack("<HH", 70, 0) + bytes(20) + b"\r" + b"x" * 120)
+
+
+def write(target, seeds):
+    folder = CORPUS / target
+    folder.mkdir(parents=True, exist_ok=True)
+    for name, content in seeds:
+        (folder / name).write_bytes(content)
+
+
+write("table", tables())
