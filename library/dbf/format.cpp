@@ -51,6 +51,7 @@ constexpr u32 kNameLength = 10;
 constexpr u32 kNameLength7 = 31;
 constexpr u32 kReadableFields = 2047;
 constexpr char kTerminator = 0x0D;
+constexpr std::size_t kWidestValue = 10;  // bytes that a decoder takes from a field's place
 
 void setSizes(DbfBase* h, bool level7) {
     h->HeaderSize = level7 ? kHeaderSize7 : kHeaderSize;
@@ -172,13 +173,19 @@ bool decodeFields(DbfBase* h) {
     return true;
 }
 
+/// Zeros behind the record: the decoders of a field shorter than its value look at them.
+void clearBehindRecord(DbfBase* h) {
+    const std::size_t length = h->Header.RecordLength;
+    std::memset(h->RecordBuffer + length, 0, std::min(kWidestValue, kRecordBufferSize - length));
+}
+
 bool allocateBuffers(DbfBase* h) {
-    // Zeros, as decoders of a short last field look at the bytes behind the record.
-    if (!h->RecordBuffer) h->RecordBuffer = static_cast<u8*>(std::calloc(kRecordBufferSize, 1));
+    if (!h->RecordBuffer) h->RecordBuffer = allocate<u8>(kRecordBufferSize).release();
     if (!h->TextBuffer) h->TextBuffer = allocate<char>(kTextBufferSize).release();
     if (!h->RecordBuffer || !h->TextBuffer) return false;
     h->TextBuffer[0] = 0;
     ClearRecord(h);
+    clearBehindRecord(h);
     return true;
 }
 
