@@ -39,22 +39,27 @@ Block<u8> transferBuffer(u64 count) {
     return allocate<u8>(std::clamp<u64>(count, 1, kTransferSize));
 }
 
-/// One step of a move: count bytes from one offset of the table to another.
-bool transfer(DbfBase* h, u64 from, u64 to, u8* buffer, u64 count) {
-    const auto bytes = static_cast<u32>(count);
-    return seekTo(h->TableFile, from) && readExact(h->TableFile, buffer, bytes) &&
-           seekTo(h->TableFile, to) && writeExact(h->TableFile, buffer, bytes);
+bool readAt(DbfBase* h, u64 offset, u8* buffer, u64 count) {
+    return seekTo(h->TableFile, offset) && readExact(h->TableFile, buffer, static_cast<u32>(count));
 }
 
-/// Moves count bytes by one record towards the beginning, first bytes first.
+bool writeAt(DbfBase* h, u64 offset, const u8* buffer, u64 count) {
+    return seekTo(h->TableFile, offset) &&
+           writeExact(h->TableFile, buffer, static_cast<u32>(count));
+}
+
+/// Moves count bytes by one record towards the beginning, first bytes first. A write that stops
+/// half-way loses nothing: each byte has been written anew before its old place is.
 bool moveDown(DbfBase* h, u64 from, u64 count) {
     const Block<u8> buffer = transferBuffer(count);
     if (!buffer) return false;
     for (u64 done = 0; done < count; done += kTransferSize) {
         const u64 chunk = std::min<u64>(kTransferSize, count - done);
         const u64 offset = from + done;
-        if (!transfer(h, offset, offset - h->Header.RecordLength, buffer.get(), chunk))
+        if (!readAt(h, offset, buffer.get(), chunk) ||
+            !writeAt(h, offset - h->Header.RecordLength, buffer.get(), chunk)) {
             return false;
+        }
     }
     return true;
 }
@@ -67,8 +72,12 @@ bool moveUp(DbfBase* h, u64 from, u64 count) {
         const u64 chunk = std::min<u64>(kTransferSize, left);
         left -= chunk;
         const u64 offset = from + left;
-        if (!transfer(h, offset, offset + h->Header.RecordLength, buffer.get(), chunk))
+        if (!readAt(h, offset, buffer.get(), chunk)) return false;
+        if (!writeAt(h, offset + h->Header.RecordLength, buffer.get(), chunk)) {
+            // A full disk stops the write half-way, over bytes that are not yet at their new place.
+            writeAt(h, offset, buffer.get(), chunk);
             return false;
+        }
     }
     return true;
 }
@@ -201,7 +210,8 @@ int packMemos(DbfBase* h) {
     const OwnedFile from(Open_File(h->MemoFileName));
     if (!from) return errno == ENOENT ? 1 : 0;  // no memo file, no memos
     MemoCopy copy{family, from.get(), 0, nullptr};
-    readMemoUnit(from.get(), *family, &copy.unit);
+    readMemoUnit(from.get(), *family, &copy.unit);  // has a value for a short header, too
+    if (std::ferror(from.get()) != 0) return 0;
     // Takes the place of what an earlier rebuild has left.
     if (std::rename(h->MemoFileName, oldName.get()) != 0) return 1;
     const u32 kind = GetMemoType(h);

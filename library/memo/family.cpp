@@ -15,10 +15,10 @@
 //   dBase IV   FF FF 08 00, n + 8 little, data        n + 8 bytes
 //   FoxPro     00 00 00 01, n big, data               n + 8 bytes
 //   SMT        data                                   n bytes, the length stands in the record
-#include <algorithm>
+#include <dirent.h>
+#include <unistd.h>
+
 #include <cstring>
-#include <filesystem>
-#include <string>
 #include <string_view>
 
 #include "dbf/dbf.h"
@@ -112,34 +112,31 @@ const VersionRow& versionRow(u8 version) {
     return kNoVersion;
 }
 
-bool equalButForCase(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return lowerAscii(x) == lowerAscii(y); });
-}
+struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
 
-/// The one file beside path whose name differs from its name only in letter case. Null when path
-/// itself exists, and when there is no such file or more than one.
-char* nameInOtherCase(const char* path) {
-    namespace fs = std::filesystem;
-    try {
-        std::error_code error;
-        if (fs::exists(path, error)) return nullptr;
-        const std::string_view whole = path;
-        const std::string_view dir = splitPath(whole).dir;
-        const std::string_view wanted = whole.substr(dir.size());
-        std::string found;
-        fs::directory_iterator entry(dir.empty() ? fs::path(".") : fs::path(dir), error);
-        for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-            const std::string name = entry->path().filename().string();
-            if (!equalButForCase(name, wanted)) continue;
-            if (!found.empty()) return nullptr;
-            found = name;
-        }
-        if (error || found.empty()) return nullptr;
-        return copyText((std::string(dir) + found).c_str()).release();
-    } catch (...) {
-        return nullptr;  // no memory: the name stays the regular one
+/// The one file beside path whose name differs from its name only in letter case; null when there
+/// is none or more than one. (Reads the directory itself: the iterator of the standard library ends
+/// the program when memory runs out.)
+Block<char> nameInOtherCase(const char* path) {
+    const PathParts parts = splitPath(path);
+    const char* wanted = path + parts.dir.size();
+    const Block<char> dirName = parts.dir.empty() ? copyText(".") : copyText(path);
+    if (!dirName) return nullptr;
+    if (!parts.dir.empty()) dirName.get()[parts.dir.size()] = 0;
+    const std::unique_ptr<DIR, DirCloser> dir(opendir(dirName.get()));
+    if (!dir) return nullptr;
+    Block<char> found;
+    while (const dirent* entry = readdir(dir.get())) {
+        if (!sameIgnoringCase(entry->d_name, wanted)) continue;
+        if (found) return nullptr;
+        // As long as the wanted name, so the rest of the path stays.
+        found = copyText(path);
+        if (!found) return nullptr;
+        std::strcpy(found.get() + parts.dir.size(), entry->d_name);
     }
+    return found;
 }
 
 }  // namespace
@@ -155,8 +152,9 @@ const MemoFamily* memoFamilyOfKind(u32 kind) { return kindRow(kind).family; }
 char* GetMemoName(const char* tablePath, u32 kind) {
     if (tablePath == nullptr) return nullptr;
     const PathParts parts = splitPath(tablePath);
-    const bool container =
-        kindRow(kind).family == &kFoxProMemo && equalButForCase(parts.ext, ".dbc");
+    // The extension is the end of the path, so it is a text of its own.
+    const bool container = kindRow(kind).family == &kFoxProMemo && !parts.ext.empty() &&
+                           sameIgnoringCase(parts.ext.data(), ".dbc");
     const std::string_view extension = container ? ".dct" : kindRow(kind).extension;
     const std::size_t stem = parts.dir.size() + parts.name.size();
     Block<char> name = allocate<char>(stem + extension.size() + 1);
@@ -173,10 +171,11 @@ u32 GetMemoType(DbfBase* h) {
     const u32 kind = level7 ? kKindLevel7 : versionRow(h->Header.Version).kind;
     std::free(h->MemoFileName);
     h->MemoFileName = GetMemoName(h->FileName, kind);
-    if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) {
-        if (char* other = nameInOtherCase(h->MemoFileName)) {
+    if (h->FirstMemoField != -1 && h->MemoFileName != nullptr &&
+        access(h->MemoFileName, F_OK) != 0) {
+        if (Block<char> other = nameInOtherCase(h->MemoFileName)) {
             std::free(h->MemoFileName);
-            h->MemoFileName = other;
+            h->MemoFileName = other.release();
         }
     }
     FreeMemo(h);

@@ -50,11 +50,13 @@ bool decodePrefix(const MemoFamily& family, const u8* prefix, u32* length) {
     return stored >= family.lengthBias;
 }
 
-/// Bytes of the file from offset on, as many as one read can take; 0 when that cannot be told.
-u32 bytesFrom(std::FILE* file, u64 offset) {
+/// Cuts a length to what the file holds from offset on, and places the file there.
+bool capToFile(std::FILE* file, u64 offset, u32* length) {
     u64 size = 0;
-    if (!fileSize(file, &size) || size < offset) return 0;
-    return static_cast<u32>(std::min<u64>(size - offset, kMemoNoLimit));
+    if (!fileSize(file, &size) || !seekTo(file, offset)) return false;
+    const u64 left = size > offset ? size - offset : 0;
+    *length = static_cast<u32>(std::min({u64{*length}, left, u64{kMemoNoLimit}}));
+    return true;
 }
 
 /// The memo whose block starts at offset, where the file stands.
@@ -67,12 +69,11 @@ MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 le
     if (family.prefixSize != 0 && !decodePrefix(family, start, &length)) return MemoRead::None;
 
     const u32 have = std::min(length, got - family.prefixSize);
-    u32 rest = length - have;
-    if (rest != 0) rest = got < want ? 0 : std::min(rest, bytesFrom(file, offset + got));
+    u32 rest = got == want ? length - have : 0;
+    if (rest != 0 && !capToFile(file, offset + got, &rest)) return MemoRead::Failed;
     Block<char> data = allocate<char>(std::size_t{have} + rest + 1);
     if (!data) return MemoRead::Failed;
     std::memcpy(data.get(), start + family.prefixSize, have);
-    if (rest != 0 && !seekTo(file, offset + got)) return MemoRead::None;
     *lengthRead = have + ReadFile(file, data.get() + have, static_cast<i32>(rest));
     data.get()[*lengthRead] = 0;
     *memo = std::move(data);
@@ -123,7 +124,8 @@ bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
 MemoRead readMemo(std::FILE* file, const MemoFamily& family, u32 unit, MemoReference reference,
                   u32 limit, Block<char>* memo, u32* length) {
     const u64 offset = u64{unit} * reference.block;
-    if (!seekTo(file, offset)) return MemoRead::None;
+    if (offset > kMemoReach) return MemoRead::None;
+    if (!seekTo(file, offset)) return MemoRead::Failed;
     const MemoRead result = family.endSize != 0
                                 ? readToEnd(file, limit, memo, length)
                                 : readBlock(file, family, offset, reference.length, memo, length);
