@@ -1,13 +1,13 @@
-// MIRAlib: dBase-family tables (.dbf) and their memo files.
-//
-// Conventions for every operation below, unless its comment says otherwise:
-//   - A result of 0, or a null pointer, is failure; non-zero is success.
-//   - A position is what the caller counts in: it passes through Reverse, the sort order and the
-//     filter before it becomes a record, the physical record number in the file.
-//   - Field numbers start at 0. Numbers from FieldCount on name calculated fields; a number that
-//     names no field reads as the neutral value (empty text, 0, 0.0, null) and stores nothing.
-//   - Texts are 8-bit and end with a zero byte. No operation throws or prints.
-//   - A handle belongs to one thread at a time; different handles may be used on different threads.
+/// @mainpage MIRAlib: dBase-family tables (.dbf) and their memo files
+///
+/// Conventions for every operation, unless its comment says otherwise:
+///   - A result of 0, or a null pointer, is failure; non-zero is success.
+///   - A position is what the caller counts in: it passes through Reverse, the sort order and the
+///     filter before it becomes a record, the physical record number in the file.
+///   - Field numbers start at 0. Numbers from FieldCount on name calculated fields; a number that
+///     names no field reads as the neutral value (empty text, 0, 0.0, null) and stores nothing.
+///   - Texts are 8-bit and end with a zero byte. No operation throws or prints.
+///   - A handle belongs to one thread at a time; different handles may be used on several threads.
 #ifndef MIRA_H
 #define MIRA_H
 
@@ -166,8 +166,10 @@ struct DbfBase {
 };
 
 // --------------------------------------------------------------------------------------------
-// Opening and closing. CloseBase releases everything the handle owns; the handle and every text
-// that points into it are gone afterwards.
+/// @name Opening and closing
+/// CloseBase releases everything the handle owns; the handle and every text that points into it are
+/// gone afterwards.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Opens a table for reading and writing, or only for reading where the file permits no more.
@@ -188,9 +190,11 @@ void Close_File(DbfBase*);
 std::FILE* Open_File(const char* path);
 /// Opens a file unbuffered with "rb"; the caller closes it with fclose. Null on failure.
 std::FILE* Open_FileRO(const char* path);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Files and paths.
+/// @name Files and paths
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Seeks to offset bytes from whence (0 start, 1 current, 2 end); high is ignored. Returns the
@@ -208,9 +212,11 @@ void _splitpath(const char* path, char* drive, char* dir, char* name, char* ext)
 /// Builds the path of a file beside path: otherName when given, else path's name with ext (dot
 /// included). destination holds 260 bytes and becomes empty when the path does not fit.
 void MakeExt(char* destination, const char* path, const char* ext, const char* otherName);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Table format.
+/// @name Table format
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Recognises a level-7 table from the first 128 bytes; leaves the file at offset 0.
@@ -236,10 +242,13 @@ void ClearRecord(DbfBase*);
 void ClearField(DbfBase*, int field);
 /// The blank byte of a field: a space or 0.
 char FieldBlankChar(DbfBase*, int field);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Positions, counts and record access. Reading fills RecordBuffer. A position at or beyond
-// reccount() fails while Reverse, a sort order or a filter is in force.
+/// @name Positions, counts and record access
+/// Reading fills RecordBuffer. A position at or beyond reccount() fails while Reverse, a sort order
+/// or a filter is in force.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Records in the current view: those that pass the filter, else all.
@@ -269,9 +278,12 @@ int ReadField(DbfBase*, u32 position, int field);
 /// Counts the records again from the file size and forgets bytes read ahead; 1 when the count
 /// has changed.
 int RefreshDatabase(DbfBase*);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Writing records. What a call reports as written has reached the operating system.
+/// @name Writing records
+/// What a call reports as written has reached the operating system.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Writes RecordBuffer to the record of a position.
@@ -293,9 +305,12 @@ void DupToRecord(DbfBase*);
 /// Copies the table file to BackupName when BackupEnabled is set and no copy has been made, or
 /// when force is non-zero. 0 when there is no usable backup name.
 int MakeBakFile(DbfBase*, char force);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Creating tables. Kinds: 0 dBase III, 1 FoxPro, 2 dBase IV, 3 Visual FoxPro, 4 SMT, 7 level 7.
+/// @name Creating tables
+/// Kinds: 0 dBase III, 1 FoxPro, 2 dBase IV, 3 Visual FoxPro, 4 SMT, 7 level 7.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Writes a new, empty table over path, and its memo file when createMemo is non-zero and it has
@@ -307,10 +322,13 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
 void CreateField(DbfField*, const char* name, char type, int length);
 /// Copies the 263-byte backlink area between two tables that both have one.
 void WriteBackLink(DbfBase* destination, DbfBase* source);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Structural edits. Delete, Truncate and Zap refuse while a filter, a sort order or Reverse is in
-// force; Insert and Pack while a filter or a sort order is.
+/// @name Structural edits
+/// Delete, Truncate and Zap refuse while a filter, a sort order or Reverse is in force; Insert and
+/// Pack while a filter or a sort order is.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Marks a record deleted; 1 also when it was, or cannot be read.
@@ -330,9 +348,12 @@ int Zap(DbfBase*);
 /// Mode 0 drops deleted records and rebuilds the memo file, 1 only drops records, 2 only rebuilds
 /// the memo file. The old memo file stays under its name with "~" for the extension's first letter.
 int Pack(DbfBase*, u32 mode);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Metadata, options and alias files. Texts returned belong to the handle or are constants.
+/// @name Metadata, options and alias files
+/// Texts returned belong to the handle or are constants.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Type letter; '#' for no table field.
@@ -373,9 +394,12 @@ void SetAliasName(DbfBase*, const char* name);
 void WriteAlias(DbfBase*);
 /// Fills AliasNames from the alias file; they stay as they were when there is none.
 void ReadAlias(DbfBase*);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Field text. Results lie in TextBuffer and last until the next call that renders a field.
+/// @name Field text
+/// Results lie in TextBuffer and last until the next call that renders a field.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// A field of the current record as text; null for a calculated field without a value.
@@ -388,10 +412,13 @@ char* DStrTrim(DbfBase*, int mode);
 double GetNumeric(DbfBase*, int field);
 /// 1 when the field begins with T, t, Y or y.
 int GetBool(DbfBase*, int field);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Dates and times. In a std::tm of these operations tm_year is the full year and tm_mon 0 to 11;
-// only the six members from tm_sec to tm_year are used. Setters store into RecordBuffer.
+/// @name Dates and times
+/// In a std::tm of these operations tm_year is the full year and tm_mon 0 to 11; only the six
+/// members from tm_sec to tm_year are used. Setters store into RecordBuffer.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// 1 for a leap year of the Gregorian calendar, extended to every year.
@@ -419,10 +446,13 @@ void SetDateTimeS(DbfBase*, int field, const char* text);
 /// Stores a date and time in an "@" field. month 1 to 12; other months store nothing.
 void SetTimeStamp(DbfBase*, int field, int year, int month, int day, int hour, int minute,
                   int second);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Numbers. Getters decode from, setters encode into RecordBuffer. A value that does not fit its
-// field leaves the field as it was.
+/// @name Numbers
+/// Getters decode from, setters encode into RecordBuffer. A value that does not fit its field
+/// leaves the field as it was.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// 4-byte integer; take it as i32 for its sign.
@@ -451,9 +481,11 @@ void SetCurrency(DbfBase*, int field, double value);
 void SetNumeric(DbfBase*, int field, double value);
 /// Stores value as text with the field's decimals, rounded.
 void SetFloat(DbfBase*, int field, double value);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Writing field values, into RecordBuffer.
+/// @name Writing field values, into RecordBuffer
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Stores text or number, whichever the field's type takes. Memo fields store the text in the
@@ -465,10 +497,13 @@ void SetString(DbfBase*, int field, const char* text);
 char SetLogical(DbfBase*, int field, char letter);
 /// Stores T when the low byte of flag is non-zero, else F; returns the letter stored.
 char SetBool(DbfBase*, int field, u32 flag);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Sorting and searching. A sort orders the records of the current view in memory, by the texts of
-// up to 21 fields and then by position. It overwrites RecordBuffer and TextBuffer.
+/// @name Sorting and searching
+/// A sort orders the records of the current view in memory, by the texts of up to 21 fields and
+/// then by position. It overwrites RecordBuffer and TextBuffer.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Sorts by fields, names separated by ";, \t\n\r". callback, which may be null, is called after
@@ -496,10 +531,13 @@ void myswap(char* a, char* b, u32 width);
 /// Bisects the current order for a field text that begins with text. Returns its position; else
 /// -1 when exact is non-zero, or the position where the search ended.
 i32 SeekValue(DbfBase*, int field, const char* text, char exact);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Memo files. Memos returned are zero-terminated and belong to the caller, who calls free. The
-// per-format operations work on MemoFile, open and at its start.
+/// @name Memo files
+/// Memos returned are zero-terminated and belong to the caller, who calls free. The per-format
+/// operations work on MemoFile, open and at its start.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Path of the memo file of a table of a kind; the caller calls free.
@@ -560,9 +598,11 @@ u32 Set_dBase4Buf(DbfBase*, const char* bytes, u32 length);
 u32 Set_FoxProBuf(DbfBase*, const char* bytes, u32 length);
 /// Appends length bytes as an SMT memo; returns its block, 0 on failure.
 u32 Set_SMTBuf(DbfBase*, const char* bytes, u32 length);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Arithmetic expressions.
+/// @name Arithmetic expressions
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Value of an arithmetic text of at most 79 characters, which is upper-cased in place. On failure
@@ -570,9 +610,12 @@ u32 Set_SMTBuf(DbfBase*, const char* bytes, u32 length);
 double parse(char* text, int* status);
 /// parse.
 double Evaluate(char* text, int* status);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// String functions and code pages. Each function rewrites its argument in place and returns it.
+/// @name String functions and code pages
+/// Each function rewrites its argument in place and returns it.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Replaces every call of a string function in text by its result; returns text.
@@ -608,9 +651,12 @@ void CharToOemBuff(const char* source, char* destination, u32 length);
 /// Next token of text, or of the text given last when null; null when none is left. Writes zero
 /// bytes into the text; the state is per thread.
 char* mirastrtok(char* text, const char* delimiters);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Calculated fields. The application creates the table and releases it before CloseBase.
+/// @name Calculated fields
+/// The application creates the table and releases it before CloseBase.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Gives the handle an empty table of calculated fields, releasing an old one.
@@ -643,9 +689,12 @@ double GetCalcValueI(DbfBase*, int slot);
 int makecalcstring(DbfBase*, const char* expression, char* output, int* numeric);
 /// Removes surplus parentheses at the very beginning or end of text.
 void CheckBrackets(DbfBase*, char* text);
+///@}
 
 // --------------------------------------------------------------------------------------------
-// Record filters. ValidRecord, analizator, eval and cnd work on the work area of set_filter.
+/// @name Record filters
+/// ValidRecord, analizator, eval and cnd work on the work area of set_filter.
+///@{
 // --------------------------------------------------------------------------------------------
 
 /// Keeps the records of the current view that satisfy text; null applies FilterText again, the
@@ -668,6 +717,7 @@ void ClearFilter(DbfBase*);
 void ClearAllFilter(DbfBase*);
 /// A new block of count * 8 bytes; the caller calls free.
 void* ExternalFilter(DbfBase*, u32 count);
+///@}
 
 }  // namespace mira
 
