@@ -134,7 +134,7 @@ Block<char> nameInOtherCase(const char* path) {
         // As long as the wanted name, so the rest of the path stays.
         found = copyText(path);
         if (!found) return nullptr;
-        std::strcpy(found.get() + parts.dir.size(), entry->d_name);
+        std::memcpy(found.get() + parts.dir.size(), entry->d_name, std::strlen(wanted));
     }
     return found;
 }
