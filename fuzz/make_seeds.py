@@ -3,6 +3,7 @@
 
 import pathlib
 import struct
+from random import Random
 
 CORPUS = pathlib.Path(__file__).parent / "corpus"
 READ_WRITE = 1 << 10
@@ -93,6 +94,33 @@ def tables():
                                    struct.pack("<HH", 70, 0) + bytes(20) + b"\r" + b"x" * 120)
 
 
+def sessions():
+    """Programs of a few hundred bytes that begin with records and memos in them."""
+    for kind in range(6):
+        for wide in (0, 1):
+            random = Random(2 * kind + wide)
+            start = b"".join(bytes((0, 0, 8)) + b"name%d  " % i + bytes((0, i)) + bytes((2, i, 40)) +
+                             b"memo %d " % i * 5 + bytes((i, 0, 8)) for i in range(6))
+            yield f"{kind}-{'wide' if wide else 'small'}", (
+                bytes((kind, 0 if wide else 1)) + start + random.randbytes(300))
+
+
+def values():
+    """Three flavours; every column gets raw bytes, a moment, a text and a number."""
+    step = [b"12.345", b"20240229140709", b"29.02.2024 14:07:09", b"02.29.2024", b"2024.02.29"]
+    numbers = [0.5, -1.5, 1e300, 2147483648.0, 12.34565, float("nan"), 922337203685477.5]
+    for flavour in range(3):
+        random = Random(flavour)
+        out = bytes((flavour, 10, 2, 3, 2, 4, 9))
+        for column in range(18):
+            text = step[column % len(step)]
+            out += bytes((column, random.randrange(64))) + random.randbytes(14 if column == 11 else 8)
+            out += bytes((column, 64 + random.randrange(6))) + struct.pack("<hbbbbb", 2024, 2, 29, 14, 7, 9)
+            out += bytes((column, 128 + random.randrange(6), len(text))) + text
+            out += b"\3" + struct.pack("<d", numbers[column % len(numbers)])
+        yield f"flavour-{flavour}", out
+
+
 def write(target, seeds):
     folder = CORPUS / target
     folder.mkdir(parents=True, exist_ok=True)
@@ -101,3 +129,5 @@ def write(target, seeds):
 
 
 write("table", tables())
+write("session", sessions())
+write("values", values())
