@@ -43,20 +43,23 @@ void holdKey(DbfBase* h, const void* position, i32* held, char* key) {
     readSortKey(h, wanted, key);
 }
 
-// Elements of the sort in memory are 64-bit numbers. Their low half, or all of them, tells where
-// the key is.
+/// Element of the sort in memory.
+union Element {
+    u64 number;       ///< four characters of the key in the high half, its place in the low half
+    const char* key;  ///< the key itself, for comparing two at a time
+};
+static_assert(sizeof(Element) == sizeof(u64));
 
-const char* keyAtAddress(u64 address) {
-    return reinterpret_cast<const char*>(static_cast<std::uintptr_t>(address));
-}
+u32 placeOf(Element e) { return static_cast<u32>(e.number); }
+
+u32 charactersOf(Element e) { return static_cast<u32>(e.number >> 32); }
+
+constexpr auto isLess = [](Element a, Element b) { return a.number < b.number; };
 
 int compareHeld(const void* a, const void* b, DbfBase* h) {
     if (h->SortRecA == kStopped) return 0;
-    return compareKeys(h, keyAtAddress(*static_cast<const u64*>(a)),
-                       keyAtAddress(*static_cast<const u64*>(b)));
+    return compareKeys(h, static_cast<const Element*>(a)->key, static_cast<const Element*>(b)->key);
 }
-
-u32 placeOf(u64 element) { return static_cast<u32>(element); }
 
 /// Four characters of a text as a number that sorts as they do; zeros behind its end.
 u32 fourCharacters(const char* text) {
@@ -68,12 +71,12 @@ u32 fourCharacters(const char* text) {
     return number;
 }
 
-/// Loads the characters from a column on into the high halves; false when all keys have the same.
-bool loadCharacters(const KeyStore& keys, std::span<u64> elements, std::size_t column) {
-    u64 differences = 0;
-    for (u64& e : elements) {
-        e = u64{fourCharacters(keys.at(placeOf(e)) + column)} << 32 | placeOf(e);
-        differences |= (e ^ elements[0]) >> 32;
+/// Loads the characters from a column on; false when all keys have the same.
+bool loadCharacters(const KeyStore& keys, std::span<Element> elements, std::size_t column) {
+    u32 differences = 0;
+    for (Element& e : elements) {
+        e.number = u64{fourCharacters(keys.at(placeOf(e)) + column)} << 32 | placeOf(e);
+        differences |= charactersOf(e) ^ charactersOf(elements[0]);
     }
     return differences != 0;
 }
@@ -81,22 +84,24 @@ bool loadCharacters(const KeyStore& keys, std::span<u64> elements, std::size_t c
 /// Sorts keys that agree in all characters before a column. Elements are sorted as numbers, by four
 /// characters; runs that agree in these too are sorted from the next column on. The longest run is
 /// left to the loop, so that a recursive call gets half of the elements at most.
-void sortFrom(const KeyStore& keys, std::span<u64> elements, std::size_t column) {
+void sortFrom(const KeyStore& keys, std::span<Element> elements, std::size_t column) {
     for (; elements.size() > kFew; column += 4) {
         if (!loadCharacters(keys, elements, column)) continue;
-        std::sort(elements.begin(), elements.end());
-        std::span<u64> longest;
+        std::sort(elements.begin(), elements.end(), isLess);
+        std::span<Element> longest;
         for (auto first = elements.begin(); first != elements.end();) {
-            const auto differs = [&](u64 e) { return e >> 32 != *first >> 32; };
-            const auto last = std::find_if(first + 1, elements.end(), differs);
-            std::span<u64> run(first, last);
+            const u32 characters = charactersOf(*first);
+            const auto last = std::find_if(first + 1, elements.end(), [characters](Element e) {
+                return charactersOf(e) != characters;
+            });
+            std::span<Element> run(first, last);
             if (run.size() > longest.size()) std::swap(run, longest);
             if (run.size() > 1) sortFrom(keys, run, column + 4);
             first = last;
         }
         elements = longest;
     }
-    std::sort(elements.begin(), elements.end(), [&](u64 a, u64 b) {
+    std::sort(elements.begin(), elements.end(), [&](Element a, Element b) {
         return std::strcmp(keys.at(placeOf(a)) + column, keys.at(placeOf(b)) + column) < 0;
     });
 }
@@ -104,13 +109,13 @@ void sortFrom(const KeyStore& keys, std::span<u64> elements, std::size_t column)
 /// The keys of a view.
 struct HeldKeys {
     KeyStore store;
-    Block<u64> block;
-    std::span<u64> elements;
+    Block<Element> block;
+    std::span<Element> elements;
 };
 
 /// Reads every record of the view. False when the keys do not fit.
 bool readKeys(DbfBase* h, u32 count, HeldKeys& keys) {
-    keys.block = allocate<u64>(count);
+    keys.block = allocate<Element>(count);
     if (!keys.block) return false;
     keys.elements = {keys.block.get(), count};
     for (u32 position = 0; position < count; ++position) {
@@ -118,14 +123,14 @@ bool readKeys(DbfBase* h, u32 count, HeldKeys& keys) {
         if (position == 0 && u64{count} * (length + 1) > KeyStore::kBudget) return false;
         u32 place = 0;
         if (!keys.store.add(h->SortKeyA, length, &place)) return false;
-        keys.elements[position] = place;
+        keys.elements[position].number = place;
     }
     return true;
 }
 
 /// Between sorted keys: those that begin with the same text stand together, the text first.
 bool someKeyBeginsAnother(const HeldKeys& keys) {
-    const auto begins = [&](u64 a, u64 b) {
+    const auto begins = [&](Element a, Element b) {
         const char* text = keys.store.at(placeOf(a));
         return std::strncmp(text, keys.store.at(placeOf(b)), std::strlen(text)) == 0;
     };
@@ -137,8 +142,8 @@ bool someKeyBeginsAnother(const HeldKeys& keys) {
 bool sortTotally(DbfBase* h, HeldKeys& keys) {
     sortFrom(keys.store, keys.elements, 0);
     if (!keys.store.sameLength() && someKeyBeginsAnother(keys)) {
-        for (u64& e : keys.elements) e = placeOf(e);
-        std::sort(keys.elements.begin(), keys.elements.end());
+        for (Element& e : keys.elements) e.number = placeOf(e);
+        std::sort(keys.elements.begin(), keys.elements.end(), isLess);
         return false;
     }
     if (h->SortDescending != 0) std::reverse(keys.elements.begin(), keys.elements.end());
@@ -160,11 +165,11 @@ Block<u32> toPositions(HeldKeys& keys, const PositionOf& positionOf) {
 
 /// Sorts as the plain way does, only that the keys are there; no positions when stopped.
 void sortHeld(DbfBase* h, HeldKeys& keys, Block<u32>* positions) {
-    const std::span<u64> all = keys.elements;
-    for (u64& e : all) e = reinterpret_cast<std::uintptr_t>(keys.store.at(placeOf(e)));
-    myqsort(all.data(), static_cast<u32>(all.size()), sizeof(u64), compareHeld, h);
+    const std::span<Element> all = keys.elements;
+    for (Element& e : all) e.key = keys.store.at(placeOf(e));
+    myqsort(all.data(), static_cast<u32>(all.size()), sizeof(Element), compareHeld, h);
     if (h->SortRecA == kStopped) return;
-    *positions = toPositions(keys, [](u64 e) { return positionOfKey(keyAtAddress(e)); });
+    *positions = toPositions(keys, [](Element e) { return positionOfKey(e.key); });
 }
 
 /// Sorts in memory; no positions when stopped. False, with nothing compared, when the keys do not
@@ -172,13 +177,14 @@ void sortHeld(DbfBase* h, HeldKeys& keys, Block<u32>* positions) {
 bool sortInMemory(DbfBase* h, u32 count, Block<u32>* positions) {
     HeldKeys keys;
     if (!readKeys(h, count, keys)) return false;
+    const KeyStore& store = keys.store;
     if (h->SortCallback != nullptr || !sortTotally(h, keys)) {
         sortHeld(h, keys, positions);
-    } else if (keys.store.sameLength()) {  // saves looking for the end of every key
-        *positions = toPositions(keys, [&](u64 e) { return keys.store.indexOf(placeOf(e)); });
+    } else if (store.sameLength()) {  // saves looking for the end of every key
+        *positions = toPositions(keys, [&](Element e) { return store.indexOf(placeOf(e)); });
     } else {
         *positions =
-            toPositions(keys, [&](u64 e) { return positionOfKey(keys.store.at(placeOf(e))); });
+            toPositions(keys, [&](Element e) { return positionOfKey(store.at(placeOf(e))); });
     }
     return true;
 }
