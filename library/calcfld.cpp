@@ -280,21 +280,15 @@ int makecalcstring(DbfBase* h, const char* expression, char* output, int* numeri
 
 void CheckBrackets(DbfBase* h, char* text) {
     if (h->NoBracketCheck == 1) return;
-    const std::size_t length = std::strlen(text);
-    const auto opened = std::count(text, text + length, '(');
-    const auto closed = std::count(text, text + length, ')');
-    if (opened > closed) {
-        const auto surplus = static_cast<std::size_t>(opened - closed);
-        const std::size_t removed = std::min(surplus, std::strspn(text, "("));
-        std::memmove(text, text + removed, length - removed + 1);
-        return;
-    }
-    std::size_t end = length;
-    for (auto surplus = closed - opened; surplus > 0 && end > 0 && text[end - 1] == ')';
-         --surplus) {
-        --end;
-    }
-    text[end] = 0;
+    i64 surplus = 0;
+    char* end = text;
+    for (; *end != 0; ++end) surplus += *end == '(' ? 1 : *end == ')' ? -1 : 0;
+    const char* start = text;
+    for (; surplus > 0 && *start == '('; --surplus) ++start;
+    for (; surplus < 0 && end != text && end[-1] == ')'; ++surplus) --end;
+    const auto length = static_cast<std::size_t>(end - start);
+    std::memmove(text, start, length);
+    text[length] = 0;
 }
 
 }  // namespace mira
