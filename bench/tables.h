@@ -106,6 +106,10 @@ inline const std::vector<Column> kNumbers = {
 inline const std::vector<Column> kBinary = {{"ID", 'I', 4}, {"RATE", 'B', 8, 3}, {"AMOUNT", 'Y', 8},
                                             {"AT", 'T', 8}, {"DAY", 'D', 8},     {"NOTE", 'C', 24}};
 
+/// Visual FoxPro leaves room for the path of a database behind the descriptors.
+constexpr unsigned char kVisualFoxPro = 0x30;
+constexpr std::size_t kBacklinkSize = 263;
+
 /// Writes a table of count records. False when the file could not be written.
 inline bool writeTable(const std::string& path, unsigned char version,
                        const std::vector<Column>& columns, unsigned count) {
@@ -121,12 +125,13 @@ inline bool writeTable(const std::string& path, unsigned char version,
         d[17] = static_cast<char>(columns[i].decimals);
         recordLength += columns[i].length;
     }
+    head.back() = 0x0D;
+    if (version == kVisualFoxPro) head.resize(head.size() + kBacklinkSize);
     head[0] = static_cast<char>(version);
     putLe(&head[1], 0x180C18, 3);
     putLe(&head[4], count, 4);
     putLe(&head[8], head.size(), 2);
     putLe(&head[10], recordLength, 2);
-    head.back() = 0x0D;
     bool whole = std::fwrite(head.data(), 1, head.size(), file) == head.size();
     std::vector<char> record(recordLength, ' ');
     Random random;

@@ -13,8 +13,9 @@ int main(int argc, char** argv) {
     FILE* table = argc > 1 ? fopen(argv[1], "rb") : NULL;
     if (table == NULL || fread(header, 1, 32, table) != 32) return 1;
     unsigned headerLength = le16(header + 8), recordLength = le16(header + 10);
-    unsigned fields = (headerLength - 33) / 32;
-    fread(header + 32, 1, headerLength - 32, table);
+    unsigned fields = 0;
+    if (fread(header + 32, 1, headerLength - 32, table) != headerLength - 32) return 1;
+    while (32 * fields + 64 < headerLength && header[32 + 32 * fields] != 0x0D) fields++;
     setvbuf(stdout, output, _IOFBF, sizeof output);
     while (fread(record, 1, recordLength, table) == recordLength) {
         const unsigned char* at = record + 1;
