@@ -102,8 +102,7 @@ TEST(Write, FullDiskIsReportedByTheCallThatMeetsIt) {
         const FileSizeLimit limit(bytes.size() - 1 + room);
         EXPECT_EQ(AppendBlank(h.get(), 1) + Insert(h.get(), 3, 1), 0);
         EXPECT_EQ(h->Header.RecordCount, 2000u);
-        EXPECT_TRUE(readAll(h->FileName).compare(0, bytes.size() - 1, bytes, 0, bytes.size() - 1) ==
-                    0);
+        EXPECT_TRUE(readAll(h->FileName).starts_with(bytes.substr(0, bytes.size() - 1)));
         EXPECT_EQ(ReadRecord(h.get(), 2) + WriteRecord(h.get(), 2), 2) << "in place";
     }
     const std::unique_ptr<std::FILE, decltype(&std::fclose)> full(Open_File("/dev/full"),
@@ -147,36 +146,38 @@ TEST(Write, BackupIsMadeOnceAndWhole) {
 
 TEST(Write, ValuesGoIntoTheFieldByItsType) {
     const struct {
-        Column column;
+        char type;
+        unsigned length, decimals;
         const char* text;
         double number;
         std::string stored;
     } cases[] = {
-        {{"F", 'C', 10}, "HELLO", 7, "HELLO#####"},
-        {{"F", 'Q', 3}, "ABCDEF", 0, "ABC"},
-        {{"F", 'C', 44, 1}, "x", 0, padded("x", 300, '#')},
-        {{"F", 'V', 3}, nullptr, 0, "###"},
-        {{"F", 'D', 8}, "20260131", 0, "20260131"},
-        {{"F", 'T', 14}, "20260131102030", 0, "20260131102030"},
-        {{"F", 'L', 1}, "yes", 0, "Y"},
-        {{"F", 'L', 1}, "x", 0, " "},
-        {{"F", 'N', 8, 2}, "text", 3.14159, "    3.14"},
-        {{"F", 'F', 5, 0}, "text", 123456, "#####"},
-        {{"F", 'I', 4}, "", 3e9, "\0\0\0\0"s},
-        {{"F", '+', 4}, "", -7.9, "\xF9\xFF\xFF\xFF"s},
-        {{"F", 'I', 3}, "", 5, "###"},
-        {{"F", 'O', 8}, "", -1, "\x40\x0F\xFF\xFF\xFF\xFF\xFF\xFF"},
-        {{"F", 'Y', 8}, "", 2.71828, "\x2E\x6A\0\0\0\0\0\0"s},
-        {{"F", 'B', 8}, "", 1, "\0\0\0\0\0\0\xF0\x3F"s},
-        {{"F", 'P', 4}, "abcd", 1, "####"},
-        {{"F", '0', 4}, "abcd", 1, "####"},
-        {{"F", 'M', 10}, "abc", 0, "         1"},
-        {{"F", 'B', 10}, "a\0c", 3, "         1"},
-        {{"F", 'G', 10}, "abc", 0.5, "##########"},
+        {'C', 10, 0, "HELLO", 7, "HELLO#####"},
+        {'Q', 3, 0, "ABCDEF", 0, "ABC"},
+        {'C', 44, 1, "x", 0, padded("x", 300, '#')},
+        {'V', 3, 0, nullptr, 0, "###"},
+        {'D', 8, 0, "20260131", 0, "20260131"},
+        {'T', 14, 0, "20260131102030", 0, "20260131102030"},
+        {'L', 1, 0, "yes", 0, "Y"},
+        {'L', 1, 0, "x", 0, " "},
+        {'N', 8, 2, "text", 3.14159, "    3.14"},
+        {'F', 5, 0, "text", 123456, "#####"},
+        {'I', 4, 0, "", 3e9, "\0\0\0\0"s},
+        {'+', 4, 0, "", -7.9, "\xF9\xFF\xFF\xFF"s},
+        {'I', 3, 0, "", 5, "###"},
+        {'O', 8, 0, "", -1, "\x40\x0F\xFF\xFF\xFF\xFF\xFF\xFF"},
+        {'Y', 8, 0, "", 2.71828, "\x2E\x6A\0\0\0\0\0\0"s},
+        {'B', 8, 0, "", 1, "\0\0\0\0\0\0\xF0\x3F"s},
+        {'P', 4, 0, "abcd", 1, "####"},
+        {'0', 4, 0, "abcd", 1, "####"},
+        {'M', 10, 0, "abc", 0, "         1"},
+        {'B', 10, 0, "a\0c", 3, "         1"},
+        {'G', 10, 0, "abc", 0.5, "##########"},
     };
     for (const auto& c : cases) {
         const TempDir dir;
-        const Table h = openLayout(dir, {0x83, {c.column, {"AFTER", 'C', 20}}, {}});
+        const Table h =
+            openLayout(dir, {0x83, {{"F", c.type, c.length, c.decimals}, {"AFTER", 'C', 20}}, {}});
         CreateMemoFile(h->FileName, 0, 0);
         fill(h.get(), std::string(c.stored.size() + 21, '#'));
         for (const int field : {-1, 2}) {
@@ -187,7 +188,7 @@ TEST(Write, ValuesGoIntoTheFieldByItsType) {
         SetValue(h.get(), 0, c.text, c.number);
         EXPECT_EQ(std::string(reinterpret_cast<char*>(h->RecordBuffer), c.stored.size() + 21),
                   '#' + c.stored + std::string(20, '#'))
-            << c.column.type;
+            << c.type;
         EXPECT_EQ(SetBool(h.get(), 0, 1), 'T');
         EXPECT_EQ(SetBool(h.get(), 0, 256), 'F');
         EXPECT_EQ(h->RecordBuffer[1], 'F');
