@@ -96,33 +96,34 @@ TEST(Sort, QuicksortOfAnyWidth) {
 
 TEST(Sort, Keys) {
     const struct {
-        Column column;
+        char type;
+        unsigned length, decimals;
         std::string stored, key;
     } cases[] = {
-        {{"A", 'C', 6}, "  x \0y"s, "x    y"},
-        {{"A", 'C', 44, 1}, "a", padded("a", 300)},
-        {{"A", 'N', 6, 2}, " -5.00", "\n\n\5.\n\n"},
-        {{"A", 'F', 4}, "-1:2", "\n\t"},  // raw
-        {{"A", 'D', 8}, "20240230", padded("", 10)},
-        {{"A", 'T', 8}, le(2460311, 4) + le(50829000, 4), "20240101140709"},
-        {{"A", 'L', 1}, "\0"s, " "},
-        {{"A", 'I', 4}, le(0xFFFFFFFB, 4), "\n\n\n\n    -5"},
-        {{"A", 'M', 10}, "         7", "Full memo "},
+        {'C', 6, 0, "  x \0y"s, "x    y"},
+        {'C', 44, 1, "a", padded("a", 300)},
+        {'N', 6, 2, " -5.00", "\n\n\5.\n\n"},
+        {'F', 4, 0, "-1:2", "\n\t"},  // raw
+        {'D', 8, 0, "20240230", padded("", 10)},
+        {'T', 8, 0, le(2460311, 4) + le(50829000, 4), "20240101140709"},
+        {'L', 1, 0, "\0"s, " "},
+        {'I', 4, 0, le(0xFFFFFFFB, 4), "\n\n\n\n    -5"},
+        {'M', 10, 0, "         7", "Full memo "},
     };
     const TempDir dir;
     for (const auto& c : cases) {
-        const Table h = openTexts(dir, c.column, {c.stored});
+        const Table h = openTexts(dir, {"A", c.type, c.length, c.decimals}, {c.stored});
         std::vector<char> key(65536, 'x');
         u32 fields[] = {0, 1, 0};  // the second has no value
         h->SortKeyCount = 3;
         h->SortKeyFields = fields;
         h->DateFormat = 2;
         h->TrimMode = 3;
-        h->RawNumeric = c.column.type == 'F';
+        h->RawNumeric = c.type == 'F';
         ReadRecord(h.get(), 0);
         std::memset(h->TextBuffer, '?', 65535);
         GetCompStr(0, key.data(), h.get());
-        EXPECT_EQ(key.data(), c.key + c.key) << c.column.type << c.stored;
+        EXPECT_EQ(key.data(), c.key + c.key) << c.type << c.stored;
         EXPECT_EQ(h->DateFormat, 2);
     }
 }
