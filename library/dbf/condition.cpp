@@ -206,18 +206,42 @@ bool showsCharacters(char type) { return type == 'C' || type == 'Q' || type == '
 
 bool has(std::string_view text, char c) { return text.find(c) != std::string_view::npos; }
 
+/// Non-zero when a byte of the word is zero.
+u64 zeroBytes(u64 word) { return (word - 0x0101010101010101) & ~word & 0x8080808080808080; }
+
+/// Non-zero when a zero byte or a parenthesis is among eight bytes; "(" and ")" differ in the
+/// lowest bit only.
+u64 specialBytes(const char* eight) {
+    static_assert('(' == 0x28 && ')' == 0x29);
+    u64 word = 0;
+    std::memcpy(&word, eight, sizeof word);
+    return zeroBytes(word) | zeroBytes((word & 0xFEFEFEFEFEFEFEFE) ^ 0x2828282828282828);
+}
+
+bool hasSpecialByte(std::string_view text) {
+    constexpr std::size_t step = sizeof(u64);
+    if (text.size() < step) return has(text, 0) || has(text, '(') || has(text, ')');
+    const std::size_t last = text.size() - step;
+    u64 found = specialBytes(text.data() + last);
+    for (std::size_t i = 0; i < last; i += step) found |= specialBytes(text.data() + i);
+    return found != 0;
+}
+
 /// The text of a character field where it stands. False where something would be done to it: a
 /// conversion, or, with a parenthesis in it, the repair of parentheses or a string function.
 bool fieldText(DbfBase* h, int field, std::string_view* text) {
     if (h->OemConvert != 0) return false;
     const std::span<const u8> bytes = fieldBytes(h, field);
     std::string_view t(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    t = t.substr(0, t.find('\0'));
+    if (hasSpecialByte(t)) {
+        t = t.substr(0, t.find('\0'));
+        if (has(t, '(') || has(t, ')')) return false;
+    }
     const i32 mode = h->TrimMode;
     if (mode == 1 || mode == 3) t = t.substr(0, t.find_last_not_of(' ') + 1);
     if (mode == 2 || mode == 3) t.remove_prefix(std::min(t.find_first_not_of(' '), t.size()));
     *text = t;
-    return !has(t, '(') && !has(t, ')');
+    return true;
 }
 
 // --------------------------------------------------------------------------------------------
