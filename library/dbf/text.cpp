@@ -52,7 +52,7 @@ bool isCanonical(std::span<const u8> text, unsigned decimals) {
 }
 
 void copyStored(DbfBase* h, std::span<const u8> bytes) {
-    std::copy(bytes.begin(), bytes.end(), h->TextBuffer);
+    if (!bytes.empty()) std::memcpy(h->TextBuffer, bytes.data(), bytes.size());
     h->TextBuffer[bytes.size()] = 0;
 }
 
