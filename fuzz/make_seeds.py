@@ -81,6 +81,8 @@ def tables():
                                      table(0xF5, MEMO, huge))
     endless = memo_file(1, 16, 2, b"hello")[:36] + b"\xff\xff\xff\xff" + b"tail"
     yield "huge-length", table_input(0, endless, table(0xF5, MEMO, [b" one " + b"2".rjust(10)]))
+    short = memo_file(4, 32, 2, b"hello")[:68] + struct.pack("<I", 7) + b"tail"
+    yield "short-length", table_input(0, short, table(0x8B, MEMO, [b" one " + b"2".rjust(10)]))
     yield "unit-0", table_input(READ_WRITE, memo_file(4, 0, 1, b"zero"), table(0x8B, MEMO, digits))
     yield "smt-all-ones", table_input(READ_WRITE, memo_file(0, 1, 1, b"x"),
                                       table(0xE5, MEMO, [b" smt " + b"\xff" * 10]))
@@ -119,6 +121,14 @@ def values():
             out += bytes((column, 128 + random.randrange(6), len(text))) + text
             out += b"\3" + struct.pack("<d", numbers[column % len(numbers)])
         yield f"flavour-{flavour}", out
+    # Digits beyond what a double keeps, and the last day of four hundred years from March on.
+    out = bytes((0, 20, 2, 20, 17, 4, 9))
+    for digits in (b"12345678901234567.89", b"  -900719925474099.3", b" 1234567890123.4500",
+                   b"0.12345678901234567", b"-0.0000000000000001"):
+        out += b"".join(bytes((column, 0)) + digits.rjust(20) for column in (1, 2))
+    for year in (0, 400, 2000, 9600):
+        out += bytes((10, 65)) + struct.pack("<hbbbbb", year, 2, 29, 23, 59, 59)
+    yield "edges", out
 
 
 def write(target, seeds):

@@ -204,7 +204,7 @@ int copyMemos(DbfBase* h, const MemoCopy& copy) {
 int packMemos(DbfBase* h) {
     const MemoFamily* family = memoFamily(h->Header.Version);
     if (h->FirstMemoField == -1 || family == nullptr) return 1;
-    const Block<char> oldName = oldMemoName(h->MemoFileName);
+    const Block<char> oldName = hasMemoName(h) ? oldMemoName(h->MemoFileName) : nullptr;
     if (!oldName) return 0;
     errno = 0;
     const OwnedFile from(Open_File(h->MemoFileName));

@@ -1,4 +1,6 @@
 // File access. Offsets are 32-bit: what lies 2^31 bytes or more into a file cannot be reached.
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstring>
 
@@ -24,9 +26,17 @@ Block<char> copyText(const char* text) {
 }
 
 std::FILE* openUnbuffered(const char* path, const char* mode) {
-    std::FILE* file = path != nullptr ? std::fopen(path, mode) : nullptr;
-    if (file != nullptr) std::setvbuf(file, nullptr, _IONBF, 0);
-    return file;
+    if (path == nullptr) return nullptr;
+    struct stat info;
+    // Opening a FIFO in one direction waits for its other end.
+    const bool oneWay = std::strchr(mode, '+') == nullptr;
+    if (oneWay && stat(path, &info) == 0 && !S_ISREG(info.st_mode)) return nullptr;
+    OwnedFile file(std::fopen(path, mode));
+    if (!file) return nullptr;
+    if (!oneWay && (fstat(fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)))
+        return nullptr;
+    std::setvbuf(file.get(), nullptr, _IONBF, 0);
+    return file.release();
 }
 
 bool seekTo(std::FILE* file, u64 offset) {

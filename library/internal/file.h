@@ -34,7 +34,8 @@ Block<T> allocate(std::size_t count) {
 /// A malloc copy of a text; null for null or without memory.
 Block<char> copyText(const char* text);
 
-/// Opens with an fopen mode, unbuffered; null on failure, and for a directory.
+/// Opens with an fopen mode, unbuffered. Null on failure, and for what is no regular file: a
+/// directory holds no bytes, and reads from a FIFO or a terminal may never return.
 std::FILE* openUnbuffered(const char* path, const char* mode);
 
 /// Seeks to a byte offset; false when it cannot be reached with 31 bits or the seek fails.

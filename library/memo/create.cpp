@@ -37,7 +37,7 @@ int CreateMemoFile(const char* tablePath, u32 kind, u32 blockSize) {
     const u32 size = std::max(blockSize, kMemoHeaderMin);
     const Block<char> name(GetMemoName(tablePath, kind));
     const Block<u8> header = allocate<u8>(size);
-    if (!name || !header) return 0;
+    if (!name || !header || std::strcmp(name.get(), tablePath) == 0) return 0;
     std::memset(header.get(), 0, size);
     if (const MemoFamily* family = memoFamilyOfKind(kind)) {
         buildHeader(*family, blockSize, size, header.get());

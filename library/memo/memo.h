@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <cstring>
 
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -93,11 +94,16 @@ inline u32 memoUnit(const MemoFamily& family, const u8* header) {
     return family.bigEndian ? loadBe16(from) : loadLe16(from);
 }
 
+/// False for a table that bears the name its memo file would have: it must not be taken for one.
+inline bool hasMemoName(const DbfBase* h) {
+    return h->MemoFileName != nullptr && std::strcmp(h->MemoFileName, h->FileName) != 0;
+}
+
 /// MemoFile, open for as long as this lives.
 class OpenMemoFile {
 public:
     explicit OpenMemoFile(DbfBase* h) : handle_(h) {
-        h->MemoFile = h->MemoFileName == nullptr ? nullptr : Open_File(h->MemoFileName);
+        h->MemoFile = hasMemoName(h) ? Open_File(h->MemoFileName) : nullptr;
     }
     ~OpenMemoFile() {
         if (handle_->MemoFile != nullptr) std::fclose(handle_->MemoFile);
