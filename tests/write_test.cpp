@@ -81,6 +81,7 @@ TEST(Write, AppendedRecordsJoinTheView) {
     h->SortOrder[0] = 1;
     EXPECT_EQ(AppendBlank(h.get(), 0), 1);
     EXPECT_EQ(std::vector<u32>(h->SortOrder, h->SortOrder + 5), (std::vector<u32>{1, 0, 2, 3, 4}));
+    EXPECT_EQ(h->SortOrderCount, 5u);
     ClearSort(h.get());
     h->FilterIndex = static_cast<u32*>(std::calloc(1, 4));
     h->FilterCount = 1;
