@@ -106,7 +106,7 @@ TEST(Write, FullDiskIsReportedByTheCallThatMeetsIt) {
         EXPECT_TRUE(readAll(h->FileName).starts_with(bytes.substr(0, bytes.size() - 1)));
         EXPECT_EQ(ReadRecord(h.get(), 2) + WriteRecord(h.get(), 2), 2) << "in place";
     }
-    const std::unique_ptr<std::FILE, decltype(&std::fclose)> full(Open_File("/dev/full"),
+    const std::unique_ptr<std::FILE, decltype(&std::fclose)> full(std::fopen("/dev/full", "wb"),
                                                                   std::fclose);
     EXPECT_EQ(WriteFile(full.get(), "x", 1), 0u);
     const Table readOnly(OpenBaseRO(h->FileName));
