@@ -170,6 +170,7 @@ bool copyMemo(DbfBase* h, int field, const MemoCopy& copy) {
     u32 length = 0;
     MemoRead found = MemoRead::None;
     if (old.block != 0 || old.length != 0) {
+        std::clearerr(copy.from);  // a memo that cannot be read does not spoil the next
         found = readMemo(copy.from, *copy.family, copy.unit, old, kMemoNoLimit, &memo, &length);
     }
     ClearField(h, field);
