@@ -79,7 +79,7 @@ public:
         const char* memory = "/dev/shm";
         std::string pattern =
             access(memory, W_OK) == 0 ? memory : std::filesystem::temp_directory_path().string();
-        pattern += "/miraXXXXXX";
+        pattern += "/fuzzXXXXXX";
         if (mkdtemp(pattern.data()) == nullptr) std::abort();
         path_ = pattern;
     }
@@ -132,8 +132,8 @@ inline u64 load(std::string_view from, std::size_t at, unsigned size, bool bigEn
 }
 
 /// What GetMemoBuf gives for a memo field, told from the bytes of a record and of the memo file.
-inline std::optional<std::string> memoOf(const DbfBase* h, int field, std::string_view recordBytes,
-                                         std::string_view file) {
+inline std::optional<std::string_view> memoOf(const DbfBase* h, int field,
+                                              std::string_view recordBytes, std::string_view file) {
     const DbfField& f = h->Fields[field];
     const std::string_view bytes = recordBytes.substr(f.Offset);
     const u8 version = h->Header.Version;
@@ -168,10 +168,10 @@ inline std::optional<std::string> memoOf(const DbfBase* h, int field, std::strin
     const u64 place = unit * block;
     if (place > 0x7FFFFFFF) return std::nullopt;
     const std::string_view at = file.substr(std::min<u64>(place, file.size()));
-    if (smt) return std::string(at.substr(0, length));
+    if (smt) return at.substr(0, length);
     if (dBase3) {
         const std::string_view text = at.substr(0, std::min<std::size_t>(at.find('\x1A'), 65535));
-        return std::string(text.substr(0, text.find('\0')));
+        return text.substr(0, text.find('\0'));
     }
     if (at.size() < 8 || (foxPro ? at.substr(0, 3) != std::string_view("\0\0\0", 3)
                                  : at.substr(0, 4) != std::string_view("\xFF\xFF\x08\0", 4))) {
@@ -179,7 +179,7 @@ inline std::optional<std::string> memoOf(const DbfBase* h, int field, std::strin
     }
     length = load(at, 4, 4, foxPro);
     if (!foxPro && length < 8) return std::nullopt;
-    return std::string(at.substr(8, foxPro ? length : length - 8));
+    return at.substr(8, foxPro ? length : length - 8);
 }
 
 /// GetMemoBuf as a text.
