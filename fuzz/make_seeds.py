@@ -131,6 +131,69 @@ def values():
     yield "edges", out
 
 
+ARITHMETIC = """1+2*3-4/5
+(1.5e3-.5)*-2^3
+2^-1^2
+ROUND(2.5)+TRUNC(-2.5)
+sqrt(sqr(3)+SQR(4))
+LOG(10)*LOG10(100)/EXP(1)
+sin(1)+cos(1)+tan(1)+asin(1)+acos(1)+atan(1)
+SINH(1)-COSH(1)*TANH(ABS(-1))
+POW10(2)
+PI*2
+1/0
+-0/0
+((((((((((1))))))))))
+1+(2+(3+(4+(5+(6+(7+(8+(9
+99999999999999999999999999999999999999999999999999999999999999999999999999999999
+12345678901234567890*0.000000001+1e308*10
+1=2
+ 1 + + 2 
+0x1F"""
+
+STRINGS = """TRIM(  a  )
+LTRIM(  a  )RTRIM(  b  )
+SUBSTR(abcdef,2,3)
+substr(abcdef,-1,99999999999)
+LEFT(abc,2) RIGHT(abc,2)
+DTOS(05.03.2024 14:07:09)
+DTOS(2024)
+UPPER(TRIM( a ))
+CAP(two words)LOWER(ABC)
+SPACE(5)REPLICATE(x,3)
+TRIM((a)
+UPPER(LEFT(SUBSTR(  nested text,2,8),5)
+trim()left(,)"""
+
+FILTERS = """PRICE>10
+NAME=An
+NAME==Ann
+NAME~nn&QTY<3|FLAG=T
+PRICE>QTY*2
+PRICE>10&(QTY=1|(QTY=2&CNT<>0))
+NAME="Andrew (x"
+NAME=UPPER(ann)
+(PRICE>10)
+PRICE>10|(QTY=1
+DBL>=ORD
+CASH>=0.0001&FINE<1e9
+BORN=20240305
+SEEN>01.01.2024
+MEMO~Full
+FRAC=.50&WIDE=1.5
+NAME=
+NOTE^longer
+QTY=<5&QTY=>1&QTY><3
+CNT=-1&CNT~<5"""
+
+
+def texts(lines, prefix):
+    """Every flavour of the options in turn."""
+    for i, line in enumerate(lines.split("\n")):
+        options = bytes((i * 37 % 128, i * 5 % 20, i % 2))[:prefix]
+        yield f"{i:02}", options + line.encode()
+
+
 def write(target, seeds):
     folder = CORPUS / target
     folder.mkdir(parents=True, exist_ok=True)
@@ -141,3 +204,6 @@ def write(target, seeds):
 write("table", tables())
 write("session", sessions())
 write("values", values())
+write("arithmetic", texts(ARITHMETIC, 0))
+write("strings", texts(STRINGS, 2))
+write("filter", texts(FILTERS, 3))
