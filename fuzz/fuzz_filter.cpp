@@ -139,7 +139,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     ClearAllFilter(h);
 
-    ReadRecord(h, size % static_cast<u32>(kRows.size()));
+    ReadRecord(h, static_cast<u32>(size % kRows.size()));
     FUZZ_CHECK(GetMemCalcField(h) == 1);
     FUZZ_CHECK(AddCalcField(h, "X", text.c_str()) == 1);
     const int slot = h->FieldCount;
