@@ -56,23 +56,16 @@ TEST(Dump, PrintsEveryFieldOfEveryRecord) {
               "Dresden     |         7|   0.00|       1234.06250000|20240305|\n");
 }
 
-TEST(Dump, OpensTestDbfByDefaultAndIgnoresFurtherArguments) {
+TEST(Dump, DefaultTableAndNothingToPrint) {
     const test::TempDir dir;
     const std::string here = "cd " + quoted(dir.file("")) + " && " + quoted(kDump);
     EXPECT_EQ(outputOf(here), "");
-    test::Layout layout;
-    layout.columns = {{"A", 'C', 2}};
+    test::Layout layout{0x03, {{"A", 'C', 2}}, {}};
+    test::writeAll(dir.file("empty.dbf"), layout.bytes());
     layout.records = {" xy", "*z "};
     test::writeAll(dir.file("test.dbf"), layout.bytes());
     EXPECT_EQ(outputOf(here), "xy|\nz |\n");
     EXPECT_EQ(outputOf(here + " test.dbf none.dbf"), "xy|\nz |\n");
-}
-
-TEST(Dump, PrintsNothingWithoutRecords) {
-    const test::TempDir dir;
-    test::Layout layout;
-    layout.columns = {{"A", 'C', 2}};
-    test::writeAll(dir.file("empty.dbf"), layout.bytes());
     test::writeAll(dir.file("no-table.dbf"), "no table");
     for (const char* name : {"empty.dbf", "no-table.dbf", "none.dbf", ""}) {
         EXPECT_EQ(dump(dir.file(name)), "") << name;

@@ -29,8 +29,6 @@ u32* owned(std::initializer_list<u32> values) {
 TEST(Records, PositionsGoThroughReverseSortAndFilter) {
     TempDir dir;
     const Table h = openLayout(dir, numbered(5));
-    EXPECT_EQ(at(h.get(), 4), "104");
-    EXPECT_EQ(at(h.get(), 5), "failed");
     h->Reverse = 1;
     EXPECT_EQ(at(h.get(), 0), "104");
     EXPECT_EQ(at(h.get(), 5), "failed");
@@ -129,19 +127,15 @@ TEST(Records, ReadAheadIsNeverStale) {
 
 TEST(Files, PathsAndWrappers) {
     char drive[4], dir[256], name[256], ext[10];
-    _splitpath("a.b/c.tar.gz", drive, dir, name, ext);
-    EXPECT_STREQ(dir, "a.b/");
-    EXPECT_STREQ(name, "c.tar");
-    EXPECT_STREQ(ext, ".gz");
-    _splitpath("d.e/plain", drive, dir, name, ext);
-    EXPECT_STREQ(name, "plain");
-    EXPECT_STREQ(ext, "");
+    const auto split = [&](const char* path) {
+        _splitpath(path, drive, dir, name, ext);
+        return dir + "|"s + name + "|" + ext;
+    };
+    EXPECT_EQ(split("a.b/c.tar.gz"), "a.b/|c.tar|.gz");
+    EXPECT_EQ(split("d.e/plain"), "d.e/|plain|");
     const std::string longPath =
         std::string(300, 'd') + "/" + std::string(300, 'n') + ".extension1";
-    _splitpath(longPath.c_str(), drive, dir, name, ext);
-    EXPECT_EQ(std::strlen(dir), 255u);
-    EXPECT_EQ(std::strlen(name), 255u);
-    EXPECT_STREQ(ext, ".extensio");
+    EXPECT_EQ(split(longPath.c_str()).size(), 255u + 1 + 255 + 1 + 9);
     char made[260];
     MakeExt(made, "x/t.dbf", ".bak", nullptr);
     EXPECT_STREQ(made, "x/t.bak");

@@ -122,10 +122,15 @@ struct Closer {
 /// A handle that closes itself.
 using Table = std::unique_ptr<mira::DbfBase, Closer>;
 
-/// Writes the layout to a file of the directory and opens it.
-inline Table openLayout(const TempDir& dir, const Layout& layout, std::string_view name = "t.dbf") {
-    writeAll(dir.file(name), layout.bytes());
+/// Writes bytes to a file of the directory and opens it as a table; null when it is refused.
+inline Table openBytes(const TempDir& dir, std::string_view bytes,
+                       std::string_view name = "t.dbf") {
+    writeAll(dir.file(name), bytes);
     return Table(mira::OpenBase(dir.file(name).c_str()));
+}
+
+inline Table openLayout(const TempDir& dir, const Layout& layout, std::string_view name = "t.dbf") {
+    return openBytes(dir, layout.bytes(), name);
 }
 
 /// While this lives, files can grow to a number of bytes and no further, as on a full disk.
