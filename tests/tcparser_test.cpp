@@ -1,11 +1,9 @@
 // Arithmetic expressions: values, failures, limits, and what happens to the text and the flag.
-#include <atomic>
 #include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <random>
-#include <thread>
 
 #include "support.h"
 
@@ -106,17 +104,6 @@ TEST(Arithmetic, NumbersAreExact) {
                   std::bit_cast<std::uint64_t>(std::strtod(text.c_str(), nullptr)))
             << text;
     }
-}
-
-TEST(Arithmetic, ThreadsDoNotMeet) {
-    std::atomic<int> wrong = 0;
-    const auto work = [&wrong](const std::string& text, double value) {
-        for (int i = 0; i < 20000; ++i) wrong += run(text).value != value ? 1 : 0;
-    };
-    std::thread other(work, nested("(", 20, "2^3^2"), 512.0);
-    work(repeat("-SQR(2)*", 9) + "1", -262144.0);
-    other.join();
-    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace
