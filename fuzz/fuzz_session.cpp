@@ -19,6 +19,8 @@ constexpr char kOtherTypes[] = "NFDLTYBO@+";
 
 const Directory directory;
 
+int seekElsewhere(DbfBase* h) { return InternalSeekRecord(h, 0); }
+
 struct Row {
     std::string bytes;
     std::string memos[2];
@@ -69,6 +71,9 @@ private:
     void changeOption(Input&);
 
     bool hasView() const { return filter_ || order_; }
+    bool isFiltered() const { return filter_ && h_->UseFilterIndex != 0; }
+    /// Otherwise positions are records, and those behind the last one are not refused.
+    bool isMapped() const { return h_->Reverse != 0 || order_ || isFiltered(); }
     u32 viewCount() const { return static_cast<u32>(filter_ ? filter_->size() : rows_.size()); }
     /// The record of a position; nothing where an operation has to refuse it.
     std::optional<u32> recordAt(u32 position) const;
@@ -139,12 +144,12 @@ void Session::open() {
 }
 
 std::optional<u32> Session::recordAt(u32 position) const {
-    if (h_->Reverse != 0 || hasView()) {
+    if (isMapped()) {
         if (position >= viewCount()) return std::nullopt;
         if (h_->Reverse != 0) position = viewCount() - 1 - position;
         if (order_ && position < order_->size()) position = (*order_)[position];
     }
-    if (filter_) position = (*filter_)[position];
+    if (isFiltered()) position = (*filter_)[position];
     return position < rows_.size() ? std::optional(position) : std::nullopt;
 }
 
@@ -209,7 +214,7 @@ void Session::writeRecord(Input& input) {
     const u32 way = input.below(3);
     const u32 at = position(input);
     const std::optional<u32> found = recordAt(at);
-    if (!found && h_->Reverse == 0 && !hasView()) return;  // would write behind the records
+    if (!found && !isMapped()) return;  // would write behind the records
     const int result = found ? 1 : 0;
     if (way == 0) {
         FUZZ_CHECK(WriteRecord(h_.get(), at) == result);
@@ -233,7 +238,7 @@ void Session::changeFlag(Input& input) {
     const u32 way = input.below(3);
     const u32 at = position(input);
     const std::optional<u32> found = recordAt(at);
-    if (!found && h_->Reverse == 0 && !hasView()) return;  // the end-of-file byte is a flag, too
+    if (!found && !isMapped()) return;  // the end-of-file byte is a flag, too
     char* flag = found ? &rows_[*found].bytes[0] : nullptr;
     if (way == 0) {
         FUZZ_CHECK(DeleteRecord(h_.get(), at) == 1);
@@ -352,7 +357,7 @@ void Session::sort() {
     h_->SortDescending = h_->SortOrder != nullptr;
     std::vector<std::pair<std::string, u32>> keys;
     for (u32 i = 0; i < viewCount(); ++i) {
-        const Row& row = rows_[filter_ ? (*filter_)[i] : i];
+        const Row& row = rows_[isFiltered() ? (*filter_)[i] : i];
         keys.emplace_back(row.bytes.substr(1, column(kNote) - 1), i);
         std::replace(keys.back().first.begin(), keys.back().first.end(), '\0', ' ');
     }
@@ -367,7 +372,14 @@ void Session::sort() {
 }
 
 void Session::changeFromOutside(Input& input) {
-    const u32 way = input.below(3);
+    const u32 way = input.below(4);
+    if (way == 0 && !rows_.empty()) {  // seen at once, as another handle of this process does it
+        const u32 at = input.byte() % static_cast<u32>(rows_.size());
+        FUZZ_CHECK(InverseRecord(Table(OpenBase(path_.c_str())).get(), at) == 1);
+        char& flag = rows_[at].bytes[0];
+        flag = flag == '*' ? ' ' : '*';
+        return;
+    }
     if (way == 1 && rows_.size() < kRows) {
         const Table other(OpenBase(path_.c_str()));
         FUZZ_CHECK(AppendBlank(other.get(), 1) == 1);
@@ -403,7 +415,7 @@ void Session::readRecords(Input& input) {
 }
 
 void Session::changeOption(Input& input) {
-    switch (input.below(7)) {
+    switch (input.below(9)) {
         case 0:
             h_->Reverse = h_->Reverse == 0;
             break;
@@ -426,6 +438,12 @@ void Session::changeOption(Input& input) {
             ClearField(h_.get(), kNote);
             takeBuffer();
             FUZZ_CHECK(buffer_.memos[0].empty());
+            break;
+        case 6:
+            h_->UseFilterIndex ^= 1;
+            break;
+        case 7:
+            h_->AfterRead = h_->BeforeWrite = h_->BeforeWriteByte = seekElsewhere;
             break;
         default:
             buffer_ = blank();
