@@ -205,34 +205,32 @@ TEST(Dates, RenderInFiveFormats) {
     const char* times[] = {"20240305140709", "05.03.2024 14:07:09", "03.05.2024 14:07:09",
                            "2024.03.05 14:07:09", "20240305140709"};
     OneField d('D', 8), text('T', 14), binary('T', 8), stamp('@', 8);
+    const std::string bytes = le(2460375, 4) + le(50829000, 4);
     for (int format = 0; format < 5; ++format) {
         for (OneField* f : {&d, &text, &binary, &stamp}) f->h->DateFormat = format;
         EXPECT_EQ(d.show("20240305"), dates[format]);
-        EXPECT_EQ(d.show("20230229"), format == 0 ? std::string(8, ' ') : std::string(10, ' '));
+        EXPECT_EQ(d.show("20230229"), std::string(format == 0 ? 8 : 10, ' '));
         EXPECT_EQ(text.show("20240305140709"), times[format]);
-        EXPECT_EQ(text.show("2024030524    "),
-                  format == 0 ? std::string(14, ' ') : std::string(19, ' '));
-        const std::string bytes = le(2460375, 4) + le(50829000, 4);
-        if (format != 0) {
-            EXPECT_EQ(binary.show(bytes), times[format]);
-            EXPECT_EQ(stamp.show(bytes), times[format]);
-        }
-        SetDateTimeS(binary.h.get(), 0, times[format]);
-        SetDateTimeS(stamp.h.get(), 0, times[format]);
+        EXPECT_EQ(text.show("2024030524    "), std::string(format == 0 ? 14 : 19, ' '));
         SetDateS(d.h.get(), 0, dates[format]);
-        EXPECT_EQ(binary.bytes(), bytes);
-        EXPECT_EQ(stamp.bytes(), bytes);
         EXPECT_EQ(d.bytes(), "20240305");
-        SetDateS(d.h.get(), 0, "        ");
-        EXPECT_EQ(d.bytes(), "        ");
+        for (const char* none : {"        ", "00.00.0000"}) SetDateS(d.h.get(), 0, none);
         SetDate(d.h.get(), 0, 2024, 13, 1);
         EXPECT_EQ(d.bytes(), "        ");
+        for (OneField* f : {&binary, &stamp}) {
+            SetDateTimeS(f->h.get(), 0, times[format]);
+            EXPECT_EQ(f->bytes(), bytes);
+            f->put(bytes);
+            EXPECT_TRUE(format == 0 || GetStr(f->h.get(), 0) == times[format] + ""s);
+        }
     }
+    const std::pair<const char*, const char*> formats[] = {{"%04d/%02d/%02d", "2024/03/15"},
+                                                           {"%d~%2d~%x", "2024~ 3~f"}};
     d.h->DateFormat = 3;
-    std::strcpy(d.h->DateFormats[3], "%04d/%02d/%02d");
-    EXPECT_EQ(d.show("20240305"), "2024/03/05");
-    std::strcpy(d.h->DateFormats[3], "%d~%2d~%x");
-    EXPECT_EQ(d.show("20240315"), "2024~ 3~f");
+    for (const auto& [format, shown] : formats) {
+        std::strcpy(d.h->DateFormats[3], format);
+        EXPECT_EQ(d.show("20240315"), shown);
+    }
     EXPECT_EQ(d.show("-1230305"), "-123~ 3~5");
     d.h->DateFormat = 0;
     SetDateS(d.h.get(), 0, "05.03.2024");
