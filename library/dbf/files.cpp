@@ -40,8 +40,8 @@ std::FILE* openUnbuffered(const char* path, const char* mode) {
 }
 
 bool seekTo(std::FILE* file, u64 offset) {
-    return offset <= kReachable &&
-           SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) == offset;
+    return file != nullptr && offset <= kReachable &&
+           std::fseek(file, static_cast<long>(offset), SEEK_SET) == 0;
 }
 
 bool readExact(std::FILE* file, void* buffer, u32 count) {
