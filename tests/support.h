@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,19 +27,14 @@ using namespace std::string_literals;
 class TempDir {
 public:
     TempDir() {
-        const std::filesystem::path memory = "/dev/shm";
-        const bool there = access(memory.c_str(), W_OK) == 0;
-        const auto parent = there ? memory : std::filesystem::temp_directory_path();
-        std::string pattern = (parent / "miraXXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-        path_ = pattern;
+        std::string pattern = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        path_ = mkdtemp((pattern += "/miraXXXXXX").data());
     }
     ~TempDir() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
     TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
 
     std::string file(std::string_view name) const { return (path_ / name).string(); }
 
@@ -149,7 +145,6 @@ public:
     }
     ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &saved_); }
     FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
 
 private:
     rlimit saved_;
@@ -166,15 +161,26 @@ inline std::string today(bool fullYear = false) {
 
 /// The parts of a list, for tables of texts.
 inline std::vector<std::string> split(std::string_view list, char separator = ';') {
-    std::vector<std::string> parts(1);
-    for (const char c : list) {
-        if (c == separator) {
-            parts.emplace_back();
-        } else {
-            parts.back() += c;
-        }
-    }
+    std::vector<std::string> parts;
+    std::istringstream in(std::string(list) + separator);
+    for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
     return parts;
+}
+
+/// The rows of a table of texts "text=result;...", cut at their first equals sign.
+inline std::vector<std::pair<std::string, std::string>> rows(std::string_view table) {
+    std::vector<std::pair<std::string, std::string>> result;
+    for (const std::string& row : split(table)) {
+        const std::size_t equals = row.find('=');
+        result.emplace_back(row.substr(0, equals), row.substr(equals + 1));
+    }
+    return result;
+}
+
+inline std::string repeat(std::string_view part, int count) {
+    std::string out;
+    while (count-- > 0) out += part;
+    return out;
 }
 
 /// A text as const char* for the readers that may return null.
