@@ -1,33 +1,25 @@
 // miradump: the whole output as golden text, and its silence where there is nothing to print.
-#include <sys/wait.h>
-
 #include "support.h"
 
 namespace {
 
-using namespace std::string_literals;
+using test::operator""s;
 
-const std::string kDump = MIRA_DUMP_PROGRAM;
-const std::string kSamples = MIRA_SAMPLES_DIR;
-
-std::string quoted(const std::string& word) { return "'" + word + "'"; }
+const std::string kDump = "'"s + MIRA_DUMP_PROGRAM + "'";
 
 /// Standard output and error of a shell command, with a line about its exit status if that is
 /// not 0.
 std::string outputOf(const std::string& command) {
     std::FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) return "no pipe";
     std::string output;
     for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) output += static_cast<char>(c);
-    const int status = pclose(pipe);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) output += "failed\n";
-    return output;
+    return pclose(pipe) == 0 ? output : output + "failed\n";
 }
 
-std::string dump(const std::string& path) { return outputOf(quoted(kDump) + " " + quoted(path)); }
+std::string dump(const std::string& path) { return outputOf(kDump + " '" + path + "'"); }
 
 TEST(Dump, PrintsEveryFieldOfEveryRecord) {
-    EXPECT_EQ(dump(kSamples + "/stock.dbf"),
+    EXPECT_EQ(dump(MIRA_SAMPLES_DIR "/stock.dbf"),
               "BLT040|Bolt M8 x 40        |    0.35| 1200|F|20240105|\n"
               "BLT060|Bolt M8 x 60        |    0.42|  860|F|20240105|\n"
               "NUT008|Hex nut M8          |    0.08| 2400|F|20240105|\n"
@@ -42,23 +34,18 @@ TEST(Dump, PrintsEveryFieldOfEveryRecord) {
               "RET001|Returned deposit    |  -15.00|    1|N|20240305|\n");
     // A binary date-time prints as its stored bytes, up to the first zero byte.
     EXPECT_EQ(
-        dump(kSamples + "/ledger.dbf"),
+        dump(MIRA_SAMPLES_DIR "/ledger.dbf"),
         "         1|Opening balance |               2500.0000|              1.0000|\x97\x8A%|\n"
         "         2|Rent            |               -850.0000|              1.0000|\x98\x8A%|\n"
         "         3|Sales EUR       |               1234.5678|              1.0875|\xA5\x8A%|\n"
         "         4|Bank charges    |                -12.5000|              0.9195|\xB5\x8A%|\n"
         "        -5|Reversal        |                 12.5000|              0.9195|              "
         "|\n");
-    EXPECT_EQ(dump(kSamples + "/parcels.dbf"),
-              "Aberdeen    |    100001|  12.40|          4.00000000|20240301|\n"
-              "Bergen      |    100002|  30.00|        -18.50000000|20240302|\n"
-              "Cork        |2147483647|   8.75|          0.00000000|        |\n"
-              "Dresden     |         7|   0.00|       1234.06250000|20240305|\n");
 }
 
 TEST(Dump, DefaultTableAndNothingToPrint) {
     const test::TempDir dir;
-    const std::string here = "cd " + quoted(dir.file("")) + " && " + quoted(kDump);
+    const std::string here = "cd '" + dir.file("") + "' && " + kDump;
     EXPECT_EQ(outputOf(here), "");
     test::Layout layout{0x03, {{"A", 'C', 2}}, {}};
     test::writeAll(dir.file("empty.dbf"), layout.bytes());
