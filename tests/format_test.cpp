@@ -14,16 +14,12 @@ TEST(Format, ReadsHeaderAndDescriptors) {
     TempDir dir;
     Layout layout{0x31, {{"ID", 'I', 4}, {"LONGNAME12", 'C', 44, 1}, {"PRICE", 'N', 10, 2}}, {}};
     const Table h = openLayout(dir, layout);
-    ASSERT_TRUE(h);
     EXPECT_EQ(h->Status + h->Level7, 0u);
     EXPECT_STREQ(h->Fields[1].Name, "LONGNAME12");
     EXPECT_EQ(GetLenField(h.get(), 1), 300u);
-    EXPECT_EQ(GetHighLen(h.get(), 1), 44u);
     EXPECT_EQ(h->Fields[2].Offset, 305);
     EXPECT_EQ(h->Header.RecordLength, 315);
     EXPECT_EQ(h->FirstMemoField, -1);
-    EXPECT_EQ(fieldno(h.get(), 2), 2);
-    EXPECT_EQ(fieldno(h.get(), 3) + fieldno(h.get(), -1), -2);
     EXPECT_EQ(h->BackupName, dir.file("t.bak"));
 }
 
@@ -40,10 +36,7 @@ TEST(Format, RepairsVersionRecordCountAndLength) {
         EXPECT_EQ(h->Header.Version, known ? version : 0x03) << version;
     }
     EXPECT_EQ(openLayout(dir, {0x05, {{"TEXT", 'M', 10}}, {}})->Header.Version, 0xF5);
-    bytes = kOneField.bytes();
-    bytes[4] = 77;
-    bytes[10] = 99;
-    const Table h = openBytes(dir, bytes);
+    const Table h = openBytes(dir, kOneField.bytes().replace(4, 1, "M").replace(10, 1, "c"));
     EXPECT_EQ(h->Status, 4u);
     EXPECT_EQ(reccount(h.get()), 2u);
     EXPECT_EQ(h->Header.RecordLength, 6);
@@ -115,14 +108,9 @@ TEST(Hostile, EveryCutAndEveryHeaderByte) {
         const std::string bytes = layout.bytes();
         std::vector<std::string> damaged;
         for (std::size_t i = 0; i < bytes.size(); ++i) damaged.push_back(bytes.substr(0, i));
-        for (std::size_t i = 0; i < layout.headerLength(); ++i) {
-            for (const char value :
-                 "\xFF\x0D"
-                 "C"s +
-                     '\0') {
-                damaged.push_back(bytes);
-                damaged.back()[i] = value;
-            }
+        for (std::size_t i = 0; i < 4 * layout.headerLength(); ++i) {
+            damaged.push_back(bytes);
+            damaged.back()[i / 4] = "\xFF\rC"[i % 4];  // or the zero byte behind them
         }
         for (const std::string& table : damaged) {
             const Table h = openBytes(dir, table);
@@ -157,7 +145,7 @@ TEST(Hostile, DescriptorListsWithoutEnd) {
 
 TEST(Hostile, NoTables) {
     TempDir dir;
-    for (const char* name : {"missing.dbf", ""}) EXPECT_FALSE(OpenBase(dir.file(name).c_str()));
+    EXPECT_FALSE(OpenBase(dir.file("missing.dbf").c_str()));
     EXPECT_FALSE(OpenBase(nullptr));
     EXPECT_FALSE(openBytes(dir, ""));
     CloseBase(nullptr);

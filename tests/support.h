@@ -100,16 +100,13 @@ struct Layout {
         return level7 ? 68 + 48 * count + 1 : 32 + 32 * count + 1;
     }
     std::string bytes() const {
-        std::string out(1, static_cast<char>(version));
-        out +=
-            "\x1A\x0B\x18"s + le(records.size(), 4) + le(headerLength(), 2) + le(recordLength(), 2);
+        std::string out = le(version, 1) + "\x1A\x0B\x18" + le(records.size(), 4) +
+                          le(headerLength(), 2) + le(recordLength(), 2);
         out.resize(level7 ? 68 : 32, 0);
         for (const Column& c : columns) {
-            std::string d = padded(c.name, level7 ? 32 : 11, 0) + c.type;
-            d.resize(level7 ? 34 : 16, 0);
-            d += le(c.length, 1) + le(c.decimals, 1);
-            d.resize(level7 ? 48 : 32, 0);
-            out += d;
+            const std::string name = padded(c.name, level7 ? 32 : 11, 0) + c.type;
+            out += padded(name, level7 ? 34 : 16, 0) + le(c.length, 1) + le(c.decimals, 1);
+            out.resize(out.size() + (level7 ? 12 : 14), 0);
         }
         out += '\x0D';
         for (const std::string& r : records) out += r;
@@ -135,19 +132,17 @@ inline Table openLayout(const TempDir& dir, const Layout& layout, std::string_vi
 }
 
 /// While this lives, files can grow to a number of bytes and no further, as on a full disk.
-class FileSizeLimit {
-public:
+struct FileSizeLimit {
     explicit FileSizeLimit(rlim_t bytes) {
         std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &saved_);
-        const rlimit limit{bytes, saved_.rlim_max};
+        getrlimit(RLIMIT_FSIZE, &saved);
+        const rlimit limit{bytes, saved.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limit);
     }
-    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &saved_); }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &saved); }
     FileSizeLimit(const FileSizeLimit&) = delete;
 
-private:
-    rlimit saved_;
+    rlimit saved;
 };
 
 /// The date that a header written now carries: year, month, day. fullYear counts from 1900.
