@@ -191,4 +191,27 @@ TEST(PreparedFilter, FindsWhatThePlainWayFinds) {
     EXPECT_GT(some, 500) << "the texts select too little to tell";
 }
 
+TEST(PreparedFilter, NumbersAsStoredCompareAsParsed) {
+    Random random(4);
+    const TempDir dir;
+    Layout layout{.columns = {{"FINE", 'N', 20, 7}, {"CASH", 'Y', 8}}, .records = {}};
+    for (int i = 0; i < 400; ++i) {
+        const std::string number = std::to_string(random() >> random() % 8) + "." +
+                                   std::to_string(random()).substr(0, random() % 9);
+        layout.records.push_back(padded("", 21 - number.size()) + number +
+                                 le(u64{random()} << random() % 32, 8));
+    }
+    const Table h = openLayout(dir, layout);
+    for (u32 i = 0; i < 400; ++i) {
+        ClearAllFilter(h.get());
+        h->RawNumeric = i % 2;
+        ReadRecord(h.get(), i);
+        const std::string text = (i % 4 < 2 ? "FINE"s : "CASH"s) + "=<"[i % 3 == 0];
+        const std::string filter = text + GetStr(h.get(), i % 4 < 2 ? 0 : 1);
+        const Records expected = plainly(h.get(), filter);
+        ASSERT_EQ(set_filter(h.get(), filter.c_str(), nullptr), h.get());
+        ASSERT_EQ(filtered(h.get()), expected) << filter;
+    }
+}
+
 }  // namespace
