@@ -6,14 +6,19 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "mira.h"
@@ -176,6 +181,23 @@ inline std::string repeat(std::string_view part, int count) {
     std::string out;
     while (count-- > 0) out += part;
     return out;
+}
+
+/// The current record.
+inline std::string recordOf(const mira::DbfBase* h) {
+    return {reinterpret_cast<const char*>(h->RecordBuffer), h->Header.RecordLength};
+}
+inline void setRecord(mira::DbfBase* h, std::string_view bytes) {
+    std::copy(bytes.begin(), bytes.end(), h->RecordBuffer);
+}
+
+/// The bytes of a memo of the current record, if there is one.
+inline std::optional<std::string> memoOf(mira::DbfBase* h, int field = 0) {
+    mira::u32 length = 0;
+    char* const bytes = mira::GetMemoBuf(h, field, &length);
+    if (bytes == nullptr) return std::nullopt;
+    const std::unique_ptr<char, decltype(&std::free)> owner(bytes, std::free);
+    return std::string(bytes, length);
 }
 
 /// A text as const char* for the readers that may return null.
