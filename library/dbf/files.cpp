@@ -27,14 +27,14 @@ Block<char> copyText(const char* text) {
 
 std::FILE* openUnbuffered(const char* path, const char* mode) {
     if (path == nullptr) return nullptr;
+    const auto isOther = [](const struct stat& info) { return !S_ISREG(info.st_mode); };
     struct stat info;
-    // Opening a FIFO in one direction waits for its other end.
+    // Opening a FIFO in one direction waits for its other end, so that is looked at beforehand.
     const bool oneWay = std::strchr(mode, '+') == nullptr;
-    if (oneWay && stat(path, &info) == 0 && !S_ISREG(info.st_mode)) return nullptr;
+    if (oneWay && stat(path, &info) == 0 && isOther(info)) return nullptr;
     OwnedFile file(std::fopen(path, mode));
     if (!file) return nullptr;
-    if (!oneWay && (fstat(fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)))
-        return nullptr;
+    if (!oneWay && fstat(fileno(file.get()), &info) == 0 && isOther(info)) return nullptr;
     std::setvbuf(file.get(), nullptr, _IONBF, 0);
     return file.release();
 }
