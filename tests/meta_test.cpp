@@ -54,4 +54,11 @@ TEST(Meta, AliasFileHoldsOneHeadingPerField) {
     }
 }
 
+TEST(Meta, VersionsAndMessages) {
+    EXPECT_EQ(GetVerMIRAlib(0) + GetVerMIRAlib(3) + GetVerMIRAlib(7), 291 + 256 + 0);
+    EXPECT_EQ(GetVerMIRAlib(2), static_cast<std::intptr_t>(sizeof(DbfBase)));
+    EXPECT_EQ(str(reinterpret_cast<const char*>(GetVerMIRAlib(1))).size(), 20u);
+    EXPECT_EQ(MsgS(padded("", 999, 'x').c_str()) + Msg(-12), 254 + 9);
+}
+
 }  // namespace
