@@ -29,7 +29,6 @@ constexpr std::size_t kNameLength = 10;
 constexpr std::size_t kParseLength = 79;  // characters that parse takes
 constexpr int kNoSlot = -1;
 constexpr int kSlots = 2048;
-constexpr i32 kDateDigits = 4;  // the DateFormat of dates in expressions
 constexpr unsigned kValueWidth = 20;
 constexpr unsigned kValueDecimals = 6;
 
@@ -107,7 +106,7 @@ void squeezeBlanks(char* text) {
 std::string_view valueText(DbfBase* h, int field) {
     const char type = h->Fields[field].Type;
     const bool dated = type == 'D' || type == 'T' || type == '@';
-    const Restore format(h->DateFormat, dated ? kDateDigits : h->DateFormat);
+    const Restore format(h->DateFormat, dated ? kDigitsFormat : h->DateFormat);
     return GetStr(h, field);
 }
 

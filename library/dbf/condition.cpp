@@ -18,6 +18,7 @@
 #include "dbf/dbf.h"
 #include "dbf/filter.h"
 #include "internal/bytes.h"
+#include "internal/decimal.h"
 
 namespace mira {
 
@@ -128,9 +129,6 @@ bool sidesHold(DbfBase* h, const OperatorRow& op, bool numeric, char* left, char
 // Numbers and texts as the record stores them
 // --------------------------------------------------------------------------------------------
 
-constexpr std::size_t kExactDigits = 15;  // a decimal of as many digits survives a double
-constexpr i64 kExactCurrency = i64{1} << 52;
-constexpr double kCurrencyScale = 10000.0;
 constexpr double kPowersOfTen[kExactDigits + 1] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                                    1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 
@@ -180,7 +178,7 @@ bool decimalValue(DbfBase* h, int field, const DbfField& f, double* value) {
 
 bool currencyValue(DbfBase* h, int field, double* value) {
     const auto stored = static_cast<i64>(loadLe64(fieldPrefix<8>(h, field).data()));
-    *value = static_cast<double>(stored) / kCurrencyScale;
+    *value = GetCurrency(h, field);
     return stored > -kExactCurrency && stored < kExactCurrency;
 }
 

@@ -16,6 +16,8 @@ inline constexpr u32 kStatusVersion = 1;
 inline constexpr u32 kStatusFieldTypes = 2;
 inline constexpr u32 kStatusRecordCount = 4;
 
+inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
+
 inline constexpr u32 kBackupNameSize = 260;
 inline constexpr u32 kAheadSize = sizeof(DbfBase::AheadBuffer);
 

@@ -17,7 +17,6 @@ namespace {
 constexpr std::size_t kPositionWidth = 10;
 constexpr std::size_t kPartsSize = kSortKeySize - kPositionWidth;  // zero byte included
 
-constexpr i32 kDateDigits = 4;  // DateFormat whose texts sort as dates do
 constexpr std::size_t kDateWidth = 8;
 constexpr std::size_t kDateTimeWidth = 14;
 
@@ -135,7 +134,7 @@ u32 positionOfKey(const char* key) {
 
 void GetCompStr(u32 /*record*/, char* key, DbfBase* h) {
     TextOut out(key, kPartsSize);
-    const Restore dates(h->DateFormat, kDateDigits);
+    const Restore dates(h->DateFormat, kDigitsFormat);
     for (u32 i = 0; i < h->SortKeyCount; ++i) {
         putPart(h, static_cast<int>(h->SortKeyFields[i]), out);
     }

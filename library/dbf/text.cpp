@@ -20,10 +20,6 @@ constexpr unsigned kDoubleWidth = 20;
 constexpr unsigned kOrderedDecimals = 8;
 constexpr unsigned kCurrencyWidth = 24;
 constexpr unsigned kCurrencyDecimals = 4;
-constexpr i64 kExactCurrency = i64{1} << 52;  // up to here a double keeps all four decimals
-
-// A decimal text of up to 15 digits comes back from a double unchanged.
-constexpr std::size_t kExactDigits = 15;
 
 constexpr std::size_t kShortField = 32;
 

@@ -16,6 +16,12 @@ double readDecimal(std::string_view text);
 /// a zero byte. to holds kFixedTextSize bytes.
 std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals);
 
+/// A decimal of up to this many digits comes back from a double unchanged.
+inline constexpr std::size_t kExactDigits = 15;
+
+/// Below this magnitude a double keeps all four decimals of a currency in ten-thousandths.
+inline constexpr i64 kExactCurrency = i64{1} << 52;
+
 /// Widths and decimal counts are bytes (0 to 255), and a double has up to 309 digits and a sign
 /// before its point.
 inline constexpr std::size_t kFixedTextSize = 640;
