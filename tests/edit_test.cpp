@@ -6,11 +6,11 @@ namespace {
 using namespace mira;
 using namespace test;
 
-Layout numbered(unsigned count, unsigned length) {
-    Layout layout{0x03, {{"F", 'C', length % 256, length / 256}}, {}};
+Layout numbered(unsigned count, unsigned width) {
+    Layout layout{0x03, {{"F", 'C', width % 256, width / 256}}, {}};
     for (unsigned i = 0; i < count; ++i) {
-        const char flag = i % 3 == 1 ? '*' : ' ';
-        layout.records.push_back(padded(flag + std::to_string(i), length + 1, '.'));
+        layout.records.push_back(
+            padded((i % 3 == 1 ? "*" : " ") + std::to_string(i), width + 1, '.'));
     }
     return layout;
 }
@@ -19,15 +19,14 @@ TEST(Edit, MovesRecordsOfEverySize) {
     for (const unsigned length : {1u, 1000u, 60000u}) {
         const TempDir dir;
         Layout model = numbered(std::max(9u, 400000 / (length + 99)), length);
-        auto& records = model.records;
         const Table h = openLayout(dir, model);
         for (u32 step = 0; step < 20; ++step) {
             const u32 at = step * 7 % reccount(h.get());
             EXPECT_EQ(step % 2 == 0 ? Delete(h.get(), at) : Insert(h.get(), at, 0), 1);
             if (step % 2 == 0) {
-                records.erase(records.begin() + at);
+                model.records.erase(model.records.begin() + at);
             } else {
-                records.insert(records.begin() + at, recordOf(h.get()));
+                model.records.insert(model.records.begin() + at, recordOf(h.get()));
             }
             ASSERT_TRUE(readAll(h->FileName) == model.bytes().replace(1, 3, today())) << step;
         }
@@ -43,6 +42,7 @@ TEST(Edit, DeletionFlags) {
         layout.records[i][0] = "***   * *"[i];
     }
     EXPECT_EQ(DeleteRecord(h.get(), 99) + RecallRecord(h.get(), 99), 2);
+    EXPECT_EQ(Delete(h.get(), 9) + Insert(h.get(), 10, 1), 0);
     EXPECT_EQ(readAll(h->FileName), layout.bytes());
 }
 

@@ -98,7 +98,7 @@ TEST(Memo, HostileFilesAreReadInPartAndNotWritten) {
         {0x8B, std::string(23, 1), "(null)"},
         {0x8B, d4 + "\x08\0\0\0abcd"s, ""},
         {0x8B, d4 + "\xFF\xFF\xFF\xFFtext"s, "text"},
-        {0xF5, header(3, 1, 0), ""},
+        {0xF5, header(3, 0, 0), ""},
         {0xF5, header(3, 0x2000000, 64), "(null)"},
         {0xFB, header(0, 1, 0), "(null)"}};
     const TempDir dir;
