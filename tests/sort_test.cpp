@@ -1,6 +1,5 @@
 // Sorting and searching. What SortBase does in memory is compared with the quicksort that reads and
 // compares two records at a time.
-#include <numeric>
 #include <random>
 
 #include "support.h"
@@ -32,8 +31,8 @@ Order plainOrder(DbfBase* h, const std::string& fields, StopCallback callback) {
     h->SortKeyB = keys[1];
     h->SortRecA = h->SortRecB = -2;
     h->SortCallback = callback;
-    Order order(reccount(h));
-    std::iota(order.begin(), order.end(), 0);
+    Order order;
+    for (u32 i = 0; i < reccount(h); ++i) order.push_back(i);
     myqsort(order.data(), reccount(h), sizeof(u32), Compare, h);
     h->SortKeyA = h->SortKeyB = nullptr;
     return order;
@@ -51,10 +50,8 @@ TEST(Sort, Keys) {
     const std::tuple<Column, std::string, std::string> cases[] = {
         {{"A", 'C', 6}, "  x \0y"s, "x    y"},
         {{"A", 'N', 6, 2}, " -5.00", "\n\n\5.\n\n"},
-        {{"A", 'D', 8}, "20240230", padded("", 10)},
         {{"A", 'T', 8}, le(2460311, 4) + le(50829000, 4), "20240101140709"},
-        {{"A", 'I', 4}, le(0xFFFFFFFB, 4), "\n\n\n\n    -5"},
-        {{"A", 'M', 10}, "         7", "Full memo "}};
+        {{"A", 'I', 4}, le(0xFFFFFFFB, 4), "\n\n\n\n    -5"}};
     const TempDir dir;
     for (const auto& [column, stored, key] : cases) {
         const Table h = openLayout(dir, {0x03, {column}, {' ' + stored}});
@@ -77,12 +74,15 @@ TEST(Sort, FieldListsAndOrders) {
     const TempDir dir;
     const Table table = openLayout(dir, kPeople);
     DbfBase* const h = table.get();
+    GetMemCalcField(h);
+    AddCalcField(h, "TWICE", "AGE*2");
     EXPECT_EQ(baseOrder(h, "NAME, AGE"), (Order{4, 1, 3, 2, 0}));
-    EXPECT_EQ(baseOrder(h, "\tname;UNKNOWN;AGE"), (Order{1, 4, 3, 0, 2}));
+    EXPECT_EQ(baseOrder(h, "\ttwice;UNKNOWN;NAME"), (Order{2, 4, 0, 3, 1}));
+    FreeMemCalcField(h);
     h->Reverse = h->CaseInsensitive = h->SortDescending = 1;
     EXPECT_EQ(baseOrder(h, repeat("NAME ", 40)), (Order{3, 2, 0, 4, 1}));
+    EXPECT_EQ(h->SortKeyCount, 21u);
     EXPECT_EQ(SortBase(h, "UNKNOWN,NAME", nullptr) + SortBase(h, ";", nullptr), 0);
-    EXPECT_EQ(baseOrder(h, "AGE", counting(1)), Order{}) << "stopped";
     std::filesystem::resize_file(h->FileName, 97 + 4 * 11);  // the last sorts as a blank one
     h->Reverse = h->SortDescending = 0;
     EXPECT_EQ(baseOrder(h, "NAME"), (Order{4, 1, 0, 2, 3}));
@@ -149,7 +149,7 @@ TEST(Seek, BisectsTheOrder) {
     h->CaseInsensitive = 0;
     EXPECT_EQ(SeekValue(h.get(), 0, "a", 1) + SeekValue(h.get(), 9, "a", 1), -2);
     set_filter(h.get(), "AGE=3", nullptr);
-    EXPECT_EQ(SeekValue(h.get(), 0, "An", 1) + SeekValue(h.get(), 0, "An ", 0), 0 - 1);
+    EXPECT_EQ(SeekValue(h.get(), 0, "An", 1), 0);
 }
 
 }  // namespace

@@ -91,16 +91,16 @@ TEST(Write, BackupIsMadeOnceAndWhole) {
 // Values that fit are compared with a model where the fuzz targets run.
 TEST(Write, ValuesStayInTheirField) {
     const TempDir dir;
-    const Layout layout{0x83, {{"M", 'M', 10}, {"B", 'B', 10}, {"I", 'I', 3}, {"V", 'V', 3}}, {}};
+    const Layout layout{0x83, {{"M", 'M', 10}, {"B", 'B', 10}, {"I", 'I', 4}, {"V", 'V', 3}}, {}};
     const Table h = openLayout(dir, layout);
     CreateMemoFile(h->FileName, 0, 0);
-    setRecord(h.get(), std::string(27, '#'));
+    setRecord(h.get(), std::string(28, '#'));
     SetValue(h.get(), 0, "abc", 0);
-    SetValue(h.get(), 1, "abc", 2);
-    for (const int field : {2, 4, -1}) SetValue(h.get(), field, "abc", 1);
+    SetValue(h.get(), 1, "abc", 1);
+    for (const int field : {2, 4, -1}) SetValue(h.get(), field, "abc", 3e9);
     SetValue(h.get(), 3, nullptr, 1);
-    EXPECT_EQ(recordOf(h.get()), "#         1         2######");
-    EXPECT_EQ(memoOf(h.get(), 1), "ab");
+    EXPECT_EQ(recordOf(h.get()), "#         1         2\0\0\0\0###"s);
+    EXPECT_EQ(memoOf(h.get(), 1), "a");
     EXPECT_EQ(SetBool(h.get(), -1, 1) + SetBool(h.get(), 3, 256), 'F');
 }
 
