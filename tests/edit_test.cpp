@@ -9,8 +9,7 @@ using namespace test;
 Layout numbered(unsigned count, unsigned width) {
     Layout layout{0x03, {{"F", 'C', width % 256, width / 256}}, {}};
     for (unsigned i = 0; i < count; ++i) {
-        layout.records.push_back(
-            padded((i % 3 == 1 ? "*" : " ") + std::to_string(i), width + 1, '.'));
+        layout.records.push_back(padded(" * "[i % 3] + std::to_string(i), width + 1, '.'));
     }
     return layout;
 }
@@ -33,7 +32,7 @@ TEST(Edit, MovesRecordsOfEverySize) {
     }
 }
 
-TEST(Edit, DeletionFlags) {
+TEST(Edit, FlagsAndRefusals) {
     const TempDir dir;
     Layout layout = numbered(9, 5);
     const Table h = openLayout(dir, layout);
@@ -41,8 +40,9 @@ TEST(Edit, DeletionFlags) {
         EXPECT_EQ((i < 3 ? DeleteRecord : i < 6 ? RecallRecord : InverseRecord)(h.get(), i), 1);
         layout.records[i][0] = "***   * *"[i];
     }
+    h->Reverse = 1;
     EXPECT_EQ(DeleteRecord(h.get(), 99) + RecallRecord(h.get(), 99), 2);
-    EXPECT_EQ(Delete(h.get(), 9) + Insert(h.get(), 10, 1), 0);
+    EXPECT_EQ(Delete(h.get(), 0) + Truncate(h.get(), 1) + Insert(h.get(), 9, 1), 0);
     EXPECT_EQ(readAll(h->FileName), layout.bytes());
 }
 
