@@ -45,10 +45,7 @@ unsigned long crc32(std::string_view bytes) {
 }
 
 std::string memoCell(DbfBase* h, int field) {
-    u32 length = 0;
-    char* bytes = GetMemoBuf(h, field, &length);
-    std::string memo = bytes == nullptr ? "" : std::string(bytes, length);
-    std::free(bytes);
+    const std::string memo = memoOf(h, field).value_or("");
     if (memo.size() <= 1000) return escaped(memo);
     char text[60];
     std::snprintf(text, sizeof text, "{%zu bytes, CRC-32 %08lx}", memo.size(), crc32(memo));

@@ -15,7 +15,6 @@ namespace {
 
 constexpr u32 kBackLinkSize = 263;
 constexpr u32 kSizeLimit = 65535;  // header and record lengths have 16 bits
-constexpr u8 kTerminator = 0x0D;
 constexpr u32 kVisualFoxProKind = 3;
 constexpr u8 kMemoFlag = 3;  // table flags and code page mark of a Visual FoxPro table with memos
 constexpr u32 kFlagsPlace = 16;  // both, in Header.Rest
@@ -28,11 +27,14 @@ struct Flavour {
 };
 
 constexpr Flavour kFlavours[] = {
-    {0, kVersionDBase3, 32, 32}, {1, kVersionFoxPro, 32, 32},
-    {2, kVersionDBase4, 32, 32}, {kVisualFoxProKind, kVersionVisualFoxPro, 32, 32},
-    {4, kVersionSmt, 32, 32},    {7, kVersionLevel7, 68, 48},
+    {0, kVersionDBase3, kHeaderSize, kDescriptorSize},
+    {1, kVersionFoxPro, kHeaderSize, kDescriptorSize},
+    {2, kVersionDBase4, kHeaderSize, kDescriptorSize},
+    {kVisualFoxProKind, kVersionVisualFoxPro, kHeaderSize, kDescriptorSize},
+    {4, kVersionSmt, kHeaderSize, kDescriptorSize},
+    {7, kVersionLevel7, kHeaderSize7, kDescriptorSize7},
 };
-constexpr Flavour kPlainFlavour = {0, kVersionPlain, 32, 32};
+constexpr Flavour kPlainFlavour = {0, kVersionPlain, kHeaderSize, kDescriptorSize};
 
 const Flavour& flavourOf(u32 kind) {
     for (const Flavour& flavour : kFlavours) {

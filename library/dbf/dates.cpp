@@ -16,6 +16,7 @@
 #include "dbf/dbf.h"
 #include "internal/bytes.h"
 #include "internal/clock.h"
+#include "internal/datelayout.h"
 
 namespace mira {
 namespace {
@@ -33,22 +34,7 @@ constexpr i32 days[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
 constexpr std::size_t kDateDigits = 8;
 constexpr std::size_t kDateTimeDigits = 14;
 
-/// Where the pieces of a date text start; one row per DateFormat from 0 to 4.
-struct PieceStarts {
-    u8 year, month, day, hour, minute, second;
-};
-constexpr PieceStarts kPieceStarts[] = {{0, 4, 6, 8, 10, 12},
-                                        {6, 3, 0, 11, 14, 17},
-                                        {6, 0, 3, 11, 14, 17},
-                                        {0, 5, 8, 11, 14, 17},
-                                        {0, 4, 6, 8, 10, 12}};
-constexpr i32 kDottedFirst = 1;  // formats 1 to 3 have separators
-constexpr i32 kDottedLast = 3;
 constexpr i32 kFormatLast = 4;
-
-const PieceStarts& pieceStarts(i32 dateFormat) {
-    return kPieceStarts[dateFormat >= kDottedFirst && dateFormat <= kDottedLast ? dateFormat : 0];
-}
 
 struct DateTime {
     int year, month, day, hour, minute, second;  // month 1 to 12
@@ -319,7 +305,7 @@ void SetDateS(DbfBase* h, int field, const char* text) {
 void SetDateTimeS(DbfBase* h, int field, const char* text) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return;
-    const PieceStarts& at = pieceStarts(h->DateFormat);
+    const DateLayout& at = dateLayout(h->DateFormat);
     DateTime v{readPiece(text, at.year, 4),
                readPiece(text, at.month, 2),
                readPiece(text, at.day, 2),

@@ -11,6 +11,13 @@ namespace mira::detail {
 inline constexpr u32 kFieldMax = 2048;
 inline constexpr u32 kNoPosition = 0xFFFFFFFF;
 
+// Sizes of the table format.
+inline constexpr u32 kHeaderSize = 32;
+inline constexpr u32 kDescriptorSize = 32;
+inline constexpr u32 kHeaderSize7 = 68;  // level 7
+inline constexpr u32 kDescriptorSize7 = 48;
+inline constexpr u8 kTerminator = 0x0D;  // ends the descriptors
+
 // Status flags.
 inline constexpr u32 kStatusVersion = 1;
 inline constexpr u32 kStatusFieldTypes = 2;

@@ -11,7 +11,6 @@ namespace detail {
 namespace {
 
 constexpr u32 kNowhere = 0xFFFFFFFF;
-constexpr u64 kReachable = 0x7FFFFFFF;
 
 std::atomic<u32> writes{0};
 

@@ -28,11 +28,6 @@ namespace mira {
 namespace detail {
 namespace {
 
-constexpr u32 kHeaderSize = 32;
-constexpr u32 kDescriptorSize = 32;
-constexpr u32 kHeaderSize7 = 68;
-constexpr u32 kDescriptorSize7 = 48;
-
 constexpr u32 kDetectSize = 128;  // a level-7 table has at least its header and one descriptor
 constexpr u32 kDetectByte = 64;
 
@@ -50,7 +45,6 @@ constexpr u32 kOffsetPlace7 = 36;
 constexpr u32 kNameLength = 10;
 constexpr u32 kNameLength7 = 31;
 constexpr u32 kReadableFields = 2047;
-constexpr char kTerminator = 0x0D;
 constexpr std::size_t kWidestValue = 10;  // bytes that a decoder takes from a field's place
 
 void setSizes(DbfBase* h, bool level7) {

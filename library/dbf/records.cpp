@@ -11,7 +11,6 @@ namespace mira {
 namespace detail {
 namespace {
 
-constexpr u64 kReachable = 0x7FFFFFFF;
 constexpr u32 kPageSize = 4096;
 
 /// Bytes that AheadBuffer holds from an offset on.

@@ -38,6 +38,9 @@ Block<char> copyText(const char* text);
 /// directory holds no bytes, and reads from a FIFO or a terminal may never return.
 std::FILE* openUnbuffered(const char* path, const char* mode);
 
+/// Offsets and counts are signed 32-bit numbers: nothing beyond can be reached.
+inline constexpr u64 kReachable = 0x7FFFFFFF;
+
 /// Seeks to a byte offset; false when it cannot be reached with 31 bits or the seek fails.
 bool seekTo(std::FILE*, u64 offset);
 /// All count bytes, or false.

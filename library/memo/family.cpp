@@ -167,7 +167,7 @@ char* GetMemoName(const char* tablePath, u32 kind) {
 }
 
 u32 GetMemoType(DbfBase* h) {
-    const bool level7 = h->HeaderSize == 68;
+    const bool level7 = h->HeaderSize == kHeaderSize7;
     const u32 kind = level7 ? kKindLevel7 : versionRow(h->Header.Version).kind;
     std::free(h->MemoFileName);
     h->MemoFileName = GetMemoName(h->FileName, kind);

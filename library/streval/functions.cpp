@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "internal/ascii.h"
+#include "internal/datelayout.h"
 #include "streval/streval.h"
 
 namespace mira {
@@ -91,21 +92,8 @@ void strRight(Piece& p, const DbfBase* /*h*/) {
     cut(p, length - std::clamp<i64>(number(numbers), 0, length), -1);
 }
 
-/// Where the pieces of a date stand, by DateFormat, and where a date and a date-time end.
-struct DateLayout {
-    u8 year, month, day, hour, minute, second;
-    u8 dateEnd, timeEnd;
-};
-constexpr DateLayout kLayouts[] = {
-    {0, 4, 6, 8, 10, 12, 8, 14},    // yyyymmddhhmmss, also format 4
-    {6, 3, 0, 11, 14, 17, 10, 19},  // dd.mm.yyyy hh:mm:ss
-    {6, 0, 3, 11, 14, 17, 10, 19},  // mm.dd.yyyy hh:mm:ss
-    {0, 5, 8, 11, 14, 17, 10, 19},  // yyyy.mm.dd hh:mm:ss
-};
-
 void dateToText(Piece& p, const DbfBase* h) {
-    const i32 format = h != nullptr && h->DateFormat >= 1 && h->DateFormat <= 3 ? h->DateFormat : 0;
-    const DateLayout& at = kLayouts[format];
+    const DateLayout& at = dateLayout(h != nullptr ? h->DateFormat : 0);
     const bool timed = p.length > kLongestDate;
     if (p.length < (timed ? at.timeEnd : at.dateEnd)) return;
     char digits[14];
