@@ -13,15 +13,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/ascii.h"
 #include "internal/decimal.h"
 #include "internal/file.h"
 #include "internal/restore.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 
@@ -112,8 +110,6 @@ std::string_view valueText(DbfBase* h, int field) {
 
 }  // namespace
 
-namespace detail {
-
 bool readItem(ExpressionReader& r, ExpressionItem* item) {
     while (!r.rest.empty()) {
         const char c = r.rest.front();
@@ -175,8 +171,6 @@ double parseSqueezed(char* text, int* status) {
     if (std::strlen(text) > kParseLength) squeezeBlanks(text);
     return parse(text, status);
 }
-
-}  // namespace detail
 
 int GetMemCalcField(DbfBase* h) {
     if (h == nullptr) return 0;

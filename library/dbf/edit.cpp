@@ -9,15 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/position.h"
+#include "dbf/table/table.h"
 #include "internal/file.h"
-#include "internal/position.h"
 #include "internal/restore.h"
 #include "memo/memo.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "internal/file.h"
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr u32 kFixedMemoUnit = 512;    // dBase III, never stored
 inline constexpr u32 kMissingMemoUnit = 256;  // stands in for a unit that a short header lacks
@@ -118,4 +118,4 @@ private:
     DbfBase* handle_;
 };
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -10,11 +10,11 @@
 // Block 0 means no memo, but in SMT tables the length decides.
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/convert.h"
 #include "memo/memo.h"
 
-namespace mira::detail {
+namespace mira {
 namespace {
 
 constexpr u32 kReferenceSize = 10;
@@ -54,4 +54,4 @@ void setMemoReference(DbfBase* h, int field, MemoReference reference) {
     }
 }
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -13,15 +13,13 @@
 #include <cstdio>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/bytes.h"
 #include "internal/clock.h"
 #include "internal/datelayout.h"
 
 namespace mira {
 namespace {
-
-using namespace detail;
 
 constexpr i64 kDayBeforeYear0 = 1721059;
 constexpr i64 kDayBeforeYear1 = 1721425;
@@ -231,7 +229,7 @@ void store(DbfBase* h, int field, const DateTime& v) {
 
 }  // namespace
 
-void detail::renderDate(DbfBase* h, int field) {
+void renderDate(DbfBase* h, int field) {
     const char type = h->Fields[field].Type;
     std::tm t = decode(h, field);
     if (mymktime(&t) != 0) {

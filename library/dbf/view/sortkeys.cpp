@@ -1,16 +1,14 @@
 // Building sort keys from the rendered fields of a record.
-#include "dbf/sortkeys.h"
+#include "dbf/view/sortkeys.h"
 
 #include <algorithm>
 #include <string_view>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/restore.h"
 #include "internal/textout.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 
@@ -104,8 +102,6 @@ void putPosition(char* to, u32 position) {
 
 }  // namespace
 
-namespace detail {
-
 std::size_t readSortKey(DbfBase* h, u32 position, char* key) {
     // Reading reverses once more, which gives the position itself.
     const u32 passed = h->Reverse != 0 ? reccount(h) - position - 1 : position;
@@ -129,8 +125,6 @@ u32 positionOfKey(const char* key) {
     }
     return position;
 }
-
-}  // namespace detail
 
 void GetCompStr(u32 /*record*/, char* key, DbfBase* h) {
     TextOut out(key, kPartsSize);

@@ -7,7 +7,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 /// cnd of a text that ends where the view ends.
 bool conditionHolds(DbfBase*, std::string_view condition);
@@ -66,4 +66,4 @@ Condition prepareCondition(DbfBase*, std::string_view text);
 /// Exactly conditionHolds of the text that was prepared.
 bool conditionHolds(DbfBase*, const Condition&);
 
-}  // namespace mira::detail
+}  // namespace mira

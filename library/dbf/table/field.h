@@ -10,7 +10,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr u32 kRecordBufferSize = 65535;
 inline constexpr u32 kTextBufferSize = 65535;
@@ -54,4 +54,4 @@ u8* fieldRoom(DbfBase* h, int field) {
     return bytes.size() >= N ? bytes.data() : nullptr;
 }
 
-}  // namespace mira::detail
+}  // namespace mira

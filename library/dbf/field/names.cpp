@@ -4,11 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 

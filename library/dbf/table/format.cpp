@@ -20,12 +20,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
 
 namespace mira {
-namespace detail {
 namespace {
 
 constexpr u32 kDetectSize = 128;  // a level-7 table has at least its header and one descriptor
@@ -254,10 +253,6 @@ char readFields(DbfBase* h, bool fresh) {
     nameBackup(h);
     return opens ? 1 : 0;
 }
-
-}  // namespace detail
-
-using namespace detail;
 
 void Level7Detect(DbfBase* h) {
     if (h->Level7 == 1) {

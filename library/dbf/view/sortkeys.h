@@ -9,7 +9,7 @@
 #include "internal/file.h"
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr std::size_t kSortKeySize = 65536;
 
@@ -67,4 +67,4 @@ private:
     u32 commonSize_ = 0;  ///< bytes of every key with its zero byte; 0 once they differ
 };
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -5,15 +5,13 @@
 #include <cstdio>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/bytes.h"
 #include "internal/convert.h"
 #include "internal/decimal.h"
 
 namespace mira {
 namespace {
-
-using namespace detail;
 
 constexpr unsigned kIntegerWidth = 10;
 constexpr unsigned kDoubleWidth = 20;

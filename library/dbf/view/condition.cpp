@@ -15,14 +15,12 @@
 #include <cstring>
 
 #include "calcfld.h"
-#include "dbf/dbf.h"
-#include "dbf/filter.h"
+#include "dbf/table/table.h"
+#include "dbf/view/filter.h"
 #include "internal/bytes.h"
 #include "internal/decimal.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 
@@ -361,8 +359,6 @@ bool builtHolds(DbfBase* h, const Condition& c) {
 
 }  // namespace
 
-namespace detail {
-
 bool conditionHolds(DbfBase* h, std::string_view condition) {
     if (h->FilterState == nullptr) return false;
     FilterWork& work = *h->FilterState;
@@ -427,8 +423,6 @@ bool conditionHolds(DbfBase* h, const Condition& c) {
     }
     return builtHolds(h, c);
 }
-
-}  // namespace detail
 
 char cnd(DbfBase* h, const char* condition) {
     return condition != nullptr && conditionHolds(h, std::string_view(condition)) ? '1' : '0';

@@ -4,14 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/position.h"
+#include "dbf/table/table.h"
 #include "internal/clock.h"
 #include "internal/file.h"
-#include "internal/position.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 
@@ -82,13 +80,9 @@ void joinView(DbfBase* h) {
 
 }  // namespace
 
-namespace detail {
-
 void backUp(DbfBase* h) {
     if (h->BackupEnabled != 0) MakeBakFile(h, 0);  // a copy that fails does not stop the write
 }
-
-}  // namespace detail
 
 int WriteRecord(DbfBase* h, u32 position) {
     return writeMapped(h, position, 0, h->BeforeWrite, h->RecordBuffer, h->Header.RecordLength);

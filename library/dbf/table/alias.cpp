@@ -5,12 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/file.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 

@@ -1,12 +1,10 @@
 // Paths: the directory ends with the last slash, the extension starts at the last dot behind it.
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/textout.h"
 
 namespace mira {
-namespace detail {
-
 PathParts splitPath(std::string_view path) {
     PathParts parts;
     const std::size_t slash = path.rfind('/');
@@ -20,10 +18,6 @@ PathParts splitPath(std::string_view path) {
     }
     return parts;
 }
-
-}  // namespace detail
-
-using namespace detail;
 
 namespace {
 

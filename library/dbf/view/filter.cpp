@@ -11,7 +11,7 @@
 // conditions stand and what is between them does not depend on the record. Where that is nothing
 // but parentheses and connectives, the arithmetic amounts to "and" and "or" of the conditions, and
 // every condition knows which one to test next.
-#include "dbf/filter.h"
+#include "dbf/view/filter.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -19,15 +19,13 @@
 #include <new>
 #include <string>
 
-#include "dbf/dbf.h"
+#include "dbf/table/position.h"
+#include "dbf/table/table.h"
 #include "internal/convert.h"
 #include "internal/file.h"
-#include "internal/position.h"
 #include "internal/restore.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 

@@ -12,14 +12,12 @@
 #include <cmath>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/bytes.h"
 #include "internal/convert.h"
 #include "internal/decimal.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 

@@ -2,13 +2,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/ascii.h"
 #include "internal/convert.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 

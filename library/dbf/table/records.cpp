@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/position.h"
+#include "dbf/table/table.h"
 #include "internal/file.h"
-#include "internal/position.h"
 
 namespace mira {
-namespace detail {
 namespace {
 
 constexpr u32 kPageSize = 4096;
@@ -88,10 +87,6 @@ u32 recordsInFile(const DbfBase* h, u64 size) {
     const u64 count = (size - h->Header.HeaderLength) / h->Header.RecordLength;
     return static_cast<u32>(std::min<u64>(count, kNoPosition - 1));
 }
-
-}  // namespace detail
-
-using namespace detail;
 
 u32 reccount(DbfBase* h) {
     return h->FilterIndex != nullptr ? h->FilterCount : h->Header.RecordCount;

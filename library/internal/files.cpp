@@ -7,7 +7,6 @@
 #include "internal/file.h"
 
 namespace mira {
-namespace detail {
 namespace {
 
 constexpr u32 kNowhere = 0xFFFFFFFF;
@@ -60,10 +59,6 @@ bool fileSize(std::FILE* file, u64* size) {
 }
 
 u32 writeVersion() { return writes.load(std::memory_order_acquire); }
-
-}  // namespace detail
-
-using namespace detail;
 
 std::FILE* Open_File(const char* path) {
     std::FILE* file = openUnbuffered(path, "rb+");

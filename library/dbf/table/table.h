@@ -3,10 +3,10 @@
 
 #include <string_view>
 
-#include "internal/field.h"
+#include "dbf/table/field.h"
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr u32 kFieldMax = 2048;
 inline constexpr u32 kNoPosition = 0xFFFFFFFF;
@@ -90,4 +90,4 @@ void backUp(DbfBase*);
 /// Renders a D, T or "@" field into TextBuffer.
 void renderDate(DbfBase*, int field);
 
-}  // namespace mira::detail
+}  // namespace mira

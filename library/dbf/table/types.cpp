@@ -2,10 +2,9 @@
 #include <array>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 
 namespace mira {
-namespace detail {
 namespace {
 
 using enum BlankRule;
@@ -59,10 +58,6 @@ const TypeRow& typeRow(char letter) { return kTypes[kRowOfLetter[static_cast<u8>
 bool acceptedVersion(u8 version) {
     return std::memchr(kVersions, version, sizeof kVersions) != nullptr;
 }
-
-}  // namespace detail
-
-using namespace detail;
 
 unsigned GetLenField(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);

@@ -3,13 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/file.h"
 
 namespace mira {
 namespace {
-
-using namespace detail;
 
 // d_fmt and t_fmt, in the order of DateFormat. Formats 1 and 2 differ in the order of the values.
 constexpr const char* kDateFormats[] = {"%10s", "%02d.%02d.%04d", "%02d.%02d.%04d",

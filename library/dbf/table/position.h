@@ -3,7 +3,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 /// Reverse, then sort order, then filter. False for a position beyond the view while one of them
 /// is in force.
@@ -24,4 +24,4 @@ inline u64 offsetOf(const DbfBase* h, u32 record, u32 column = 0) {
     return Calc64(h->Header.RecordLength, record, u32{h->Header.HeaderLength} + column);
 }
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -14,12 +14,10 @@
 #include <span>
 #include <utility>
 
-#include "dbf/dbf.h"
-#include "dbf/sortkeys.h"
+#include "dbf/table/table.h"
+#include "dbf/view/sortkeys.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 
