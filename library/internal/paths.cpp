@@ -1,7 +1,8 @@
 // Paths: the directory ends with the last slash, the extension starts at the last dot behind it.
+#include "internal/paths.h"
+
 #include <cstring>
 
-#include "dbf/table/table.h"
 #include "internal/textout.h"
 
 namespace mira {

@@ -1,4 +1,4 @@
-// The handle: defaults, opening and closing.
+// The handle: its defaults and what it owns.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -16,13 +16,26 @@ constexpr const char* kDateTimeFormats[] = {
     "%14s", "%02d.%02d.%04d %02d:%02d:%02d", "%02d.%02d.%04d %02d:%02d:%02d",
     "%04d.%02d.%02d %02d:%02d:%02d", "%04d%02d%02d%02d%02d%02d"};
 
+// A dotted format begins with two numbers of the shape "%02d"; a separator follows each.
+constexpr std::size_t kSeparators[] = {4, 9};
+constexpr std::size_t kDottedFormats[] = {1, 2, 3};
+
 template <typename T>
 void release(T*& owned) {
     std::free(owned);
     owned = nullptr;
 }
 
-/// The defaults that are not zero. False when there is no memory for the format copies.
+void setSeparators(char* format, char separator) {
+    if (format == nullptr) return;
+    const std::size_t length = std::strlen(format);
+    for (const std::size_t place : kSeparators) {
+        if (place < length) format[place] = separator;
+    }
+}
+
+}  // namespace
+
 bool setDefaults(DbfBase* h) {
     std::fill(std::begin(h->FieldMap), std::end(h->FieldMap), -1);
     h->FirstMemoField = -1;
@@ -48,47 +61,10 @@ void releaseBuffers(DbfBase* h) {
     for (char*& format : h->DateTimeFormats) release(format);
 }
 
-void releaseHandle(DbfBase* h) {
-    if (h->TableFile != nullptr) {
-        Close_File(h);
-    } else {
-        releaseBuffers(h);
-    }
-    release(h->FileName);
-    std::free(h);
-}
-
-/// Everything between an empty handle and a readable table.
-bool openTable(DbfBase* h, const char* path) {
-    if (!setDefaults(h)) return false;
-    h->TableFile = h->ReadOnly != 0 ? Open_FileRO(path) : Open_File(path);
-    if (h->TableFile == nullptr || ReadHeader(h) == 0) return false;
-    h->FileName = copyText(path).release();
-    if (h->FileName == nullptr || readFields(h, true) == 0) return false;
-    GetMemoType(h);
-    return h->MemoFileName != nullptr;
-}
-
-}  // namespace
-
 void SetDefOptions(DbfBase* h) {
     std::memset(h, 0, sizeof *h);
     setDefaults(h);  // a format that could not be copied stays null and renders as stored
 }
-
-DbfBase* OpenBaseCommon(const char* path, int readOnly) {
-    // Most of the handle is never touched for a small table, so its zeros come from calloc.
-    auto* h = static_cast<DbfBase*>(std::calloc(1, sizeof(DbfBase)));
-    if (h == nullptr) return nullptr;
-    h->ReadOnly = static_cast<u32>(readOnly);
-    if (openTable(h, path)) return h;
-    releaseHandle(h);
-    return nullptr;
-}
-
-DbfBase* OpenBase(const char* path) { return OpenBaseCommon(path, 0); }
-
-DbfBase* OpenBaseRO(const char* path) { return OpenBaseCommon(path, 1); }
 
 void Close_File(DbfBase* h) {
     if (h == nullptr || h->TableFile == nullptr) return;
@@ -97,10 +73,13 @@ void Close_File(DbfBase* h) {
     releaseBuffers(h);
 }
 
-void CloseBase(DbfBase* h) {
-    if (h == nullptr) return;
-    ClearAllFilter(h);
-    releaseHandle(h);
+char SetDateSeparator(DbfBase* h, char separator) {
+    if (separator == 0) separator = '.';
+    for (const std::size_t i : kDottedFormats) {
+        setSeparators(h->DateFormats[i], separator);
+        setSeparators(h->DateTimeFormats[i], separator);
+    }
+    return separator;
 }
 
 }  // namespace mira

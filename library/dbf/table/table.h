@@ -1,9 +1,9 @@
-// Declarations shared by the files of the dbf module and by the memo and expression modules.
+// Tables as all modules see them: limits, field types, the codec of the format, and the one way in
+// and out of the table file.
 #pragma once
 
-#include <string_view>
-
 #include "dbf/table/field.h"
+#include "internal/paths.h"
 #include "mira.h"
 
 namespace mira {
@@ -25,7 +25,6 @@ inline constexpr u32 kStatusRecordCount = 4;
 
 inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
 
-inline constexpr u32 kBackupNameSize = 260;
 inline constexpr u32 kAheadSize = sizeof(DbfBase::AheadBuffer);
 
 // Version bytes that code depends on; types.cpp lists all that are accepted.
@@ -52,7 +51,14 @@ struct TypeRow {
 };
 /// The row of a type letter, or the row of unknown letters.
 const TypeRow& typeRow(char letter);
+bool isNumeric(const DbfField&);
 bool acceptedVersion(u8 version);
+
+// handle.cpp
+/// The defaults that are not zero. False when there is no memory for the format copies.
+bool setDefaults(DbfBase*);
+/// Releases what Close_File does, but for the file.
+void releaseBuffers(DbfBase*);
 
 // format.cpp: the codec of header and descriptors.
 void decodeHeader(const u8* from, DbfHeader*);
@@ -60,14 +66,6 @@ void encodeHeader(const DbfHeader&, u8* to);
 void encodeDescriptor(const DbfField&, u32 descriptorSize, u8* to);
 /// ReadFields; fresh says that AliasNames is still zero and need not be cleared.
 char readFields(DbfBase*, bool fresh);
-
-// paths.cpp
-struct PathParts {
-    std::string_view dir;   ///< with its last slash
-    std::string_view name;  ///< without extension
-    std::string_view ext;   ///< with its dot
-};
-PathParts splitPath(std::string_view path);
 
 // records.cpp
 /// Reads up to count bytes at a file offset of the table, from the bytes read ahead where they
@@ -85,9 +83,5 @@ u32 recordsInFile(const DbfBase*, u64 size);
 // write.cpp
 /// Makes the backup copy when it is due.
 void backUp(DbfBase*);
-
-// dates.cpp
-/// Renders a D, T or "@" field into TextBuffer.
-void renderDate(DbfBase*, int field);
 
 }  // namespace mira

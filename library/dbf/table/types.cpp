@@ -53,6 +53,11 @@ constexpr u8 kVersions[] = {0x02, 0x03, 0x04, 0x30, 0x31, 0x43, 0x63, 0x83, 0x8B
 
 }  // namespace
 
+bool isNumeric(const DbfField& f) {
+    const NumericRule rule = typeRow(f.Type).numeric;
+    return rule == kAlways || (rule == kAt8 && f.Length == 8);
+}
+
 const TypeRow& typeRow(char letter) { return kTypes[kRowOfLetter[static_cast<u8>(letter)]]; }
 
 bool acceptedVersion(u8 version) {
@@ -76,13 +81,6 @@ char if_memo_type(DbfBase* h, int field) {
     if (f == nullptr) return 0;
     const MemoRule rule = typeRow(f->Type).memo;
     return rule == kMemo || (rule == kMemoAt10 && wideLength(*f) == 10) ? 1 : 0;
-}
-
-char if_digit_type(DbfBase* h, int field) {
-    const DbfField* f = tableField(h, field);
-    if (f == nullptr) return field < 0 ? 0 : if_digit_calci(h, field);
-    const NumericRule rule = typeRow(f->Type).numeric;
-    return rule == kAlways || (rule == kAt8 && f->Length == 8) ? 1 : 0;
 }
 
 char FieldBlankChar(DbfBase* h, int field) {

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "dbf/table/table.h"
+#include "dbf/value/value.h"
 #include "internal/bytes.h"
 #include "internal/clock.h"
 #include "internal/datelayout.h"
@@ -33,6 +34,8 @@ constexpr std::size_t kDateDigits = 8;
 constexpr std::size_t kDateTimeDigits = 14;
 
 constexpr i32 kFormatLast = 4;
+
+constexpr u32 kNoTimeStamp = 0xFFFFFFFF;
 
 struct DateTime {
     int year, month, day, hour, minute, second;  // month 1 to 12
@@ -321,5 +324,7 @@ void SetDateTimeS(DbfBase* h, int field, const char* text) {
         store(h, field, v);
     }
 }
+
+u32 GetTimeStamp(DbfBase* /*h*/, int /*field*/) { return kNoTimeStamp; }
 
 }  // namespace mira

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "dbf/table/table.h"
+#include "dbf/value/value.h"
 #include "internal/bytes.h"
 #include "internal/convert.h"
 #include "internal/decimal.h"
@@ -122,12 +123,8 @@ void SetFloat(DbfBase* h, int field, double value) {
     if (length <= f->Length) storeText(h, field, start, length);
 }
 
-double GetValue(DbfBase* h, int field) {
-    const DbfField* f = tableField(h, field);
-    if (f == nullptr) {
-        return field >= 0 && if_digit_calci(h, field) != 0 ? GetCalcValueI(h, field) : 0.0;
-    }
-    switch (f->Type) {
+double fieldValue(DbfBase* h, int field) {
+    switch (h->Fields[field].Type) {
         case 'B':
             return GetDouble(h, field);
         case 'F':
@@ -143,12 +140,6 @@ double GetValue(DbfBase* h, int field) {
         default:
             return 0.0;
     }
-}
-
-i32 GetSign(DbfBase* h, int field) {
-    const bool inTable = tableField(h, field) != nullptr;
-    const double value = inTable ? GetValue(h, field) : field >= 0 ? GetCalcValueI(h, field) : 0.0;
-    return value > 0 ? 1 : value < 0 ? -1 : 0;
 }
 
 }  // namespace mira

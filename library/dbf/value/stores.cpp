@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "dbf/table/table.h"
+#include "dbf/value/value.h"
 #include "internal/ascii.h"
 #include "internal/convert.h"
 
@@ -13,16 +14,6 @@ namespace {
 /// Truncated toward zero; 0 for what 32 bits cannot hold.
 i32 toInteger(double number) {
     return number > 2147483647.0 || number < -2147483648.0 ? 0 : clampToI32(number);
-}
-
-/// number above 0 is a byte count, so that a memo may hold zero bytes.
-void setMemoValue(DbfBase* h, int field, const char* text, double number) {
-    const auto slot = static_cast<u32>(field);
-    if (number > 0) {
-        SetMemoBuf(h, slot, text, static_cast<u32>(clampToI32(number)));
-    } else {
-        SetMemo(h, slot, text);
-    }
 }
 
 void setText(DbfBase* h, int field, char type, const char* text) {
@@ -44,14 +35,9 @@ void setText(DbfBase* h, int field, char type, const char* text) {
 
 }  // namespace
 
-void SetValue(DbfBase* h, int field, const char* text, double number) {
-    const DbfField* f = tableField(h, field);
-    if (f == nullptr) return;
-    if (if_memo_type(h, field) != 0) {
-        setMemoValue(h, field, text, number);
-        return;
-    }
-    switch (f->Type) {
+void storeField(DbfBase* h, int field, const char* text, double number) {
+    const char type = h->Fields[field].Type;
+    switch (type) {
         case 'C':
         case 'Q':
         case 'V':
@@ -59,7 +45,7 @@ void SetValue(DbfBase* h, int field, const char* text, double number) {
         case 'T':
         case '@':
         case 'L':
-            if (text != nullptr) setText(h, field, f->Type, text);
+            if (text != nullptr) setText(h, field, type, text);
             break;
         case 'F':
         case 'N':

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "dbf/table/table.h"
+#include "dbf/value/value.h"
 #include "internal/bytes.h"
 #include "internal/convert.h"
 #include "internal/decimal.h"
@@ -118,12 +119,7 @@ void renderMemo(DbfBase* h, int field, const DbfField& f) {
 
 }  // namespace
 
-const char* GetStr(DbfBase* h, int field) {
-    if (field >= h->FieldCount) return GetCalcStringI(h, field);
-    if (field < 0) {
-        h->TextBuffer[0] = 0;
-        return h->TextBuffer;
-    }
+const char* renderField(DbfBase* h, int field) {
     const DbfField& f = h->Fields[field];
     switch (f.Type) {
         case 'C':

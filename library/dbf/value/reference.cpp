@@ -8,11 +8,13 @@
 //   others  else         block as right-aligned decimal digits
 //
 // Block 0 means no memo, but in SMT tables the length decides.
+#include "dbf/value/reference.h"
+
 #include <cstring>
 
 #include "dbf/table/table.h"
+#include "internal/bytes.h"
 #include "internal/convert.h"
-#include "memo/memo.h"
 
 namespace mira {
 namespace {
