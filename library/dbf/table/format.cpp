@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -110,7 +111,7 @@ RecordLengths decodeAll(DbfBase* h, const Descriptors& list) {
         const u8* from = list.bytes.get() + start;
         if (from[0] == kTerminator || start > h->Header.HeaderLength) break;
         DbfField& f = h->Fields[i];
-        decodeDescriptor(from, h->DescriptorSize, h->ForeignLevel7 != 0, &f);
+        decodeDescriptor(from, h->DescriptorSize, isForeignLevel7(h), &f);
         lengths.full += fieldLength(f);
         lengths.low += f.Length;
         if (h->DescriptorSize == kDescriptorSize7) lengths.foreign += from[kForeignLengthPlace7];
@@ -151,7 +152,9 @@ bool decodeFields(DbfBase* h) {
 
     RecordLengths lengths = decodeAll(h, list);
     if (isForeign(h, lengths)) {
-        h->ForeignLevel7 = 1;
+        PrivateState* const state = keepPrivate(h);
+        if (state == nullptr) return false;
+        state->foreignLevel7 = true;
         lengths = decodeAll(h, list);
     }
     const u32 headerSays = h->Header.RecordLength;
