@@ -20,6 +20,7 @@
 #include <string>
 
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/convert.h"
 #include "internal/file.h"
@@ -279,7 +280,7 @@ void dropIndex(DbfBase* h) {
 void dropSortOrder(DbfBase* h) {
     std::free(h->SortOrder);
     h->SortOrder = nullptr;
-    h->SortOrderCount = 0;
+    setSortOrderCount(h, 0);
 }
 
 /// Takes a new index, given back what it does not use.

@@ -14,8 +14,10 @@
 #include <span>
 #include <utility>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/view/sortkeys.h"
+#include "internal/restore.h"
 
 namespace mira {
 
@@ -162,6 +164,15 @@ void sortByReading(DbfBase* h, std::span<u32> positions) {
     myqsort(positions.data(), static_cast<u32>(positions.size()), sizeof(u32), Compare, h);
 }
 
+/// Takes an order of count positions, unless there is nothing to map, or a hook has left fewer
+/// records in the view.
+void takeOrder(DbfBase* h, Block<u32> order, u32 count) {
+    const bool taken = order && count != 0 && count <= reccount(h);
+    std::free(h->SortOrder);  // of a hook that has sorted, too
+    h->SortOrder = taken ? order.release() : nullptr;
+    setSortOrderCount(h, taken ? count : 0);
+}
+
 }  // namespace
 
 int Compare(const void* a, const void* b, DbfBase* h) {
@@ -180,43 +191,44 @@ void real_sort(DbfBase* h, u32** order, StopCallback callback) {
     h->SortRecB = kNoKey;
     *order = nullptr;
     if (!keyA || !keyB || !block) return;
+    // A hook may sort while a sort runs.
+    StopCallback const outer = h->SortKeyA != nullptr ? h->SortCallback : nullptr;
+    const Restore outerA(h->SortKeyA, keyA.get());
+    const Restore outerB(h->SortKeyB, keyB.get());
     h->SortCallback = callback;
-    h->SortKeyA = keyA.get();
-    h->SortKeyB = keyB.get();
     const std::span<u32> positions(block.get(), count);
     if (count < 2 || !sortInMemory(h, keyA.get(), positions)) sortByReading(h, positions);
-    h->SortCallback = nullptr;
-    h->SortKeyA = nullptr;
-    h->SortKeyB = nullptr;
+    h->SortCallback = outer;
     if (h->SortRecA != kStopped) *order = block.release();
 }
 
 int SortBase(DbfBase* h, const char* fields, StopCallback callback) {
     if (get_fields(h, fields, &h->SortFieldCount, h->SortFields) != 0) return 0;
+    if (keepPrivate(h) == nullptr) return 0;
     h->SortKeyCount = h->SortFieldCount;
     h->SortKeyFields = reinterpret_cast<u32*>(h->SortFields);
     // Positions are those of the unsorted view now. The order there was comes back when there is no
     // memory for a new one.
     Block<u32> previous(std::exchange(h->SortOrder, nullptr));
-    const u32 previousCount = std::exchange(h->SortOrderCount, 0);
+    const u32 previousCount = sortOrderCount(h);
+    setSortOrderCount(h, 0);
     const u32 count = reccount(h);
     u32* order = nullptr;
     real_sort(h, &order, callback);
     if (order == nullptr && h->SortRecA != kStopped) {
+        std::free(h->SortOrder);
         h->SortOrder = previous.release();
-        h->SortOrderCount = previousCount;
+        setSortOrderCount(h, previousCount);
         return 0;
     }
-    if (count == 0) std::free(std::exchange(order, nullptr));  // nothing to map
-    h->SortOrder = order;
-    h->SortOrderCount = order != nullptr ? count : 0;
+    takeOrder(h, Block<u32>(order), count);
     return 1;
 }
 
 void ClearSort(DbfBase* h) {
     std::free(h->SortOrder);
     h->SortOrder = nullptr;
-    h->SortOrderCount = 0;
+    setSortOrderCount(h, 0);
     h->SortFieldCount = 0;
 }
 
