@@ -7,7 +7,6 @@
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
-#include "internal/clock.h"
 #include "internal/file.h"
 
 namespace mira {
@@ -15,6 +14,7 @@ namespace mira {
 namespace {
 
 constexpr u8 kEndOfFile = 0x1A;
+constexpr int kTwoDigitYears = 100;
 constexpr u32 kCopyChunk = 32768;
 
 /// The sequence all record writers share once the backup is made and the offset is known: a place
@@ -36,14 +36,6 @@ int writeMapped(DbfBase* h, u32 position, u32 column, RecordHook hook, const voi
     u32 record = 0;
     if (!recordAt(h, position, &record)) return 0;
     return writeAt(h, offsetOf(h, record, column), hook, bytes, count);
-}
-
-void stampDate(DbfHeader* header) {
-    std::tm now;
-    if (!localTime(std::time(nullptr), &now)) return;
-    header->UpdateDay = static_cast<u8>(now.tm_mday);
-    header->UpdateMonth = static_cast<u8>(now.tm_mon + 1);
-    header->UpdateYear = static_cast<u8>(now.tm_year % 100);
 }
 
 /// Copies the whole table file; false when a byte could not be read or written.
@@ -108,7 +100,7 @@ int WriteField(DbfBase* h, u32 position, int field) {
 }
 
 int WriteHeader(DbfBase* h) {
-    stampDate(&h->Header);
+    stampDate(&h->Header, kTwoDigitYears);
     u8 image[sizeof(DbfHeader)];
     encodeHeader(h->Header, image);
     const bool written = writeTable(h, 0, image, h->HeaderSize);
