@@ -48,15 +48,18 @@ u32 recordsInFile(const DbfBase* h, u64 size) {
 }
 
 u32 reccount(DbfBase* h) {
+    if (wasClosed(h)) return 0;
     return h->FilterIndex != nullptr ? h->FilterCount : h->Header.RecordCount;
 }
 
 u32 recno(DbfBase* h, u32 position) {
+    if (wasClosed(h)) return 0;
     if (h->FilterIndex == nullptr) return position;
     return position < h->FilterCount ? h->FilterIndex[position] : kNoPosition;
 }
 
 u32 GetOrder(DbfBase* h, u32 position) {
+    if (wasClosed(h)) return 0;
     if (h->SortOrder == nullptr) return position;
     const u32 count = reccount(h);
     if (position >= count) return kNoPosition;
@@ -65,12 +68,14 @@ u32 GetOrder(DbfBase* h, u32 position) {
 }
 
 u32 fieldcount(DbfBase* h) {
+    if (wasClosed(h)) return 0;
     const CalcFieldTable* calc = h->CalcFields;
     return calc != nullptr && calc->FieldTotal > 0 ? static_cast<u32>(calc->FieldTotal)
                                                    : h->FieldCount;
 }
 
 i32 fieldno(DbfBase* h, int index) {
+    if (wasClosed(h)) return 0;
     return index >= 0 && index < static_cast<int>(kFieldMax) ? h->FieldMap[index] : -1;
 }
 
@@ -104,7 +109,8 @@ int ReadRecord(DbfBase* h, u32 position) {
 }
 
 int GetRecord(DbfBase* h, u32 position) {
-    if (position == h->CurrentRecord && position != kNoPosition) return 1;
+    if (isClosed(h) || position == kNoPosition) return 0;
+    if (position == h->CurrentRecord) return 1;
     h->CurrentRecord = position;
     return ReadRecord(h, position);
 }
@@ -126,7 +132,7 @@ int ReadField(DbfBase* h, u32 position, int field) {
     const DbfField* f = tableField(h, field);
     u32 record = 0;
     u32 got = 0;
-    if (f == nullptr || !recordAt(h, position, &record)) return 0;
+    if (f == nullptr || isClosed(h) || !recordAt(h, position, &record)) return 0;
     const std::span<u8> bytes = fieldBytes(h, field);
     const auto length = static_cast<u32>(bytes.size());
     if (!readTable(h, offsetOf(h, record, f->Offset), bytes.data(), length, false, &got)) {

@@ -23,6 +23,11 @@ inline constexpr u32 kStatusVersion = 1;
 inline constexpr u32 kStatusFieldTypes = 2;
 inline constexpr u32 kStatusRecordCount = 4;
 
+/// A handle after Close_File, or one that never had a table.
+inline bool isClosed(const DbfBase* h) { return h->TableFile == nullptr; }
+/// A handle after Close_File, which leaves it its name.
+inline bool wasClosed(const DbfBase* h) { return isClosed(h) && h->FileName != nullptr; }
+
 inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
 
 // Version bytes that code depends on; types.cpp lists all that are accepted.
