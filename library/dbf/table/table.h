@@ -71,6 +71,9 @@ void encodeDescriptor(const DbfField&, u32 descriptorSize, u8* to);
 char readFields(DbfBase*, bool fresh);
 
 // records.cpp
+/// Reads up to count bytes at a file offset of the table; fresh ones are never from what is read
+/// ahead. False when the offset cannot be reached; *got becomes the number of bytes read.
+bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got, bool fresh = false);
 /// Reads a physical record into RecordBuffer, then calls AfterRead. False when not all of it could
 /// be read.
 bool readPhysicalRecord(DbfBase*, u32 record);
