@@ -21,6 +21,11 @@ inline constexpr u32 kStatusVersion = 1;
 inline constexpr u32 kStatusFieldTypes = 2;
 inline constexpr u32 kStatusRecordCount = 4;
 
+/// A handle after Close_File, or one that never had a table.
+inline bool isClosed(const DbfBase* h) { return h->TableFile == nullptr; }
+/// A handle after Close_File, which leaves it its name.
+inline bool wasClosed(const DbfBase* h) { return isClosed(h) && h->FileName != nullptr; }
+
 inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
 
 // types.cpp
@@ -48,6 +53,9 @@ DbfField decodeDescriptor(const u8* from, u32 descriptorSize, bool foreign);
 char readFields(DbfBase*, bool fresh);
 
 // records.cpp
+/// Reads up to count bytes at a file offset of the table; fresh ones are never from what is read
+/// ahead. False when the offset cannot be reached; *got becomes the number of bytes read.
+bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got, bool fresh = false);
 /// Reads a physical record into RecordBuffer, then calls AfterRead. False when not all of it could
 /// be read.
 bool readPhysicalRecord(DbfBase*, u32 record);
