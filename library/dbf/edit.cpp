@@ -31,8 +31,7 @@ bool readAt(DbfBase* h, u64 offset, u8* buffer, u64 count) {
 }
 
 bool writeAt(DbfBase* h, u64 offset, const u8* buffer, u64 count) {
-    return seekTo(h->TableFile, offset) &&
-           writeExact(h->TableFile, buffer, static_cast<u32>(count));
+    return writeTable(h, offset, buffer, static_cast<u32>(count));
 }
 
 /// Moves count bytes by one record towards the beginning, first bytes first. A write that stops
@@ -72,17 +71,17 @@ bool moveUp(DbfBase* h, u64 from, u64 count) {
 }  // namespace
 
 int DeleteRecord(DbfBase* h, u32 position) {
-    if (ReadByte(h, position) == 0 || h->DeleteFlag == kDeleted) return 1;
+    if (!readFlag(h, position, true) || h->DeleteFlag == kDeleted) return 1;
     return writeFlag(h, position, kDeleted);
 }
 
 int RecallRecord(DbfBase* h, u32 position) {
-    if (ReadByte(h, position) == 0 || h->DeleteFlag != kDeleted) return 1;
+    if (!readFlag(h, position, true) || h->DeleteFlag != kDeleted) return 1;
     return writeFlag(h, position, kPresent);
 }
 
 int InverseRecord(DbfBase* h, u32 position) {
-    if (ReadByte(h, position) == 0) return 0;
+    if (!readFlag(h, position, true)) return 0;
     return writeFlag(h, position, h->DeleteFlag == kDeleted ? kPresent : kDeleted);
 }
 
@@ -90,8 +89,9 @@ int Truncate(DbfBase* h, u32 count) {
     if (hasView(h) || h->Reverse != 0) return 0;
     backUp(h);
     if (InternalSeekRecord(h, count) == 0) return 0;
-    dropReadAhead(h);
-    if (ftruncate(fileno(h->TableFile), static_cast<off_t>(offsetOf(h, count))) != 0) return 0;
+    const bool cut = ftruncate(fileno(h->TableFile), static_cast<off_t>(offsetOf(h, count))) == 0;
+    tableChanged(h);
+    if (!cut) return 0;
     h->Header.RecordCount = count;
     return WriteHeader(h);
 }

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
 
@@ -137,7 +138,8 @@ int placeFields(DbfBase* h, u32* recordLength) {
 /// Descriptors to Fields. False when they make no table that can be opened.
 bool decodeFields(DbfBase* h, const Descriptors& list, u64 fileSize) {
     const FieldList fields = chooseList(h, list, fileSize);
-    h->ForeignLevel7 = fields.foreign ? 1 : 0;
+    if (fields.foreign && keepPrivate(h) == nullptr) return false;
+    if (h->Private != nullptr) h->Private->foreignLevel7 = fields.foreign;
     h->FieldCount = static_cast<u16>(fields.count);
     for (u32 i = 0; i < fields.count; ++i) {
         h->Fields[i] = decodeDescriptor(list.at(i), list.size, fields.foreign);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/clock.h"
 #include "internal/file.h"
@@ -71,9 +72,10 @@ void joinView(DbfBase* h) {
     const u32 count = reccount(h);
     if (h->SortOrder != nullptr) {
         // Records that have appeared behind the sorted ones stand for themselves, as does this one.
-        u32 place = h->SortOrderCount != 0 ? std::min(h->SortOrderCount, count) : count;
+        const u32 sorted = sortOrderCount(h);
+        u32 place = sorted != 0 ? std::min(sorted, count) : count;
         for (; place <= count; ++place) h->SortOrder[place] = place;
-        if (h->SortOrderCount != 0) h->SortOrderCount = place;
+        if (sorted != 0) setSortOrderCount(h, place);
     }
     if (h->FilterIndex != nullptr) h->FilterIndex[h->FilterCount++] = h->Header.RecordCount;
 }

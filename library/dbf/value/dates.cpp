@@ -14,6 +14,7 @@
 #include <cstring>
 #include <limits>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/value/value.h"
 #include "internal/bytes.h"
@@ -138,7 +139,7 @@ std::tm decode(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return std::tm{};
     if (isBinary(*f)) {
-        const bool foreign = f->Type == '@' && h->ForeignLevel7 != 0;
+        const bool foreign = f->Type == '@' && isForeignLevel7(h);
         const auto bytes = fieldPrefix<8>(h, field);
         return foreign ? decodeForeign(bytes) : decodeBinary(bytes);
     }
@@ -214,7 +215,7 @@ void storeBinary(DbfBase* h, int field, const DateTime& v) {
     if (to == nullptr) return;
     const i64 day = dayNumber(v.year, v.month, v.day);
     const i64 milliseconds = (v.second + i64{60} * v.minute + i64{3600} * v.hour) * 1000;
-    if (h->Fields[field].Type == '@' && h->ForeignLevel7 != 0) {
+    if (h->Fields[field].Type == '@' && isForeignLevel7(h)) {
         storeBeDouble(
             to, static_cast<double>((day - kDayBeforeYear1) * kDayMilliseconds + milliseconds));
         return;

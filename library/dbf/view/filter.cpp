@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/view/condition.h"
 #include "internal/convert.h"
@@ -264,7 +265,7 @@ void dropIndex(DbfBase* h) {
 void dropSortOrder(DbfBase* h) {
     std::free(h->SortOrder);
     h->SortOrder = nullptr;
-    h->SortOrderCount = 0;
+    setSortOrderCount(h, 0);
 }
 
 /// Takes a new index, given back what it does not use.

@@ -14,6 +14,7 @@
 #include <span>
 #include <utility>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/view/sortkeys.h"
 
@@ -226,30 +227,32 @@ void real_sort(DbfBase* h, u32** order, StopCallback callback) {
 
 int SortBase(DbfBase* h, const char* fields, StopCallback callback) {
     if (get_fields(h, fields, &h->SortFieldCount, h->SortFields) != 0) return 0;
+    if (keepPrivate(h) == nullptr) return 0;
     h->SortKeyCount = h->SortFieldCount;
     h->SortKeyFields = reinterpret_cast<u32*>(h->SortFields);
     // Positions are those of the unsorted view now. The order there was comes back when there is no
     // memory for a new one.
     Block<u32> previous(std::exchange(h->SortOrder, nullptr));
-    const u32 previousCount = std::exchange(h->SortOrderCount, 0);
+    const u32 previousCount = sortOrderCount(h);
+    setSortOrderCount(h, 0);
     const u32 count = reccount(h);
     u32* order = nullptr;
     real_sort(h, &order, callback);
     if (order == nullptr && h->SortRecA != kStopped) {
         h->SortOrder = previous.release();
-        h->SortOrderCount = previousCount;
+        setSortOrderCount(h, previousCount);
         return 0;
     }
     if (count == 0) std::free(std::exchange(order, nullptr));  // nothing to map
     h->SortOrder = order;
-    h->SortOrderCount = order != nullptr ? count : 0;
+    setSortOrderCount(h, order != nullptr ? count : 0);
     return 1;
 }
 
 void ClearSort(DbfBase* h) {
     std::free(h->SortOrder);
     h->SortOrder = nullptr;
-    h->SortOrderCount = 0;
+    setSortOrderCount(h, 0);
     h->SortFieldCount = 0;
 }
 
