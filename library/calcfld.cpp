@@ -13,15 +13,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
+#include "dbf/value/value.h"
 #include "internal/ascii.h"
 #include "internal/decimal.h"
 #include "internal/file.h"
 #include "internal/restore.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 
@@ -107,12 +106,10 @@ std::string_view valueText(DbfBase* h, int field) {
     const char type = h->Fields[field].Type;
     const bool dated = type == 'D' || type == 'T' || type == '@';
     const Restore format(h->DateFormat, dated ? kDigitsFormat : h->DateFormat);
-    return GetStr(h, field);
+    return renderField(h, field);
 }
 
 }  // namespace
-
-namespace detail {
 
 bool readItem(ExpressionReader& r, ExpressionItem* item) {
     while (!r.rest.empty()) {
@@ -146,7 +143,7 @@ void putFieldValue(DbfBase* h, int field, TextOut& out) {
     const std::size_t start = out.length();
     const std::string_view value = valueText(h, field);
     out.put(value);
-    if (if_digit_type(h, field) != 0) {
+    if (isNumeric(h->Fields[field])) {
         if (value.find_first_of(kDigits) == std::string_view::npos) out.put('0');
     } else if (h->OemConvert != 0) {
         convertToOem(h, out.data() + start, static_cast<u32>(out.length() - start));
@@ -160,7 +157,7 @@ int expandExpression(DbfBase* h, std::string_view expression, TextOut& out, int*
     for (ExpressionItem item{}; readItem(reader, &item);) {
         if (item.kind == ExpressionItem::Field) {
             putFieldValue(h, item.field, out);
-            *numeric |= if_digit_type(h, item.field);
+            *numeric |= isNumeric(h->Fields[item.field]) ? 1 : 0;
             continue;
         }
         if (item.kind == ExpressionItem::Operator && position < 0) {
@@ -175,8 +172,6 @@ double parseSqueezed(char* text, int* status) {
     if (std::strlen(text) > kParseLength) squeezeBlanks(text);
     return parse(text, status);
 }
-
-}  // namespace detail
 
 int GetMemCalcField(DbfBase* h) {
     if (h == nullptr) return 0;
@@ -236,7 +231,7 @@ char if_digit_calci(DbfBase* h, int slot) {
     while (!rest.empty()) {
         const std::string_view piece = rest.substr(0, rest.find_first_of(chrdigit));
         for (int field = 0; field < h->FieldCount && !piece.empty(); ++field) {
-            if (isNamed(h->Fields[field], piece) && if_digit_type(h, field) != 0) return 1;
+            if (isNamed(h->Fields[field], piece) && isNumeric(h->Fields[field])) return 1;
         }
         rest.remove_prefix(std::min(piece.size() + 1, rest.size()));
     }

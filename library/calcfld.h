@@ -7,7 +7,7 @@
 #include "internal/textout.h"
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr std::size_t kExpansionSize = 32768;  // work buffer of a calculated field
 
@@ -35,4 +35,4 @@ int expandExpression(DbfBase*, std::string_view expression, TextOut&, int* numer
 /// parse, of a text of any length whose runs of blanks may be squeezed to make it fit.
 double parseSqueezed(char* text, int* status);
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -3,13 +3,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/clock.h"
 #include "internal/file.h"
 
 namespace mira {
-
-using namespace detail;
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline u8 lowerAscii(char c) { return static_cast<u8>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); }
 
@@ -23,4 +23,4 @@ inline bool sameIgnoringCase(const char* a, const char* b) {
     return compareIgnoringCase(a, b, static_cast<std::size_t>(-1)) == 0;
 }
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -7,7 +7,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 template <std::unsigned_integral T>
 inline T loadLe(const u8* from) {
@@ -58,4 +58,4 @@ inline double loadBeDouble(const u8* from) { return std::bit_cast<double>(loadBe
 inline void storeLeDouble(u8* to, double value) { storeLe64(to, std::bit_cast<u64>(value)); }
 inline void storeBeDouble(u8* to, double value) { storeBe64(to, std::bit_cast<u64>(value)); }
 
-}  // namespace mira::detail
+}  // namespace mira

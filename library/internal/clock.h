@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-namespace mira::detail {
+namespace mira {
 
 /// Broken-down local time, as the standard library counts it (years since 1900). False when the
 /// time cannot be represented.
@@ -11,4 +11,4 @@ inline bool localTime(std::time_t seconds, std::tm* local) {
     return localtime_r(&seconds, local) != nullptr;
 }
 
-}  // namespace mira::detail
+}  // namespace mira

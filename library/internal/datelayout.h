@@ -3,7 +3,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 struct DateLayout {
     u8 year, month, day, hour, minute, second;
@@ -22,4 +22,4 @@ inline const DateLayout& dateLayout(i32 dateFormat) {
     return kDateLayouts[dateFormat >= 1 && dateFormat <= 3 ? dateFormat : 0];
 }
 
-}  // namespace mira::detail
+}  // namespace mira

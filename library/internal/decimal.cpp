@@ -9,7 +9,7 @@
 #include <cstring>
 #include <limits>
 
-namespace mira::detail {
+namespace mira {
 namespace {
 
 __extension__ using Wide = unsigned __int128;
@@ -176,4 +176,4 @@ std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals
     return alignRight(to, {body, static_cast<std::size_t>(result.ptr - body)}, width);
 }
 
-}  // namespace mira::detail
+}  // namespace mira

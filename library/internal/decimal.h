@@ -7,7 +7,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 /// atof of a text that ends where the view ends.
 double readDecimal(std::string_view text);
@@ -32,4 +32,4 @@ std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, 
 /// printf("%*d", width, value) likewise.
 std::size_t printInteger(char* to, i32 value, unsigned width);
 
-}  // namespace mira::detail
+}  // namespace mira

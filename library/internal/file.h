@@ -10,7 +10,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 struct FreeDeleter {
     void operator()(void* block) const { std::free(block); }
@@ -53,4 +53,4 @@ bool fileSize(std::FILE*, u64* size);
 /// it has not moved, so that one handle sees at once what another has written.
 u32 writeVersion();
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -21,13 +21,11 @@
 #include <cstring>
 #include <string_view>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/ascii.h"
 #include "memo/memo.h"
 
 namespace mira {
-
-namespace detail {
 
 const MemoFamily kDBase3Memo = {.headerSize = 4, .endSize = 1};
 const MemoFamily kDBase4Memo = {.headerSize = 24,
@@ -51,10 +49,6 @@ const MemoFamily kSmtMemo = {.headerSize = 16,
                              .signaturePlace = 6,
                              .signatureSize = 8,
                              .signature = "SIxMemo"};
-
-}  // namespace detail
-
-using namespace detail;
 
 namespace {
 
@@ -141,13 +135,9 @@ Block<char> nameInOtherCase(const char* path) {
 
 }  // namespace
 
-namespace detail {
-
 const MemoFamily* memoFamily(u8 version) { return versionRow(version).family; }
 
 const MemoFamily* memoFamilyOfKind(u32 kind) { return kindRow(kind).family; }
-
-}  // namespace detail
 
 char* GetMemoName(const char* tablePath, u32 kind) {
     if (tablePath == nullptr) return nullptr;

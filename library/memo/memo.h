@@ -1,15 +1,16 @@
 // Declarations shared by the files of the memo module: the four memo file formats as rows of one
-// table, and the reading, appending and referencing that follow them.
+// table, and the reading and appending that follow them.
 #pragma once
 
 #include <cstdio>
 #include <cstring>
 
+#include "dbf/value/reference.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr u32 kFixedMemoUnit = 512;    // dBase III, never stored
 inline constexpr u32 kMissingMemoUnit = 256;  // stands in for a unit that a short header lacks
@@ -46,20 +47,6 @@ extern const MemoFamily kSmtMemo;
 const MemoFamily* memoFamily(u8 version);
 /// The family that a memo file of a kind is created in; null: no memo format.
 const MemoFamily* memoFamilyOfKind(u32 kind);
-
-/// What a memo field holds. length counts only in SMT tables.
-struct MemoReference {
-    u32 block;
-    u32 length;
-};
-
-// reference.cpp
-/// The reference in a memo field of RecordBuffer.
-MemoReference memoReference(DbfBase*, int field);
-/// False when the field is shorter than the binary reference that its table keeps there.
-bool hasRoomForReference(DbfBase*, int field);
-/// Stores a reference; digits that do not fit leave the field as it was.
-void setMemoReference(DbfBase*, int field, MemoReference);
 
 // read.cpp
 enum class MemoRead {
@@ -118,4 +105,4 @@ private:
     DbfBase* handle_;
 };
 
-}  // namespace mira::detail
+}  // namespace mira
