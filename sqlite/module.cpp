@@ -1,0 +1,191 @@
+// The methods that SQLite calls. Each passes on to the module's own functions and turns what they
+// throw into a result and a message.
+#include "module.h"
+
+#include "attach.h"
+#include "guard.h"
+#include "mira_sqlite.h"
+#include "table/refusal.h"
+
+namespace mira::sql {
+namespace {
+
+using tool::Column;
+
+/// A virtual table has at most 2000 columns.
+constexpr std::size_t kColumnMax = 2000 - kHiddenColumns;
+
+/// The name in the way of a field's gets underscores in front.
+std::string freeName(const tool::Table& table, std::string name) {
+    while (tool::findColumn(table, name) != nullptr) name.insert(name.begin(), '_');
+    return name;
+}
+
+std::vector<Column> declaredColumns(const tool::Table& table) {
+    std::vector<Column> columns = table.columns;
+    Column record;
+    record.name = freeName(table, "_record");
+    record.kind = tool::Kind::RecordNumber;
+    Column deleted;
+    deleted.name = freeName(table, "_deleted");
+    deleted.kind = tool::Kind::Deletion;
+    columns.push_back(record);
+    columns.push_back(deleted);
+    return columns;
+}
+
+std::string declaration(const std::vector<Column>& columns) {
+    std::string text = "CREATE TABLE x(";
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        if (i != 0) text += ", ";
+        text += quoted(columns[i].name, '"') + " " + declaredType(columns[i]);
+        if (i + kHiddenColumns >= columns.size()) text += " HIDDEN";
+    }
+    return text + ")";
+}
+
+bool isUtf8(sqlite3* connection) {
+    sqlite3_stmt* statement = nullptr;
+    bool utf8 = false;
+    if (sqlite3_prepare_v2(connection, "PRAGMA encoding", -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+        const unsigned char* const name = sqlite3_column_text(statement, 0);
+        utf8 = name != nullptr &&
+               sqlite3_stricmp(reinterpret_cast<const char*>(name), "UTF-8") == 0;
+    }
+    sqlite3_finalize(statement);
+    return utf8;
+}
+
+int connect(sqlite3* connection, void* /*module*/, int count, const char* const* texts,
+            sqlite3_vtab** result, char** message) {
+    // The first three are the names of module, database and table.
+    constexpr int kNames = 3;
+    return guarded(message, [&] {
+        auto made = std::make_unique<VirtualTable>();
+        made->connection = connection;
+        made->arguments = readArguments(count - kNames, texts + kNames);
+        made->table = tool::openTable(made->arguments.path, made->arguments.table);
+        if (made->table->columns.size() > kColumnMax) {
+            throw tool::Refusal(made->table->path + ": " +
+                                std::to_string(made->table->columns.size()) +
+                                " fields, but a virtual table has at most " +
+                                std::to_string(kColumnMax));
+        }
+        made->columns = declaredColumns(*made->table);
+        made->utf8 = isUtf8(connection);
+        const int declared =
+            sqlite3_declare_vtab(connection, declaration(made->columns).c_str());
+        if (declared != SQLITE_OK) {
+            setMessage(message, sqlite3_errmsg(connection));
+            return declared;
+        }
+        sqlite3_vtab_config(connection, SQLITE_VTAB_DIRECTONLY);
+        *result = made.release();
+        return SQLITE_OK;
+    });
+}
+
+/// Another function than connect, so that the module's own name is no table.
+int create(sqlite3* connection, void* module, int count, const char* const* texts,
+           sqlite3_vtab** result, char** message) {
+    return connect(connection, module, count, texts, result, message);
+}
+
+int disconnect(sqlite3_vtab* table) {
+    delete &tableOf(table);
+    return SQLITE_OK;
+}
+
+int bestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
+    const VirtualTable& of = tableOf(table);
+    return guarded(&table->zErrMsg, [&] {
+        return choosePlan({&of.columns, reccount(of.table->base.get()), of.utf8}, info);
+    });
+}
+
+int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
+    return guarded(&table->zErrMsg, [&] {
+        auto cursor = std::make_unique<Cursor>();
+        cursor->table = tool::openAgain(*tableOf(table).table);
+        cursor->cells.emplace(*cursor->table);
+        *result = cursor.release();
+        return SQLITE_OK;
+    });
+}
+
+Cursor& cursorOf(sqlite3_vtab_cursor* cursor) { return *static_cast<Cursor*>(cursor); }
+
+int close(sqlite3_vtab_cursor* cursor) {
+    delete &cursorOf(cursor);
+    return SQLITE_OK;
+}
+
+int filter(sqlite3_vtab_cursor* cursor, int /*number*/, const char* plan, int count,
+           sqlite3_value** constants) {
+    return guarded(&cursor->pVtab->zErrMsg, [&] {
+        beginScan(cursorOf(cursor), plan, {constants, static_cast<std::size_t>(count)});
+        return SQLITE_OK;
+    });
+}
+
+int next(sqlite3_vtab_cursor* cursor) {
+    return guarded(&cursor->pVtab->zErrMsg, [&] {
+        nextRecord(cursorOf(cursor));
+        return SQLITE_OK;
+    });
+}
+
+int eof(sqlite3_vtab_cursor* cursor) { return cursorOf(cursor).atEnd ? 1 : 0; }
+
+int column(sqlite3_vtab_cursor* cursor, sqlite3_context* context, int number) {
+    return guarded(&cursor->pVtab->zErrMsg, [&] {
+        if (sqlite3_vtab_nochange(context) != 0) return SQLITE_OK;
+        Cursor& of = cursorOf(cursor);
+        const Column& wanted = tableOf(of).columns[static_cast<std::size_t>(number)];
+        tool::Value value;
+        tool::readCell(*of.cells, wanted, value);
+        if (value.fault == tool::Fault::NoMemo || value.fault == tool::Fault::MemoCut) {
+            sqlite3_log(SQLITE_WARNING, "%s: record %u, %s: %s", of.table->path.c_str(),
+                        of.cells->record + 1, wanted.name.c_str(),
+                        tool::faultSentence(value.fault, 1).c_str());
+        }
+        putResult(context, storedAs(wanted, value));
+        return SQLITE_OK;
+    });
+}
+
+int rowid(sqlite3_vtab_cursor* cursor, sqlite3_int64* result) {
+    *result = i64{cursorOf(cursor).cells->record} + 1;
+    return SQLITE_OK;
+}
+
+int rename(sqlite3_vtab* /*table*/, const char* /*name*/) { return SQLITE_OK; }
+
+constexpr sqlite3_module kModule = [] {
+    sqlite3_module module{};
+    module.iVersion = 2;
+    module.xCreate = create;
+    module.xConnect = connect;
+    module.xBestIndex = bestIndex;
+    module.xDisconnect = disconnect;
+    module.xDestroy = disconnect;
+    module.xOpen = open;
+    module.xClose = close;
+    module.xFilter = filter;
+    module.xNext = next;
+    module.xEof = eof;
+    module.xColumn = column;
+    module.xRowid = rowid;
+    module.xRename = rename;
+    return module;
+}();
+
+}  // namespace
+
+int registerMira(sqlite3* connection) {
+    const int result = sqlite3_create_module(connection, "mira", &kModule, nullptr);
+    return result == SQLITE_OK ? registerAttach(connection) : result;
+}
+
+}  // namespace mira::sql
