@@ -80,8 +80,8 @@ void makeIndex(Cursor& cursor, int column) {
 
 /// A scan for a value that comes again is answered from an index.
 void useIndex(Cursor& cursor) {
-    const auto equal = std::find_if(
-        cursor.shortcuts.begin(), cursor.shortcuts.end(), [](const Shortcut& s) {
+    const auto equal =
+        std::find_if(cursor.shortcuts.begin(), cursor.shortcuts.end(), [](const Shortcut& s) {
             return s.usable && s.condition.op == Operator::Equal &&
                    (s.type != SQLITE_FLOAT || !std::isnan(s.real));
         });

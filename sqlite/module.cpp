@@ -50,8 +50,8 @@ bool isUtf8(sqlite3* connection) {
     if (sqlite3_prepare_v2(connection, "PRAGMA encoding", -1, &statement, nullptr) == SQLITE_OK &&
         sqlite3_step(statement) == SQLITE_ROW) {
         const unsigned char* const name = sqlite3_column_text(statement, 0);
-        utf8 = name != nullptr &&
-               sqlite3_stricmp(reinterpret_cast<const char*>(name), "UTF-8") == 0;
+        utf8 =
+            name != nullptr && sqlite3_stricmp(reinterpret_cast<const char*>(name), "UTF-8") == 0;
     }
     sqlite3_finalize(statement);
     return utf8;
@@ -67,15 +67,13 @@ int connect(sqlite3* connection, void* /*module*/, int count, const char* const*
         made->arguments = readArguments(count - kNames, texts + kNames);
         made->table = tool::openTable(made->arguments.path, made->arguments.table);
         if (made->table->columns.size() > kColumnMax) {
-            throw tool::Refusal(made->table->path + ": " +
-                                std::to_string(made->table->columns.size()) +
-                                " fields, but a virtual table has at most " +
-                                std::to_string(kColumnMax));
+            throw tool::Refusal(
+                made->table->path + ": " + std::to_string(made->table->columns.size()) +
+                " fields, but a virtual table has at most " + std::to_string(kColumnMax));
         }
         made->columns = declaredColumns(*made->table);
         made->utf8 = isUtf8(connection);
-        const int declared =
-            sqlite3_declare_vtab(connection, declaration(made->columns).c_str());
+        const int declared = sqlite3_declare_vtab(connection, declaration(made->columns).c_str());
         if (declared != SQLITE_OK) {
             setMessage(message, sqlite3_errmsg(connection));
             return declared;

@@ -1,10 +1,10 @@
-// How a scan is planned. A plan is a text of conditions, one a line, "COLUMN OPERATOR", in the order
-// in which their constants come.
+// How a scan is planned. A plan is a text of conditions, one a line, "COLUMN OPERATOR", in the
+// order in which their constants come.
+#include "plan.h"
+
 #include <cmath>
 #include <cstring>
 #include <sstream>
-
-#include "plan.h"
 
 namespace mira::sql {
 namespace {
@@ -95,9 +95,9 @@ int choosePlan(const PlanTable& table, sqlite3_index_info* info) {
     if (info->idxStr == nullptr) return SQLITE_NOMEM;
     info->needToFreeIdxStr = 1;
     info->estimatedRows = static_cast<sqlite3_int64>(std::max(1.0, rows));
-    // A scan for one value is repeated for each row of the tables outside it, from an index that the
-    // second one makes. That pays most, and takes least memory, for the smallest table, so the cost
-    // grows faster than the number of records.
+    // A scan for one value is repeated for each row of the tables outside it, from an index that
+    // the second one makes. That pays most, and takes least memory, for the smallest table, so the
+    // cost grows faster than the number of records.
     constexpr double kIndexShare = 1000;
     info->estimatedCost =
         equal ? 2 + std::min(records, records * std::log2(records + 1) / kIndexShare) : records;

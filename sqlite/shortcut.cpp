@@ -39,8 +39,7 @@ void takePattern(Shortcut& s, std::string_view pattern) {
 std::string_view bytesOf(sqlite3_value* value) {
     const void* const bytes = sqlite3_value_text(value);
     if (bytes == nullptr) return {};
-    return {static_cast<const char*>(bytes),
-            static_cast<std::size_t>(sqlite3_value_bytes(value))};
+    return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_value_bytes(value))};
 }
 
 /// Whether a value of the column's class can stand in the order with one of the constant's: numbers
@@ -145,8 +144,7 @@ bool mayHold(const Shortcut& s, const Stored& value) {
     int order = 0;
     if (!compare(s, value, &order)) return true;
     if (s.condition.op == Operator::Equal) return order == 0;
-    return inOrder(s.condition.op, order) ||
-           (s.type == SQLITE_TEXT && looksNumeric(value.bytes));
+    return inOrder(s.condition.op, order) || (s.type == SQLITE_TEXT && looksNumeric(value.bytes));
 }
 
 }  // namespace mira::sql

@@ -1,6 +1,6 @@
-// Conditions that are tested while scanning. SQLite tests every one again, so a shortcut may let too
-// much through, never too little: it says no only where the comparison that SQLite would make is
-// certain to fail.
+// Conditions that are tested while scanning. SQLite tests every one again, so a shortcut may let
+// too much through, never too little: it says no only where the comparison that SQLite would make
+// is certain to fail.
 #pragma once
 
 #include <string>
@@ -31,12 +31,13 @@ struct Condition {
 /// A condition with the constant of this scan.
 struct Shortcut {
     Condition condition;
-    bool usable = false;  ///< false: the constant is of another class, or a pattern that says nothing
+    bool usable =
+        false;  ///< false: the constant is of another class, or a pattern that says nothing
     int type = SQLITE_NULL;
     i64 integer = 0;
     double real = 0;
-    std::string text;       ///< the constant, or the part of a pattern that every match holds
-    bool atStart = false;   ///< a pattern: the part stands at the beginning
+    std::string text;      ///< the constant, or the part of a pattern that every match holds
+    bool atStart = false;  ///< a pattern: the part stands at the beginning
 };
 
 /// The constant of a condition; null for IsNull.

@@ -76,16 +76,16 @@ struct TableOptions {
     bool writable = false;
 };
 
-struct Table {
-    Base base;
+/// What is known of a table besides its handle.
+struct TableFacts {
     std::string path;
     TableOptions options;
     PageChoice page;
-    bool visual = false;    // Visual FoxPro: descriptor flags and null flags count
-    u8 storedVersion = 0;   // version byte as it stands in the file
-    u8 tableFlags = 0;      // header byte 28
-    u32 storedCount = 0;    // records by the header, before repairs
-    u32 storedLength = 0;   // record length by the header, likewise
+    bool visual = false;   // Visual FoxPro: descriptor flags and null flags count
+    u8 storedVersion = 0;  // version byte as it stands in the file
+    u8 tableFlags = 0;     // header byte 28
+    u32 storedCount = 0;   // records by the header, before repairs
+    u32 storedLength = 0;  // record length by the header, likewise
     u64 fileSize = 0;
     std::vector<Column> columns;  // those that are shown, in field order, calculated ones last
     std::vector<Column> system;   // the others: system fields and those of type 0
@@ -94,9 +94,16 @@ struct Table {
     std::vector<std::string> notes;      // what the user should know, a sentence each
 };
 
+struct Table : TableFacts {
+    Base base;
+};
+
 /// Opens a table. Throws a Refusal that names the path: no such file, no table, unknown code page,
 /// unknown name in asText, no container for longNames.
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options);
+/// The same table through a handle of its own, for the same thread; without looking for code page
+/// and names again. Throws a Refusal when it cannot be opened or its fields have changed.
+std::unique_ptr<Table> openAgain(const Table& table);
 
 /// The column of a name in any letter case, or of a number (fields from 1) where no name fits.
 const Column* findColumn(const Table& table, std::string_view name);
