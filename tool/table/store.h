@@ -31,7 +31,7 @@ struct Given {
     };
 
     From from = From::Null;
-    bool quoted = false;  ///< an empty Cell in quotes: an empty text, not null
+    bool quoted = false;      ///< an empty Cell in quotes: an empty text, not null
     std::string_view text{};  ///< Cell, Text, Blob
     i64 integer = 0;
     double real = 0;
@@ -55,9 +55,9 @@ struct Encoded {
 
 /// Encodes a value. Empty when it fits; else why it does not, in words that follow "FIELD: ".
 /// Numbers given as Real are rounded to the field's decimals, all others must fit exactly. A null
-/// for a field that may not be null is a blank; fields that have none (I, B, Y, O) become 0 in a new
-/// record and keep their value in an old one: that is a reason, too. A counting field takes its next
-/// value in a new record, whether that is given or nothing; in an old one it takes none.
+/// for a field that may not be null is a blank; fields that have none (I, B, Y, O) become 0 in a
+/// new record and keep their value in an old one: that is a reason, too. A counting field takes its
+/// next value in a new record, whether that is given or nothing; in an old one it takes none.
 std::string encodeValue(Table& table, const Column& column, const Given& given, bool newRecord,
                         Encoded& encoded);
 /// Puts an encoded value into RecordBuffer, null and length bits included, and its memo into the
