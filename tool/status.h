@@ -7,7 +7,6 @@ enum Status : int {
     kDone = 0,
     kFound = 1,   // done, but something was found, or some value could not be kept
     kFailed = 2,  // not done
-    kStopped = 130,
 };
 
 /// The graver of two.
@@ -18,6 +17,8 @@ inline Status worse(Status a, Status b) { return a > b ? a : b; }
 void watchSignals();
 /// Whether such a signal has come. Long work asks after every record.
 bool stopped();
+/// The exit status then: 130 after Ctrl-C.
+int stopStatus();
 /// Thrown where work is left because of it; main turns it into the exit status.
 struct Stopped {};
 inline void leaveIfStopped() {

@@ -9,8 +9,6 @@ namespace mira::tool {
 
 /// The text in the form in which texts that differ only in letter case are the same.
 std::string foldCase(std::string_view utf8);
-/// In capital letters.
-std::string upperCase(std::string_view utf8);
 inline bool sameText(std::string_view a, std::string_view b) { return foldCase(a) == foldCase(b); }
 
 bool isAscii(std::string_view text);
