@@ -236,8 +236,16 @@ Reason encodeMemo(Table& table, const Column& column, const Given& given, Encode
 // Numbers
 // ---------------------------------------------------------------------------------------------
 
-/// Digits, right-aligned. With fewer decimals than the field has, or without the zero in front of
-/// the point, where that is the only way in.
+/// The digits, without the zero in front of the point where that is too much.
+std::string shortPrint(const Decimal& number, std::size_t width) {
+    std::string text = printDecimal(number);
+    const std::size_t zero = number.negative ? 1 : 0;
+    if (text.size() == width + 1 && text.compare(zero, 2, "0.") == 0) text.erase(zero, 1);
+    return text;
+}
+
+/// Digits, right-aligned. With fewer decimals than the field has where that is the only way in
+/// and loses none.
 Reason encodeDecimal(Table&, const Column& column, const Given& given, Encoded& encoded) {
     std::optional<Decimal> number = numberOf(given);
     if (!number) return isNo(given, "number");
@@ -245,13 +253,11 @@ Reason encodeDecimal(Table&, const Column& column, const Given& given, Encoded& 
     if (!rescale(*number, column.decimals, mayRound)) {
         return quoted(given) + " has more than " + std::to_string(column.decimals) + " decimals";
     }
-    std::string text = printDecimal(*number);
+    std::string text = shortPrint(*number, column.length);
     while (text.size() > column.length && number->scale > 0 &&
            rescale(*number, number->scale - 1, false)) {
-        text = printDecimal(*number);
+        text = shortPrint(*number, column.length);
     }
-    const std::size_t zero = number->negative ? 1 : 0;
-    if (text.size() == column.length + 1 && text.compare(zero, 2, "0.") == 0) text.erase(zero, 1);
     if (text.size() > column.length) return noFit(column, given);
     encoded.bytes = std::string(column.length - text.size(), ' ') + text;
     return "";
@@ -393,10 +399,9 @@ Reason encodeDate(Table& table, const Column& column, const Given& given, Encode
     const bool midnight = moment && moment->milliseconds == 0 && moment->time.tm_hour == 0 &&
                           moment->time.tm_min == 0 && moment->time.tm_sec == 0;
     if (!midnight) return isNo(given, "date (2024-01-31)");
-    char digits[16];
-    std::snprintf(digits, sizeof digits, "%04d%02d%02d", time.tm_year, time.tm_mon + 1,
-                  time.tm_mday);
-    if (column.length < std::strlen(digits)) return noFit(column, given);
+    const int number = time.tm_year * 10000 + (time.tm_mon + 1) * 100 + time.tm_mday;
+    const std::string digits = std::to_string(100000000 + number).substr(1);
+    if (column.length < digits.size()) return noFit(column, given);
     encodeBytes(table, column, digits, encoded);
     return "";
 }
