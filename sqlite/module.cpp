@@ -72,6 +72,7 @@ int connect(sqlite3* connection, void* /*module*/, int count, const char* const*
                 " fields, but a virtual table has at most " + std::to_string(kColumnMax));
         }
         made->columns = declaredColumns(*made->table);
+        if (made->arguments.table.writable) made->changes.emplace(*made->table, made->columns);
         made->utf8 = isUtf8(connection);
         const int declared = sqlite3_declare_vtab(connection, declaration(made->columns).c_str());
         if (declared != SQLITE_OK) {
@@ -158,6 +159,43 @@ int rowid(sqlite3_vtab_cursor* cursor, sqlite3_int64* result) {
     return SQLITE_OK;
 }
 
+/// There is no rollback, so nothing is written inside a transaction.
+void refuseTransaction(const VirtualTable& table) {
+    if (sqlite3_get_autocommit(table.connection) != 0) return;
+    throw tool::Refusal(table.table->path +
+                        ": tables cannot be written inside a transaction, since they know no "
+                        "ROLLBACK: COMMIT first (in Python, connect with isolation_level=None)");
+}
+
+int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64* rowid) {
+    return guarded(&table->zErrMsg, [&] {
+        VirtualTable& of = tableOf(table);
+        if (!of.changes) {
+            throw tool::Refusal(of.table->path +
+                                ": is open for reading only; USING mira(PATH, writable=1) and "
+                                "mira_attach(FOLDER, 1) open tables for writing");
+        }
+        refuseTransaction(of);
+        of.changes->take({values, static_cast<std::size_t>(count)}, rowid);
+        return SQLITE_OK;
+    });
+}
+
+int begin(sqlite3_vtab* /*table*/) { return SQLITE_OK; }
+
+int sync(sqlite3_vtab* table) {
+    return guarded(&table->zErrMsg, [&] {
+        if (tableOf(table).changes) tableOf(table).changes->write();
+        return SQLITE_OK;
+    });
+}
+
+/// Also after a commit: nothing is held any more.
+int drop(sqlite3_vtab* table) {
+    if (tableOf(table).changes) tableOf(table).changes->drop();
+    return SQLITE_OK;
+}
+
 int rename(sqlite3_vtab* /*table*/, const char* /*name*/) { return SQLITE_OK; }
 
 constexpr sqlite3_module kModule = [] {
@@ -175,6 +213,11 @@ constexpr sqlite3_module kModule = [] {
     module.xEof = eof;
     module.xColumn = column;
     module.xRowid = rowid;
+    module.xUpdate = update;
+    module.xBegin = begin;
+    module.xSync = sync;
+    module.xCommit = drop;
+    module.xRollback = drop;
     module.xRename = rename;
     return module;
 }();

@@ -13,6 +13,7 @@
 
 #include "api.h"
 #include "arguments.h"
+#include "changes.h"
 #include "index.h"
 #include "plan.h"
 #include "shortcut.h"
@@ -27,6 +28,7 @@ struct VirtualTable : sqlite3_vtab {
     Arguments arguments;
     std::unique_ptr<tool::Table> table;
     std::vector<tool::Column> columns;  ///< as declared: those of the table, _record, _deleted
+    std::optional<Changes> changes;     ///< of a writable table
 };
 
 /// A scan: all records of a range, those an index gives, or one.

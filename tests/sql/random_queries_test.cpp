@@ -37,7 +37,8 @@ std::vector<std::string> answer(sqlite3* connection, const std::string& query, b
             const int type = sqlite3_column_type(statement, i);
             const auto* const bytes = static_cast<const char*>(sqlite3_column_blob(statement, i));
             const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, i));
-            row += std::to_string(type) + ":" + std::string(bytes != nullptr ? bytes : "", size) + "|";
+            row +=
+                std::to_string(type) + ":" + std::string(bytes != nullptr ? bytes : "", size) + "|";
         }
         rows.push_back(row);
     }
@@ -54,22 +55,28 @@ public:
     bool once(std::size_t in) { return below(in) == 0; }
     template <typename List>
     std::string pick(const List& list) {
-        return std::string(*(std::begin(list) + static_cast<std::ptrdiff_t>(below(std::size(list)))));
+        return std::string(
+            *(std::begin(list) + static_cast<std::ptrdiff_t>(below(std::size(list)))));
     }
 
 private:
     std::mt19937 engine_;
 };
 
-constexpr const char* kTexts[] = {"anna", "ANNA", "Bolt", "bolt 8", "10", "9", "5.0", "", "x%y", "\x82\xA0"};
+constexpr const char* kTexts[] = {"anna", "ANNA", "Bolt", "bolt 8", "10",
+                                  "9",    "5.0",  "",     "x%y",    "\x82\xA0"};
 constexpr const char* kNumbers[] = {"1", "-1", "0", "10", "12.50", "9", "-0.5", "", "**", "1e3"};
 constexpr const char* kDates[] = {"20240131", "19991231", "00000000", "", "2024"};
 
 /// C, N with and without decimals, D, L, I; blanks and bytes that are no value among them.
 Layout randomTable(Dice& dice, std::size_t records) {
     Layout layout{0x03,
-                  {{"NAME", 'C', 8}, {"PRICE", 'N', 8, 2}, {"QTY", 'N', 5}, {"BORN", 'D', 8},
-                   {"ACTIVE", 'L', 1}, {"ID", 'I', 4}}};
+                  {{"NAME", 'C', 8},
+                   {"PRICE", 'N', 8, 2},
+                   {"QTY", 'N', 5},
+                   {"BORN", 'D', 8},
+                   {"ACTIVE", 'L', 1},
+                   {"ID", 'I', 4}}};
     for (std::size_t i = 0; i < records; ++i) {
         const auto left = [](std::string text, std::size_t width) {
             text.resize(width, ' ');
@@ -114,8 +121,8 @@ public:
             end += group ? " ORDER BY 1, 2, 3, 4, 5" : " ORDER BY 1, 2, 3";
             if (dice_.once(2)) end += " LIMIT " + std::to_string(dice_.below(20)) + " OFFSET 2";
         }
-        return "SELECT " + std::string(dice_.once(6) && !group ? "DISTINCT " : "") + columns + from +
-               where + end;
+        return "SELECT " + std::string(dice_.once(6) && !group ? "DISTINCT " : "") + columns +
+               from + where + end;
     }
     bool ordered() const { return ordered_; }
 
@@ -125,9 +132,14 @@ private:
         return (second_ && dice_.once(2) ? "b." : "a.") + dice_.pick(kColumns);
     }
     std::string constant() {
-        constexpr const char* kConstants[] = {
-            "'anna'", "'Bolt'", "'10'", "'9'", "''", "10", "12.5", "-1", "0", "9.0", "NULL",
-            "'2024-01-31'", "x'616e6e61'", "9007199254740993", "'5.0'", "(SELECT max(ID) FROM small)"};
+        constexpr const char* kConstants[] = {"'anna'",      "'Bolt'",
+                                              "'10'",        "'9'",
+                                              "''",          "10",
+                                              "12.5",        "-1",
+                                              "0",           "9.0",
+                                              "NULL",        "'2024-01-31'",
+                                              "x'616e6e61'", "9007199254740993",
+                                              "'5.0'",       "(SELECT max(ID) FROM small)"};
         return dice_.pick(kConstants);
     }
     std::string condition(int depth) {
@@ -136,7 +148,8 @@ private:
                    condition(depth - 1) + ")";
         }
         constexpr const char* kOperators[] = {"=", "<", "<=", ">", ">=", "<>", "IS", "IS NOT"};
-        constexpr const char* kPatterns[] = {"'an%'", "'%OL%'", "'_olt%'", "'%'", "'1%0'", "'b*'", "'*o[kl]t*'"};
+        constexpr const char* kPatterns[] = {"'an%'", "'%OL%'", "'_olt%'",   "'%'",
+                                             "'1%0'", "'b*'",   "'*o[kl]t*'"};
         switch (dice_.below(7)) {
             case 0:
                 return column() + " BETWEEN " + constant() + " AND " + constant();
@@ -155,9 +168,10 @@ private:
         }
     }
     std::string joinCondition() {
-        constexpr const char* kJoins[] = {"b.ID = a.ID", "b.NAME = a.NAME", "b.PRICE = a.QTY",
-                                          "b.NAME = a.NAME AND b.QTY > a.QTY", "b.NAME = a.QTY",
-                                          "b.BORN < a.BORN", "b.NAME > a.PRICE"};
+        constexpr const char* kJoins[] = {"b.ID = a.ID",     "b.NAME = a.NAME",
+                                          "b.PRICE = a.QTY", "b.NAME = a.NAME AND b.QTY > a.QTY",
+                                          "b.NAME = a.QTY",  "b.BORN < a.BORN",
+                                          "b.NAME > a.PRICE"};
         return dice_.pick(kJoins);
     }
 
@@ -173,7 +187,8 @@ TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     writeAll(folder.file("small.dbf"), randomTable(dice, 9).bytes());
     const std::string database = folder.file("plain.db");
     const std::string fill = std::string(MIRA_PROGRAM) + " export -q -o " + database + " " +
-                             folder.file("big.dbf") + " " + folder.file("small.dbf") + " 2>/dev/null";
+                             folder.file("big.dbf") + " " + folder.file("small.dbf") +
+                             " 2>/dev/null";
     ASSERT_LT(WEXITSTATUS(std::system(fill.c_str())), 2);
 
     const Connection plain = connect(database);
@@ -181,13 +196,17 @@ TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     ASSERT_EQ(mira::sql::registerMira(tables.get()), SQLITE_OK);
     for (const char* name : {"big", "small"}) {
         const std::string path = folder.file(name) + ".dbf";
-        ASSERT_EQ(answer(tables.get(), "CREATE VIRTUAL TABLE temp." + std::string(name) + " USING mira('" + path + "')", false),
-                  std::vector<std::string>());
+        ASSERT_EQ(
+            answer(tables.get(),
+                   "CREATE VIRTUAL TABLE temp." + std::string(name) + " USING mira('" + path + "')",
+                   false),
+            std::vector<std::string>());
     }
     for (int i = 0; i < 10000; ++i) {
         Query query(dice);
         const std::string text = query.text();
-        ASSERT_EQ(answer(tables.get(), text, query.ordered()), answer(plain.get(), text, query.ordered()))
+        ASSERT_EQ(answer(tables.get(), text, query.ordered()),
+                  answer(plain.get(), text, query.ordered()))
             << text;
     }
 }

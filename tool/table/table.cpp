@@ -266,7 +266,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
 std::unique_ptr<Table> openAgain(const Table& table) {
     auto again = std::make_unique<Table>();
     static_cast<TableFacts&>(*again) = table;
-    again->base = openBase(table.path, table.options.writable);
+    again->base = openBase(table.path, false);
     DbfBase* const base = again->base.get();
     if (!sameStructure(*table.base, *base)) {
         throw Refusal(table.path + ": its fields have changed since it was opened");
