@@ -75,13 +75,13 @@ Arguments readArguments(int count, const char* const* texts) {
     return arguments;
 }
 
-std::string quoted(std::string_view text, char quote) {
-    std::string result(1, quote);
+std::string quotedText(std::string_view text) {
+    std::string quoted = "'";
     for (const char c : text) {
-        if (c == quote) result += c;
-        result += c;
+        if (c == '\'') quoted += c;
+        quoted += c;
     }
-    return result + quote;
+    return quoted + '\'';
 }
 
 }  // namespace mira::sql

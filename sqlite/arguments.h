@@ -18,7 +18,7 @@ struct Arguments {
 /// Throws a Refusal that names the path, for an option that nobody knows or that has no such value.
 Arguments readArguments(int count, const char* const* texts);
 
-/// A text in the quotes that SQL knows, doubled inside.
-std::string quoted(std::string_view text, char quote);
+/// A text in SQL.
+std::string quotedText(std::string_view text);
 
 }  // namespace mira::sql

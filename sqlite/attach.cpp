@@ -4,6 +4,7 @@
 #include "guard.h"
 #include "table/find.h"
 #include "table/refusal.h"
+#include "table/storage.h"
 
 namespace mira::sql {
 namespace {
@@ -52,8 +53,8 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
 
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options) {
     const std::string name = freeName(connection, tool::stemOf(path));
-    const std::string statement = "CREATE VIRTUAL TABLE temp." + quoted(name, '"') +
-                                  " USING mira(" + quoted(path, '\'') + options + ")";
+    const std::string statement = "CREATE VIRTUAL TABLE temp." + tool::quotedName(name) +
+                                  " USING mira(" + quotedText(path) + options + ")";
     char* message = nullptr;
     if (sqlite3_exec(connection, statement.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
         const std::string why = message != nullptr ? message : "out of memory";

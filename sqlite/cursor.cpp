@@ -16,7 +16,7 @@ Stored cellOf(Cursor& cursor, int column) {
     Value value;
     const Column& of = tableOf(cursor).columns[static_cast<std::size_t>(column)];
     tool::readCell(*cursor.cells, of, value);
-    return storedAs(of, value);
+    return tool::storedAs(of, value);
 }
 
 /// Reads a record; false when it is not one of those the table shows.
@@ -34,15 +34,15 @@ bool readRecord(Cursor& cursor, u32 record) {
 
 bool mayPass(Cursor& cursor) {
     return std::all_of(cursor.shortcuts.begin(), cursor.shortcuts.end(), [&](const Shortcut& s) {
-        return !s.usable || mayHold(s, cellOf(cursor, s.condition.column));
+        return mayHold(s, cellOf(cursor, s.condition.column));
     });
 }
 
 /// Conditions on the record number make the range narrower. They are certain, so they are kept only
 /// where the constant is a whole number.
 void narrow(Cursor& cursor, const Shortcut& s) {
-    if (!s.usable || s.type != SQLITE_INTEGER) return;
-    const i64 number = std::clamp<i64>(s.integer, -1, i64{1} << 33) - 1;  // from 0
+    if (!s.usable || s.constant.storage != Storage::Integer) return;
+    const i64 number = std::clamp<i64>(s.constant.integer, -1, i64{1} << 33) - 1;  // from 0
     i64 first = cursor.record;
     i64 end = cursor.end;
     switch (s.condition.op) {
@@ -82,13 +82,13 @@ void makeIndex(Cursor& cursor, int column) {
 void useIndex(Cursor& cursor) {
     const auto equal =
         std::find_if(cursor.shortcuts.begin(), cursor.shortcuts.end(), [](const Shortcut& s) {
-            return s.usable && s.condition.op == Operator::Equal &&
-                   (s.type != SQLITE_FLOAT || !std::isnan(s.real));
+            return s.condition.op == Operator::Equal &&
+                   (s.constant.storage != Storage::Real || !std::isnan(s.constant.real));
         });
     if (equal == cursor.shortcuts.end()) return;
     const int column = equal->condition.column;
     if (!cursor.index || cursor.index->column() != column) makeIndex(cursor, column);
-    cursor.found = cursor.index->find(*equal);
+    cursor.found = cursor.index->find(equal->value());
     cursor.indexed = true;
 }
 
@@ -119,7 +119,7 @@ void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> const
     bool oneRecord = false;
     for (const Condition& condition : readPlan(plan)) {
         const Column& column = columns[static_cast<std::size_t>(condition.column)];
-        Shortcut s = shortcutOf(condition, declaredType(column), constants[i++]);
+        Shortcut s = shortcutOf(condition, column, constants[i++]);
         if (condition.column == recordColumn) {
             narrow(cursor, s);
             oneRecord = oneRecord || condition.op == Operator::Equal;

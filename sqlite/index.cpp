@@ -8,17 +8,19 @@ namespace mira::sql {
 namespace {
 
 /// Numbers that are equal have one hash: that of the nearest double.
-u64 hashOf(int type, i64 integer, double real, std::string_view bytes) {
-    if (type == SQLITE_TEXT || type == SQLITE_BLOB) return std::hash<std::string_view>{}(bytes);
-    const double number = type == SQLITE_INTEGER ? static_cast<double>(integer) : real;
+u64 hashOf(const Stored& value) {
+    if (value.storage == Storage::Text || value.storage == Storage::Blob) {
+        return std::hash<std::string_view>{}(value.bytes);
+    }
+    const double number =
+        value.storage == Storage::Integer ? static_cast<double>(value.integer) : value.real;
     return std::bit_cast<u64>(number == 0 ? 0.0 : number);  // -0 is 0
 }
 
 }  // namespace
 
 void KeyIndex::add(const Stored& value, u32 record) {
-    if (value.type == SQLITE_NULL) return;
-    entries_.push_back({hashOf(value.type, value.integer, value.real, value.bytes), record});
+    if (value.storage != Storage::Null) entries_.push_back({hashOf(value), record});
 }
 
 void KeyIndex::finish() {
@@ -28,8 +30,8 @@ void KeyIndex::finish() {
     entries_.shrink_to_fit();
 }
 
-std::span<const KeyIndex::Entry> KeyIndex::find(const Shortcut& equal) const {
-    const Entry wanted{hashOf(equal.type, equal.integer, equal.real, equal.text), 0};
+std::span<const KeyIndex::Entry> KeyIndex::find(const Stored& equal) const {
+    const Entry wanted{hashOf(equal), 0};
     const auto range =
         std::equal_range(entries_.begin(), entries_.end(), wanted,
                          [](const Entry& a, const Entry& b) { return a.hash < b.hash; });

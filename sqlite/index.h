@@ -5,10 +5,12 @@
 #include <span>
 #include <vector>
 
-#include "result.h"
-#include "shortcut.h"
+#include "table/storage.h"
 
 namespace mira::sql {
+
+using tool::Storage;
+using tool::Stored;
 
 class KeyIndex {
 public:
@@ -25,7 +27,7 @@ public:
     /// To be called once, when all records are added.
     void finish();
     /// The records, in order, among which are all that are equal to the constant.
-    std::span<const Entry> find(const Shortcut& equal) const;
+    std::span<const Entry> find(const Stored& equal) const;
 
 private:
     int column_;

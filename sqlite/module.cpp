@@ -38,7 +38,8 @@ std::string declaration(const std::vector<Column>& columns) {
     std::string text = "CREATE TABLE x(";
     for (std::size_t i = 0; i < columns.size(); ++i) {
         if (i != 0) text += ", ";
-        text += quoted(columns[i].name, '"') + " " + declaredType(columns[i]);
+        text += tool::quotedName(columns[i].name) + " " +
+                tool::storageName(tool::declaredStorage(columns[i]));
         if (i + kHiddenColumns >= columns.size()) text += " HIDDEN";
     }
     return text + ")";
@@ -137,6 +138,23 @@ int next(sqlite3_vtab_cursor* cursor) {
 
 int eof(sqlite3_vtab_cursor* cursor) { return cursorOf(cursor).atEnd ? 1 : 0; }
 
+void putResult(sqlite3_context* context, const Stored& stored) {
+    const char* const bytes = stored.bytes.data();
+    const auto size = static_cast<sqlite3_uint64>(stored.bytes.size());
+    switch (stored.storage) {
+        case Storage::Integer:
+            return sqlite3_result_int64(context, stored.integer);
+        case Storage::Real:
+            return sqlite3_result_double(context, stored.real);
+        case Storage::Text:
+            return sqlite3_result_text64(context, bytes, size, SQLITE_TRANSIENT, SQLITE_UTF8);
+        case Storage::Blob:
+            return sqlite3_result_blob64(context, bytes, size, SQLITE_TRANSIENT);
+        case Storage::Null:
+            return sqlite3_result_null(context);
+    }
+}
+
 int column(sqlite3_vtab_cursor* cursor, sqlite3_context* context, int number) {
     return guarded(&cursor->pVtab->zErrMsg, [&] {
         if (sqlite3_vtab_nochange(context) != 0) return SQLITE_OK;
@@ -149,7 +167,7 @@ int column(sqlite3_vtab_cursor* cursor, sqlite3_context* context, int number) {
                         of.cells->record + 1, wanted.name.c_str(),
                         tool::faultSentence(value.fault, 1).c_str());
         }
-        putResult(context, storedAs(wanted, value));
+        putResult(context, tool::storedAs(wanted, value));
         return SQLITE_OK;
     });
 }

@@ -2,8 +2,8 @@
 // order in which their constants come.
 #include "plan.h"
 
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <sstream>
 
 namespace mira::sql {
@@ -45,7 +45,7 @@ bool operatorOf(int code, Operator* op) {
 
 /// LIKE and GLOB have no collation; IS NULL compares nothing.
 bool comparesTexts(const tool::Column& column, Operator op) {
-    return std::strcmp(declaredType(column), "TEXT") == 0 && op != Operator::IsNull &&
+    return tool::declaredStorage(column) == Storage::Text && op != Operator::IsNull &&
            op != Operator::Like && op != Operator::Glob;
 }
 

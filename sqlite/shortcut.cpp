@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "table/text.h"
 
@@ -42,43 +41,56 @@ std::string_view bytesOf(sqlite3_value* value) {
     return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_value_bytes(value))};
 }
 
-/// Whether a value of the column's class can stand in the order with one of the constant's: numbers
-/// with numbers, texts with texts. SQLite would convert the others first.
-bool sameClass(int type, const char* declaredType) {
-    const bool text = std::strcmp(declaredType, "TEXT") == 0;
-    const bool number =
-        std::strcmp(declaredType, "INTEGER") == 0 || std::strcmp(declaredType, "REAL") == 0;
-    return type == SQLITE_TEXT ? text : (type == SQLITE_INTEGER || type == SQLITE_FLOAT) && number;
+Stored constantOf(sqlite3_value* value) {
+    switch (sqlite3_value_type(value)) {
+        case SQLITE_INTEGER:
+            return {Storage::Integer, sqlite3_value_int64(value), 0, {}};
+        case SQLITE_FLOAT:
+            return {Storage::Real, 0, sqlite3_value_double(value), {}};
+        case SQLITE_TEXT:
+            return {Storage::Text, 0, 0, {}};
+        case SQLITE_BLOB:
+            return {Storage::Blob, 0, 0, {}};
+        default:
+            return {};
+    }
+}
+
+bool isNumber(Storage storage) { return storage == Storage::Integer || storage == Storage::Real; }
+
+/// Whether values of the two classes stand in one order: numbers with numbers, texts with texts.
+/// SQLite would convert all others first.
+bool sameClass(Storage a, Storage b) {
+    return (isNumber(a) && isNumber(b)) || (a == Storage::Text && b == Storage::Text);
 }
 
 /// A text that SQLite takes for a number when the other side of the comparison is a column of
 /// numbers; the order is then another one.
 bool looksNumeric(std::string_view text) { return tool::isNumber(tool::trimmed(text)); }
 
-/// Below zero, zero, above zero; false where doubles do not tell.
-bool compareNumbers(const Shortcut& s, const Stored& value, int* order) {
-    if (s.type == SQLITE_INTEGER && value.type == SQLITE_INTEGER) {
-        *order = value.integer < s.integer ? -1 : value.integer > s.integer ? 1 : 0;
-        return true;
-    }
-    const auto exact = [](i64 whole) { return whole > -kExact && whole < kExact; };
-    if (s.type == SQLITE_INTEGER && !exact(s.integer)) return false;
-    if (value.type == SQLITE_INTEGER && !exact(value.integer)) return false;
-    const double left =
-        value.type == SQLITE_INTEGER ? static_cast<double>(value.integer) : value.real;
-    const double right = s.type == SQLITE_INTEGER ? static_cast<double>(s.integer) : s.real;
-    if (std::isnan(left) || std::isnan(right)) return false;
-    *order = left < right ? -1 : left > right ? 1 : 0;
-    return true;
+double asDouble(const Stored& value) {
+    return value.storage == Storage::Integer ? static_cast<double>(value.integer) : value.real;
 }
 
-bool compare(const Shortcut& s, const Stored& value, int* order) {
-    if (s.type != SQLITE_TEXT) {
-        return (value.type == SQLITE_INTEGER || value.type == SQLITE_FLOAT) &&
-               compareNumbers(s, value, order);
+/// Whether a double says all of it.
+bool isExact(const Stored& value) {
+    return value.storage == Storage::Integer ? value.integer > -kExact && value.integer < kExact
+                                             : !std::isnan(value.real);
+}
+
+/// Below zero, zero, above zero; false where it cannot be told.
+bool compare(const Stored& value, const Stored& constant, int* order) {
+    if (!sameClass(value.storage, constant.storage)) return false;
+    if (value.storage == Storage::Text) {
+        *order = value.bytes.compare(constant.bytes);
+    } else if (value.storage == Storage::Integer && constant.storage == Storage::Integer) {
+        *order = value.integer < constant.integer ? -1 : value.integer > constant.integer ? 1 : 0;
+    } else {
+        if (!isExact(value) || !isExact(constant)) return false;
+        const double left = asDouble(value);
+        const double right = asDouble(constant);
+        *order = left < right ? -1 : left > right ? 1 : 0;
     }
-    if (value.type != SQLITE_TEXT) return false;
-    *order = value.bytes.compare(s.text);
     return true;
 }
 
@@ -104,7 +116,7 @@ bool containsFolded(std::string_view text, std::string_view part) {
 
 bool mayMatch(const Shortcut& s, const Stored& value) {
     // Letters above 7F may fold to anything.
-    if (value.type != SQLITE_TEXT || !isAscii(value.bytes)) return true;
+    if (value.storage != Storage::Text || !isAscii(value.bytes)) return true;
     std::string_view text = value.bytes;
     if (s.atStart) text = text.substr(0, s.text.size());
     return s.condition.op == Operator::Like ? containsFolded(text, s.text)
@@ -113,38 +125,37 @@ bool mayMatch(const Shortcut& s, const Stored& value) {
 
 }  // namespace
 
-Shortcut shortcutOf(Condition condition, const char* declaredType, sqlite3_value* constant) {
+Shortcut shortcutOf(Condition condition, const tool::Column& column, sqlite3_value* constant) {
     Shortcut s;
     s.condition = condition;
     if (condition.op == Operator::IsNull) {
         s.usable = true;
         return s;
     }
-    s.type = sqlite3_value_type(constant);
-    if (!sameClass(s.type, declaredType)) return s;
-    if (s.type == SQLITE_INTEGER) s.integer = sqlite3_value_int64(constant);
-    if (s.type == SQLITE_FLOAT) s.real = sqlite3_value_double(constant);
+    s.constant = constantOf(constant);
+    if (!sameClass(s.constant.storage, tool::declaredStorage(column))) return s;
+    const bool text = s.constant.storage == Storage::Text;
     if (condition.op == Operator::Like || condition.op == Operator::Glob) {
-        if (s.type == SQLITE_TEXT && isAscii(bytesOf(constant))) takePattern(s, bytesOf(constant));
+        if (text && isAscii(bytesOf(constant))) takePattern(s, bytesOf(constant));
         return s;
     }
-    if (s.type == SQLITE_TEXT) s.text = bytesOf(constant);
+    if (text) s.text = bytesOf(constant);
     s.usable = true;
     return s;
 }
 
 bool mayHold(const Shortcut& s, const Stored& value) {
-    if (!s.usable) return true;
-    const bool isNull = value.type == SQLITE_NULL;
+    const bool isNull = value.storage == Storage::Null;
     if (s.condition.op == Operator::IsNull) return isNull;
     if (isNull) return false;  // a comparison with null is never true
     if (s.condition.op == Operator::Like || s.condition.op == Operator::Glob) {
         return mayMatch(s, value);
     }
     int order = 0;
-    if (!compare(s, value, &order)) return true;
+    if (!compare(value, s.value(), &order)) return true;
     if (s.condition.op == Operator::Equal) return order == 0;
-    return inOrder(s.condition.op, order) || (s.type == SQLITE_TEXT && looksNumeric(value.bytes));
+    return inOrder(s.condition.op, order) ||
+           (value.storage == Storage::Text && looksNumeric(value.bytes));
 }
 
 }  // namespace mira::sql

@@ -7,9 +7,12 @@
 #include <vector>
 
 #include "api.h"
-#include "result.h"
+#include "table/storage.h"
 
 namespace mira::sql {
+
+using tool::Storage;
+using tool::Stored;
 
 enum class Operator : char {
     Equal = '=',
@@ -31,17 +34,17 @@ struct Condition {
 /// A condition with the constant of this scan.
 struct Shortcut {
     Condition condition;
-    bool usable =
-        false;  ///< false: the constant is of another class, or a pattern that says nothing
-    int type = SQLITE_NULL;
-    i64 integer = 0;
-    double real = 0;
-    std::string text;      ///< the constant, or the part of a pattern that every match holds
+    bool usable = false;   ///< false: the constant is of another class, or a pattern says nothing
+    Stored constant{};     ///< of a text the class alone
+    std::string text{};    ///< a text, or the part of a pattern that every match holds
     bool atStart = false;  ///< a pattern: the part stands at the beginning
+
+    /// The constant with its text.
+    Stored value() const { return {constant.storage, constant.integer, constant.real, text}; }
 };
 
-/// The constant of a condition; null for IsNull.
-Shortcut shortcutOf(Condition condition, const char* declaredType, sqlite3_value* constant);
+/// column is that of the condition; the constant of IsNull does not count.
+Shortcut shortcutOf(Condition condition, const tool::Column& column, sqlite3_value* constant);
 
 /// False when the value is certain to fail the condition.
 bool mayHold(const Shortcut& shortcut, const Stored& value);

@@ -101,8 +101,9 @@ struct Table : TableFacts {
 /// Opens a table. Throws a Refusal that names the path: no such file, no table, unknown code page,
 /// unknown name in asText, no container for longNames.
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options);
-/// The same table for reading, through a handle of its own, for the same thread; without looking for
-/// code page and names again. Throws a Refusal when it cannot be opened or its fields have changed.
+/// The same table for reading, through a handle of its own, for the same thread; without looking
+/// for code page and names again. Throws a Refusal when it cannot be opened or its fields have
+/// changed.
 std::unique_ptr<Table> openAgain(const Table& table);
 
 /// The column of a name in any letter case, or of a number (fields from 1) where no name fits.
