@@ -190,8 +190,8 @@ int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64
         VirtualTable& of = tableOf(table);
         if (!of.changes) {
             throw tool::Refusal(of.table->path +
-                                ": is open for reading only; USING mira(PATH, writable=1) and "
-                                "mira_attach(FOLDER, 1) open tables for writing");
+                                ": is open for reading only; USING mira(PATH, writable=1), "
+                                "mira_attach(FOLDER, 1) and `mira query --write` open for writing");
         }
         refuseTransaction(of);
         of.changes->take({values, static_cast<std::size_t>(count)}, rowid);

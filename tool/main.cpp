@@ -54,6 +54,7 @@ int runProgram(int argc, char** argv) {
     addTables(program, job);
     addShow(program, job);
     addExport(program, job);
+    addQuery(program, job);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {
         program.parse(argc, argv);

@@ -24,5 +24,6 @@ void addInfo(CLI::App& program, Job& job);
 void addTables(CLI::App& program, Job& job);
 void addShow(CLI::App& program, Job& job);
 void addExport(CLI::App& program, Job& job);
+void addQuery(CLI::App& program, Job& job);
 
 }  // namespace mira::tool
