@@ -6,47 +6,11 @@
 #include <cstdlib>
 #include <random>
 
-#include "sqlite/mira_sqlite.h"
-#include "support/tables.h"
+#include "support.h"
 
 namespace {
 
 using namespace test;
-
-struct ConnectionCloser {
-    void operator()(sqlite3* connection) const { sqlite3_close(connection); }
-};
-using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
-
-Connection connect(const std::string& path) {
-    sqlite3* connection = nullptr;
-    sqlite3_open(path.c_str(), &connection);
-    return Connection(connection);
-}
-
-/// The rows of an answer, storage classes included, in the order given or sorted; or the error.
-std::vector<std::string> answer(sqlite3* connection, const std::string& query, bool ordered) {
-    std::vector<std::string> rows;
-    sqlite3_stmt* statement = nullptr;
-    int result = sqlite3_prepare_v2(connection, query.c_str(), -1, &statement, nullptr);
-    while (result == SQLITE_OK || result == SQLITE_ROW) {
-        result = sqlite3_step(statement);
-        if (result != SQLITE_ROW) break;
-        std::string row;
-        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-            const int type = sqlite3_column_type(statement, i);
-            const auto* const bytes = static_cast<const char*>(sqlite3_column_blob(statement, i));
-            const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, i));
-            row +=
-                std::to_string(type) + ":" + std::string(bytes != nullptr ? bytes : "", size) + "|";
-        }
-        rows.push_back(row);
-    }
-    if (result != SQLITE_DONE) rows = {sqlite3_errmsg(connection)};
-    sqlite3_finalize(statement);
-    if (!ordered) std::sort(rows.begin(), rows.end());
-    return rows;
-}
 
 class Dice {
 public:
@@ -180,6 +144,13 @@ private:
     bool ordered_ = false;
 };
 
+std::vector<std::string> rowsOf(const Connection& connection, const std::string& query,
+                                bool ordered) {
+    std::vector<std::string> rows = answer(connection, query, true);
+    if (!ordered) std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
 TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     Folder folder;
     Dice dice(20240131);
@@ -192,21 +163,14 @@ TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     ASSERT_LT(WEXITSTATUS(std::system(fill.c_str())), 2);
 
     const Connection plain = connect(database);
-    const Connection tables = connect(":memory:");
-    ASSERT_EQ(mira::sql::registerMira(tables.get()), SQLITE_OK);
-    for (const char* name : {"big", "small"}) {
-        const std::string path = folder.file(name) + ".dbf";
-        ASSERT_EQ(
-            answer(tables.get(),
-                   "CREATE VIRTUAL TABLE temp." + std::string(name) + " USING mira('" + path + "')",
-                   false),
-            std::vector<std::string>());
+    const Connection tables = connect();
+    for (const std::string name : {"big", "small"}) {
+        ASSERT_EQ(attach(tables, name, folder.file(name + ".dbf")), std::vector<std::string>());
     }
     for (int i = 0; i < 10000; ++i) {
         Query query(dice);
         const std::string text = query.text();
-        ASSERT_EQ(answer(tables.get(), text, query.ordered()),
-                  answer(plain.get(), text, query.ordered()))
+        ASSERT_EQ(rowsOf(tables, text, query.ordered()), rowsOf(plain, text, query.ordered()))
             << text;
     }
 }

@@ -1,5 +1,7 @@
 #include "table/storage.h"
 
+#include <cmath>
+
 namespace mira::tool {
 namespace {
 
@@ -13,9 +15,13 @@ Stored ofBytes(Storage storage, std::string_view bytes) {
 }
 
 Stored ofDigits(const Column& column, std::string_view digits) {
+    constexpr double kLimit = 9223372036854775808.0;  // 2^63
     i64 whole = 0;
-    const bool integer = column.kind == Kind::Decimal && column.decimals == 0;
-    return integer && toInteger(digits, &whole) ? ofInteger(whole) : ofReal(toReal(digits));
+    if (column.kind != Kind::Decimal || column.decimals != 0) return ofReal(toReal(digits));
+    if (toInteger(digits, &whole)) return ofInteger(whole);
+    const double value = toReal(digits);  // 1e3 is whole, too
+    const bool integer = std::trunc(value) == value && value >= -kLimit && value < kLimit;
+    return integer ? ofInteger(static_cast<i64>(value)) : ofReal(value);
 }
 
 Stored ofCurrency(const Value& value) {
