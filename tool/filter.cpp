@@ -1,6 +1,6 @@
 // How the library reads a filter, and what can go wrong unseen: every "&" and "|" connects, also in
-// quotes; parentheses are counted in quotes, too; the operator is the first of > < = ~ ^ + - / * ( )
-// outside quotes, so what stands left of it must be a bare name; a condition longer than 511
+// quotes; parentheses are counted in quotes, too; the operator is the first of > < = ~ ^ + - / * (
+// ) outside quotes, so what stands left of it must be a bare name; a condition longer than 511
 // characters with its values is false.
 #include "filter.h"
 
@@ -58,9 +58,10 @@ void checkQuotesAndParentheses(std::string_view filter) {
     }
     if (scanner.quote != 0) refuse("a quote is not closed");
     if (depth != 0) {
-        refuse(quotedParenthesis
-                   ? "its parentheses do not match, and those in quotes count, too; try `mira query`"
-                   : "its parentheses do not match");
+        refuse(
+            quotedParenthesis
+                ? "its parentheses do not match, and those in quotes count, too; try `mira query`"
+                : "its parentheses do not match");
     }
 }
 
@@ -95,7 +96,8 @@ Piece cutPiece(std::string_view piece) {
 std::size_t operatorPlace(std::string_view condition) {
     QuoteScanner scanner;
     for (std::size_t i = 0; i < condition.size(); ++i) {
-        if (scanner.outside(condition[i]) && kOperators.find(condition[i]) != std::string_view::npos) {
+        if (scanner.outside(condition[i]) &&
+            kOperators.find(condition[i]) != std::string_view::npos) {
             return i;
         }
     }
@@ -112,7 +114,8 @@ const Column& leftColumn(const Table& table, std::string_view condition, std::si
     }
     if (left.empty()) refuse(quoted(trimmed(condition)) + ": nothing stands left of the operator");
     if (left.find_first_of("\"'") != std::string_view::npos) {
-        refuse(quoted(trimmed(condition)) + ": left of the operator stands a bare field name, no text");
+        refuse(quoted(trimmed(condition)) +
+               ": left of the operator stands a bare field name, no text");
     }
     const Column& column = columnNamed(table, left);
     if (column.kind == Kind::Calculated) {
@@ -123,8 +126,7 @@ const Column& leftColumn(const Table& table, std::string_view condition, std::si
 
 /// Bytes of a right side that is a literal, as they are compared; npos when it holds a field or a
 /// call.
-std::size_t literalLength(const std::string& original, const std::string& translated,
-                          const Table& table) {
+std::size_t literalLength(const Table& table, const std::string& translated) {
     QuoteScanner scanner;
     std::size_t length = 0;
     std::string plain;
@@ -139,7 +141,6 @@ std::size_t literalLength(const std::string& original, const std::string& transl
             if (wasQuoted && scanner.quote != 0) ++length;
         }
     }
-    static_cast<void>(original);
     std::replace_if(
         plain.begin(), plain.end(),
         [](char c) { return kOperators.find(c) != std::string_view::npos; }, ' ');
@@ -178,9 +179,13 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
     const bool exact = condition.substr(place, 2) == "==";
     const std::string right(condition.substr(place + (exact ? 2 : 1)));
     noteBlanks(column, condition.substr(0, place), right);
+    if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
+        note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
+             column.name);
+    }
 
     std::string translated = forLibrary(table, right);
-    const std::size_t literal = literalLength(right, translated, table);
+    const std::size_t literal = literalLength(table, translated);
     if (exact && column.kind == Kind::Text && literal != std::string::npos &&
         literal < column.length) {
         translated.append(column.length - literal, ' ');

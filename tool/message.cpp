@@ -25,8 +25,8 @@ void putByte(std::string& out, unsigned char byte) {
 
 /// Length of the printable ASCII at the start of a text.
 std::size_t printableRun(std::string_view text) {
-    const auto end = std::find_if_not(text.begin(), text.end(),
-                                      [](char c) { return c >= 0x20 && c < 0x7F; });
+    const auto end =
+        std::find_if_not(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
     return static_cast<std::size_t>(end - text.begin());
 }
 
@@ -98,8 +98,8 @@ int widthOf(std::string_view utf8) {
     int width = 0;
     while (!utf8.empty()) {
         const Utf8Step step = stepUtf8(utf8);
-        width += step.letter < 0x80 ? 1
-                                    : utf8proc_charwidth(static_cast<utf8proc_int32_t>(step.letter));
+        width +=
+            step.letter < 0x80 ? 1 : utf8proc_charwidth(static_cast<utf8proc_int32_t>(step.letter));
         utf8.remove_prefix(step.length);
     }
     return width;

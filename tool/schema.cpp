@@ -324,8 +324,8 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
     return fields;
 }
 
-void createTable(const std::string& path, const std::vector<FieldPlan>& fields, TableKind kind,
-                 const CodePage& page, u32 blockSize) {
+void makeTable(const std::string& path, const std::vector<FieldPlan>& fields, TableKind kind,
+               const CodePage& page, u32 blockSize) {
     const auto made = std::make_unique<DbfField[]>(fields.size());
     bool memos = false;
     for (std::size_t i = 0; i < fields.size(); ++i) {
@@ -351,7 +351,7 @@ void createTable(const std::string& path, const std::vector<FieldPlan>& fields, 
     patch(path, kFlagsPlace, bytes, sizeof bytes);
 }
 
-void createLike(const std::string& path, const Table& like, u8 mark, u32 blockSize) {
+void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize) {
     const DbfBase& from = *like.base;
     std::string image(from.Header.HeaderLength, '\0');
     const u32 end = from.HeaderSize + from.DescriptorSize * from.FieldCount;

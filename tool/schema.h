@@ -33,9 +33,9 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
 
 /// Writes an empty table, and its memo file when it needs one; nothing may be there yet. The mark
 /// says the page, where there is one for it. Throws a Refusal.
-void createTable(const std::string& path, const std::vector<FieldPlan>& fields, TableKind kind,
-                 const CodePage& page, u32 blockSize);
+void makeTable(const std::string& path, const std::vector<FieldPlan>& fields, TableKind kind,
+               const CodePage& page, u32 blockSize);
 /// Writes an empty table with structure, flags and mark of another one; mark 0 keeps that one's.
-void createLike(const std::string& path, const Table& like, u8 mark, u32 blockSize);
+void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize);
 
 }  // namespace mira::tool

@@ -110,7 +110,8 @@ int stopSort() { return stopped() ? 1 : 0; }
 void sortView(Table& table, const SelectOptions& options) {
     const std::vector<std::string> names = splitList(options.sort);
     if (names.size() > kSortFields) {
-        throw Refusal(table.path + ": at most " + std::to_string(kSortFields) + " fields to sort by");
+        throw Refusal(table.path + ": at most " + std::to_string(kSortFields) +
+                      " fields to sort by");
     }
     std::string list;
     for (const std::string& name : names) {
@@ -158,7 +159,8 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
         ->type_name("NAME=EXPRESSION")
         ->allow_extra_args(false);
     command
-        .add_option("--deleted", options.deleted, "Deleted records: skip (default), include or only")
+        .add_option("--deleted", options.deleted,
+                    "Deleted records: skip (default), include or only")
         ->type_name("WHICH")
         ->transform(CLI::CheckedTransformer(kDeletedNames).description(""));
     command.add_flag("--record", options.recordColumn, "A first column _record with the number");

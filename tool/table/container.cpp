@@ -1,6 +1,6 @@
 // A container is a table itself: a record per object, with OBJECTID, PARENTID (I), OBJECTTYPE and
-// OBJECTNAME (C). The fields of a table are the "Field" objects whose parent is the "Table" object of
-// its name; their OBJECTIDs are in field order.
+// OBJECTNAME (C). The fields of a table are the "Field" objects whose parent is the "Table" object
+// of its name; their OBJECTIDs are in field order.
 #include "table/container.h"
 
 #include <algorithm>
@@ -41,8 +41,8 @@ void eachObject(Table& container, Take take) {
     for (u32 record = 0; record < reccount(base); ++record) {
         if (ReadRecord(base, record) == 0) break;
         if (base->RecordBuffer[0] == '*') continue;
-        take(Object{number("OBJECTID"), number("PARENTID"), text("OBJECTTYPE"),
-                    text("OBJECTNAME")});
+        take(
+            Object{number("OBJECTID"), number("PARENTID"), text("OBJECTTYPE"), text("OBJECTNAME")});
     }
 }
 

@@ -13,9 +13,9 @@ namespace {
 constexpr std::string_view kSigns = "&|()'\"<>=~^+-*/";
 constexpr std::size_t kExpansionSize = 32768;  // what makecalcstring may write
 constexpr std::array<std::string_view, 30> kFunctions = {
-    "trim", "ltrim", "rtrim", "substr", "left", "right", "upper", "lower", "cap", "dtos",
-    "space", "replicate", "abs", "sqr", "sqrt", "exp", "log", "log10", "pow10", "round",
-    "trunc", "sin", "cos", "tan", "asin", "acos", "atan", "sinh", "cosh", "tanh"};
+    "trim",  "ltrim",     "rtrim", "substr", "left", "right", "upper", "lower", "cap",   "dtos",
+    "space", "replicate", "abs",   "sqr",    "sqrt", "exp",   "log",   "log10", "pow10", "round",
+    "trunc", "sin",       "cos",   "tan",    "asin", "acos",  "atan",  "sinh",  "cosh",  "tanh"};
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isWordByte(char c) {
@@ -30,7 +30,8 @@ void eachWord(std::string_view text, Word word, Other other) {
     for (std::size_t i = 0; i < text.size();) {
         const char c = text[i];
         if (quote == 0 && isWordByte(c)) {
-            const auto end = std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(i), text.end(), isWordByte);
+            const auto end = std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(i),
+                                              text.end(), isWordByte);
             const auto stop = static_cast<std::size_t>(end - text.begin());
             word(text.substr(i, stop - i), text.substr(stop));
             i = stop;
@@ -57,8 +58,8 @@ const Column* columnOfWord(const Table& table, std::string_view word) {
     return column != nullptr && sameText(column->name, word) ? column : nullptr;
 }
 
-/// Appends UTF-8 in the table's page. A sign of the language inside a character of several bytes would
-/// be taken for the sign.
+/// Appends UTF-8 in the table's page. A sign of the language inside a character of several bytes
+/// would be taken for the sign.
 void putInPage(const Table& table, std::string_view utf8, std::string& out) {
     const std::size_t start = out.size();
     std::string bad;

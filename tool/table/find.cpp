@@ -105,6 +105,15 @@ std::string beside(const std::string& path, std::string_view extension) {
     return inAnyCase(fs::path(path).replace_extension(extension).string());
 }
 
+std::vector<std::string> indexFilesBeside(const std::string& path) {
+    std::vector<std::string> found;
+    for (const char* extension : {".cdx", ".idx", ".mdx", ".ndx", ".ntx", ".cdb"}) {
+        std::string file = beside(path, extension);
+        if (!file.empty()) found.push_back(std::move(file));
+    }
+    return found;
+}
+
 std::string stemOf(const std::string& path) { return fs::path(path).stem().string(); }
 
 std::string inAnyCase(const std::string& path) {

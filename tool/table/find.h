@@ -23,6 +23,9 @@ std::vector<std::string> findTables(const std::vector<std::string>& names, bool 
 /// empty when there is none.
 std::string beside(const std::string& path, std::string_view extension);
 
+/// Index files beside a table (.cdx .idx .mdx .ndx .ntx .cdb, in any letter case).
+std::vector<std::string> indexFilesBeside(const std::string& path);
+
 /// The file name of a path without folder and extension.
 std::string stemOf(const std::string& path);
 

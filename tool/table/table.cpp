@@ -137,9 +137,7 @@ Column columnOf(const Table& table, int field) {
     return column;
 }
 
-bool isHidden(const Column& column) {
-    return column.type == '0' || (column.flags & kSystem) != 0;
-}
+bool isHidden(const Column& column) { return column.type == '0' || (column.flags & kSystem) != 0; }
 
 /// Hands out the bits of the null flags in field order: a length bit to V and Q, then a null bit to
 /// what may be null. Bits past the end of the flags are none.
@@ -182,8 +180,8 @@ void takeLongNames(Table& table) {
 }
 
 bool isWordByte(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-           c == '_' || static_cast<u8>(c) >= 0x80;
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
+           static_cast<u8>(c) >= 0x80;
 }
 
 /// Fields whose name an expression cannot hold, or which has changed, get one that it can.
@@ -197,7 +195,8 @@ void nameForLibrary(Table& table) {
                            std::all_of(name, name + length, isWordByte);
         if (plain) continue;
         std::string other = "_F" + std::to_string(column.field + 1);
-        while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount) other = "_" + other;
+        while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount)
+            other = "_" + other;
         std::memset(name, 0, sizeof(DbfField::Name));
         std::memcpy(name, other.data(), other.size());
     }
@@ -272,9 +271,9 @@ const Column& columnNamed(const Table& table, std::string_view name) {
     std::vector<std::string> names;
     for (const Column& column : table.columns) names.push_back(column.name);
     const std::string nearest = nearestName(name, names);
-    throw Refusal(table.path + ": no field \"" + std::string(name) + "\"" +
-                  (nearest.empty() ? "; `mira info` lists them"
-                                   : "; did you mean " + nearest + "?"));
+    throw Refusal(
+        table.path + ": no field \"" + std::string(name) + "\"" +
+        (nearest.empty() ? "; `mira info` lists them" : "; did you mean " + nearest + "?"));
 }
 
 std::string_view libraryName(const Table& table, const Column& column) {
@@ -321,7 +320,8 @@ std::vector<std::string> repairsOf(const Table& table) {
         repairs.push_back("version " + hex(table.storedVersion) + " is unknown; read as " +
                           hex(base.Header.Version));
     }
-    if ((base.Status & kTypesUnknown) != 0 && base.FieldCount == 0) repairs.push_back("there are no fields");
+    if ((base.Status & kTypesUnknown) != 0 && base.FieldCount == 0)
+        repairs.push_back("there are no fields");
     if ((base.Status & kCountRepaired) != 0) {
         repairs.push_back("the header counts " + std::to_string(table.storedCount) +
                           " records, the file holds " + std::to_string(base.Header.RecordCount));

@@ -81,11 +81,11 @@ struct Table {
     std::string path;
     TableOptions options;
     PageChoice page;
-    bool visual = false;    // Visual FoxPro: descriptor flags and null flags count
-    u8 storedVersion = 0;   // version byte as it stands in the file
-    u8 tableFlags = 0;      // header byte 28
-    u32 storedCount = 0;    // records by the header, before repairs
-    u32 storedLength = 0;   // record length by the header, likewise
+    bool visual = false;   // Visual FoxPro: descriptor flags and null flags count
+    u8 storedVersion = 0;  // version byte as it stands in the file
+    u8 tableFlags = 0;     // header byte 28
+    u32 storedCount = 0;   // records by the header, before repairs
+    u32 storedLength = 0;  // record length by the header, likewise
     u64 fileSize = 0;
     std::vector<Column> columns;  // those that are shown, in field order, calculated ones last
     std::vector<Column> system;   // the others: system fields and those of type 0

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 #include "table/bytes.h"
 #include "table/text.h"
@@ -84,7 +85,8 @@ std::string_view untilNul(std::string_view text) {
 
 /// Bytes that are in no code page: UTF-8 without a zero byte is text, all else stays bytes.
 void giveUntranslated(Value& value, std::string_view bytes, std::string_view text) {
-    if (bytes.find('\0') != std::string_view::npos || !isUtf8(bytes)) return giveBytes(value, bytes);
+    if (bytes.find('\0') != std::string_view::npos || !isUtf8(bytes))
+        return giveBytes(value, bytes);
     value.kind = ValueKind::Text;
     value.text = text;
 }
@@ -381,6 +383,12 @@ std::string_view storedBytes(const Table& table, const Column& column) {
     return {reinterpret_cast<const char*>(table.base->RecordBuffer) + column.offset, column.length};
 }
 
+bool lastsForRecord(const Table& table, std::string_view text) {
+    const auto* const record = reinterpret_cast<const char*>(table.base->RecordBuffer);
+    const std::less<> before;
+    return !before(text.data(), record) && before(text.data(), record + kRecordSize);
+}
+
 bool isNull(const Table& table, const Column& column) {
     return column.nullBit != kNoBit && bitOf(table, column.nullBit);
 }
@@ -463,7 +471,8 @@ bool toInteger(std::string_view digits, i64* value) {
     auto [next, error] = std::from_chars(digits.data(), end, *value);
     if (error != std::errc()) return false;
     // Zeros behind a point are no decimals.
-    if (next != end && *next == '.') next = std::find_if(next + 1, end, [](char c) { return c != '0'; });
+    if (next != end && *next == '.')
+        next = std::find_if(next + 1, end, [](char c) { return c != '0'; });
     return next == end;
 }
 

@@ -76,6 +76,9 @@ struct CellReader {
 
 void readCell(CellReader& reader, const Column& column, Value& value);
 
+/// Whether a text lies in the record buffer, and so lasts until the next record is read.
+bool lastsForRecord(const Table& table, std::string_view text);
+
 /// Whether the null flags of the current record say that the column is null.
 bool isNull(const Table& table, const Column& column);
 /// The stored bytes of the column in the current record.
