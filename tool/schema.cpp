@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 
@@ -14,7 +15,7 @@
 namespace mira::tool {
 namespace {
 
-constexpr u32 kVersionPlace = 0, kFlagsPlace = 28, kMarkPlace = 29;
+constexpr u32 kVersionPlace = 0, kLengthPlace = 8, kFlagsPlace = 28, kMarkPlace = 29;
 constexpr u8 kVisualVersion = 0x30, kLevel7Version = 0x04;
 constexpr u8 kMemoFlag = 2;     // header byte 28; 1 is an index file, 4 a database container
 constexpr u32 kWorkPlace = 12;  // header bytes 12 to 15: a transaction under way, encryption
@@ -274,6 +275,19 @@ void patch(const std::string& path, u32 place, const void* bytes, u32 count) {
     }
 }
 
+/// A level-7 table of one field and no record is shorter than what tells its level: its header is
+/// made longer.
+void lengthenHeader(const std::string& path) {
+    constexpr u32 kTold = 128;
+    std::error_code ignored;
+    if (std::filesystem::file_size(path, ignored) >= kTold) return;
+    const u8 length[] = {kTold, 0};
+    const std::string zeros(kTold, '\0');
+    const auto size = static_cast<u32>(std::filesystem::file_size(path, ignored));
+    patch(path, size, zeros.data(), kTold - size);
+    patch(path, kLengthPlace, length, sizeof length);
+}
+
 bool isMemoType(char type, TableKind kind) {
     return type == 'M' || type == 'G' || (type == 'B' && kind != TableKind::Visual);
 }
@@ -342,6 +356,7 @@ void makeTable(const std::string& path, const std::vector<FieldPlan>& fields, Ta
                        static_cast<u32>(kind), blockSize, 1) == 0) {
         throw Refusal(path + ": cannot be written, or the fields are more than a table holds");
     }
+    if (kind == TableKind::Level7) lengthenHeader(path);
     // The library marks tables without memos as plain ones, and Visual FoxPro's as having an index.
     if (!memos && kind == TableKind::Visual) patch(path, kVersionPlace, &kVisualVersion, 1);
     if (!memos && kind == TableKind::Level7) patch(path, kVersionPlace, &kLevel7Version, 1);
@@ -377,6 +392,7 @@ void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize
         std::fclose(file.release()) != 0) {
         throw Refusal(path + ": cannot be written");
     }
+    if (from.Level7 != 0) lengthenHeader(path);
     if (from.FirstMemoField == -1) return;
     const u32 unit = blockSize != 0 ? blockSize : GetBlockSize(like.base.get());
     if (CreateMemoFile(path.c_str(), GetMemoType(like.base.get()), unit) == 0) {

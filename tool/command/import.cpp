@@ -115,12 +115,13 @@ struct Importer {
     CsvReader& csv;
     Mapping mapping;
     u64 rows = 0, faults = 0;
+    bool silent = false;  ///< what does not fit has been told
     std::vector<Encoded> values{};
 };
 
 void tellCell(Importer& importer, u64 line, const std::string& what) {
     ++importer.faults;
-    error("{}: line {}, {}", importer.csv.name(), line, what);
+    if (!importer.silent) error("{}: line {}, {}", importer.csv.name(), line, what);
 }
 
 /// Encodes a row; what does not fit is told and becomes blank.
@@ -226,14 +227,11 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
     if (!options.change.dryRun && importer.rows != 0) {
         const u32 before = table->base->Header.RecordCount;
         beginChange(*table, options.change);
-        const bool quiet = isQuiet();
+        importer.silent = true;
         try {
-            setQuiet(true);
             takeRows(importer, Pass::Write, false);
             finishAppend(*table);
-            setQuiet(quiet);
         } catch (...) {
-            setQuiet(quiet);
             if (!takeBack(*table, before)) {
                 error("{}: the records that were appended cannot be cut off again", table->path);
             }
@@ -342,8 +340,8 @@ void checkFree(const fs::path& path, bool replace) {
 }
 
 /// Moves the memo file, if there is one, and then the table to their places.
-void moveFiles(const Table& table, const Target& target, const Options& options) {
-    const fs::path made = table.path;
+void moveFiles(const Table& table, const fs::path& made, const Target& target,
+               const Options& options) {
     const fs::path memos = table.base->FirstMemoField != -1 ? table.base->MemoFileName : "";
     const fs::path memoTarget = fs::path(target.path).replace_extension(memos.extension());
     if (!memos.empty()) checkFree(memoTarget, options.replace);
@@ -366,11 +364,12 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     tableOptions.codePage = plan.codePage;
     tableOptions.writable = true;
     const auto table = openTable(path.string(), tableOptions);
+    table->path = target.path;  // for messages: there it will be
     Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
     takeRows(importer, Pass::WriteNew, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
-    if (!options.change.dryRun) moveFiles(*table, target, options);
+    if (!options.change.dryRun) moveFiles(*table, path, target, options);
     return tellImported(importer, target.path, "written", options.change.dryRun);
 }
 
