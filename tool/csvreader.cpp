@@ -43,6 +43,14 @@ File openInput(const std::string& name) {
     return seekable(std::move(file), name == "-" ? "standard input" : name);
 }
 
+/// The first CR or LF from a place on.
+std::size_t lineEnd(std::string_view text, std::size_t from) {
+    const std::size_t feed = text.find('\n', from);
+    const std::size_t length = feed == std::string_view::npos ? feed : feed - from;
+    const std::size_t back = text.substr(from, length).find('\r');
+    return back == std::string_view::npos ? feed : from + back;
+}
+
 char unescaped(char c) {
     switch (c) {
         case 't':
@@ -150,7 +158,7 @@ bool CsvReader::takeLine() {
         const std::size_t left = end_ - begin_;
         // A CR at the very end may be half of a line end.
         const std::string_view text(from, left);
-        const std::size_t at = text.find_first_of("\r\n", searched);
+        const std::size_t at = lineEnd(text, searched);
         const bool cut = at != std::string_view::npos && text[at] == '\r' && at + 1 == left;
         if (at != std::string_view::npos && !(cut && !fileEnded_)) {
             const bool pair = text[at] == '\r' && at + 1 < left && text[at + 1] == '\n';

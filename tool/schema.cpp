@@ -204,12 +204,18 @@ bool isDate(std::string_view text) {
     return mymktime(&time) == 0;
 }
 
+bool isLogical(std::string_view text) {
+    if (text.size() != 4 && text.size() != 5) return false;
+    const std::string word = upperAscii(text);
+    return word == "TRUE" || word == "FALSE";
+}
+
 void addValue(std::string_view text, const CodePage& page, std::string* scratch, Common* common) {
     if (text.empty()) return;
     common->any = true;
     common->number = common->number && addNumber(text, common);
     common->date = common->date && isDate(text);
-    common->logical = common->logical && (sameText(text, "true") || sameText(text, "false"));
+    common->logical = common->logical && isLogical(text);
     common->base64 = common->base64 && text.starts_with("base64:");
     scratch->clear();
     // What the page lacks is told later; until then its UTF-8 gives the width.
