@@ -4,6 +4,7 @@
 // What is appended is checked first, all of it, and cut off again when writing fails.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -82,30 +83,39 @@ struct Mapping {
     std::size_t width = 0;           ///< cells of a row
 };
 
+void addName(std::string* list, const std::string& name) {
+    (*list += list->empty() ? "" : ", ") += name;
+}
+
+std::size_t columnOf(const Table& table, const std::string& heading) {
+    const auto found = std::find_if(table.columns.begin(), table.columns.end(),
+                                    [&](const Column& c) { return sameText(c.name, heading); });
+    return static_cast<std::size_t>(found - table.columns.begin());
+}
+
 /// Matches headings and fields, and names those that have no counterpart.
 Mapping mapColumns(const Table& table, const std::vector<std::string>& headings,
                    const std::string& csv) {
-    Mapping mapping{std::vector<std::size_t>(table.columns.size(), kNoCell), kNoCell,
-                    headings.size()};
+    const std::size_t count = table.columns.size();
+    Mapping mapping{std::vector<std::size_t>(count, kNoCell), kNoCell, headings.size()};
+    std::string strangers;
+    std::string missing;
     for (std::size_t i = 0; i < headings.size(); ++i) {
-        std::size_t column = 0;
-        while (column < table.columns.size() &&
-               !sameText(table.columns[column].name, headings[i])) {
-            ++column;
-        }
-        if (column < table.columns.size() && mapping.cells[column] == kNoCell) {
+        const std::size_t column = columnOf(table, headings[i]);
+        if (column < count && mapping.cells[column] == kNoCell) {
             mapping.cells[column] = i;
         } else if (headings[i] == "_deleted") {
             mapping.deletion = i;
         } else if (headings[i] != "_record") {
-            note("{}: heading \"{}\" has no field in {}", csv, headings[i], table.path);
+            addName(&strangers, '"' + headings[i] + '"');
         }
     }
-    for (std::size_t i = 0; i < table.columns.size(); ++i) {
-        const bool missing = mapping.cells[i] == kNoCell && !isCounting(table.columns[i]);
-        if (missing)
-            note("{}: field {} has no heading, it stays blank", csv, table.columns[i].name);
+    for (std::size_t i = 0; i < count; ++i) {
+        const bool left = mapping.cells[i] == kNoCell && !isCounting(table.columns[i]);
+        if (left) addName(&missing, table.columns[i].name);
     }
+    if (!strangers.empty()) note("{}: left out, no such field: {}", csv, strangers);
+    if (!missing.empty()) note("{}: no heading, so blank: {}", csv, missing);
     return mapping;
 }
 
@@ -339,18 +349,27 @@ void checkFree(const fs::path& path, bool replace) {
     }
 }
 
+/// Where the memo file of a new table goes; empty when it has none.
+fs::path memoTarget(const Table& table, const Target& target) {
+    if (table.base->FirstMemoField == -1) return {};
+    const fs::path made = table.base->MemoFileName;
+    return fs::path(target.path).replace_extension(made.extension());
+}
+
+void checkFree(const Table& table, const Target& target, const Options& options) {
+    if (const fs::path memos = memoTarget(table, target); !memos.empty()) {
+        checkFree(memos, options.replace);
+    }
+    checkFree(target.path, options.replace);
+}
+
 /// Moves the memo file, if there is one, and then the table to their places.
 void moveFiles(const Table& table, const fs::path& made, const Target& target,
                const Options& options) {
-    const fs::path memos = table.base->FirstMemoField != -1 ? table.base->MemoFileName : "";
-    const fs::path memoTarget = fs::path(target.path).replace_extension(memos.extension());
-    if (!memos.empty()) checkFree(memoTarget, options.replace);
-    checkFree(target.path, options.replace);
-    if (target.exists && !options.change.noBackup) {
-        const auto old = openTable(target.path, {});
-        makeBackups(*old);
-    }
-    if (!memos.empty()) fs::rename(memos, memoTarget);
+    checkFree(table, target, options);
+    if (target.exists && !options.change.noBackup) makeBackups(*openTable(target.path, {}));
+    const fs::path memos = memoTarget(table, target);
+    if (!memos.empty()) fs::rename(table.base->MemoFileName, memos);
     fs::rename(made, target.path);
 }
 
@@ -365,6 +384,7 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     tableOptions.writable = true;
     const auto table = openTable(path.string(), tableOptions);
     table->path = target.path;  // for messages: there it will be
+    checkFree(*table, target, options);
     Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
     takeRows(importer, Pass::WriteNew, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
