@@ -55,6 +55,12 @@ int runProgram(int argc, char** argv) {
     addShow(program, job);
     addExport(program, job);
     addQuery(program, job);
+    addImport(program, job);
+    addSet(program, job);
+    addDelete(program, job);
+    addRecall(program, job);
+    addPack(program, job);
+    addZap(program, job);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {
         program.parse(argc, argv);

@@ -13,6 +13,7 @@
 #include "table/bytes.h"
 #include "table/decimal.h"
 #include "table/memo.h"
+#include "table/pagenames.h"
 #include "table/refusal.h"
 #include "table/text.h"
 
@@ -442,12 +443,12 @@ Reason encodeMoment(Table& table, const Column& column, const Given& given, Enco
 
 Reason encodeLogical(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     const std::string plain = plainText(given);
-    const std::string_view text = trimmed(plain);
-    for (const char* word : {"true", "t", "yes", "y", "1"}) {
-        if (sameText(text, word)) encodeBytes(table, column, "T", encoded);
+    const std::string text = upperAscii(trimmed(plain));
+    for (const char* word : {"TRUE", "T", "YES", "Y", "1"}) {
+        if (text == word) encodeBytes(table, column, "T", encoded);
     }
-    for (const char* word : {"false", "f", "no", "n", "0"}) {
-        if (sameText(text, word)) encodeBytes(table, column, "F", encoded);
+    for (const char* word : {"FALSE", "F", "NO", "N", "0"}) {
+        if (text == word) encodeBytes(table, column, "F", encoded);
     }
     return encoded.bytes.empty() ? isNo(given, "logical value (true, false)") : "";
 }
