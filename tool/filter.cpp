@@ -184,6 +184,22 @@ void noteBlanks(const Column& column, std::string_view left, std::string_view ri
     }
 }
 
+/// A date as it is shown, "2024-01-31", or a moment, as the library compares it: by its digits.
+std::string plainMoment(const Column& column, std::string right) {
+    constexpr std::string_view kShown = "dddd-dd-dd";
+    const auto fits = [](char c, char pattern) {
+        return pattern == 'd' ? c >= '0' && c <= '9' : c == pattern;
+    };
+    if (column.kind != Kind::Date && column.kind != Kind::Moment) return right;
+    if (right.size() < kShown.size() ||
+        !std::equal(kShown.begin(), kShown.end(), right.begin(),
+                    [&](char pattern, char c) { return fits(c, pattern); })) {
+        return right;
+    }
+    std::erase_if(right, [](char c) { return c == '-' || c == ':' || c == ' ' || c == 'T'; });
+    return right;
+}
+
 std::string checkedCondition(const Table& table, std::string_view condition) {
     if (trimmed(condition).empty()) refuse(table, "there is no condition beside \"&\" or \"|\"");
     const std::size_t place = operatorPlace(table, condition);
@@ -192,7 +208,10 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
     }
     const Column& column = leftColumn(table, condition, place);
     const bool exact = condition.substr(place, 2) == "==";
-    const std::string right(condition.substr(place + (exact ? 2 : 1)));
+    const bool twoSigns = exact || (place + 1 < condition.size() &&
+                                    placeOf(condition.substr(place + 1, 1), "<>=") == 0);
+    const std::size_t behind = place + (twoSigns ? 2 : 1);
+    const std::string right = plainMoment(column, std::string(condition.substr(behind)));
     noteBlanks(column, condition.substr(0, place), right);
     if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
         note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
@@ -210,9 +229,10 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
     }
     const std::string_view left = condition.substr(0, place);
     const std::size_t blanks = std::min(left.find_first_not_of(' '), left.size());
-    const std::string_view behind = left.substr(left.find_last_not_of(' ') + 1);
+    const std::string_view trailing = left.substr(left.find_last_not_of(' ') + 1);
     return std::string(left.substr(0, blanks)) + std::string(libraryName(table, column)) +
-           std::string(behind) + std::string(condition.substr(place, exact ? 2 : 1)) + translated;
+           std::string(trailing) + std::string(condition.substr(place, behind - place)) +
+           translated;
 }
 
 thread_local const Table* foldedTable = nullptr;

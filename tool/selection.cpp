@@ -236,6 +236,7 @@ bool nextRow(Selection& s) {
         s.cells.record = record;
         return true;
     }
+    s.progress->add(s.read % kProgressStep);
     s.progress.reset();
     return false;
 }
