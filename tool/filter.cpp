@@ -175,13 +175,15 @@ bool isTextColumn(const Column& column) {
            column.kind == Kind::Varbinary || column.kind == Kind::Bytes;
 }
 
-void noteBlanks(const Column& column, std::string_view left, std::string_view right) {
+/// A blank left of the operator, or behind one that does not search inside texts, is hardly meant.
+void noteBlanks(const Column& column, std::string_view condition, std::size_t place,
+                std::string_view right) {
+    constexpr std::string_view kSearching = "~^";
     if (!isTextColumn(column) && column.kind != Kind::Logical && column.kind != Kind::Date) return;
-    const bool beside = left != trimmed(left) || (!right.empty() && right.front() == ' ');
-    if (beside) {
-        note("blanks beside an operator belong to the compared texts: write {}=... without them",
-             column.name);
-    }
+    const std::string_view left = condition.substr(0, place);
+    const bool searching = kSearching.find(condition[place]) != std::string_view::npos;
+    if (left == trimmed(left) && (searching || !right.starts_with(' '))) return;
+    note("\"{}\": blanks beside the operator belong to the compared texts", trimmed(condition));
 }
 
 /// A date as it is shown, "2024-01-31", or a moment, as the library compares it: by its digits.
@@ -212,7 +214,7 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
                                     placeOf(condition.substr(place + 1, 1), "<>=") == 0);
     const std::size_t behind = place + (twoSigns ? 2 : 1);
     const std::string right = plainMoment(column, std::string(condition.substr(behind)));
-    noteBlanks(column, condition.substr(0, place), right);
+    noteBlanks(column, condition, place, right);
     if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
         note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
              column.name);
