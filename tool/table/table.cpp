@@ -121,6 +121,17 @@ void readFlags(const Table& table, Column& column) {
                           (column.type == 'C' || column.type == 'V' || column.type == 'M');
 }
 
+/// Other makers of level-7 tables keep a length one byte earlier, and moments as a double.
+bool isForeignMoment(const Table& table, const Column& column) {
+    constexpr u32 kDescriptor7 = 48;
+    constexpr u32 kLengthPlace7 = 34;
+    if (table.base->Level7 == 0 || column.type != '@' || column.length != 8) return false;
+    u8 length = 0;
+    const u32 place = table.base->HeaderSize + kDescriptor7 * static_cast<u32>(column.field);
+    return readFileAt(table.base->TableFile, place + kLengthPlace7, &length, 1) == 1 &&
+           length != column.length;
+}
+
 Column columnOf(const Table& table, int field) {
     DbfBase* const base = table.base.get();
     Column column;
@@ -132,6 +143,7 @@ Column columnOf(const Table& table, int field) {
     toUtf8(*table.page.page, base->Fields[field].Name, column.name);
     while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
     if (table.visual) readFlags(table, column);
+    column.foreignMoment = isForeignMoment(table, column);
     column.kind = kindOf(column);
     makePictureMemo(base, column);
     return column;
@@ -232,6 +244,15 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
            std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
 }
 
+void noteMissingMemoFile(Table& table) {
+    const DbfBase& base = *table.base;
+    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return;
+    std::error_code ignored;
+    if (std::filesystem::exists(base.MemoFileName, ignored)) return;
+    const std::string name = std::filesystem::path(base.MemoFileName).filename().string();
+    table.notes.push_back("its memo file " + name + " is missing");
+}
+
 }  // namespace
 
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
@@ -260,6 +281,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     nameForLibrary(*table);
     readAsText(*table);
     noteUnknownTypes(*table);
+    noteMissingMemoFile(*table);
     return table;
 }
 
