@@ -162,7 +162,7 @@ TEST(Sort, InMemoryAsPlain) {
         layout.columns.push_back({"F" + std::to_string(i), types[i], lengths[i], types[i] == 'N'});
     const TempDir dir;
     for (int round = 0; round < 200; ++round) {
-        layout.records.assign(below(round % 20 == 0 ? 1500 : 90), " ");
+        layout.records.assign(below(round % 40 == 0 ? 5000 : 90), " ");
         for (std::string& record : layout.records)
             for (const Column& c : layout.columns) record += randomField(c.length);
         const Table table = openLayout(dir, layout);
