@@ -14,7 +14,6 @@ constexpr u32 kDetectSize = 128;  // a level-7 table has at least its header and
 constexpr u32 kDetectByte = 64;
 
 constexpr u32 kReadableFields = 2047;
-constexpr std::size_t kWidestValue = 10;  // bytes that a decoder takes from a field's place
 
 void setSizes(DbfBase* h, bool level7) {
     h->HeaderSize = level7 ? kHeaderSize7 : kHeaderSize;
@@ -159,19 +158,17 @@ bool decodeFields(DbfBase* h, const Descriptors& list, u64 fileSize) {
     return true;
 }
 
-/// Zeros behind the record: the decoders of a field shorter than its value look at them.
-void clearBehindRecord(DbfBase* h) {
-    const std::size_t length = h->Header.RecordLength;
-    std::memset(h->RecordBuffer + length, 0, std::min(kWidestValue, kRecordBufferSize - length));
-}
-
 bool allocateBuffers(DbfBase* h) {
-    if (!h->RecordBuffer) h->RecordBuffer = allocate<u8>(kRecordBufferSize).release();
-    if (!h->TextBuffer) h->TextBuffer = allocate<char>(kTextBufferSize).release();
+    constexpr std::size_t recordSize = kRecordBufferSize + kBufferSlack;
+    constexpr std::size_t textSize = kTextBufferSize + kBufferSlack;
+    if (!h->RecordBuffer) h->RecordBuffer = allocate<u8>(recordSize).release();
+    if (!h->TextBuffer) h->TextBuffer = allocate<char>(textSize).release();
     if (!h->RecordBuffer || !h->TextBuffer) return false;
     h->TextBuffer[0] = 0;
     ClearRecord(h);
-    clearBehindRecord(h);
+    // The decoders of a field shorter than its value look at what follows the record.
+    std::memset(h->RecordBuffer + h->Header.RecordLength, 0, kBufferSlack);
+    std::memset(h->RecordBuffer + kRecordBufferSize, 0, kBufferSlack);
     return true;
 }
 
@@ -199,6 +196,7 @@ void nameBackup(DbfBase* h) {
 
 char readFields(DbfBase* h, bool fresh) {
     if (!fresh) std::memset(h->AliasNames, 0, sizeof h->AliasNames);
+    if (h->Private != nullptr) h->Private->expressions.reset();  // they name the old fields
     const Descriptors list = readDescriptors(h);
     // What an error cuts short is not taken for a shorter table: the next write would ruin it.
     u64 size = 0;

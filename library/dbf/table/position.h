@@ -1,6 +1,7 @@
 // From the caller's position to the physical record, and from a record to its file offset.
 #pragma once
 
+#include "internal/file.h"
 #include "mira.h"
 
 namespace mira {
@@ -31,6 +32,11 @@ inline bool recordAt(DbfBase* h, u32 position, u32* record) {
 /// File offset of a column (byte) of a physical record.
 inline u64 offsetOf(const DbfBase* h, u32 record, u32 column = 0) {
     return Calc64(h->Header.RecordLength, record, u32{h->Header.HeaderLength} + column);
+}
+
+/// Whether a record can be written: a table ends, with its end-of-file byte, before 2^31 bytes.
+inline bool isWithinReach(const DbfBase* h, u32 record) {
+    return offsetOf(h, record) + h->Header.RecordLength < kReachable;
 }
 
 }  // namespace mira

@@ -6,6 +6,7 @@
 
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
+#include "internal/datelayout.h"
 #include "internal/restore.h"
 #include "internal/textout.h"
 
@@ -16,9 +17,6 @@ namespace {
 constexpr std::size_t kPositionWidth = 10;
 constexpr std::size_t kPartsSize = kSortKeySize - kPositionWidth;  // zero byte included
 
-constexpr std::size_t kDateWidth = 8;
-constexpr std::size_t kDateTimeWidth = 14;
-
 /// Characters that a field takes in the key, unless its text is longer.
 std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
     const DbfField* f = tableField(h, field);
@@ -26,12 +24,11 @@ std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
         // The text is there, so the slot is.
         return h->CalcFields != nullptr && h->CalcFields->Slots[field].Flags[2] != 0 ? length : 0;
     }
-    switch (f->Type) {
-        case 'D':
-            return kDateWidth;
-        case 'T':
-        case '@':
-            return kDateTimeWidth;
+    switch (valueClass(*f)) {
+        case ValueClass::Date:
+            return kDateDigits;
+        case ValueClass::Moment:
+            return kDateTimeDigits;
         default:
             return std::min<std::size_t>(fieldLength(*f), kTextBufferSize - 1);
     }
@@ -39,18 +36,7 @@ std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
 
 /// True for fields whose text is the bytes of the record.
 bool showsStoredBytes(const DbfBase* h, const DbfField& f) {
-    switch (f.Type) {
-        case 'C':
-        case 'Q':
-        case 'V':
-        case '0':
-            return true;
-        case 'N':
-        case 'F':
-            return h->RawNumeric != 0;
-        default:
-            return false;
-    }
+    return isText(f) || (valueClass(f) == ValueClass::Decimal && h->RawNumeric != 0);
 }
 
 /// Fills the text in TextBuffer with spaces up to a width. Where the record holds a zero byte, what
