@@ -418,6 +418,24 @@ TEST(Fault, NoFailureOrKillLosesARecord) {
     if (all) std::cout << runs.faults << " faults, " << runs.kills << " kills\n";
 }
 
+TEST(Fault, ATableThatCannotBeReadDoesNotOpen) {
+    const TempDir dir;
+    for (const int kind : {kSeek, kRead}) {
+        int n = 1;
+        for (; n < 20; ++n) {
+            Layout layout{0x03, {{"A", 'C', 9}, {"B", 'C', 9}}, {padded(" x", 19)}, n % 2 == 0};
+            writeAll(dir.file("t.dbf"), layout.bytes());
+            fault = {kind, (n + 1) / 2};
+            const Table h(OpenBase(dir.file("t.dbf").c_str()));
+            const bool met = fault.met;
+            fault = {};
+            EXPECT_EQ(h == nullptr, met) << kind << ' ' << n;
+            if (!met) break;
+        }
+        EXPECT_TRUE(n > 4 && n < 20);
+    }
+}
+
 TEST(Fault, ALengthFromAFileTakesNoMemory) {
     const TempDir dir;
     const Table h = openLayout(dir, {0xF5, {{"M", 'M', 10}}, {padded("", 10) + '1'}});

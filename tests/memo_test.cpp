@@ -91,6 +91,18 @@ TEST(Memo, KindSelectsNameAndFormat) {
     }
 }
 
+TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
+    for (const auto& [files, name] : rows("f.scx f.sct=f.sct;F.FRX F.FRT=F.FRT;f.VcX f.Vct=f.Vct;"
+                                          "f.lbx f.LBT f.lbT=f.fpt;f.mnx f.mnt F.fpT=F.fpT;"
+                                          "f.pjx f.pjt f.Fpt F.fpt=f.fpt;f.dbf f.dbt=f.fpt")) {
+        const TempDir dir;
+        const std::vector<std::string> all = split(files, ' ');
+        for (const std::string& file : all) writeAll(dir.file(file), "");
+        const Table h = openLayout(dir, {0x30, {{"NOTE", 'M', 4}}, {}}, all[0]);
+        EXPECT_EQ(h->MemoFileName, dir.file(name)) << files;
+    }
+}
+
 TEST(Memo, HostileFilesAreReadInPartAndNotWritten) {
     const std::string d4 = padded(header(2, 0, 32), 32, 0) + "\xFF\xFF\x08\0"s;
     const std::tuple<u32, std::string, std::string> cases[] = {
