@@ -121,6 +121,11 @@ std::string memoAt(u32 kind, const std::string& reference, const std::string& fi
     return memo.substr(8, number(memo.substr(4, 4), foxPro) - (foxPro ? 0 : 8));
 }
 
+/// A row for a message.
+std::string brief(const std::string& row) {
+    return row.substr(0, 9) + ".." + row.substr(std::min(row.find('='), row.size()), 9);
+}
+
 std::string nameOf(unsigned i) { return "n" + std::to_string(100 + i); }
 
 /// A table with a memo file, written anew for every run. Every third record is deleted, every fifth
@@ -253,10 +258,10 @@ private:
         };
         for (const std::string& row : found) {
             if (row == blank || has(folder_.before, row) || has(after_, row)) continue;
-            EXPECT_GE(--torn, 0) << where << " shows " << row;
+            EXPECT_GE(--torn, 0) << where << " shows " << brief(row);
         }
         for (const std::string& row : folder_.before) {
-            EXPECT_TRUE(!has(after_, row) || has(found, row)) << where << " loses " << row;
+            EXPECT_TRUE(!has(after_, row) || has(found, row)) << where << " loses " << brief(row);
         }
     }
 

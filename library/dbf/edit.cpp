@@ -145,7 +145,8 @@ int Insert(DbfBase* h, u32 position, char blank) {
     Edit edit(h, count - record);
     if (!edit.begin()) return 0;
     const Moved up = edit.move.up(record, count, edit.spare(count + 1));
-    if (up.state == MoveState::Done && edit.cutSpare(count + 1)) {
+    const bool cut = up.state != MoveState::Stuck && edit.cutSpare(count + 1);
+    if (up.state == MoveState::Done && cut) {
         // From here on a hook that appends comes after the last record.
         h->Header.RecordCount = count + 1;
         if (blank != 0) ClearRecord(h);
