@@ -157,6 +157,7 @@ struct DbfBase {
 
     // Bookkeeping of the library.
     u32 ForeignLevel7;   ///< level-7 table of another maker: other descriptors, signed integers
+    u32 Packing;         ///< Pack is giving records their new memo references
     u32 SortOrderCount;  ///< entries in SortOrder; 0 for as many as reccount()
     u64 LastReadEnd;     ///< file offset behind the last bytes read; the next read may continue it
     u64 AheadOffset;     ///< file offset of AheadBuffer[0]

@@ -46,7 +46,7 @@ extern "C" {
 WRAP(void*, malloc, size > fault.most || fails(kAllocate), nullptr, (std::size_t size), (size))
 WRAP(void*, calloc, fails(kAllocate), nullptr, (std::size_t n, std::size_t size), (n, size))
 WRAP(void*, realloc, fails(kAllocate), nullptr, (void* block, std::size_t size), (block, size))
-WRAP(std::FILE*, fopen, fails(kOpen), nullptr, (const char* path, const char* mode), (path, mode))
+WRAP(std::FILE*, fdopen, fails(kOpen), nullptr, (int fd, const char* mode), (fd, mode))
 WRAP(int, fseek, fails(kSeek), -1, (std::FILE * file, long to, int from), (file, to, from))
 WRAP(std::size_t, fread, fails(kRead),
      onOther(O_WRONLY, file, [&] { return __real_fread(to, size, n, file); }),

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "dbf/packmemos.h"
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
@@ -87,7 +88,7 @@ int InverseRecord(DbfBase* h, u32 position) {
 }
 
 int Truncate(DbfBase* h, u32 count) {
-    if (hasView(h) || h->Reverse != 0) return 0;
+    if (hasView(h) || h->Reverse != 0 || isPackUnfinished(h)) return 0;
     backUp(h);
     if (InternalSeekRecord(h, count) == 0) return 0;
     dropReadAhead(h);
@@ -100,7 +101,7 @@ int Zap(DbfBase* h) { return Truncate(h, 0); }
 
 int Delete(DbfBase* h, u32 record) {
     const u32 count = h->Header.RecordCount;
-    if (hasView(h) || h->Reverse != 0 || record >= count) return 0;
+    if (hasView(h) || h->Reverse != 0 || record >= count || isPackUnfinished(h)) return 0;
     backUp(h);
     const u64 from = offsetOf(h, record + 1);
     if (!moveDown(h, from, offsetOf(h, count) - from)) return 0;
@@ -110,6 +111,7 @@ int Delete(DbfBase* h, u32 record) {
 int Insert(DbfBase* h, u32 position, char blank) {
     const u32 count = h->Header.RecordCount;
     if (hasView(h) || position > count || (h->Reverse != 0 && position == count)) return 0;
+    if (isPackUnfinished(h)) return 0;
     backUp(h);
     const u32 record = h->Reverse != 0 ? count - 1 - position : position;
     const u64 from = offsetOf(h, record);

@@ -1,8 +1,10 @@
 // The backup copy: the table as it was before the first write.
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "dbf/table/table.h"
-#include "internal/file.h"
+#include "internal/newfile.h"
 
 namespace mira {
 
@@ -22,6 +24,33 @@ bool copyTable(DbfBase* h, std::FILE* copy, u8* buffer) {
     return std::ferror(h->TableFile) == 0;
 }
 
+/// Whether the table begins with all that a file holds, so that removing it loses nothing.
+bool beginsWith(DbfBase* h, std::FILE* file, u8* buffer) {
+    u8* const other = buffer + kCopyChunk;
+    if (!seekTo(h->TableFile, 0)) return false;
+    for (;;) {
+        const u32 got = ReadFile(file, buffer, kCopyChunk);
+        if (got == 0) return std::ferror(file) == 0;
+        if (!readExact(h->TableFile, other, got) || std::memcmp(buffer, other, got) != 0) {
+            return false;
+        }
+    }
+}
+
+/// The copy bears the backup's name only when it is whole.
+bool makeCopy(DbfBase* h) {
+    const Block<u8> buffer = allocate<u8>(2 * kCopyChunk);
+    if (!buffer) return false;
+    removeAbandoned(h->BackupName,
+                    [&](std::FILE* left) { return beginsWith(h, left, buffer.get()); });
+    NewFile copy;
+    struct stat info;
+    if (!copy.create(h->BackupName) || !copyTable(h, copy.stream(), buffer.get())) return false;
+    // Whoever may see the table may see its copy.
+    if (fstat(fileno(h->TableFile), &info) == 0) fchmod(fileno(copy.stream()), info.st_mode);
+    return copy.synchronise() && copy.take(h->BackupName);
+}
+
 }  // namespace
 
 void backUp(DbfBase* h) {
@@ -29,21 +58,18 @@ void backUp(DbfBase* h) {
 }
 
 int MakeBakFile(DbfBase* h, char force) {
+    if (h->TableFile == nullptr) return 0;
     const bool due = h->BackupEnabled != 0 && h->BackupDone == 0;
     if (!due && force == 0) return 1;
-    // A table that is its own backup must neither be copied onto itself nor removed.
-    if (h->BackupName == nullptr || std::strcmp(h->BackupName, h->FileName) == 0) return 0;
-    const Block<u8> buffer = allocate<u8>(kCopyChunk);
-    if (!buffer) return 1;
-    std::remove(h->BackupName);  // usually there is none
-    OwnedFile copy(openUnbuffered(h->BackupName, "wb"));
-    if (!copy) return 1;
-    const bool whole = copyTable(h, copy.get(), buffer.get());
-    if (std::fclose(copy.release()) == 0 && whole) {
-        h->BackupDone = 1;
-    } else {
-        std::remove(h->BackupName);  // no half copy is to be taken for a whole one
+    // A file that is needed itself, under whatever name, gives way to no copy.
+    const std::optional<FileId> target = fileId(h->BackupName);
+    if (h->BackupName == nullptr || isSameFile(target, fileId(h->TableFile)) ||
+        isSameFile(target, fileId(h->MemoFileName)) ||
+        isSameFile(target, fileId(h->AliasFileName))) {
+        return 0;
     }
+    h->BackupDone = 0;
+    h->BackupDone = makeCopy(h) ? 1 : 0;
     return 1;
 }
 
