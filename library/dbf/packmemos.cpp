@@ -7,8 +7,9 @@
 //   2. the old file takes its "~" name and the new one that of the old;
 //   3. the records get their references, and the log is cut off.
 //
-// What fails before 2 has changed nothing. What fails or is killed later leaves a memo file with a
-// log, by which 3 can be done again at any time; until then no memo is read through it.
+// What fails before 2 has changed nothing, and what fails later is undone. Where that is not
+// possible, and when the process is killed, a memo file with a log stays, by which 3 can be done
+// again at any time; until then no memo is read through it.
 #include "dbf/packmemos.h"
 
 #include <sys/stat.h>
@@ -64,9 +65,8 @@ bool isEither(std::span<const u8> bytes, const u8* was, const u8* becomes) {
     return true;
 }
 
-/// Puts the references of a log entry into RecordBuffer.
-void setReferences(DbfBase* h, const ReferenceFields& fields, const u8* was) {
-    const u8* becomes = was + fields.width;
+/// Puts references into RecordBuffer.
+void setReferences(DbfBase* h, const ReferenceFields& fields, const u8* was, const u8* becomes) {
     for (u32 i = 0; i < fields.count; ++i) {
         const std::span<u8> bytes = fieldBytes(h, fields.numbers[i]);
         if (isEither(bytes, was, becomes)) std::copy_n(becomes, bytes.size(), bytes.begin());
@@ -162,25 +162,57 @@ bool copyMemos(DbfBase* h, const ReferenceFields& fields, const OldMemos& from, 
     return true;
 }
 
-/// Second pass: gives the records the references of a log.
+/// The log of a rebuild, and the fields it is about.
+struct Log {
+    const ReferenceFields& fields;
+    const u8* bytes;
+    u32 records;
+
+    const u8* was(u32 record) const { return bytes + std::size_t{2} * fields.width * record; }
+    const u8* becomes(u32 record) const { return was(record) + fields.width; }
+};
+
+/// Second pass: gives the records their new references. The number of records done.
 template <typename Read>
-bool writeReferences(DbfBase* h, const ReferenceFields& fields, const u8* log, u32 records,
-                     Read read) {
-    for (u32 record = 0; record < records && record < h->Header.RecordCount; ++record) {
-        if (!read(record)) return false;
-        setReferences(h, fields, log + std::size_t{2} * fields.width * record);
+u32 writeReferences(DbfBase* h, const Log& log, Read read) {
+    const u32 count = std::min(log.records, h->Header.RecordCount);
+    for (u32 record = 0; record < count; ++record) {
+        if (!read(record)) return record;
+        setReferences(h, log.fields, log.was(record), log.becomes(record));
         const Restore packing(h->Packing, 1u);  // BeforeWrite sees a record as it is to be
+        if (InternalWriteRecord(h, record) == 0) return record;
+    }
+    return log.records;
+}
+
+/// Undoes a second pass that has come to a number of records, and the change of names; the old file
+/// keeps its second one.
+bool putBack(DbfBase* h, const Log& log, u32 count, const char* oldName) {
+    for (u32 record = 0; record < count; ++record) {
+        if (ReadRecord(h, record) == 0) return false;
+        setReferences(h, log.fields, log.becomes(record), log.was(record));
         if (InternalWriteRecord(h, record) == 0) return false;
     }
-    return true;
+    return addName(oldName, h->MemoFileName);
 }
 
 /// Ends the second pass. Whoever may read the old file may read the new one.
-bool finishFile(std::FILE* file, const MemoFamily& family, const char* oldName) {
+int tidyFile(std::FILE* file, const MemoFamily& family, const char* oldName) {
     struct stat info;
-    if (!finishRebuild(file, family)) return false;
     if (stat(oldName, &info) == 0) fchmod(fileno(file), info.st_mode);
-    return true;
+    return tidyRebuild(file, family) ? 1 : 0;
+}
+
+/// Where files cannot have two names the process may have been killed when the old file had lost
+/// its first one: an abandoned rebuild and no memo file tell.
+void restoreName(DbfBase* h, const char* oldName) {
+    if (access(h->MemoFileName, F_OK) == 0) return;
+    bool stopped = false;
+    removeAbandoned(h->MemoFileName, [&stopped](std::FILE* left) {
+        stopped = stopped || isUnfinished(left);
+        return false;
+    });
+    if (stopped) std::rename(oldName, h->MemoFileName);
 }
 
 bool createNewFile(DbfBase* h, const OldMemos& old, NewFile* file) {
@@ -192,7 +224,7 @@ bool createNewFile(DbfBase* h, const OldMemos& old, NewFile* file) {
 
 /// Whether the old memo file may take a name.
 bool mayReplace(const DbfBase* h, const char* oldName) {
-    const std::optional<FileId> replaced = fileId(oldName);
+    const std::optional<FileId> replaced = nameId(oldName);
     return std::strcmp(oldName, h->MemoFileName) != 0 &&
            !isSameFile(replaced, fileId(h->TableFile)) &&
            !isSameFile(replaced, fileId(h->AliasFileName));
@@ -219,17 +251,34 @@ int rebuild(DbfBase* h, const OldMemos& old, const char* oldName) {
     if (!createNewFile(h, old, &file)) return 0;
     MemoBuilder memos(file.stream(), old.family);
     ChangedRecords records(h);
-    Bytes log;
+    Bytes bytes;
     const u32 count = h->Header.RecordCount;
-    if (!memos.start(old.unit) || !copyMemos(h, fields, old, &memos, count, &records, &log) ||
-        !memos.complete(log, count)) {
+    if (!memos.start(old.unit) || !copyMemos(h, fields, old, &memos, count, &records, &bytes) ||
+        !memos.complete(bytes, count)) {
         return 0;
     }
     int result = 0;
     if (!takeNames(h, old, oldName, &file, &result)) return result;
-    const auto again = [&records](u32 record) { return records.readAgain(record); };
-    if (!writeReferences(h, fields, log.data(), count, again)) return 0;
-    return finishFile(file.stream(), old.family, oldName) ? 1 : 0;
+    const Log log{fields, bytes.data(), count};
+    const u32 done = writeReferences(h, log, [&](u32 record) { return records.readAgain(record); });
+    if (done == count && releaseRebuild(file.stream())) {
+        return tidyFile(file.stream(), old.family, oldName);
+    }
+    putBack(h, log, std::min(done + 1, count), oldName);
+    return 0;
+}
+
+/// The second pass of an earlier rebuild.
+int finish(DbfBase* h, const MemoFamily& family, std::FILE* file, const char* oldName) {
+    ReferenceFields fields;
+    RebuildLog left;
+    findReferences(h, &fields);
+    if (!readRebuildLog(file, &left)) return 0;
+    if (left.size != u64{2} * fields.width * left.records) return 0;
+    const auto read = [h](u32 record) { return ReadRecord(h, record) != 0; };
+    const Log log{fields, left.bytes.get(), left.records};
+    if (writeReferences(h, log, read) < log.records || !releaseRebuild(file)) return 0;
+    return tidyFile(file, family, oldName);
 }
 
 }  // namespace
@@ -251,17 +300,12 @@ int packMemos(DbfBase* h, bool writable) {
 int finishPackMemos(DbfBase* h, bool writable) {
     const MemoFamily* family = memoFamily(h->Header.Version);
     if (h->FirstMemoField == -1 || family == nullptr) return 1;
+    const Block<char> oldName = tildeName(h->MemoFileName);
+    if (!oldName) return 0;
+    if (writable) restoreName(h, oldName.get());
     const OwnedFile file(Open_File(h->MemoFileName));
     if (!isUnfinished(file.get())) return 1;
-    const Block<char> oldName = tildeName(h->MemoFileName);
-    ReferenceFields fields;
-    RebuildLog log;
-    findReferences(h, &fields);
-    if (!writable || !oldName || !readRebuildLog(file.get(), &log)) return 0;
-    if (log.size != u64{2} * fields.width * log.records) return 0;
-    const auto read = [h](u32 record) { return ReadRecord(h, record) != 0; };
-    if (!writeReferences(h, fields, log.bytes.get(), log.records, read)) return 0;
-    return finishFile(file.get(), *family, oldName.get()) ? 1 : 0;
+    return writable ? finish(h, *family, file.get(), oldName.get()) : 0;
 }
 
 bool isPackUnfinished(DbfBase* h) {

@@ -47,6 +47,9 @@ struct FileId {
 /// Empty for null, and where there is no file. Symbolic links are followed.
 std::optional<FileId> fileId(std::FILE*);
 std::optional<FileId> fileId(const char* path);
+/// What a name itself stands for, which is what renaming replaces: a link, not the file it leads
+/// to.
+std::optional<FileId> nameId(const char* path);
 bool isSameFile(std::optional<FileId> a, std::optional<FileId> b);
 
 /// Opens with the flags of open(2) and the mode that fdopen gives them, unbuffered. Null on

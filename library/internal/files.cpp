@@ -39,6 +39,12 @@ std::optional<FileId> fileId(const char* path) {
     return FileId{info.st_dev, info.st_ino};
 }
 
+std::optional<FileId> nameId(const char* path) {
+    struct stat info;
+    if (path == nullptr || lstat(path, &info) != 0) return std::nullopt;
+    return FileId{info.st_dev, info.st_ino};
+}
+
 bool isSameFile(std::optional<FileId> a, std::optional<FileId> b) { return a && a == b; }
 
 std::FILE* openUnbuffered(int fd, const char* mode) {

@@ -78,9 +78,7 @@ bool NewFile::take(const char* path) {
 }
 
 bool addName(const char* path, const char* second) {
-    struct stat a, b;
-    if (lstat(path, &a) != 0) return false;
-    if (lstat(second, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino) return true;
+    if (isSameFile(nameId(path), nameId(second))) return true;  // renaming would do nothing
     const Block<char> name = firstOwnName(path);
     const auto make = [path](const char* own) { return link(path, own) == 0; };
     if (name == nullptr) return false;

@@ -148,9 +148,14 @@ bool readRebuildLog(std::FILE* file, RebuildLog* log) {
            checksum(log->bytes.get(), log->size) == loadLe32(head + kChecksumPlace);
 }
 
-bool finishRebuild(std::FILE* file, const MemoFamily& family) {
+bool releaseRebuild(std::FILE* file) {
+    constexpr u8 kUnsigned = 0;  // a single byte is written or not, never half
+    return seekTo(file, kSignPlace) && writeExact(file, &kUnsigned, 1);
+}
+
+bool tidyRebuild(std::FILE* file, const MemoFamily& family) {
     u8 head[kHeadSize];
-    if (!isSigned(head, readHead(file, head))) return false;
+    if (readHead(file, head) != kHeadSize) return false;
     const u32 end = loadLe32(head + kEndPlace);
     const u32 unit = memoUnit(family, head);
     const u64 logEnd = u64{end} + loadLe32(head + kLogSizePlace);

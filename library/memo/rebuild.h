@@ -67,9 +67,10 @@ struct RebuildLog {
 };
 /// False when it is damaged.
 bool readRebuildLog(std::FILE*, RebuildLog*);
-/// Cuts the log off and makes the file an ordinary memo file. What has been appended meanwhile,
-/// which the log was in the way of, stays where it is.
-bool finishRebuild(std::FILE*, const MemoFamily&);
+/// Makes the file an ordinary memo file, in which the log only takes up room. Done or not done.
+bool releaseRebuild(std::FILE*);
+/// Then cuts the log off, unless something has been appended behind it meanwhile.
+bool tidyRebuild(std::FILE*, const MemoFamily&);
 
 /// Whether an abandoned file is a memo file that was being built.
 bool isAbandonedRebuild(std::FILE*);

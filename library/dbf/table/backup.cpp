@@ -61,8 +61,8 @@ int MakeBakFile(DbfBase* h, char force) {
     if (h->TableFile == nullptr) return 0;
     const bool due = h->BackupEnabled != 0 && h->BackupDone == 0;
     if (!due && force == 0) return 1;
-    // A file that is needed itself, under whatever name, gives way to no copy.
-    const std::optional<FileId> target = fileId(h->BackupName);
+    // A file that is needed itself gives way to no copy.
+    const std::optional<FileId> target = nameId(h->BackupName);
     if (h->BackupName == nullptr || isSameFile(target, fileId(h->TableFile)) ||
         isSameFile(target, fileId(h->MemoFileName)) ||
         isSameFile(target, fileId(h->AliasFileName))) {
