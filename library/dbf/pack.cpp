@@ -95,7 +95,7 @@ int pack(DbfBase* h, u32 mode) {
 }  // namespace
 
 int Pack(DbfBase* h, u32 mode) {
-    if (h->TableFile == nullptr || hasView(h)) return 0;
+    if (isClosed(h) || hasView(h)) return 0;
     const Restore physical(h->Reverse, 0);
     h->UseFilterIndex = 0;
     const int result = pack(h, mode);

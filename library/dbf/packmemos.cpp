@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/value/reference.h"
 #include "internal/newfile.h"
@@ -175,11 +176,13 @@ struct Log {
 /// Second pass: gives the records their new references. The number of records done.
 template <typename Read>
 u32 writeReferences(DbfBase* h, const Log& log, Read read) {
+    PrivateState* const state = keepPrivate(h);
+    if (state == nullptr) return 0;
     const u32 count = std::min(log.records, h->Header.RecordCount);
     for (u32 record = 0; record < count; ++record) {
         if (!read(record)) return record;
         setReferences(h, log.fields, log.was(record), log.becomes(record));
-        const Restore packing(h->Packing, 1u);  // BeforeWrite sees a record as it is to be
+        const Restore packing(state->packing, true);  // BeforeWrite sees a record as it is to be
         if (InternalWriteRecord(h, record) == 0) return record;
     }
     return log.records;
@@ -240,7 +243,9 @@ bool takeNames(DbfBase* h, const OldMemos& old, const char* oldName, NewFile* fi
     *result = 0;
     if (file->take(h->MemoFileName)) return true;
     // Where it could not have two names the old file has lost its first.
-    if (access(h->MemoFileName, F_OK) != 0) std::rename(oldName, h->MemoFileName);
+    if (access(h->MemoFileName, F_OK) != 0 && std::rename(oldName, h->MemoFileName) != 0) {
+        file->abandon();  // for restoreName
+    }
     return false;
 }
 

@@ -24,6 +24,8 @@ public:
     bool synchronise() { return fsync(fileno(file_.get())) == 0; }
     /// Gives the file a name, which a file that has it gives up.
     bool take(const char* path);
+    /// Lets the file stay under its own name.
+    void abandon() { name_.reset(); }
     std::FILE* stream() const { return file_.get(); }
 
     NewFile() = default;

@@ -58,7 +58,7 @@ void backUp(DbfBase* h) {
 }
 
 int MakeBakFile(DbfBase* h, char force) {
-    if (h->TableFile == nullptr) return 0;
+    if (isClosed(h)) return 0;
     const bool due = h->BackupEnabled != 0 && h->BackupDone == 0;
     if (!due && force == 0) return 1;
     // A file that is needed itself gives way to no copy.

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <string_view>
 
+#include "dbf/table/position.h"
 #include "dbf/table/table.h"
+#include "internal/datelayout.h"
 #include "internal/restore.h"
 #include "internal/textout.h"
 
@@ -15,9 +17,6 @@ namespace {
 constexpr std::size_t kPositionWidth = 10;
 constexpr std::size_t kPartsSize = kSortKeySize - kPositionWidth;  // zero byte included
 
-constexpr std::size_t kDateWidth = 8;
-constexpr std::size_t kDateTimeWidth = 14;
-
 /// Characters that a field takes in the key, unless its text is longer.
 std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
     const DbfField* f = tableField(h, field);
@@ -25,12 +24,11 @@ std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
         // The text is there, so the slot is.
         return h->CalcFields != nullptr && h->CalcFields->Slots[field].Flags[2] != 0 ? length : 0;
     }
-    switch (f->Type) {
-        case 'D':
-            return kDateWidth;
-        case 'T':
-        case '@':
-            return kDateTimeWidth;
+    switch (valueClass(*f)) {
+        case ValueClass::Date:
+            return kDateDigits;
+        case ValueClass::Moment:
+            return kDateTimeDigits;
         default:
             return std::min<std::size_t>(fieldLength(*f), kTextBufferSize - 1);
     }
@@ -38,18 +36,7 @@ std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
 
 /// True for fields whose text is the bytes of the record.
 bool showsStoredBytes(const DbfBase* h, const DbfField& f) {
-    switch (f.Type) {
-        case 'C':
-        case 'Q':
-        case 'V':
-        case '0':
-            return true;
-        case 'N':
-        case 'F':
-            return h->RawNumeric != 0;
-        default:
-            return false;
-    }
+    return isText(f) || (valueClass(f) == ValueClass::Decimal && h->RawNumeric != 0);
 }
 
 /// Fills the text in TextBuffer with spaces up to a width. Where the record holds a zero byte, what
@@ -75,8 +62,27 @@ void invertNumber(char* text, std::size_t length) {
     }
 }
 
+/// The start of a negative number that is some characters wider than others of its field, so that
+/// it sorts below them: the wider, the lower.
+void putExcess(std::size_t excess, TextOut& key) {
+    constexpr std::size_t steps = 8;  // as many bytes as lie between 1 and an inverted blank
+    for (--excess; excess >= steps; excess -= steps) key.put('\x01');
+    key.put(static_cast<char>('9' - '0' - excess));
+}
+
+/// A negative number, whose text is in TextBuffer.
+void putNegative(DbfBase* h, int field, std::size_t length, TextOut& key) {
+    char* const text = h->TextBuffer;
+    const auto usual = static_cast<std::size_t>(GetLenView(h, field));
+    const bool wide = length > usual && text[0] == '-';
+    if (wide) putExcess(length - usual, key);
+    invertNumber(text, length);
+    key.put(text + (wide ? 1 : 0));  // a stray ":" has become the end
+}
+
 void putPart(DbfBase* h, int field, TextOut& key) {
-    if (GetStr(h, field) == nullptr) return;  // a calculated field without a value
+    // Nothing for a number below zero, or a calculated field without a value.
+    if (field < 0 || GetStr(h, field) == nullptr) return;
     char* const text = h->TextBuffer;
     std::size_t length = std::strlen(text);
     const std::size_t width = partWidth(h, field, length);
@@ -85,10 +91,10 @@ void putPart(DbfBase* h, int field, TextOut& key) {
         length = width;
     }
     if (std::memchr(text, '-', length) != nullptr && if_digit_type(h, field) != 0) {
-        invertNumber(text, width);
-        length = std::strlen(text);  // a stray ":" has become the end
+        putNegative(h, field, length, key);
+    } else {
+        key.put({text, length});
     }
-    key.put({text, length});
 }
 
 /// The position right-aligned in kPositionWidth characters, and a zero byte.
@@ -103,10 +109,9 @@ void putPosition(char* to, u32 position) {
 }  // namespace
 
 std::size_t readSortKey(DbfBase* h, u32 position, char* key) {
-    // Reading reverses once more, which gives the position itself.
-    const u32 passed = h->Reverse != 0 ? reccount(h) - position - 1 : position;
-    // A record that cannot be read sorts as a blank one, not by what the buffer happens to hold.
-    if (ReadRecord(h, passed) == 0) ClearRecord(h);
+    u32 record = 0;
+    const bool read = recordFromStart(h, position, &record) && readPhysicalRecord(h, record);
+    if (!read) ClearRecord(h);  // sorts as a blank one, not by what the buffer happens to hold
     GetCompStr(position, key, h);
     IgnoreCase(h, key, h->OemConvert);
     const void* end = std::memchr(key, 0, kPartsSize);  // an UpperCaseCallback may have moved it
