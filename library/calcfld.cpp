@@ -27,8 +27,6 @@ namespace {
 constexpr std::size_t kNameLength = 10;
 constexpr std::size_t kParseLength = 79;  // characters that parse takes
 constexpr int kNoSlot = -1;
-constexpr int kSlots = 2048;
-constexpr unsigned kValueWidth = 20;
 constexpr unsigned kValueDecimals = 6;
 
 constexpr std::string_view chrdigit = "+-*/() ";
@@ -43,23 +41,11 @@ bool isWordByte(char c) {
     return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || c == '_' || lower >= 0x80;
 }
 
-bool isNamed(const DbfField& f, std::string_view name) {
-    return compareIgnoringCase(f.Name, name.data(), name.size()) == 0 && f.Name[name.size()] == 0;
-}
-
 /// The name that may stand at the beginning of a word.
 std::string_view candidate(std::string_view text) {
     const std::string_view name = text.substr(0, kNameLength);
     const auto end = std::find_if_not(name.begin(), name.end(), isWordByte);
     return name.substr(0, static_cast<std::size_t>(end - name.begin()));
-}
-
-/// The first table field of a name, -1 when there is none.
-int tableFieldNamed(const DbfBase* h, std::string_view name) {
-    for (int field = 0; field < h->FieldCount; ++field) {
-        if (isNamed(h->Fields[field], name)) return field;
-    }
-    return -1;
 }
 
 void convertToOem(DbfBase* h, char* text, u32 length) {
@@ -72,7 +58,7 @@ void convertToOem(DbfBase* h, char* text, u32 length) {
 
 /// The slot of a number when it holds a field, else null.
 CalcFieldSlot* filledSlot(const DbfBase* h, int slot) {
-    if (h->CalcFields == nullptr || slot < 0 || slot >= kSlots) return nullptr;
+    if (h->CalcFields == nullptr || slot < 0 || slot >= static_cast<int>(kFieldMax)) return nullptr;
     CalcFieldSlot* const found = &h->CalcFields->Slots[slot];
     return found->Name != nullptr ? found : nullptr;
 }
@@ -103,10 +89,9 @@ void squeezeBlanks(char* text) {
 
 /// The text of a table field; dates as digits that begin with the year.
 std::string_view valueText(DbfBase* h, int field) {
-    const char type = h->Fields[field].Type;
-    const bool dated = type == 'D' || type == 'T' || type == '@';
+    const bool dated = isDateOrMoment(h->Fields[field]);
     const Restore format(h->DateFormat, dated ? kDigitsFormat : h->DateFormat);
-    return renderField(h, field);
+    return valueRow(h, field).render(h, field);
 }
 
 }  // namespace
@@ -123,7 +108,7 @@ bool readItem(ExpressionReader& r, ExpressionItem* item) {
         if (outside && isWordByte(c) && !r.inWord) {
             r.inWord = true;
             const std::string_view name = candidate(r.rest);
-            const int field = tableFieldNamed(r.base, name);
+            const int field = fieldNamed(r.base, name);
             if (field >= 0) {
                 r.rest.remove_prefix(name.size());
                 *item = {ExpressionItem::Field, 0, field};
@@ -191,7 +176,7 @@ void FreeMemCalcField(DbfBase* h) {
 
 int AddCalcField(DbfBase* h, const char* name, const char* expression) {
     if (h->CalcFields == nullptr || name == nullptr || expression == nullptr) return 0;
-    for (int i = h->FieldCount; i < kSlots; ++i) {
+    for (int i = h->FieldCount; i < static_cast<int>(kFieldMax); ++i) {
         CalcFieldSlot& slot = h->CalcFields->Slots[i];
         if (slot.Name != nullptr) continue;
         Block<char> nameCopy = copyText(name);
@@ -215,7 +200,7 @@ void DelCalcFieldI(DbfBase* h, int slot) {
 
 int GetCalcI(DbfBase* h, const char* name) {
     if (name == nullptr) return kNoSlot;
-    for (int i = h->FieldCount; i < kSlots; ++i) {
+    for (int i = h->FieldCount; i < static_cast<int>(kFieldMax); ++i) {
         const CalcFieldSlot* const filled = filledSlot(h, i);
         if (filled != nullptr && sameIgnoringCase(filled->Name, name)) return i;
     }
@@ -230,8 +215,9 @@ char if_digit_calci(DbfBase* h, int slot) {
     std::string_view rest = filled->Expression;
     while (!rest.empty()) {
         const std::string_view piece = rest.substr(0, rest.find_first_of(chrdigit));
-        for (int field = 0; field < h->FieldCount && !piece.empty(); ++field) {
-            if (isNamed(h->Fields[field], piece) && isNumeric(h->Fields[field])) return 1;
+        int field = piece.empty() ? -1 : fieldNamed(h, piece);
+        for (; field >= 0; field = fieldNamed(h, piece, field + 1)) {
+            if (isNumeric(h->Fields[field])) return 1;
         }
         rest.remove_prefix(std::min(piece.size() + 1, rest.size()));
     }
@@ -249,7 +235,7 @@ const char* GetCalcStringI(DbfBase* h, int slot) {
     if (numeric != 0) {
         const double value = parseSqueezed(buffer, &numeric);
         if (numeric == 0) return nullptr;
-        printFixed(h->TextBuffer, value, kValueWidth, kValueDecimals);
+        printFixed(h->TextBuffer, value, kCalculatedWidth, kValueDecimals);
         return h->TextBuffer;
     }
     CheckBrackets(h, buffer);
