@@ -57,7 +57,16 @@ inline double exactValue(const StoredDecimal& d) {
     return d.negative ? -value : value;
 }
 
-/// atof of a text that ends where the view ends.
+/// Whether a decimal is all of a text but for blanks after it. (A number with an exponent, say, is
+/// not.)
+inline bool isWhole(const StoredDecimal& d, std::string_view text) {
+    const char* at = d.end;
+    const char* const end = text.data() + text.size();
+    while (at != end && *at == ' ') ++at;
+    return at == end;
+}
+
+/// atof of a text that ends where the view ends, if not at a zero byte.
 double readDecimal(std::string_view text);
 
 /// printf("%*.*f", width, decimals, value) into to; returns the length of the text, which ends with
@@ -73,6 +82,10 @@ inline constexpr std::size_t kFixedTextSize = 640;
 
 /// magnitude / 10^decimals, exactly, as printFixed would print it; decimals up to 19.
 std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, unsigned decimals);
+
+/// printFixed of the value of a text, without the way through a double: for one decimal with blanks
+/// around it and, with the decimals to print, at most kExactDigits digits. 0 for any other text.
+std::size_t printAnew(char* to, std::string_view text, unsigned width, unsigned decimals);
 
 /// printf("%*d", width, value) likewise.
 std::size_t printInteger(char* to, i32 value, unsigned width);

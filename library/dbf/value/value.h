@@ -27,6 +27,7 @@ inline const ValueRow& valueRow(const DbfBase* h, int field) {
 
 // text.cpp
 const char* renderNothing(DbfBase*, int field);
+const char* renderText(DbfBase*, int field);
 const char* renderLogical(DbfBase*, int field);
 const char* renderDecimal(DbfBase*, int field);
 const char* renderInteger(DbfBase*, int field);
