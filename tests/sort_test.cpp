@@ -2,6 +2,7 @@
 // compares two records at a time.
 #include <random>
 
+#include "dbf/table/private.h"
 #include "support.h"
 
 namespace {
@@ -41,7 +42,7 @@ Order plainOrder(DbfBase* h, const std::string& fields, StopCallback callback) {
 /// The order that SortBase makes; nothing when it makes none.
 Order baseOrder(DbfBase* h, const std::string& fields, StopCallback callback = nullptr) {
     EXPECT_EQ(SortBase(h, fields.c_str(), callback), 1) << fields;
-    Order order(h->SortOrder, h->SortOrder + h->SortOrderCount);
+    Order order(h->SortOrder, h->SortOrder + sortOrderCount(h));
     ClearSort(h);
     return order;
 }

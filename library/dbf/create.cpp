@@ -125,6 +125,7 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
     if (!file) return 0;
     std::copy_n(complete.get(), total, fields);
     bool written = writeExact(file.get(), image.get(), static_cast<u32>(layout.headerLength));
+    changesOf(file.get()).fetch_add(1, std::memory_order_acq_rel);
     written = std::fclose(file.release()) == 0 && written;
     if (createMemo != 0 && layout.memos) CreateMemoFile(path, kind, blockSize);
     return written ? 1 : 0;

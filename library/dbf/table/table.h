@@ -21,9 +21,12 @@ inline constexpr u32 kStatusVersion = 1;
 inline constexpr u32 kStatusFieldTypes = 2;
 inline constexpr u32 kStatusRecordCount = 4;
 
-inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
+/// A handle after Close_File, or one that never had a table.
+inline bool isClosed(const DbfBase* h) { return h->TableFile == nullptr; }
+/// A handle after Close_File, which leaves it its name.
+inline bool wasClosed(const DbfBase* h) { return isClosed(h) && h->FileName != nullptr; }
 
-inline constexpr u32 kAheadSize = sizeof(DbfBase::AheadBuffer);
+inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
 
 // types.cpp
 /// The first table field of a name, in any letter case, from a number on; -1 when there is none.
@@ -50,15 +53,20 @@ DbfField decodeDescriptor(const u8* from, u32 descriptorSize, bool foreign);
 char readFields(DbfBase*, bool fresh);
 
 // records.cpp
-/// Reads up to count bytes at a file offset of the table, from the bytes read ahead where they
-/// cover it. False when the offset cannot be reached; *got becomes the number of bytes read.
-bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got);
-/// Writes count bytes at a file offset of the table and keeps the bytes read ahead true.
+/// Reads up to count bytes at a file offset of the table; fresh ones are never from what is read
+/// ahead. False when the offset cannot be reached; *got becomes the number of bytes read.
+bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got, bool fresh = false);
+/// Reads a physical record into RecordBuffer, then calls AfterRead. False when not all of it could
+/// be read.
+bool readPhysicalRecord(DbfBase*, u32 record);
+/// ReadByte; fresh looks at the file in any case.
+bool readFlag(DbfBase*, u32 position, bool fresh);
+/// Writes count bytes at a file offset of the table.
 bool writeTable(DbfBase*, u64 offset, const void* buffer, u32 count);
 /// writeTable for a table file that stands at offset already.
 bool writeTableHere(DbfBase*, u64 offset, const void* buffer, u32 count);
-/// Forgets the bytes read ahead.
-void dropReadAhead(DbfBase*);
+/// Tells every handle of the file, this one included, that the file has changed.
+void tableChanged(DbfBase*);
 /// (size - HeaderLength) / RecordLength, 0 for a file shorter than its header.
 u32 recordsInFile(const DbfBase*, u64 size);
 

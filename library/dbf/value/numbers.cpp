@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/bytes.h"
 #include "internal/convert.h"
@@ -51,7 +52,7 @@ u32 GetInt(DbfBase* h, int field) {
     const auto bytes = fieldPrefix<4>(h, field);
     if (h->Level7 == 0) return loadLe32(bytes.data());
     const u32 value = loadBe32(bytes.data());
-    return h->ForeignLevel7 != 0 ? value ^ kTopBit32 : value & ~kTopBit32;
+    return isForeignLevel7(h) ? value ^ kTopBit32 : value & ~kTopBit32;
 }
 
 void SetInt(DbfBase* h, int field, u32 value) {
@@ -60,7 +61,7 @@ void SetInt(DbfBase* h, int field, u32 value) {
     if (h->Level7 == 0) {
         storeLe32(to, value);
     } else {
-        storeBe32(to, h->ForeignLevel7 != 0 ? value ^ kTopBit32 : value & ~kTopBit32);
+        storeBe32(to, isForeignLevel7(h) ? value ^ kTopBit32 : value & ~kTopBit32);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "dbf/table/position.h"
 #include "dbf/table/table.h"
 #include "internal/datelayout.h"
 #include "internal/restore.h"
@@ -108,10 +109,9 @@ void putPosition(char* to, u32 position) {
 }  // namespace
 
 std::size_t readSortKey(DbfBase* h, u32 position, char* key) {
-    // Reading reverses once more, which gives the position itself.
-    const u32 passed = h->Reverse != 0 ? reccount(h) - position - 1 : position;
-    // A record that cannot be read sorts as a blank one, not by what the buffer happens to hold.
-    if (ReadRecord(h, passed) == 0) ClearRecord(h);
+    u32 record = 0;
+    const bool read = recordFromStart(h, position, &record) && readPhysicalRecord(h, record);
+    if (!read) ClearRecord(h);  // sorts as a blank one, not by what the buffer happens to hold
     GetCompStr(position, key, h);
     IgnoreCase(h, key, h->OemConvert);
     const void* end = std::memchr(key, 0, kPartsSize);  // an UpperCaseCallback may have moved it
