@@ -12,7 +12,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
@@ -101,18 +100,24 @@ PreparedSlots* keptSlots(const DbfBase* h) {
     return static_cast<PreparedSlots*>(h->Private->expressions.get());
 }
 
+/// The same, made when there is nothing.
+PreparedSlots* keepSlots(DbfBase* h) {
+    if (h->Private->expressions == nullptr) {
+        const auto release = [](void* owned) { delete static_cast<PreparedSlots*>(owned); };
+        h->Private->expressions = {new PreparedSlots, release};
+    }
+    return keptSlots(h);
+}
+
 /// The prepared expression of a slot; null when it is empty or there is no memory. Where nothing
 /// can be kept, it is the caller's own.
-const PreparedSlot* prepared(DbfBase* h, int slot, std::optional<PreparedSlot>& own) {
+const PreparedSlot* prepared(DbfBase* h, int slot, std::unique_ptr<PreparedSlot>& own) {
     const CalcFieldSlot* const filled = filledSlot(h, slot);
     if (filled == nullptr) return nullptr;
     try {
-        if (h->Private == nullptr) return &own.emplace(prepareSlot(h, filled->Expression));
-        if (keptSlots(h) == nullptr) {
-            const auto release = [](void* owned) { delete static_cast<PreparedSlots*>(owned); };
-            h->Private->expressions = {new PreparedSlots, release};
-        }
-        std::unique_ptr<PreparedSlot>& kept = (*keptSlots(h))[static_cast<std::size_t>(slot)];
+        PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
+        std::unique_ptr<PreparedSlot>& kept =
+            all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own;
         if (kept == nullptr || !isCurrent(h, *kept, filled->Expression)) {
             kept = std::make_unique<PreparedSlot>(prepareSlot(h, filled->Expression));
         }
@@ -219,7 +224,7 @@ int GetCalcI(DbfBase* h, const char* name) {
 char if_digit_calc(DbfBase* h, const char* name) { return if_digit_calci(h, GetCalcI(h, name)); }
 
 char if_digit_calci(DbfBase* h, int slot) {
-    std::optional<PreparedSlot> own;
+    std::unique_ptr<PreparedSlot> own;
     const PreparedSlot* const p = prepared(h, slot, own);
     return p != nullptr && p->digit ? 1 : 0;
 }
@@ -229,7 +234,7 @@ const char* GetCalcString(DbfBase* h, const char* name) {
 }
 
 const char* GetCalcStringI(DbfBase* h, int slot) {
-    std::optional<PreparedSlot> own;
+    std::unique_ptr<PreparedSlot> own;
     const PreparedSlot* const p = prepared(h, slot, own);
     if (p == nullptr) return nullptr;
     return p->expression.numeric ? numberText(h, *p) : textOf(h, *p);
@@ -238,7 +243,7 @@ const char* GetCalcStringI(DbfBase* h, int slot) {
 double GetCalcValue(DbfBase* h, const char* name) { return GetCalcValueI(h, GetCalcI(h, name)); }
 
 double GetCalcValueI(DbfBase* h, int slot) {
-    std::optional<PreparedSlot> own;
+    std::unique_ptr<PreparedSlot> own;
     const PreparedSlot* const p = prepared(h, slot, own);
     double value = 0;
     return p != nullptr && p->expression.numeric && valueOf(h, *p, &value) ? value : 0.0;

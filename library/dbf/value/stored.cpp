@@ -20,9 +20,47 @@ std::string_view storedText(const DbfBase* h, const DbfField& f, std::size_t len
     return {reinterpret_cast<const char*>(h->RecordBuffer) + f.Offset, length};
 }
 
+/// Eight characters, the first in the lowest byte: blanks, then digits. False for anything else.
+bool readDigits(u64 text, u64* value) {
+    constexpr u64 ones = 0x0101010101010101;
+    text ^= ones * ' ';  // blanks become 0x00, digits 0x10 to 0x19
+    const u64 digits = text & ones * 0x10;
+    const u64 nibbles = text & ones * 0x0F;
+    const bool small = ((nibbles + ones * 6) & ones * 0x10) == 0;
+    const bool known = (text & ~(digits | (digits - (digits >> 4)))) == 0;
+    const bool aligned = (digits << 8 & ~digits) == 0;
+    // Neighbours are joined three times: to pairs, to fours, to eight digits.
+    u64 joined = nibbles * (1 + (10 << 8)) >> 8 & 0x00FF00FF00FF00FF;
+    joined = joined * (1 + (u64{100} << 16)) >> 16 & 0x0000FFFF0000FFFF;
+    *value = joined * (1 + (u64{10000} << 32)) >> 32;
+    return small && known && aligned;
+}
+
+/// A number as programs store it: right-aligned, all decimals there. False for any other text.
+bool alignedDecimal(const u8* text, const DbfField& f, double* value) {
+    constexpr unsigned widest = 8;  // of the part before the point
+    constexpr unsigned most = 7;    // decimals
+    const unsigned whole = f.Decimals != 0 ? f.Length - f.Decimals - 1u : f.Length;
+    if (whole - 1 >= widest || f.Decimals > most) return false;
+    const unsigned shift = 8 * (widest - whole);
+    constexpr u64 blanks = 0x2020202020202020;
+    const u64 first =
+        shift != 0 ? loadLe64(text) << shift | blanks >> (64 - shift) : loadLe64(text);
+    StoredDecimal d{};
+    d.decimals = f.Decimals;
+    if (!readDigits(first, &d.digits) || (f.Decimals != 0 && text[whole] != '.')) return false;
+    for (unsigned i = whole + 1; i < f.Length; ++i) {
+        if (!isDigit(static_cast<char>(text[i]))) return false;
+        d.digits = d.digits * 10 + (text[i] - u64{'0'});
+    }
+    *value = exactValue(d);
+    return true;
+}
+
 /// N and F. The value that counts is the one printed with the field's decimals: the same, unless
 /// decimals are cut off or the digits are more than a double keeps.
 bool decimalNumber(const DbfBase* h, const DbfField& f, double* value) {
+    if (alignedDecimal(h->RecordBuffer + f.Offset, f, value)) return true;
     const std::string_view text =
         storedText(h, f, std::min<std::size_t>(f.Length, kRecordBufferSize - f.Offset));
     const StoredDecimal d = scanDecimal(text);
