@@ -26,8 +26,7 @@ namespace {
 
 constexpr std::size_t kExpansionSize = 32768;  // an expression with its values, and a zero byte
 constexpr int kNoSlot = -1;
-constexpr int kSlots = 2048;
-constexpr unsigned kValueWidth = 20;
+constexpr int kSlots = kFieldMax;
 constexpr unsigned kValueDecimals = 6;
 
 constexpr std::string_view chrdigit = "+-*/() ";
@@ -63,8 +62,9 @@ using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kSlots>;
 bool namesNumber(const DbfBase* h, std::string_view text) {
     while (!text.empty()) {
         const std::string_view piece = text.substr(0, text.find_first_of(chrdigit));
-        for (int field = 0; field < h->FieldCount && !piece.empty(); ++field) {
-            if (isNamed(h->Fields[field], piece) && isNumeric(h->Fields[field])) return true;
+        int field = piece.empty() ? -1 : fieldNamed(h, piece);
+        for (; field >= 0; field = fieldNamed(h, piece, field + 1)) {
+            if (isNumeric(h->Fields[field])) return true;
         }
         text.remove_prefix(std::min(piece.size() + 1, text.size()));
     }
@@ -155,7 +155,7 @@ bool valueOf(DbfBase* h, const PreparedSlot& p, double* value) {
 const char* numberText(DbfBase* h, const PreparedSlot& p) {
     double value = 0;
     if (!valueOf(h, p, &value)) return nullptr;
-    printFixed(h->TextBuffer, value, kValueWidth, kValueDecimals);
+    printFixed(h->TextBuffer, value, kCalculatedWidth, kValueDecimals);
     return h->TextBuffer;
 }
 

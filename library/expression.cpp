@@ -29,7 +29,7 @@ bool contains(std::string_view set, char c) { return set.find(c) != std::string_
 
 bool isLetterOrDigit(char c) {
     const u8 lower = lowerAscii(c);
-    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9');
+    return (lower >= 'a' && lower <= 'z') || isDigit(c);
 }
 
 bool isWordByte(char c) { return isLetterOrDigit(c) || c == '_' || static_cast<u8>(c) >= 0x80; }
@@ -39,14 +39,6 @@ std::string_view candidate(std::string_view text) {
     const std::string_view name = text.substr(0, kNameLength);
     const auto end = std::find_if_not(name.begin(), name.end(), isWordByte);
     return name.substr(0, static_cast<std::size_t>(end - name.begin()));
-}
-
-/// The first table field of a name, -1 when there is none.
-int tableFieldNamed(const DbfBase* h, std::string_view name) {
-    for (int field = 0; field < h->FieldCount; ++field) {
-        if (isNamed(h->Fields[field], name)) return field;
-    }
-    return -1;
 }
 
 void addByte(Expression& e, char c, bool isOperator) {
@@ -110,10 +102,6 @@ bool writeOpen(const DbfBase* h, ExpressionParts parts, std::string* text,
 
 }  // namespace
 
-bool isNamed(const DbfField& f, std::string_view name) {
-    return compareIgnoringCase(f.Name, name.data(), name.size()) == 0 && f.Name[name.size()] == 0;
-}
-
 Expression readExpression(const DbfBase* h, std::string_view rest) {
     Expression e;
     char quote = 0;       // that is open
@@ -129,7 +117,7 @@ Expression readExpression(const DbfBase* h, std::string_view rest) {
         if (outside && isWordByte(c) && !inWord) {
             inWord = true;
             const std::string_view name = candidate(rest);
-            const int field = tableFieldNamed(h, name);
+            const int field = fieldNamed(h, name);
             if (field >= 0) {
                 e.parts.push_back({{}, field});
                 e.numeric = e.numeric || isNumeric(h->Fields[field]);
@@ -145,10 +133,9 @@ Expression readExpression(const DbfBase* h, std::string_view rest) {
 }
 
 std::string_view valueText(DbfBase* h, int field) {
-    const char type = h->Fields[field].Type;
-    const bool dated = type == 'D' || type == 'T' || type == '@';
+    const bool dated = isDateOrMoment(h->Fields[field]);
     const Restore format(h->DateFormat, dated ? kDigitsFormat : h->DateFormat);
-    return renderField(h, field);
+    return valueRow(h, field).render(h, field);
 }
 
 void writeParts(DbfBase* h, ExpressionParts parts, TextOut& out) {

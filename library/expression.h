@@ -28,7 +28,6 @@ struct Expression {
     bool numeric = false;   ///< a numeric field is among the parts
 };
 Expression readExpression(const DbfBase*, std::string_view text);
-bool isNamed(const DbfField&, std::string_view name);
 
 /// The text of a table field, dates as digits that begin with the year.
 std::string_view valueText(DbfBase*, int field);

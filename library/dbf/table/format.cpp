@@ -98,13 +98,15 @@ FieldList listToTerminator(const DbfBase* h, const Descriptors& list) {
     return measure(h, list, count);
 }
 
-/// The list up to the end of the header, without the zeros that Visual FoxPro leaves there.
+bool takesNothing(const Descriptors& list, u32 i) {
+    return fieldLength(decodeDescriptor(list.at(i), list.size, false)) == 0 &&
+           fieldLength(decodeDescriptor(list.at(i), list.size, true)) == 0;
+}
+
+/// The list up to the end of the header, where Visual FoxPro keeps zeros or the path of a database.
 FieldList listToHeaderEnd(const DbfBase* h, const Descriptors& list) {
     u32 count = std::min(list.count, (h->Header.HeaderLength - h->HeaderSize) / list.size);
-    for (; count != 0; --count) {
-        const DbfField last = decodeDescriptor(list.at(count - 1), list.size, false);
-        if (last.Type != 0 || last.Length != 0) break;
-    }
+    while (count != 0 && takesNothing(list, count - 1)) --count;
     return measure(h, list, count);
 }
 

@@ -9,11 +9,8 @@
 #include "internal/file.h"
 
 namespace mira {
-namespace {
 
-/// Reads count bytes at a file offset of the table, fewer at its end. False when the offset cannot
-/// be reached; *got becomes the number of bytes read.
-bool readTable(DbfBase* h, u64 offset, void* buffer, u32 count, bool fresh, u32* got) {
+bool readTable(DbfBase* h, u64 offset, void* buffer, u32 count, u32* got, bool fresh) {
     if (h->Private != nullptr) {
         const u32 gap = h->Header.RecordLength;
         return h->Private->ahead.read(h->TableFile, offset, buffer, count, gap, fresh, got);
@@ -22,8 +19,6 @@ bool readTable(DbfBase* h, u64 offset, void* buffer, u32 count, bool fresh, u32*
     *got = ReadFile(h->TableFile, buffer, static_cast<i32>(count));
     return true;
 }
-
-}  // namespace
 
 bool writeTableHere(DbfBase* h, u64 offset, const void* buffer, u32 count) {
     const bool written = writeExact(h->TableFile, buffer, count);
@@ -48,15 +43,18 @@ u32 recordsInFile(const DbfBase* h, u64 size) {
 }
 
 u32 reccount(DbfBase* h) {
+    if (wasClosed(h)) return 0;
     return h->FilterIndex != nullptr ? h->FilterCount : h->Header.RecordCount;
 }
 
 u32 recno(DbfBase* h, u32 position) {
+    if (wasClosed(h)) return 0;
     if (h->FilterIndex == nullptr) return position;
     return position < h->FilterCount ? h->FilterIndex[position] : kNoPosition;
 }
 
 u32 GetOrder(DbfBase* h, u32 position) {
+    if (wasClosed(h)) return 0;
     if (h->SortOrder == nullptr) return position;
     const u32 count = reccount(h);
     if (position >= count) return kNoPosition;
@@ -65,12 +63,14 @@ u32 GetOrder(DbfBase* h, u32 position) {
 }
 
 u32 fieldcount(DbfBase* h) {
+    if (wasClosed(h)) return 0;
     const CalcFieldTable* calc = h->CalcFields;
     return calc != nullptr && calc->FieldTotal > 0 ? static_cast<u32>(calc->FieldTotal)
                                                    : h->FieldCount;
 }
 
 i32 fieldno(DbfBase* h, int index) {
+    if (wasClosed(h)) return 0;
     return index >= 0 && index < static_cast<int>(kFieldMax) ? h->FieldMap[index] : -1;
 }
 
@@ -93,7 +93,7 @@ int SeekField(DbfBase* h, u32 position, int field) {
 bool readPhysicalRecord(DbfBase* h, u32 record) {
     u32 got = 0;
     const u32 length = h->Header.RecordLength;
-    if (!readTable(h, offsetOf(h, record), h->RecordBuffer, length, false, &got)) return false;
+    if (!readTable(h, offsetOf(h, record), h->RecordBuffer, length, &got)) return false;
     if (h->AfterRead != nullptr) h->AfterRead(h);
     return got == length;
 }
@@ -104,7 +104,8 @@ int ReadRecord(DbfBase* h, u32 position) {
 }
 
 int GetRecord(DbfBase* h, u32 position) {
-    if (position == h->CurrentRecord && position != kNoPosition) return 1;
+    if (isClosed(h) || position == kNoPosition) return 0;
+    if (position == h->CurrentRecord) return 1;
     h->CurrentRecord = position;
     return ReadRecord(h, position);
 }
@@ -113,7 +114,7 @@ bool readFlag(DbfBase* h, u32 position, bool fresh) {
     u32 record = 0;
     u32 got = 0;
     if (!recordAt(h, position, &record) ||
-        !readTable(h, offsetOf(h, record), &h->DeleteFlag, 1, fresh, &got)) {
+        !readTable(h, offsetOf(h, record), &h->DeleteFlag, 1, &got, fresh)) {
         return false;
     }
     if (h->AfterReadByte != nullptr) h->AfterReadByte(h);
@@ -126,10 +127,10 @@ int ReadField(DbfBase* h, u32 position, int field) {
     const DbfField* f = tableField(h, field);
     u32 record = 0;
     u32 got = 0;
-    if (f == nullptr || !recordAt(h, position, &record)) return 0;
+    if (f == nullptr || isClosed(h) || !recordAt(h, position, &record)) return 0;
     const std::span<u8> bytes = fieldBytes(h, field);
     const auto length = static_cast<u32>(bytes.size());
-    if (!readTable(h, offsetOf(h, record, f->Offset), bytes.data(), length, false, &got)) {
+    if (!readTable(h, offsetOf(h, record, f->Offset), bytes.data(), length, &got)) {
         return 0;
     }
     return got == length ? 1 : 0;

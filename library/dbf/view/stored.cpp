@@ -75,22 +75,10 @@ std::string constantText(DbfBase* h, std::string text, bool folded) {
     return StrEval(text.data(), h);
 }
 
-StoredText::Kind kindOf(char type) {
-    switch (type) {
-        case 'C':
-        case 'Q':
-        case 'V':
-        case '0':
-            return StoredText::Characters;
-        case 'L':
-            return StoredText::Letter;
-        case 'D':
-        case 'T':
-        case '@':
-            return StoredText::Date;
-        default:
-            return StoredText::Other;
-    }
+StoredText::Kind kindOf(const DbfField& f) {
+    if (isText(f)) return StoredText::Characters;
+    if (isDateOrMoment(f)) return StoredText::Date;
+    return valueClass(f) == ValueClass::Logical ? StoredText::Letter : StoredText::Other;
 }
 
 /// False for what the rule has to write out.
@@ -103,7 +91,7 @@ bool prepareText(DbfBase* h, Operand& operand) {
     }
     t.literals = t.before.size() + t.after.size();
     if (t.field >= 0) {
-        t.kind = kindOf(h->Fields[t.field].Type);
+        t.kind = kindOf(h->Fields[t.field]);
         return isPlain(t.before) && isPlain(t.after);
     }
     t.text = constantText(h, t.before, false);
