@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "dbf/table/private.h"
 #include "support/reference.h"
 
 namespace test {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "support/reference.h"
 
 namespace test {
