@@ -83,7 +83,16 @@ struct Source {
             "PRICE;QTY;ONE;FINE;SUM;WIDE;FRAC;CNT;AUTO;CASH;DBL;DEEP;ORD;price;5;2;0;1.5;"
             ".5;1E2;10;3;2E;NAME");
     }
+    /// At the limits of the parser, or with a number that does not stand alone.
+    std::string edge() {
+        const int count = static_cast<int>(below(6));
+        if (oneIn(3)) return repeat("(", 24 + count) + number() + repeat(")", 24 + count);
+        std::string text = pick("'2'QTY;QTY'5';ONE'.5';ONE'E2';'2E'ONE;.QTY;ONE\"\"ONE;2E+ONE;QTY");
+        for (int i = 0; i < count + 2; ++i) text += "+" + number();
+        return text;
+    }
     std::string arithmetic(int depth) {
+        if (oneIn(16)) return edge();
         const std::string blank = pick(";;;; ;  ");
         if (depth == 0 || oneIn(4)) return blank + number() + blank;
         const std::string inner = arithmetic(depth - 1);
@@ -128,6 +137,7 @@ int toOem(const char* from, char* to, u32 length) {
 int turnOptions(DbfBase* h) {
     h->RawNumeric = h->RecordBuffer[20] % 2;
     h->NoBracketCheck = h->RecordBuffer[21] % 2;
+    h->DateFormat = h->RecordBuffer[22] % 2;
     return 0;
 }
 
