@@ -29,7 +29,7 @@ bool contains(std::string_view set, char c) { return set.find(c) != std::string_
 
 bool isLetterOrDigit(char c) {
     const u8 lower = lowerAscii(c);
-    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9');
+    return (lower >= 'a' && lower <= 'z') || isDigit(c);
 }
 
 bool isWordByte(char c) { return isLetterOrDigit(c) || c == '_' || static_cast<u8>(c) >= 0x80; }

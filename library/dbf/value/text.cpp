@@ -16,7 +16,6 @@ namespace {
 
 constexpr std::size_t kWordSize = sizeof(u64);
 
-constexpr unsigned kOrderedDecimals = 8;
 constexpr unsigned kCurrencyDecimals = 4;
 
 /// True for a stored number that printing with the field's width and decimals would reproduce:

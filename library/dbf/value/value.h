@@ -28,6 +28,7 @@ inline const ValueRow& valueRow(const DbfBase* h, int field) {
 }
 
 // text.cpp
+inline constexpr unsigned kOrderedDecimals = 8;  // of ordered doubles
 const char* renderNothing(DbfBase*, int field);
 const char* renderText(DbfBase*, int field);
 const char* renderLogical(DbfBase*, int field);
@@ -49,7 +50,7 @@ bool storedNumber(DbfBase*, int field, double*);
 /// Characters of that text at most; no more than kSqueezedNumber without superfluous blanks.
 std::size_t storedNumberWidth(const DbfField&);
 inline constexpr std::size_t kSqueezedNumber = 24;
-/// The text of a D, T or "@" field in kDigitsFormat. False where it has to be rendered.
-bool storedDate(const DbfBase*, int field, std::string_view*);
+/// The text of a date or moment in kDigitsFormat. False where it has to be rendered.
+bool storedDate(DbfBase*, int field, std::string_view*);
 
 }  // namespace mira

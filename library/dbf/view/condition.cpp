@@ -87,9 +87,8 @@ Condition prepareCondition(DbfBase* h, std::string_view text) {
     return c;
 }
 
-bool conditionHolds(DbfBase* h, const Condition& c) {
+bool writtenHolds(DbfBase* h, const Condition& c) {
     if (c.op->first == 0) return false;
-    if (const std::optional<bool> known = storedHolds(h, c)) return *known;
     FilterWork& work = *h->FilterState;
     TextOut left(work.LeftText, kConditionLength + 1);
     TextOut right(work.RightText, kConditionLength + 1);
