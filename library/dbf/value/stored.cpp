@@ -58,9 +58,7 @@ bool decimalNumber(DbfBase* h, int field, const DbfField& f, double* value) {
     const std::string_view text = storedText(h, field);
     const StoredDecimal d = scanDecimal(text);
     const std::size_t count = d.whole + d.decimals;
-    const char* end = d.end;
-    while (end != text.data() + text.size() && *end == ' ') ++end;
-    if (end != text.data() + text.size() || count > kExactDigits) return false;
+    if (!isWhole(d, text) || count > kExactDigits) return false;
     if (count == 0 && (d.negative || d.point)) return false;
     *value = exactValue(d);
     if (h->RawNumeric != 0) return true;
