@@ -41,7 +41,7 @@ constexpr u64 kPowersOfTen[kExactDecimals + 1] = {1ULL,
 
 bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-/// Right-aligns body behind blanks.
+/// Right-aligns body after blanks.
 std::size_t alignRight(char* to, std::string_view body, unsigned width) {
     const std::size_t pad = body.size() < width ? width - body.size() : 0;
     std::memset(to, ' ', pad);

@@ -44,7 +44,7 @@ const char* renderDate(DbfBase*, int field);
 const char* renderMoment(DbfBase*, int field);
 
 // stored.cpp: what rendering a value and reading its text would lead to, told without either.
-/// The number that the text of a numeric field stands for in arithmetic: one token, behind a minus
+/// The number that the text of a numeric field stands for in arithmetic: one token, after a minus
 /// when its sign bit is set, and blanks. False where only the text can tell.
 bool storedNumber(DbfBase*, int field, double*);
 /// Characters of that text at most; no more than kSqueezedNumber without superfluous blanks.

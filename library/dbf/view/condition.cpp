@@ -97,9 +97,9 @@ bool writtenHolds(DbfBase* h, const Condition& c) {
     if (left.cut() || right.cut()) return false;
     if (left.length() + operatorLength(*c.op) + right.length() > kConditionLength) return false;
     const OperatorRow& op = c.openOperator ? operatorOf(c.op->first, *right.data()) : *c.op;
-    char* const behind = right.data() + operatorLength(op) - operatorLength(*c.op);
-    return c.numeric ? numbersHold(h, op.number, left.data(), behind)
-                     : textsHold(h, op.text, left.data(), behind);
+    char* const rest = right.data() + operatorLength(op) - operatorLength(*c.op);
+    return c.numeric ? numbersHold(h, op.number, left.data(), rest)
+                     : textsHold(h, op.text, left.data(), rest);
 }
 
 }  // namespace mira

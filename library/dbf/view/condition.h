@@ -53,7 +53,8 @@ struct Operand {
     StoredText text;    ///< of texts
 };
 
-/// A condition taken apart once for many records. Holds as long as NoBracketCheck does.
+/// A condition taken apart once for many records. Valid while NoBracketCheck is
+/// unchanged.
 struct Condition {
     bool numeric = false;
     bool openOperator = false;  ///< a field follows the operator, its text may complete it
