@@ -19,24 +19,24 @@ namespace mira {
 
 namespace {
 
-constexpr std::size_t kNameLength = 10;
+constexpr std::size_t kNameInExpression = 10;
 
 constexpr std::string_view quotes = "\"'";
-constexpr std::string_view kOperators = "><=~^+-/*()";
+constexpr std::string_view kOperatorBytes = "><=~^+-/*()";
 constexpr std::string_view kDigits = "0123456789";
 
 bool contains(std::string_view set, char c) { return set.find(c) != std::string_view::npos; }
 
 bool isLetterOrDigit(char c) {
     const u8 lower = lowerAscii(c);
-    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9');
+    return (lower >= 'a' && lower <= 'z') || isDigit(c);
 }
 
 bool isWordByte(char c) { return isLetterOrDigit(c) || c == '_' || static_cast<u8>(c) >= 0x80; }
 
 /// The name that may stand at the beginning of a word.
 std::string_view candidate(std::string_view text) {
-    const std::string_view name = text.substr(0, kNameLength);
+    const std::string_view name = text.substr(0, kNameInExpression);
     const auto end = std::find_if_not(name.begin(), name.end(), isWordByte);
     return name.substr(0, static_cast<std::size_t>(end - name.begin()));
 }
@@ -126,7 +126,7 @@ Expression readExpression(const DbfBase* h, std::string_view rest) {
             }
         }
         if (outside && !isWordByte(c)) inWord = false;
-        addByte(e, c, outside && contains(kOperators, c));
+        addByte(e, c, outside && contains(kOperatorBytes, c));
         rest.remove_prefix(1);
     }
     return e;

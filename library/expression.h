@@ -21,7 +21,7 @@ struct ExpressionPart {
 };
 using ExpressionParts = std::span<const ExpressionPart>;
 
-/// Holds as long as the names and types of the fields do.
+/// Valid while the names and types of the fields are unchanged.
 struct Expression {
     std::vector<ExpressionPart> parts;
     int operatorPart = -1;  ///< it begins with the first operator character; -1: there is none

@@ -49,7 +49,7 @@ public:
     /// The first record number, not below another one, that the file does not hold.
     u32 spare(u32 atLeast) const { return std::max(atLeast, recordsInFile(h_, size_)); }
 
-    /// Cuts off what moving has copied behind count records.
+    /// Cuts off what moving has copied past count records.
     bool cutSpare(u32 count) {
         return !move.usedSpare() || cutAt(h_, std::max(size_, offsetOf(h_, count)));
     }

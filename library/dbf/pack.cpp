@@ -24,7 +24,7 @@ bool isWritable(const DbfBase* h) {
 }
 
 /// Writes kept records to their new places. Without hooks, which may look at the file, they are
-/// gathered and go out many at a time; a record's new place never lies behind one still unread.
+/// gathered and go out many at a time; a record's new place never lies after one still unread.
 class KeptRecords {
 public:
     explicit KeptRecords(DbfBase* h)
@@ -66,7 +66,7 @@ private:
     u32 next_ = 0;
 };
 
-/// Moves the records that are not marked deleted to the front and cuts the table behind them.
+/// Moves the records that are not marked deleted to the front and cuts the table after them.
 int packRecords(DbfBase* h, bool writable) {
     KeptRecords kept(h);
     if (!kept.ready()) return 0;

@@ -41,7 +41,7 @@ constexpr u64 kPowersOfTen[kExactDecimals + 1] = {1ULL,
 
 bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-/// Right-aligns body behind blanks.
+/// Right-aligns body after blanks.
 std::size_t alignRight(char* to, std::string_view body, unsigned width) {
     const std::size_t pad = body.size() < width ? width - body.size() : 0;
     std::memset(to, ' ', pad);
@@ -113,10 +113,6 @@ u64 putDigits(char* end, u64 value, unsigned count) {
 
 double readDecimal(std::string_view text) {
     const char* const end = text.data() + text.size();
-    const StoredDecimal number = scanDecimal(text);
-    if ((number.end == end || *number.end == ' ') && isExact(number)) {
-        return number.whole + number.decimals != 0 ? exactValue(number) : 0.0;
-    }
     const char* at = text.data();
     while (at != end && isSpace(*at)) ++at;
     const char* start = at;
@@ -142,7 +138,8 @@ std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, 
     const unsigned digits = std::max(countDigits(magnitude), decimals + 1);
     const unsigned length = (negative ? 1 : 0) + digits + (decimals != 0 ? 1 : 0);
     const unsigned pad = width > length ? width - length : 0;
-    std::memset(to, ' ', pad);
+    constexpr unsigned usual = 24;  // a fixed size takes no call; what is too much is overwritten
+    std::memset(to, ' ', pad <= usual ? usual : pad);
     char* const end = to + pad + length;
     *end = 0;
     if (negative) to[pad] = '-';
@@ -154,6 +151,14 @@ std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, 
         putDigits(end, magnitude, digits);
     }
     return pad + length;
+}
+
+std::size_t printAnew(char* to, std::string_view text, unsigned width, unsigned decimals) {
+    const StoredDecimal d = scanDecimal(text);
+    if (!isWhole(d, text) || d.decimals > decimals || d.whole + decimals > kExactDigits) return 0;
+    const bool negative = d.negative && d.whole + d.decimals != 0;
+    return printScaled(to, negative, d.digits * kPowersOfTen[decimals - d.decimals], width,
+                       decimals);
 }
 
 std::size_t printInteger(char* to, i32 value, unsigned width) {

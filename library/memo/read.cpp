@@ -40,7 +40,7 @@ MemoRead readToEnd(std::FILE* file, u32 limit, Block<char>* memo, u32* length) {
     return MemoRead::Found;
 }
 
-/// Length of the data behind a prefix; false when it begins no memo.
+/// Length of the data after a prefix; false when it is not a memo prefix.
 bool decodePrefix(const MemoFamily& family, const u8* prefix, u32* length) {
     if (std::memcmp(prefix, family.mark, family.markChecked) != 0) return false;
     const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
@@ -102,7 +102,7 @@ u32 blockUnit(DbfBase* h, const MemoFamily& family) {
     return unit;
 }
 
-/// The same with the memo file opened for the while.
+/// The same with the memo file opened for the duration.
 char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
     const OpenMemoFile open(h);
     return open ? getMemo(h, family, reference, length) : nullptr;

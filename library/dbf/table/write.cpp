@@ -58,7 +58,7 @@ bool growView(DbfBase* h) {
 void joinView(DbfBase* h) {
     const u32 count = reccount(h);
     if (h->SortOrder != nullptr) {
-        // Records that have appeared behind the sorted ones stand for themselves, as does this one.
+        // Records that have appeared after the sorted ones stand for themselves, as does this one.
         const u32 sorted = sortOrderCount(h);
         u32 place = sorted != 0 ? std::min(sorted, count) : count;
         for (; place <= count; ++place) h->SortOrder[place] = place;

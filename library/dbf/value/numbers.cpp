@@ -102,7 +102,9 @@ double GetNumeric(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return 0.0;
     const std::string_view text = storedText(h, field).substr(0, f->Length);
-    return readDecimal(text.substr(0, text.find('\0')));
+    const StoredDecimal number = scanDecimal(text);
+    if (!isWhole(number, text) || !isExact(number)) return readDecimal(text);
+    return number.whole + number.decimals != 0 ? exactValue(number) : 0.0;
 }
 
 double GetFloat(DbfBase* h, int field) { return GetNumeric(h, field); }

@@ -35,9 +35,9 @@ constexpr ValueRow rowOf(ValueClass value) {
         case ValueClass::None:
             return {renderNothing, noNumber, storeNothing};
         case ValueClass::Text:
-            return {GetString, noNumber, storeText<SetString>};
+            return {renderText, noNumber, storeText<SetString>};
         case ValueClass::System:
-            return {GetString, noNumber, storeNothing};
+            return {renderText, noNumber, storeNothing};
         case ValueClass::Logical:
             return {renderLogical, noNumber, storeText<setLogical>};
         case ValueClass::Date:
