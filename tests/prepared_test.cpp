@@ -266,6 +266,14 @@ TEST_F(Prepared, ABlankNumberShownAsStoredIsOneCharacterLonger) {
     }
 }
 
+TEST_F(Prepared, FollowsADateFormatThatAHookSets) {
+    const Table day =
+        openLayout(folder, {.columns = {{"BORN", 'D', 8}}, .records = {" 20240305"}}, "day.dbf");
+    day->AfterRead = [](DbfBase* base) { return base->DateFormat = 1; };
+    ASSERT_EQ(set_filter(day.get(), "BORN=DTOS(05.03.2024)", nullptr), day.get());
+    EXPECT_EQ(reccount(day.get()), 1u);
+}
+
 DbfBase* sorted = nullptr;
 int sortOnce() { return sorted->SortOrder == nullptr && SortBase(sorted, "NAME", nullptr) == 0; }
 
