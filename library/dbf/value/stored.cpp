@@ -83,9 +83,8 @@ bool storedNumber(DbfBase* h, int field, double* value) {
     const DbfField& f = h->Fields[field];
     switch (valueClass(f)) {
         case ValueClass::Decimal:
-            if (alignedDecimal(h->RecordBuffer + f.Offset, f, value)) [[likely]]
-                return true;
-            return scannedDecimal(h, field, f, value);
+            return alignedDecimal(h->RecordBuffer + f.Offset, f, value) ||
+                   scannedDecimal(h, field, f, value);
         case ValueClass::Integer:
             *value = static_cast<i32>(GetInt(h, field));
             return true;
