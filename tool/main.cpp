@@ -68,6 +68,13 @@ int runProgram(int argc, char** argv) {
     addTables(program, job);
     addShow(program, job);
     addExport(program, job);
+    addQuery(program, job);
+    addImport(program, job);
+    addSet(program, job);
+    addDelete(program, job);
+    addRecall(program, job);
+    addPack(program, job);
+    addZap(program, job);
     addCommonOptions(program, common);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {
