@@ -12,7 +12,6 @@
 #include "database.h"
 #include "message.h"
 #include "output.h"
-#include "progress.h"
 #include "selection.h"
 #include "table/find.h"
 #include "table/refusal.h"
@@ -23,8 +22,6 @@ namespace mira::tool {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr u32 kProgressStep = 4096;
 
 struct Options {
     std::vector<std::string> names;
@@ -104,19 +101,6 @@ void addRefusal(Work& work, const std::string& sentence) {
     ++work.refused;
 }
 
-/// Calls take for every row and keeps the bar going.
-template <typename Take>
-void eachRow(Selection& selection, Take take) {
-    Progress progress(selection.table->path, selection.end - selection.position);
-    u32 told = 0;
-    while (nextRow(selection)) {
-        take();
-        if (selection.read - told < kProgressStep) continue;
-        progress.add(selection.read - told);
-        told = selection.read;
-    }
-}
-
 void countTable(Work& work, const Selection& selection, const Target& target) {
     const bool faulty = tellFaults(selection);
     const u32 total = selection.table->base->Header.RecordCount;
@@ -144,14 +128,14 @@ void writeText(Work& work, Selection& selection, const Target& target) {
     writer->begin(headings);
     const std::vector<Column>& columns = selection.columns;
     Value value;
-    eachRow(selection, [&] {
+    while (nextRow(selection)) {
         writer->beginRow();
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
             writer->cell(i, value);
         }
         writer->endRow();
-    });
+    }
     writer->end();
     out.finish();
     if (writer->guarded != 0) {
@@ -255,13 +239,13 @@ void exportTable(Work& work, Selection& selection, Database& database) {
     database.addTable(name, selection.columns);
     const std::vector<Column>& columns = selection.columns;
     Value value;
-    eachRow(selection, [&] {
+    while (nextRow(selection)) {
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
             database.cell(i, columns[i], value, lastsForRecord(*selection.table, value.text));
         }
         database.endRow();
-    });
+    }
     countTable(work, selection, work.targets[0]);
 }
 
@@ -387,9 +371,8 @@ void addExport(CLI::App& program, Job& job) {
     command
         .add_option("-o,--output", options->out, "File, folder or database; - for standard output")
         ->type_name("OUT");
-    command.add_option("-F,--format", options->format, "csv, tsv, json, jsonl or sqlite")
-        ->type_name("FORMAT")
-        ->transform(CLI::CheckedTransformer(kFormats).description(""));
+    addChoice(command, "-F,--format", "csv, tsv, json, jsonl or sqlite", "FORMAT", kFormats,
+              options->format);
     command.add_flag("--force", options->force, "Replace files that are there");
     command.add_option("-j,--jobs", options->jobs, "Tables at a time (default: processors)")
         ->type_name("N");

@@ -45,6 +45,9 @@ Status runTables(const Options& options) {
                     {"repaired"}};
     std::vector<std::vector<std::string>> rows;
     Status status = kDone;
+    if (!std::filesystem::is_directory(options.folder)) {
+        throw Refusal(options.folder + ": no such folder");
+    }
     for (const std::string& path : findTables({options.folder}, options.recursive)) {
         leaveIfStopped();
         try {

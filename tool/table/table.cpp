@@ -224,6 +224,15 @@ void noteUnknownTypes(Table& table) {
     }
 }
 
+void noteMissingMemoFile(Table& table) {
+    const DbfBase& base = *table.base;
+    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return;
+    std::error_code ignored;
+    if (std::filesystem::exists(base.MemoFileName, ignored)) return;
+    const std::string name = std::filesystem::path(base.MemoFileName).filename().string();
+    table.notes.push_back("its memo file " + name + " is missing");
+}
+
 }  // namespace
 
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
@@ -252,6 +261,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     nameForLibrary(*table);
     readAsText(*table);
     noteUnknownTypes(*table);
+    noteMissingMemoFile(*table);
     return table;
 }
 
