@@ -170,18 +170,20 @@ std::size_t literalLength(const Table& table, const std::string& translated) {
     return length;
 }
 
+/// Whether the library compares the stored characters.
 bool isTextColumn(const Column& column) {
-    return column.kind == Kind::Text || column.kind == Kind::Varchar ||
-           column.kind == Kind::Varbinary || column.kind == Kind::Bytes;
+    return column.type == 'C' || column.type == 'V' || column.type == 'Q';
 }
 
-void noteBlanks(const Column& column, std::string_view left, std::string_view right) {
-    if (!isTextColumn(column) && column.kind != Kind::Logical && column.kind != Kind::Date) return;
-    const bool beside = left != trimmed(left) || (!right.empty() && right.front() == ' ');
-    if (beside) {
-        note("blanks beside an operator belong to the compared texts: write {}=... without them",
-             column.name);
-    }
+/// A blank left of the operator, or behind one that does not search inside texts, is hardly meant.
+void noteBlanks(const Column& column, std::string_view condition, std::size_t place,
+                std::string_view right) {
+    constexpr std::string_view kSearching = "~^";
+    if (!isTextColumn(column) && column.type != 'L' && column.type != 'D') return;
+    const std::string_view left = condition.substr(0, place);
+    const bool searching = kSearching.find(condition[place]) != std::string_view::npos;
+    if (left == trimmed(left) && (searching || !right.starts_with(' '))) return;
+    note("\"{}\": blanks beside the operator belong to the compared texts", trimmed(condition));
 }
 
 /// A date as it is shown, "2024-01-31", or a moment, as the library compares it: by its digits.
@@ -190,7 +192,7 @@ std::string plainMoment(const Column& column, std::string right) {
     const auto fits = [](char c, char pattern) {
         return pattern == 'd' ? c >= '0' && c <= '9' : c == pattern;
     };
-    if (column.kind != Kind::Date && column.kind != Kind::Moment) return right;
+    if (column.type != 'D' && column.type != 'T' && column.type != '@') return right;
     if (right.size() < kShown.size() ||
         !std::equal(kShown.begin(), kShown.end(), right.begin(),
                     [&](char pattern, char c) { return fits(c, pattern); })) {
@@ -212,7 +214,7 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
                                     placeOf(condition.substr(place + 1, 1), "<>=") == 0);
     const std::size_t behind = place + (twoSigns ? 2 : 1);
     const std::string right = plainMoment(column, std::string(condition.substr(behind)));
-    noteBlanks(column, condition.substr(0, place), right);
+    noteBlanks(column, condition, place, right);
     if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
         note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
              column.name);
@@ -220,8 +222,7 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
 
     std::string translated = forLibrary(table, right);
     const std::size_t literal = literalLength(table, translated);
-    if (exact && column.kind == Kind::Text && literal != std::string::npos &&
-        literal < column.length) {
+    if (exact && column.type == 'C' && literal != std::string::npos && literal < column.length) {
         translated.append(column.length - literal, ' ');
     }
     if (isTextColumn(column) && column.length + translated.size() + 2 > kConditionLength) {

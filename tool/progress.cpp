@@ -17,7 +17,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr auto kDelay = 500ms;  // work that is done sooner shows no bar
+constexpr auto kDelay = 200ms;  // work that is done sooner shows no bar
 constexpr auto kInterval = 100ms;
 constexpr int kBarWidth = 20;
 
