@@ -1,4 +1,4 @@
-# Install rules, the CMake package, the pkg-config file, and the Debian packages of `cpack`.
+# Install rules, the CMake package and the pkg-config file.
 
 include(CMakePackageConfigHelpers)
 
@@ -51,46 +51,15 @@ endforeach()
 configure_file(cmake/mira.pc.in ${PROJECT_BINARY_DIR}/mira.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/mira.pc DESTINATION ${pc_dir} COMPONENT development)
 
+# Programs find the shared library of their own installation, wherever that is moved.
+set(install_rpath "")
 if(BUILD_SHARED_LIBS AND NOT IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
     file(RELATIVE_PATH from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-    set_target_properties(miradump PROPERTIES INSTALL_RPATH "$ORIGIN/${from_bin}")
+    set(install_rpath "$ORIGIN/${from_bin}")
 endif()
-install(TARGETS miradump RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(FILES docs/miradump.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+if(MIRA_BUILD_DUMP)
+    set_target_properties(miradump PROPERTIES INSTALL_RPATH "${install_rpath}")
+    install(TARGETS miradump RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    install(FILES docs/miradump.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endif()
 install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
-
-# ---------------------------------------------------------------------------------------------
-# Debian packages: libmira, libmira-dev, miradump. A static build has no libmira.
-# ---------------------------------------------------------------------------------------------
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME mira)
-set(CPACK_PACKAGE_VENDOR "MIRAlib contributors")
-set(CPACK_PACKAGE_CONTACT "MIRAlib contributors <mira@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
-set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
-
-set(CPACK_COMPONENTS_ALL development tools)
-if(BUILD_SHARED_LIBS)
-    list(APPEND CPACK_COMPONENTS_ALL runtime)
-    set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
-    set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
-endif()
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "The shared library for dBase-family tables.")
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Header, library and build files of MIRAlib.")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION "Prints the records of a dBase-family table as text.")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libmira)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmira-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME miradump)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-include(CPack)

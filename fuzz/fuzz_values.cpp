@@ -150,7 +150,7 @@ Values::Values(Input& input) : flavour_(input.below(3)) {
     writeFile(path_, image());
     h_.reset(OpenBase(path_.c_str()));
     FUZZ_CHECK(h_ != nullptr && h_->Level7 == (flavour_ != kPlain) &&
-               h_->ForeignLevel7 == (flavour_ == kForeign));
+               isForeignLevel7(h_.get()) == (flavour_ == kForeign));
     FUZZ_CHECK(ReadRecord(h_.get(), 0) == 1);
     expected_ = record(h_.get());
 }

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "dbf/table/private.h"
 #include "mira.h"
 
 #define FUZZ_CHECK(condition)                                                              \
@@ -147,7 +148,7 @@ inline std::optional<std::string_view> memoOf(const DbfBase* h, int field,
     u64 length = load(bytes, 2, 4, false);
     if (!smt && f.Length == 4 && f.Decimals == 0) {
         block = load(bytes, 0, 4, h->Level7 != 0);
-        if (h->Level7 != 0) block = h->ForeignLevel7 != 0 ? block ^ 1u << 31 : block & 0x7FFFFFFF;
+        if (h->Level7 != 0) block = isForeignLevel7(h) ? block ^ 1u << 31 : block & 0x7FFFFFFF;
     } else if (!smt) {
         const double digits = std::atof(std::string(bytes.substr(0, f.Length)).c_str());
         const double limited =

@@ -5,21 +5,50 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=$root/build/release
 
+# What building the library and miradump needs, what mira and the SQLite module need besides, and
+# what the tests add.
+build_packages=(g++ cmake make)
+tool_packages=(pkg-config libcli11-dev libsqlite3-dev libcsv-dev libuchardet-dev libutf8proc-dev libfmt-dev)
+test_packages=(libgtest-dev sqlite3 python3)
+
 # Whether a Debian package, or the tool it is wanted for, is there.
 present() {
     case $1 in
         g++) command -v "${CXX:-g++}" ;;
-        clang | cmake | make | clang-format | clang-tidy | pkg-config) command -v "$1" ;;
+        clang | cmake | make | clang-format | clang-tidy | pkg-config | python3 | sqlite3)
+            command -v "$1"
+            ;;
         *) dpkg-query -W -f '${Status}' "$1" 2>/dev/null | grep -q 'ok installed' ;;
     esac >/dev/null
 }
 
+# Prints those of the packages that are missing, one a line.
+missing_of() {
+    local package
+    for package in "$@"; do
+        present "$package" || echo "$package"
+    done
+}
+
+# What somebody who may not install has to run: everything that scripts/dump and scripts/test need,
+# so that the command is needed once.
+advise() {
+    local all=() sudo="sudo "
+    mapfile -t all < <(missing_of "${build_packages[@]}" "${tool_packages[@]}" "${test_packages[@]}" "$@" |
+        sort -u)
+    if command -v sudo >/dev/null; then
+        echo "Some packages are missing. Run this, then try again:"
+    else
+        sudo=
+        echo "Some packages are missing. Run this as root, then try again:"
+    fi
+    echo "    ${sudo}apt-get update && ${sudo}apt-get install -y ${all[*]}"
+} >&2
+
 # require PACKAGE...: installs those that are missing, as root or with a sudo that asks nothing.
 require() {
-    local missing=() package as_root=()
-    for package in "$@"; do
-        present "$package" || missing+=("$package")
-    done
+    local missing=() as_root=()
+    mapfile -t missing < <(missing_of "$@")
     [ ${#missing[@]} -eq 0 ] && return 0
 
     if ! command -v apt-get >/dev/null; then
@@ -28,8 +57,7 @@ require() {
     fi
     if [ "$(id -u)" -ne 0 ]; then
         if ! sudo -n true 2>/dev/null; then
-            echo "Some packages are missing. Run this, then try again:" >&2
-            echo "    sudo apt-get install -y ${missing[*]}" >&2
+            advise "${missing[@]}"
             return 1
         fi
         as_root=(sudo -n)

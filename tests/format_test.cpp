@@ -1,6 +1,7 @@
 // Header and descriptors: what opens, what is repaired, what is refused.
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "support.h"
 
 using namespace mira;
@@ -74,7 +75,7 @@ TEST(Format, ReadsLevel7) {
     std::string bytes = layout.bytes();
     for (std::size_t place : {68u + 33, 68u + 48 + 33}) std::swap(bytes[place], bytes[place + 1]);
     h = openBytes(dir, bytes);
-    ASSERT_EQ(h->ForeignLevel7, 1u);
+    ASSERT_TRUE(isForeignLevel7(h.get()));
     ASSERT_TRUE(ReadRecord(h.get(), 0));
     EXPECT_STREQ(GetStr(h.get(), 0), "abc");
     EXPECT_STREQ(GetStr(h.get(), 1), "         5");

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 
+#include "dbf/table/private.h"
 #include "support.h"
 
 using namespace mira;
@@ -203,7 +204,7 @@ TEST(Dates, CalendarCountsEveryDay) {
 
 TEST(Dates, TimestampsOfOtherMakersCountMilliseconds) {
     OneField f('@', 8, 0, 0x8C);
-    f.h->ForeignLevel7 = 1;
+    keepPrivate(f.h.get())->foreignLevel7 = true;
     f.h->DateFormat = 3;
     EXPECT_EQ(f.show("\x42\xCC\x41\x8B\xA9\x9A\0\0"s), "1970.01.01 00:00:00");
     for (const char none : {'\0', '\xFF'})

@@ -12,45 +12,13 @@ int afterSteps(void* /*nothing*/) { return stopped() ? 1 : 0; }
 
 }  // namespace
 
-std::string_view declaredType(const Column& column) {
-    switch (column.kind) {
-        case Kind::Decimal:
-            return column.decimals == 0 ? "INTEGER" : "REAL";
-        case Kind::Integer:
-        case Kind::Logical:
-        case Kind::RecordNumber:
-        case Kind::Deletion:
-            return "INTEGER";
-        case Kind::Double:
-        case Kind::Currency:
-            return "REAL";
-        case Kind::Varbinary:
-        case Kind::Blob:
-        case Kind::Bytes:
-            return "BLOB";
-        case Kind::Calculated:
-            return column.numeric ? "REAL" : "TEXT";
-        default:
-            return "TEXT";
-    }
-}
-
-std::string quotedName(std::string_view name) {
-    std::string quoted = "\"";
-    for (const char c : name) {
-        if (c == '"') quoted += '"';
-        quoted += c;
-    }
-    return quoted + '"';
-}
-
 std::string createTable(std::string_view name, const std::vector<Column>& columns) {
     std::string sql = "CREATE TABLE " + quotedName(name) + " (";
     for (const Column& column : columns) {
         sql += &column == columns.data() ? "\n  " : ",\n  ";
         sql += quotedName(column.name);
         sql += ' ';
-        sql += declaredType(column);
+        sql += storageName(declaredStorage(column));
     }
     return sql + "\n)";
 }
@@ -58,32 +26,22 @@ std::string createTable(std::string_view name, const std::vector<Column>& column
 int bindValue(sqlite3_stmt* statement, int place, const Column& column, const Value& value,
               bool lasts) {
     const sqlite3_destructor_type copy = lasts ? SQLITE_STATIC : SQLITE_TRANSIENT;
-    const auto size = static_cast<sqlite3_uint64>(value.text.size());
-    // An empty view may be null, which would bind NULL.
-    const char* const text = value.text.data() != nullptr ? value.text.data() : "";
-    i64 whole = 0;
-    switch (value.kind) {
-        case ValueKind::Null:
-        case ValueKind::Blank:
-            return sqlite3_bind_null(statement, place);
-        case ValueKind::Integer:
-        case ValueKind::Logical:
-            return sqlite3_bind_int64(statement, place, value.integer);
-        case ValueKind::Real:
-            return sqlite3_bind_double(statement, place, value.real);
-        case ValueKind::Currency:
-            return sqlite3_bind_double(statement, place, toReal(value.text));
-        case ValueKind::Digits:
-            if (column.decimals == 0 && column.kind == Kind::Decimal &&
-                toInteger(value.text, &whole)) {
-                return sqlite3_bind_int64(statement, place, whole);
-            }
-            return sqlite3_bind_double(statement, place, toReal(value.text));
-        case ValueKind::Bytes:
-            return sqlite3_bind_blob64(statement, place, text, size, copy);
-        default:
-            return sqlite3_bind_text64(statement, place, text, size, copy, SQLITE_UTF8);
+    const Stored stored = storedAs(column, value);
+    const char* const bytes = stored.bytes.data();
+    const auto size = static_cast<sqlite3_uint64>(stored.bytes.size());
+    switch (stored.storage) {
+        case Storage::Integer:
+            return sqlite3_bind_int64(statement, place, stored.integer);
+        case Storage::Real:
+            return sqlite3_bind_double(statement, place, stored.real);
+        case Storage::Text:
+            return sqlite3_bind_text64(statement, place, bytes, size, copy, SQLITE_UTF8);
+        case Storage::Blob:
+            return sqlite3_bind_blob64(statement, place, bytes, size, copy);
+        case Storage::Null:
+            break;
     }
+    return sqlite3_bind_null(statement, place);
 }
 
 Database::Database(const Target& target, bool force, Present present)

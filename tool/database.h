@@ -10,16 +10,12 @@
 #include <vector>
 
 #include "output.h"
-#include "table/value.h"
+#include "table/storage.h"
 
 namespace mira::tool {
 
 enum class Present : u8 { Refuse, Replace, Append };  // what to do with a table that is there
 
-/// Declared type of a column: TEXT, INTEGER, REAL or BLOB.
-std::string_view declaredType(const Column& column);
-/// A name in SQL.
-std::string quotedName(std::string_view name);
 /// CREATE TABLE without a semicolon.
 std::string createTable(std::string_view name, const std::vector<Column>& columns);
 /// Binds a value by the storage classes of tables; places count from 1. A text that does not last

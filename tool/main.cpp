@@ -68,6 +68,7 @@ int runProgram(int argc, char** argv) {
     addTables(program, job);
     addShow(program, job);
     addExport(program, job);
+    addQuery(program, job);
     addImport(program, job);
     addSet(program, job);
     addDelete(program, job);

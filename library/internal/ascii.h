@@ -1,11 +1,13 @@
-// Comparing texts without regard to the case of A to Z, whatever the locale.
+// Digits, and comparing texts without regard to the case of A to Z, whatever the locale.
 #pragma once
 
 #include <cstddef>
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
+
+inline bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 inline u8 lowerAscii(char c) { return static_cast<u8>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); }
 
@@ -23,4 +25,4 @@ inline bool sameIgnoringCase(const char* a, const char* b) {
     return compareIgnoringCase(a, b, static_cast<std::size_t>(-1)) == 0;
 }
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -6,7 +6,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 /// Truncated toward zero; values beyond 32 bits become the nearest limit, NaN 0.
 inline i32 clampToI32(double value) {
@@ -24,4 +24,4 @@ inline bool toI64(double value, i64* result) {
     return true;
 }
 
-}  // namespace mira::detail
+}  // namespace mira

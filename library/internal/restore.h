@@ -1,7 +1,7 @@
 // Puts an option of the handle back when a block is left.
 #pragma once
 
-namespace mira::detail {
+namespace mira {
 
 template <typename T>
 class Restore {
@@ -16,4 +16,4 @@ private:
     T saved_;
 };
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string_view>
 
-namespace mira::detail {
+namespace mira {
 
 class TextOut {
 public:
@@ -34,4 +34,4 @@ private:
     bool cut_ = false;
 };
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -6,8 +6,6 @@
 
 namespace mira {
 
-using namespace detail;
-
 namespace {
 
 constexpr u32 kUnitLimit = 65535;  // 16 bits in every format

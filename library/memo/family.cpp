@@ -1,5 +1,4 @@
-// Memo kinds and memo format families: which version byte selects which, how the memo file is
-// named, and the layout that each family gives its file.
+// Memo format families: the layout that each gives its file, and how the memo file is named.
 //
 // Header of a memo file, block 0 (offset, size):
 //
@@ -21,13 +20,11 @@
 #include <cstring>
 #include <string_view>
 
-#include "dbf/dbf.h"
+#include "dbf/table/table.h"
 #include "internal/ascii.h"
 #include "memo/memo.h"
 
 namespace mira {
-
-namespace detail {
 
 const MemoFamily kDBase3Memo = {.headerSize = 4, .endSize = 1};
 const MemoFamily kDBase4Memo = {.headerSize = 24,
@@ -52,110 +49,97 @@ const MemoFamily kSmtMemo = {.headerSize = 16,
                              .signatureSize = 8,
                              .signature = "SIxMemo"};
 
-}  // namespace detail
-
-using namespace detail;
-
 namespace {
 
-struct KindRow {
-    u32 kind;
-    const char* extension;
-    const MemoFamily* family;
-};
-
-constexpr u32 kKindDBase3 = 0;
-constexpr u32 kKindFoxPro = 1;
-constexpr u32 kKindDBase4 = 2;
-constexpr u32 kKindVisualFoxPro = 3;
-constexpr u32 kKindSmt = 4;
-constexpr u32 kKindLevel7 = 7;
-
-constexpr KindRow kKinds[] = {
-    {kKindDBase3, ".dbt", &kDBase3Memo}, {kKindFoxPro, ".fpt", &kFoxProMemo},
-    {kKindDBase4, ".dbt", &kDBase4Memo}, {kKindVisualFoxPro, ".fpt", &kFoxProMemo},
-    {kKindSmt, ".smt", &kSmtMemo},       {kKindLevel7, ".dbt", &kDBase4Memo},
-};
-constexpr KindRow kNoKind = {0, ".dbv", nullptr};
-
-struct VersionRow {
-    u8 version;
-    u32 kind;
-    const MemoFamily* family;
-};
-
-constexpr VersionRow kVersions[] = {
-    {kVersionPlain, kKindDBase3, &kDBase3Memo},
-    {kVersionDBase3, kKindDBase3, &kDBase3Memo},
-    {0x04, kKindDBase4, &kDBase4Memo},
-    {kVersionDBase4, kKindDBase4, &kDBase4Memo},
-    {kVersionLevel7, kKindLevel7, &kDBase4Memo},
-    {kVersionVisualFoxPro, kKindVisualFoxPro, &kFoxProMemo},
-    {0x31, kKindVisualFoxPro, &kFoxProMemo},
-    {0x32, kKindVisualFoxPro, &kFoxProMemo},
-    {kVersionFoxPro, kKindFoxPro, &kFoxProMemo},
-    {kVersionSmt, kKindSmt, &kSmtMemo},
-};
-constexpr VersionRow kNoVersion = {0, kKindDBase3, nullptr};
-
-const KindRow& kindRow(u32 kind) {
-    for (const KindRow& row : kKinds) {
-        if (row.kind == kind) return row;
+const MemoFamily* familyOf(MemoFormat format) {
+    switch (format) {
+        case MemoFormat::None:
+            return nullptr;
+        case MemoFormat::DBase3:
+            return &kDBase3Memo;
+        case MemoFormat::DBase4:
+            return &kDBase4Memo;
+        case MemoFormat::FoxPro:
+            return &kFoxProMemo;
+        case MemoFormat::Smt:
+            return &kSmtMemo;
     }
-    return kNoKind;
-}
-
-const VersionRow& versionRow(u8 version) {
-    for (const VersionRow& row : kVersions) {
-        if (row.version == version) return row;
-    }
-    return kNoVersion;
+    return nullptr;
 }
 
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 
-/// The one file beside path whose name differs from its name only in letter case; null when there
-/// is none or more than one. (Reads the directory itself: the iterator of the standard library ends
-/// the program when memory runs out.)
-Block<char> nameInOtherCase(const char* path) {
+/// Counts the files beside path that have its name in any letter case, up to 2. *found becomes the
+/// path of the only one. (Reads the directory itself: the iterator of the standard library ends the
+/// program when memory runs out.)
+u32 findInAnyCase(const char* path, Block<char>* found) {
     const PathParts parts = splitPath(path);
     const char* wanted = path + parts.dir.size();
     const Block<char> dirName = parts.dir.empty() ? copyText(".") : copyText(path);
-    if (!dirName) return nullptr;
+    if (!dirName) return 0;
     if (!parts.dir.empty()) dirName.get()[parts.dir.size()] = 0;
     const std::unique_ptr<DIR, DirCloser> dir(opendir(dirName.get()));
-    if (!dir) return nullptr;
-    Block<char> found;
+    if (!dir) return 0;
+    u32 count = 0;
     while (const dirent* entry = readdir(dir.get())) {
         if (!sameIgnoringCase(entry->d_name, wanted)) continue;
-        if (found) return nullptr;
+        found->reset();
+        if (++count > 1) break;
+        *found = copyText(path);
         // As long as the wanted name, so the rest of the path stays.
-        found = copyText(path);
-        if (!found) return nullptr;
-        std::memcpy(found.get() + parts.dir.size(), entry->d_name, std::strlen(wanted));
+        if (*found)
+            std::memcpy(found->get() + parts.dir.size(), entry->d_name, std::strlen(wanted));
     }
-    return found;
+    return count;
+}
+
+/// Sources of Visual FoxPro (forms, classes, reports, labels, menus, projects) are tables whose
+/// memo file has their own extension with a "t" at its end. Null for other tables.
+Block<char> sourceMemoName(const char* tablePath) {
+    static constexpr const char* sources[] = {".scx", ".vcx", ".frx", ".lbx", ".mnx", ".pjx"};
+    const PathParts parts = splitPath(tablePath);
+    for (const char* source : sources) {
+        if (parts.ext.empty() || !sameIgnoringCase(parts.ext.data(), source)) continue;
+        Block<char> name = copyText(tablePath);
+        if (name) name.get()[std::strlen(tablePath) - 1] = parts.ext.back() == 'X' ? 'T' : 't';
+        return name;
+    }
+    return nullptr;
+}
+
+/// Names the memo file that is there where none is under the usual name.
+void lookForMemoFile(DbfBase* h) {
+    if (access(h->MemoFileName, F_OK) == 0) return;
+    Block<char> found;
+    if (findInAnyCase(h->MemoFileName, &found) == 0) {
+        Block<char> source = sourceMemoName(h->FileName);
+        if (source && access(source.get(), F_OK) == 0) {
+            found = std::move(source);
+        } else if (source) {
+            findInAnyCase(source.get(), &found);
+        }
+    }
+    if (!found) return;
+    std::free(h->MemoFileName);
+    h->MemoFileName = found.release();
 }
 
 }  // namespace
 
-namespace detail {
+const MemoFamily* memoFamily(u8 version) { return familyOf(flavourOf(version).memos); }
 
-const MemoFamily* memoFamily(u8 version) { return versionRow(version).family; }
-
-const MemoFamily* memoFamilyOfKind(u32 kind) { return kindRow(kind).family; }
-
-}  // namespace detail
+const MemoFamily* memoFamilyOfKind(u32 kind) { return familyOf(flavourOfKind(kind).memos); }
 
 char* GetMemoName(const char* tablePath, u32 kind) {
     if (tablePath == nullptr) return nullptr;
     const PathParts parts = splitPath(tablePath);
+    const Flavour& flavour = flavourOfKind(kind);
     // The extension is the end of the path, so it is a text of its own.
-    const bool container = kindRow(kind).family == &kFoxProMemo && !parts.ext.empty() &&
+    const bool container = flavour.memos == MemoFormat::FoxPro && !parts.ext.empty() &&
                            sameIgnoringCase(parts.ext.data(), ".dbc");
-    const std::string_view extension = container ? ".dct" : kindRow(kind).extension;
+    const std::string_view extension = container ? ".dct" : flavour.extension;
     const std::size_t stem = parts.dir.size() + parts.name.size();
     Block<char> name = allocate<char>(stem + extension.size() + 1);
     if (name == nullptr) return nullptr;
@@ -167,17 +151,11 @@ char* GetMemoName(const char* tablePath, u32 kind) {
 }
 
 u32 GetMemoType(DbfBase* h) {
-    const bool level7 = h->HeaderSize == kHeaderSize7;
-    const u32 kind = level7 ? kKindLevel7 : versionRow(h->Header.Version).kind;
+    const u32 kind =
+        h->HeaderSize == kHeaderSize7 ? kLevel7Kind : flavourOf(h->Header.Version).kind;
     std::free(h->MemoFileName);
     h->MemoFileName = GetMemoName(h->FileName, kind);
-    if (h->FirstMemoField != -1 && h->MemoFileName != nullptr &&
-        access(h->MemoFileName, F_OK) != 0) {
-        if (Block<char> other = nameInOtherCase(h->MemoFileName)) {
-            std::free(h->MemoFileName);
-            h->MemoFileName = other.release();
-        }
-    }
+    if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) lookForMemoFile(h);
     FreeMemo(h);
     return kind;
 }

@@ -1,15 +1,17 @@
 // Declarations shared by the files of the memo module: the four memo file formats as rows of one
-// table, and the reading, appending and referencing that follow them.
+// table, and the reading and appending that follow them.
 #pragma once
 
 #include <cstdio>
 #include <cstring>
 
+#include "dbf/table/flavour.h"
+#include "dbf/value/reference.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr u32 kFixedMemoUnit = 512;    // dBase III, never stored
 inline constexpr u32 kMissingMemoUnit = 256;  // stands in for a unit that a short header lacks
@@ -31,7 +33,7 @@ struct MemoFamily {
     u8 mark[4] = {};                ///< first half of the prefix; the second is the length
     u32 markChecked = 0;            ///< bytes of the mark that a reader insists on
     u32 lengthBias = 0;             ///< what the stored length counts besides the data
-    u32 endSize = 0;                ///< end bytes behind the data: 1 or 0
+    u32 endSize = 0;                ///< end bytes after the data: 1 or 0
     u32 signaturePlace = 0;         ///< where signature goes in a new header
     u32 signatureSize = 0;
     char signature[9] = "";
@@ -46,20 +48,6 @@ extern const MemoFamily kSmtMemo;
 const MemoFamily* memoFamily(u8 version);
 /// The family that a memo file of a kind is created in; null: no memo format.
 const MemoFamily* memoFamilyOfKind(u32 kind);
-
-/// What a memo field holds. length counts only in SMT tables.
-struct MemoReference {
-    u32 block;
-    u32 length;
-};
-
-// reference.cpp
-/// The reference in a memo field of RecordBuffer.
-MemoReference memoReference(DbfBase*, int field);
-/// False when the field is shorter than the binary reference that its table keeps there.
-bool hasRoomForReference(DbfBase*, int field);
-/// Stores a reference; digits that do not fit leave the field as it was.
-void setMemoReference(DbfBase*, int field, MemoReference);
 
 // read.cpp
 enum class MemoRead {
@@ -118,4 +106,4 @@ private:
     DbfBase* handle_;
 };
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -7,8 +7,6 @@
 
 namespace mira {
 
-using namespace detail;
-
 namespace {
 
 // The first read of a block: prefix and data together, so that a small memo takes one.
@@ -112,8 +110,6 @@ char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference
 
 }  // namespace
 
-namespace detail {
-
 bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
     u8 header[kMemoHeaderRead];
     const bool whole = family.unitPlace == 0 || readExact(file, header, family.headerSize);
@@ -131,8 +127,6 @@ MemoRead readMemo(std::FILE* file, const MemoFamily& family, u32 unit, MemoRefer
                                 : readBlock(file, family, offset, reference.length, memo, length);
     return std::ferror(file) != 0 ? MemoRead::Failed : result;
 }
-
-}  // namespace detail
 
 u32 GetBlockSize(DbfBase* h) {
     const MemoFamily* family = memoFamily(h->Header.Version);

@@ -6,8 +6,6 @@
 
 namespace mira {
 
-using namespace detail;
-
 namespace {
 
 constexpr u32 kOneWrite =
@@ -67,8 +65,6 @@ u32 textLength(const char* text) {
 
 }  // namespace
 
-namespace detail {
-
 u32 appendMemo(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
     if (bytes == nullptr && length != 0) return 0;
     const u64 size = u64{family.prefixSize} + length + family.endSize;
@@ -79,8 +75,6 @@ u32 appendMemo(std::FILE* file, const MemoFamily& family, const char* bytes, u32
     }
     return place.block;
 }
-
-}  // namespace detail
 
 int SetMemoBuf(DbfBase* h, u32 field, const char* bytes, u32 length) {
     const auto number = static_cast<int>(field);

@@ -1,4 +1,4 @@
-// Code pages 866 (OEM) and 1251 (ANSI), one byte to one byte.
+// Code pages 866 (OEM) and 1251 (ANSI), one byte to one byte, and the upper case of 866.
 //
 //   OEM          ANSI
 //   00 to 7F     the same
@@ -42,6 +42,13 @@ void translate(const CodeTable& table, const char* source, char* destination, u3
     }
 }
 
+u8 upperOf(u8 c) {
+    if (c >= 'a' && c <= 'z') return static_cast<u8>(c - 0x20);
+    if (c >= 0xA0 && c <= 0xAF) return static_cast<u8>(c - 0x20);  // Cyrillic, first half
+    if (c >= 0xE0 && c <= 0xEF) return static_cast<u8>(c - 0x50);  // and second
+    return c;
+}
+
 }  // namespace
 
 void OemToCharBuff(const char* source, char* destination, u32 length) {
@@ -50,6 +57,21 @@ void OemToCharBuff(const char* source, char* destination, u32 length) {
 
 void CharToOemBuff(const char* source, char* destination, u32 length) {
     translate(buf_a2o, source, destination, length);
+}
+
+void IgnoreCase(DbfBase* h, char* text, int mode) {
+    if (h->CaseInsensitive == 0) return;
+    if (h->UpperCaseCallback != nullptr) {
+        h->UpperCaseCallback(text, h, mode);
+    } else {
+        UpperCase(reinterpret_cast<unsigned char*>(text));
+    }
+}
+
+std::size_t UpperCase(unsigned char* text) {
+    std::size_t length = 0;
+    for (; text[length] != 0; ++length) text[length] = upperOf(text[length]);
+    return length;
 }
 
 }  // namespace mira

@@ -11,8 +11,6 @@
 namespace mira {
 namespace {
 
-using namespace detail;
-
 constexpr std::size_t kLongestDate = 10;  // a longer argument of DTOS has a time
 
 char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
@@ -151,7 +149,7 @@ constexpr StringFunction kFunctions[] = {
 
 }  // namespace
 
-const StringFunction* detail::functionAt(const char* text) {
+const StringFunction* functionAt(const char* text) {
     for (const StringFunction& f : kFunctions) {
         if (upper(*text) == *f.opener && compareIgnoringCase(text, f.opener, f.length) == 0) {
             return &f;

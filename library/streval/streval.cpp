@@ -20,8 +20,6 @@
 namespace mira {
 namespace {
 
-using namespace detail;
-
 /// A text being built: the whole text, or the argument of a call. It runs from begin to the end of
 /// all output, or to where a call inside it has begun.
 struct Frame {

@@ -5,7 +5,7 @@
 
 #include "mira.h"
 
-namespace mira::detail {
+namespace mira {
 
 inline constexpr std::size_t kNoComma = static_cast<std::size_t>(-1);
 
@@ -27,4 +27,4 @@ struct StringFunction {
 /// The function whose opener, in any letter case, stands at text; null when there is none.
 const StringFunction* functionAt(const char* text);
 
-}  // namespace mira::detail
+}  // namespace mira

@@ -24,6 +24,7 @@ void addInfo(CLI::App& program, Job& job);
 void addTables(CLI::App& program, Job& job);
 void addShow(CLI::App& program, Job& job);
 void addExport(CLI::App& program, Job& job);
+void addQuery(CLI::App& program, Job& job);
 void addImport(CLI::App& program, Job& job);
 void addSet(CLI::App& program, Job& job);
 void addDelete(CLI::App& program, Job& job);

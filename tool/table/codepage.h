@@ -63,7 +63,8 @@ void foldCase(const CodePage&, std::span<char> bytes);
 
 /// The page of a table, and whence it is known.
 struct PageChoice {
-    std::unique_ptr<CodePage> page;  ///< null only when --code-page names an unknown one
+    /// Shared by the handles of one thread; null only when --code-page names an unknown one.
+    std::shared_ptr<CodePage> page;
     /// "--code-page", ".cpg", "mark 0x26", "driver DB866RU0", "guess", "UTF-8 text", "default"
     std::string from;
     std::vector<std::string> notes;  ///< unknown names and marks, in sentences

@@ -240,6 +240,14 @@ void noteMissingMemoFile(Table& table) {
     table.notes.push_back("its memo file " + name + " is missing");
 }
 
+bool sameStructure(const DbfBase& a, const DbfBase& b) {
+    const auto same = [](const DbfField& x, const DbfField& y) {
+        return x.Offset == y.Offset && x.Length == y.Length && x.Decimals == y.Decimals;
+    };
+    return a.FieldCount == b.FieldCount && a.Header.RecordLength == b.Header.RecordLength &&
+           std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
+}
+
 }  // namespace
 
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
@@ -270,6 +278,21 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     noteUnknownTypes(*table);
     noteMissingMemoFile(*table);
     return table;
+}
+
+std::unique_ptr<Table> openAgain(const Table& table) {
+    auto again = std::make_unique<Table>();
+    static_cast<TableFacts&>(*again) = table;
+    again->base = openBase(table.path, false);
+    DbfBase* const base = again->base.get();
+    if (!sameStructure(*table.base, *base)) {
+        throw Refusal(table.path + ": its fields have changed since it was opened");
+    }
+    // As openTable has left them: names for the library, and which fields are memos.
+    std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
+    base->FirstMemoField = table.base->FirstMemoField;
+    GetMemoType(base);
+    return again;
 }
 
 const Column* findColumn(const Table& table, std::string_view name) {

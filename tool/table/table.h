@@ -76,8 +76,8 @@ struct TableOptions {
     bool writable = false;
 };
 
-struct Table {
-    Base base;
+/// What is known of a table besides its handle.
+struct TableFacts {
     std::string path;
     TableOptions options;
     PageChoice page;
@@ -94,9 +94,17 @@ struct Table {
     std::vector<std::string> notes;      // what the user should know, a sentence each
 };
 
+struct Table : TableFacts {
+    Base base;
+};
+
 /// Opens a table. Throws a Refusal that names the path: no such file, no table, unknown code page,
 /// unknown name in asText, no container for longNames.
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options);
+/// The same table for reading, through a handle of its own, for the same thread; without looking
+/// for code page and names again. Throws a Refusal when it cannot be opened or its fields have
+/// changed.
+std::unique_ptr<Table> openAgain(const Table& table);
 
 /// The column of a name in any letter case, or of a number (fields from 1) where no name fits.
 const Column* findColumn(const Table& table, std::string_view name);

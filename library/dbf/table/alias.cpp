@@ -1,0 +1,56 @@
+// Alias file: alternative column headings in a small file beside the table.
+//
+//   0    32      "Header file MIRA", zero bytes to the end
+//   32   32 * n  one heading per field: text of at most 31 characters, zero bytes to the end
+#include <cstdlib>
+#include <cstring>
+
+#include "dbf/table/table.h"
+#include "internal/file.h"
+
+namespace mira {
+
+namespace {
+
+constexpr char kMark[32] = "Header file MIRA";
+constexpr u32 kHeadingSize = sizeof DbfBase::AliasNames[0];
+
+bool samePath(const char* a, const char* b) {
+    return a != nullptr && b != nullptr && std::strcmp(a, b) == 0;
+}
+
+/// An entry that has no zero byte, or ends with the file, still ends as a text.
+void terminateHeadings(DbfBase* h, u32 bytesRead) {
+    const u32 whole = bytesRead / kHeadingSize;
+    for (u32 i = 0; i < whole; ++i) h->AliasNames[i][kHeadingSize - 1] = 0;
+    if (bytesRead % kHeadingSize != 0) h->AliasNames[whole][bytesRead % kHeadingSize] = 0;
+}
+
+}  // namespace
+
+void SetAliasName(DbfBase* h, const char* name) {
+    char path[kBackupNameSize];
+    MakeExt(path, h->FileName, ".hdr", name);
+    std::free(h->AliasFileName);
+    h->AliasFileName = path[0] != 0 ? copyText(path).release() : nullptr;
+}
+
+void WriteAlias(DbfBase* h) {
+    const char* path = h->AliasFileName;
+    if (samePath(path, h->FileName) || samePath(path, h->MemoFileName)) return;
+    const OwnedFile file(openUnbuffered(path, "wb+"));
+    if (!file) return;
+    // An alias file that could not be written whole is not reported: nothing depends on it.
+    if (!writeExact(file.get(), kMark, sizeof kMark)) return;
+    writeExact(file.get(), h->AliasNames, h->FieldCount * kHeadingSize);
+}
+
+void ReadAlias(DbfBase* h) {
+    const OwnedFile file(Open_File(h->AliasFileName));
+    char mark[sizeof kMark];
+    if (!file || !readExact(file.get(), mark, sizeof mark)) return;
+    if (std::memcmp(mark, kMark, std::strlen(kMark) + 1) != 0) return;
+    terminateHeadings(h, ReadFile(file.get(), h->AliasNames, sizeof h->AliasNames));
+}
+
+}  // namespace mira

@@ -1,0 +1,149 @@
+// Counts, positions and reading. The table file is unbuffered; what a reader that goes forward
+// needs next is read ahead, a random one reads its record only.
+#include <algorithm>
+#include <cstring>
+
+#include "dbf/table/position.h"
+#include "dbf/table/private.h"
+#include "dbf/table/table.h"
+#include "internal/file.h"
+
+namespace mira {
+
+bool readTable(DbfBase* h, u64 offset, void* buffer, u32 count, u32* got, bool fresh) {
+    if (h->Private != nullptr) {
+        const u32 gap = h->Header.RecordLength;
+        return h->Private->ahead.read(h->TableFile, offset, buffer, count, gap, fresh, got);
+    }
+    if (!seekTo(h->TableFile, offset)) return false;
+    *got = ReadFile(h->TableFile, buffer, static_cast<i32>(count));
+    return true;
+}
+
+bool writeTableHere(DbfBase* h, u64 offset, const void* buffer, u32 count) {
+    const bool written = writeExact(h->TableFile, buffer, count);
+    if (written && h->Private != nullptr) {
+        h->Private->ahead.wrote(h->TableFile, offset, buffer, count);
+    } else {
+        tableChanged(h);
+    }
+    return written;
+}
+
+bool writeTable(DbfBase* h, u64 offset, const void* buffer, u32 count) {
+    return seekTo(h->TableFile, offset) && writeTableHere(h, offset, buffer, count);
+}
+
+void tableChanged(DbfBase* h) { changesOf(h->TableFile).fetch_add(1, std::memory_order_acq_rel); }
+
+u32 recordsInFile(const DbfBase* h, u64 size) {
+    if (size < h->Header.HeaderLength || h->Header.RecordLength == 0) return 0;
+    const u64 count = (size - h->Header.HeaderLength) / h->Header.RecordLength;
+    return static_cast<u32>(std::min<u64>(count, kNoPosition - 1));
+}
+
+u32 reccount(DbfBase* h) {
+    if (wasClosed(h)) return 0;
+    return h->FilterIndex != nullptr ? h->FilterCount : h->Header.RecordCount;
+}
+
+u32 recno(DbfBase* h, u32 position) {
+    if (wasClosed(h)) return 0;
+    if (h->FilterIndex == nullptr) return position;
+    return position < h->FilterCount ? h->FilterIndex[position] : kNoPosition;
+}
+
+u32 GetOrder(DbfBase* h, u32 position) {
+    if (wasClosed(h)) return 0;
+    if (h->SortOrder == nullptr) return position;
+    const u32 count = reccount(h);
+    if (position >= count) return kNoPosition;
+    const u32 kept = sortOrderCount(h);
+    return position < (kept != 0 ? kept : count) ? h->SortOrder[position] : position;
+}
+
+u32 fieldcount(DbfBase* h) {
+    if (wasClosed(h)) return 0;
+    const CalcFieldTable* calc = h->CalcFields;
+    return calc != nullptr && calc->FieldTotal > 0 ? static_cast<u32>(calc->FieldTotal)
+                                                   : h->FieldCount;
+}
+
+i32 fieldno(DbfBase* h, int index) {
+    if (wasClosed(h)) return 0;
+    return index >= 0 && index < static_cast<int>(kFieldMax) ? h->FieldMap[index] : -1;
+}
+
+int SeekRecord(DbfBase* h, u32 position) {
+    u32 record = 0;
+    return recordAt(h, position, &record) && seekTo(h->TableFile, offsetOf(h, record)) ? 1 : 0;
+}
+
+int InternalSeekRecord(DbfBase* h, u32 record) {
+    return seekTo(h->TableFile, offsetOf(h, record)) ? 1 : 0;
+}
+
+int SeekField(DbfBase* h, u32 position, int field) {
+    const DbfField* f = tableField(h, field);
+    u32 record = 0;
+    if (f == nullptr || !recordAt(h, position, &record)) return 0;
+    return seekTo(h->TableFile, offsetOf(h, record, f->Offset)) ? 1 : 0;
+}
+
+bool readPhysicalRecord(DbfBase* h, u32 record) {
+    u32 got = 0;
+    const u32 length = h->Header.RecordLength;
+    if (!readTable(h, offsetOf(h, record), h->RecordBuffer, length, &got)) return false;
+    if (h->AfterRead != nullptr) h->AfterRead(h);
+    return got == length;
+}
+
+int ReadRecord(DbfBase* h, u32 position) {
+    u32 record = 0;
+    return recordAt(h, position, &record) && readPhysicalRecord(h, record) ? 1 : 0;
+}
+
+int GetRecord(DbfBase* h, u32 position) {
+    if (isClosed(h) || position == kNoPosition) return 0;
+    if (position == h->CurrentRecord) return 1;
+    h->CurrentRecord = position;
+    return ReadRecord(h, position);
+}
+
+bool readFlag(DbfBase* h, u32 position, bool fresh) {
+    u32 record = 0;
+    u32 got = 0;
+    if (!recordAt(h, position, &record) ||
+        !readTable(h, offsetOf(h, record), &h->DeleteFlag, 1, &got, fresh)) {
+        return false;
+    }
+    if (h->AfterReadByte != nullptr) h->AfterReadByte(h);
+    return got == 1;
+}
+
+int ReadByte(DbfBase* h, u32 position) { return readFlag(h, position, false) ? 1 : 0; }
+
+int ReadField(DbfBase* h, u32 position, int field) {
+    const DbfField* f = tableField(h, field);
+    u32 record = 0;
+    u32 got = 0;
+    if (f == nullptr || isClosed(h) || !recordAt(h, position, &record)) return 0;
+    const std::span<u8> bytes = fieldBytes(h, field);
+    const auto length = static_cast<u32>(bytes.size());
+    if (!readTable(h, offsetOf(h, record, f->Offset), bytes.data(), length, &got)) {
+        return 0;
+    }
+    return got == length ? 1 : 0;
+}
+
+int RefreshDatabase(DbfBase* h) {
+    if (h->Private != nullptr) h->Private->ahead.drop();
+    u64 size = 0;
+    if (!fileSize(h->TableFile, &size)) return 0;
+    const u32 count = recordsInFile(h, size);
+    if (count == h->Header.RecordCount) return 0;
+    h->Header.RecordCount = count;
+    return 1;
+}
+
+}  // namespace mira

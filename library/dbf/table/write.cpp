@@ -1,0 +1,181 @@
+// Writing records, the header and the backup copy. Whatever a call reports as written has reached
+// the operating system.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "dbf/table/position.h"
+#include "dbf/table/private.h"
+#include "dbf/table/table.h"
+#include "internal/file.h"
+
+namespace mira {
+
+namespace {
+
+constexpr u8 kEndOfFile = 0x1A;
+constexpr int kTwoDigitYears = 100;
+constexpr u32 kCopyChunk = 32768;
+
+/// The sequence all record writers share once the backup is made and the record is known: a place
+/// that cannot be reached stops it before the hook is called and Modified is set.
+int writeAt(DbfBase* h, u32 record, u32 column, RecordHook hook, const void* bytes, u32 count) {
+    const u64 offset = offsetOf(h, record, column);
+    if (!isWithinReach(h, record) || !seekTo(h->TableFile, offset)) return 0;
+    if (hook != nullptr) hook(h);
+    h->Modified = 1;
+    // The hook may have read other records, so the place is looked up anew after it.
+    const bool written = hook != nullptr ? writeTable(h, offset, bytes, count)
+                                         : writeTableHere(h, offset, bytes, count);
+    return written ? 1 : 0;
+}
+
+/// writeAt for a column of the record that a position designates.
+int writeMapped(DbfBase* h, u32 position, u32 column, RecordHook hook, const void* bytes,
+                u32 count) {
+    backUp(h);
+    u32 record = 0;
+    if (!recordAt(h, position, &record)) return 0;
+    return writeAt(h, record, column, hook, bytes, count);
+}
+
+/// Copies the whole table file; false when a byte could not be read or written.
+bool copyTable(DbfBase* h, std::FILE* copy, u8* buffer) {
+    if (!seekTo(h->TableFile, 0)) return false;
+    std::clearerr(h->TableFile);
+    u32 got = kCopyChunk;
+    while (got == kCopyChunk) {
+        got = ReadFile(h->TableFile, buffer, kCopyChunk);
+        if (!writeExact(copy, buffer, got)) return false;
+    }
+    return std::ferror(h->TableFile) == 0;
+}
+
+/// Room for an entry beyond count in a view's index; the old entries stay.
+bool growIndex(u32** index, u32 count) {
+    if (*index == nullptr) return true;
+    void* larger = std::realloc(*index, (std::size_t{count} + 1) * sizeof(u32));
+    if (larger == nullptr) return false;
+    *index = static_cast<u32*>(larger);
+    return true;
+}
+
+/// Room for one more record in the sort order and the filter.
+bool growView(DbfBase* h) {
+    return growIndex(&h->SortOrder, std::max(reccount(h), sortOrderCount(h))) &&
+           growIndex(&h->FilterIndex, h->FilterCount);
+}
+
+/// Lets the record just written at physical number RecordCount join sort order and filter, in
+/// which growView has made room.
+void joinView(DbfBase* h) {
+    const u32 count = reccount(h);
+    if (h->SortOrder != nullptr) {
+        // Records that have appeared behind the sorted ones stand for themselves, as does this one.
+        const u32 sorted = sortOrderCount(h);
+        u32 place = sorted != 0 ? std::min(sorted, count) : count;
+        for (; place <= count; ++place) h->SortOrder[place] = place;
+        if (sorted != 0) setSortOrderCount(h, place);
+    }
+    if (h->FilterIndex != nullptr) h->FilterIndex[h->FilterCount++] = h->Header.RecordCount;
+}
+
+/// Writes RecordBuffer after the last record that is there once the hook, which may append others
+/// or change the view, has run. The view has room for the record then.
+bool writeLast(DbfBase* h) {
+    backUp(h);
+    if (!isWithinReach(h, h->Header.RecordCount)) return false;
+    if (h->BeforeWrite != nullptr) h->BeforeWrite(h);
+    const u32 record = h->Header.RecordCount;
+    if (isClosed(h) || !isWithinReach(h, record) || !growView(h)) return false;
+    h->Modified = 1;
+    return writeTable(h, offsetOf(h, record), h->RecordBuffer, h->Header.RecordLength);
+}
+
+}  // namespace
+
+void backUp(DbfBase* h) {
+    if (h->BackupEnabled != 0) MakeBakFile(h, 0);  // a copy that fails does not stop the write
+}
+
+int WriteRecord(DbfBase* h, u32 position) {
+    return writeMapped(h, position, 0, h->BeforeWrite, h->RecordBuffer, h->Header.RecordLength);
+}
+
+int InternalWriteRecord(DbfBase* h, u32 record) {
+    backUp(h);
+    return writeAt(h, record, 0, h->BeforeWrite, h->RecordBuffer, h->Header.RecordLength);
+}
+
+int WriteByte(DbfBase* h, u32 position) {
+    return writeMapped(h, position, 0, h->BeforeWriteByte, &h->DeleteFlag, 1);
+}
+
+int WriteField(DbfBase* h, u32 position, int field) {
+    const DbfField* f = tableField(h, field);
+    if (f == nullptr || isClosed(h)) return 0;
+    const std::span<u8> bytes = fieldBytes(h, field);
+    return writeMapped(h, position, f->Offset, nullptr, bytes.data(),
+                       static_cast<u32>(bytes.size()));
+}
+
+int WriteHeader(DbfBase* h) {
+    if (isClosed(h)) return 0;
+    stampDate(&h->Header, kTwoDigitYears);
+    u8 image[sizeof(DbfHeader)];
+    encodeHeader(h->Header, image);
+    const bool written = writeTable(h, 0, image, h->HeaderSize);
+    // The end-of-file byte does not count: readers go by the record count.
+    writeTable(h, offsetOf(h, h->Header.RecordCount), &kEndOfFile, 1);
+    h->Modified = 1;
+    return written ? 1 : 0;
+}
+
+int AppendBlank(DbfBase* h, char clear) {
+    if (isClosed(h)) return 0;
+    if (clear != 0) ClearRecord(h);
+    if (!growView(h)) return 0;
+    h->UseFilterIndex = 0;
+    const bool written = writeLast(h);
+    h->UseFilterIndex = 1;
+    if (!written) return 0;
+    joinView(h);
+    ++h->Header.RecordCount;
+    return WriteHeader(h);
+}
+
+int DupRecord(DbfBase* h) {
+    if (isClosed(h)) return 0;
+    const u32 length = h->Header.RecordLength;
+    if (h->SavedRecord == nullptr) h->SavedRecord = allocate<u8>(length).release();
+    if (h->SavedRecord == nullptr) return 0;
+    std::memcpy(h->SavedRecord, h->RecordBuffer, length);
+    return 1;
+}
+
+void DupToRecord(DbfBase* h) {
+    if (h->SavedRecord == nullptr) return;
+    std::memcpy(h->RecordBuffer, h->SavedRecord, h->Header.RecordLength);
+}
+
+int MakeBakFile(DbfBase* h, char force) {
+    if (isClosed(h)) return 0;
+    const bool due = h->BackupEnabled != 0 && h->BackupDone == 0;
+    if (!due && force == 0) return 1;
+    // A table that is its own backup must neither be copied onto itself nor removed.
+    if (h->BackupName == nullptr || std::strcmp(h->BackupName, h->FileName) == 0) return 0;
+    const Block<u8> buffer = allocate<u8>(kCopyChunk);
+    if (!buffer) return 1;
+    std::remove(h->BackupName);  // usually there is none
+    OwnedFile copy(openUnbuffered(h->BackupName, "wb"));
+    if (!copy) return 1;
+    const bool whole = copyTable(h, copy.get(), buffer.get());
+    if (std::fclose(copy.release()) == 0 && whole) {
+        h->BackupDone = 1;
+    } else {
+        std::remove(h->BackupName);  // no half copy is to be taken for a whole one
+    }
+    return 1;
+}
+
+}  // namespace mira

@@ -1,0 +1,369 @@
+// Record filters.
+//
+//   filter  condition { ("&" | "|") condition }     "&" binds tighter; parentheses group
+//
+// Every "&" and "|" is a connective, also inside quotes. A record is tested by writing the result
+// of every condition as 1 or 0, "&" as "*" and "|" as "+" between the grouping parentheses, and by
+// computing that arithmetic text: A=1&(B=2|C=3) becomes 1*(0+1). The record passes when the value,
+// truncated, is not 0.
+//
+// A filter is taken apart once: where the conditions stand and what is between them does not depend
+// on the record. Where that is nothing but parentheses and connectives, the arithmetic amounts to
+// "and" and "or", and set_filter tests only the conditions that the result depends on.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "dbf/table/position.h"
+#include "dbf/table/private.h"
+#include "dbf/table/table.h"
+#include "dbf/view/condition.h"
+#include "internal/convert.h"
+#include "internal/file.h"
+#include "internal/restore.h"
+
+namespace mira {
+
+namespace {
+
+constexpr std::size_t kConnectives = 1023;  // as many as Cuts holds, and the length
+constexpr std::size_t kPieceLength = 1023;
+constexpr std::size_t kLogicLength = 1023;
+constexpr std::size_t kParseLength = 79;
+
+/// Stands for a filter that every record satisfies.
+bool takesEvery(const char* text) { return reinterpret_cast<std::intptr_t>(text) == -1; }
+
+bool isConnective(char c) { return c == '&' || c == '|'; }
+
+/// The connective as arithmetic.
+char connectiveSign(char c) { return c == '&' ? '*' : c == '|' ? '+' : c; }
+
+i64 surplus(std::string_view text) {
+    return std::count(text.begin(), text.end(), '(') - std::count(text.begin(), text.end(), ')');
+}
+
+/// A piece between connectives, taken apart.
+struct Piece {
+    std::string before;  ///< parentheses that open groups
+    Condition condition;
+    std::string after;  ///< parentheses that close groups, and the connective
+};
+
+/// The ")" from which on the text stays unbalanced.
+std::size_t closingFrom(std::string_view piece) {
+    std::size_t found = 0;
+    i64 depth = 0;
+    for (std::size_t i = 0; i < piece.size(); ++i) {
+        if (piece[i] == ')' && depth-- == 0) found = i;
+        if (piece[i] == '(') ++depth;
+    }
+    return found;
+}
+
+/// The "(" up to which the text stays unbalanced, seen from its end.
+std::size_t openingTo(std::string_view piece) {
+    std::size_t found = 0;
+    i64 depth = 0;
+    for (std::size_t i = piece.size(); i-- > 0;) {
+        if (piece[i] == '(' && depth++ == 0) found = i;
+        if (piece[i] == ')') --depth;
+    }
+    return found;
+}
+
+/// A piece that closes or opens groups is cut where they begin or end.
+Piece preparePiece(DbfBase* h, std::string_view text, char connective) {
+    const i64 open = h->NoBracketCheck != 0 ? 0 : surplus(text);
+    const std::size_t start = open > 0 ? openingTo(text) + 1 : 0;
+    const std::size_t end = open < 0 ? closingFrom(text) : text.size();
+    Piece piece{std::string(text.substr(0, start)),
+                prepareCondition(h, text.substr(start, end - start)),
+                std::string(text.substr(end))};
+    if (connective != 0) piece.after += connectiveSign(connective);
+    return piece;
+}
+
+void putLogic(FilterWork& work, std::string_view text) {
+    const std::size_t count = std::min(text.size(), kLogicLength - work.LogicLength);
+    if (count != 0) std::memcpy(work.LogicText + work.LogicLength, text.data(), count);
+    work.LogicLength += static_cast<u32>(count);
+    work.LogicText[work.LogicLength] = 0;
+}
+
+/// Appends the arithmetic of a piece to LogicText.
+void putPiece(DbfBase* h, const Piece& piece) {
+    FilterWork& work = *h->FilterState;
+    putLogic(work, piece.before);
+    putLogic(work, conditionHolds(h, piece.condition) ? "1" : "0");
+    putLogic(work, piece.after);
+}
+
+/// The value of an arithmetic text; false when it fails.
+bool logicHolds(char* logic) {
+    int status = 1;
+    return clampToI32(parse(logic, &status)) != 0;
+}
+
+/// Runs what allocates; false without memory.
+template <typename Work>
+bool withMemory(const Work& work) {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+// --------------------------------------------------------------------------------------------
+// The prepared filter
+// --------------------------------------------------------------------------------------------
+
+struct PreparedFilter {
+    std::string text;
+    i32 noBracketCheck = 0;  // what the preparation is good for
+    bool every = false;      // takes every record
+    bool andOr = false;      // the arithmetic amounts to "and" and "or"
+    std::vector<Piece> pieces;
+    std::string logic;  // the arithmetic text, a 1 for every condition
+};
+
+/// Records where the connectives stand, and the length behind them. False when there are too many.
+bool cutText(std::string_view text, FilterWork& work, u32* pieces) {
+    u32 found = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (!isConnective(text[i])) continue;
+        if (found == kConnectives) return false;
+        work.Cuts[found++] = static_cast<u32>(i);
+    }
+    work.Cuts[found] = static_cast<u32>(text.size());
+    *pieces = found + 1;
+    return true;
+}
+
+bool isBalanced(const DbfBase* h, std::string_view text) {
+    return h->NoBracketCheck != 0 || surplus(text) == 0;
+}
+
+/// False when the text does not fit the work area: a piece, the connectives, or the arithmetic
+/// text, whose length is known beforehand and which parse would refuse for every record.
+bool prepareFilter(DbfBase* h, const char* text, PreparedFilter& f) {
+    f.every = takesEvery(text);
+    if (f.every) return true;
+    f.text = text;
+    f.noBracketCheck = h->NoBracketCheck;
+    const u32* const cuts = h->FilterState->Cuts;
+    u32 pieces = 0;
+    if (!cutText(f.text, *h->FilterState, &pieces)) return false;
+    u32 start = 0;
+    for (u32 k = 0; k < pieces; ++k) {
+        const u32 length = cuts[k] - start;
+        if (length > kPieceLength) return false;
+        f.pieces.push_back(preparePiece(h, {text + start, length}, text[cuts[k]]));
+        start = cuts[k] + 1;
+    }
+    if (!isBalanced(h, f.text)) f.pieces.clear();  // an empty arithmetic text fails
+    for (const Piece& piece : f.pieces) f.logic += piece.before + '1' + piece.after;
+    return f.logic.size() <= kParseLength;
+}
+
+/// Prepares what saves time with many records.
+void prepareShortcuts(DbfBase* h, PreparedFilter& f) {
+    for (Piece& piece : f.pieces) prepareStored(h, piece.condition);
+    const auto ones = std::count(f.logic.begin(), f.logic.end(), '1');
+    const bool andOr = static_cast<std::size_t>(ones) == f.pieces.size() &&
+                       f.logic.find_first_not_of("()*+ 1") == std::string::npos;
+    std::string computed = f.logic;
+    f.andOr = andOr && logicHolds(computed.data());
+    std::erase(f.logic, ' ');
+}
+
+/// Reads an arithmetic text that amounts to "and" and "or", and tests a condition only where the
+/// result depends on it. A text has at most 79 characters, which bounds the recursion.
+///
+///   sum      product { "+" product }
+///   product  factor { "*" factor }
+///   factor   "1" | "(" sum ")"
+class AndOrReader {
+public:
+    AndOrReader(DbfBase* h, const PreparedFilter& f)
+        : base_(h), at_(f.logic.c_str()), piece_(f.pieces.data()) {}
+
+    bool sum(bool needed) {
+        bool result = product(needed);
+        while (take('+')) result |= product(needed && !result);
+        return result;
+    }
+
+private:
+    bool product(bool needed) {
+        bool result = factor(needed);
+        while (take('*')) result &= factor(needed && result);
+        return result;
+    }
+    bool factor(bool needed) {
+        if (!take('(')) {
+            ++at_;
+            const Condition& condition = (piece_++)->condition;
+            return needed && conditionHolds(base_, condition);
+        }
+        const bool result = sum(needed);
+        ++at_;
+        return result;
+    }
+    bool take(char c) {
+        if (*at_ != c) return false;
+        ++at_;
+        return true;
+    }
+
+    DbfBase* base_;
+    const char* at_;
+    const Piece* piece_;
+};
+
+/// Tests the record in RecordBuffer.
+bool passes(DbfBase* h, const PreparedFilter& f) {
+    if (h->SkipDeleted != 0 && h->RecordBuffer[0] == '*') return false;
+    if (f.every) return true;
+    if (h->NoBracketCheck != f.noBracketCheck) return ValidRecord(h, f.text.c_str()) != 0;
+    if (f.andOr) return AndOrReader(h, f).sum(true);
+    h->FilterState->LogicLength = 0;
+    h->FilterState->LogicText[0] = 0;
+    for (const Piece& piece : f.pieces) putPiece(h, piece);
+    return logicHolds(h->FilterState->LogicText);
+}
+
+// --------------------------------------------------------------------------------------------
+// Running it
+// --------------------------------------------------------------------------------------------
+
+/// Old and new filter text joined with "&"; null without memory.
+Block<char> joinTexts(const char* old, const char* text) {
+    const std::size_t before = old != nullptr ? std::strlen(old) + 1 : 0;
+    const std::size_t length = std::strlen(text);
+    Block<char> joined = allocate<char>(before + length + 1);
+    if (!joined) return joined;
+    if (before != 0) {
+        std::memcpy(joined.get(), old, before - 1);
+        joined.get()[before - 1] = '&';
+    }
+    std::memcpy(joined.get() + before, text, length + 1);
+    return joined;
+}
+
+void dropIndex(DbfBase* h) {
+    std::free(h->FilterIndex);
+    h->FilterIndex = nullptr;
+    h->FilterCount = 0;
+}
+
+void dropSortOrder(DbfBase* h) {
+    std::free(h->SortOrder);
+    h->SortOrder = nullptr;
+    setSortOrderCount(h, 0);
+}
+
+/// Takes a new index, given back what it does not use.
+void takeIndex(DbfBase* h, Block<u32> index, u32 count) {
+    u32* const all = index.release();
+    void* const used = std::realloc(all, std::max<std::size_t>(count, 1) * sizeof(u32));
+    h->FilterIndex = used != nullptr ? static_cast<u32*>(used) : all;
+    h->FilterCount = count;
+}
+
+/// Tests every record of the view and makes those that pass the view, or all records of the table
+/// when the callback stops.
+void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callback, u32 count,
+                   Block<u32> index) {
+    bool stopped = false;
+    u32 selected = 0;
+    for (u32 position = 0; position < count && !stopped; ++position) {
+        u32 record = 0;
+        const bool inView = recordAt(h, position, &record);
+        if (inView) readPhysicalRecord(h, record);  // what cannot be read is tested as it stands
+        if (passes(h, filter) && inView) index.get()[selected++] = record;
+        stopped = callback != nullptr && callback() != 0;
+    }
+    dropIndex(h);
+    dropSortOrder(h);  // of the old view, if a hook or the callback has sorted it
+    if (!stopped) takeIndex(h, std::move(index), selected);
+}
+
+/// set_filter but for the exceptions of the standard library.
+bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
+    const char* const applied = text != nullptr ? text : h->FilterText;
+    const u32 count = reccount(h);
+    Block<u32> index = allocate<u32>(std::size_t{count} + 1);
+    const Block<FilterWork> work = allocate<FilterWork>(1);
+    if (applied == nullptr || !index || !work) return false;
+    std::memset(work.get(), 0, sizeof *work);
+    const Restore state(h->FilterState, work.get());
+    PreparedFilter filter;
+    if (!prepareFilter(h, applied, filter)) return false;
+    prepareShortcuts(h, filter);
+    if (applied == text && !filter.every) {
+        Block<char> joined = joinTexts(h->FilterText, text);
+        if (!joined) return false;
+        std::free(std::exchange(h->FilterText, joined.release()));
+    }
+    dropSortOrder(h);
+    selectRecords(h, filter, callback, count, std::move(index));
+    return true;
+}
+
+}  // namespace
+
+DbfBase* set_filter(DbfBase* h, const char* text, StopCallback callback) {
+    const bool applied = h != nullptr && withMemory([&] { return applyFilter(h, text, callback); });
+    return applied ? h : nullptr;
+}
+
+int ValidRecord(DbfBase* h, const char* text) {
+    if (text == nullptr || (h->FilterState == nullptr && !takesEvery(text))) return 0;
+    return withMemory([&] {
+        PreparedFilter filter;
+        return prepareFilter(h, text, filter) && passes(h, filter);
+    });
+}
+
+int analizator(DbfBase* h, const char* text) {
+    u32 pieces = 0;
+    if (h->FilterState == nullptr || !cutText(text, *h->FilterState, &pieces)) return 0;
+    return isBalanced(h, text) ? static_cast<int>(pieces) : 0;
+}
+
+void eval(DbfBase* h, char connective) {
+    if (h->FilterState == nullptr) return;
+    withMemory([&] {
+        putPiece(h, preparePiece(h, h->FilterState->PieceText, connective));
+        return true;
+    });
+}
+
+char cnd(DbfBase* h, const char* condition) {
+    if (condition == nullptr || h->FilterState == nullptr) return '0';
+    const auto holds = [&] { return conditionHolds(h, prepareCondition(h, condition)); };
+    return withMemory(holds) ? '1' : '0';
+}
+
+void ClearFilter(DbfBase* h) {
+    ClearSort(h);
+    dropIndex(h);
+}
+
+void ClearAllFilter(DbfBase* h) {
+    ClearFilter(h);
+    std::free(h->FilterText);
+    h->FilterText = nullptr;
+}
+
+void* ExternalFilter(DbfBase* /*h*/, u32 count) {
+    return std::malloc(std::max<std::size_t>(count, 1) * 8);
+}
+
+}  // namespace mira
