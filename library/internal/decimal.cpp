@@ -161,6 +161,17 @@ std::size_t printInteger(char* to, i32 value, unsigned width) {
     return printScaled(to, wide < 0, static_cast<u64>(wide < 0 ? -wide : wide), width, 0);
 }
 
+bool printedValue(double value, unsigned decimals, double* printed) {
+    constexpr u64 exactIntegers = u64{1} << (kMantissaBits + 1);
+    u64 scaled = 0;
+    if (!scaleExactly(value, decimals, &scaled) || scaled > exactIntegers) return false;
+    // Both are exact, so the quotient is rounded once, as a reader rounds.
+    const double magnitude =
+        static_cast<double>(scaled) / static_cast<double>(kPowersOfTen[decimals]);
+    *printed = std::copysign(magnitude, value);
+    return true;
+}
+
 std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals) {
     if (!std::isfinite(value)) return printSpecial(to, value, width);
     u64 scaled = 0;

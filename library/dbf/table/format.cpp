@@ -196,6 +196,7 @@ void nameBackup(DbfBase* h) {
 
 char readFields(DbfBase* h, bool fresh) {
     if (!fresh) std::memset(h->AliasNames, 0, sizeof h->AliasNames);
+    if (h->Private != nullptr) h->Private->expressions.reset();  // they name the old fields
     const Descriptors list = readDescriptors(h);
     // What an error cuts short is not taken for a shorter table: the next write would ruin it.
     u64 size = 0;

@@ -45,9 +45,7 @@ struct DateTime {
 bool hasTime(const DbfField& f) { return valueClass(f) == ValueClass::Moment; }
 bool isBinary(const DbfField& f) { return hasTime(f) && f.Length == 8; }
 bool isTimestamp(const DbfField& f) { return f.Type == '@'; }
-bool isForeign(const DbfBase* h, const DbfField& f) {
-    return isTimestamp(f) && isForeignLevel7(h);
-}
+bool isForeign(const DbfBase* h, const DbfField& f) { return isTimestamp(f) && isForeignLevel7(h); }
 
 /// atoi of at most four characters; 0 for a piece beyond the end of the text.
 int readPiece(std::string_view text, std::size_t start, std::size_t length) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
+#include <string_view>
 
 #include "dbf/table/types.h"
 #include "mira.h"
@@ -38,5 +40,15 @@ const char* renderMemo(DbfBase*, int field);
 // dates.cpp
 const char* renderDate(DbfBase*, int field);
 const char* renderMoment(DbfBase*, int field);
+
+// stored.cpp: what rendering a value and reading its text would lead to, told without either.
+/// The number that the text of a numeric field stands for in arithmetic: one token, behind a minus
+/// when its sign bit is set, and blanks. False where only the text can tell.
+bool storedNumber(DbfBase*, int field, double*);
+/// Characters of that text at most; no more than kSqueezedNumber without superfluous blanks.
+std::size_t storedNumberWidth(const DbfField&);
+inline constexpr std::size_t kSqueezedNumber = 24;
+/// The text of a D, T or "@" field in kDigitsFormat. False where it has to be rendered.
+bool storedDate(const DbfBase*, int field, std::string_view*);
 
 }  // namespace mira

@@ -285,7 +285,7 @@ void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callba
     for (u32 position = 0; position < count && !stopped; ++position) {
         u32 record = 0;
         const bool inView = recordAt(h, position, &record);
-        ReadRecord(h, position);  // what cannot be read is tested as the buffer then stands
+        if (inView) readPhysicalRecord(h, record);  // what cannot be read is tested as it stands
         if (passes(h, filter) && inView) index.get()[selected++] = record;
         stopped = callback != nullptr && callback() != 0;
     }

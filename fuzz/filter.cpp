@@ -1,0 +1,120 @@
+// Filters over a small table of every field type, by set_filter, by ValidRecord and as the rule has
+// it. The same text is then a calculated field.
+//
+//   0  1  switches      1  1  TrimMode and DateFormat      2  1  NoBracketCheck      then the text
+#include <cmath>
+#include <ostream>
+
+#include "property.h"
+#include "support/reference.h"
+#include "support/tables.h"
+
+namespace test {
+namespace {
+
+const std::vector<Column> kColumns = {
+    {"NAME", 'C', 10},   {"PRICE", 'N', 10, 2}, {"QTY", 'N', 5},  {"FINE", 'F', 20, 9},
+    {"FRAC", 'N', 3, 2}, {"WIDE", 'N', 120, 3}, {"CNT", 'I', 4},  {"CASH", 'Y', 8},
+    {"DBL", 'B', 8, 2},  {"ORD", 'O', 8},       {"BORN", 'D', 8}, {"SEEN", 'T', 8},
+    {"FLAG", 'L', 1},    {"MEMO", 'M', 10},     {"BIN", 'Q', 4},  {"NOTE", 'C', 44, 1}};
+
+/// A row of values for every column; what is missing is blank.
+const std::vector<std::vector<std::string>> kRows = {
+    {"Ann", "     12.50", "    1", "      12345.678901234", ".50", "1.5", "\1", "\x10\x27", "\1",
+     "\xBF\xF0", "20240305", "\xF7\x8A\x25", "T", "        12", "ab", "a longer note"},
+    {"Andrew (x", "     -5.00", "    2", "  1234567890.1234567", "1.5", "-7"},
+    {"<b", "3.14", "", "1e3", "-.5", "", "\xFF\xFF\xFF\xFF", "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"},
+    {"\xE0\xA0 TRIM(", "500.00 x", "0x1A", "inf", "-"},
+    {""},
+    {"ann", "99999999.9", "99999", "-0", "5", "4280387012.5279348"}};
+
+struct Open {
+    Folder folder;
+    Layout layout{0x03, kColumns};
+    Table table;
+
+    Open() {
+        for (const auto& row : kRows) {
+            std::string& record =
+                layout.records.emplace_back(layout.records.size() == 1 ? "*" : " ");
+            for (std::size_t i = 0; i < kColumns.size(); ++i) {
+                const bool binary = std::strchr("IYBOT", kColumns[i].type) != nullptr;
+                record +=
+                    padded(i < row.size() ? row[i] : "", kColumns[i].width(), binary ? '\0' : ' ');
+            }
+        }
+        table = openLayout(folder, layout);
+        CHECK(table != nullptr && table->Header.RecordCount == kRows.size());
+    }
+};
+
+int invertCase(char* text, DbfBase*, int) {
+    for (; *text != 0; ++text) *text = static_cast<char>(*text ^ 0x20);
+    return 0;
+}
+
+void setOptions(DbfBase* h, Input& input) {
+    const u8 switches = input.byte(), modes = input.byte();
+    h->CaseInsensitive = switches & 1;
+    h->RawNumeric = switches >> 1 & 1;
+    h->OemConvert = switches >> 2 & 1;
+    h->SkipDeleted = switches >> 3 & 1;
+    h->Reverse = switches >> 4 & 1;
+    h->MemoAsNumber = switches >> 5 & 1;
+    h->UpperCaseCallback = (switches & 0x40) != 0 ? invertCase : nullptr;
+    h->TrimMode = modes % 4;
+    h->DateFormat = modes / 4 % 5;
+    h->NoBracketCheck = input.byte() % 3;
+}
+
+using Records = std::vector<u32>;
+
+void checkFilter(const Open& open, DbfBase* h, const std::string& text) {
+    Records expected;
+    const auto work = std::make_unique<FilterWork>();
+    for (u32 i = 0; i < kRows.size(); ++i) {
+        const u32 record = h->Reverse != 0 ? static_cast<u32>(kRows.size()) - 1 - i : i;
+        const bool wanted = passes({h, open.layout.records[record]}, text);
+        if (wanted) expected.push_back(record);
+        CHECK(ReadRecord(h, i) == 1);
+        h->FilterState = work.get();
+        CHECK_EQUAL(ValidRecord(h, text.c_str()), wanted && !isRefused(h, text));
+        h->FilterState = nullptr;
+    }
+    CHECK_EQUAL(set_filter(h, text.c_str(), nullptr), isRefused(h, text) ? nullptr : h);
+    if (isRefused(h, text)) return CHECK(h->FilterIndex == nullptr && h->FilterText == nullptr);
+    CHECK(Records(h->FilterIndex, h->FilterIndex + h->FilterCount) == expected);
+    CHECK(h->FilterText == text && h->FilterState == nullptr);
+    ClearAllFilter(h);
+}
+
+void checkCalculated(const Row& row, const std::string& text) {
+    DbfBase* const h = row.h;
+    const std::optional<std::string> wanted = calculated(row, text);
+    CHECK(GetMemCalcField(h) == 1 && AddCalcField(h, "X", text.c_str()) == 1);
+    const char* const got = GetStr(h, h->FieldCount);
+    CHECK_EQUAL(got == nullptr, !wanted);
+    if (wanted) CHECK_EQUAL(got, *wanted);
+    const double value = GetCalcValue(h, "x"), number = calculatedValue(row, text);
+    CHECK(value == number || (std::isnan(value) && std::isnan(number)));
+    CHECK(if_digit_type(h, h->FieldCount) != 0 || GetValue(h, h->FieldCount) == 0.0);
+    FreeMemCalcField(h);
+}
+
+void check(Input& input) {
+    static Open open;
+    DbfBase* const h = open.table.get();
+    setOptions(h, input);
+    const std::string text = input.rest();
+    checkFilter(open, h, text);
+    const std::size_t record = text.size() % kRows.size();
+    h->Reverse = 0;
+    CHECK(ReadRecord(h, static_cast<u32>(record)) == 1);
+    checkCalculated({h, open.layout.records[record]}, text);
+}
+
+}  // namespace
+
+const Surface kFilter{"filter", check, 3000};
+
+}  // namespace test
