@@ -11,6 +11,7 @@
 #include "dbf/table/table.h"
 #include "internal/file.h"
 #include "internal/restore.h"
+#include "memo/memo.h"
 
 namespace mira {
 
@@ -119,6 +120,7 @@ int Pack(DbfBase* h, u32 mode) {
     h->UseFilterIndex = 0;
     const int result = pack(h, mode);
     h->UseFilterIndex = 1;
+    if (result == 0) noteUnfinishedPack(h);
     return result;
 }
 
