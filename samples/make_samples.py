@@ -125,6 +125,38 @@ def parcels():
         for depot, parcel, fee, limit, shipped in rows], level7=True)
 
 
+def customers():
+    columns = [("ID", "N", 4, 0), ("NAME", "C", 20, 0), ("CITY", "C", 16, 0), ("CREDIT", "N", 8, 2)]
+    rows = [
+        (1001, "СтройДвор", "Омск", 500.0),
+        (1002, "Мебельщик", "Казань", 1500.0),
+        (1003, "Joiner & Sons", "Leeds", None),
+        (1004, "Плотник", "Омск", 80.0),
+    ]
+    return table(0x03, columns, [
+        (False, number(id, 4), text(name, 20, "cp866"), text(city, 16, "cp866"),
+         number(credit, 8, 2))
+        for id, name, city, credit in rows], code_page=0x26)
+
+
+def orders():
+    columns = [("NUMBER", "N", 5, 0), ("CUSTOMER", "N", 4, 0), ("CODE", "C", 6, 0),
+               ("QTY", "N", 5, 0), ("ORDERED", "D", 8, 0)]
+    rows = [
+        (1, 1001, "BLT040", 200, "20240306"),
+        (2, 1001, "NUT008", 200, "20240306"),
+        (3, 1002, "LCK002", 12, "20240307"),
+        (4, 1003, "SAW300", 2, "20240311"),
+        (5, 1002, "HNG100", 24, "20240311"),
+        (6, 1004, "GLU500", 30, None),
+        (7, 1003, "OLD777", 1, "20240312"),
+    ]
+    return table(0x03, columns, [
+        (False, number(entry, 5), number(customer, 4), text(code, 6), number(count, 5),
+         date(ordered))
+        for entry, customer, code, count, ordered in rows])
+
+
 NULLABLE, COUNTING, SYSTEM, BINARY = 2, 12, 1, 4
 MEMO_UNIT = 64
 
@@ -181,38 +213,6 @@ def club():
     return table(0x30, columns, [
         (False, struct.pack("<i", i + 1), struct.pack("<i", parent), text(kind, 10), text(name, 128))
         for i, (parent, kind, name) in enumerate(objects)], code_page=3, backlink="", flags=4)
-
-
-def customers():
-    columns = [("ID", "N", 4, 0), ("NAME", "C", 20, 0), ("CITY", "C", 16, 0), ("CREDIT", "N", 8, 2)]
-    rows = [
-        (1001, "СтройДвор", "Омск", 500.0),
-        (1002, "Мебельщик", "Казань", 1500.0),
-        (1003, "Joiner & Sons", "Leeds", None),
-        (1004, "Плотник", "Омск", 80.0),
-    ]
-    return table(0x03, columns, [
-        (False, number(id, 4), text(name, 20, "cp866"), text(city, 16, "cp866"),
-         number(credit, 8, 2))
-        for id, name, city, credit in rows], code_page=0x26)
-
-
-def orders():
-    columns = [("NUMBER", "N", 5, 0), ("CUSTOMER", "N", 4, 0), ("CODE", "C", 6, 0),
-               ("QTY", "N", 5, 0), ("ORDERED", "D", 8, 0)]
-    rows = [
-        (1, 1001, "BLT040", 200, "20240306"),
-        (2, 1001, "NUT008", 200, "20240306"),
-        (3, 1002, "LCK002", 12, "20240307"),
-        (4, 1003, "SAW300", 2, "20240311"),
-        (5, 1002, "HNG100", 24, "20240311"),
-        (6, 1004, "GLU500", 30, None),
-        (7, 1003, "OLD777", 1, "20240312"),
-    ]
-    return table(0x03, columns, [
-        (False, number(entry, 5), number(customer, 4), text(code, 6), number(count, 5),
-         date(ordered))
-        for entry, customer, code, count, ordered in rows])
 
 
 if __name__ == "__main__":

@@ -127,6 +127,17 @@ void readFlags(const Table& table, Column& column) {
                           (column.type == 'C' || column.type == 'V' || column.type == 'M');
 }
 
+/// Other makers of level-7 tables keep a length one byte earlier, and moments as a double.
+bool isForeignMoment(const Table& table, const Column& column) {
+    constexpr u32 kDescriptor7 = 48;
+    constexpr u32 kLengthPlace7 = 34;
+    if (table.base->Level7 == 0 || column.type != '@' || column.length != 8) return false;
+    u8 length = 0;
+    const u32 place = table.base->HeaderSize + kDescriptor7 * static_cast<u32>(column.field);
+    return readFileAt(table.base->TableFile, place + kLengthPlace7, &length, 1) == 1 &&
+           length != column.length;
+}
+
 Column columnOf(const Table& table, int field) {
     DbfBase* const base = table.base.get();
     Column column;
@@ -138,6 +149,7 @@ Column columnOf(const Table& table, int field) {
     toUtf8(*table.page.page, base->Fields[field].Name, column.name);
     while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
     if (table.visual) readFlags(table, column);
+    column.foreignMoment = isForeignMoment(table, column);
     column.kind = kindOf(column);
     if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
     makePictureMemo(base, column);
@@ -231,6 +243,14 @@ void noteUnknownTypes(Table& table) {
     }
 }
 
+bool sameStructure(const DbfBase& a, const DbfBase& b) {
+    const auto same = [](const DbfField& x, const DbfField& y) {
+        return x.Offset == y.Offset && x.Length == y.Length && x.Decimals == y.Decimals;
+    };
+    return a.FieldCount == b.FieldCount && a.Header.RecordLength == b.Header.RecordLength &&
+           std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
+}
+
 void noteMissingMemoFile(Table& table) {
     const DbfBase& base = *table.base;
     if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return;
@@ -238,14 +258,6 @@ void noteMissingMemoFile(Table& table) {
     if (std::filesystem::exists(base.MemoFileName, ignored)) return;
     const std::string name = std::filesystem::path(base.MemoFileName).filename().string();
     table.notes.push_back("its memo file " + name + " is missing");
-}
-
-bool sameStructure(const DbfBase& a, const DbfBase& b) {
-    const auto same = [](const DbfField& x, const DbfField& y) {
-        return x.Offset == y.Offset && x.Length == y.Length && x.Decimals == y.Decimals;
-    };
-    return a.FieldCount == b.FieldCount && a.Header.RecordLength == b.Header.RecordLength &&
-           std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
 }
 
 }  // namespace

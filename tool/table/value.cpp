@@ -324,7 +324,7 @@ void giveMoment(CellReader& reader, const Column& column, Value& value) {
     const std::array<u8, 8> bytes = prefixOf<8>(table, column);
     i64 day = loadLe<i32>(bytes.data());
     i64 milliseconds = loadLe<i32>(bytes.data() + 4);
-    if (column.type == '@' && table.base->ForeignLevel7 != 0) {
+    if (column.foreignMoment) {
         const double stored = loadBeDouble(bytes.data());
         constexpr auto kEnd =
             static_cast<double>((kLastDay - kDayBeforeYear1 + 1) * kDayMilliseconds);
