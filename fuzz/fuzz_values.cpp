@@ -119,6 +119,7 @@ private:
     }
 
     void putNumber(int field, double value, u8 decimals);
+    void putCurrency(int field, double value);
     void putMoment(int field, const Moment&);
     void putDateText(int field, std::string text);
     void putValue(int field, const std::string& text, double number);
@@ -187,6 +188,17 @@ void Values::putNumber(int field, double number, u8 decimals) {
     if (fits) put(field, text);
 }
 
+/// Cut, but for what four units of the last place separate from a whole number; half-way between
+/// two it is the one that is read as the value.
+void Values::putCurrency(int field, double value) {
+    const double scaled = value * 10000, cut = std::trunc(scaled);
+    if (!(std::abs(scaled) < 0x1p63)) return;
+    const double unit = std::nextafter(std::abs(scaled), HUGE_VAL) - std::abs(scaled);
+    double whole = std::abs(scaled - std::round(scaled)) <= 4 * unit ? std::round(scaled) : cut;
+    if (std::abs(scaled - cut) == 0.5 && cut / 10000 == value) whole = cut;
+    put(field, store(static_cast<u64>(static_cast<i64>(whole)), 8, false));
+}
+
 void Values::putMoment(int field, const Moment& m) {
     if (m.month < 0 || m.month > 11) return;
     if (isBinaryTime(field)) {
@@ -230,9 +242,7 @@ void Values::putValue(int field, const std::string& text, double number) {
         case 'O':
             return put(field, store(number < 0 ? ~bits : bits | u64{1} << 63, 8, true));
         case 'Y':
-            if (std::abs(number * 10000) < 0x1p63)
-                put(field, store(static_cast<u64>(static_cast<i64>(number * 10000)), 8, false));
-            return;
+            return putCurrency(field, number);
         case 'I':
         case '+': {
             const bool fits = number <= 2147483647.0 && number >= -2147483648.0;

@@ -56,7 +56,7 @@ struct PreparedSlot {
     Arithmetic arithmetic;  // of a numeric expression
     bool digit;             // what if_digit_calci says
 };
-using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kFieldMax>;
+using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kSlots>;
 
 /// Whether a numeric field is named in a text between the characters of chrdigit.
 bool namesNumber(const DbfBase* h, std::string_view text) {
@@ -113,7 +113,7 @@ PreparedSlots* keepSlots(DbfBase* h) {
 /// can be kept, it is the caller's own.
 const PreparedSlot* prepared(DbfBase* h, int slot, std::unique_ptr<PreparedSlot>& own) {
     const CalcFieldSlot* const filled = filledSlot(h, slot);
-    if (filled == nullptr) return nullptr;
+    if (filled == nullptr || filled->Expression == nullptr) return nullptr;
     try {
         PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
         std::unique_ptr<PreparedSlot>& kept =

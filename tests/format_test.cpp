@@ -62,7 +62,7 @@ TEST(Format, DecimalBytesAndTypeLetters) {
 TEST(Format, ReadsLevel7) {
     TempDir dir;
     Layout layout{0x8C, {{"A_NAME_OF_THIRTY_ONE_CHARACTERS", 'C', 3}, {"N", 'I', 4}}, {}, true};
-    layout.records = {" abc\x80\x00\x00\x05"s};
+    layout.records.assign(9, " abc\x80\x00\x00\x05"s);
     Table h = openLayout(dir, layout);
     ASSERT_EQ(h->Level7, 1u);
     EXPECT_EQ(h->Fields[0].Name, layout.columns[0].name);
@@ -76,12 +76,66 @@ TEST(Format, ReadsLevel7) {
     for (std::size_t place : {68u + 33, 68u + 48 + 33}) std::swap(bytes[place], bytes[place + 1]);
     h = openBytes(dir, bytes);
     ASSERT_TRUE(isForeignLevel7(h.get()));
+    bytes[68 + 2 * 48] = 0;  // the terminator
+    h = openBytes(dir, bytes);
+    ASSERT_TRUE(isForeignLevel7(h.get()) && h->FieldCount == 2);
     ASSERT_TRUE(ReadRecord(h.get(), 0));
     EXPECT_STREQ(GetStr(h.get(), 0), "abc");
     EXPECT_STREQ(GetStr(h.get(), 1), "         5");
     SetInt(h.get(), 1, static_cast<u32>(-1));
     EXPECT_EQ(std::memcmp(h->RecordBuffer + 4, "\x7F\xFF\xFF\xFF", 4), 0);
     EXPECT_EQ(GetValue(h.get(), 1), -1.0);
+
+    bytes = layout.bytes().replace(10, 2, le(1, 2));
+    EXPECT_EQ(GetLenField(openBytes(dir, bytes).get(), 0), 3u) << "1 is no sum of lengths";
+}
+
+/// Where the field list of a table of three fields should end, something else.
+struct BadEnd {
+    const char* name;
+    bool level7;
+    unsigned backLink;  ///< bytes that the header has after the terminator
+    int at;             ///< where bytes are replaced, counted from the terminator
+    std::string bytes;
+    int headerChange;
+
+    std::string table() const {
+        Layout layout{0x30, {{"A", 'C', 5}, {"B", 'N', 6, 2}, {"D", 'D', 8}}, {}, level7};
+        layout.records.assign(4, " Anna   1.5020240229");
+        std::string out = layout.bytes();
+        const std::size_t end = layout.headerLength() - 1;
+        out.insert(end + 1, backLink, 0);
+        out.replace(8, 2, le(end + 1 + backLink + static_cast<unsigned>(headerChange), 2));
+        out.erase(end, headerChange == 0 ? 0 : 1);
+        return out.replace(end + static_cast<std::size_t>(at), bytes.size(), bytes);
+    }
+};
+
+TEST(Format, ListsWithoutASoundTerminatorEndWithTheHeader) {
+    const BadEnd cases[] = {{"sound", false, 263, 0, "", 0},
+                            {"overwritten", false, 0, 0, "\n", 0},
+                            {"missing", false, 0, 0, "", -1},
+                            {"in the place of a name", false, 0, -64, "\r", 0},
+                            {"inside a name", false, 0, -63, "\r", 0},
+                            {"before a back link", false, 263, 0, "\n", 0},
+                            {"before the path of a database", false, 263, 0, "\nstock.dbc", 0},
+                            {"level 7", true, 0, 0, "x", 0}};
+    const TempDir dir;
+    for (const BadEnd& c : cases) {
+        for (const std::size_t left : {0u, 1u}) {  // without the end byte, too
+            const std::string bytes = c.table();
+            const Table h = openBytes(dir, bytes.substr(0, bytes.size() - left));
+            ASSERT_TRUE(h && h->FieldCount == 3 && h->Status == 0) << c.name;
+            EXPECT_TRUE(ReadRecord(h.get(), 3)) << c.name;
+            EXPECT_EQ(GetStr(h.get(), 2), "20240229"s) << c.name;
+        }
+    }
+    // Where the header does not fit the file the list goes on into the records.
+    for (const std::size_t place : {4u, 8u, 10u}) {  // record count, header and record length
+        std::string bytes = cases[1].table();
+        --bytes[place];
+        EXPECT_EQ(openBytes(dir, bytes)->FieldCount, 5) << place;
+    }
 }
 
 TEST(Format, BlanksEveryType) {

@@ -91,6 +91,18 @@ TEST(Memo, KindSelectsNameAndFormat) {
     }
 }
 
+TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
+    for (const auto& [files, name] : rows("f.scx f.sct=f.sct;F.FRX F.FRT=F.FRT;f.VcX f.Vct=f.Vct;"
+                                          "f.lbx f.LBT f.lbT=f.fpt;f.mnx f.mnt F.fpT=F.fpT;"
+                                          "f.pjx f.pjt f.Fpt F.fpt=f.fpt;f.dbf f.dbt=f.fpt")) {
+        const TempDir dir;
+        const std::vector<std::string> all = split(files, ' ');
+        for (const std::string& file : all) writeAll(dir.file(file), "");
+        const Table h = openLayout(dir, {0x30, {{"NOTE", 'M', 4}}, {}}, all[0]);
+        EXPECT_EQ(h->MemoFileName, dir.file(name)) << files;
+    }
+}
+
 TEST(Memo, HostileFilesAreReadInPartAndNotWritten) {
     const std::string d4 = padded(header(2, 0, 32), 32, 0) + "\xFF\xFF\x08\0"s;
     const std::tuple<u32, std::string, std::string> cases[] = {
@@ -110,6 +122,19 @@ TEST(Memo, HostileFilesAreReadInPartAndNotWritten) {
         EXPECT_EQ(take(GetMemo(h.get(), 0)), memo);
         EXPECT_EQ(SetMemo(h.get(), 0, "text") + SetMemo(h.get(), 1, "text"), 0);
         EXPECT_EQ(readAll(h->MemoFileName) + recordOf(h.get()), file + padded("", 10) + '1');
+    }
+}
+
+TEST(Memo, EveryReadReleasesTheLastText) {
+    const TempDir dir;
+    const Table h = openTable(dir, 0x83);
+    for (const i32 field : {0, 1}) {  // no memo file, no field
+        for (const bool text : {true, false}) {
+            h->MemoBuffer = strdup("last");
+            EXPECT_EQ(text ? GetMemo(h.get(), field) : GetMemoBuf(h.get(), field, nullptr),
+                      nullptr);
+            EXPECT_EQ(h->MemoBuffer, nullptr);
+        }
     }
 }
 

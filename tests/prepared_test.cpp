@@ -86,7 +86,9 @@ struct Source {
     /// At the limits of the parser, or with a number that does not stand alone.
     std::string edge() {
         const int count = static_cast<int>(below(6));
-        if (oneIn(3)) return repeat("(", 24 + count) + number() + repeat(")", 24 + count);
+        if (oneIn(3))
+            return repeat("(", 23 + count) + pick(";1+2*;1+2^2^") + number() +
+                   repeat(")", 23 + count);
         std::string text = pick("'2'QTY;QTY'5';ONE'.5';ONE'E2';'2E'ONE;.QTY;ONE\"\"ONE;2E+ONE;QTY");
         for (int i = 0; i < count + 2; ++i) text += "+" + number();
         return text;
@@ -107,7 +109,8 @@ struct Source {
                 return arithmetic(2);
             case 1:
                 return pick(
-                    "UPPER(an);LOWER(AN);TRIM( a );'x';CAP(ann);DTOS(05.03.2024);UPPER(an;"
+                    "DTOS(05.03.2024);UPPER(an);LOWER(AN);TRIM( a "
+                    ");'x';CAP(ann);DTOS(05.03.2024);UPPER(an;"
                     "((an);an);20200101;2024;T;;5");
             case 2:
                 return pick("; ;'  '") + field() + pick("; ;'x'");
@@ -135,9 +138,9 @@ int toOem(const char* from, char* to, u32 length) {
 }
 /// An application that changes options from record to record.
 int turnOptions(DbfBase* h) {
-    h->RawNumeric = h->RecordBuffer[20] % 2;
-    h->NoBracketCheck = h->RecordBuffer[21] % 2;
-    h->DateFormat = h->RecordBuffer[22] % 2;
+    h->RawNumeric = h->RecordBuffer[327] % 2;
+    h->NoBracketCheck = h->RecordBuffer[322] % 2;
+    h->DateFormat = h->RecordBuffer[322] % 2;
     return 0;
 }
 
@@ -261,6 +264,14 @@ TEST_F(Prepared, ABlankNumberShownAsStoredIsOneCharacterLonger) {
         EXPECT_EQ(reccount(blank.get()), passing) << blanks;
         ClearAllFilter(blank.get());
     }
+}
+
+TEST_F(Prepared, FollowsADateFormatThatAHookSets) {
+    const Table day =
+        openLayout(folder, {.columns = {{"BORN", 'D', 8}}, .records = {" 20240305"}}, "day.dbf");
+    day->AfterRead = [](DbfBase* base) { return base->DateFormat = 1; };
+    ASSERT_EQ(set_filter(day.get(), "BORN=DTOS(05.03.2024)", nullptr), day.get());
+    EXPECT_EQ(reccount(day.get()), 1u);
 }
 
 DbfBase* sorted = nullptr;

@@ -114,6 +114,11 @@ TEST(Files, PathsAndWrappers) {
         _splitpath(path.c_str(), drive, dir, name, ext);
         EXPECT_EQ(dir + "|"s + name + "|" + ext, expected);
     }
+    std::strcpy(made, "x/t.dbf");
+    MakeExt(made, made, ".bak", nullptr);
+    EXPECT_STREQ(made, "x/t.bak") << "in place";
+    _splitpath(made, drive, dir, made, ext);
+    EXPECT_EQ(std::string(dir) + "|" + made + "|" + ext, "x/|t|.bak") << "in place";
     MakeExt(made, "x/t.dbf", ".bak", "other.hdr");
     EXPECT_STREQ(made, "x/other.hdr");
     MakeExt(made, longPath.c_str(), ".bak", nullptr);

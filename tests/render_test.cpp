@@ -71,6 +71,8 @@ TEST(Numbers, StoreAndRead) {
     EXPECT_EQ(currency.bytes(), le(123456, 8)) << "nothing is stored for the last three";
     SetCurrency(currency.h.get(), 0, -0.00005);
     EXPECT_EQ(GetCurrency(currency.h.get(), 0), 0.0);
+    SetCurrency(currency.h.get(), 0, 4.56);
+    EXPECT_EQ(currency.bytes(), le(45600, 8));
     std::string previous;
     for (const double v : {-1e300, -1.5, -1e-300, -0.0, 1e-300, 1.0, 1.5, 1e300}) {
         SetInvertedDouble(ordered.h.get(), 0, v);
@@ -96,6 +98,29 @@ TEST(Numbers, StoreAndRead) {
         for (auto* const set : {SetDouble, SetCurrency, SetInvertedDouble}) set(f.h.get(), 0, 1);
         EXPECT_EQ(std::string(f.record(), 10), "abcdefghij");
         EXPECT_EQ(GetInt(f.h.get(), 0), 0x64636261u);
+    }
+}
+
+TEST(Numbers, CurrencyComesBackUnchanged) {
+    OneField from('Y', 8), to('Y', 8);
+    std::mt19937_64 random(13);
+    constexpr i64 exact = i64{10000} << 39;  // beyond, some share a double with others
+    for (i64 i = -200000; i < 800000; ++i) {
+        const int shift = static_cast<int>(random() % 64);
+        const i64 k = i % 2 == 0 ? i : i % 3 != 0 ? static_cast<i64>(random()) >> shift : exact + i;
+        from.put(le(static_cast<u64>(k), 8));
+        const double value = GetCurrency(from.h.get(), 0);
+        SetCurrency(to.h.get(), 0, value);
+        ASSERT_EQ(GetCurrency(to.h.get(), 0), value);
+        ASSERT_TRUE(from.bytes() == to.bytes() || k > exact || k < -exact) << k;
+    }
+    // Four units of the last place count, a fifth does not.
+    for (const auto& [units, stored] : {std::pair{4, 45600u}, {5, 45599u}}) {
+        double value = 4.56;
+        while ((45600 - value * 10000) * (1 << 20) * (1 << 17) < units)
+            value = std::nextafter(value, 0);
+        SetCurrency(to.h.get(), 0, value);
+        EXPECT_EQ(to.bytes(), le(stored, 8)) << units;
     }
 }
 
@@ -199,7 +224,23 @@ TEST(Dates, CalendarCountsEveryDay) {
         t.put(le(outside, 8));
         EXPECT_EQ(GetDateTime(t.h.get(), 0), -1) << outside;
     }
+    for (const i32 number : {1721059, 0, -400000000, -2147483647 - 1}) {
+        t.put(le(static_cast<u32>(number), 4) + le(0, 4));
+        const std::tm tm = GetDT(t.h.get(), 0);
+        EXPECT_EQ(tm.tm_year + tm.tm_mon, 0);
+        EXPECT_EQ(tm.tm_mday, std::max(i64{number} - 1721059, -(i64{1} << 31)));
+    }
     SetDateTime(t.h.get(), 0, 2147483647, 12, 2147483647, 2147483647, 2147483647, 2147483647);
+}
+
+TEST(Dates, LocalTimeFollowsTheTimeZone) {
+    OneField t('T', 14);
+    for (const auto& [zone, shown] : rows("UTC0=19700101000000;EAST-5:30=19700101053000")) {
+        setenv("TZ", zone.c_str(), 1);
+        SetDateTimeI(t.h.get(), 0, 0);
+        EXPECT_EQ(t.bytes(), shown);
+    }
+    unsetenv("TZ");
 }
 
 TEST(Dates, TimestampsOfOtherMakersCountMilliseconds) {

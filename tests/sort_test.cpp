@@ -1,5 +1,7 @@
 // Sorting and searching. What SortBase does in memory is compared with the quicksort that reads and
 // compares two records at a time.
+#include <cmath>
+#include <cstring>
 #include <random>
 
 #include "dbf/table/private.h"
@@ -57,13 +59,15 @@ TEST(Sort, Keys) {
     for (const auto& [column, stored, key] : cases) {
         const Table h = openLayout(dir, {0x03, {column}, {' ' + stored}});
         std::string built(65536, 'x');
-        u32 fields[] = {0, 1, 0};  // the second has no value
-        h->SortKeyCount = 3;
+        GetMemCalcField(h.get());
+        u32 fields[] = {0, 1, static_cast<u32>(-1), 0};  // two without a value
+        h->SortKeyCount = 4;
         h->SortKeyFields = fields;
         h->DateFormat = h->TrimMode = 3;
         ReadRecord(h.get(), 0);
         GetCompStr(0, built.data(), h.get());
         EXPECT_EQ(built.c_str(), key + key) << column.type;
+        FreeMemCalcField(h.get());
     }
 }
 
@@ -94,6 +98,50 @@ TEST(Sort, FieldListsAndOrders) {
     EXPECT_EQ(baseOrder(openLayout(dir, wide).get(), "A A"), (Order{1, 2, 3, 0}));
 }
 
+TEST(Sort, NegativeNumbersByValue) {
+    const TempDir dir;
+    const Column columns[] = {{"A", 'I', 4}, {"A", '+', 4},     {"A", 'Y', 8},    {"A", 'B', 8, 3},
+                              {"A", 'O', 8}, {"A", 'B', 8, 19}, {"A", 'F', 12, 1}};
+    for (const Column& column : columns) {
+        const Table h = openLayout(dir, {0x30, {column}, {}});
+        for (const double v :
+             {0.0, -12.0, -2e9, 3.0, -1.0, -3e8, -999999999.0, -1e9, -12.5, -1.25, -7e15, -9e99,
+              -2.5e12, 9.0, -1e12, -8e70, -300.0, -2147483648.0, -8e99}) {
+            SetValue(h.get(), 0, "", v);
+            AppendBlank(h.get(), 0);
+        }
+        SortBase(h.get(), "A", nullptr);
+        double previous = -HUGE_VAL;
+        for (u32 position = 0; position < reccount(h.get()); ++position) {
+            ReadRecord(h.get(), position);
+            EXPECT_LE(previous, GetValue(h.get(), 0)) << column.type;
+            previous = GetValue(h.get(), 0);
+        }
+    }
+}
+
+TEST(Sort, CallbacksMayChangeTheView) {
+    static DbfBase* h;
+    static int round;
+    const TempDir dir;
+    for (round = 0; round < 4; ++round) {
+        const Table table = openLayout(dir, kPeople);
+        h = table.get();
+        const StopCallback change = [] {
+            if (h->SortCallback == nullptr || round == 3) return 0;
+            h->SortCallback = nullptr;
+            if (round == 0) SortBase(h, "AGE", nullptr);
+            if (round == 1) set_filter(h, "AGE>0", nullptr);
+            if (round == 2) AppendBlank(h, 1);
+            return 0;
+        };
+        EXPECT_EQ(SortBase(h, "NAME", change), 1);
+        EXPECT_EQ(reccount(h), std::vector<u32>({5, 1, 6, 5})[static_cast<u32>(round)]);
+        for (u32 position = 0; position < reccount(h); ++position)
+            EXPECT_TRUE(ReadRecord(h, position)) << round;
+    }
+}
+
 /// A field of random bytes out of one of several alphabets, or like the end of a key, which lets
 /// keys begin with other keys.
 std::string randomField(unsigned length) {
@@ -114,7 +162,7 @@ TEST(Sort, InMemoryAsPlain) {
         layout.columns.push_back({"F" + std::to_string(i), types[i], lengths[i], types[i] == 'N'});
     const TempDir dir;
     for (int round = 0; round < 200; ++round) {
-        layout.records.assign(below(round % 20 == 0 ? 1500 : 90), " ");
+        layout.records.assign(below(round % 40 == 0 ? 5000 : 90), " ");
         for (std::string& record : layout.records)
             for (const Column& c : layout.columns) record += randomField(c.length);
         const Table table = openLayout(dir, layout);
@@ -147,6 +195,8 @@ TEST(Seek, BisectsTheOrder) {
         {"BOB", 1, 2}, {"a", 1, 1}, {"", 1, 2}, {"zoe", 1, -1}, {"zoe", 0, 5}, {"Abe", 0, -1}};
     for (const auto& [text, exact, position] : cases)
         EXPECT_EQ(SeekValue(h.get(), 0, text, exact), position) << text;
+    std::strcpy(h->TextBuffer, "bob");
+    EXPECT_EQ(SeekValue(h.get(), 0, h->TextBuffer, 1), 2) << "a text in the buffer of values";
     h->CaseInsensitive = 0;
     EXPECT_EQ(SeekValue(h.get(), 0, "a", 1) + SeekValue(h.get(), 9, "a", 1), -2);
     set_filter(h.get(), "AGE=3", nullptr);

@@ -21,8 +21,8 @@ constexpr std::string_view kOperators = "><=~^+-/*()";
 constexpr std::string_view kComparing = "><=~^";
 constexpr std::size_t kConditionLength = 511;
 
-[[noreturn]] void refuse(std::string_view why) {
-    throw Refusal("the filter cannot be run: " + std::string(why));
+[[noreturn]] void refuse(const Table& table, std::string_view why) {
+    throw Refusal(table.path + ": the filter cannot be run: " + std::string(why));
 }
 
 std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
@@ -42,23 +42,25 @@ struct QuoteScanner {
     }
 };
 
-void checkQuotesAndParentheses(std::string_view filter) {
+void checkQuotesAndParentheses(const Table& table, std::string_view filter) {
     QuoteScanner scanner;
     int depth = 0;
     bool quotedParenthesis = false;
     for (const char c : filter) {
         const bool outside = scanner.outside(c);
         if (!outside && (c == '&' || c == '|')) {
-            refuse("\"&\" and \"|\" connect conditions inside quotes, too; try `mira query`");
+            refuse(table,
+                   "\"&\" and \"|\" connect conditions inside quotes, too; try `mira query`");
         }
         if (c == '(') ++depth;
         if (c == ')') --depth;
         if (!outside && (c == '(' || c == ')')) quotedParenthesis = true;
         if (depth < 0) break;
     }
-    if (scanner.quote != 0) refuse("a quote is not closed");
+    if (scanner.quote != 0) refuse(table, "a quote is not closed");
     if (depth != 0) {
         refuse(
+            table,
             quotedParenthesis
                 ? "its parentheses do not match, and those in quotes count, too; try `mira query`"
                 : "its parentheses do not match");
@@ -93,33 +95,46 @@ Piece cutPiece(std::string_view piece) {
     return {piece.substr(0, first), piece.substr(first, last - first), piece.substr(last)};
 }
 
-std::size_t operatorPlace(std::string_view condition) {
+std::size_t placeOf(std::string_view condition, std::string_view operators) {
     QuoteScanner scanner;
     for (std::size_t i = 0; i < condition.size(); ++i) {
         if (scanner.outside(condition[i]) &&
-            kOperators.find(condition[i]) != std::string_view::npos) {
+            operators.find(condition[i]) != std::string_view::npos) {
             return i;
         }
     }
     return std::string_view::npos;
 }
 
+/// Where the operator is; behind a field name that holds such a character itself ("FIRST-NAME").
+std::size_t operatorPlace(const Table& table, std::string_view condition) {
+    const std::size_t comparing = placeOf(condition, kComparing);
+    if (comparing != std::string_view::npos &&
+        findColumn(table, condition.substr(0, comparing)) != nullptr) {
+        return comparing;
+    }
+    return placeOf(condition, kOperators);
+}
+
 /// The column on the left of an operator.
 const Column& leftColumn(const Table& table, std::string_view condition, std::size_t place) {
     const std::string_view left = trimmed(condition.substr(0, place));
     if (kComparing.find(condition[place]) == std::string_view::npos) {
-        refuse(quoted(trimmed(condition)) +
-               ": left of the operator stands one bare field name, no computation, sign, call or "
-               "parenthesis");
+        refuse(
+            table,
+            quoted(trimmed(condition)) +
+                ": left of the operator stands one bare field name, no computation, sign, call or "
+                "parenthesis");
     }
-    if (left.empty()) refuse(quoted(trimmed(condition)) + ": nothing stands left of the operator");
+    if (left.empty())
+        refuse(table, quoted(trimmed(condition)) + ": nothing stands left of the operator");
     if (left.find_first_of("\"'") != std::string_view::npos) {
-        refuse(quoted(trimmed(condition)) +
-               ": left of the operator stands a bare field name, no text");
+        refuse(table, quoted(trimmed(condition)) +
+                          ": left of the operator stands a bare field name, no text");
     }
     const Column& column = columnNamed(table, left);
     if (column.kind == Kind::Calculated) {
-        refuse(column.name + " is a calculated field; filters know those of the table only");
+        refuse(table, column.name + " is a calculated field; filters know those of the table only");
     }
     return column;
 }
@@ -155,30 +170,51 @@ std::size_t literalLength(const Table& table, const std::string& translated) {
     return length;
 }
 
+/// Whether the library compares the stored characters.
 bool isTextColumn(const Column& column) {
-    return column.kind == Kind::Text || column.kind == Kind::Varchar ||
-           column.kind == Kind::Varbinary || column.kind == Kind::Bytes;
+    return column.type == 'C' || column.type == 'V' || column.type == 'Q';
 }
 
-void noteBlanks(const Column& column, std::string_view left, std::string_view right) {
-    if (!isTextColumn(column) && column.kind != Kind::Logical && column.kind != Kind::Date) return;
-    const bool beside = left != trimmed(left) || (!right.empty() && right.front() == ' ');
-    if (beside) {
-        note("blanks beside an operator belong to the compared texts: write {}=... without them",
-             column.name);
+/// A blank left of the operator, or behind one that does not search inside texts, is hardly meant.
+void noteBlanks(const Column& column, std::string_view condition, std::size_t place,
+                std::string_view right) {
+    constexpr std::string_view kSearching = "~^";
+    if (!isTextColumn(column) && column.type != 'L' && column.type != 'D') return;
+    const std::string_view left = condition.substr(0, place);
+    const bool searching = kSearching.find(condition[place]) != std::string_view::npos;
+    if (left == trimmed(left) && (searching || !right.starts_with(' '))) return;
+    note("\"{}\": blanks beside the operator belong to the compared texts", trimmed(condition));
+}
+
+/// A date as it is shown, "2024-01-31", or a moment, as the library compares it: by its digits.
+std::string plainMoment(const Column& column, std::string right) {
+    constexpr std::string_view kShown = "dddd-dd-dd";
+    const auto fits = [](char c, char pattern) {
+        return pattern == 'd' ? c >= '0' && c <= '9' : c == pattern;
+    };
+    if (column.type != 'D' && column.type != 'T' && column.type != '@') return right;
+    if (right.size() < kShown.size() ||
+        !std::equal(kShown.begin(), kShown.end(), right.begin(),
+                    [&](char pattern, char c) { return fits(c, pattern); })) {
+        return right;
     }
+    std::erase_if(right, [](char c) { return c == '-' || c == ':' || c == ' ' || c == 'T'; });
+    return right;
 }
 
 std::string checkedCondition(const Table& table, std::string_view condition) {
-    if (trimmed(condition).empty()) refuse("there is no condition beside \"&\" or \"|\"");
-    const std::size_t place = operatorPlace(condition);
+    if (trimmed(condition).empty()) refuse(table, "there is no condition beside \"&\" or \"|\"");
+    const std::size_t place = operatorPlace(table, condition);
     if (place == std::string_view::npos) {
-        refuse(quoted(trimmed(condition)) + " has no operator, such as = <> < > ~");
+        refuse(table, quoted(trimmed(condition)) + " has no operator, such as = <> < > ~");
     }
     const Column& column = leftColumn(table, condition, place);
     const bool exact = condition.substr(place, 2) == "==";
-    const std::string right(condition.substr(place + (exact ? 2 : 1)));
-    noteBlanks(column, condition.substr(0, place), right);
+    const bool twoSigns = exact || (place + 1 < condition.size() &&
+                                    placeOf(condition.substr(place + 1, 1), "<>=") == 0);
+    const std::size_t behind = place + (twoSigns ? 2 : 1);
+    const std::string right = plainMoment(column, std::string(condition.substr(behind)));
+    noteBlanks(column, condition, place, right);
     if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
         note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
              column.name);
@@ -186,18 +222,18 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
 
     std::string translated = forLibrary(table, right);
     const std::size_t literal = literalLength(table, translated);
-    if (exact && column.kind == Kind::Text && literal != std::string::npos &&
-        literal < column.length) {
+    if (exact && column.type == 'C' && literal != std::string::npos && literal < column.length) {
         translated.append(column.length - literal, ' ');
     }
     if (isTextColumn(column) && column.length + translated.size() + 2 > kConditionLength) {
-        refuse("field " + column.name + " is too wide for a filter; try `mira query`");
+        refuse(table, "field " + column.name + " is too wide for a filter; try `mira query`");
     }
     const std::string_view left = condition.substr(0, place);
     const std::size_t blanks = std::min(left.find_first_not_of(' '), left.size());
-    const std::string_view behind = left.substr(left.find_last_not_of(' ') + 1);
+    const std::string_view trailing = left.substr(left.find_last_not_of(' ') + 1);
     return std::string(left.substr(0, blanks)) + std::string(libraryName(table, column)) +
-           std::string(behind) + std::string(condition.substr(place, exact ? 2 : 1)) + translated;
+           std::string(trailing) + std::string(condition.substr(place, behind - place)) +
+           translated;
 }
 
 thread_local const Table* foldedTable = nullptr;
@@ -218,7 +254,7 @@ int afterRecord() {
 }  // namespace
 
 std::string checkedFilter(const Table& table, std::string_view filter) {
-    checkQuotesAndParentheses(filter);
+    checkQuotesAndParentheses(table, filter);
     std::string checked;
     std::size_t start = 0;
     while (true) {
@@ -246,7 +282,7 @@ void applyFilter(Table& table, std::string_view filter, bool ignoreCase) {
     filterProgress = nullptr;
     base->CaseInsensitive = 0;
     leaveIfStopped();
-    if (!done) refuse("it is too long; try `mira query`");
+    if (!done) refuse(table, "it is too long; try `mira query`");
 }
 
 }  // namespace mira::tool

@@ -43,6 +43,20 @@ void apply(const Common& common) {
     if (common.noProgress) setProgress(ProgressMode::Never);
 }
 
+/// Says what is wrong with the command line.
+Status refuseLine(const CLI::App& program, const CLI::ParseError& reason,
+                  const std::string& first) {
+    const auto chosen = program.get_subcommands();
+    if (!chosen.empty()) {
+        error("{}; `mira {} --help` says how", reason.what(), chosen.front()->get_name());
+    } else if (first.empty() || first.front() == '-') {
+        error("{}; `mira --help` lists the commands", first.empty() ? "no command" : reason.what());
+    } else {
+        error("{}: no such command; `mira --help` lists them", first);
+    }
+    return kFailed;
+}
+
 int runProgram(int argc, char** argv) {
     CLI::App program("The workbench for dBase-family tables (.dbf)", "mira");
     Job job;
@@ -61,15 +75,13 @@ int runProgram(int argc, char** argv) {
     addRecall(program, job);
     addPack(program, job);
     addZap(program, job);
+    addCommonOptions(program, common);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) return program.exit(e);  // help, version
-        const auto chosen = program.get_subcommands();
-        error("{}; `mira {}--help` says how", e.what(),
-              chosen.empty() ? "" : chosen.front()->get_name() + " ");
-        return kFailed;
+        return refuseLine(program, e, argc > 1 ? argv[1] : "");
     }
     apply(common);
     return job.run();

@@ -17,7 +17,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr auto kDelay = 500ms;  // work that is done sooner shows no bar
+constexpr auto kDelay = 200ms;  // work that is done sooner shows no bar
 constexpr auto kInterval = 100ms;
 constexpr int kBarWidth = 20;
 
@@ -80,7 +80,13 @@ Progress::Progress(std::string_view what, u64 total) {
 
 Progress::~Progress() {
     const std::lock_guard lock(bar.mutex);
-    if (--bar.pieces == 0) hide();
+    if (--bar.pieces != 0) return;
+    // What was asked for is shown, however short the work.
+    if (progressMode == ProgressMode::Always && !bar.visible) {
+        writeAll(barText(Clock::now()));
+        bar.visible = true;
+    }
+    hide();
 }
 
 void Progress::add(u64 done) {

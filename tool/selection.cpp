@@ -16,6 +16,7 @@ namespace mira::tool {
 namespace {
 
 constexpr u32 kSortFields = 21;
+constexpr u32 kProgressStep = 4096;  // records
 
 const std::map<std::string, Deleted> kDeletedNames = {
     {"skip", Deleted::Skip}, {"include", Deleted::Include}, {"only", Deleted::Only}};
@@ -158,11 +159,8 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
     command.add_option("--calc", options.calculated, "Add a calculated column; may be given again")
         ->type_name("NAME=EXPRESSION")
         ->allow_extra_args(false);
-    command
-        .add_option("--deleted", options.deleted,
-                    "Deleted records: skip (default), include or only")
-        ->type_name("WHICH")
-        ->transform(CLI::CheckedTransformer(kDeletedNames).description(""));
+    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
+              kDeletedNames, options.deleted);
     command.add_flag("--record", options.recordColumn, "A first column _record with the number");
     command.add_option("-n,--limit", options.limit, "At most N records, 0 for all")->type_name("N");
     command.add_option("--offset", options.offset, "Leave out the first N records")->type_name("N");
@@ -215,6 +213,9 @@ std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const Selec
 
 bool nextRow(Selection& s) {
     DbfBase* const base = s.table->base.get();
+    if (!s.progress) {
+        s.progress = std::make_unique<Progress>(s.table->path, s.end - s.position);
+    }
     while (s.position < s.end && (s.limit == 0 || s.rows < s.limit)) {
         leaveIfStopped();
         const u32 position = s.position++;
@@ -224,7 +225,7 @@ bool nextRow(Selection& s) {
             throw Refusal(s.table->path + ": record " + std::to_string(u64{record} + 1) +
                           " cannot be read");
         }
-        ++s.read;
+        if (++s.read % kProgressStep == 0) s.progress->add(kProgressStep);
         const bool isDeleted = base->RecordBuffer[0] == '*';
         if (s.deleted == (isDeleted ? Deleted::Skip : Deleted::Only)) continue;
         if (s.offset != 0) {
@@ -235,6 +236,8 @@ bool nextRow(Selection& s) {
         s.cells.record = record;
         return true;
     }
+    s.progress->add(s.read % kProgressStep);
+    s.progress.reset();
     return false;
 }
 

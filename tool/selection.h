@@ -2,11 +2,13 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "progress.h"
 #include "table/table.h"
 #include "table/value.h"
 
@@ -33,6 +35,23 @@ struct SelectOptions {
     bool raw = false;
 };
 
+/// Adds an option whose value is one of a few words.
+template <typename Value>
+void addChoice(CLI::App& command, const std::string& name, const std::string& help,
+               const std::string& typeName, const std::map<std::string, Value>& words,
+               Value& value) {
+    const auto take = [name, &words, &value](const std::string& word) {
+        const auto found = words.find(word);
+        if (found == words.end()) {
+            std::string list;
+            for (const auto& [known, ignored] : words) list += (list.empty() ? "" : ", ") + known;
+            throw CLI::ValidationError(name + " " + word, "one of " + list);
+        }
+        value = found->second;
+    };
+    command.add_option_function<std::string>(name, take, help)->type_name(typeName);
+}
+
 /// Adds them all to a command.
 void addSelectOptions(CLI::App& command, SelectOptions& options);
 /// Only --code-page, --as-text and --long-names.
@@ -51,9 +70,10 @@ struct Selection {
 
     Deleted deleted = Deleted::Skip;
     u64 limit = 0, offset = 0;
-    u32 position = 0, end = 0;  // in the view
-    u32 read = 0;               // view positions read so far
-    u64 rows = 0;               // rows given out
+    u32 position = 0, end = 0;             // in the view
+    u32 read = 0;                          // view positions read so far
+    u64 rows = 0;                          // rows given out
+    std::unique_ptr<Progress> progress{};  // while rows are read
 };
 
 /// Opens a table and applies everything. Throws a Refusal, or Stopped.

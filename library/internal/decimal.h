@@ -51,7 +51,8 @@ inline bool isExact(const StoredDecimal& d) {
 inline double exactValue(const StoredDecimal& d) {
     static constexpr double powersOfTen[kExactDigits + 1] = {
         1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
-    const double value = static_cast<double>(static_cast<i64>(d.digits)) / powersOfTen[d.decimals];
+    double value = static_cast<double>(static_cast<i64>(d.digits));
+    if (d.decimals != 0) value /= powersOfTen[d.decimals];
     return d.negative ? -value : value;
 }
 

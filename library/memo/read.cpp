@@ -108,6 +108,31 @@ char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference
     return open ? getMemo(h, family, reference, length) : nullptr;
 }
 
+char* getFieldText(DbfBase* h, i32 field) {
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    // An SMT memo is no text: its length stands in the reference only.
+    if (family == nullptr || family == &kSmtMemo || if_memo_type(h, field) == 0) return nullptr;
+    const MemoReference reference = memoReference(h, field);
+    return reference.block != 0 ? getFieldMemo(h, *family, reference, nullptr) : nullptr;
+}
+
+char* getFieldBytes(DbfBase* h, i32 field, u32* length) {
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    if (family == nullptr || if_memo_type(h, field) == 0) return nullptr;
+    const MemoReference reference = memoReference(h, field);
+    if (family == &kSmtMemo) {
+        if (length != nullptr) *length = reference.length;
+    } else if (reference.block == 0) {
+        return nullptr;
+    }
+    char* memo = getFieldMemo(h, *family, reference, length);
+    // A dBase III memo is text up to its first zero byte.
+    if (memo != nullptr && family == &kDBase3Memo && length != nullptr) {
+        *length = static_cast<u32>(std::strlen(memo));
+    }
+    return memo;
+}
+
 }  // namespace
 
 bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
@@ -151,30 +176,13 @@ void FreeMemo(DbfBase* h) {
 }
 
 char* GetMemo(DbfBase* h, i32 field) {
-    const MemoFamily* family = memoFamily(h->Header.Version);
-    // An SMT memo is no text: its length stands in the reference only.
-    if (family == nullptr || family == &kSmtMemo || if_memo_type(h, field) == 0) return nullptr;
-    const MemoReference reference = memoReference(h, field);
-    if (reference.block == 0) return nullptr;
-    char* memo = getFieldMemo(h, *family, reference, nullptr);
+    char* memo = getFieldText(h, field);
     FreeMemo(h);
     return memo;
 }
 
 char* GetMemoBuf(DbfBase* h, i32 field, u32* length) {
-    const MemoFamily* family = memoFamily(h->Header.Version);
-    if (family == nullptr || if_memo_type(h, field) == 0) return nullptr;
-    const MemoReference reference = memoReference(h, field);
-    if (family == &kSmtMemo) {
-        if (length != nullptr) *length = reference.length;
-    } else if (reference.block == 0) {
-        return nullptr;
-    }
-    char* memo = getFieldMemo(h, *family, reference, length);
-    // A dBase III memo is text up to its first zero byte.
-    if (memo != nullptr && family == &kDBase3Memo && length != nullptr) {
-        *length = static_cast<u32>(std::strlen(memo));
-    }
+    char* memo = getFieldBytes(h, field, length);
     FreeMemo(h);
     return memo;
 }

@@ -6,13 +6,13 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "command/commands.h"
 #include "database.h"
 #include "message.h"
 #include "output.h"
-#include "progress.h"
 #include "selection.h"
 #include "table/find.h"
 #include "table/refusal.h"
@@ -23,8 +23,6 @@ namespace mira::tool {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr u32 kProgressStep = 4096;
 
 struct Options {
     std::vector<std::string> names;
@@ -104,19 +102,6 @@ void addRefusal(Work& work, const std::string& sentence) {
     ++work.refused;
 }
 
-/// Calls take for every row and keeps the bar going.
-template <typename Take>
-void eachRow(Selection& selection, Take take) {
-    Progress progress(selection.table->path, selection.end - selection.position);
-    u32 told = 0;
-    while (nextRow(selection)) {
-        take();
-        if (selection.read - told < kProgressStep) continue;
-        progress.add(selection.read - told);
-        told = selection.read;
-    }
-}
-
 void countTable(Work& work, const Selection& selection, const Target& target) {
     const bool faulty = tellFaults(selection);
     const u32 total = selection.table->base->Header.RecordCount;
@@ -144,14 +129,14 @@ void writeText(Work& work, Selection& selection, const Target& target) {
     writer->begin(headings);
     const std::vector<Column>& columns = selection.columns;
     Value value;
-    eachRow(selection, [&] {
+    while (nextRow(selection)) {
         writer->beginRow();
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
             writer->cell(i, value);
         }
         writer->endRow();
-    });
+    }
     writer->end();
     out.finish();
     if (writer->guarded != 0) {
@@ -181,6 +166,17 @@ void workThrough(Work& work) {
         const std::lock_guard lock(work.mutex);
         if (!work.failure) work.failure = std::current_exception();
     }
+}
+
+/// As many threads as can be had, this one included.
+void runThreads(Work& work, std::size_t threads) {
+    std::vector<std::jthread> others;
+    try {
+        while (others.size() + 1 < threads) others.emplace_back([&work] { workThrough(work); });
+    } catch (const std::system_error&) {
+        // The system has no more of them; those there are do all the work.
+    }
+    workThrough(work);
 }
 
 /// Throws a Refusal unless the folder is there afterwards; true when it was made.
@@ -237,10 +233,7 @@ void exportTexts(Work& work) {
     const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
         std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
-    std::vector<std::thread> others;
-    for (std::size_t i = 1; i < threads; ++i) others.emplace_back(workThrough, std::ref(work));
-    workThrough(work);
-    for (std::thread& thread : others) thread.join();
+    runThreads(work, threads);
     std::error_code ignored;
     if (made && work.done == 0) fs::remove(options.out, ignored);
     if (work.failure) std::rethrow_exception(work.failure);
@@ -255,13 +248,13 @@ void exportTable(Work& work, Selection& selection, Database& database) {
     database.addTable(name, selection.columns);
     const std::vector<Column>& columns = selection.columns;
     Value value;
-    eachRow(selection, [&] {
+    while (nextRow(selection)) {
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
             database.cell(i, columns[i], value, lastsForRecord(*selection.table, value.text));
         }
         database.endRow();
-    });
+    }
     countTable(work, selection, work.targets[0]);
 }
 
@@ -387,9 +380,8 @@ void addExport(CLI::App& program, Job& job) {
     command
         .add_option("-o,--output", options->out, "File, folder or database; - for standard output")
         ->type_name("OUT");
-    command.add_option("-F,--format", options->format, "csv, tsv, json, jsonl or sqlite")
-        ->type_name("FORMAT")
-        ->transform(CLI::CheckedTransformer(kFormats).description(""));
+    addChoice(command, "-F,--format", "csv, tsv, json, jsonl or sqlite", "FORMAT", kFormats,
+              options->format);
     command.add_flag("--force", options->force, "Replace files that are there");
     command.add_option("-j,--jobs", options->jobs, "Tables at a time (default: processors)")
         ->type_name("N");

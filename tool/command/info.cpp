@@ -77,7 +77,7 @@ void putFields(Output& out, const Table& table) {
 
 void putText(Output& out, const Table& table, const Facts& facts) {
     const auto line = [&](std::string_view name, std::string_view text) {
-        out.put(fmt::format("  {:<12}{}\n", name, text));
+        out.put(fmt::format("  {:<13}{}\n", name, text));
     };
     const DbfHeader& header = table.base->Header;
     out.put(escaped(table.path) + "\n");

@@ -77,6 +77,7 @@ void rewind(Selection& selection, Start start) {
     selection.position = start.position;
     selection.offset = start.offset;
     selection.rows = 0;
+    selection.read = 0;
     selection.faults = {};
 }
 

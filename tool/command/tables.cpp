@@ -34,7 +34,7 @@ std::vector<std::string> rowOf(Table& table, const std::string& folder) {
             !facts.hasMemos          ? ""
             : facts.memoFile.empty() ? "missing"
                                      : std::to_string(facts.memoSize),
-            pageName(*table.page.page),
+            pageName(*table.page.page) + (table.page.uncertain ? " (" + table.page.from + ")" : ""),
             escaped(joined(facts.repairs))};
 }
 
@@ -45,6 +45,9 @@ Status runTables(const Options& options) {
                     {"repaired"}};
     std::vector<std::vector<std::string>> rows;
     Status status = kDone;
+    if (!std::filesystem::is_directory(options.folder)) {
+        throw Refusal(options.folder + ": no such folder");
+    }
     for (const std::string& path : findTables({options.folder}, options.recursive)) {
         leaveIfStopped();
         try {

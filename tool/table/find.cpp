@@ -49,20 +49,26 @@ void collect(Iterator entries, std::error_code& error, std::vector<std::string>&
     }
 }
 
+/// The path of a file that is there, unless it can be no table.
+std::string checked(const std::string& path) {
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (fs::is_directory(status)) throw Refusal(path + ": is a folder, not a table");
+    if (!fs::is_regular_file(status)) {
+        throw Refusal(path + ": a table cannot come from a pipe; store it in a file first");
+    }
+    return path;
+}
+
 }  // namespace
 
 std::string findTable(const std::string& name) {
     std::error_code error;
-    const fs::file_status status = fs::status(name, error);
-    if (name == "-" || fs::is_fifo(status) || fs::is_character_file(status)) {
-        throw Refusal(name + ": a table cannot come from a pipe; store it in a file first");
-    }
-    if (fs::is_directory(status)) throw Refusal(name + ": is a folder, not a table");
-    if (fs::exists(status)) return name;
+    if (name == "-" || fs::exists(name, error)) return checked(name);
     for (const std::string& wanted : {name, name + std::string(kExtension)}) {
-        if (fs::is_regular_file(wanted, error)) return wanted;
+        if (fs::exists(wanted, error)) return checked(wanted);
         const std::vector<std::string> found = sameNames(wanted);
-        if (found.size() == 1) return found.front();
+        if (found.size() == 1) return checked(found.front());
         if (!found.empty()) throw Refusal(name + ": which one? There are " + joined(found));
     }
     if (error == std::errc::permission_denied) throw Refusal(name + ": permission denied");

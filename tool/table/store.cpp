@@ -408,9 +408,8 @@ Reason encodeDate(Table& table, const Column& column, const Given& given, Encode
 }
 
 /// Adds what the library's setters have no place for.
-void addMilliseconds(const Table& table, const Column& column, int milliseconds,
-                     std::string& bytes) {
-    if (column.type == '@' && table.base->ForeignLevel7 != 0) {
+void addMilliseconds(const Column& column, int milliseconds, std::string& bytes) {
+    if (column.foreignMoment) {
         const double stored = loadBeDouble(reinterpret_cast<const u8*>(bytes.data()));
         const auto bits = std::bit_cast<u64>(stored + milliseconds);
         for (int i = 0; i < 8; ++i) {
@@ -436,7 +435,7 @@ Reason encodeMoment(Table& table, const Column& column, const Given& given, Enco
             t.tm_sec);
     });
     if (moment->milliseconds != 0) {
-        addMilliseconds(table, column, moment->milliseconds, encoded.bytes);
+        addMilliseconds(column, moment->milliseconds, encoded.bytes);
     }
     return "";
 }

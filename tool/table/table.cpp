@@ -102,6 +102,12 @@ Kind kindOf(const Column& column) {
     return holdsReference(column) ? Kind::Blob : Kind::Bytes;
 }
 
+/// Values that are characters in the record, which can be shown as they are.
+bool isStoredText(const Column& column) {
+    return column.kind == Kind::Decimal || column.kind == Kind::Date ||
+           (column.kind == Kind::Moment && column.length != 8);
+}
+
 /// Pictures refer to memos as general fields do; the library takes only the letter of those.
 void makePictureMemo(DbfBase* base, const Column& column) {
     if (column.type != 'P' || column.kind != Kind::Blob) return;
@@ -121,6 +127,17 @@ void readFlags(const Table& table, Column& column) {
                           (column.type == 'C' || column.type == 'V' || column.type == 'M');
 }
 
+/// Other makers of level-7 tables keep a length one byte earlier, and moments as a double.
+bool isForeignMoment(const Table& table, const Column& column) {
+    constexpr u32 kDescriptor7 = 48;
+    constexpr u32 kLengthPlace7 = 34;
+    if (table.base->Level7 == 0 || column.type != '@' || column.length != 8) return false;
+    u8 length = 0;
+    const u32 place = table.base->HeaderSize + kDescriptor7 * static_cast<u32>(column.field);
+    return readFileAt(table.base->TableFile, place + kLengthPlace7, &length, 1) == 1 &&
+           length != column.length;
+}
+
 Column columnOf(const Table& table, int field) {
     DbfBase* const base = table.base.get();
     Column column;
@@ -132,7 +149,9 @@ Column columnOf(const Table& table, int field) {
     toUtf8(*table.page.page, base->Fields[field].Name, column.name);
     while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
     if (table.visual) readFlags(table, column);
+    column.foreignMoment = isForeignMoment(table, column);
     column.kind = kindOf(column);
+    if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
     makePictureMemo(base, column);
     return column;
 }
@@ -232,6 +251,15 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
            std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
 }
 
+void noteMissingMemoFile(Table& table) {
+    const DbfBase& base = *table.base;
+    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return;
+    std::error_code ignored;
+    if (std::filesystem::exists(base.MemoFileName, ignored)) return;
+    const std::string name = std::filesystem::path(base.MemoFileName).filename().string();
+    table.notes.push_back("its memo file " + name + " is missing");
+}
+
 }  // namespace
 
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
@@ -260,6 +288,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     nameForLibrary(*table);
     readAsText(*table);
     noteUnknownTypes(*table);
+    noteMissingMemoFile(*table);
     return table;
 }
 

@@ -53,10 +53,11 @@ struct Column {
     char type = 0;               // letter
     u32 offset = 0, length = 0;  // bytes in RecordBuffer
     u8 decimals = 0;
-    u8 flags = 0;               // descriptor byte 18 in Visual FoxPro, else 0; kSystem and others
-    bool untranslated = false;  // C, V or M whose bytes are in no code page
-    bool numeric = false;       // a calculated field that is arithmetic
-    i32 lengthBit = kNoBit;     // bits in the null flags
+    u8 flags = 0;                // descriptor byte 18 in Visual FoxPro, else 0; kSystem and others
+    bool untranslated = false;   // C, V or M whose bytes are in no code page
+    bool numeric = false;        // a calculated field that is arithmetic
+    bool foreignMoment = false;  // "@" as other makers of level-7 tables store it: a double
+    i32 lengthBit = kNoBit;      // bits in the null flags
     i32 nullBit = kNoBit;
     u32 nextValue = 0, step = 0;  // of a counting field
     bool mayBeNull() const { return nullBit != kNoBit; }

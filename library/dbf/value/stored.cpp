@@ -1,6 +1,7 @@
 // Values told from the bytes that store them, where rendering them and reading the text would lead
 // to the same.
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "dbf/table/table.h"
@@ -14,35 +15,34 @@ namespace mira {
 
 namespace {
 
-/// Eight characters, the first in the lowest byte: blanks, then digits. False for anything else.
-bool readDigits(u64 text, u64* value) {
+/// Blanks, then digits, one to eight characters at once. False for anything else.
+bool readDigits(const u8* text, unsigned count, u64* value) {
     constexpr u64 ones = 0x0101010101010101;
-    text ^= ones * ' ';  // blanks become 0x00, digits 0x10 to 0x19
-    const u64 digits = text & ones * 0x10;
-    const u64 nibbles = text & ones * 0x0F;
-    const bool small = ((nibbles + ones * 6) & ones * 0x10) == 0;
-    const bool known = (text & ~(digits | (digits - (digits >> 4)))) == 0;
-    const bool aligned = (digits << 8 & ~digits) == 0;
+    const u64 rest = (loadLe64(text) ^ ones * ' ') << 8 * (8 - count);  // blanks are zeros
+    *value = 0;
+    if (rest == 0) return true;
+    const int blanks = std::countr_zero(rest) & ~7;
+    const u64 digits = (rest ^ ones * (' ' ^ '0')) >> blanks << blanks;
+    // A byte above 9 reaches the top bit by this sum, if it does not have it already.
+    if (((digits | (digits + ones * 0x76)) & ones * 0x80) != 0) return false;
     // Neighbours are joined three times: to pairs, to fours, to eight digits.
-    u64 joined = nibbles * (1 + (10 << 8)) >> 8 & 0x00FF00FF00FF00FF;
-    joined = joined * (1 + (u64{100} << 16)) >> 16 & 0x0000FFFF0000FFFF;
-    *value = joined * (1 + (u64{10000} << 32)) >> 32;
-    return small && known && aligned;
+    const u64 pairs = digits * (1 + (10 << 8)) >> 8 & 0x00FF00FF00FF00FF;
+    const u64 fours = pairs * (1 + (u64{100} << 16)) >> 16 & 0x0000FFFF0000FFFF;
+    *value = fours * (1 + (u64{10000} << 32)) >> 32;
+    return true;
 }
 
-/// A number as programs store it: right-aligned, all decimals there. False for any other text.
+/// A number as programs store it: right-aligned, all decimals there, not negative. False for any
+/// other text.
 bool alignedDecimal(const u8* text, const DbfField& f, double* value) {
     constexpr unsigned widest = 8;  // of the part before the point
     constexpr unsigned most = 7;    // decimals
     const unsigned whole = f.Decimals != 0 ? f.Length - f.Decimals - 1u : f.Length;
     if (whole - 1 >= widest || f.Decimals > most) return false;
-    const unsigned shift = 8 * (widest - whole);
-    constexpr u64 blanks = 0x2020202020202020;
-    const u64 first =
-        shift != 0 ? loadLe64(text) << shift | blanks >> (64 - shift) : loadLe64(text);
     StoredDecimal d{};
     d.decimals = f.Decimals;
-    if (!readDigits(first, &d.digits) || (f.Decimals != 0 && text[whole] != '.')) return false;
+    if (!readDigits(text, whole, &d.digits)) return false;
+    if (f.Decimals != 0 && text[whole] != '.') return false;
     for (unsigned i = whole + 1; i < f.Length; ++i) {
         if (!isDigit(static_cast<char>(text[i]))) return false;
         d.digits = d.digits * 10 + (text[i] - u64{'0'});
@@ -53,8 +53,7 @@ bool alignedDecimal(const u8* text, const DbfField& f, double* value) {
 
 /// N and F. The value that counts is the one printed with the field's decimals: the same, unless
 /// decimals are cut off or the digits are more than a double keeps.
-bool decimalNumber(DbfBase* h, int field, const DbfField& f, double* value) {
-    if (alignedDecimal(h->RecordBuffer + f.Offset, f, value)) return true;
+bool scannedDecimal(DbfBase* h, int field, const DbfField& f, double* value) {
     const std::string_view text = storedText(h, field);
     const StoredDecimal d = scanDecimal(text);
     const std::size_t count = d.whole + d.decimals;
@@ -82,7 +81,8 @@ bool storedNumber(DbfBase* h, int field, double* value) {
     const DbfField& f = h->Fields[field];
     switch (valueClass(f)) {
         case ValueClass::Decimal:
-            return decimalNumber(h, field, f, value);
+            return alignedDecimal(h->RecordBuffer + f.Offset, f, value) ||
+                   scannedDecimal(h, field, f, value);
         case ValueClass::Integer:
             *value = static_cast<i32>(GetInt(h, field));
             return true;

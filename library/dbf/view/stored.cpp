@@ -50,6 +50,13 @@ std::optional<bool> numbersHold(DbfBase* h, const Condition& c) {
     return inOrder(c.op->number, left, right);
 }
 
+/// The most common condition, a field against a constant.
+std::optional<bool> fieldHolds(DbfBase* h, const Condition& c) {
+    double value = 0;
+    if (!storedNumber(h, c.left.number.field, &value)) return {};
+    return inOrder(c.op->number, value, c.right.number.constant);
+}
+
 void prepareNumbers(DbfBase* h, Condition& c) {
     const Arithmetic& left = c.left.number = prepareArithmetic(h, c.left.parts, true);
     const Arithmetic& right = c.right.number = prepareArithmetic(h, c.right.parts, true);
@@ -58,7 +65,8 @@ void prepareNumbers(DbfBase* h, Condition& c) {
         c.stored = neverHolds;
     } else if (left.way != Arithmetic::Unknown && right.way != Arithmetic::Unknown &&
                longest <= kConditionLength) {
-        c.stored = numbersHold;
+        const bool common = left.way == Arithmetic::Field && right.way == Arithmetic::Constant;
+        c.stored = common ? fieldHolds : numbersHold;
     }
 }
 
@@ -164,9 +172,22 @@ std::optional<bool> textsHold(DbfBase* h, const Condition& c) {
     return textHolds(c.op->text, left, right);
 }
 
-bool prepareTexts(DbfBase* h, Condition& c) {
+/// The most common one, characters as they stand against a constant.
+std::optional<bool> charactersHold(DbfBase* h, const Condition& c) {
+    const std::string_view text = storedText(h, c.left.text.field);
+    const bool asStored = h->CaseInsensitive == 0 && h->TrimMode == 0 && h->OemConvert == 0 &&
+                          h->DateFormat == c.dateFormat && !hasSpecialByte(text);
+    const std::size_t length = text.size() + operatorLength(*c.op) + c.right.text.literals;
+    if (!asStored || length > kConditionLength) return textsHold(h, c);
+    return textHolds(c.op->text, text, c.right.text.text);
+}
+
+void prepareTexts(DbfBase* h, Condition& c) {
     c.dateFormat = h->DateFormat;
-    return prepareText(h, c.left) && prepareText(h, c.right);
+    if (!prepareText(h, c.left) || !prepareText(h, c.right)) return;
+    const bool common = c.left.text.kind == StoredText::Characters && c.left.text.literals == 0 &&
+                        c.right.text.kind == StoredText::Constant;
+    c.stored = common ? charactersHold : textsHold;
 }
 
 }  // namespace
@@ -174,10 +195,10 @@ bool prepareTexts(DbfBase* h, Condition& c) {
 void prepareStored(DbfBase* h, Condition& c) {
     if (!c.openOperator && (c.numeric ? c.op->number : c.op->text) == Comparison::Never) {
         c.stored = neverHolds;
-    } else if (!c.numeric) {
-        c.stored = prepareTexts(h, c) ? textsHold : nullptr;
-    } else {
+    } else if (c.numeric) {
         prepareNumbers(h, c);
+    } else {
+        prepareTexts(h, c);
     }
 }
 
