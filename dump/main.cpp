@@ -12,7 +12,8 @@ constexpr std::size_t kFull = 1 << 16;     // characters that are written at onc
 constexpr std::size_t kLongest = 1 << 17;  // more than a text, its separator and a line end
 
 /// Copies a text without its zero byte; returns the end of the copy. Whole words are copied, as
-/// GetStr writes them: looking for the end first would wait for these bytes to arrive.
+/// GetStr writes them and TextBuffer has room for: looking for the end first would wait for bytes
+/// that have just been written.
 char* append(char* to, const char* text) {
     for (;; to += sizeof(std::uint64_t), text += sizeof(std::uint64_t)) {
         std::uint64_t word;

@@ -124,7 +124,7 @@ struct DbfBase {
     i32 FirstMemoField;               ///< first memo field, -1 when there is none
     u8 DeleteFlag;                    ///< the byte that ReadByte reads and WriteByte writes
     u8* RecordBuffer;  ///< the current record, 65535 bytes; byte 0 is the deletion flag; owned
-    char* TextBuffer;  ///< result of the field renderers, 65535 bytes; owned
+    char* TextBuffer;  ///< result of the field renderers, 65535 bytes; 16 more may be read; owned
     char* MemoBuffer;  ///< released by FreeMemo; owned
     u32* FilterIndex;  ///< records that pass the filter; null without a filter; owned
     u32 FilterCount;   ///< entries in FilterIndex

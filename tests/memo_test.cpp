@@ -125,4 +125,17 @@ TEST(Memo, HostileFilesAreReadInPartAndNotWritten) {
     }
 }
 
+TEST(Memo, EveryReadReleasesTheLastText) {
+    const TempDir dir;
+    const Table h = openTable(dir, 0x83);
+    for (const i32 field : {0, 1}) {  // no memo file, no field
+        for (const bool text : {true, false}) {
+            h->MemoBuffer = strdup("last");
+            EXPECT_EQ(text ? GetMemo(h.get(), field) : GetMemoBuf(h.get(), field, nullptr),
+                      nullptr);
+            EXPECT_EQ(h->MemoBuffer, nullptr);
+        }
+    }
+}
+
 }  // namespace

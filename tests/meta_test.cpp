@@ -54,6 +54,24 @@ TEST(Meta, AliasFileHoldsOneHeadingPerField) {
     }
 }
 
+TEST(Meta, AnAliasFileIsNoFileThatIsNeeded) {
+    const TempDir dir;
+    const Table h = openLayout(dir, {0x83, {{"M", 'M', 10}}, {}});
+    CreateMemoFile(h->FileName, 0, 0);
+    SetAliasName(h.get(), "t.bak");
+    WriteAlias(h.get());
+    EXPECT_FALSE(std::filesystem::exists(h->BackupName)) << "there is none yet";
+    MakeBakFile(h.get(), 1);
+    std::filesystem::create_hard_link(h->FileName, dir.file("link"));
+    std::filesystem::create_symlink("t.dbt", dir.file("symbolic"));
+    for (const char* name : {"./t.dbf", "link", "symbolic", "./t.dbt", "./t.bak"}) {
+        SetAliasName(h.get(), name);
+        WriteAlias(h.get());
+        EXPECT_EQ(readAll(h->FileName).size() + readAll(h->BackupName).size(), 2u * 66) << name;
+        EXPECT_EQ(readAll(h->MemoFileName).size(), 512u) << name;
+    }
+}
+
 TEST(Meta, VersionsAndMessages) {
     EXPECT_EQ(GetVerMIRAlib(0) + GetVerMIRAlib(3) + GetVerMIRAlib(7), 291 + 256 + 0);
     EXPECT_EQ(GetVerMIRAlib(2), static_cast<std::intptr_t>(sizeof(DbfBase)));

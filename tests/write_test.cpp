@@ -86,6 +86,19 @@ TEST(Write, BackupIsMadeOnceAndWhole) {
     }
     EXPECT_EQ(MakeBakFile(own.get(), 1), 0) << "is its own backup";
     EXPECT_TRUE(readAll(own->FileName) == bytes);
+    std::filesystem::remove(h->BackupName);
+    std::filesystem::create_directory(h->BackupName);
+    EXPECT_EQ(MakeBakFile(h.get(), 1) - h->BackupDone, 1) << "a directory stays";
+    std::filesystem::remove(h->BackupName);
+    std::filesystem::create_hard_link(h->FileName, h->BackupName);
+    EXPECT_EQ(MakeBakFile(h.get(), 1), 0) << "the table by another name";
+    std::filesystem::remove(h->BackupName);
+    const std::string now = readAll(h->FileName);
+    writeAll(dir.file("t.~a0"), now.substr(0, 40000));  // what a killed copy has left
+    writeAll(dir.file("t.~a1"), "another's");
+    EXPECT_EQ(MakeBakFile(h.get(), 1) + h->BackupDone, 2);
+    EXPECT_TRUE(readAll(h->BackupName) == now && readAll(dir.file("t.~a1")) == "another's");
+    EXPECT_FALSE(std::filesystem::exists(dir.file("t.~a0")));
 }
 
 // Values that fit are compared with a model where the fuzz targets run.

@@ -8,10 +8,10 @@
 #include <algorithm>
 
 #include "dbf/move.h"
-#include "dbf/packmemos.h"
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
+#include "memo/memo.h"
 
 namespace mira {
 

@@ -11,6 +11,7 @@
 #include "dbf/table/table.h"
 #include "internal/file.h"
 #include "internal/restore.h"
+#include "memo/memo.h"
 
 namespace mira {
 
@@ -38,7 +39,7 @@ public:
     bool add(u32 from) {
         const u32 record = next_++;
         if (record == from) return true;
-        if (!gather_) return WriteRecord(h_, record) != 0;
+        if (!gather_) return WriteRecord(h_, record) != 0 || drop(record);
         const u32 length = h_->Header.RecordLength;
         if (used_ == 0) first_ = record;
         std::memcpy(buffer_.get() + used_, h_->RecordBuffer, length);
@@ -52,12 +53,31 @@ public:
         h_->Modified = 1;
         const u32 count = used_;
         used_ = 0;
-        return writeTable(h_, offsetOf(h_, first_), buffer_.get(), count);
+        return writeTable(h_, offsetOf(h_, first_), buffer_.get(), count) || dropTorn(count);
     }
 
     u32 count() const { return next_; }
 
 private:
+    /// Marks a record deleted whose place has been written in part, so that nobody takes it for a
+    /// record; what it was before was deleted or has moved already. Always false.
+    bool drop(u32 record) {
+        writeTable(h_, offsetOf(h_, record), &kDeleted, 1);
+        return false;
+    }
+
+    /// The same for the first of the gathered records that is not whole.
+    bool dropTorn(u32 count) {
+        const u32 length = h_->Header.RecordLength;
+        u32 got = 0;
+        for (u32 at = 0; at < count; at += length) {
+            const u32 record = first_ + at / length;
+            if (!readTable(h_, offsetOf(h_, record), h_->RecordBuffer, length, &got)) return false;
+            if (std::memcmp(h_->RecordBuffer, buffer_.get() + at, length) != 0) return drop(record);
+        }
+        return false;
+    }
+
     DbfBase* h_;
     bool gather_;
     Block<u8> buffer_;
@@ -100,6 +120,7 @@ int Pack(DbfBase* h, u32 mode) {
     h->UseFilterIndex = 0;
     const int result = pack(h, mode);
     h->UseFilterIndex = 1;
+    if (result == 0) noteUnfinishedPack(h);
     return result;
 }
 

@@ -12,6 +12,7 @@
 // again at any time; until then no memo is read through it.
 #include "dbf/packmemos.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -292,10 +293,11 @@ int packMemos(DbfBase* h, bool writable) {
     const MemoFamily* family = memoFamily(h->Header.Version);
     if (h->FirstMemoField == -1 || family == nullptr) return 1;
     errno = 0;
-    const OwnedFile file(Open_FileRO(h->MemoFileName));
+    FileId id{};
+    const OwnedFile file(openUnbuffered(h->MemoFileName, O_RDONLY, "rb", &id));
     if (!file) return errno == ENOENT ? 1 : 0;  // no memo file, no memos
     const Block<char> oldName = tildeName(h->MemoFileName);
-    if (!writable || !oldName || isTable(h, file.get())) return 0;
+    if (!writable || !oldName || isTable(h, id)) return 0;
     OldMemos old{file.get(), *family, 0};
     readMemoUnit(file.get(), *family, &old.unit);  // has a value for a short header, too
     FreeMemo(h);
@@ -311,11 +313,6 @@ int finishPackMemos(DbfBase* h, bool writable) {
     const OwnedFile file(Open_File(h->MemoFileName));
     if (!isUnfinished(file.get())) return 1;
     return writable ? finish(h, *family, file.get(), oldName.get()) : 0;
-}
-
-bool isPackUnfinished(DbfBase* h) {
-    if (h->FirstMemoField == -1 || memoFamily(h->Header.Version) == nullptr) return false;
-    return isUnfinished(OwnedFile(Open_FileRO(h->MemoFileName)).get());
 }
 
 }  // namespace mira

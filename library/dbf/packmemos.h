@@ -13,7 +13,4 @@ int packMemos(DbfBase*, bool writable);
 /// come to write. 1 when there is none.
 int finishPackMemos(DbfBase*, bool writable);
 
-/// Whether there is such a rebuild. Records must keep their places until it is finished.
-bool isPackUnfinished(DbfBase*);
-
 }  // namespace mira

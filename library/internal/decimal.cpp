@@ -2,6 +2,7 @@
 #include "internal/decimal.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -18,26 +19,11 @@ constexpr unsigned kMantissaBits = 52;
 constexpr unsigned kExponentBias = 1075;  // of the mantissa taken as an integer
 constexpr unsigned kExactDecimals = 19;   // 10^19 is the largest power of ten in 64 bits
 
-constexpr u64 kPowersOfTen[kExactDecimals + 1] = {1ULL,
-                                                  10ULL,
-                                                  100ULL,
-                                                  1000ULL,
-                                                  10000ULL,
-                                                  100000ULL,
-                                                  1000000ULL,
-                                                  10000000ULL,
-                                                  100000000ULL,
-                                                  1000000000ULL,
-                                                  10000000000ULL,
-                                                  100000000000ULL,
-                                                  1000000000000ULL,
-                                                  10000000000000ULL,
-                                                  100000000000000ULL,
-                                                  1000000000000000ULL,
-                                                  10000000000000000ULL,
-                                                  100000000000000000ULL,
-                                                  1000000000000000000ULL,
-                                                  10000000000000000000ULL};
+constexpr std::array<u64, kExactDecimals + 1> kPowersOfTen = [] {
+    std::array<u64, kExactDecimals + 1> powers{1};
+    for (std::size_t i = 1; i < powers.size(); ++i) powers[i] = powers[i - 1] * 10;
+    return powers;
+}();
 
 bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 

@@ -55,10 +55,12 @@ bool isSameFile(std::optional<FileId> a, std::optional<FileId> b);
 
 /// Opens with the flags of open(2) and the mode that fdopen gives them, unbuffered. Null on
 /// failure, and for what is no regular file: a directory holds no bytes, and reads from a FIFO or a
-/// terminal may never return. Never waits.
-std::FILE* openUnbuffered(const char* path, int flags, const char* mode);
+/// terminal may never return. Never waits. *id tells what has been opened.
+std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileId* id = nullptr);
 /// The same for an open descriptor, which is closed on failure.
-std::FILE* openUnbuffered(int fd, const char* mode);
+std::FILE* openUnbuffered(int fd, const char* mode, FileId* id = nullptr);
+/// Open_File.
+std::FILE* openFile(const char* path, FileId* id);
 /// Creates a file, or opens one and empties it unless it is one of the files to keep.
 std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<FileId>> keep);
 

@@ -54,7 +54,7 @@ std::optional<FileId> nameId(const char* path) {
 
 bool isSameFile(std::optional<FileId> a, std::optional<FileId> b) { return a && a == b; }
 
-std::FILE* openUnbuffered(int fd, const char* mode) {
+std::FILE* openUnbuffered(int fd, const char* mode, FileId* id) {
     struct stat info;
     const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
     std::FILE* file = regular ? fdopen(fd, mode) : nullptr;
@@ -63,13 +63,14 @@ std::FILE* openUnbuffered(int fd, const char* mode) {
         return nullptr;
     }
     std::setvbuf(file, nullptr, _IONBF, 0);
+    if (id != nullptr) *id = {info.st_dev, info.st_ino};
     return file;
 }
 
-std::FILE* openUnbuffered(const char* path, int flags, const char* mode) {
+std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileId* id) {
     if (path == nullptr) return nullptr;
     const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY, kEverybody);
-    return fd >= 0 ? openUnbuffered(fd, mode) : nullptr;
+    return fd >= 0 ? openUnbuffered(fd, mode, id) : nullptr;
 }
 
 std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<FileId>> keep) {
@@ -107,10 +108,12 @@ std::atomic<u64>& changesOf(std::FILE* file) {
     return counters[(u64{info.st_ino} + u64{info.st_dev}) % kCounters];
 }
 
-std::FILE* Open_File(const char* path) {
-    std::FILE* file = openUnbuffered(path, O_RDWR, "rb+");
-    return file != nullptr ? file : Open_FileRO(path);
+std::FILE* openFile(const char* path, FileId* id) {
+    std::FILE* file = openUnbuffered(path, O_RDWR, "rb+", id);
+    return file != nullptr ? file : openUnbuffered(path, O_RDONLY, "rb", id);
 }
+
+std::FILE* Open_File(const char* path) { return openFile(path, nullptr); }
 
 std::FILE* Open_FileRO(const char* path) { return openUnbuffered(path, O_RDONLY, "rb"); }
 

@@ -93,21 +93,25 @@ inline u32 memoUnit(const MemoFamily& family, const u8* header) {
 }
 
 /// Whether a file is the table itself, which then bears the name that its memo file would have.
-inline bool isTable(const DbfBase* h, std::FILE* file) {
-    return isSameFile(fileId(file), fileId(h->TableFile));
+inline bool isTable(const DbfBase* h, FileId file) {
+    return file == (h->Private != nullptr ? h->Private->file : fileId(h->TableFile));
 }
 
 // rebuild.cpp
 /// Whether a rebuild of the memo file has stopped before all records had their new references:
-/// until it is finished nobody can tell which memo a reference means.
-bool isUnfinished(std::FILE*);
+/// until it is finished nobody can tell which memo a reference means, and records must keep their
+/// places.
+bool isPackUnfinished(DbfBase*);
+/// Looks whether it has, when the memo file has been named or Pack has failed.
+void noteUnfinishedPack(DbfBase*);
 
 /// MemoFile, open for as long as this lives; null also while a rebuild is unfinished.
 class OpenMemoFile {
 public:
     explicit OpenMemoFile(DbfBase* h) : handle_(h) {
-        h->MemoFile = Open_File(h->MemoFileName);
-        if (isTable(h, h->MemoFile) || (!isPacking(h) && isUnfinished(h->MemoFile))) close();
+        FileId id{};
+        h->MemoFile = openFile(h->MemoFileName, &id);
+        if (isTable(h, id) || (isPackUnfinished(h) && !isPacking(h))) close();
     }
     ~OpenMemoFile() { close(); }
     OpenMemoFile(const OpenMemoFile&) = delete;

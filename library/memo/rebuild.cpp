@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "internal/newfile.h"
+
 namespace mira {
 
 namespace {
@@ -133,6 +135,20 @@ bool MemoBuilder::complete(const Bytes& log, u32 records) {
 bool isUnfinished(std::FILE* file) {
     u8 head[kHeadSize];
     return isSigned(head, readHead(file, head));
+}
+
+void noteUnfinishedPack(DbfBase* h) {
+    if (h->FirstMemoField == -1 || h->Private == nullptr) return;
+    // The old file is always there; usually this ends here.
+    const Block<char> oldName = tildeName(h->MemoFileName);
+    h->Private->unfinished = oldName != nullptr && access(oldName.get(), F_OK) == 0;
+    isPackUnfinished(h);
+}
+
+bool isPackUnfinished(DbfBase* h) {
+    if (h->Private == nullptr || !h->Private->unfinished) return false;
+    const OwnedFile file(Open_FileRO(h->MemoFileName));  // another handle may have finished it
+    return h->Private->unfinished = isUnfinished(file.get());
 }
 
 bool readRebuildLog(std::FILE* file, RebuildLog* log) {

@@ -59,6 +59,9 @@ private:
     u32 headerSize_ = 0;
 };
 
+/// Whether a memo file has a log.
+bool isUnfinished(std::FILE*);
+
 /// The log of an unfinished rebuild.
 struct RebuildLog {
     Block<u8> bytes;
