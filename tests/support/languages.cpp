@@ -383,15 +383,15 @@ std::vector<std::pair<std::string, char>> pieces(const std::string& filter) {
 
 /// Where the part of a piece begins that closes groups, or where the part ends that opens them.
 std::size_t groupsCut(const std::string& piece, bool closing) {
-    std::optional<std::size_t> found;
+    std::size_t found = piece.npos;
     i64 depth = 0;
     for (std::size_t k = 0; k < piece.size(); ++k) {
         const std::size_t i = closing ? k : piece.size() - 1 - k;
-        if (depth == 0) found.reset();
-        if (piece[i] == (closing ? ')' : '(') && !found) found = i;
+        if (depth == 0) found = piece.npos;
+        if (piece[i] == (closing ? ')' : '(') && found == piece.npos) found = i;
         depth += piece[i] == '(' ? 1 : piece[i] == ')' ? -1 : 0;
     }
-    return closing ? *found : *found + 1;
+    return closing ? found : found + 1;
 }
 
 /// The arithmetic text of a filter, whose conditions are answered by a function.

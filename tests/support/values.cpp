@@ -129,11 +129,8 @@ std::string storedNumber(const DbfField& f, double number, const std::string& be
     return fits ? text : before;
 }
 
-/// A product within four units of a whole number in its last place counts as that number.
 std::string storedCurrency(double number, const std::string& before) {
-    const double product = number * 10000, whole = std::nearbyint(product);
-    const double unit = std::nextafter(std::fabs(product), HUGE_VAL) - std::fabs(product);
-    const double value = std::fabs(product - whole) <= 4 * unit ? whole : std::trunc(product);
+    const double value = std::trunc(number * 10000);
     if (!(std::fabs(value) < 0x1p63) && value != -0x1p63) return before;
     return le(static_cast<u64>(static_cast<i64>(value)), 8);
 }

@@ -1,0 +1,172 @@
+// Files of the fuzz targets live in memory: the linker sends these calls of the program and of the
+// library to the wrappers below (--wrap). What lies in a folder made by mkdtemp is in memory;
+// everything else goes to the system.
+#include <dirent.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "property.h"
+
+namespace {
+
+constexpr std::string_view kFolder = "/in-memory/";
+constexpr int kFirstDescriptor = 1000000;
+
+/// Large blocks come back at once, instead of going to the system and coming as fresh pages.
+[[maybe_unused]] const bool keepsBlocks =
+    mallopt(M_MMAP_THRESHOLD, 1 << 30) != 0 && mallopt(M_TRIM_THRESHOLD, 1 << 30) != 0;
+
+using Bytes = std::shared_ptr<std::string>;
+
+/// An open file. Its place among the streams is its file descriptor. The handle is one of the C
+/// library, for what is not wrapped; it reads and writes nothing itself.
+struct Stream {
+    Bytes file;
+    int access;
+    std::size_t at = 0;
+    std::FILE* handle = nullptr;
+};
+
+std::map<std::string, Bytes, std::less<>> files;
+std::vector<std::unique_ptr<Stream>> streams;
+
+bool inMemory(const char* path) { return std::string_view(path).starts_with(kFolder); }
+
+Bytes find(std::string_view path) {
+    const auto found = files.find(path);
+    if (found == files.end()) errno = ENOENT;
+    return found == files.end() ? nullptr : found->second;
+}
+
+Stream* of(std::FILE* handle) {
+    for (const auto& s : streams)
+        if (s->handle == handle) return s.get();
+    return nullptr;
+}
+
+Stream* of(int descriptor) {
+    const auto i = static_cast<std::size_t>(descriptor - kFirstDescriptor);
+    return descriptor >= kFirstDescriptor && i < streams.size() ? streams[i].get() : nullptr;
+}
+
+int closeStream(void* cookie) {
+    std::erase_if(streams, [&](const auto& s) { return s.get() == cookie; });
+    return 0;
+}
+
+std::FILE* openStream(const char* path, const char* mode) {
+    Bytes file = find(path);
+    if (mode[0] == 'w') {
+        if (file == nullptr) file = files[path] = std::make_shared<std::string>();
+        file->clear();
+    }
+    if (file == nullptr) return nullptr;
+    const int access = std::strcmp(mode, "rb") == 0 ? O_RDONLY : O_RDWR;
+    Stream* const s = streams.emplace_back(new Stream{file, access}).get();
+    return s->handle = fopencookie(s, mode, {nullptr, nullptr, nullptr, closeStream});
+}
+
+std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
+    if (s->at >= s->file->size()) return 0;
+    const std::size_t got = s->file->copy(static_cast<char*>(to), size * n, s->at);
+    s->at += got;
+    return got / size;
+}
+
+std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size_t n) {
+    const std::size_t end = s->at + size * n;
+    s->file->resize(std::max(s->file->size(), end));
+    s->file->replace(s->at, size * n, static_cast<const char*>(from), size * n);
+    s->at = end;
+    return n;
+}
+
+int seekStream(Stream* s, long offset, int whence) {
+    const std::size_t base = whence == SEEK_CUR ? s->at : whence == SEEK_END ? s->file->size() : 0;
+    const long to = static_cast<long>(base) + offset;
+    if (to >= 0) s->at = static_cast<std::size_t>(to);
+    return to >= 0 ? 0 : -1;
+}
+
+int renameFile(const char* from, const char* to) {
+    const Bytes file = find(from);
+    if (file == nullptr) return -1;
+    files.erase(from);
+    files[to] = file;
+    return 0;
+}
+
+int describe(const Bytes& file, struct stat* info) {
+    if (file == nullptr) return -1;
+    *info = {};
+    info->st_mode = S_IFREG;
+    info->st_ino = reinterpret_cast<ino_t>(file.get());
+    info->st_size = static_cast<off_t>(file->size());
+    return 0;
+}
+
+int cut(const Bytes& file, off_t size) {
+    if (file != nullptr) file->resize(static_cast<std::size_t>(size));
+    return file != nullptr ? 0 : -1;
+}
+
+int descriptorOf(const Stream* stream) {
+    const auto place = std::find_if(streams.begin(), streams.end(),
+                                    [&](const auto& s) { return s.get() == stream; });
+    return kFirstDescriptor + static_cast<int>(place - streams.begin());
+}
+
+char* nextFolder() {
+    static std::string path;
+    static int made = 0;
+    path = std::string(kFolder) + std::to_string(++made);
+    return path.data();
+}
+
+}  // namespace
+
+std::string_view test::contentsOf(const std::string& path) {
+    const Bytes file = find(path);
+    return file != nullptr ? std::string_view(*file) : "";
+}
+
+#define WRAP(result, name, ours, answer, parameters, arguments) \
+    result __real_##name parameters;                            \
+    result __wrap_##name parameters { return (ours) ? answer : __real_##name arguments; }
+
+extern "C" {
+WRAP(char*, mkdtemp, true, nextFolder(), (char* pattern), (pattern))
+WRAP(DIR*, opendir, inMemory(path), nullptr, (const char* path), (path))
+WRAP(std::FILE*, fopen, inMemory(path), openStream(path, mode),
+     (const char* path, const char* mode), (path, mode))
+WRAP(std::size_t, fread, of(file), readStream(of(file), to, size, n),
+     (void* to, std::size_t size, std::size_t n, std::FILE* file), (to, size, n, file))
+WRAP(std::size_t, fwrite, of(file), writeStream(of(file), from, size, n),
+     (const void* from, std::size_t size, std::size_t n, std::FILE* file), (from, size, n, file))
+WRAP(int, fseek, of(file), seekStream(of(file), to, whence),
+     (std::FILE * file, long to, int whence), (file, to, whence))
+WRAP(long, ftell, of(file), static_cast<long>(of(file)->at), (std::FILE * file), (file))
+WRAP(int, remove, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
+WRAP(int, rename, inMemory(from), renameFile(from, to), (const char* from, const char* to),
+     (from, to))
+WRAP(int, access, inMemory(path), find(path) != nullptr ? 0 : -1, (const char* path, int mode),
+     (path, mode))
+WRAP(int, stat, inMemory(path), describe(find(path), info), (const char* path, struct stat* info),
+     (path, info))
+WRAP(int, fstat, of(fd), describe(of(fd)->file, info), (int fd, struct stat* info), (fd, info))
+WRAP(int, fileno, of(file), descriptorOf(of(file)), (std::FILE * file), (file))
+WRAP(int, fcntl, of(fd), of(fd)->access, (int fd, int command, ...),
+     (fd, command))  // asked for F_GETFL only
+WRAP(int, truncate, inMemory(path), cut(find(path), size), (const char* path, off_t size),
+     (path, size))
+WRAP(int, ftruncate, of(fd), cut(of(fd)->file, size), (int fd, off_t size), (fd, size))
+}
