@@ -1,6 +1,5 @@
 // Prints every field of every record of a table as text, one record per line.
 #include <cstdio>
-#include <cstring>
 
 #include "mira.h"
 
@@ -9,34 +8,33 @@ namespace {
 /// Standard output through one large buffer.
 class Output {
 public:
-    void put(const char* text, std::size_t length) {
-        if (length > sizeof buffer_ - used_) flush();
-        if (length > sizeof buffer_) {
-            std::fwrite(text, 1, length, stdout);
-            return;
-        }
-        std::memcpy(buffer_ + used_, text, length);
-        used_ += length;
+    /// A text of a field and a separator. Texts are copied byte by byte: whoever looks for the end
+    /// of a text first has to wait for the bytes that have just been written.
+    void put(const char* text, char separator) {
+        if (used_ > sizeof buffer_ - kLongest) flush();
+        char* to = buffer_ + used_;
+        while (*text != 0) *to++ = *text++;
+        *to++ = separator;
+        used_ = static_cast<std::size_t>(to - buffer_);
     }
-    void put(char c) { put(&c, 1); }
+    void put(char c) { buffer_[used_++] = c; }
     void flush() {
         std::fwrite(buffer_, 1, used_, stdout);
         used_ = 0;
     }
 
 private:
-    char buffer_[1 << 16];
+    static constexpr std::size_t kLongest = 65535 + 1 + 1;  // a text, its separator, a line end
+    char buffer_[2 * kLongest];
     std::size_t used_ = 0;
 };
 
 void dump(mira::DbfBase* table, Output& out) {
-    for (mira::u32 position = 0; position < mira::reccount(table); ++position) {
+    const mira::u32 records = mira::reccount(table);
+    const int fields = static_cast<int>(mira::fieldcount(table));
+    for (mira::u32 position = 0; position < records; ++position) {
         mira::ReadRecord(table, position);  // after a failure the record buffer is printed as it is
-        for (mira::u32 field = 0; field < mira::fieldcount(table); ++field) {
-            const char* text = mira::GetStr(table, static_cast<int>(field));
-            if (text != nullptr) out.put(text, std::strlen(text));
-            out.put('|');
-        }
+        for (int field = 0; field < fields; ++field) out.put(mira::GetStr(table, field), '|');
         out.put('\n');
     }
     out.flush();

@@ -15,10 +15,6 @@ namespace {
 
 const char* const kFolder = std::getenv("MIRA_CORPUS");
 
-/// Its list has 0x0A for a terminator, so it ends only behind the header length: two more
-/// descriptors, made of record bytes, have invalid types, and the table is refused.
-const std::string kRefused = "3dpoints.dbf";
-
 std::string escaped(std::string_view bytes) {
     std::string out;
     for (const char c : bytes) {
@@ -84,8 +80,7 @@ void compare(const fs::path& table, const fs::path& expectedFile) {
     std::string line;
     std::getline(in, line);
     const Table h(OpenBaseRO(table.c_str()));
-    EXPECT_EQ(h == nullptr, file == kRefused) << file;
-    if (!h) return;
+    ASSERT_TRUE(h) << file;
     EXPECT_EQ(fieldLine(h.get()), line) << file;
     h->DateFormat = 4;
     u32 record = 0;

@@ -51,7 +51,7 @@ TEST(Sort, Keys) {
         {{"A", 'C', 6}, "  x \0y"s, "x    y"},
         {{"A", 'N', 6, 2}, " -5.00", "\n\n\5.\n\n"},
         {{"A", 'T', 8}, le(2460311, 4) + le(50829000, 4), "20240101140709"},
-        {{"A", 'I', 4}, le(0xFFFFFFFB, 4), "\n\n\n\n    -5"}};
+        {{"A", 'I', 4}, le(0xFFFFFFFB, 4), repeat("\n", 9) + "\5"}};
     const TempDir dir;
     for (const auto& [column, stored, key] : cases) {
         const Table h = openLayout(dir, {0x03, {column}, {' ' + stored}});

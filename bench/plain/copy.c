@@ -1,10 +1,12 @@
-/* The floor for a dump: reads each record with fread and copies the raw bytes of its fields, each
-   followed by a separator, to standard output. No value is looked at. */
+/* The least that a dump can do: one fread for each record, one memcpy for each field, with a
+   separator after it, into one buffer, and one fwrite for each record. No value is looked at. */
 #include <stdio.h>
 #include <string.h>
 
 static unsigned char header[65536];
 static unsigned char record[65536];
+static unsigned char line[2 * 65536];
+static unsigned lengths[2048];
 static char output[1 << 16];
 
 static unsigned le16(const unsigned char* p) { return p[0] | p[1] << 8; }
@@ -15,17 +17,20 @@ int main(int argc, char** argv) {
     unsigned headerLength = le16(header + 8), recordLength = le16(header + 10);
     unsigned fields = 0;
     if (fread(header + 32, 1, headerLength - 32, table) != headerLength - 32) return 1;
-    while (32 * fields + 64 < headerLength && header[32 + 32 * fields] != 0x0D) fields++;
+    for (; 32 * fields + 64 < headerLength && header[32 + 32 * fields] != 0x0D; fields++)
+        lengths[fields] = header[32 + 32 * fields + 16];
     setvbuf(stdout, output, _IOFBF, sizeof output);
     while (fread(record, 1, recordLength, table) == recordLength) {
-        const unsigned char* at = record + 1;
+        const unsigned char* from = record + 1;
+        unsigned char* to = line;
         for (unsigned i = 0; i < fields; i++) {
-            unsigned length = header[32 + 32 * i + 16];
-            fwrite(at, 1, length, stdout);
-            fputc('|', stdout);
-            at += length;
+            memcpy(to, from, lengths[i]);
+            from += lengths[i];
+            to += lengths[i];
+            *to++ = '|';
         }
-        fputc('\n', stdout);
+        *to++ = '\n';
+        fwrite(line, 1, (size_t)(to - line), stdout);
     }
     return fclose(table);
 }

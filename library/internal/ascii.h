@@ -1,4 +1,4 @@
-// Comparing texts without regard to the case of A to Z, whatever the locale.
+// Digits, and comparing texts without regard to the case of A to Z, whatever the locale.
 #pragma once
 
 #include <cstddef>
@@ -6,6 +6,8 @@
 #include "mira.h"
 
 namespace mira {
+
+inline bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 inline u8 lowerAscii(char c) { return static_cast<u8>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); }
 

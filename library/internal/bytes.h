@@ -4,54 +4,45 @@
 #include <bit>
 #include <concepts>
 #include <cstddef>
+#include <cstring>
 
 #include "mira.h"
 
 namespace mira {
 
+/// The bytes of value in reverse order. (A loop of shifts is not taken for one instruction.)
 template <std::unsigned_integral T>
-inline T loadLe(const u8* from) {
-    T value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        value = static_cast<T>(value | static_cast<T>(static_cast<T>(from[i]) << (8 * i)));
-    }
-    return value;
+T swapBytes(T value) {
+    if constexpr (sizeof(T) == 2) return __builtin_bswap16(value);
+    if constexpr (sizeof(T) == 4) return __builtin_bswap32(value);
+    if constexpr (sizeof(T) == 8) return __builtin_bswap64(value);
 }
 
-template <std::unsigned_integral T>
-inline T loadBe(const u8* from) {
-    T value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        value = static_cast<T>(
-            value | static_cast<T>(static_cast<T>(from[i]) << (8 * (sizeof(T) - 1 - i))));
-    }
-    return value;
+template <std::unsigned_integral T, std::endian Order>
+T load(const u8* from) {
+    T value;
+    std::memcpy(&value, from, sizeof value);
+    return Order == std::endian::native ? value : swapBytes(value);
 }
 
-template <std::unsigned_integral T>
-inline void storeLe(u8* to, T value) {
-    for (std::size_t i = 0; i < sizeof(T); ++i) to[i] = static_cast<u8>(value >> (8 * i));
+template <std::unsigned_integral T, std::endian Order>
+void store(u8* to, T value) {
+    if (Order != std::endian::native) value = swapBytes(value);
+    std::memcpy(to, &value, sizeof value);
 }
 
-template <std::unsigned_integral T>
-inline void storeBe(u8* to, T value) {
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        to[i] = static_cast<u8>(value >> (8 * (sizeof(T) - 1 - i)));
-    }
-}
-
-inline u16 loadLe16(const u8* from) { return loadLe<u16>(from); }
-inline u32 loadLe32(const u8* from) { return loadLe<u32>(from); }
-inline u64 loadLe64(const u8* from) { return loadLe<u64>(from); }
-inline u16 loadBe16(const u8* from) { return loadBe<u16>(from); }
-inline u32 loadBe32(const u8* from) { return loadBe<u32>(from); }
-inline u64 loadBe64(const u8* from) { return loadBe<u64>(from); }
-inline void storeLe16(u8* to, u16 value) { storeLe(to, value); }
-inline void storeLe32(u8* to, u32 value) { storeLe(to, value); }
-inline void storeLe64(u8* to, u64 value) { storeLe(to, value); }
-inline void storeBe16(u8* to, u16 value) { storeBe(to, value); }
-inline void storeBe32(u8* to, u32 value) { storeBe(to, value); }
-inline void storeBe64(u8* to, u64 value) { storeBe(to, value); }
+inline u16 loadLe16(const u8* from) { return load<u16, std::endian::little>(from); }
+inline u32 loadLe32(const u8* from) { return load<u32, std::endian::little>(from); }
+inline u64 loadLe64(const u8* from) { return load<u64, std::endian::little>(from); }
+inline u16 loadBe16(const u8* from) { return load<u16, std::endian::big>(from); }
+inline u32 loadBe32(const u8* from) { return load<u32, std::endian::big>(from); }
+inline u64 loadBe64(const u8* from) { return load<u64, std::endian::big>(from); }
+inline void storeLe16(u8* to, u16 value) { store<u16, std::endian::little>(to, value); }
+inline void storeLe32(u8* to, u32 value) { store<u32, std::endian::little>(to, value); }
+inline void storeLe64(u8* to, u64 value) { store<u64, std::endian::little>(to, value); }
+inline void storeBe16(u8* to, u16 value) { store<u16, std::endian::big>(to, value); }
+inline void storeBe32(u8* to, u32 value) { store<u32, std::endian::big>(to, value); }
+inline void storeBe64(u8* to, u64 value) { store<u64, std::endian::big>(to, value); }
 
 inline double loadLeDouble(const u8* from) { return std::bit_cast<double>(loadLe64(from)); }
 inline double loadBeDouble(const u8* from) { return std::bit_cast<double>(loadBe64(from)); }

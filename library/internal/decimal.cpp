@@ -40,7 +40,6 @@ constexpr u64 kPowersOfTen[kExactDecimals + 1] = {1ULL,
                                                   10000000000000000000ULL};
 
 bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 /// Right-aligns body behind blanks.
 std::size_t alignRight(char* to, std::string_view body, unsigned width) {
@@ -110,16 +109,18 @@ char* digitsBackward(char* end, u64 value) {
 }  // namespace
 
 double readDecimal(std::string_view text) {
+    const char* const end = text.data() + text.size();
+    const StoredDecimal number = scanDecimal(text);
+    if ((number.end == end || *number.end == ' ') && isExact(number)) {
+        return number.whole + number.decimals != 0 ? exactValue(number) : 0.0;
+    }
     const char* at = text.data();
-    const char* end = at + text.size();
     while (at != end && isSpace(*at)) ++at;
     const char* start = at;
     const bool negative = at != end && *at == '-';
     if (at != end && (*at == '-' || *at == '+')) ++at;
-    if (at == end) return 0.0;
-    const bool plain = isDigit(*at) || *at == '.';
-    const bool hex = *at == '0' && at + 1 != end && (at[1] == 'x' || at[1] == 'X');
-    if (plain && !hex) {
+    const bool hex = end - at > 1 && *at == '0' && (at[1] == 'x' || at[1] == 'X');
+    if (at != end && (isDigit(*at) || *at == '.') && !hex) {
         double value = 0.0;
         const std::from_chars_result result = std::from_chars(at, end, value);
         if (result.ec == std::errc()) return negative ? -value : value;

@@ -27,17 +27,25 @@ constexpr std::size_t kExtSize = 10;
 
 }  // namespace
 
+// The results may go where the path, or another source, comes from: they are made before.
 void _splitpath(const char* path, char* drive, char* dir, char* name, char* ext) {
     const PathParts parts = splitPath(path);
+    char made[2 * kPartSize + kExtSize];
+    char* const madeName = made + kPartSize;
+    char* const madeExt = madeName + kPartSize;
+    TextOut(made, kPartSize).put(parts.dir);
+    TextOut(madeName, kPartSize).put(parts.name);
+    TextOut(madeExt, kExtSize).put(parts.ext);
     drive[0] = 0;
-    TextOut(dir, kPartSize).put(parts.dir);
-    TextOut(name, kPartSize).put(parts.name);
-    TextOut(ext, kExtSize).put(parts.ext);
+    std::strcpy(dir, made);
+    std::strcpy(name, madeName);
+    std::strcpy(ext, madeExt);
 }
 
 void MakeExt(char* destination, const char* path, const char* ext, const char* otherName) {
     const PathParts parts = splitPath(path);
-    TextOut out(destination, kBackupNameSize);
+    char made[kBackupNameSize];
+    TextOut out(made, sizeof made);
     out.put(parts.dir);
     if (otherName != nullptr) {
         out.put(otherName);
@@ -45,7 +53,8 @@ void MakeExt(char* destination, const char* path, const char* ext, const char* o
         out.put(parts.name);
         out.put(ext);
     }
-    if (out.cut()) destination[0] = 0;  // a cut path would name some other file
+    if (out.cut()) made[0] = 0;  // a cut path would name some other file
+    std::strcpy(destination, made);
 }
 
 }  // namespace mira

@@ -110,27 +110,59 @@ struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 
-/// The one file beside path whose name differs from its name only in letter case; null when there
-/// is none or more than one. (Reads the directory itself: the iterator of the standard library ends
-/// the program when memory runs out.)
-Block<char> nameInOtherCase(const char* path) {
+/// Counts the files beside path that have its name in any letter case, up to 2. *found becomes the
+/// path of the only one. (Reads the directory itself: the iterator of the standard library ends the
+/// program when memory runs out.)
+u32 findInAnyCase(const char* path, Block<char>* found) {
     const PathParts parts = splitPath(path);
     const char* wanted = path + parts.dir.size();
     const Block<char> dirName = parts.dir.empty() ? copyText(".") : copyText(path);
-    if (!dirName) return nullptr;
+    if (!dirName) return 0;
     if (!parts.dir.empty()) dirName.get()[parts.dir.size()] = 0;
     const std::unique_ptr<DIR, DirCloser> dir(opendir(dirName.get()));
-    if (!dir) return nullptr;
-    Block<char> found;
+    if (!dir) return 0;
+    u32 count = 0;
     while (const dirent* entry = readdir(dir.get())) {
         if (!sameIgnoringCase(entry->d_name, wanted)) continue;
-        if (found) return nullptr;
+        found->reset();
+        if (++count > 1) break;
+        *found = copyText(path);
         // As long as the wanted name, so the rest of the path stays.
-        found = copyText(path);
-        if (!found) return nullptr;
-        std::memcpy(found.get() + parts.dir.size(), entry->d_name, std::strlen(wanted));
+        if (*found)
+            std::memcpy(found->get() + parts.dir.size(), entry->d_name, std::strlen(wanted));
     }
-    return found;
+    return count;
+}
+
+/// Sources of Visual FoxPro (forms, classes, reports, labels, menus, projects) are tables whose
+/// memo file has their own extension with a "t" at its end. Null for other tables.
+Block<char> sourceMemoName(const char* tablePath) {
+    static constexpr const char* sources[] = {".scx", ".vcx", ".frx", ".lbx", ".mnx", ".pjx"};
+    const PathParts parts = splitPath(tablePath);
+    for (const char* source : sources) {
+        if (parts.ext.empty() || !sameIgnoringCase(parts.ext.data(), source)) continue;
+        Block<char> name = copyText(tablePath);
+        if (name) name.get()[std::strlen(tablePath) - 1] = parts.ext.back() == 'X' ? 'T' : 't';
+        return name;
+    }
+    return nullptr;
+}
+
+/// Names the memo file that is there where none is under the usual name.
+void lookForMemoFile(DbfBase* h) {
+    if (access(h->MemoFileName, F_OK) == 0) return;
+    Block<char> found;
+    if (findInAnyCase(h->MemoFileName, &found) == 0) {
+        Block<char> source = sourceMemoName(h->FileName);
+        if (source && access(source.get(), F_OK) == 0) {
+            found = std::move(source);
+        } else if (source) {
+            findInAnyCase(source.get(), &found);
+        }
+    }
+    if (!found) return;
+    std::free(h->MemoFileName);
+    h->MemoFileName = found.release();
 }
 
 }  // namespace
@@ -161,13 +193,7 @@ u32 GetMemoType(DbfBase* h) {
     const u32 kind = level7 ? kKindLevel7 : versionRow(h->Header.Version).kind;
     std::free(h->MemoFileName);
     h->MemoFileName = GetMemoName(h->FileName, kind);
-    if (h->FirstMemoField != -1 && h->MemoFileName != nullptr &&
-        access(h->MemoFileName, F_OK) != 0) {
-        if (Block<char> other = nameInOtherCase(h->MemoFileName)) {
-            std::free(h->MemoFileName);
-            h->MemoFileName = other.release();
-        }
-    }
+    if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) lookForMemoFile(h);
     FreeMemo(h);
     return kind;
 }

@@ -14,6 +14,9 @@ namespace mira {
 
 inline constexpr u32 kRecordBufferSize = 65535;
 inline constexpr u32 kTextBufferSize = 65535;
+/// Bytes allocated after both buffers, so that a decoder may take as many as its value has, and a
+/// copy whole words, wherever a field ends. After the record they are zero.
+inline constexpr u32 kBufferSlack = 16;
 
 /// The table field of a number, null when there is none.
 inline const DbfField* tableField(const DbfBase* h, int field) {
@@ -38,10 +41,10 @@ inline std::span<u8> fieldBytes(DbfBase* h, int field) {
 /// number that names no field.
 template <std::size_t N>
 std::array<u8, N> fieldPrefix(const DbfBase* h, int field) {
+    static_assert(N <= kBufferSlack);
     std::array<u8, N> bytes{};
     if (const DbfField* f = tableField(h, field)) {
-        const std::size_t room = kRecordBufferSize - f->Offset;
-        std::memcpy(bytes.data(), h->RecordBuffer + f->Offset, std::min(N, room));
+        std::memcpy(bytes.data(), h->RecordBuffer + f->Offset, N);
     }
     return bytes;
 }

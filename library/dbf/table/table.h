@@ -60,10 +60,14 @@ bool setDefaults(DbfBase*);
 /// Releases what Close_File does, but for the file.
 void releaseBuffers(DbfBase*);
 
-// format.cpp: the codec of header and descriptors.
+// codec.cpp
 void decodeHeader(const u8* from, DbfHeader*);
 void encodeHeader(const DbfHeader&, u8* to);
 void encodeDescriptor(const DbfField&, u32 descriptorSize, u8* to);
+/// foreign: a level-7 descriptor of another maker. Offset stays 0.
+DbfField decodeDescriptor(const u8* from, u32 descriptorSize, bool foreign);
+
+// format.cpp
 /// ReadFields; fresh says that AliasNames is still zero and need not be cleared.
 char readFields(DbfBase*, bool fresh);
 

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "dbf/table/table.h"
 #include "dbf/value/value.h"
@@ -72,11 +73,12 @@ i64 dayNumber(int year, int month, int day) {
     return number;
 }
 
-/// Fills year, month and day from a day number; a number outside the calendar gives no valid day.
+/// Fills year, month and day from a day number. Before year 0 the day counts back from the last one
+/// before it, which makes no valid date.
 void splitDay(i64 number, std::tm* t) {
     const i64 n = number - kDayBeforeYear0;
     if (n <= 0) {
-        t->tm_mday = static_cast<int>(std::max<i64>(n, -1));
+        t->tm_mday = static_cast<int>(std::max<i64>(n, std::numeric_limits<i32>::min()));
         return;
     }
     // Eras of 400 years that start on 1 March, so that the leap day is the last day of a year.

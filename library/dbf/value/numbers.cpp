@@ -34,6 +34,19 @@ bool storeText(DbfBase* h, int field, const char* text, std::size_t length) {
     return true;
 }
 
+/// Ten-thousandths of a currency, not yet cut. Reading rounds twice, so what lies as near to a
+/// whole number as that accounts for is this number, and every value read comes back unchanged.
+double toTenThousandths(double value) {
+    constexpr double unitsApart = 4;
+    const double scaled = value * kCurrencyScale;
+    const double unit = std::nextafter(std::fabs(scaled), HUGE_VAL) - std::fabs(scaled);
+    double whole = std::round(scaled);
+    if (!(std::fabs(scaled - whole) <= unitsApart * unit)) return scaled;
+    const double other = 2 * scaled - whole;  // on the other side, as near when half-way between
+    if (std::fabs(scaled - whole) == 0.5 && other / kCurrencyScale == value) whole = other;
+    return whole;
+}
+
 }  // namespace
 
 u32 GetInt(DbfBase* h, int field) {
@@ -82,7 +95,7 @@ double GetCurrency(DbfBase* h, int field) {
 void SetCurrency(DbfBase* h, int field, double value) {
     i64 scaled = 0;
     u8* to = fieldRoom<8>(h, field);
-    if (to != nullptr && toI64(value * kCurrencyScale, &scaled)) {
+    if (to != nullptr && toI64(toTenThousandths(value), &scaled)) {
         storeLe64(to, static_cast<u64>(scaled));
     }
 }

@@ -7,20 +7,20 @@
 // computing that arithmetic text: A=1&(B=2|C=3) becomes 1*(0+1). The record passes when the value,
 // truncated, is not 0.
 //
-// The plain way, ValidRecord, does this for any text. set_filter prepares its text: where the
-// conditions stand and what is between them does not depend on the record. Where that is nothing
-// but parentheses and connectives, the arithmetic amounts to "and" and "or" of the conditions, and
-// every condition knows which one to test next.
-#include "dbf/view/filter.h"
-
+// A filter is taken apart once: where the conditions stand and what is between them does not depend
+// on the record. Where that is nothing but parentheses and connectives, the arithmetic amounts to
+// "and" and "or", and set_filter tests only the conditions that the result depends on.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
+#include "dbf/view/condition.h"
 #include "internal/convert.h"
 #include "internal/file.h"
 #include "internal/restore.h"
@@ -46,10 +46,11 @@ i64 surplus(std::string_view text) {
     return std::count(text.begin(), text.end(), '(') - std::count(text.begin(), text.end(), ')');
 }
 
-/// A piece between connectives: parentheses that open groups, a condition, parentheses that close
-/// groups; either side may be empty.
+/// A piece between connectives, taken apart.
 struct Piece {
-    std::string_view opening, condition, closing;
+    std::string before;  ///< parentheses that open groups
+    Condition condition;
+    std::string after;  ///< parentheses that close groups, and the connective
 };
 
 /// The ")" from which on the text stays unbalanced.
@@ -75,15 +76,15 @@ std::size_t openingTo(std::string_view piece) {
 }
 
 /// A piece that closes or opens groups is cut where they begin or end.
-Piece cutPiece(const DbfBase* h, std::string_view piece) {
-    const i64 open = h->NoBracketCheck != 0 ? 0 : surplus(piece);
-    if (open == 0) return {{}, piece, {}};
-    if (open < 0) {
-        const std::size_t end = closingFrom(piece);
-        return {{}, piece.substr(0, end), piece.substr(end)};
-    }
-    const std::size_t start = openingTo(piece) + 1;
-    return {piece.substr(0, start), piece.substr(start), {}};
+Piece preparePiece(DbfBase* h, std::string_view text, char connective) {
+    const i64 open = h->NoBracketCheck != 0 ? 0 : surplus(text);
+    const std::size_t start = open > 0 ? openingTo(text) + 1 : 0;
+    const std::size_t end = open < 0 ? closingFrom(text) : text.size();
+    Piece piece{std::string(text.substr(0, start)),
+                prepareCondition(h, text.substr(start, end - start)),
+                std::string(text.substr(end))};
+    if (connective != 0) piece.after += connectiveSign(connective);
+    return piece;
 }
 
 void putLogic(FilterWork& work, std::string_view text) {
@@ -93,148 +94,147 @@ void putLogic(FilterWork& work, std::string_view text) {
     work.LogicText[work.LogicLength] = 0;
 }
 
-/// The value of the arithmetic text; false when it fails.
+/// Appends the arithmetic of a piece to LogicText.
+void putPiece(DbfBase* h, const Piece& piece) {
+    FilterWork& work = *h->FilterState;
+    putLogic(work, piece.before);
+    putLogic(work, conditionHolds(h, piece.condition) ? "1" : "0");
+    putLogic(work, piece.after);
+}
+
+/// The value of an arithmetic text; false when it fails.
 bool logicHolds(char* logic) {
     int status = 1;
     return clampToI32(parse(logic, &status)) != 0;
 }
 
-bool isDeleted(const DbfBase* h) { return h->SkipDeleted != 0 && h->RecordBuffer[0] == '*'; }
+/// Runs what allocates; false without memory.
+template <typename Work>
+bool withMemory(const Work& work) {
+    try {
+        return work();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
 
 // --------------------------------------------------------------------------------------------
 // The prepared filter
 // --------------------------------------------------------------------------------------------
 
-constexpr std::size_t kPass = static_cast<std::size_t>(-1);
-constexpr std::size_t kFail = static_cast<std::size_t>(-2);
-
-/// A condition, and what its result leads to: another step, kPass or kFail.
-struct Step {
-    Condition condition;
-    std::size_t onTrue, onFalse;
-};
-
 struct PreparedFilter {
     std::string text;
     i32 noBracketCheck = 0;  // what the preparation is good for
-    std::vector<Step> steps;
-    std::size_t first = kFail;       // step, or the result of every record
-    std::string logic;               // the arithmetic text, a 1 for every condition
-    std::vector<std::size_t> slots;  // places of the conditions in it
-    bool chained = true;             // the steps lead to the result; else logic is computed
+    bool every = false;      // takes every record
+    bool andOr = false;      // the arithmetic amounts to "and" and "or"
+    std::vector<Piece> pieces;
+    std::string logic;  // the arithmetic text, a 1 for every condition
 };
 
-/// The end of an operand of "*": a condition or a group in parentheses.
-std::size_t operandEnd(std::string_view logic, std::size_t i) {
-    i64 depth = 0;
-    for (; i < logic.size(); ++i) {
-        if (logic[i] == '(') ++depth;
-        if (logic[i] == ')') --depth;
-        if (logic[i] != ' ' && depth == 0) return i + 1;
+/// Records where the connectives stand, and the length behind them. False when there are too many.
+bool cutText(std::string_view text, FilterWork& work, u32* pieces) {
+    u32 found = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (!isConnective(text[i])) continue;
+        if (found == kConnectives) return false;
+        work.Cuts[found++] = static_cast<u32>(i);
     }
-    return i;
-}
-
-/// The ")" of the group around a place, or the end of the text.
-std::size_t groupEnd(std::string_view logic, std::size_t i) {
-    i64 depth = 0;
-    for (; i < logic.size() && (logic[i] != ')' || depth != 0); ++i) {
-        if (logic[i] == '(') ++depth;
-        if (logic[i] == ')') --depth;
-    }
-    return i;
-}
-
-/// What to do once the text before place i has come to a result.
-std::size_t following(const PreparedFilter& f, std::size_t i, bool result) {
-    while (i < f.logic.size()) {
-        const char c = f.logic[i++];
-        if (c != '*' && c != '+') continue;  // a group ends with the result of its content
-        if (result == (c == '*')) {
-            const auto next = std::upper_bound(f.slots.begin(), f.slots.end(), i - 1);
-            return static_cast<std::size_t>(next - f.slots.begin());
-        }
-        i = c == '*' ? operandEnd(f.logic, i) : groupEnd(f.logic, i);
-    }
-    return result ? kPass : kFail;
-}
-
-/// True when nothing but parentheses and connectives stands between the conditions.
-bool isPlainLogic(const PreparedFilter& f) {
-    return static_cast<std::size_t>(std::count(f.logic.begin(), f.logic.end(), '1')) ==
-               f.slots.size() &&
-           f.logic.find_first_not_of("()*+ 1") == std::string::npos;
-}
-
-void chainSteps(PreparedFilter& f) {
-    f.chained = isPlainLogic(f);
-    f.first = 0;
-    if (!f.chained) return;
-    std::string computed = f.logic;
-    if (!logicHolds(computed.data())) f.first = kFail;  // no grammar: it fails for every record
-    for (std::size_t i = 0; i < f.steps.size(); ++i) {
-        f.steps[i].onTrue = following(f, f.slots[i] + 1, true);
-        f.steps[i].onFalse = following(f, f.slots[i] + 1, false);
-    }
-}
-
-/// Adds a piece and the connective behind it, 0 for the last one. False when it is too long.
-bool addPiece(DbfBase* h, PreparedFilter& f, std::string_view text, char connective) {
-    if (text.size() > kPieceLength) return false;
-    const Piece piece = cutPiece(h, text);
-    f.logic += piece.opening;
-    f.slots.push_back(f.logic.size());
-    f.logic += '1';
-    f.logic += piece.closing;
-    if (connective != 0) f.logic += connectiveSign(connective);
-    f.steps.push_back({prepareCondition(h, piece.condition), kPass, kFail});
+    work.Cuts[found] = static_cast<u32>(text.size());
+    *pieces = found + 1;
     return true;
+}
+
+bool isBalanced(const DbfBase* h, std::string_view text) {
+    return h->NoBracketCheck != 0 || surplus(text) == 0;
 }
 
 /// False when the text does not fit the work area: a piece, the connectives, or the arithmetic
 /// text, whose length is known beforehand and which parse would refuse for every record.
-bool prepareFilter(DbfBase* h, std::string_view text, PreparedFilter& f) {
+bool prepareFilter(DbfBase* h, const char* text, PreparedFilter& f) {
+    f.every = takesEvery(text);
+    if (f.every) return true;
     f.text = text;
     f.noBracketCheck = h->NoBracketCheck;
-    std::size_t start = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (!isConnective(text[i])) continue;
-        if (f.slots.size() == kConnectives) return false;
-        if (!addPiece(h, f, text.substr(start, i - start), text[i])) return false;
-        start = i + 1;
+    const u32* const cuts = h->FilterState->Cuts;
+    u32 pieces = 0;
+    if (!cutText(f.text, *h->FilterState, &pieces)) return false;
+    u32 start = 0;
+    for (u32 k = 0; k < pieces; ++k) {
+        const u32 length = cuts[k] - start;
+        if (length > kPieceLength) return false;
+        f.pieces.push_back(preparePiece(h, {text + start, length}, text[cuts[k]]));
+        start = cuts[k] + 1;
     }
-    if (!addPiece(h, f, text.substr(start), 0)) return false;
-    if (h->NoBracketCheck == 0 && surplus(text) != 0) return true;  // no record passes
-    if (f.steps.size() == 1) {
-        f.steps[0].condition = prepareCondition(h, text);
-        f.first = 0;
+    if (!isBalanced(h, f.text)) f.pieces.clear();  // an empty arithmetic text fails
+    for (const Piece& piece : f.pieces) f.logic += piece.before + '1' + piece.after;
+    return f.logic.size() <= kParseLength;
+}
+
+/// Prepares what saves time with many records.
+void prepareShortcuts(DbfBase* h, PreparedFilter& f) {
+    for (Piece& piece : f.pieces) prepareStored(h, piece.condition);
+    const auto ones = std::count(f.logic.begin(), f.logic.end(), '1');
+    const bool andOr = static_cast<std::size_t>(ones) == f.pieces.size() &&
+                       f.logic.find_first_not_of("()*+ 1") == std::string::npos;
+    std::string computed = f.logic;
+    f.andOr = andOr && logicHolds(computed.data());
+    std::erase(f.logic, ' ');
+}
+
+/// Reads an arithmetic text that amounts to "and" and "or", and tests a condition only where the
+/// result depends on it. A text has at most 79 characters, which bounds the recursion.
+///
+///   sum      product { "+" product }
+///   product  factor { "*" factor }
+///   factor   "1" | "(" sum ")"
+class AndOrReader {
+public:
+    AndOrReader(DbfBase* h, const PreparedFilter& f)
+        : base_(h), at_(f.logic.c_str()), piece_(f.pieces.data()) {}
+
+    bool sum(bool needed) {
+        bool result = product(needed);
+        while (take('+')) result |= product(needed && !result);
+        return result;
+    }
+
+private:
+    bool product(bool needed) {
+        bool result = factor(needed);
+        while (take('*')) result &= factor(needed && result);
+        return result;
+    }
+    bool factor(bool needed) {
+        if (!take('(')) {
+            ++at_;
+            const Condition& condition = (piece_++)->condition;
+            return needed && conditionHolds(base_, condition);
+        }
+        const bool result = sum(needed);
+        ++at_;
+        return result;
+    }
+    bool take(char c) {
+        if (*at_ != c) return false;
+        ++at_;
         return true;
     }
-    if (f.logic.size() > kParseLength) return false;
-    chainSteps(f);
-    return true;
-}
 
-bool computedHolds(DbfBase* h, const PreparedFilter& f) {
-    char logic[kParseLength + 1];
-    std::memcpy(logic, f.logic.c_str(), f.logic.size() + 1);
-    for (std::size_t i = 0; i < f.steps.size(); ++i) {
-        logic[f.slots[i]] = conditionHolds(h, f.steps[i].condition) ? '1' : '0';
-    }
-    return logicHolds(logic);
-}
+    DbfBase* base_;
+    const char* at_;
+    const Piece* piece_;
+};
 
-/// ValidRecord of the prepared text.
+/// Tests the record in RecordBuffer.
 bool passes(DbfBase* h, const PreparedFilter& f) {
+    if (h->SkipDeleted != 0 && h->RecordBuffer[0] == '*') return false;
+    if (f.every) return true;
     if (h->NoBracketCheck != f.noBracketCheck) return ValidRecord(h, f.text.c_str()) != 0;
-    if (isDeleted(h)) return false;
-    if (!f.chained) return computedHolds(h, f);
-    std::size_t step = f.first;
-    while (step < f.steps.size()) {
-        const Step& s = f.steps[step];
-        step = conditionHolds(h, s.condition) ? s.onTrue : s.onFalse;
-    }
-    return step == kPass;
+    if (f.andOr) return AndOrReader(h, f).sum(true);
+    h->FilterState->LogicLength = 0;
+    h->FilterState->LogicText[0] = 0;
+    for (const Piece& piece : f.pieces) putPiece(h, piece);
+    return logicHolds(h->FilterState->LogicText);
 }
 
 // --------------------------------------------------------------------------------------------
@@ -255,21 +255,6 @@ Block<char> joinTexts(const char* old, const char* text) {
     return joined;
 }
 
-/// Tests every record of the view; false when the callback stopped. every stands for a filter that
-/// takes each record.
-bool selectRecords(DbfBase* h, const PreparedFilter* filter, StopCallback callback, u32 count,
-                   u32* index, u32* selected) {
-    for (u32 position = 0; position < count; ++position) {
-        u32 record = 0;
-        const bool inView = recordAt(h, position, &record);
-        ReadRecord(h, position);  // what cannot be read is tested as the buffer then stands
-        const bool passed = filter != nullptr ? passes(h, *filter) : !isDeleted(h);
-        if (inView && passed) index[(*selected)++] = record;
-        if (callback != nullptr && callback() != 0) return false;
-    }
-    return true;
-}
-
 void dropIndex(DbfBase* h) {
     std::free(h->FilterIndex);
     h->FilterIndex = nullptr;
@@ -284,106 +269,85 @@ void dropSortOrder(DbfBase* h) {
 
 /// Takes a new index, given back what it does not use.
 void takeIndex(DbfBase* h, Block<u32> index, u32 count) {
-    dropIndex(h);
     u32* const all = index.release();
     void* const used = std::realloc(all, std::max<std::size_t>(count, 1) * sizeof(u32));
     h->FilterIndex = used != nullptr ? static_cast<u32*>(used) : all;
     h->FilterCount = count;
 }
 
-/// Applies a prepared filter, null for the one that takes every record, and a new FilterText,
-/// unless that is null. False, with nothing changed, without memory.
-bool applyFilter(DbfBase* h, const PreparedFilter* filter, Block<char> text,
-                 StopCallback callback) {
+/// Tests every record of the view and makes those that pass the view, or all records of the table
+/// when the callback stops.
+void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callback, u32 count,
+                   Block<u32> index) {
+    bool stopped = false;
+    u32 selected = 0;
+    for (u32 position = 0; position < count && !stopped; ++position) {
+        u32 record = 0;
+        const bool inView = recordAt(h, position, &record);
+        ReadRecord(h, position);  // what cannot be read is tested as the buffer then stands
+        if (passes(h, filter) && inView) index.get()[selected++] = record;
+        stopped = callback != nullptr && callback() != 0;
+    }
+    dropIndex(h);
+    dropSortOrder(h);  // of the old view, if a hook or the callback has sorted it
+    if (!stopped) takeIndex(h, std::move(index), selected);
+}
+
+/// set_filter but for the exceptions of the standard library.
+bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
+    const char* const applied = text != nullptr ? text : h->FilterText;
     const u32 count = reccount(h);
     Block<u32> index = allocate<u32>(std::size_t{count} + 1);
     const Block<FilterWork> work = allocate<FilterWork>(1);
-    if (!index || !work) return false;
-    if (text) {
-        std::free(h->FilterText);
-        h->FilterText = text.release();
-    }
-    dropSortOrder(h);
+    if (applied == nullptr || !index || !work) return false;
     std::memset(work.get(), 0, sizeof *work);
     const Restore state(h->FilterState, work.get());
-    u32 selected = 0;
-    if (selectRecords(h, filter, callback, count, index.get(), &selected)) {
-        takeIndex(h, std::move(index), selected);
-    } else {
-        dropIndex(h);
+    PreparedFilter filter;
+    if (!prepareFilter(h, applied, filter)) return false;
+    prepareShortcuts(h, filter);
+    if (applied == text && !filter.every) {
+        Block<char> joined = joinTexts(h->FilterText, text);
+        if (!joined) return false;
+        std::free(std::exchange(h->FilterText, joined.release()));
     }
+    dropSortOrder(h);
+    selectRecords(h, filter, callback, count, std::move(index));
     return true;
 }
 
 }  // namespace
 
 DbfBase* set_filter(DbfBase* h, const char* text, StopCallback callback) {
-    if (h == nullptr) return nullptr;
-    if (takesEvery(text)) return applyFilter(h, nullptr, nullptr, callback) ? h : nullptr;
-    const char* const applied = text != nullptr ? text : h->FilterText;
-    if (applied == nullptr) return nullptr;
-    try {
-        PreparedFilter filter;
-        if (!prepareFilter(h, applied, filter)) return nullptr;
-        Block<char> joined;
-        if (text != nullptr) {
-            joined = joinTexts(h->FilterText, text);
-            if (!joined) return nullptr;
-        }
-        return applyFilter(h, &filter, std::move(joined), callback) ? h : nullptr;
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    const bool applied = h != nullptr && withMemory([&] { return applyFilter(h, text, callback); });
+    return applied ? h : nullptr;
 }
 
 int ValidRecord(DbfBase* h, const char* text) {
-    if (text == nullptr || isDeleted(h)) return 0;
-    if (takesEvery(text)) return 1;
-    if (h->FilterState == nullptr) return 0;
-    FilterWork& work = *h->FilterState;
-    work.LogicLength = 0;
-    const int pieces = analizator(h, text);
-    if (pieces == 0) return 0;
-    if (pieces == 1) return conditionHolds(h, text) ? 1 : 0;
-    u32 start = 0;
-    for (int k = 0; k < pieces; ++k) {
-        const u32 cut = work.Cuts[k];
-        const u32 length = cut - start;
-        if (length > kPieceLength) return 0;
-        std::memcpy(work.PieceText, text + start, length);
-        work.PieceText[length] = 0;
-        eval(h, text[cut]);
-        start = cut + 1;
-    }
-    return logicHolds(work.LogicText) ? 1 : 0;
+    if (text == nullptr || (h->FilterState == nullptr && !takesEvery(text))) return 0;
+    return withMemory([&] {
+        PreparedFilter filter;
+        return prepareFilter(h, text, filter) && passes(h, filter);
+    });
 }
 
 int analizator(DbfBase* h, const char* text) {
-    if (h->FilterState == nullptr) return 0;
-    u32* const cuts = h->FilterState->Cuts;
-    u32 found = 0;
-    i64 depth = 0;
-    std::size_t i = 0;
-    for (; text[i] != 0; ++i) {
-        if (text[i] == '(') ++depth;
-        if (text[i] == ')') --depth;
-        if (!isConnective(text[i])) continue;
-        if (found == kConnectives) return 0;  // set_filter takes no such text
-        cuts[found++] = static_cast<u32>(i);
-    }
-    cuts[found] = static_cast<u32>(i);
-    return depth != 0 && h->NoBracketCheck == 0 ? 0 : static_cast<int>(found + 1);
+    u32 pieces = 0;
+    if (h->FilterState == nullptr || !cutText(text, *h->FilterState, &pieces)) return 0;
+    return isBalanced(h, text) ? static_cast<int>(pieces) : 0;
 }
 
 void eval(DbfBase* h, char connective) {
     if (h->FilterState == nullptr) return;
-    FilterWork& work = *h->FilterState;
-    const Piece piece = cutPiece(h, work.PieceText);
-    putLogic(work, piece.opening);
-    putLogic(work, conditionHolds(h, piece.condition) ? "1" : "0");
-    putLogic(work, piece.closing);
-    const char sign = connectiveSign(connective);
-    if (sign != 0) putLogic(work, {&sign, 1});
+    withMemory([&] {
+        putPiece(h, preparePiece(h, h->FilterState->PieceText, connective));
+        return true;
+    });
+}
+
+char cnd(DbfBase* h, const char* condition) {
+    if (condition == nullptr || h->FilterState == nullptr) return '0';
+    const auto holds = [&] { return conditionHolds(h, prepareCondition(h, condition)); };
+    return withMemory(holds) ? '1' : '0';
 }
 
 void ClearFilter(DbfBase* h) {

@@ -1,6 +1,7 @@
 // Finding fields by name and records by the beginning of a field's text.
 #include <algorithm>
 #include <cstring>
+#include <functional>
 
 #include "dbf/table/table.h"
 #include "internal/ascii.h"
@@ -37,6 +38,34 @@ int compareAt(DbfBase* h, u32 position, int field, const char* text) {
                                    : std::strncmp(text, value, length);
 }
 
+/// Bisects the view for the position of a text.
+i32 bisect(DbfBase* h, int field, const char* text, bool exact) {
+    const i64 count = reccount(h);
+    i64 low = 0;
+    i64 high = count;
+    i64 previous = -1;
+    i64 middle = count / 2;
+    while (middle != previous && middle >= 0 && middle < high) {
+        previous = middle;
+        const int difference = compareAt(h, static_cast<u32>(middle), field, text);
+        if (difference == 0) return static_cast<i32>(middle);
+        if (difference < 0) {
+            high = middle;
+            middle -= std::max<i64>(1, (middle - low) / 2);
+        } else {
+            low = middle;
+            middle += std::max<i64>(1, (high - middle) / 2);
+        }
+    }
+    return exact ? -1 : static_cast<i32>(middle);
+}
+
+bool liesInTextBuffer(const DbfBase* h, const char* text) {
+    const std::less<const char*> before;
+    return h->TextBuffer != nullptr && !before(text, h->TextBuffer) &&
+           before(text, h->TextBuffer + kTextBufferSize);
+}
+
 }  // namespace
 
 u32 GetFieldNum(DbfBase* h, const char* name) {
@@ -68,25 +97,14 @@ int get_fields(DbfBase* h, const char* text, u32* count, i32* slots) {
 }
 
 i32 SeekValue(DbfBase* h, int field, const char* text, char exact) {
-    const i64 count = reccount(h);
-    if (count == 1) return compareAt(h, 0, field, text) == 0 ? 0 : -1;
-    i64 low = 0;
-    i64 high = count;
-    i64 previous = -1;
-    i64 middle = count / 2;
-    while (middle != previous && middle >= 0 && middle < high) {
-        previous = middle;
-        const int difference = compareAt(h, static_cast<u32>(middle), field, text);
-        if (difference == 0) return static_cast<i32>(middle);
-        if (difference < 0) {
-            high = middle;
-            middle -= std::max<i64>(1, (middle - low) / 2);
-        } else {
-            low = middle;
-            middle += std::max<i64>(1, (high - middle) / 2);
-        }
+    Block<char> copy;
+    if (liesInTextBuffer(h, text)) {  // where the values of the records go
+        copy = copyText(text);
+        if (!copy) return -1;
+        text = copy.get();
     }
-    return exact != 0 ? -1 : static_cast<i32>(middle);
+    if (reccount(h) == 1) return compareAt(h, 0, field, text) == 0 ? 0 : -1;
+    return bisect(h, field, text, exact != 0);
 }
 
 }  // namespace mira

@@ -75,8 +75,27 @@ void invertNumber(char* text, std::size_t length) {
     }
 }
 
+/// The start of a negative number that is some characters wider than others of its field, so that
+/// it sorts below them: the wider, the lower.
+void putExcess(std::size_t excess, TextOut& key) {
+    constexpr std::size_t steps = 8;  // as many bytes as lie between 1 and an inverted blank
+    for (--excess; excess >= steps; excess -= steps) key.put('\x01');
+    key.put(static_cast<char>('9' - '0' - excess));
+}
+
+/// A negative number, whose text is in TextBuffer.
+void putNegative(DbfBase* h, int field, std::size_t length, TextOut& key) {
+    char* const text = h->TextBuffer;
+    const auto usual = static_cast<std::size_t>(GetLenView(h, field));
+    const bool wide = length > usual && text[0] == '-';
+    if (wide) putExcess(length - usual, key);
+    invertNumber(text, length);
+    key.put(text + (wide ? 1 : 0));  // a stray ":" has become the end
+}
+
 void putPart(DbfBase* h, int field, TextOut& key) {
-    if (GetStr(h, field) == nullptr) return;  // a calculated field without a value
+    // Nothing for a number below zero, or a calculated field without a value.
+    if (field < 0 || GetStr(h, field) == nullptr) return;
     char* const text = h->TextBuffer;
     std::size_t length = std::strlen(text);
     const std::size_t width = partWidth(h, field, length);
@@ -85,10 +104,10 @@ void putPart(DbfBase* h, int field, TextOut& key) {
         length = width;
     }
     if (std::memchr(text, '-', length) != nullptr && if_digit_type(h, field) != 0) {
-        invertNumber(text, width);
-        length = std::strlen(text);  // a stray ":" has become the end
+        putNegative(h, field, length, key);
+    } else {
+        key.put({text, length});
     }
-    key.put({text, length});
 }
 
 /// The position right-aligned in kPositionWidth characters, and a zero byte.
