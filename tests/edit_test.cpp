@@ -1,119 +1,140 @@
-// Structural edits, checked against a model of the table that lives in the test.
+// Creating and writing tables, in what is not the matter of the session in fuzz/: whole files,
+// hooks, backup copies, the names of memo files.
 #include "support.h"
 
+namespace test {
 namespace {
 
-using namespace mira;
-using namespace test;
-
-Layout numbered(unsigned count, unsigned width) {
-    Layout layout{0x03, {{"F", 'C', width % 256, width / 256}}, {}};
-    for (unsigned i = 0; i < count; ++i) {
-        layout.records.push_back(padded(" * "[i % 3] + std::to_string(i), width + 1, '.'));
-    }
-    return layout;
+/// The bytes of a new table: without the end-of-file byte.
+std::string created(const Layout& layout) {
+    std::string bytes = layout.bytes().replace(1, 3, today(true));
+    bytes.pop_back();
+    return bytes;
 }
 
-TEST(Edit, MovesRecordsOfEverySize) {
-    for (const unsigned length : {1u, 1000u, 60000u}) {
-        const TempDir dir;
-        Layout model = numbered(std::max(9u, 400000 / (length + 99)), length);
-        const Table h = openLayout(dir, model);
-        for (u32 step = 0; step < 20; ++step) {
-            const u32 at = step * 7 % reccount(h.get());
-            EXPECT_EQ(step % 2 == 0 ? Delete(h.get(), at) : Insert(h.get(), at, 0), 1);
-            if (step % 2 == 0) {
-                model.records.erase(model.records.begin() + at);
-            } else {
-                model.records.insert(model.records.begin() + at, recordOf(h.get()));
-            }
-            ASSERT_TRUE(readAll(h->FileName) == model.bytes().replace(1, 3, today())) << step;
-        }
-    }
-}
-
-TEST(Edit, FlagsAndRefusals) {
-    const TempDir dir;
-    Layout layout = numbered(9, 5);
-    const Table h = openLayout(dir, layout);
-    for (u32 i = 0; i < 9; ++i) {
-        EXPECT_EQ((i < 3 ? DeleteRecord : i < 6 ? RecallRecord : InverseRecord)(h.get(), i), 1);
-        layout.records[i][0] = "***   * *"[i];
-    }
-    h->Reverse = 1;
-    EXPECT_EQ(DeleteRecord(h.get(), 99) + RecallRecord(h.get(), 99), 2);
-    EXPECT_EQ(Delete(h.get(), 0) + Truncate(h.get(), 1) + Insert(h.get(), 9, 1), 0);
-    EXPECT_EQ(readAll(h->FileName), layout.bytes());
-}
-
-TEST(Edit, PackWritesTheSameGatheredOrOneByOne) {
-    const TempDir dir;
-    for (const unsigned length : {3u, 700u, 65000u}) {
-        for (const bool oneByOne : {false, true}) {
-            Layout model = numbered(length == 700 ? 1000 : 12, length);
-            const Table h = openLayout(dir, model);
-            if (oneByOne) h->BeforeWrite = [](DbfBase*) { return 0; };
-            h->BackupEnabled = h->Reverse = 1;
-            EXPECT_EQ(Pack(h.get(), 1), 1);
-            EXPECT_TRUE(readAll(h->BackupName) == model.bytes());
-            std::erase_if(model.records, [](const std::string& r) { return r[0] == '*'; });
-            EXPECT_TRUE(readAll(h->FileName) == model.bytes().replace(1, 3, today()));
-        }
+TEST(Create, WritesEveryFlavourWithEveryType) {
+    // Kind, version, type, length given, and what it becomes.
+    const std::string name = "A_NAME_OF_THIRTY_TWO_CHARACTERS!";
+    const Folder folder;
+    for (const auto& row : cases("create")) {
+        const u32 kind = static_cast<u32>(std::stoul(row[0]));
+        const auto number = [&](std::size_t i) { return static_cast<u32>(std::stoul(row[i])); };
+        const char type = row[2][0];
+        const Flavour flavour = kind == 7 ? kLevel7 : kPlain;
+        const Layout layout{static_cast<u8>(std::stoul(row[1], nullptr, 16)),
+                            {{name.substr(0, kind == 7 ? 31 : 10), 'C', 44, 1},
+                             {"F", type, number(4) % 256, number(4) / 256}},
+                            {},
+                            flavour,
+                            std::string(kind == 3 ? 263 : 0, '\0')};
+        std::string expected = created(layout);
+        // Offsets, which many programs leave zero.
+        expected.replace(kind == 7 ? 104 : 44, 1, "\1").replace(kind == 7 ? 152 : 76, 2, "\x2D\1");
+        if (layout.version == 0x30) expected.replace(28, 2, "\3\3");
+        DbfField fields[2] = {};
+        CreateField(&fields[0], name.c_str(), 'C', 300);
+        CreateField(&fields[1], "F", type, static_cast<int>(number(3)));
+        ASSERT_EQ(CreateDatabase(folder.file("t").c_str(), fields, 2, kind, 64, 1), 1);
+        EXPECT_EQ(readAll(folder.file("t")), expected) << kind << ", " << row[2] << row[3];
+        EXPECT_EQ(fields[1].Offset, 301);
     }
 }
 
-/// Five records of two memo fields; the second is deleted, the last has no memos. Those of record
-/// i are of one character and of 30000 * i more, the second stored twice.
-Table withMemos(const TempDir& dir, u8 version, u32 kind) {
-    const unsigned length = kind == 3 ? 4 : 10;
-    Layout layout{version, {{"A", 'M', length}, {"B", 'G', length}}, {}};
-    layout.records.resize(5, padded("", 1 + 2 * length, kind < 3 ? ' ' : '\0'));
-    layout.records[1][0] = '*';
-    Table h = openLayout(dir, layout);
-    CreateMemoFile(h->FileName, kind, 64);
-    for (u32 i = 0; i < 4; ++i) {
-        ReadRecord(h.get(), i);
-        const char letter = static_cast<char>('a' + i);
-        for (const u32 field : {0u, 1u, 1u})
-            SetMemo(h.get(), field, std::string(30000 * i * field + 1, letter).c_str());
-        WriteRecord(h.get(), i);
+TEST(Create, RefusesWithoutTouchingTheFile) {
+    const Folder folder;
+    writeAll(folder.file("t"), "kept");
+    std::vector<DbfField> fields(2046);
+    for (const int count : {-1, 2046, 2}) {  // a header of 65768 bytes, a record of 80001
+        if (count == 2) fields[0] = fields[1] = {"F", 'C', 64, 156, 0, 0};
+        EXPECT_EQ(CreateDatabase(folder.file("t").c_str(), fields.data(), count, 3, 0, 0), 0);
+        EXPECT_EQ(readAll(folder.file("t")), "kept") << count;
+        EXPECT_EQ(fields[1].Offset, 0) << count;
     }
-    return h;
 }
 
-/// The first character of every memo, and its length, of which one format reads only 65535.
-std::string memosOf(DbfBase* h) {
-    std::string all;
-    for (u32 i = 0; i < 2 * reccount(h); ++i) {
-        ReadRecord(h, i / 2);
-        const std::string memo = memoOf(h, i % 2).value_or("").substr(0, 65535);
-        all += memo.substr(0, 1) + std::to_string(memo.size()) + (i % 2 == 0 ? ' ' : ',');
-    }
-    return all;
+TEST(Create, CopiesTheBackLink) {
+    const Folder folder;
+    const std::string link = padded("base.dbc", 263, 7), none(263, 0);
+    const Layout from{0x30, {{"F", 'C', 5}}, {}, kPlain, link}, plain{0x30, {{"F", 'C', 5}}};
+    Layout to{0x30, {{"F", 'C', 5}, {"G", 'L', 1}}, {}, kPlain, none};
+    const Table source = openLayout(folder, from, "from"), target = openLayout(folder, to, "to"),
+                without = openLayout(folder, plain, "plain");
+    WriteBackLink(target.get(), source.get());
+    WriteBackLink(source.get(), without.get());
+    WriteBackLink(without.get(), source.get());
+    to.backLink = link;
+    EXPECT_EQ(readAll(folder.file("to")), to.bytes());
+    EXPECT_EQ(readAll(folder.file("from")), from.bytes());
+    EXPECT_EQ(readAll(folder.file("plain")), plain.bytes());
 }
 
-TEST(Edit, PackRebuildsTheMemoFile) {
-    const TempDir dir;
-    const std::pair<u8, u32> formats[] = {{0x83, 0}, {0x8B, 2}, {0x30, 3}, {0xE5, 4}, {0xF5, 1}};
-    for (const auto& [version, kind] : formats) {
-        for (const u32 mode : {0u, 2u, 1u}) {
-            const Table h = withMemos(dir, version, kind);
-            if (kind == 1) std::filesystem::rename(h->MemoFileName, dir.file("T.FPT"));
-            GetMemoType(h.get());  // finds that, too
-            const std::string name = h->MemoFileName, before = readAll(name);
-            const std::string oldName = std::string(name).replace(name.size() - 3, 1, "~");
-            writeAll(oldName, "older");
-            EXPECT_EQ(Pack(h.get(), mode), 1) << kind;
-            EXPECT_EQ(memosOf(h.get()), mode == 2 ? "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,"
-                                                  : "a1 a1,c1 c60001,d1 d65535,0 0,");
-            const std::string after = readAll(h->MemoFileName);
-            EXPECT_EQ(after.size() < before.size() - 180000, mode != 1) << "nothing unused";
-            EXPECT_NE(after.find(std::string(90001, 'd')), std::string::npos);
-            std::filesystem::remove(h->MemoFileName);
-            EXPECT_EQ(Pack(h.get(), 2), 1);
-            EXPECT_TRUE(readAll(oldName) == (mode == 1 ? "older" : before)) << "stays";
-        }
+/// More than two of the chunks in which files are copied and records moved.
+const Layout kMany{0x03,
+                   {{"NAME", 'C', 44, 1}, {"NUM", 'I', 4}},
+                   std::vector<std::string>(1000, padded(" one", 305))};
+
+TEST(Write, EachPieceGoesToItsPlaceAfterItsHook) {
+    static std::string log;
+    const Folder folder;
+    Layout layout = kMany;
+    const Table h = openLayout(folder, layout);
+    h->BeforeWrite = [](DbfBase* base) {
+        log += base->Modified != 0 ? "late" : "record";
+        base->RecordBuffer[2] = 'H';
+        return SeekRecord(base, 2);  // where a hook leaves the file does not matter
+    };
+    h->BeforeWriteByte = [](DbfBase*) { return log += "byte", 0; };
+    h->DeleteFlag = '?';
+    const std::string rest = padded("", 298, 'n') + "\1\2\3\4";
+    setRecord(h.get(), "!nx" + rest);
+    const std::tuple<int (*)(DbfBase*, u32), std::string, std::string> writes[] = {
+        {WriteByte, "byte", "?" + layout.records[1].substr(1)},
+        {[](DbfBase* b, u32 position) { return WriteField(b, position, 0); }, "",
+         "?nx" + rest.substr(0, 298) + "    "},
+        {InternalWriteRecord, "record", "!nH" + rest},
+        {WriteRecord, "record", "!nH" + rest}};
+    for (const auto& [write, called, written] : writes) {
+        EXPECT_EQ(write(h.get(), 0x7FFFFFFF), 0) << "out of reach";
+        EXPECT_EQ(write(h.get(), 1), 1);
+        EXPECT_EQ(std::exchange(log, ""), called);
+        EXPECT_EQ(std::exchange(h->Modified, 0), 1u);
+        layout.records[1] = written;
+        EXPECT_TRUE(readAll(h->FileName) == layout.bytes());
     }
+    for (const int none : {2, -1}) EXPECT_EQ(WriteField(h.get(), 0, none), 0);
+}
+
+TEST(Write, BackupIsMadeOnceAndWhole) {
+    const Folder folder;
+    const std::string bytes = kMany.bytes();
+    const Table h = openLayout(folder, kMany), own = openLayout(folder, kMany, "own.bak");
+    writeAll(h->BackupName, "older");
+    const std::tuple<i32, rlim_t, std::string> copies[] = {
+        {0, 400000, "older"}, {1, 40000, ""}, {1, 400000, bytes}};
+    for (const auto& [enabled, room, copy] : copies) {
+        overwrite(h->FileName, bytes);
+        const FileSizeLimit limit(room);
+        h->BackupEnabled = enabled;
+        setRecord(h.get(), " other");
+        for (u32 i = 0; i < 2; ++i) EXPECT_EQ(WriteRecord(h.get(), i), 1);
+        EXPECT_TRUE(readAll(h->BackupName) == copy) << room;
+        EXPECT_EQ(h->BackupDone, copy == bytes);
+    }
+    EXPECT_EQ(MakeBakFile(own.get(), 1), 0) << "is its own backup";
+    EXPECT_TRUE(readAll(own->FileName) == bytes);
+}
+
+TEST(Write, HeaderHasTheDateAndTheLastByte) {
+    const Folder folder;
+    const Table h = openBytes(folder, kMany.bytes().substr(0, 97 + 3 * 305));
+    EXPECT_EQ(WriteHeader(h.get()), 1);
+    Layout three = kMany;
+    three.records.resize(3);
+    EXPECT_TRUE(readAll(h->FileName) == three.bytes().replace(1, 3, today()));
+    const std::unique_ptr<std::FILE, decltype(&std::fclose)> full(Open_File("/dev/full"),
+                                                                  std::fclose);
+    EXPECT_EQ(WriteFile(full.get(), "x", 1), 0u);
 }
 
 }  // namespace
+}  // namespace test
