@@ -112,32 +112,22 @@ TEST(Memo, KindSelectsNameAndFormat) {
     }
 }
 
-/// A beginning of a file with "@" and a number where zeros fill it up to a place.
-std::string filled(const std::string& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '@') {
-            out += text[i];
-            continue;
-        }
-        std::size_t digits = 0;
-        out.resize(std::stoul(text.substr(i + 1), &digits), '\0');
-        i += digits;
-    }
-    return out;
-}
-
 TEST(Memo, FilesOfOthers) {
     const Folder folder;
     for (const auto& row : cases("memo")) {
-        SCOPED_TRACE(row[0] + " " + row[2]);
+        SCOPED_TRACE(row[0] + " " + row[row.size() - 2]);
         const Table h = openTable(folder, static_cast<u32>(std::stoul(row[0], nullptr, 16)));
-        const std::string file = filled(row[1]) + row[2];
+        std::string file;  // pieces, each with the place up to which zeros fill the file before it
+        for (std::size_t i = 1; i + 2 < row.size(); i += 2) {
+            file.resize(std::stoul(row[i]));
+            file += row[i + 1];
+        }
+
         writeAll(h->MemoFileName, file);
         EXPECT_EQ(ReadRecord(h.get(), 0), 1);
-        EXPECT_EQ(memoOf(h.get()).value_or("(null)"), row[3]);
-        EXPECT_EQ(memo(current(h.get()), 0, file).value_or("(null)"), row[3]);
-        EXPECT_EQ(take(GetMemo(h.get(), 0)), cString(row[3]));
+        EXPECT_EQ(memoOf(h.get()).value_or("(null)"), row.back());
+        EXPECT_EQ(memo(current(h.get()), 0, file).value_or("(null)"), row.back());
+        EXPECT_EQ(take(GetMemo(h.get(), 0)), cString(row.back()));
         EXPECT_EQ(SetMemo(h.get(), 0, "text"), 0) << "counter or unit is 0";
         EXPECT_EQ(readAll(h->MemoFileName), file);
         EXPECT_EQ(recordOf(h.get()), padded("", 10) + '1');
