@@ -71,6 +71,7 @@ using Records = std::vector<u32>;
 
 void checkFilter(const Open& open, DbfBase* h, const std::string& text) {
     Records expected;
+    const bool refused = isRefused(h, text);
     const auto work = std::make_unique<FilterWork>();
     for (u32 i = 0; i < kRows.size(); ++i) {
         const u32 record = h->Reverse != 0 ? static_cast<u32>(kRows.size()) - 1 - i : i;
@@ -78,11 +79,11 @@ void checkFilter(const Open& open, DbfBase* h, const std::string& text) {
         if (wanted) expected.push_back(record);
         CHECK(ReadRecord(h, i) == 1);
         h->FilterState = work.get();
-        CHECK_EQUAL(ValidRecord(h, text.c_str()), wanted && !isRefused(h, text));
+        CHECK_EQUAL(ValidRecord(h, text.c_str()), wanted && !refused);
         h->FilterState = nullptr;
     }
-    CHECK_EQUAL(set_filter(h, text.c_str(), nullptr) != h, isRefused(h, text));
-    if (isRefused(h, text)) return CHECK(h->FilterIndex == nullptr && h->FilterText == nullptr);
+    CHECK_EQUAL(set_filter(h, text.c_str(), nullptr) != h, refused);
+    if (refused) return CHECK(h->FilterIndex == nullptr && h->FilterText == nullptr);
     CHECK(Records(h->FilterIndex, h->FilterIndex + h->FilterCount) == expected);
     CHECK(h->FilterText == text && h->FilterState == nullptr);
     ClearAllFilter(h);
