@@ -56,7 +56,6 @@ public:
         layout.records = {expected_};
         h_ = openLayout(folder, layout);
         CHECK(h_ != nullptr && h_->Level7 == (flavour != kPlain));
-        CHECK_EQUAL(h_->ForeignLevel7, flavour == kForeignLevel7 ? 1u : 0u);
         CHECK(ReadRecord(h_.get(), 0) == 1);
     }
 

@@ -1,78 +1,39 @@
 // Calculated fields: named expressions over the fields of the current record.
 //
-//   expression  { quoted | word | byte }
-//   quoted      '"' { byte } '"' | "'" { byte } "'"    taken as it stands, without its quotes
-//   word        [ name ] { letter | digit | "_" | byte above 127 }
+// What comes out of an expression is arithmetic when a numeric field was among its fields, else a
+// text with string functions in it.
 //
-// A name, at most 10 characters at the beginning of a word, gives way to the value of the table
-// field it names. What comes out is arithmetic when a numeric field was among them, else a text
-// with string functions in it.
-#include "calcfld.h"
-
+// Expressions are prepared once and kept for their slots in the private state of the handle. The
+// application may rewrite slots itself: what is kept counts as long as the slot has the same text,
+// byte for byte, and the fields in it are described as before.
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
-#include "dbf/value/value.h"
+#include "expression.h"
 #include "internal/ascii.h"
 #include "internal/decimal.h"
 #include "internal/file.h"
-#include "internal/restore.h"
 
 namespace mira {
 
 namespace {
 
-constexpr std::size_t kNameLength = 10;
-constexpr std::size_t kParseLength = 79;  // characters that parse takes
+constexpr std::size_t kExpansionSize = 32768;  // an expression with its values, and a zero byte
 constexpr int kNoSlot = -1;
-constexpr int kSlots = 2048;
-constexpr unsigned kValueWidth = 20;
 constexpr unsigned kValueDecimals = 6;
 
 constexpr std::string_view chrdigit = "+-*/() ";
-constexpr std::string_view quotes = "\"'";
-constexpr std::string_view kOperators = "><=~^+-/*()";
-constexpr std::string_view kDigits = "0123456789";
-
-bool contains(std::string_view set, char c) { return set.find(c) != std::string_view::npos; }
-
-bool isWordByte(char c) {
-    const u8 lower = lowerAscii(c);
-    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9') || c == '_' || lower >= 0x80;
-}
-
-bool isNamed(const DbfField& f, std::string_view name) {
-    return compareIgnoringCase(f.Name, name.data(), name.size()) == 0 && f.Name[name.size()] == 0;
-}
-
-/// The name that may stand at the beginning of a word.
-std::string_view candidate(std::string_view text) {
-    const std::string_view name = text.substr(0, kNameLength);
-    const auto end = std::find_if_not(name.begin(), name.end(), isWordByte);
-    return name.substr(0, static_cast<std::size_t>(end - name.begin()));
-}
-
-/// The first table field of a name, -1 when there is none.
-int tableFieldNamed(const DbfBase* h, std::string_view name) {
-    for (int field = 0; field < h->FieldCount; ++field) {
-        if (isNamed(h->Fields[field], name)) return field;
-    }
-    return -1;
-}
-
-void convertToOem(DbfBase* h, char* text, u32 length) {
-    if (h->CharToOemCallback != nullptr) {
-        h->CharToOemCallback(text, text, length);
-    } else {
-        CharToOemBuff(text, text, length);
-    }
-}
 
 /// The slot of a number when it holds a field, else null.
 CalcFieldSlot* filledSlot(const DbfBase* h, int slot) {
-    if (h->CalcFields == nullptr || slot < 0 || slot >= kSlots) return nullptr;
+    if (h->CalcFields == nullptr || slot < 0 || slot >= static_cast<int>(kFieldMax)) return nullptr;
     CalcFieldSlot* const found = &h->CalcFields->Slots[slot];
     return found->Name != nullptr ? found : nullptr;
 }
@@ -83,95 +44,125 @@ void clearSlot(CalcFieldSlot& slot) {
     slot = {};
 }
 
-/// Expands the expression of a slot; false when there is none or it does not fit the buffer.
-bool expandSlot(DbfBase* h, int slot, char* buffer, int* numeric) {
-    const CalcFieldSlot* const filled = filledSlot(h, slot);
-    if (filled == nullptr) return false;
-    TextOut out(buffer, kExpansionSize);
-    expandExpression(h, filled->Expression, out, numeric);
-    return !out.cut();
-}
+// --------------------------------------------------------------------------------------------
+// Prepared slots
+// --------------------------------------------------------------------------------------------
 
-/// Squeezes every run of blanks to one blank, which means the same between tokens.
-void squeezeBlanks(char* text) {
-    char* to = text;
-    for (const char* from = text; *from != 0; ++from) {
-        if (*from != ' ' || to == text || to[-1] != ' ') *to++ = *from;
-    }
-    *to = 0;
-}
+struct PreparedSlot {
+    std::string text;
+    int fieldCount;
+    std::vector<DbfField> fields;  // of the parts, as they were described
+    Expression expression;
+    Arithmetic arithmetic;  // of a numeric expression
+    bool digit;             // what if_digit_calci says
+};
+using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kFieldMax>;
 
-/// The text of a table field; dates as digits that begin with the year.
-std::string_view valueText(DbfBase* h, int field) {
-    const char type = h->Fields[field].Type;
-    const bool dated = type == 'D' || type == 'T' || type == '@';
-    const Restore format(h->DateFormat, dated ? kDigitsFormat : h->DateFormat);
-    return renderField(h, field);
-}
-
-}  // namespace
-
-bool readItem(ExpressionReader& r, ExpressionItem* item) {
-    while (!r.rest.empty()) {
-        const char c = r.rest.front();
-        const bool outside = r.quote == 0;
-        if (outside ? contains(quotes, c) : c == r.quote) {
-            r.quote = outside ? c : '\0';
-            r.rest.remove_prefix(1);
-            continue;
+/// Whether a numeric field is named in a text between the characters of chrdigit.
+bool namesNumber(const DbfBase* h, std::string_view text) {
+    while (!text.empty()) {
+        const std::string_view piece = text.substr(0, text.find_first_of(chrdigit));
+        int field = piece.empty() ? -1 : fieldNamed(h, piece);
+        for (; field >= 0; field = fieldNamed(h, piece, field + 1)) {
+            if (isNumeric(h->Fields[field])) return true;
         }
-        if (outside && isWordByte(c) && !r.inWord) {
-            r.inWord = true;
-            const std::string_view name = candidate(r.rest);
-            const int field = tableFieldNamed(r.base, name);
-            if (field >= 0) {
-                r.rest.remove_prefix(name.size());
-                *item = {ExpressionItem::Field, 0, field};
-                return true;
-            }
-        }
-        if (outside && !isWordByte(c)) r.inWord = false;
-        r.rest.remove_prefix(1);
-        const bool isOperator = outside && contains(kOperators, c);
-        *item = {isOperator ? ExpressionItem::Operator : ExpressionItem::Byte, c, -1};
-        return true;
+        text.remove_prefix(std::min(piece.size() + 1, text.size()));
     }
     return false;
 }
 
-void putFieldValue(DbfBase* h, int field, TextOut& out) {
-    const std::size_t start = out.length();
-    const std::string_view value = valueText(h, field);
-    out.put(value);
-    if (isNumeric(h->Fields[field])) {
-        if (value.find_first_of(kDigits) == std::string_view::npos) out.put('0');
-    } else if (h->OemConvert != 0) {
-        convertToOem(h, out.data() + start, static_cast<u32>(out.length() - start));
+PreparedSlot prepareSlot(DbfBase* h, const char* text) {
+    PreparedSlot p{text, h->FieldCount, {}, readExpression(h, text), {}, namesNumber(h, text)};
+    for (const ExpressionPart& part : p.expression.parts) {
+        if (part.field >= 0) p.fields.push_back(h->Fields[part.field]);
+    }
+    if (p.expression.numeric) p.arithmetic = prepareArithmetic(h, p.expression.parts, false);
+    return p;
+}
+
+bool isSameField(const DbfField& a, const DbfField& b) {
+    return a.Type == b.Type && a.Length == b.Length && a.Decimals == b.Decimals &&
+           std::memcmp(a.Name, b.Name, sizeof a.Name) == 0;
+}
+
+bool isCurrent(const DbfBase* h, const PreparedSlot& p, const char* text) {
+    if (p.fieldCount != h->FieldCount || p.text != text) return false;
+    const DbfField* described = p.fields.data();
+    for (const ExpressionPart& part : p.expression.parts) {
+        if (part.field >= 0 && !isSameField(*described++, h->Fields[part.field])) return false;
+    }
+    return true;
+}
+
+/// What is kept for a handle; null when there is nothing.
+PreparedSlots* keptSlots(const DbfBase* h) {
+    if (h->Private == nullptr) return nullptr;
+    return static_cast<PreparedSlots*>(h->Private->expressions.get());
+}
+
+/// The prepared expression of a slot; null when it is empty or there is no memory. Where nothing
+/// can be kept, it is the caller's own.
+const PreparedSlot* prepared(DbfBase* h, int slot, std::optional<PreparedSlot>& own) {
+    const CalcFieldSlot* const filled = filledSlot(h, slot);
+    if (filled == nullptr) return nullptr;
+    try {
+        if (h->Private == nullptr) return &own.emplace(prepareSlot(h, filled->Expression));
+        if (keptSlots(h) == nullptr) {
+            const auto release = [](void* owned) { delete static_cast<PreparedSlots*>(owned); };
+            h->Private->expressions = {new PreparedSlots, release};
+        }
+        std::unique_ptr<PreparedSlot>& kept = (*keptSlots(h))[static_cast<std::size_t>(slot)];
+        if (kept == nullptr || !isCurrent(h, *kept, filled->Expression)) {
+            kept = std::make_unique<PreparedSlot>(prepareSlot(h, filled->Expression));
+        }
+        return kept.get();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
     }
 }
 
-int expandExpression(DbfBase* h, std::string_view expression, TextOut& out, int* numeric) {
-    int position = -1;
-    *numeric = 0;
-    ExpressionReader reader{h, expression};
-    for (ExpressionItem item{}; readItem(reader, &item);) {
-        if (item.kind == ExpressionItem::Field) {
-            putFieldValue(h, item.field, out);
-            *numeric |= isNumeric(h->Fields[item.field]) ? 1 : 0;
-            continue;
-        }
-        if (item.kind == ExpressionItem::Operator && position < 0) {
-            position = static_cast<int>(out.length());
-        }
-        out.put(item.byte);
-    }
-    return position;
+// --------------------------------------------------------------------------------------------
+// Values
+// --------------------------------------------------------------------------------------------
+
+/// Writes the values of the record into an expression. False when they do not fit the buffer.
+bool expand(DbfBase* h, const PreparedSlot& p, char* buffer) {
+    TextOut out(buffer, kExpansionSize);
+    writeParts(h, p.expression.parts, out);
+    return !out.cut();
 }
 
-double parseSqueezed(char* text, int* status) {
-    if (std::strlen(text) > kParseLength) squeezeBlanks(text);
-    return parse(text, status);
+bool writtenValue(DbfBase* h, const PreparedSlot& p, double* value) {
+    char buffer[kExpansionSize];
+    int status = 1;
+    if (!expand(h, p, buffer)) return false;
+    *value = parseSqueezed(buffer, &status);
+    return status != 0;
 }
+
+/// False when the arithmetic fails.
+bool valueOf(DbfBase* h, const PreparedSlot& p, double* value) {
+    const Outcome outcome = outcomeOf(h, p.arithmetic, value);
+    return outcome == Outcome::Unknown ? writtenValue(h, p, value) : outcome == Outcome::Value;
+}
+
+const char* numberText(DbfBase* h, const PreparedSlot& p) {
+    double value = 0;
+    if (!valueOf(h, p, &value)) return nullptr;
+    printFixed(h->TextBuffer, value, kCalculatedWidth, kValueDecimals);
+    return h->TextBuffer;
+}
+
+const char* textOf(DbfBase* h, const PreparedSlot& p) {
+    char buffer[kExpansionSize];
+    if (!expand(h, p, buffer)) return nullptr;
+    CheckBrackets(h, buffer);
+    StrEval(buffer, h);
+    std::memcpy(h->TextBuffer, buffer, std::strlen(buffer) + 1);
+    return h->TextBuffer;
+}
+
+}  // namespace
 
 int GetMemCalcField(DbfBase* h) {
     if (h == nullptr) return 0;
@@ -185,13 +176,14 @@ int GetMemCalcField(DbfBase* h) {
 void FreeMemCalcField(DbfBase* h) {
     if (h == nullptr || h->CalcFields == nullptr) return;
     for (CalcFieldSlot& slot : h->CalcFields->Slots) clearSlot(slot);
+    if (h->Private != nullptr) h->Private->expressions.reset();
     std::free(h->CalcFields);
     h->CalcFields = nullptr;
 }
 
 int AddCalcField(DbfBase* h, const char* name, const char* expression) {
     if (h->CalcFields == nullptr || name == nullptr || expression == nullptr) return 0;
-    for (int i = h->FieldCount; i < kSlots; ++i) {
+    for (int i = h->FieldCount; i < static_cast<int>(kFieldMax); ++i) {
         CalcFieldSlot& slot = h->CalcFields->Slots[i];
         if (slot.Name != nullptr) continue;
         Block<char> nameCopy = copyText(name);
@@ -210,12 +202,13 @@ void DelCalcFieldI(DbfBase* h, int slot) {
     CalcFieldSlot* const filled = filledSlot(h, slot);
     if (filled == nullptr || h->CalcFields->Count == 0) return;
     clearSlot(*filled);
+    if (PreparedSlots* const kept = keptSlots(h)) (*kept)[static_cast<std::size_t>(slot)].reset();
     --h->CalcFields->Count;
 }
 
 int GetCalcI(DbfBase* h, const char* name) {
     if (name == nullptr) return kNoSlot;
-    for (int i = h->FieldCount; i < kSlots; ++i) {
+    for (int i = h->FieldCount; i < static_cast<int>(kFieldMax); ++i) {
         const CalcFieldSlot* const filled = filledSlot(h, i);
         if (filled != nullptr && sameIgnoringCase(filled->Name, name)) return i;
     }
@@ -225,17 +218,9 @@ int GetCalcI(DbfBase* h, const char* name) {
 char if_digit_calc(DbfBase* h, const char* name) { return if_digit_calci(h, GetCalcI(h, name)); }
 
 char if_digit_calci(DbfBase* h, int slot) {
-    const CalcFieldSlot* const filled = filledSlot(h, slot);
-    if (filled == nullptr) return 0;
-    std::string_view rest = filled->Expression;
-    while (!rest.empty()) {
-        const std::string_view piece = rest.substr(0, rest.find_first_of(chrdigit));
-        for (int field = 0; field < h->FieldCount && !piece.empty(); ++field) {
-            if (isNamed(h->Fields[field], piece) && isNumeric(h->Fields[field])) return 1;
-        }
-        rest.remove_prefix(std::min(piece.size() + 1, rest.size()));
-    }
-    return 0;
+    std::optional<PreparedSlot> own;
+    const PreparedSlot* const p = prepared(h, slot, own);
+    return p != nullptr && p->digit ? 1 : 0;
 }
 
 const char* GetCalcString(DbfBase* h, const char* name) {
@@ -243,33 +228,36 @@ const char* GetCalcString(DbfBase* h, const char* name) {
 }
 
 const char* GetCalcStringI(DbfBase* h, int slot) {
-    char buffer[kExpansionSize];
-    int numeric = 0;
-    if (!expandSlot(h, slot, buffer, &numeric)) return nullptr;
-    if (numeric != 0) {
-        const double value = parseSqueezed(buffer, &numeric);
-        if (numeric == 0) return nullptr;
-        printFixed(h->TextBuffer, value, kValueWidth, kValueDecimals);
-        return h->TextBuffer;
-    }
-    CheckBrackets(h, buffer);
-    StrEval(buffer, h);
-    std::memcpy(h->TextBuffer, buffer, std::strlen(buffer) + 1);
-    return h->TextBuffer;
+    std::optional<PreparedSlot> own;
+    const PreparedSlot* const p = prepared(h, slot, own);
+    if (p == nullptr) return nullptr;
+    return p->expression.numeric ? numberText(h, *p) : textOf(h, *p);
 }
 
 double GetCalcValue(DbfBase* h, const char* name) { return GetCalcValueI(h, GetCalcI(h, name)); }
 
 double GetCalcValueI(DbfBase* h, int slot) {
-    char buffer[kExpansionSize];
-    int numeric = 0;
-    if (!expandSlot(h, slot, buffer, &numeric) || numeric == 0) return 0.0;
-    return parseSqueezed(buffer, &numeric);  // 0.0 when it fails
+    std::optional<PreparedSlot> own;
+    const PreparedSlot* const p = prepared(h, slot, own);
+    double value = 0;
+    return p != nullptr && p->expression.numeric && valueOf(h, *p, &value) ? value : 0.0;
 }
 
 int makecalcstring(DbfBase* h, const char* expression, char* output, int* numeric) {
+    *numeric = 0;
     TextOut out(output, kExpansionSize);
-    return expandExpression(h, expression, out, numeric);
+    try {
+        const Expression e = readExpression(h, expression);
+        const ExpressionParts parts = e.parts;
+        *numeric = e.numeric ? 1 : 0;
+        const auto split = static_cast<std::size_t>(std::max(e.operatorPart, 0));
+        writeParts(h, parts.first(split), out);
+        const int position = e.operatorPart < 0 ? -1 : static_cast<int>(out.length());
+        writeParts(h, parts.subspan(split), out);
+        return position;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
 }
 
 void CheckBrackets(DbfBase* h, char* text) {

@@ -31,6 +31,7 @@ using i32 = std::int32_t;   ///< signed 32-bit integer
 using i64 = std::int64_t;   ///< signed 64-bit integer
 
 struct DbfBase;
+struct PrivateState;
 
 /// Called around reading or writing a record or its deletion flag; the result is ignored.
 using RecordHook = int (*)(DbfBase*);
@@ -155,14 +156,8 @@ struct DbfBase {
     RecordHook AfterReadByte;    ///< after ReadByte has read
     RecordHook BeforeWriteByte;  ///< before a deletion flag is written
 
-    // Bookkeeping of the library.
-    u32 ForeignLevel7;   ///< level-7 table of another maker: other descriptors, signed integers
-    u32 SortOrderCount;  ///< entries in SortOrder; 0 for as many as reccount()
-    u64 LastReadEnd;     ///< file offset behind the last bytes read; the next read may continue it
-    u64 AheadOffset;     ///< file offset of AheadBuffer[0]
-    u32 AheadLength;     ///< valid bytes in AheadBuffer
-    u32 AheadVersion;    ///< writes that the process had made when AheadBuffer was filled
-    u8 AheadBuffer[32768];  ///< table bytes read ahead of a sequential reader
+    PrivateState*
+        Private;  ///< what the library keeps besides; owned; null in a caller's own record
 };
 
 // --------------------------------------------------------------------------------------------

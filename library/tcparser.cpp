@@ -19,12 +19,17 @@
 // "+" "-" "*" "/" group from the left, "^" from the right; the unary minus binds tighter than "^",
 // stands before an atom only and cannot be repeated. All state lies in a Parser record on the
 // stack, so that any number of threads may parse at once.
+//
+// With a program to fill the parser also notes what it does with numbers. A negative number in the
+// place of an open one is a unary minus and an atom: it reduces to the same side, "signed", with
+// one more entry on the stack, unless a minus stands before it already.
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
 
-#include "mira.h"
+#include "arithmetic.h"
 
 namespace mira {
 namespace {
@@ -50,18 +55,19 @@ enum Side : u8 { kExpression, kTerm, kPowerOf, kSigned, kOperand, kAtom, kSides 
 
 constexpr int kLineSize = 80;
 constexpr int kStackSize = 30;
+constexpr u8 kAfterMinus = 5;
 constexpr u8 kErrorState = 30;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 struct Function {
     const char* name;
-    double (*apply)(double);
+    NumberFunction apply;
 };
 
 struct Entry {
     u8 state;
-    double value;              // of a number or a recognised symbol
-    const Function* function;  // of a function token
+    double value;             // of a number or a recognised symbol
+    NumberFunction function;  // of a function token
 };
 
 struct Parser {
@@ -71,6 +77,9 @@ struct Parser {
     int tokentype = kEnd;
     const char* input = nullptr;
     bool error = false;
+    Program* program = nullptr;  // to be filled
+    bool open = false;           // curtoken is an open number
+    int deepest = 0;             // stacktop at its highest
 };
 
 // The action and goto tables, a row per state.
@@ -158,33 +167,61 @@ constexpr Function kFunctions[] = {
 
 struct Rule {
     Side left;
-    int length;                           // symbols on the right side
-    double (*value)(const Entry* right);  // from those symbols, in the order written
+    u8 length;  // symbols on the right side
+    Operation operation;
+    u8 operand;  // which of them is the operand, the right one of two; the left one is the first
 };
-
-constexpr double unchanged(const Entry* s) { return s[0].value; }
 
 constexpr Rule kRules[] = {
     {},
-    {kExpression, 3, [](const Entry* s) { return s[0].value + s[2].value; }},
-    {kExpression, 3, [](const Entry* s) { return s[0].value - s[2].value; }},
-    {kExpression, 1, unchanged},
-    {kTerm, 3, [](const Entry* s) { return s[0].value * s[2].value; }},
-    {kTerm, 3,
-     [](const Entry* s) { return s[2].value == 0 ? kInfinity : s[0].value / s[2].value; }},
-    {kTerm, 1, unchanged},
-    {kPowerOf, 3, [](const Entry* s) { return std::pow(s[0].value, s[2].value); }},
-    {kPowerOf, 1, unchanged},
-    {kSigned, 2, [](const Entry* s) { return -s[1].value; }},
-    {kSigned, 1, unchanged},
+    {kExpression, 3, Operation::Add, 2},
+    {kExpression, 3, Operation::Subtract, 2},
+    {kExpression, 1, Operation::None, 0},
+    {kTerm, 3, Operation::Multiply, 2},
+    {kTerm, 3, Operation::Divide, 2},
+    {kTerm, 1, Operation::None, 0},
+    {kPowerOf, 3, Operation::Raise, 2},
+    {kPowerOf, 1, Operation::None, 0},
+    {kSigned, 2, Operation::Negate, 1},
+    {kSigned, 1, Operation::None, 0},
     {},
-    {kOperand, 1, unchanged},
+    {kOperand, 1, Operation::None, 0},
     {},
-    {kAtom, 3, [](const Entry* s) { return s[1].value; }},
-    {kAtom, 1, unchanged},
-    {kAtom, 4, [](const Entry* s) { return s[0].function->apply(s[2].value); }},
+    {kAtom, 3, Operation::None, 1},
+    {kAtom, 1, Operation::None, 0},
+    {kAtom, 4, Operation::Apply, 2},
 };
-constexpr int kDivisionRule = 5;
+
+/// All arithmetic there is. left counts for operations with two operands only.
+inline double compute(Operation operation, double left, double operand, NumberFunction function) {
+    switch (operation) {
+        case Operation::Add:
+            return left + operand;
+        case Operation::Subtract:
+            return left - operand;
+        case Operation::Multiply:
+            return left * operand;
+        case Operation::Divide:
+            return operand == 0 ? kInfinity : left / operand;
+        case Operation::Raise:
+            return std::pow(left, operand);
+        case Operation::Negate:
+            return -operand;
+        case Operation::Apply:
+            return function(operand);
+        default:
+            return operand;
+    }
+}
+
+/// A division by zero, and one whose result is too large.
+bool fails(Operation operation, double value) {
+    return operation == Operation::Divide && value == kInfinity;
+}
+
+bool hasTwoOperands(Operation operation) {
+    return operation >= Operation::Add && operation <= Operation::Raise;
+}
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -199,7 +236,7 @@ char* strupr(char* text) {
 bool isfunc(Parser& p, const Function& function) {
     const std::size_t length = std::strlen(function.name);
     if (std::strncmp(p.input, function.name, length) != 0) return false;
-    p.curtoken.function = &function;
+    p.curtoken.function = function.apply;
     p.input += length;
     return true;
 }
@@ -235,7 +272,12 @@ int numberToken(Parser& p) {
 int nexttoken(Parser& p) {
     while (*p.input == ' ') ++p.input;
     const char c = *p.input;
+    p.open = c == kOpenNumber && p.program != nullptr;
     if (c == 0) return kEnd;
+    if (p.open) {
+        ++p.input;
+        return kNumber;
+    }
     if (isDigit(c) || c == '.') return numberToken(p);
     if (c >= 'A' && c <= 'Z') {
         for (const Function& function : kFunctions) {
@@ -256,12 +298,24 @@ void push(Parser& p, const Entry& entry) {
         return;
     }
     p.stack[++p.stacktop] = entry;
+    p.deepest = std::max(p.deepest, p.stacktop);
 }
 
 /// The tables never pop below the start entry.
 Entry pop(Parser& p) { return p.stack[p.stacktop--]; }
 
+/// Notes the number that is to be shifted.
+void noteNumber(const Parser& p) {
+    const bool afterMinus = p.stack[p.stacktop].state == kAfterMinus;
+    const Operation operation = !p.open      ? Operation::PushConstant
+                                : afterMinus ? Operation::PushOpenAfterMinus
+                                             : Operation::PushOpen;
+    p.program->steps.push_back({operation, p.curtoken.value, nullptr});
+    if (p.open) ++p.program->open;
+}
+
 void shift(Parser& p, int state) {
+    if (p.program != nullptr && p.tokentype == kNumber) noteNumber(p);
     p.curtoken.state = static_cast<u8>(state);
     push(p, p.curtoken);
     p.tokentype = nexttoken(p);
@@ -273,11 +327,18 @@ u8 gotostate(const Parser& p, int rule) {
 }
 
 void reduce(Parser& p, int rule) {
+    const auto [left, length, operation, operand] = kRules[rule];
     Entry right[4];
-    for (int i = kRules[rule].length; i > 0; --i) right[i - 1] = pop(p);
-    p.curtoken.value = kRules[rule].value(right);
+    for (int i = length; i > 0; --i) right[i - 1] = pop(p);
+    const NumberFunction function = right[0].function;
+    p.curtoken.value = compute(operation, right[0].value, right[operand].value, function);
     p.curtoken.state = gotostate(p, rule);
     push(p, p.curtoken);
+    if (p.program == nullptr) {
+        p.error = p.error || fails(operation, p.curtoken.value);
+    } else if (operation != Operation::None) {
+        p.program->steps.push_back({operation, 0, function});
+    }
 }
 
 /// One action; false when the text is accepted.
@@ -288,11 +349,20 @@ bool step(Parser& p) {
         shift(p, action);
     } else if (action < 0) {
         reduce(p, -action);
-        if (action == -kDivisionRule && p.curtoken.value == kInfinity) p.error = true;
     } else {
         p.error = true;
     }
     return true;
+}
+
+/// Parses a text, upper-cased in place; false when it fails.
+bool run(Parser& p, char* line) {
+    p.input = strupr(line);
+    push(p, Entry{});
+    p.tokentype = nexttoken(p);
+    while (!p.error && step(p)) {
+    }
+    return !p.error;
 }
 
 }  // namespace
@@ -302,17 +372,9 @@ double parse(char* text, int* status) {
     const void* end = text == nullptr ? nullptr : std::memchr(text, 0, kLineSize);
     const std::size_t size =
         end == nullptr ? 0 : static_cast<std::size_t>(static_cast<const char*>(end) - text) + 1;
+    if (size != 0) std::memcpy(line, text, size);
     Parser p;
-    p.error = size == 0;
-    if (!p.error) {
-        std::memcpy(line, text, size);
-        p.input = strupr(line);
-        push(p, Entry{});
-        p.tokentype = nexttoken(p);
-    }
-    while (!p.error && step(p)) {
-    }
-    if (p.error) {
+    if (size == 0 || !run(p, line)) {
         if (status != nullptr) *status = 0;
         return 0.0;
     }
@@ -321,5 +383,36 @@ double parse(char* text, int* status) {
 }
 
 double Evaluate(char* text, int* status) { return parse(text, status); }
+
+bool prepareProgram(std::string_view text, Program* program) {
+    char line[kLineSize];
+    if (text.size() > kParseLength) return false;
+    std::memcpy(line, text.data(), text.size());
+    line[text.size()] = 0;
+    Parser p;
+    p.program = program;
+    return run(p, line) && p.deepest < kStackSize - 1;
+}
+
+bool runProgram(const Program& program, const double* numbers, double* value) {
+    double stack[kStackSize];
+    double* top = stack;  // behind the top entry
+    for (const Program::Step& s : program.steps) {
+        if (s.operation == Operation::PushConstant) {
+            *top++ = s.constant;
+        } else if (s.operation >= Operation::PushOpen) {
+            if (s.operation == Operation::PushOpenAfterMinus && std::signbit(*numbers))
+                return false;
+            *top++ = *numbers++;
+        } else {
+            const double operand = *--top;
+            if (hasTwoOperands(s.operation)) --top;
+            *top = compute(s.operation, *top, operand, s.function);
+            if (fails(s.operation, *top++)) return false;
+        }
+    }
+    *value = stack[0];
+    return true;
+}
 
 }  // namespace mira

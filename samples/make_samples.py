@@ -8,24 +8,28 @@ import struct
 UPDATED = (124, 3, 5)  # years since 1900, month, day of the last update
 
 
-def table(version, columns, records, level7=False, code_page=0, backlink=0):
-    """columns: (name, type, length, decimals); records: (deleted, field bytes...)."""
+def table(version, columns, records, level7=False, code_page=0, backlink=None, flags=0):
+    """columns: (name, type, length, decimals[, flags[, next value]]); records: (deleted, field
+    bytes...). backlink: path of the database container, 263 bytes behind the descriptors."""
     header_size, descriptor_size = (68, 48) if level7 else (32, 32)
-    header_length = header_size + descriptor_size * len(columns) + 1 + backlink
-    record_length = 1 + sum(length for _, _, length, _ in columns)
+    link = b"" if backlink is None else backlink.encode().ljust(263, b"\0")
+    header_length = header_size + descriptor_size * len(columns) + 1 + len(link)
+    record_length = 1 + sum(column[2] for column in columns)
 
     out = struct.pack("<4BIHH", version, *UPDATED, len(records), header_length, record_length)
     out = bytearray(out.ljust(header_size, b"\0"))
-    out[29] = code_page
+    out[28:30] = flags, code_page
     offset = 1
-    for name, kind, length, decimals in columns:
+    for name, kind, length, decimals, *counting in columns:
         if level7:
             entry = struct.pack("<32ssxBBH", name.encode(), kind.encode(), length, decimals, offset)
         else:
             entry = struct.pack("<11ssHxxBB", name.encode(), kind.encode(), offset, length, decimals)
+            if counting:
+                entry += struct.pack("<BIB", counting[0], *(counting[1:] or [0]), 1)
         out += entry.ljust(descriptor_size, b"\0")
         offset += length
-    out += b"\x0d" + bytes(backlink)
+    out += b"\x0d" + link
 
     for deleted, *fields in records:
         record = (b"*" if deleted else b" ") + b"".join(fields)
@@ -34,8 +38,13 @@ def table(version, columns, records, level7=False, code_page=0, backlink=0):
     return bytes(out) + b"\x1a"
 
 
-def text(value, width):
-    return value.encode("ascii").ljust(width)
+def text(value, width, page="ascii"):
+    return value.encode(page).ljust(width)
+
+
+def variable(value, width):
+    """Shorter than its field: the last byte is the length, and a bit of the null flags says so."""
+    return value if len(value) == width else value.ljust(width - 1, b"\0") + bytes([len(value)])
 
 
 def number(value, width, decimals=0):
@@ -52,7 +61,8 @@ def date_time(value):
         return bytes(8)
     moment = datetime.datetime.fromisoformat(value)
     seconds = moment.hour * 3600 + moment.minute * 60 + moment.second
-    return struct.pack("<ii", moment.toordinal() + 1721425, seconds * 1000)
+    return struct.pack("<ii", moment.toordinal() + 1721425,
+                       seconds * 1000 + moment.microsecond // 1000)
 
 
 def ordered_double(value):
@@ -97,7 +107,7 @@ def ledger():
     return table(0x30, columns, [
         (False, struct.pack("<i", entry), text(account, 16), struct.pack("<q", amount),
          struct.pack("<d", rate), date_time(posted))
-        for entry, account, amount, rate, posted in rows], code_page=3, backlink=263)
+        for entry, account, amount, rate, posted in rows], code_page=3, backlink="")
 
 
 def parcels():
@@ -115,7 +125,100 @@ def parcels():
         for depot, parcel, fee, limit, shipped in rows], level7=True)
 
 
+def customers():
+    columns = [("ID", "N", 4, 0), ("NAME", "C", 20, 0), ("CITY", "C", 16, 0), ("CREDIT", "N", 8, 2)]
+    rows = [
+        (1001, "СтройДвор", "Омск", 500.0),
+        (1002, "Мебельщик", "Казань", 1500.0),
+        (1003, "Joiner & Sons", "Leeds", None),
+        (1004, "Плотник", "Омск", 80.0),
+    ]
+    return table(0x03, columns, [
+        (False, number(id, 4), text(name, 20, "cp866"), text(city, 16, "cp866"),
+         number(credit, 8, 2))
+        for id, name, city, credit in rows], code_page=0x26)
+
+
+def orders():
+    columns = [("NUMBER", "N", 5, 0), ("CUSTOMER", "N", 4, 0), ("CODE", "C", 6, 0),
+               ("QTY", "N", 5, 0), ("ORDERED", "D", 8, 0)]
+    rows = [
+        (1, 1001, "BLT040", 200, "20240306"),
+        (2, 1001, "NUT008", 200, "20240306"),
+        (3, 1002, "LCK002", 12, "20240307"),
+        (4, 1003, "SAW300", 2, "20240311"),
+        (5, 1002, "HNG100", 24, "20240311"),
+        (6, 1004, "GLU500", 30, None),
+        (7, 1003, "OLD777", 1, "20240312"),
+    ]
+    return table(0x03, columns, [
+        (False, number(entry, 5), number(customer, 4), text(code, 6), number(count, 5),
+         date(ordered))
+        for entry, customer, code, count, ordered in rows])
+
+
+NULLABLE, COUNTING, SYSTEM, BINARY = 2, 12, 1, 4
+MEMO_UNIT = 64
+
+
+def memo_file(memos):
+    """A FoxPro memo file, and the block of each memo; 0 for None."""
+    blocks, data = [], bytearray(512)
+    for kind, memo in memos:
+        if memo is None:
+            blocks.append(0)
+            continue
+        blocks.append(len(data) // MEMO_UNIT)
+        data += struct.pack(">II", kind, len(memo)) + memo
+        data += bytes(-len(data) % MEMO_UNIT)
+    data[0:8] = struct.pack(">IHH", len(data) // MEMO_UNIT, 0, MEMO_UNIT)
+    return bytes(data), blocks
+
+
+def members():
+    """Visual FoxPro with everything that its descriptor flags say, and a memo file."""
+    columns = [("MEMBER", "I", 4, 0, COUNTING, 6), ("NAME", "C", 16, 0), ("NICKNAME", "V", 10, 0, NULLABLE),
+               ("JOINED", "D", 8, 0, NULLABLE), ("FEE", "Y", 8, 4), ("LASTVISIT", "T", 8, 0, NULLABLE),
+               ("CARD", "Q", 6, 0), ("NOTES", "M", 4, 0, NULLABLE), ("PHOTO", "W", 4, 0),
+               ("_NullFlags", "0", 1, 0, SYSTEM | BINARY)]
+    rows = [  # deleted, member, name, nickname, joined, fee, last visit, card, notes, photo
+        (False, 1, "Jürgen Müller", b"Juri", "20190401", 1205000, "2024-02-29T18:30:00.250",
+         b"\x00\x12\xff", "Pays in cash.\r\nHas a locker.", b"\x89PNG\r\n\x1a\n"),
+        (False, 2, "Zoë Smith", None, "20200115", 990000, "2024-01-31T23:59:59.999", b"ABCDEF", None, None),
+        (True, 3, "Left Member", b"", None, 0, None, b"", "", None),
+        (False, 4, "=Formula Ltd", b"ten chars.", None, -5, None, b"\x01", "Café", None),
+        (False, 5, "", b"x ", "20231224", 1, "2024-03-01T00:00:00", b"\x02\x03", None, None)]
+    memos, blocks = memo_file([pair for row in rows for pair in (
+        (1, row[8].encode("cp1252") if row[8] else None), (0, row[9]))])
+    records = []
+    for i, (deleted, member, name, nickname, joined, fee, visit, card, notes, _) in enumerate(rows):
+        # Bits in field order: length and null of NICKNAME, JOINED, LASTVISIT, length of CARD, NOTES.
+        bits = [len(nickname or b"") < 10, nickname is None, joined is None, visit is None,
+                len(card) < 6, notes is None]
+        records.append((deleted, struct.pack("<i", member), name.encode("cp1252").ljust(16),
+                        variable(nickname or b"", 10), date(joined), struct.pack("<q", fee),
+                        date_time(visit), variable(card, 6), struct.pack("<i", blocks[2 * i]),
+                        struct.pack("<i", blocks[2 * i + 1]),
+                        bytes([sum(bit << place for place, bit in enumerate(bits))])))
+    return table(0x32, columns, records, code_page=3, backlink="club.dbc", flags=2), memos
+
+
+def club():
+    """The database container of members, with the long names of its fields."""
+    columns = [("OBJECTID", "I", 4, 0), ("PARENTID", "I", 4, 0), ("OBJECTTYPE", "C", 10, 0),
+               ("OBJECTNAME", "C", 128, 0)]
+    objects = [(1, "Database", "Database"), (1, "Table", "members")] + [
+        (2, "Field", name) for name in ("member_number", "full_name", "nickname", "date_joined",
+                                        "membership_fee", "last_visit", "card_number", "notes", "photo")]
+    return table(0x30, columns, [
+        (False, struct.pack("<i", i + 1), struct.pack("<i", parent), text(kind, 10), text(name, 128))
+        for i, (parent, kind, name) in enumerate(objects)], code_page=3, backlink="", flags=4)
+
+
 if __name__ == "__main__":
     folder = pathlib.Path(__file__).resolve().parent
-    for make in (stock, ledger, parcels):
+    for make in (stock, customers, orders, ledger, parcels):
         (folder / f"{make.__name__}.dbf").write_bytes(make())
+    for extension, data in zip(("dbf", "fpt"), members()):
+        (folder / f"members.{extension}").write_bytes(data)
+    (folder / "club.dbc").write_bytes(club())

@@ -1,5 +1,5 @@
 // The dump program, run as users run it.
-#include "support.h"
+#include "cases.h"
 
 namespace test {
 namespace {

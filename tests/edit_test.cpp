@@ -1,6 +1,6 @@
 // Creating and writing tables, in what is not the matter of the session in fuzz/: whole files,
 // hooks, backup copies, the names of memo files.
-#include "support.h"
+#include "cases.h"
 
 namespace test {
 namespace {

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <thread>
 
-#include "support.h"
+#include "cases.h"
 
 namespace test {
 namespace {

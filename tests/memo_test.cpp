@@ -1,5 +1,5 @@
 // Memo files: names, layouts, appending, and hostile files.
-#include "support.h"
+#include "cases.h"
 
 namespace test {
 namespace {

@@ -22,7 +22,6 @@ TEST(Format, ReadsHeaderAndDescriptors) {
             0x31, {{"ID", 'I', 4}, {name, 'C', 44, wide}, {"F", 'N', 10, 2}}, {}, flavour};
         const Table h = openLayout(folder, layout);
         EXPECT_EQ(h->Level7, flavour == kPlain ? 0u : 1u);
-        EXPECT_EQ(h->ForeignLevel7, flavour == kForeignLevel7 ? 1u : 0u);
         EXPECT_EQ(h->Status, 0u);
         EXPECT_EQ(h->Fields[1].Name, name);
         EXPECT_EQ(GetLenField(h.get(), 1), 44 + 256 * wide);

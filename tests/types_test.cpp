@@ -2,7 +2,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "support.h"
+#include "cases.h"
 
 namespace test {
 namespace {

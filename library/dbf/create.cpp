@@ -4,83 +4,53 @@
 #include <cstring>
 
 #include "dbf/table/table.h"
-#include "internal/clock.h"
+#include "internal/datelayout.h"
 #include "internal/file.h"
 
 namespace mira {
 
 namespace {
 
-constexpr u32 kBackLinkSize = 263;
-constexpr u32 kSizeLimit = 65535;  // header and record lengths have 16 bits
-constexpr u32 kVisualFoxProKind = 3;
-constexpr u8 kMemoFlag = 3;  // table flags and code page mark of a Visual FoxPro table with memos
-constexpr u32 kFlagsPlace = 16;  // both, in Header.Rest
-
-struct Flavour {
-    u32 kind;
-    u8 version;
-    u32 headerSize;
-    u32 descriptorSize;
-};
-
-constexpr Flavour kFlavours[] = {
-    {0, kVersionDBase3, kHeaderSize, kDescriptorSize},
-    {1, kVersionFoxPro, kHeaderSize, kDescriptorSize},
-    {2, kVersionDBase4, kHeaderSize, kDescriptorSize},
-    {kVisualFoxProKind, kVersionVisualFoxPro, kHeaderSize, kDescriptorSize},
-    {4, kVersionSmt, kHeaderSize, kDescriptorSize},
-    {7, kVersionLevel7, kHeaderSize7, kDescriptorSize7},
-};
-constexpr Flavour kPlainFlavour = {0, kVersionPlain, kHeaderSize, kDescriptorSize};
-
-const Flavour& flavourOf(u32 kind) {
-    for (const Flavour& flavour : kFlavours) {
-        if (flavour.kind == kind) return flavour;
-    }
-    return kPlainFlavour;
-}
+constexpr u32 kSizeLimit = 65535;     // header and record lengths have 16 bits
+constexpr u32 kFlagsPlace = 16;       // table flags and code page mark, in Header.Rest
+constexpr int kYearsOfOneByte = 256;  // unlike that of later updates, the year is kept whole
 
 void setWideLength(DbfField* f, unsigned length) {
     f->Length = static_cast<u8>(length);
     f->Decimals = static_cast<u8>(length >> 8);
 }
 
-/// Gives a fixed-size type its length. True when the field makes the table one with memos.
-bool forceLength(DbfField* f, u8 version) {
-    switch (f->Type) {
-        case 'D':
-        case 'Y':
-            setWideLength(f, 8);
+/// Gives a field of a new table its length. True when it makes the table one with memos.
+bool forceLength(DbfField* f, const Flavour& flavour) {
+    switch (typeRow(f->Type).size) {
+        case SizeRule::AsGiven:
             return false;
-        case 'I':
-        case '+':
-            setWideLength(f, 4);
-            return false;
-        case 'L':
+        case SizeRule::One:
             setWideLength(f, 1);
             return false;
-        case 'T':
-        case '@':
-            if (wideLength(*f) != 14) setWideLength(f, version == kVersionVisualFoxPro ? 8 : 14);
+        case SizeRule::Four:
+            setWideLength(f, 4);
             return false;
-        case 'M':
-        case 'G':
-            setWideLength(f, version == kVersionVisualFoxPro ? 4 : 10);
+        case SizeRule::Eight:
+            setWideLength(f, 8);
+            return false;
+        case SizeRule::Moment:
+            if (wideLength(*f) != kDateTimeDigits) setWideLength(f, flavour.momentSize);
+            return false;
+        case SizeRule::Reference:
+            setWideLength(f, flavour.referenceSize);
             return true;
-        case 'B':
-        case 'O':
-            if (wideLength(*f) == 10) return true;
+        case SizeRule::BinaryOrDouble:
+            if (wideLength(*f) == kReferenceSize) return true;
             if (wideLength(*f) == 8) return false;
-            if (version == kVersionDBase4) {
-                setWideLength(f, 10);
+            if (flavour.memoInB) {
+                setWideLength(f, kReferenceSize);
             } else {
                 f->Length = 8;
             }
-            return wideLength(*f) == 10;
-        default:
-            return false;
+            return wideLength(*f) == kReferenceSize;
     }
+    return false;
 }
 
 /// What a new table's fields come to.
@@ -92,11 +62,11 @@ struct Layout {
 
 /// Completes the fields. Offsets are right when the record turns out to be no longer than it may.
 Layout layOut(DbfField* fields, u32 count, const Flavour& flavour) {
-    const u32 backLink = flavour.kind == kVisualFoxProKind ? kBackLinkSize : 0;
-    Layout layout{u64{flavour.headerSize} + u64{flavour.descriptorSize} * count + 1 + backLink};
+    Layout layout{u64{flavour.headerSize} + u64{flavour.descriptorSize} * count + 1 +
+                  flavour.backLinkSize};
     for (u32 i = 0; i < count; ++i) {
         fields[i].Offset = static_cast<u16>(layout.recordLength);
-        layout.memos = forceLength(&fields[i], flavour.version) || layout.memos;
+        layout.memos = forceLength(&fields[i], flavour) || layout.memos;
         layout.recordLength += fieldLength(fields[i]);
     }
     return layout;
@@ -105,19 +75,10 @@ Layout layOut(DbfField* fields, u32 count, const Flavour& flavour) {
 DbfHeader headerOf(const Layout& layout, const Flavour& flavour) {
     DbfHeader header{};
     header.Version = layout.memos ? flavour.version : kVersionPlain;
-    std::tm now;
-    if (localTime(std::time(nullptr), &now)) {
-        int year = now.tm_year;  // since 1900; unlike the date of later updates kept whole
-        while (year > 255) year -= 100;
-        header.UpdateYear = static_cast<u8>(year);
-        header.UpdateMonth = static_cast<u8>(now.tm_mon + 1);
-        header.UpdateDay = static_cast<u8>(now.tm_mday);
-    }
+    stampDate(&header, kYearsOfOneByte);
     header.HeaderLength = static_cast<u16>(layout.headerLength);
     header.RecordLength = static_cast<u16>(layout.recordLength);
-    if (layout.memos && flavour.kind == kVisualFoxProKind) {
-        std::memset(header.Rest + kFlagsPlace, kMemoFlag, 2);
-    }
+    if (layout.memos) std::memset(header.Rest + kFlagsPlace, flavour.memoFlags, 2);
     return header;
 }
 
@@ -148,7 +109,7 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
     if (path == nullptr || count < 0 || count > static_cast<int>(kSizeLimit)) return 0;
     if (fields == nullptr && count != 0) return 0;
     const auto total = static_cast<u32>(count);
-    const Flavour& flavour = flavourOf(kind);
+    const Flavour& flavour = flavourOfKind(kind);
 
     // The caller's fields are completed only once the file is there.
     const Block<DbfField> complete = allocate<DbfField>(std::max(total, 1u));
@@ -164,6 +125,7 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
     if (!file) return 0;
     std::copy_n(complete.get(), total, fields);
     bool written = writeExact(file.get(), image.get(), static_cast<u32>(layout.headerLength));
+    changesOf(file.get()).fetch_add(1, std::memory_order_acq_rel);
     written = std::fclose(file.release()) == 0 && written;
     if (createMemo != 0 && layout.memos) CreateMemoFile(path, kind, blockSize);
     return written ? 1 : 0;

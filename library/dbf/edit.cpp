@@ -1,12 +1,13 @@
-// Structural edits: deletion flags, removing and inserting records, cutting the table. Whatever
-// fails on the way stops the edit where it is, in a state in which every record is still in the
-// file.
+// Structural edits: deletion flags, removing and inserting records, cutting the table. An edit that
+// fails on the way puts the table back as it was. Where that fails as well it stops, with every
+// record still in the file.
 #include "dbf/edit.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "dbf/move.h"
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
@@ -16,82 +17,99 @@ namespace mira {
 namespace {
 
 constexpr u8 kPresent = ' ';
+
 int writeFlag(DbfBase* h, u32 position, u8 flag) {
     h->DeleteFlag = flag;
     return WriteByte(h, position);
 }
 
-/// What moving count bytes needs.
-Block<u8> transferBuffer(u64 count) {
-    return allocate<u8>(std::clamp<u64>(count, 1, kTransferSize));
+bool cutAt(DbfBase* h, u64 size) {
+    const bool cut = ftruncate(fileno(h->TableFile), static_cast<off_t>(size)) == 0;
+    tableChanged(h);
+    return cut;
 }
 
-bool readAt(DbfBase* h, u64 offset, u8* buffer, u64 count) {
-    return seekTo(h->TableFile, offset) && readExact(h->TableFile, buffer, static_cast<u32>(count));
-}
+/// An edit that moves records, with what it takes to put the table back as it was.
+class Edit {
+public:
+    /// Moves up to a number of records.
+    Edit(DbfBase* h, u32 records) : move(h, records), h_(h), header_(h->Header) {}
 
-bool writeAt(DbfBase* h, u64 offset, const u8* buffer, u64 count) {
-    return seekTo(h->TableFile, offset) &&
-           writeExact(h->TableFile, buffer, static_cast<u32>(count));
-}
-
-/// Moves count bytes by one record towards the beginning, first bytes first. A write that stops
-/// half-way loses nothing: each byte has been written anew before its old place is.
-bool moveDown(DbfBase* h, u64 from, u64 count) {
-    const Block<u8> buffer = transferBuffer(count);
-    if (!buffer) return false;
-    for (u64 done = 0; done < count; done += kTransferSize) {
-        const u64 chunk = std::min<u64>(kTransferSize, count - done);
-        const u64 offset = from + done;
-        if (!readAt(h, offset, buffer.get(), chunk) ||
-            !writeAt(h, offset - h->Header.RecordLength, buffer.get(), chunk)) {
-            return false;
-        }
+    /// Looks at the table before anything is changed.
+    bool begin() {
+        const u32 length = h_->Header.RecordLength;
+        const u64 end = offsetOf(h_, header_.RecordCount);
+        tail_ = allocate<u8>(std::size_t{length} + 1);
+        if (!move.ready() || !tail_ || !fileSize(h_->TableFile, &size_)) return false;
+        tailLength_ = size_ > end ? static_cast<u32>(std::min<u64>(size_ - end, length + 1)) : 0;
+        return readAt(end, tail_.get(), tailLength_) && readAt(0, image_, h_->HeaderSize);
     }
-    return true;
-}
 
-/// Moves count bytes by one record towards the end, last bytes first.
-bool moveUp(DbfBase* h, u64 from, u64 count) {
-    const Block<u8> buffer = transferBuffer(count);
-    if (!buffer) return false;
-    for (u64 left = count; left > 0;) {
-        const u64 chunk = std::min<u64>(kTransferSize, left);
-        left -= chunk;
-        const u64 offset = from + left;
-        if (!readAt(h, offset, buffer.get(), chunk)) return false;
-        if (!writeAt(h, offset + h->Header.RecordLength, buffer.get(), chunk)) {
-            // A full disk stops the write half-way, over bytes that are not yet at their new place.
-            writeAt(h, offset, buffer.get(), chunk);
-            return false;
-        }
+    /// The first record number, not below another one, that the file does not hold.
+    u32 spare(u32 atLeast) const { return std::max(atLeast, recordsInFile(h_, size_)); }
+
+    /// Cuts off what moving has copied behind count records.
+    bool cutSpare(u32 count) {
+        return !move.usedSpare() || cutAt(h_, std::max(size_, offsetOf(h_, count)));
     }
-    return true;
-}
+
+    /// What is not a record: the bytes after the last one, the size, the header.
+    bool putBack() {
+        const u64 end = offsetOf(h_, header_.RecordCount);
+        const bool done = writeTable(h_, 0, image_, h_->HeaderSize) &&
+                          (tailLength_ == 0 || writeTable(h_, end, tail_.get(), tailLength_)) &&
+                          cutAt(h_, size_);
+        if (done) h_->Header = header_;
+        return done;
+    }
+
+    /// Leaves the table as it stands. Every record stays within the count, so that none is
+    /// overwritten by what is appended next.
+    void stop(u32 atLeast) {
+        u64 size = 0;
+        h_->Header = header_;
+        h_->Header.RecordCount = fileSize(h_->TableFile, &size) ? recordsInFile(h_, size) : atLeast;
+    }
+
+    Mover move;
+
+private:
+    bool readAt(u64 offset, u8* to, u32 count) const {
+        return seekTo(h_->TableFile, offset) && readExact(h_->TableFile, to, count);
+    }
+
+    DbfBase* h_;
+    DbfHeader header_;
+    u8 image_[sizeof(DbfHeader)];  // the header in the file
+    u64 size_ = 0;                 // of the file
+    Block<u8> tail_;  // from the end of the last record on, as far as edits overwrite it
+    u32 tailLength_ = 0;
+};
 
 }  // namespace
 
 int DeleteRecord(DbfBase* h, u32 position) {
-    if (ReadByte(h, position) == 0 || h->DeleteFlag == kDeleted) return 1;
+    if (isClosed(h)) return 0;
+    if (!readFlag(h, position, true) || h->DeleteFlag == kDeleted) return 1;
     return writeFlag(h, position, kDeleted);
 }
 
 int RecallRecord(DbfBase* h, u32 position) {
-    if (ReadByte(h, position) == 0 || h->DeleteFlag != kDeleted) return 1;
+    if (isClosed(h)) return 0;
+    if (!readFlag(h, position, true) || h->DeleteFlag != kDeleted) return 1;
     return writeFlag(h, position, kPresent);
 }
 
 int InverseRecord(DbfBase* h, u32 position) {
-    if (ReadByte(h, position) == 0) return 0;
+    if (!readFlag(h, position, true)) return 0;
     return writeFlag(h, position, h->DeleteFlag == kDeleted ? kPresent : kDeleted);
 }
 
 int Truncate(DbfBase* h, u32 count) {
-    if (hasView(h) || h->Reverse != 0) return 0;
+    if (hasView(h) || h->Reverse != 0 || isClosed(h)) return 0;
     backUp(h);
     if (InternalSeekRecord(h, count) == 0) return 0;
-    dropReadAhead(h);
-    if (ftruncate(fileno(h->TableFile), static_cast<off_t>(offsetOf(h, count))) != 0) return 0;
+    if (!cutAt(h, offsetOf(h, count))) return 0;
     h->Header.RecordCount = count;
     return WriteHeader(h);
 }
@@ -102,22 +120,43 @@ int Delete(DbfBase* h, u32 record) {
     const u32 count = h->Header.RecordCount;
     if (hasView(h) || h->Reverse != 0 || record >= count) return 0;
     backUp(h);
-    const u64 from = offsetOf(h, record + 1);
-    if (!moveDown(h, from, offsetOf(h, count) - from)) return 0;
-    return Truncate(h, count - 1);
+    Edit edit(h, count - record);
+    const Block<u8> removed = allocate<u8>(h->Header.RecordLength);
+    if (!removed || !edit.begin() || !edit.move.read(record, removed.get())) return 0;
+    // The record stays on the disk until the edit is done, unless there is no room for it.
+    const u32 spare = edit.spare(count);
+    if (record + 1 < count) edit.move.write(spare, removed.get());
+    const Moved down = edit.move.down(record + 1, count);
+    if (down.state == MoveState::Done && Truncate(h, count - 1) != 0) return 1;
+    if (down.state == MoveState::Stuck ||
+        edit.move.up(record, down.reached - 1, spare + 1).state != MoveState::Done ||
+        !edit.move.write(record, removed.get()) || !edit.putBack()) {
+        edit.stop(count);
+    }
+    return 0;
 }
 
 int Insert(DbfBase* h, u32 position, char blank) {
     const u32 count = h->Header.RecordCount;
     if (hasView(h) || position > count || (h->Reverse != 0 && position == count)) return 0;
+    if (!isWithinReach(h, count)) return 0;
     backUp(h);
     const u32 record = h->Reverse != 0 ? count - 1 - position : position;
-    const u64 from = offsetOf(h, record);
-    if (!moveUp(h, from, offsetOf(h, count) - from)) return 0;
-    if (blank != 0) ClearRecord(h);
-    if (WriteRecord(h, position) == 0) return 0;
-    ++h->Header.RecordCount;
-    return WriteHeader(h);
+    Edit edit(h, count - record);
+    if (!edit.begin()) return 0;
+    const Moved up = edit.move.up(record, count, edit.spare(count + 1));
+    if (up.state == MoveState::Done && edit.cutSpare(count + 1)) {
+        // From here on a hook that appends comes after the last record.
+        h->Header.RecordCount = count + 1;
+        if (blank != 0) ClearRecord(h);
+        if (InternalWriteRecord(h, record) != 0 && WriteHeader(h) != 0) return 1;
+    }
+    const u32 now = h->Header.RecordCount;  // a hook may have changed it
+    if (up.state == MoveState::Stuck || (now != count && now != count + 1) ||
+        edit.move.down(up.reached + 1, count + 1).state != MoveState::Done || !edit.putBack()) {
+        edit.stop(count + 1);
+    }
+    return 0;
 }
 
 }  // namespace mira

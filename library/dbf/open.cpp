@@ -1,6 +1,7 @@
 // Opening and closing: everything between a path and a readable table, and back.
 #include <cstdlib>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
 
@@ -10,7 +11,7 @@ namespace {
 
 /// Everything between an empty handle and a readable table.
 bool openTable(DbfBase* h, const char* path) {
-    if (!setDefaults(h)) return false;
+    if (!setDefaults(h) || keepPrivate(h) == nullptr) return false;
     h->TableFile = h->ReadOnly != 0 ? Open_FileRO(path) : Open_File(path);
     if (h->TableFile == nullptr || ReadHeader(h) == 0) return false;
     h->FileName = copyText(path).release();

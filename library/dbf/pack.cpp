@@ -129,12 +129,9 @@ int copyMemos(DbfBase* h, const MemoCopy& copy) {
             result = 0;
             continue;
         }
-        const bool aheadTrue = h->AheadVersion == writeVersion();
         for (int field = h->FirstMemoField; field < h->FieldCount; ++field) {
             if (if_memo_type(h, field) != 0 && !copyMemo(h, field, copy)) result = 0;
         }
-        // What was written meanwhile went to the memo file, not to the table.
-        if (aheadTrue) h->AheadVersion = writeVersion();
         if (WriteRecord(h, i) == 0) result = 0;
     }
     return result;

@@ -86,24 +86,27 @@ std::size_t printSpecial(char* to, double value, unsigned width) {
     return alignRight(to, negative ? "-inf" : "inf", width);
 }
 
-/// Two digits at a time, from the end; returns where the first digit stands.
-char* digitsBackward(char* end, u64 value) {
-    static constexpr char pairs[] =
-        "0001020304050607080910111213141516171819202122232425262728293031323334353637383940414243"
-        "4445464748495051525354555657585960616263646566676869707172737475767778798081828384858687"
-        "888990919293949596979899";
-    while (value >= 100) {
+constexpr char kPairs[] =
+    "0001020304050607080910111213141516171819202122232425262728293031323334353637383940414243444546"
+    "4748495051525354555657585960616263646566676869707172737475767778798081828384858687888990919293"
+    "949596979899";
+
+/// Digits of a number, 1 for 0.
+unsigned countDigits(u64 value) {
+    value |= 1;
+    const unsigned atMost = static_cast<unsigned>(std::bit_width(value)) * 1233 >> 12;  // log10(2)
+    return atMost + (value >= kPowersOfTen[atMost] ? 1 : 0);
+}
+
+/// Prints the last count digits before end, two at a time; returns the number they leave.
+u64 putDigits(char* end, u64 value, unsigned count) {
+    for (; count >= 2; count -= 2, value /= 100) {
         end -= 2;
-        std::memcpy(end, pairs + 2 * (value % 100), 2);
-        value /= 100;
+        std::memcpy(end, kPairs + 2 * (value % 100), 2);
     }
-    if (value >= 10) {
-        end -= 2;
-        std::memcpy(end, pairs + 2 * value, 2);
-    } else {
-        *--end = static_cast<char>('0' + value);
-    }
-    return end;
+    if (count == 0) return value;
+    *--end = static_cast<char>('0' + value % 10);
+    return value / 10;
 }
 
 }  // namespace
@@ -136,33 +139,37 @@ double readDecimal(std::string_view text) {
 }
 
 std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, unsigned decimals) {
-    constexpr std::size_t bodySize = 64;
-    char body[bodySize];
-    std::memset(body, ' ', bodySize);  // the padding in front of the number
-    char* const end = body + bodySize;
-    char* start = nullptr;
+    const unsigned digits = std::max(countDigits(magnitude), decimals + 1);
+    const unsigned length = (negative ? 1 : 0) + digits + (decimals != 0 ? 1 : 0);
+    const unsigned pad = width > length ? width - length : 0;
+    std::memset(to, ' ', pad);
+    char* const end = to + pad + length;
+    *end = 0;
+    if (negative) to[pad] = '-';
     if (decimals != 0) {
-        const u64 power = kPowersOfTen[decimals];
-        char* const point = end - decimals - 1;
-        start = digitsBackward(end, magnitude % power);
-        while (start > point + 1) *--start = '0';
-        *point = '.';
-        start = digitsBackward(point, magnitude / power);
+        magnitude = putDigits(end, magnitude, decimals);
+        end[-static_cast<int>(decimals) - 1] = '.';
+        putDigits(end - decimals - 1, magnitude, digits - decimals);
     } else {
-        start = digitsBackward(end, magnitude);
+        putDigits(end, magnitude, digits);
     }
-    if (negative) *--start = '-';
-    const auto length = static_cast<std::size_t>(end - start);
-    if (width > bodySize) return alignRight(to, {start, length}, width);
-    const std::size_t total = std::max<std::size_t>(length, width);
-    std::memcpy(to, end - total, total);
-    to[total] = 0;
-    return total;
+    return pad + length;
 }
 
 std::size_t printInteger(char* to, i32 value, unsigned width) {
     const i64 wide = value;
     return printScaled(to, wide < 0, static_cast<u64>(wide < 0 ? -wide : wide), width, 0);
+}
+
+bool printedValue(double value, unsigned decimals, double* printed) {
+    constexpr u64 exactIntegers = u64{1} << (kMantissaBits + 1);
+    u64 scaled = 0;
+    if (!scaleExactly(value, decimals, &scaled) || scaled > exactIntegers) return false;
+    // Both are exact, so the quotient is rounded once, as a reader rounds.
+    const double magnitude =
+        static_cast<double>(scaled) / static_cast<double>(kPowersOfTen[decimals]);
+    *printed = std::copysign(magnitude, value);
+    return true;
 }
 
 std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals) {

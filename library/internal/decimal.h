@@ -64,6 +64,9 @@ double readDecimal(std::string_view text);
 /// a zero byte. to holds kFixedTextSize bytes.
 std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals);
 
+/// The value that reading the text of printFixed gives. False where only reading can tell.
+bool printedValue(double value, unsigned decimals, double* printed);
+
 /// Below this magnitude a double keeps all four decimals of a currency in ten-thousandths.
 inline constexpr i64 kExactCurrency = i64{1} << 52;
 

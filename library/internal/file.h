@@ -1,9 +1,10 @@
 // File access: exact transfers, sizes, owning pointers.
 //
 // Streams are unbuffered: a transfer is one system call, and nothing written waits in the process.
-// The table file gets its read-ahead from dbf/records.cpp.
+// The table file gets its read-ahead from dbf/table/ahead.cpp.
 #pragma once
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -49,8 +50,10 @@ bool writeExact(std::FILE*, const void* buffer, u32 count);
 /// Size of the file; leaves the position at its end. False when it cannot be told.
 bool fileSize(std::FILE*, u64* size);
 
-/// Number of writes the process has made through WriteFile. Bytes read ahead are valid only while
-/// it has not moved, so that one handle sees at once what another has written.
-u32 writeVersion();
+/// Changes that the process has made to a file, by whatever name and stream. Bytes read ahead are
+/// true only while it stands, so that one handle sees at once what another has written. WriteFile
+/// counts; whoever writes tables by other means has to. Files that share a counter by chance only
+/// cost each other a read.
+std::atomic<u64>& changesOf(std::FILE*);
 
 }  // namespace mira

@@ -11,7 +11,14 @@ namespace {
 
 constexpr u32 kNowhere = 0xFFFFFFFF;
 
-std::atomic<u32> writes{0};
+constexpr std::size_t kCounters = 64;
+
+/// Writes without counting the change; returns the bytes that the operating system has taken.
+u32 put(std::FILE* file, const void* buffer, u32 count) {
+    if (file == nullptr || count == 0) return 0;
+    const std::size_t done = std::fwrite(buffer, 1, count, file);
+    return std::fflush(file) == 0 ? static_cast<u32>(done) : 0;  // a caller's stream is buffered
+}
 
 }  // namespace
 
@@ -47,7 +54,7 @@ bool readExact(std::FILE* file, void* buffer, u32 count) {
 }
 
 bool writeExact(std::FILE* file, const void* buffer, u32 count) {
-    return count <= kReachable && WriteFile(file, buffer, static_cast<i32>(count)) == count;
+    return count <= kReachable && put(file, buffer, count) == count;
 }
 
 bool fileSize(std::FILE* file, u64* size) {
@@ -58,7 +65,12 @@ bool fileSize(std::FILE* file, u64* size) {
     return true;
 }
 
-u32 writeVersion() { return writes.load(std::memory_order_acquire); }
+std::atomic<u64>& changesOf(std::FILE* file) {
+    static std::atomic<u64> counters[kCounters];
+    struct stat info = {};
+    if (file != nullptr) fstat(fileno(file), &info);  // what cannot be told shares a counter
+    return counters[(u64{info.st_ino} + u64{info.st_dev}) % kCounters];
+}
 
 std::FILE* Open_File(const char* path) {
     std::FILE* file = openUnbuffered(path, "rb+");
@@ -80,10 +92,9 @@ u32 ReadFile(std::FILE* file, void* buffer, i32 count) {
 
 u32 WriteFile(std::FILE* file, const void* buffer, i32 count) {
     if (file == nullptr || count <= 0) return 0;
-    const std::size_t done = std::fwrite(buffer, 1, static_cast<std::size_t>(count), file);
-    const bool taken = std::fflush(file) == 0;  // nothing waits in a stream the caller opened
-    writes.fetch_add(1, std::memory_order_release);
-    return taken ? static_cast<u32>(done) : 0;
+    const u32 done = put(file, buffer, static_cast<u32>(count));
+    changesOf(file).fetch_add(1, std::memory_order_acq_rel);
+    return done;
 }
 
 u64 Calc64(u32 recordLength, u32 record, u32 base) { return u64{recordLength} * record + base; }

@@ -1,5 +1,4 @@
-// Memo kinds and memo format families: which version byte selects which, how the memo file is
-// named, and the layout that each family gives its file.
+// Memo format families: the layout that each gives its file, and how the memo file is named.
 //
 // Header of a memo file, block 0 (offset, size):
 //
@@ -52,58 +51,20 @@ const MemoFamily kSmtMemo = {.headerSize = 16,
 
 namespace {
 
-struct KindRow {
-    u32 kind;
-    const char* extension;
-    const MemoFamily* family;
-};
-
-constexpr u32 kKindDBase3 = 0;
-constexpr u32 kKindFoxPro = 1;
-constexpr u32 kKindDBase4 = 2;
-constexpr u32 kKindVisualFoxPro = 3;
-constexpr u32 kKindSmt = 4;
-constexpr u32 kKindLevel7 = 7;
-
-constexpr KindRow kKinds[] = {
-    {kKindDBase3, ".dbt", &kDBase3Memo}, {kKindFoxPro, ".fpt", &kFoxProMemo},
-    {kKindDBase4, ".dbt", &kDBase4Memo}, {kKindVisualFoxPro, ".fpt", &kFoxProMemo},
-    {kKindSmt, ".smt", &kSmtMemo},       {kKindLevel7, ".dbt", &kDBase4Memo},
-};
-constexpr KindRow kNoKind = {0, ".dbv", nullptr};
-
-struct VersionRow {
-    u8 version;
-    u32 kind;
-    const MemoFamily* family;
-};
-
-constexpr VersionRow kVersions[] = {
-    {kVersionPlain, kKindDBase3, &kDBase3Memo},
-    {kVersionDBase3, kKindDBase3, &kDBase3Memo},
-    {0x04, kKindDBase4, &kDBase4Memo},
-    {kVersionDBase4, kKindDBase4, &kDBase4Memo},
-    {kVersionLevel7, kKindLevel7, &kDBase4Memo},
-    {kVersionVisualFoxPro, kKindVisualFoxPro, &kFoxProMemo},
-    {0x31, kKindVisualFoxPro, &kFoxProMemo},
-    {0x32, kKindVisualFoxPro, &kFoxProMemo},
-    {kVersionFoxPro, kKindFoxPro, &kFoxProMemo},
-    {kVersionSmt, kKindSmt, &kSmtMemo},
-};
-constexpr VersionRow kNoVersion = {0, kKindDBase3, nullptr};
-
-const KindRow& kindRow(u32 kind) {
-    for (const KindRow& row : kKinds) {
-        if (row.kind == kind) return row;
+const MemoFamily* familyOf(MemoFormat format) {
+    switch (format) {
+        case MemoFormat::None:
+            return nullptr;
+        case MemoFormat::DBase3:
+            return &kDBase3Memo;
+        case MemoFormat::DBase4:
+            return &kDBase4Memo;
+        case MemoFormat::FoxPro:
+            return &kFoxProMemo;
+        case MemoFormat::Smt:
+            return &kSmtMemo;
     }
-    return kNoKind;
-}
-
-const VersionRow& versionRow(u8 version) {
-    for (const VersionRow& row : kVersions) {
-        if (row.version == version) return row;
-    }
-    return kNoVersion;
+    return nullptr;
 }
 
 struct DirCloser {
@@ -167,17 +128,18 @@ void lookForMemoFile(DbfBase* h) {
 
 }  // namespace
 
-const MemoFamily* memoFamily(u8 version) { return versionRow(version).family; }
+const MemoFamily* memoFamily(u8 version) { return familyOf(flavourOf(version).memos); }
 
-const MemoFamily* memoFamilyOfKind(u32 kind) { return kindRow(kind).family; }
+const MemoFamily* memoFamilyOfKind(u32 kind) { return familyOf(flavourOfKind(kind).memos); }
 
 char* GetMemoName(const char* tablePath, u32 kind) {
     if (tablePath == nullptr) return nullptr;
     const PathParts parts = splitPath(tablePath);
+    const Flavour& flavour = flavourOfKind(kind);
     // The extension is the end of the path, so it is a text of its own.
-    const bool container = kindRow(kind).family == &kFoxProMemo && !parts.ext.empty() &&
+    const bool container = flavour.memos == MemoFormat::FoxPro && !parts.ext.empty() &&
                            sameIgnoringCase(parts.ext.data(), ".dbc");
-    const std::string_view extension = container ? ".dct" : kindRow(kind).extension;
+    const std::string_view extension = container ? ".dct" : flavour.extension;
     const std::size_t stem = parts.dir.size() + parts.name.size();
     Block<char> name = allocate<char>(stem + extension.size() + 1);
     if (name == nullptr) return nullptr;
@@ -189,8 +151,8 @@ char* GetMemoName(const char* tablePath, u32 kind) {
 }
 
 u32 GetMemoType(DbfBase* h) {
-    const bool level7 = h->HeaderSize == kHeaderSize7;
-    const u32 kind = level7 ? kKindLevel7 : versionRow(h->Header.Version).kind;
+    const u32 kind =
+        h->HeaderSize == kHeaderSize7 ? kLevel7Kind : flavourOf(h->Header.Version).kind;
     std::free(h->MemoFileName);
     h->MemoFileName = GetMemoName(h->FileName, kind);
     if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) lookForMemoFile(h);

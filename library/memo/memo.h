@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "dbf/table/flavour.h"
 #include "dbf/value/reference.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -32,7 +33,7 @@ struct MemoFamily {
     u8 mark[4] = {};                ///< first half of the prefix; the second is the length
     u32 markChecked = 0;            ///< bytes of the mark that a reader insists on
     u32 lengthBias = 0;             ///< what the stored length counts besides the data
-    u32 endSize = 0;                ///< end bytes behind the data: 1 or 0
+    u32 endSize = 0;                ///< end bytes after the data: 1 or 0
     u32 signaturePlace = 0;         ///< where signature goes in a new header
     u32 signatureSize = 0;
     char signature[9] = "";

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "dbf/table/private.h"
 #include "support/reference.h"
 
 namespace test {
@@ -39,7 +40,7 @@ u64 blockOf(const Row& row, int field) {
     }
     const u64 block = load(row.from(field), 0, 4, row.h->Level7 != 0);
     if (row.h->Level7 == 0) return block;
-    return row.h->ForeignLevel7 != 0 ? block ^ 1u << 31 : block & 0x7FFFFFFF;
+    return isForeignLevel7(row.h) ? block ^ 1u << 31 : block & 0x7FFFFFFF;
 }
 
 }  // namespace

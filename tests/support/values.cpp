@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "support/reference.h"
 
 namespace test {
@@ -33,7 +34,7 @@ int monthDays(int year, int month) {
 bool isTimed(const DbfField& f) { return f.Type != 'D'; }
 bool isBinaryTime(const DbfField& f) { return isTimed(f) && f.Length == 8; }
 bool countsMilliseconds(const Row& row, const DbfField& f) {
-    return f.Type == '@' && f.Length == 8 && row.h->ForeignLevel7 != 0;
+    return f.Type == '@' && f.Length == 8 && isForeignLevel7(row.h);
 }
 
 Moment fromDay(i64 day, i64 milliseconds) {
@@ -67,7 +68,7 @@ Moment fromPieces(std::string_view text, i32 format, bool timed) {
 u32 integer(const Row& row, int field) {
     const u32 value = static_cast<u32>(load(row.from(field), 0, 4, row.h->Level7 != 0));
     if (row.h->Level7 == 0) return value;
-    return row.h->ForeignLevel7 != 0 ? value ^ 1u << 31 : value & 0x7FFFFFFF;
+    return isForeignLevel7(row.h) ? value ^ 1u << 31 : value & 0x7FFFFFFF;
 }
 
 /// Digits as the C library reads them.
@@ -160,7 +161,7 @@ std::string storedInteger(const Row& row, double number) {
     const bool fits = number <= 2147483647.0 && number >= -2147483648.0;
     const u32 value = static_cast<u32>(fits ? static_cast<i32>(number) : 0);
     if (row.h->Level7 == 0) return le(value, 4);
-    return be(row.h->ForeignLevel7 != 0 ? value ^ 1u << 31 : value & 0x7FFFFFFF, 4);
+    return be(isForeignLevel7(row.h) ? value ^ 1u << 31 : value & 0x7FFFFFFF, 4);
 }
 
 /// What a store puts at the beginning of the field.

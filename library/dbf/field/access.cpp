@@ -28,19 +28,19 @@ char if_digit_type(DbfBase* h, int field) {
 
 const char* GetStr(DbfBase* h, int field) {
     if (field >= h->FieldCount) return GetCalcStringI(h, field);
-    if (field >= 0) return renderField(h, field);
-    h->TextBuffer[0] = 0;
-    return h->TextBuffer;
+    if (field >= 0) return valueRow(h, field).render(h, field);
+    return renderNothing(h, field);
 }
 
 double GetValue(DbfBase* h, int field) {
-    if (tableField(h, field) != nullptr) return fieldValue(h, field);
+    if (tableField(h, field) != nullptr) return valueRow(h, field).number(h, field);
     return field >= 0 && if_digit_calci(h, field) != 0 ? GetCalcValueI(h, field) : 0.0;
 }
 
 i32 GetSign(DbfBase* h, int field) {
+    // Unlike GetValue, without a question whether a calculated field is numeric.
     const bool inTable = tableField(h, field) != nullptr;
-    const double value = inTable      ? fieldValue(h, field)
+    const double value = inTable      ? valueRow(h, field).number(h, field)
                          : field >= 0 ? GetCalcValueI(h, field)
                                       : 0.0;
     return value > 0 ? 1 : value < 0 ? -1 : 0;
@@ -50,7 +50,7 @@ void SetValue(DbfBase* h, int field, const char* text, double number) {
     if (if_memo_type(h, field) != 0) {
         setMemoValue(h, field, text, number);
     } else if (tableField(h, field) != nullptr) {
-        storeField(h, field, text, number);
+        valueRow(h, field).store(h, field, text, number);
     }
 }
 

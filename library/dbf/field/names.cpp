@@ -3,17 +3,11 @@
 #include <cstring>
 
 #include "dbf/table/table.h"
+#include "internal/datelayout.h"
 
 namespace mira {
 
 namespace {
-
-constexpr int kCalcWidth = 20;     // every calculated field
-constexpr int kIntegerWidth = 10;  // integers, block numbers, "Full memo"
-constexpr int kDoubleWidth = 20;
-constexpr int kCurrencyWidth = 24;
-constexpr int kDateWidth = 10;  // with separators
-constexpr int kDateTimeWidth = 19;
 
 const char* calcFieldName(const DbfBase* h, int field) {
     const bool inTable = field >= 0 && field < static_cast<int>(kFieldMax);
@@ -21,7 +15,7 @@ const char* calcFieldName(const DbfBase* h, int field) {
 }
 
 int calcFieldWidth(const DbfBase* h, int field) {
-    return field >= 0 && h->CalcFields != nullptr ? kCalcWidth : 0;
+    return field >= 0 && h->CalcFields != nullptr ? kCalculatedWidth : 0;
 }
 
 }  // namespace
@@ -29,6 +23,11 @@ int calcFieldWidth(const DbfBase* h, int field) {
 int GetFieldType(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     return f != nullptr ? f->Type : '#';
+}
+
+u32 GetFieldNum(DbfBase* h, const char* name) {
+    // -1 becomes kNoPosition.
+    return name != nullptr ? static_cast<u32>(fieldNamed(h, name)) : kNoPosition;
 }
 
 const char* GetFieldName(DbfBase* h, int field) {
@@ -58,26 +57,13 @@ int GetAllLen(DbfBase* h, int field) { return static_cast<int>(GetLenField(h, fi
 int GetLenView(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return calcFieldWidth(h, field);
-    const int length = GetAllLen(h, field);
-    switch (f->Type) {
-        case 'Y':
-            return kCurrencyWidth;
-        case 'T':
-        case '@':
-            return h->DateFormat > 0 ? kDateTimeWidth : length;
-        case 'D':
-            return h->DateFormat > 0 ? kDateWidth : length;
-        case 'B':
-        case 'O':
-            return wideLength(*f) == 10 ? kIntegerWidth : kDoubleWidth;
-        case 'G':
-        case 'I':
-        case 'M':
-        case '+':
-            return kIntegerWidth;
-        default:
-            return length;
+    const int width = typeRow(f->Type).width;
+    const bool memoInB = typeRow(f->Type).size == SizeRule::BinaryOrDouble;
+    if (memoInB && wideLength(*f) == kReferenceSize) return kIntegerWidth;
+    if (isDateOrMoment(*f) && h->DateFormat > 0) {
+        return valueClass(*f) == ValueClass::Date ? kDottedDate : kDottedDateTime;
     }
+    return width != 0 ? width : GetAllLen(h, field);
 }
 
 int GetLenMax(DbfBase* h, int field) {

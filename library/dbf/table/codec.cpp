@@ -19,6 +19,7 @@
 
 #include "dbf/table/table.h"
 #include "internal/bytes.h"
+#include "internal/clock.h"
 
 namespace mira {
 namespace {
@@ -55,6 +56,16 @@ void decodeHeader(const u8* from, DbfHeader* header) {
     header->HeaderLength = loadLe16(from + 8);
     header->RecordLength = loadLe16(from + 10);
     std::memcpy(header->Rest, from + 12, sizeof header->Rest);
+}
+
+void stampDate(DbfHeader* header, int yearLimit) {
+    std::tm now;
+    if (!localTime(std::time(nullptr), &now)) return;
+    int year = now.tm_year;
+    while (year >= yearLimit) year -= 100;
+    header->UpdateYear = static_cast<u8>(year);
+    header->UpdateMonth = static_cast<u8>(now.tm_mon + 1);
+    header->UpdateDay = static_cast<u8>(now.tm_mday);
 }
 
 void encodeHeader(const DbfHeader& header, u8* to) {

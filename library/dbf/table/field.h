@@ -1,5 +1,5 @@
 // The bounded view of a field in the record buffer: no decoder or encoder touches RecordBuffer
-// by another way.
+// in another way.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,9 @@
 #include <cstddef>
 #include <cstring>
 #include <span>
+#include <string_view>
 
+#include "dbf/table/types.h"
 #include "mira.h"
 
 namespace mira {
@@ -29,12 +31,24 @@ inline unsigned wideLength(const DbfField& f) { return f.Length + 256u * f.Decim
 /// Bytes the field occupies in the record.
 inline unsigned fieldLength(const DbfField& f) { return f.Type == 'C' ? wideLength(f) : f.Length; }
 
+/// A number with decimals and no room for a digit before them: .50 for 0.50.
+inline bool hidesZero(const DbfField& f) { return f.Decimals != 0 && f.Length == f.Decimals + 1; }
+
+/// Bytes of a memo reference that is no integer.
+inline constexpr u32 kReferenceSize = 10;
+
 /// The field's bytes, cut at the end of the record buffer; empty for a number that names no field.
 inline std::span<u8> fieldBytes(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
-    if (f == nullptr) return {};
+    if (f == nullptr) return {h->RecordBuffer, 0};
     const std::size_t room = kRecordBufferSize - f->Offset;
     return {h->RecordBuffer + f->Offset, std::min<std::size_t>(fieldLength(*f), room)};
+}
+
+/// The same as characters.
+inline std::string_view storedText(DbfBase* h, int field) {
+    const std::span<u8> bytes = fieldBytes(h, field);
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 /// N bytes from the field's place, whatever its length; zeros beyond the record buffer and for a

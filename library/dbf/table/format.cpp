@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
 
@@ -97,13 +98,15 @@ FieldList listToTerminator(const DbfBase* h, const Descriptors& list) {
     return measure(h, list, count);
 }
 
-/// The list up to the end of the header, without the zeros that Visual FoxPro leaves there.
+bool takesNothing(const Descriptors& list, u32 i) {
+    return fieldLength(decodeDescriptor(list.at(i), list.size, false)) == 0 &&
+           fieldLength(decodeDescriptor(list.at(i), list.size, true)) == 0;
+}
+
+/// The list up to the end of the header, where Visual FoxPro keeps zeros or the path of a database.
 FieldList listToHeaderEnd(const DbfBase* h, const Descriptors& list) {
     u32 count = std::min(list.count, (h->Header.HeaderLength - h->HeaderSize) / list.size);
-    for (; count != 0; --count) {
-        const DbfField last = decodeDescriptor(list.at(count - 1), list.size, false);
-        if (last.Type != 0 || last.Length != 0) break;
-    }
+    while (count != 0 && takesNothing(list, count - 1)) --count;
     return measure(h, list, count);
 }
 
@@ -137,7 +140,8 @@ int placeFields(DbfBase* h, u32* recordLength) {
 /// Descriptors to Fields. False when they make no table that can be opened.
 bool decodeFields(DbfBase* h, const Descriptors& list, u64 fileSize) {
     const FieldList fields = chooseList(h, list, fileSize);
-    h->ForeignLevel7 = fields.foreign ? 1 : 0;
+    if (fields.foreign && keepPrivate(h) == nullptr) return false;
+    if (h->Private != nullptr) h->Private->foreignLevel7 = fields.foreign;
     h->FieldCount = static_cast<u16>(fields.count);
     for (u32 i = 0; i < fields.count; ++i) {
         h->Fields[i] = decodeDescriptor(list.at(i), list.size, fields.foreign);
@@ -192,6 +196,7 @@ void nameBackup(DbfBase* h) {
 
 char readFields(DbfBase* h, bool fresh) {
     if (!fresh) std::memset(h->AliasNames, 0, sizeof h->AliasNames);
+    if (h->Private != nullptr) h->Private->expressions.reset();  // they name the old fields
     const Descriptors list = readDescriptors(h);
     // What an error cuts short is not taken for a shorter table: the next write would ruin it.
     u64 size = 0;

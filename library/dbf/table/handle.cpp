@@ -2,7 +2,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
 
@@ -59,6 +62,12 @@ void releaseBuffers(DbfBase* h) {
     release(h->MemoFileName);
     for (char*& format : h->DateFormats) release(format);
     for (char*& format : h->DateTimeFormats) release(format);
+    delete std::exchange(h->Private, nullptr);
+}
+
+PrivateState* keepPrivate(DbfBase* h) {
+    if (h->Private == nullptr) h->Private = new (std::nothrow) PrivateState;
+    return h->Private;
 }
 
 void SetDefOptions(DbfBase* h) {

@@ -2,7 +2,10 @@
 // and out of the table file.
 #pragma once
 
+#include <string_view>
+
 #include "dbf/table/field.h"
+#include "dbf/table/flavour.h"
 #include "internal/paths.h"
 #include "mira.h"
 
@@ -11,11 +14,6 @@ namespace mira {
 inline constexpr u32 kFieldMax = 2048;
 inline constexpr u32 kNoPosition = 0xFFFFFFFF;
 
-// Sizes of the table format.
-inline constexpr u32 kHeaderSize = 32;
-inline constexpr u32 kDescriptorSize = 32;
-inline constexpr u32 kHeaderSize7 = 68;  // level 7
-inline constexpr u32 kDescriptorSize7 = 48;
 inline constexpr u8 kTerminator = 0x0D;  // ends the descriptors
 
 // Status flags.
@@ -23,36 +21,16 @@ inline constexpr u32 kStatusVersion = 1;
 inline constexpr u32 kStatusFieldTypes = 2;
 inline constexpr u32 kStatusRecordCount = 4;
 
+/// A handle after Close_File, or one that never had a table.
+inline bool isClosed(const DbfBase* h) { return h->TableFile == nullptr; }
+/// A handle after Close_File, which leaves it its name.
+inline bool wasClosed(const DbfBase* h) { return isClosed(h) && h->FileName != nullptr; }
+
 inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
 
-inline constexpr u32 kAheadSize = sizeof(DbfBase::AheadBuffer);
-
-// Version bytes that code depends on; types.cpp lists all that are accepted.
-inline constexpr u8 kVersionPlain = 0x03;
-inline constexpr u8 kVersionDBase3 = 0x83;
-inline constexpr u8 kVersionDBase4 = 0x8B;
-inline constexpr u8 kVersionLevel7 = 0x8C;
-inline constexpr u8 kVersionFoxPro = 0xF5;
-inline constexpr u8 kVersionVisualFoxPro = 0x30;
-inline constexpr u8 kVersionSmt = 0xE5;
-
-// types.cpp: one row per field type.
-enum class BlankRule : u8 { Spaces, Zeros, SpacesAtLength14, ZerosAtLength8Or4, Reference };
-enum class NumericRule : u8 { Never, Always, AtLength8 };
-enum class MemoRule : u8 { Never, Always, AtLength10 };
-struct TypeRow {
-    char letter;
-    const char* name;
-    const char* nameAtLength8;  ///< null where the length makes no difference
-    BlankRule blank;
-    NumericRule numeric;
-    MemoRule memo;
-    bool accepted;  ///< tables with this letter open without remark
-};
-/// The row of a type letter, or the row of unknown letters.
-const TypeRow& typeRow(char letter);
-bool isNumeric(const DbfField&);
-bool acceptedVersion(u8 version);
+// types.cpp
+/// The first table field of a name, in any letter case, from a number on; -1 when there is none.
+int fieldNamed(const DbfBase*, std::string_view name, int from = 0);
 
 // handle.cpp
 /// The defaults that are not zero. False when there is no memory for the format copies.
@@ -64,6 +42,9 @@ void releaseBuffers(DbfBase*);
 void decodeHeader(const u8* from, DbfHeader*);
 void encodeHeader(const DbfHeader&, u8* to);
 void encodeDescriptor(const DbfField&, u32 descriptorSize, u8* to);
+/// Sets the day of the last update to today. The year counts from 1900; centuries are taken off
+/// until it is below a limit.
+void stampDate(DbfHeader*, int yearLimit);
 /// foreign: a level-7 descriptor of another maker. Offset stays 0.
 DbfField decodeDescriptor(const u8* from, u32 descriptorSize, bool foreign);
 
@@ -72,15 +53,20 @@ DbfField decodeDescriptor(const u8* from, u32 descriptorSize, bool foreign);
 char readFields(DbfBase*, bool fresh);
 
 // records.cpp
-/// Reads up to count bytes at a file offset of the table, from the bytes read ahead where they
-/// cover it. False when the offset cannot be reached; *got becomes the number of bytes read.
-bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got);
-/// Writes count bytes at a file offset of the table and keeps the bytes read ahead true.
+/// Reads up to count bytes at a file offset of the table; fresh ones are never from what is read
+/// ahead. False when the offset cannot be reached; *got becomes the number of bytes read.
+bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got, bool fresh = false);
+/// Reads a physical record into RecordBuffer, then calls AfterRead. False when not all of it could
+/// be read.
+bool readPhysicalRecord(DbfBase*, u32 record);
+/// ReadByte; fresh looks at the file in any case.
+bool readFlag(DbfBase*, u32 position, bool fresh);
+/// Writes count bytes at a file offset of the table.
 bool writeTable(DbfBase*, u64 offset, const void* buffer, u32 count);
 /// writeTable for a table file that stands at offset already.
 bool writeTableHere(DbfBase*, u64 offset, const void* buffer, u32 count);
-/// Forgets the bytes read ahead.
-void dropReadAhead(DbfBase*);
+/// Tells every handle of the file, this one included, that the file has changed.
+void tableChanged(DbfBase*);
 /// (size - HeaderLength) / RecordLength, 0 for a file shorter than its header.
 u32 recordsInFile(const DbfBase*, u64 size);
 

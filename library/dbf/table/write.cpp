@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
-#include "internal/clock.h"
 #include "internal/file.h"
 
 namespace mira {
@@ -14,12 +14,14 @@ namespace mira {
 namespace {
 
 constexpr u8 kEndOfFile = 0x1A;
+constexpr int kTwoDigitYears = 100;
 constexpr u32 kCopyChunk = 32768;
 
-/// The sequence all record writers share once the backup is made and the offset is known: a place
+/// The sequence all record writers share once the backup is made and the record is known: a place
 /// that cannot be reached stops it before the hook is called and Modified is set.
-int writeAt(DbfBase* h, u64 offset, RecordHook hook, const void* bytes, u32 count) {
-    if (!seekTo(h->TableFile, offset)) return 0;
+int writeAt(DbfBase* h, u32 record, u32 column, RecordHook hook, const void* bytes, u32 count) {
+    const u64 offset = offsetOf(h, record, column);
+    if (!isWithinReach(h, record) || !seekTo(h->TableFile, offset)) return 0;
     if (hook != nullptr) hook(h);
     h->Modified = 1;
     // The hook may have read other records, so the place is looked up anew after it.
@@ -34,15 +36,7 @@ int writeMapped(DbfBase* h, u32 position, u32 column, RecordHook hook, const voi
     backUp(h);
     u32 record = 0;
     if (!recordAt(h, position, &record)) return 0;
-    return writeAt(h, offsetOf(h, record, column), hook, bytes, count);
-}
-
-void stampDate(DbfHeader* header) {
-    std::tm now;
-    if (!localTime(std::time(nullptr), &now)) return;
-    header->UpdateDay = static_cast<u8>(now.tm_mday);
-    header->UpdateMonth = static_cast<u8>(now.tm_mon + 1);
-    header->UpdateYear = static_cast<u8>(now.tm_year % 100);
+    return writeAt(h, record, column, hook, bytes, count);
 }
 
 /// Copies the whole table file; false when a byte could not be read or written.
@@ -57,25 +51,45 @@ bool copyTable(DbfBase* h, std::FILE* copy, u8* buffer) {
     return std::ferror(h->TableFile) == 0;
 }
 
-/// Room for one more entry in a view's index; the old entries stay.
+/// Room for an entry beyond count in a view's index; the old entries stay.
 bool growIndex(u32** index, u32 count) {
+    if (*index == nullptr) return true;
     void* larger = std::realloc(*index, (std::size_t{count} + 1) * sizeof(u32));
     if (larger == nullptr) return false;
     *index = static_cast<u32*>(larger);
     return true;
 }
 
+/// Room for one more record in the sort order and the filter.
+bool growView(DbfBase* h) {
+    return growIndex(&h->SortOrder, std::max(reccount(h), sortOrderCount(h))) &&
+           growIndex(&h->FilterIndex, h->FilterCount);
+}
+
 /// Lets the record just written at physical number RecordCount join sort order and filter, in
-/// which growIndex has made room.
+/// which growView has made room.
 void joinView(DbfBase* h) {
     const u32 count = reccount(h);
     if (h->SortOrder != nullptr) {
         // Records that have appeared behind the sorted ones stand for themselves, as does this one.
-        u32 place = h->SortOrderCount != 0 ? std::min(h->SortOrderCount, count) : count;
+        const u32 sorted = sortOrderCount(h);
+        u32 place = sorted != 0 ? std::min(sorted, count) : count;
         for (; place <= count; ++place) h->SortOrder[place] = place;
-        if (h->SortOrderCount != 0) h->SortOrderCount = place;
+        if (sorted != 0) setSortOrderCount(h, place);
     }
     if (h->FilterIndex != nullptr) h->FilterIndex[h->FilterCount++] = h->Header.RecordCount;
+}
+
+/// Writes RecordBuffer after the last record that is there once the hook, which may append others
+/// or change the view, has run. The view has room for the record then.
+bool writeLast(DbfBase* h) {
+    backUp(h);
+    if (!isWithinReach(h, h->Header.RecordCount)) return false;
+    if (h->BeforeWrite != nullptr) h->BeforeWrite(h);
+    const u32 record = h->Header.RecordCount;
+    if (isClosed(h) || !isWithinReach(h, record) || !growView(h)) return false;
+    h->Modified = 1;
+    return writeTable(h, offsetOf(h, record), h->RecordBuffer, h->Header.RecordLength);
 }
 
 }  // namespace
@@ -90,7 +104,7 @@ int WriteRecord(DbfBase* h, u32 position) {
 
 int InternalWriteRecord(DbfBase* h, u32 record) {
     backUp(h);
-    return writeAt(h, offsetOf(h, record), h->BeforeWrite, h->RecordBuffer, h->Header.RecordLength);
+    return writeAt(h, record, 0, h->BeforeWrite, h->RecordBuffer, h->Header.RecordLength);
 }
 
 int WriteByte(DbfBase* h, u32 position) {
@@ -99,14 +113,15 @@ int WriteByte(DbfBase* h, u32 position) {
 
 int WriteField(DbfBase* h, u32 position, int field) {
     const DbfField* f = tableField(h, field);
-    if (f == nullptr) return 0;
+    if (f == nullptr || isClosed(h)) return 0;
     const std::span<u8> bytes = fieldBytes(h, field);
     return writeMapped(h, position, f->Offset, nullptr, bytes.data(),
                        static_cast<u32>(bytes.size()));
 }
 
 int WriteHeader(DbfBase* h) {
-    stampDate(&h->Header);
+    if (isClosed(h)) return 0;
+    stampDate(&h->Header, kTwoDigitYears);
     u8 image[sizeof(DbfHeader)];
     encodeHeader(h->Header, image);
     const bool written = writeTable(h, 0, image, h->HeaderSize);
@@ -117,20 +132,20 @@ int WriteHeader(DbfBase* h) {
 }
 
 int AppendBlank(DbfBase* h, char clear) {
+    if (isClosed(h)) return 0;
     if (clear != 0) ClearRecord(h);
-    const u32 count = reccount(h);
-    if (h->SortOrder != nullptr && !growIndex(&h->SortOrder, count)) return 0;
-    if (h->FilterIndex != nullptr && !growIndex(&h->FilterIndex, h->FilterCount)) return 0;
+    if (!growView(h)) return 0;
     h->UseFilterIndex = 0;
-    const int written = InternalWriteRecord(h, h->Header.RecordCount);
+    const bool written = writeLast(h);
     h->UseFilterIndex = 1;
-    if (written == 0) return 0;
+    if (!written) return 0;
     joinView(h);
     ++h->Header.RecordCount;
     return WriteHeader(h);
 }
 
 int DupRecord(DbfBase* h) {
+    if (isClosed(h)) return 0;
     const u32 length = h->Header.RecordLength;
     if (h->SavedRecord == nullptr) h->SavedRecord = allocate<u8>(length).release();
     if (h->SavedRecord == nullptr) return 0;
@@ -144,6 +159,7 @@ void DupToRecord(DbfBase* h) {
 }
 
 int MakeBakFile(DbfBase* h, char force) {
+    if (isClosed(h)) return 0;
     const bool due = h->BackupEnabled != 0 && h->BackupDone == 0;
     if (!due && force == 0) return 1;
     // A table that is its own backup must neither be copied onto itself nor removed.

@@ -14,8 +14,10 @@
 #include <cstring>
 #include <limits>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/value/value.h"
+#include "internal/ascii.h"
 #include "internal/bytes.h"
 #include "internal/clock.h"
 #include "internal/datelayout.h"
@@ -31,19 +33,19 @@ constexpr i64 kDayMilliseconds = 86400000;
 
 constexpr i32 days[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
 
-constexpr std::size_t kDateDigits = 8;
-constexpr std::size_t kDateTimeDigits = 14;
-
 constexpr i32 kFormatLast = 4;
 
 constexpr u32 kNoTimeStamp = 0xFFFFFFFF;
 
 struct DateTime {
-    int year, month, day, hour, minute, second;  // month 1 to 12
+    int year = 0, month = 1, day = 0;  // as it stands, no valid day
+    int hour = 0, minute = 0, second = 0;
 };
 
-bool hasTime(char type) { return type == 'T' || type == '@'; }
-bool isBinary(const DbfField& f) { return hasTime(f.Type) && f.Length == 8; }
+bool hasTime(const DbfField& f) { return valueClass(f) == ValueClass::Moment; }
+bool isBinary(const DbfField& f) { return hasTime(f) && f.Length == 8; }
+bool isTimestamp(const DbfField& f) { return f.Type == '@'; }
+bool isForeign(const DbfBase* h, const DbfField& f) { return isTimestamp(f) && isForeignLevel7(h); }
 
 /// atoi of at most four characters; 0 for a piece beyond the end of the text.
 int readPiece(std::string_view text, std::size_t start, std::size_t length) {
@@ -54,7 +56,7 @@ int readPiece(std::string_view text, std::size_t start, std::size_t length) {
     const bool negative = i < text.size() && text[i] == '-';
     if (i < text.size() && (text[i] == '-' || text[i] == '+')) ++i;
     int value = 0;
-    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
+    for (; i < text.size() && isDigit(text[i]); ++i) {
         value = value * 10 + (text[i] - '0');
     }
     return negative ? -value : value;
@@ -75,10 +77,10 @@ i64 dayNumber(int year, int month, int day) {
 
 /// Fills year, month and day from a day number. Before year 0 the day counts back from the last one
 /// before it, which makes no valid date.
-void splitDay(i64 number, std::tm* t) {
+void splitDay(i64 number, DateTime* v) {
     const i64 n = number - kDayBeforeYear0;
     if (n <= 0) {
-        t->tm_mday = static_cast<int>(std::max<i64>(n, std::numeric_limits<i32>::min()));
+        v->day = static_cast<int>(std::max<i64>(n, std::numeric_limits<i32>::min()));
         return;
     }
     // Eras of 400 years that start on 1 March, so that the leap day is the last day of a year.
@@ -88,63 +90,95 @@ void splitDay(i64 number, std::tm* t) {
     const u32 yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
     const u32 dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
     const u32 month = (5 * dayOfYear + 2) / 153;  // 0 is March
-    t->tm_mday = static_cast<int>(dayOfYear - (153 * month + 2) / 5 + 1);
-    t->tm_mon = static_cast<int>(month < 10 ? month + 2 : month - 10);
-    t->tm_year = static_cast<int>(yearOfEra + era * 400 + (month >= 10 ? 1 : 0)) - 400;
+    v->day = static_cast<int>(dayOfYear - (153 * month + 2) / 5 + 1);
+    v->month = static_cast<int>(month < 10 ? month + 3 : month - 9);
+    v->year = static_cast<int>(yearOfEra + era * 400 + (month >= 10 ? 1 : 0)) - 400;
 }
 
-/// Day number and milliseconds to a broken-down time; all zeros, which is invalid, beyond year
-/// 9999.
-std::tm splitDateTime(i64 day, i64 milliseconds) {
-    std::tm t{};
-    if (day > kLastDay) return t;
-    splitDay(day, &t);
+/// The date and time of a day number and milliseconds; no valid ones after year 9999.
+DateTime splitMoment(i64 day, i64 milliseconds) {
+    DateTime v;
+    if (day > kLastDay) return v;
+    splitDay(day, &v);
     const i64 seconds = milliseconds / 1000;
-    t.tm_hour = static_cast<int>(seconds / 3600);
-    t.tm_min = static_cast<int>(seconds % 3600 / 60);
-    t.tm_sec = static_cast<int>(seconds % 60);
-    return t;
+    v.hour = static_cast<int>(seconds / 3600);
+    v.minute = static_cast<int>(seconds % 3600 / 60);
+    v.second = static_cast<int>(seconds % 60);
+    return v;
 }
 
-std::tm decodeBinary(const std::array<u8, 8>& bytes) {
-    return splitDateTime(static_cast<i32>(loadLe32(bytes.data())),
-                         static_cast<i32>(loadLe32(bytes.data() + 4)));
+struct Moment {
+    i32 day, milliseconds;
+};
+Moment loadMoment(const std::array<u8, 8>& bytes) {
+    return {static_cast<i32>(loadLe32(bytes.data())), static_cast<i32>(loadLe32(&bytes[4]))};
 }
 
-std::tm decodeForeign(const std::array<u8, 8>& bytes) {
+DateTime decodeForeign(const std::array<u8, 8>& bytes) {
     const double value = loadBeDouble(bytes.data());
     constexpr double limit =
         static_cast<double>((kLastDay - kDayBeforeYear1 + 1) * kDayMilliseconds);
-    if (!(value >= static_cast<double>(kDayMilliseconds) && value < limit)) return std::tm{};
+    if (!(value >= static_cast<double>(kDayMilliseconds) && value < limit)) return {};
     const i64 milliseconds = static_cast<i64>(value);
-    return splitDateTime(kDayBeforeYear1 + milliseconds / kDayMilliseconds,
-                         milliseconds % kDayMilliseconds);
+    return splitMoment(kDayBeforeYear1 + milliseconds / kDayMilliseconds,
+                       milliseconds % kDayMilliseconds);
 }
 
-std::tm decodeDigits(std::string_view text, bool withTime) {
-    std::tm t{};
-    t.tm_year = readPiece(text, 0, 4);
-    t.tm_mon = readPiece(text, 4, 2) - 1;
-    t.tm_mday = readPiece(text, 6, 2);
-    if (withTime) {
-        t.tm_hour = readPiece(text, 8, 2);
-        t.tm_min = readPiece(text, 10, 2);
-        t.tm_sec = readPiece(text, 12, 2);
+/// Reads eight digits at once. False, with nothing read, when a byte is no digit.
+bool readEightDigits(const char* text, DateTime* v) {
+    const u64 word = loadLe64(reinterpret_cast<const u8*>(text)) ^ 0x3030303030303030;
+    // A byte above 9 reaches the top bit by this sum, if it does not have it already.
+    if (((word | (word + 0x7676767676767676)) & 0x8080808080808080) != 0) return false;
+    const u64 pairs = word * 10 + (word >> 8);  // a number of two digits in every other byte
+    const auto pairAt = [pairs](int byte) { return static_cast<int>(pairs >> 8 * byte & 0xFF); };
+    v->year = pairAt(0) * 100 + pairAt(2);
+    v->month = pairAt(4);
+    v->day = pairAt(6);
+    return true;
+}
+
+/// A date, with its time where the field has one, from a text in a layout.
+DateTime readText(std::string_view text, const DateLayout& at, bool withTime) {
+    DateTime v;
+    const bool digits = &at == kDateLayouts && text.size() >= kDateDigits;
+    if (!digits || !readEightDigits(text.data(), &v)) {
+        v.year = readPiece(text, at.year, 4);
+        v.month = readPiece(text, at.month, 2);
+        v.day = readPiece(text, at.day, 2);
     }
+    if (withTime) {
+        v.hour = readPiece(text, at.hour, 2);
+        v.minute = readPiece(text, at.minute, 2);
+        v.second = readPiece(text, at.second, 2);
+    }
+    return v;
+}
+
+DateTime decode(DbfBase* h, int field) {
+    const DbfField* f = tableField(h, field);
+    if (f == nullptr) return {};
+    if (!isBinary(*f)) return readText(storedText(h, field), kDateLayouts[0], hasTime(*f));
+    const auto bytes = fieldPrefix<8>(h, field);
+    if (isForeign(h, *f)) return decodeForeign(bytes);
+    const Moment moment = loadMoment(bytes);
+    return splitMoment(moment.day, moment.milliseconds);
+}
+
+std::tm toTm(const DateTime& v) {
+    std::tm t{};
+    t.tm_year = v.year;
+    t.tm_mon = v.month - 1;
+    t.tm_mday = v.day;
+    t.tm_hour = v.hour;
+    t.tm_min = v.minute;
+    t.tm_sec = v.second;
     return t;
 }
 
-std::tm decode(DbfBase* h, int field) {
-    const DbfField* f = tableField(h, field);
-    if (f == nullptr) return std::tm{};
-    if (isBinary(*f)) {
-        const bool foreign = f->Type == '@' && h->ForeignLevel7 != 0;
-        const auto bytes = fieldPrefix<8>(h, field);
-        return foreign ? decodeForeign(bytes) : decodeBinary(bytes);
-    }
-    const std::span<u8> bytes = fieldBytes(h, field);
-    return decodeDigits({reinterpret_cast<const char*>(bytes.data()), bytes.size()},
-                        hasTime(f->Type));
+bool isValid(const DateTime& v) {
+    if (v.second > 59 || v.minute > 59 || v.hour > 23 || v.year > 9999) return false;
+    if (v.month < 1 || v.month > 12 || v.day < 1) return false;
+    return v.day <= days[v.month - 1] + (v.month == 2 ? if_leap_year(v.year) : 0);
 }
 
 /// printf of integers with a format of literals and %0Nd conversions. False for any other format,
@@ -175,25 +209,38 @@ bool printPadded(char* to, std::size_t room, const char* format, std::span<const
 }
 
 /// Day, month and year in the order of a date format, then the time.
-std::array<int, 6> inFormatOrder(i32 dateFormat, const std::tm& t) {
-    const int month = t.tm_mon + 1;
+std::array<int, 6> inFormatOrder(i32 dateFormat, const DateTime& v) {
     switch (dateFormat) {
         case 1:
-            return {t.tm_mday, month, t.tm_year, t.tm_hour, t.tm_min, t.tm_sec};
+            return {v.day, v.month, v.year, v.hour, v.minute, v.second};
         case 2:
-            return {month, t.tm_mday, t.tm_year, t.tm_hour, t.tm_min, t.tm_sec};
+            return {v.month, v.day, v.year, v.hour, v.minute, v.second};
         default:
-            return {t.tm_year, month, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec};
+            return {v.year, v.month, v.day, v.hour, v.minute, v.second};
     }
 }
 
-void renderBlank(DbfBase* h, char type) {
-    static constexpr char empty[] = "                   ";
-    const bool formatted = h->DateFormat > 0;
-    const std::size_t length =
-        hasTime(type) ? (formatted ? 19 : kDateTimeDigits) : (formatted ? 10 : kDateDigits);
-    std::memcpy(h->TextBuffer, empty, length);
+/// The pattern of DateFormat; null when values are shown as stored.
+const char* patternOf(const DbfBase* h, char* const (&patterns)[5]) {
+    return h->DateFormat > 0 && h->DateFormat <= kFormatLast ? patterns[h->DateFormat] : nullptr;
+}
+
+const char* renderBlank(DbfBase* h, std::size_t length) {
+    std::memset(h->TextBuffer, ' ', length);
     h->TextBuffer[length] = 0;
+    return h->TextBuffer;
+}
+
+/// Renders a value; blanks is the length of one that is not valid.
+const char* render(DbfBase* h, int field, const char* pattern, std::size_t blanks) {
+    const DateTime v = decode(h, field);
+    if (!isValid(v)) return renderBlank(h, blanks);
+    if (pattern == nullptr) return GetString(h, field);
+    const std::array<int, 6> n = inFormatOrder(h->DateFormat, v);
+    if (!printPadded(h->TextBuffer, kTextBufferSize, pattern, n)) {
+        std::snprintf(h->TextBuffer, kTextBufferSize, pattern, n[0], n[1], n[2], n[3], n[4], n[5]);
+    }
+    return h->TextBuffer;
 }
 
 /// Stores the digits of a date, and of a time where the field has one.
@@ -201,10 +248,10 @@ void storeDigits(DbfBase* h, int field, const DateTime& v) {
     char text[80];
     const int printed = std::snprintf(text, sizeof text, "%04d%02d%02d%02d%02d%02d", v.year,
                                       v.month, v.day, v.hour, v.minute, v.second);
-    if (h->Fields[field].Type == 'D') {
+    if (!hasTime(h->Fields[field])) {
         text[kDateDigits] = 0;
     } else if (printed != static_cast<int>(kDateTimeDigits)) {
-        return;  // a value wider than its places would shift the ones behind it
+        return;  // a value wider than its places would shift the ones after it
     }
     SetString(h, field, text);
 }
@@ -214,7 +261,7 @@ void storeBinary(DbfBase* h, int field, const DateTime& v) {
     if (to == nullptr) return;
     const i64 day = dayNumber(v.year, v.month, v.day);
     const i64 milliseconds = (v.second + i64{60} * v.minute + i64{3600} * v.hour) * 1000;
-    if (h->Fields[field].Type == '@' && h->ForeignLevel7 != 0) {
+    if (isForeign(h, h->Fields[field])) {
         storeBeDouble(
             to, static_cast<double>((day - kDayBeforeYear1) * kDayMilliseconds + milliseconds));
         return;
@@ -234,57 +281,49 @@ void store(DbfBase* h, int field, const DateTime& v) {
 
 }  // namespace
 
-void renderDate(DbfBase* h, int field) {
-    const char type = h->Fields[field].Type;
-    std::tm t = decode(h, field);
-    if (mymktime(&t) != 0) {
-        renderBlank(h, type);
-        return;
+const char* renderDate(DbfBase* h, int field) {
+    const std::size_t blanks = h->DateFormat > 0 ? kDottedDate : kDateDigits;
+    return render(h, field, patternOf(h, h->DateFormats), blanks);
+}
+
+const char* renderMoment(DbfBase* h, int field) {
+    const DbfField& f = h->Fields[field];
+    const std::size_t blanks = h->DateFormat > 0 ? kDottedDateTime : kDateTimeDigits;
+    const char* const pattern = patternOf(h, h->DateTimeFormats);
+    if (pattern != nullptr || !isBinary(f) || isForeign(h, f)) {
+        return render(h, field, pattern, blanks);
     }
-    const i32 format = h->DateFormat;
-    const char* pattern = nullptr;
-    if (format > 0 && format <= kFormatLast) {
-        pattern = hasTime(type) ? h->DateTimeFormats[format] : h->DateFormats[format];
-    }
-    if (pattern == nullptr) {
-        GetString(h, field);
-        return;
-    }
-    const std::array<int, 6> v = inFormatOrder(format, t);
-    if (!printPadded(h->TextBuffer, kTextBufferSize, pattern, v)) {
-        std::snprintf(h->TextBuffer, kTextBufferSize, pattern, v[0], v[1], v[2], v[3], v[4], v[5]);
-    }
+    // Shown as stored, so all that counts is whether it is valid.
+    const auto [day, milliseconds] = loadMoment(fieldPrefix<8>(h, field));
+    const bool valid = day > kDayBeforeYear0 && day <= kLastDay && milliseconds < kDayMilliseconds;
+    return valid ? GetString(h, field) : renderBlank(h, blanks);
 }
 
 int if_leap_year(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0 ? 1 : 0; }
 
 int mymktime(std::tm* t) {
-    if (t->tm_sec > 59 || t->tm_min > 59 || t->tm_hour > 23) return -1;
-    if (t->tm_mon < 0 || t->tm_mon > 11 || t->tm_mday < 1 || t->tm_year > 9999) return -1;
-    const int length = days[t->tm_mon] + (t->tm_mon == 1 ? if_leap_year(t->tm_year) : 0);
-    return t->tm_mday <= length ? 0 : -1;
+    if (t->tm_mon < 0 || t->tm_mon > 11) return -1;
+    const DateTime v{t->tm_year, t->tm_mon + 1, t->tm_mday, t->tm_hour, t->tm_min, t->tm_sec};
+    return isValid(v) ? 0 : -1;
 }
 
-std::tm GetDT(DbfBase* h, int field) { return decode(h, field); }
+std::tm GetDT(DbfBase* h, int field) { return toTm(decode(h, field)); }
 
-std::tm GetTm(DbfBase* h, int field) { return decode(h, field); }
+std::tm GetTm(DbfBase* h, int field) { return GetDT(h, field); }
 
-int GetDateTime(DbfBase* h, int field) {
-    std::tm t = decode(h, field);
-    return mymktime(&t);
-}
+int GetDateTime(DbfBase* h, int field) { return isValid(decode(h, field)) ? 0 : -1; }
 
 void SetDateTime(DbfBase* h, int field, int year, int month, int day, int hour, int minute,
                  int second) {
     const DbfField* f = tableField(h, field);
-    if (f == nullptr || (f->Type != 'D' && f->Type != 'T')) return;
+    if (f == nullptr || !isDateOrMoment(*f) || isTimestamp(*f)) return;
     store(h, field, {year, month, day, hour, minute, second});
 }
 
 void SetTimeStamp(DbfBase* h, int field, int year, int month, int day, int hour, int minute,
                   int second) {
     const DbfField* f = tableField(h, field);
-    if (f == nullptr || f->Type != '@') return;
+    if (f == nullptr || !isTimestamp(*f)) return;
     store(h, field, {year, month, day, hour, minute, second});
 }
 
@@ -308,21 +347,10 @@ void SetDateS(DbfBase* h, int field, const char* text) {
 void SetDateTimeS(DbfBase* h, int field, const char* text) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return;
-    const DateLayout& at = dateLayout(h->DateFormat);
-    DateTime v{readPiece(text, at.year, 4),
-               readPiece(text, at.month, 2),
-               readPiece(text, at.day, 2),
-               0,
-               0,
-               0};
-    if (hasTime(f->Type)) {
-        v.hour = readPiece(text, at.hour, 2);
-        v.minute = readPiece(text, at.minute, 2);
-        v.second = readPiece(text, at.second, 2);
-    }
+    const DateTime v = readText(text, dateLayout(h->DateFormat), hasTime(*f));
     if (v.month == 0 || v.day == 0) {
         ClearField(h, field);
-    } else if (f->Type == 'D' || hasTime(f->Type)) {
+    } else if (isDateOrMoment(*f)) {
         store(h, field, v);
     }
 }

@@ -7,13 +7,12 @@
 //         zero and above, all bits inverted below
 //   Y     8 bytes little-endian, signed, in ten-thousandths
 //   N, F  decimal text, right-aligned
-#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
-#include "dbf/value/value.h"
 #include "internal/bytes.h"
 #include "internal/convert.h"
 #include "internal/decimal.h"
@@ -53,7 +52,7 @@ u32 GetInt(DbfBase* h, int field) {
     const auto bytes = fieldPrefix<4>(h, field);
     if (h->Level7 == 0) return loadLe32(bytes.data());
     const u32 value = loadBe32(bytes.data());
-    return h->ForeignLevel7 != 0 ? value ^ kTopBit32 : value & ~kTopBit32;
+    return isForeignLevel7(h) ? value ^ kTopBit32 : value & ~kTopBit32;
 }
 
 void SetInt(DbfBase* h, int field, u32 value) {
@@ -62,7 +61,7 @@ void SetInt(DbfBase* h, int field, u32 value) {
     if (h->Level7 == 0) {
         storeLe32(to, value);
     } else {
-        storeBe32(to, h->ForeignLevel7 != 0 ? value ^ kTopBit32 : value & ~kTopBit32);
+        storeBe32(to, isForeignLevel7(h) ? value ^ kTopBit32 : value & ~kTopBit32);
     }
 }
 
@@ -103,9 +102,7 @@ void SetCurrency(DbfBase* h, int field, double value) {
 double GetNumeric(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return 0.0;
-    const std::span<u8> bytes =
-        fieldBytes(h, field).first(std::min<std::size_t>(f->Length, kRecordBufferSize - f->Offset));
-    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    const std::string_view text = storedText(h, field).substr(0, f->Length);
     return readDecimal(text.substr(0, text.find('\0')));
 }
 
@@ -129,30 +126,11 @@ void SetFloat(DbfBase* h, int field, double value) {
     char text[kFixedTextSize];
     const char* start = text;
     std::size_t length = printFixed(text, value, f->Length, f->Decimals);
-    if (f->Length == f->Decimals + 1 && std::strncmp(text, "0.", 2) == 0) {
+    if (hidesZero(*f) && std::strncmp(text, "0.", 2) == 0) {
         ++start;  // no room for an integer digit: .50
         --length;
     }
     if (length <= f->Length) storeText(h, field, start, length);
-}
-
-double fieldValue(DbfBase* h, int field) {
-    switch (h->Fields[field].Type) {
-        case 'B':
-            return GetDouble(h, field);
-        case 'F':
-        case 'N':
-            return GetFloat(h, field);
-        case 'I':
-        case '+':
-            return static_cast<double>(static_cast<i32>(GetInt(h, field)));
-        case 'O':
-            return GetInvertedDouble(h, field);
-        case 'Y':
-            return GetCurrency(h, field);
-        default:
-            return 0.0;
-    }
 }
 
 }  // namespace mira

@@ -7,7 +7,7 @@
 //   others  4 bytes      block as an integer field holds it
 //   others  else         block as right-aligned decimal digits
 //
-// Block 0 means no memo, but in SMT tables the length decides.
+// Block 0 means no memo; in SMT tables ten zero bytes do.
 #include "dbf/value/reference.h"
 
 #include <cstring>
@@ -19,11 +19,10 @@
 namespace mira {
 namespace {
 
-constexpr u32 kReferenceSize = 10;
-constexpr u32 kLengthPlace = 2;
+constexpr u32 kMemoLengthPlace = 2;
 constexpr u32 kBlockPlace = 6;
 
-bool isBinary(const DbfBase* h) { return h->Header.Version == kVersionSmt; }
+bool isBinary(const DbfBase* h) { return flavourOf(h->Header.Version).lengthInReference; }
 
 bool isInteger(const DbfBase* h, int field) { return wideLength(h->Fields[field]) == 4; }
 
@@ -32,10 +31,12 @@ bool isInteger(const DbfBase* h, int field) { return wideLength(h->Fields[field]
 MemoReference memoReference(DbfBase* h, int field) {
     if (isBinary(h)) {
         const auto bytes = fieldPrefix<kReferenceSize>(h, field);
-        return {loadLe32(&bytes[kBlockPlace]), loadLe32(&bytes[kLengthPlace])};
+        return {loadLe32(&bytes[kBlockPlace]), loadLe32(&bytes[kMemoLengthPlace]),
+                bytes == std::array<u8, kReferenceSize>{}};
     }
-    if (isInteger(h, field)) return {GetInt(h, field), 0};
-    return {static_cast<u32>(clampToI32(GetNumeric(h, field))), 0};
+    const u32 block =
+        isInteger(h, field) ? GetInt(h, field) : static_cast<u32>(clampToI32(GetNumeric(h, field)));
+    return {block, 0, block == 0};
 }
 
 bool hasRoomForReference(DbfBase* h, int field) {
@@ -46,8 +47,8 @@ void setMemoReference(DbfBase* h, int field, MemoReference reference) {
     if (isBinary(h)) {
         u8* to = fieldRoom<kReferenceSize>(h, field);
         if (to == nullptr) return;
-        std::memset(to, 0, kLengthPlace);
-        storeLe32(to + kLengthPlace, reference.length);
+        std::memset(to, 0, kMemoLengthPlace);
+        storeLe32(to + kMemoLengthPlace, reference.length);
         storeLe32(to + kBlockPlace, reference.block);
     } else if (isInteger(h, field)) {
         SetInt(h, field, reference.block);

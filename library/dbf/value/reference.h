@@ -5,10 +5,11 @@
 
 namespace mira {
 
-/// What a memo field holds. length counts only in SMT tables.
+/// What a memo field holds.
 struct MemoReference {
     u32 block;
-    u32 length;
+    u32 length;            ///< counts only in SMT tables
+    bool isBlank = false;  ///< stands for no memo
 };
 
 /// The reference in a memo field of RecordBuffer.

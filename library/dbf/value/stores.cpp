@@ -1,73 +1,10 @@
-// Writing field values: the dispatch by type and the writers of characters and logicals.
-#include <algorithm>
+// The writers of characters and logicals.
 #include <cstring>
 
 #include "dbf/table/table.h"
-#include "dbf/value/value.h"
 #include "internal/ascii.h"
-#include "internal/convert.h"
 
 namespace mira {
-
-namespace {
-
-/// Truncated toward zero; 0 for what 32 bits cannot hold.
-i32 toInteger(double number) {
-    return number > 2147483647.0 || number < -2147483648.0 ? 0 : clampToI32(number);
-}
-
-void setText(DbfBase* h, int field, char type, const char* text) {
-    switch (type) {
-        case 'D':
-            SetDateS(h, field, text);
-            break;
-        case 'T':
-        case '@':
-            SetDateTimeS(h, field, text);
-            break;
-        case 'L':
-            SetLogical(h, field, text[0]);
-            break;
-        default:
-            SetString(h, field, text);
-    }
-}
-
-}  // namespace
-
-void storeField(DbfBase* h, int field, const char* text, double number) {
-    const char type = h->Fields[field].Type;
-    switch (type) {
-        case 'C':
-        case 'Q':
-        case 'V':
-        case 'D':
-        case 'T':
-        case '@':
-        case 'L':
-            if (text != nullptr) setText(h, field, type, text);
-            break;
-        case 'F':
-        case 'N':
-            SetFloat(h, field, number);
-            break;
-        case 'I':
-        case '+':
-            SetInt(h, field, static_cast<u32>(toInteger(number)));
-            break;
-        case 'O':
-            SetInvertedDouble(h, field, number);
-            break;
-        case 'Y':
-            SetCurrency(h, field, number);
-            break;
-        case 'B':
-            SetDouble(h, field, number);
-            break;
-        default:
-            break;
-    }
-}
 
 void SetString(DbfBase* h, int field, const char* text) {
     const std::span<u8> bytes = fieldBytes(h, field);

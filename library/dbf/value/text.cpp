@@ -6,74 +6,78 @@
 #include <cstring>
 
 #include "dbf/table/table.h"
+#include "dbf/value/reference.h"
 #include "dbf/value/value.h"
 #include "internal/bytes.h"
-#include "internal/convert.h"
 #include "internal/decimal.h"
 
 namespace mira {
 namespace {
 
-constexpr unsigned kIntegerWidth = 10;
-constexpr unsigned kDoubleWidth = 20;
 constexpr unsigned kOrderedDecimals = 8;
-constexpr unsigned kCurrencyWidth = 24;
 constexpr unsigned kCurrencyDecimals = 4;
-
-constexpr std::size_t kShortField = 32;
 
 enum TrimModes { kTrimEnd = 1, kTrimStart = 2, kTrimBoth = 3 };
 
-bool isDigit(u8 c) { return c >= '0' && c <= '9'; }
-
-/// Counts the digits from i on.
-std::size_t digitRun(std::span<const u8> text, std::size_t i) {
-    const std::size_t start = i;
-    while (i < text.size() && isDigit(text[i])) ++i;
-    return i - start;
-}
-
 /// True for a stored number that printing with the field's width and decimals would reproduce:
 /// right-aligned, without superfluous zeros, all decimals there, few enough digits to be exact.
-bool isCanonical(std::span<const u8> text, unsigned decimals) {
-    std::size_t i = 0;
-    while (i < text.size() && text[i] == ' ') ++i;
-    if (i < text.size() && text[i] == '-') ++i;
-    const std::size_t whole = digitRun(text, i);
-    if (whole == 0 || whole + decimals > kExactDigits || (whole > 1 && text[i] == '0'))
+bool isCanonical(std::string_view stored, const DbfField& f) {
+    const StoredDecimal number = scanDecimal(stored);
+    if (number.end != stored.data() + stored.size() || number.decimals != f.Decimals ||
+        number.point != (f.Decimals != 0) || number.whole + number.decimals > kExactDigits) {
         return false;
-    i += whole;
-    if (decimals == 0) return i == text.size();
-    return i < text.size() && text[i] == '.' && digitRun(text, i + 1) == decimals &&
-           i + 1 + decimals == text.size();
+    }
+    if (hidesZero(f)) return true;  // point and decimals leave no room for more
+    return number.whole == 1 || (number.whole > 1 && *number.first != '0');
 }
 
-/// Short fields, as numbers are, are copied by inlined code, which is quicker than a call.
-void copyStored(DbfBase* h, std::span<const u8> bytes) {
-    if (bytes.size() <= kShortField) {
-        std::copy(bytes.begin(), bytes.end(), h->TextBuffer);
-    } else {
-        std::memcpy(h->TextBuffer, bytes.data(), bytes.size());
+/// Copies whole words. What the last one has beyond the text becomes the zero byte after it.
+const char* copyStored(DbfBase* h, std::string_view stored) {
+    const auto* from = reinterpret_cast<const u8*>(stored.data());
+    auto* to = reinterpret_cast<u8*>(h->TextBuffer);
+    std::size_t left = stored.size();
+    for (; left >= sizeof(u64); left -= sizeof(u64)) {
+        storeLe64(to, loadLe64(from));
+        from += sizeof(u64);
+        to += sizeof(u64);
     }
-    h->TextBuffer[bytes.size()] = 0;
+    storeLe64(to, loadLe64(from) & ((u64{1} << 8 * left) - 1));
+    return h->TextBuffer;
 }
 
-void renderNumber(DbfBase* h, int field, const DbfField& f) {
-    const std::span<const u8> stored = fieldBytes(h, field);
-    if (h->RawNumeric != 0) {
-        copyStored(h, stored);
-        return;
-    }
-    const bool noWhole = f.Decimals != 0 && f.Length == f.Decimals + 1;  // .50: no integer digit
-    if (!noWhole && isCanonical(stored, f.Decimals)) {
-        copyStored(h, stored);
-        return;
-    }
+}  // namespace
+
+const char* renderNothing(DbfBase* h, int /*field*/) {
+    h->TextBuffer[0] = 0;
+    return h->TextBuffer;
+}
+
+const char* renderLogical(DbfBase* h, int field) {
+    h->TextBuffer[0] = static_cast<char>(fieldPrefix<1>(h, field)[0]);
+    h->TextBuffer[1] = 0;
+    return h->TextBuffer;
+}
+
+const char* renderDecimal(DbfBase* h, int field) {
+    const DbfField& f = h->Fields[field];
+    const std::string_view stored = storedText(h, field);
+    if (h->RawNumeric != 0 || isCanonical(stored, f)) return copyStored(h, stored);
     const std::size_t length = printFixed(h->TextBuffer, GetFloat(h, field), f.Length, f.Decimals);
-    if (noWhole) std::memmove(h->TextBuffer, h->TextBuffer + 1, length);
+    if (hidesZero(f)) std::memmove(h->TextBuffer, h->TextBuffer + 1, length);
+    return h->TextBuffer;
 }
 
-void renderCurrency(DbfBase* h, int field) {
+const char* renderInteger(DbfBase* h, int field) {
+    printInteger(h->TextBuffer, static_cast<i32>(GetInt(h, field)), kIntegerWidth);
+    return h->TextBuffer;
+}
+
+const char* renderOrdered(DbfBase* h, int field) {
+    printFixed(h->TextBuffer, GetInvertedDouble(h, field), kDoubleWidth, kOrderedDecimals);
+    return h->TextBuffer;
+}
+
+const char* renderCurrency(DbfBase* h, int field) {
     const auto stored = static_cast<i64>(loadLe64(fieldPrefix<8>(h, field).data()));
     if (stored > -kExactCurrency && stored < kExactCurrency) {
         printScaled(h->TextBuffer, stored < 0, static_cast<u64>(stored < 0 ? -stored : stored),
@@ -81,97 +85,32 @@ void renderCurrency(DbfBase* h, int field) {
     } else {
         printFixed(h->TextBuffer, GetCurrency(h, field), kCurrencyWidth, kCurrencyDecimals);
     }
+    return h->TextBuffer;
 }
 
-void renderPresence(DbfBase* h, bool present) {
-    static constexpr char texts[2][11] = {"Empty memo", "Full memo "};
-    std::memcpy(h->TextBuffer, texts[present ? 1 : 0], sizeof texts[0]);
+const char* renderBinaryOrDouble(DbfBase* h, int field) {
+    const DbfField& f = h->Fields[field];
+    if (f.Length != 8) return renderMemo(h, field);
+    printFixed(h->TextBuffer, GetDouble(h, field), kDoubleWidth, f.Decimals);
+    return h->TextBuffer;
 }
 
-/// The reference of an SMT memo: length in bytes 2 to 5, block in bytes 6 to 9.
-void renderSmtMemo(DbfBase* h, int field) {
-    const auto bytes = fieldPrefix<10>(h, field);
-    const bool present = std::any_of(bytes.begin(), bytes.end(), [](u8 b) { return b != 0; });
+const char* renderMemo(DbfBase* h, int field) {
+    const MemoReference reference = memoReference(h, field);
+    const auto block = static_cast<i32>(reference.block);
     if (h->MemoAsNumber == 0) {
-        renderPresence(h, present);
-    } else if (!present) {
-        printInteger(h->TextBuffer, 0, kIntegerWidth);
-    } else {
-        std::snprintf(h->TextBuffer, kTextBufferSize, "%5d %5d",
-                      static_cast<i32>(loadLe32(bytes.data() + 6)),
-                      static_cast<i32>(loadLe32(bytes.data() + 2)));
-    }
-}
-
-void renderMemo(DbfBase* h, int field, const DbfField& f) {
-    if (h->Header.Version == kVersionSmt) {
-        renderSmtMemo(h, field);
-        return;
-    }
-    const i32 block =
-        wideLength(f) == 4 ? static_cast<i32>(GetInt(h, field)) : clampToI32(GetNumeric(h, field));
-    if (h->MemoAsNumber == 0) {
-        renderPresence(h, block != 0);
+        std::memcpy(h->TextBuffer, reference.isBlank ? "Empty memo" : "Full memo ", 11);
+    } else if (flavourOf(h->Header.Version).lengthInReference && !reference.isBlank) {
+        std::snprintf(h->TextBuffer, kTextBufferSize, "%5d %5d", block,
+                      static_cast<i32>(reference.length));
     } else {
         printInteger(h->TextBuffer, block, kIntegerWidth);
-    }
-}
-
-}  // namespace
-
-const char* renderField(DbfBase* h, int field) {
-    const DbfField& f = h->Fields[field];
-    switch (f.Type) {
-        case 'C':
-        case 'Q':
-        case 'V':
-        case '0':
-            return GetString(h, field);
-        case 'D':
-        case 'T':
-        case '@':
-            renderDate(h, field);
-            break;
-        case 'L':
-            h->TextBuffer[0] = static_cast<char>(fieldPrefix<1>(h, field)[0]);
-            h->TextBuffer[1] = 0;
-            break;
-        case 'I':
-        case '+':
-            printInteger(h->TextBuffer, static_cast<i32>(GetInt(h, field)), kIntegerWidth);
-            break;
-        case 'Y':
-            renderCurrency(h, field);
-            break;
-        case 'O':
-            printFixed(h->TextBuffer, GetInvertedDouble(h, field), kDoubleWidth, kOrderedDecimals);
-            break;
-        case 'B':
-            if (f.Length == 8) {
-                printFixed(h->TextBuffer, GetDouble(h, field), kDoubleWidth, f.Decimals);
-            } else {
-                renderMemo(h, field, f);
-            }
-            break;
-        case 'M':
-        case 'G':
-        case 'W':
-            renderMemo(h, field, f);
-            break;
-        case 'N':
-        case 'F':
-            renderNumber(h, field, f);
-            break;
-        default:
-            h->TextBuffer[0] = 0;
-            break;
     }
     return h->TextBuffer;
 }
 
 const char* GetString(DbfBase* h, int field) {
-    const std::span<const u8> stored = fieldBytes(h, field);
-    copyStored(h, stored.first(std::min<std::size_t>(stored.size(), kTextBufferSize - 1)));
+    copyStored(h, storedText(h, field));
     return DStrTrim(h, h->TrimMode);
 }
 

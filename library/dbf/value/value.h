@@ -1,24 +1,54 @@
 // The values of table fields, by field number: callers have made sure that it names one.
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+#include "dbf/table/types.h"
 #include "mira.h"
 
 namespace mira {
 
+/// What is done with the values of one class.
+struct ValueRow {
+    /// The value as text, in TextBuffer, which is the result.
+    const char* (*render)(DbfBase*, int field);
+    /// 0.0 for what is no number.
+    double (*number)(DbfBase*, int field);
+    /// Stores text or number, whichever the class takes; memo fields are left alone.
+    void (*store)(DbfBase*, int field, const char* text, double number);
+};
+
+/// value.cpp: the rows by type letter, so that rendering a field is one jump.
+extern const std::array<ValueRow, 256> kValueRows;
+
+inline const ValueRow& valueRow(const DbfBase* h, int field) {
+    return kValueRows[static_cast<u8>(h->Fields[field].Type)];
+}
+
 // text.cpp
-/// The field as text, in TextBuffer.
-const char* renderField(DbfBase*, int field);
+const char* renderNothing(DbfBase*, int field);
+const char* renderLogical(DbfBase*, int field);
+const char* renderDecimal(DbfBase*, int field);
+const char* renderInteger(DbfBase*, int field);
+const char* renderOrdered(DbfBase*, int field);
+const char* renderCurrency(DbfBase*, int field);
+const char* renderBinaryOrDouble(DbfBase*, int field);
+const char* renderMemo(DbfBase*, int field);
 
 // dates.cpp
-/// Renders a D, T or "@" field into TextBuffer.
-void renderDate(DbfBase*, int field);
+const char* renderDate(DbfBase*, int field);
+const char* renderMoment(DbfBase*, int field);
 
-// numbers.cpp
-/// The value of a numeric field, 0.0 for any other.
-double fieldValue(DbfBase*, int field);
-
-// stores.cpp
-/// Stores text or number, whichever the type takes; memo fields are left alone.
-void storeField(DbfBase*, int field, const char* text, double number);
+// stored.cpp: what rendering a value and reading its text would lead to, told without either.
+/// The number that the text of a numeric field stands for in arithmetic: one token, behind a minus
+/// when its sign bit is set, and blanks. False where only the text can tell.
+bool storedNumber(DbfBase*, int field, double*);
+/// Characters of that text at most; no more than kSqueezedNumber without superfluous blanks.
+std::size_t storedNumberWidth(const DbfField&);
+inline constexpr std::size_t kSqueezedNumber = 24;
+/// The text of a D, T or "@" field in kDigitsFormat. False where it has to be rendered.
+bool storedDate(const DbfBase*, int field, std::string_view*);
 
 }  // namespace mira

@@ -10,8 +10,6 @@
 // field is among the values, else as texts.
 #include "dbf/view/condition.h"
 
-#include "calcfld.h"
-#include "dbf/table/table.h"
 #include "internal/textout.h"
 
 namespace mira {
@@ -40,8 +38,6 @@ constexpr OperatorRow kOperators[] = {
     {'~', '>', Never, GreaterEqual},
     {'~', '=', Never, Never},
 };
-
-bool completesOperator(char c) { return c == '>' || c == '<' || c == '='; }
 
 /// The operator that begins with first, where next follows it.
 const OperatorRow& operatorOf(char first, char next) {
@@ -72,62 +68,33 @@ bool textsHold(DbfBase* h, Comparison c, char* left, char* right) {
     return textHolds(c, text, evaluated(h, right));
 }
 
-void addLiteral(Operand& operand, char c) {
-    if (operand.parts.empty() || operand.parts.back().field >= 0) operand.parts.emplace_back();
-    operand.parts.back().literal += c;
-    ++operand.literals;
-}
-
-/// Takes the second character of an operator from the operand behind it.
-void dropFirst(Operand& operand) {
-    std::string& literal = operand.parts.front().literal;
-    literal.erase(0, 1);
-    if (literal.empty()) operand.parts.erase(operand.parts.begin());
-    --operand.literals;
-}
-
-void writeOperand(DbfBase* h, const Operand& operand, TextOut& out) {
-    for (const OperandPart& part : operand.parts) {
-        if (part.field >= 0) {
-            putFieldValue(h, part.field, out);
-        } else {
-            out.put(part.literal);
-        }
-    }
-}
-
 }  // namespace
 
 Condition prepareCondition(DbfBase* h, std::string_view text) {
     Condition c;
-    char first = 0;
-    ExpressionReader reader{h, text};
-    for (ExpressionItem item{}; readItem(reader, &item);) {
-        Operand& operand = first == 0 ? c.left : c.right;
-        if (item.kind == ExpressionItem::Field) {
-            operand.parts.push_back({{}, item.field});
-            c.numeric = c.numeric || isNumeric(h->Fields[item.field]);
-        } else if (item.kind == ExpressionItem::Operator && first == 0) {
-            first = item.byte;
-        } else {
-            addLiteral(operand, item.byte);
-        }
-    }
-    // A field directly behind the operator has no literal.
-    const std::string next = c.right.parts.empty() ? std::string() : c.right.parts.front().literal;
-    c.op = &operatorOf(first, *next.c_str());
-    c.openOperator = c.op->first != 0 && !c.right.parts.empty() && next.empty();
-    if (c.op->second != 0) dropFirst(c.right);
+    c.op = &kOperators[0];
+    Expression e = readExpression(h, text);
+    if (e.operatorPart < 0) return c;
+    c.numeric = e.numeric;
+    const auto split = e.parts.begin() + e.operatorPart;
+    c.left.parts.assign(e.parts.begin(), split);
+    c.right.parts.assign(split, e.parts.end());
+    std::string& literal = c.right.parts.front().literal;  // it begins with the operator
+    c.op = &operatorOf(literal[0], literal.c_str()[1]);
+    literal.erase(0, operatorLength(*c.op));
+    c.openOperator = literal.empty() && c.op->second == 0 && c.right.parts.size() > 1;
+    if (literal.empty()) c.right.parts.erase(c.right.parts.begin());
     return c;
 }
 
 bool conditionHolds(DbfBase* h, const Condition& c) {
+    if (c.op->first == 0) return false;
     if (const std::optional<bool> known = storedHolds(h, c)) return *known;
     FilterWork& work = *h->FilterState;
     TextOut left(work.LeftText, kConditionLength + 1);
     TextOut right(work.RightText, kConditionLength + 1);
-    writeOperand(h, c.left, left);
-    writeOperand(h, c.right, right);
+    writeParts(h, c.left.parts, left);
+    writeParts(h, c.right.parts, right);
     if (left.cut() || right.cut()) return false;
     if (left.length() + operatorLength(*c.op) + right.length() > kConditionLength) return false;
     const OperatorRow& op = c.openOperator ? operatorOf(c.op->first, *right.data()) : *c.op;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "expression.h"
 #include "mira.h"
 
 namespace mira {
@@ -34,24 +35,22 @@ struct OperatorRow {
 };
 inline std::size_t operatorLength(const OperatorRow& op) { return op.second != 0 ? 2 : 1; }
 
-/// What an operand is made of: a literal, or the value of a field.
-struct OperandPart {
-    std::string literal;
-    int field = -1;
-};
+inline bool completesOperator(char c) { return c == '>' || c == '<' || c == '='; }
 
-/// How stored.cpp knows an operand.
-struct StoredOperand {
-    int field = -1;      ///< of an operand that is one field, else a constant:
-    double number = 0;   ///< of numbers
-    std::string text;    ///< of texts
-    std::string folded;  ///< the same in upper case
+/// An operand of a text comparison as stored.cpp knows it: a constant, or a field among blanks and
+/// other literals.
+struct StoredText {
+    int field = -1;
+    std::string before, after;  ///< of a field
+    std::string text;           ///< of a constant
+    std::string folded;         ///< the same, evaluated in upper case
+    std::size_t literals = 0;   ///< characters as written
 };
 
 struct Operand {
-    std::vector<OperandPart> parts;
-    std::size_t literals = 0;  ///< characters in literals
-    StoredOperand stored;
+    std::vector<ExpressionPart> parts;
+    Arithmetic number;  ///< of a comparison of numbers
+    StoredText text;    ///< of texts
 };
 
 /// A condition taken apart once for many records. Holds as long as NoBracketCheck does.
@@ -61,6 +60,7 @@ struct Condition {
     const OperatorRow* op = nullptr;
     Operand left, right;
     enum Stored : u8 { Unknown, Never, Numbers, Texts } stored = Unknown;
+    i32 dateFormat = 0;  ///< for which the texts of constants hold
 };
 
 inline constexpr std::size_t kConditionLength = 511;  // of a condition with its values

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/view/condition.h"
 #include "internal/convert.h"
@@ -264,7 +265,7 @@ void dropIndex(DbfBase* h) {
 void dropSortOrder(DbfBase* h) {
     std::free(h->SortOrder);
     h->SortOrder = nullptr;
-    h->SortOrderCount = 0;
+    setSortOrderCount(h, 0);
 }
 
 /// Takes a new index, given back what it does not use.
@@ -284,7 +285,7 @@ void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callba
     for (u32 position = 0; position < count && !stopped; ++position) {
         u32 record = 0;
         const bool inView = recordAt(h, position, &record);
-        ReadRecord(h, position);  // what cannot be read is tested as the buffer then stands
+        if (inView) readPhysicalRecord(h, record);  // what cannot be read is tested as it stands
         if (passes(h, filter) && inView) index.get()[selected++] = record;
         stopped = callback != nullptr && callback() != 0;
     }

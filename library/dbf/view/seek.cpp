@@ -1,4 +1,4 @@
-// Finding fields by name and records by the beginning of a field's text.
+// Lists of field names, and finding records by the beginning of a field's text.
 #include <algorithm>
 #include <cstring>
 #include <functional>
@@ -67,14 +67,6 @@ bool liesInTextBuffer(const DbfBase* h, const char* text) {
 }
 
 }  // namespace
-
-u32 GetFieldNum(DbfBase* h, const char* name) {
-    if (name == nullptr) return kNoPosition;
-    for (u32 field = 0; field < h->FieldCount; ++field) {
-        if (sameIgnoringCase(h->Fields[field].Name, name)) return field;
-    }
-    return kNoPosition;
-}
 
 int get_fields(DbfBase* h, const char* text, u32* count, i32* slots) {
     *count = 0;

@@ -14,8 +14,10 @@
 #include <span>
 #include <utility>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/view/sortkeys.h"
+#include "internal/restore.h"
 
 namespace mira {
 
@@ -41,23 +43,18 @@ void holdKey(DbfBase* h, const void* position, i32* held, char* key) {
     readSortKey(h, wanted, key);
 }
 
-/// Element of the sort in memory.
-union Element {
-    u64 number;       ///< four characters of the key in the high half, its place in the low half
-    const char* key;  ///< the key itself, for comparing two at a time
-};
-static_assert(sizeof(Element) == sizeof(u64));
-
-u32 placeOf(Element e) { return static_cast<u32>(e.number); }
-
-u32 charactersOf(Element e) { return static_cast<u32>(e.number >> 32); }
-
-constexpr auto isLess = [](Element a, Element b) { return a.number < b.number; };
-
 int compareHeld(const void* a, const void* b, DbfBase* h) {
     if (h->SortRecA == kStopped) return 0;
-    return compareKeys(h, static_cast<const Element*>(a)->key, static_cast<const Element*>(b)->key);
+    return compareKeys(h, *static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
 }
+
+/// Four characters of a key in the high half, the key's place in the low half: sorting the numbers
+/// sorts the keys by these characters.
+using Element = u64;
+
+u32 placeOf(Element e) { return static_cast<u32>(e); }
+
+u32 charactersOf(Element e) { return static_cast<u32>(e >> 32); }
 
 /// Four characters of a text as a number that sorts as they do; zeros behind its end.
 u32 fourCharacters(const char* text) {
@@ -73,7 +70,7 @@ u32 fourCharacters(const char* text) {
 bool loadCharacters(const KeyStore& keys, std::span<Element> elements, std::size_t column) {
     u32 differences = 0;
     for (Element& e : elements) {
-        e.number = u64{fourCharacters(keys.at(placeOf(e)) + column)} << 32 | placeOf(e);
+        e = Element{fourCharacters(keys.at(placeOf(e)) + column)} << 32 | placeOf(e);
         differences |= charactersOf(e) ^ charactersOf(elements[0]);
     }
     return differences != 0;
@@ -85,7 +82,7 @@ bool loadCharacters(const KeyStore& keys, std::span<Element> elements, std::size
 void sortFrom(const KeyStore& keys, std::span<Element> elements, std::size_t column) {
     for (; elements.size() > kFew; column += 4) {
         if (!loadCharacters(keys, elements, column)) continue;
-        std::sort(elements.begin(), elements.end(), isLess);
+        std::sort(elements.begin(), elements.end());
         std::span<Element> longest;
         for (auto first = elements.begin(); first != elements.end();) {
             const u32 characters = charactersOf(*first);
@@ -104,96 +101,76 @@ void sortFrom(const KeyStore& keys, std::span<Element> elements, std::size_t col
     });
 }
 
-/// The keys of a view.
-struct HeldKeys {
-    KeyStore store;
-    Block<Element> block;
-    std::span<Element> elements;
-};
-
 /// Reads every record of the view. False when the keys do not fit.
-bool readKeys(DbfBase* h, u32 count, HeldKeys& keys) {
-    keys.block = allocate<Element>(count);
-    if (!keys.block) return false;
-    keys.elements = {keys.block.get(), count};
+bool readKeys(DbfBase* h, u32 count, char* key, KeyStore& keys) {
     for (u32 position = 0; position < count; ++position) {
-        const std::size_t length = readSortKey(h, position, h->SortKeyA);
+        const std::size_t length = readSortKey(h, position, key);
         if (position == 0 && u64{count} * (length + 1) > KeyStore::kBudget) return false;
-        u32 place = 0;
-        if (!keys.store.add(h->SortKeyA, length, &place)) return false;
-        keys.elements[position].number = place;
+        if (!keys.add(key, length)) return false;
     }
     return true;
 }
 
 /// Between sorted keys: those that begin with the same text stand together, the text first.
-bool someKeyBeginsAnother(const HeldKeys& keys) {
+bool someKeyBeginsAnother(const KeyStore& keys, std::span<const Element> elements) {
     const auto begins = [&](Element a, Element b) {
-        const char* text = keys.store.at(placeOf(a));
-        return std::strncmp(text, keys.store.at(placeOf(b)), std::strlen(text)) == 0;
+        const char* text = keys.at(placeOf(a));
+        return std::strncmp(text, keys.at(placeOf(b)), std::strlen(text)) == 0;
     };
-    return std::adjacent_find(keys.elements.begin(), keys.elements.end(), begins) !=
-           keys.elements.end();
+    return std::adjacent_find(elements.begin(), elements.end(), begins) != elements.end();
 }
 
-/// False, with nothing changed, when there is no total order.
-bool sortTotally(DbfBase* h, HeldKeys& keys) {
-    sortFrom(keys.store, keys.elements, 0);
-    if (!keys.store.sameLength() && someKeyBeginsAnother(keys)) {
-        for (Element& e : keys.elements) e.number = placeOf(e);
-        std::sort(keys.elements.begin(), keys.elements.end(), isLess);
+/// False when there is no total order, or no memory.
+bool sortTotally(DbfBase* h, const KeyStore& keys, std::span<u32> positions) {
+    const Block<Element> block = allocate<Element>(positions.size());
+    if (!block) return false;
+    const std::span<Element> elements(block.get(), positions.size());
+    keys.forEach([next = block.get()](u32 place) mutable { *next++ = place; });
+    sortFrom(keys, elements, 0);
+    if (keys.sameLength()) {  // saves looking for the end of every key
+        std::transform(elements.begin(), elements.end(), positions.begin(),
+                       [&](Element e) { return keys.indexOf(placeOf(e)); });
+    } else if (someKeyBeginsAnother(keys, elements)) {
         return false;
-    }
-    if (h->SortDescending != 0) std::reverse(keys.elements.begin(), keys.elements.end());
-    return true;
-}
-
-/// Puts a position in the place of every element and cuts the block to what is left.
-template <typename PositionOf>
-Block<u32> toPositions(HeldKeys& keys, const PositionOf& positionOf) {
-    char* const bytes = reinterpret_cast<char*>(keys.block.get());
-    for (std::size_t i = 0; i < keys.elements.size(); ++i) {
-        const u32 position = positionOf(keys.elements[i]);
-        std::memcpy(bytes + i * sizeof position, &position, sizeof position);
-    }
-    void* const whole = keys.block.release();
-    void* const half = std::realloc(whole, keys.elements.size() * sizeof(u32));
-    return Block<u32>(static_cast<u32*>(half != nullptr ? half : whole));
-}
-
-/// Sorts as the plain way does, only that the keys are there; no positions when stopped.
-void sortHeld(DbfBase* h, HeldKeys& keys, Block<u32>* positions) {
-    const std::span<Element> all = keys.elements;
-    for (Element& e : all) e.key = keys.store.at(placeOf(e));
-    myqsort(all.data(), static_cast<u32>(all.size()), sizeof(Element), compareHeld, h);
-    if (h->SortRecA == kStopped) return;
-    *positions = toPositions(keys, [](Element e) { return positionOfKey(e.key); });
-}
-
-/// Sorts in memory; no positions when stopped. False, with nothing compared, when the keys do not
-/// fit.
-bool sortInMemory(DbfBase* h, u32 count, Block<u32>* positions) {
-    HeldKeys keys;
-    if (!readKeys(h, count, keys)) return false;
-    const KeyStore& store = keys.store;
-    if (h->SortCallback != nullptr || !sortTotally(h, keys)) {
-        sortHeld(h, keys, positions);
-    } else if (store.sameLength()) {  // saves looking for the end of every key
-        *positions = toPositions(keys, [&](Element e) { return store.indexOf(placeOf(e)); });
     } else {
-        *positions =
-            toPositions(keys, [&](Element e) { return positionOfKey(store.at(placeOf(e))); });
+        std::transform(elements.begin(), elements.end(), positions.begin(),
+                       [&](Element e) { return positionOfKey(keys.at(placeOf(e))); });
     }
+    if (h->SortDescending != 0) std::reverse(positions.begin(), positions.end());
     return true;
 }
 
-/// Sorts with two keys in memory; no positions when stopped or without memory.
-void sortByReading(DbfBase* h, u32 count, Block<u32>* positions) {
-    Block<u32> order = allocate<u32>(std::max(count, u32{1}));
-    if (!order) return;
-    std::iota(order.get(), order.get() + count, u32{0});
-    myqsort(order.get(), count, sizeof(u32), Compare, h);
-    if (h->SortRecA != kStopped) *positions = std::move(order);
+/// Sorts as the plain way does, only that the keys are there. False without memory.
+bool sortHeld(DbfBase* h, const KeyStore& keys, std::span<u32> positions) {
+    const Block<const char*> block = allocate<const char*>(positions.size());
+    if (!block) return false;
+    keys.forEach([&, next = block.get()](u32 place) mutable { *next++ = keys.at(place); });
+    myqsort(block.get(), static_cast<u32>(positions.size()), sizeof(const char*), compareHeld, h);
+    std::transform(block.get(), block.get() + positions.size(), positions.begin(), positionOfKey);
+    return true;
+}
+
+/// False, with nothing compared, when the keys do not fit.
+bool sortInMemory(DbfBase* h, char* key, std::span<u32> positions) {
+    KeyStore keys;
+    if (!readKeys(h, static_cast<u32>(positions.size()), key, keys)) return false;
+    return (h->SortCallback == nullptr && sortTotally(h, keys, positions)) ||
+           sortHeld(h, keys, positions);
+}
+
+/// Sorts with two keys in memory.
+void sortByReading(DbfBase* h, std::span<u32> positions) {
+    std::iota(positions.begin(), positions.end(), u32{0});
+    myqsort(positions.data(), static_cast<u32>(positions.size()), sizeof(u32), Compare, h);
+}
+
+/// Takes an order of count positions, unless there is nothing to map, or a hook has left fewer
+/// records in the view.
+void takeOrder(DbfBase* h, Block<u32> order, u32 count) {
+    const bool taken = order && count != 0 && count <= reccount(h);
+    std::free(h->SortOrder);  // of a hook that has sorted, too
+    h->SortOrder = taken ? order.release() : nullptr;
+    setSortOrderCount(h, taken ? count : 0);
 }
 
 }  // namespace
@@ -209,47 +186,49 @@ void real_sort(DbfBase* h, u32** order, StopCallback callback) {
     const u32 count = reccount(h);
     const Block<char> keyA = allocate<char>(kSortKeySize);
     const Block<char> keyB = allocate<char>(kSortKeySize);
-    Block<u32> positions;
+    Block<u32> block = allocate<u32>(std::max(count, u32{1}));
     h->SortRecA = kNoKey;
     h->SortRecB = kNoKey;
-    if (keyA && keyB) {
-        h->SortCallback = callback;
-        h->SortKeyA = keyA.get();
-        h->SortKeyB = keyB.get();
-        if (count < 2 || !sortInMemory(h, count, &positions)) sortByReading(h, count, &positions);
-        h->SortCallback = nullptr;
-        h->SortKeyA = nullptr;
-        h->SortKeyB = nullptr;
-    }
-    *order = positions.release();
+    *order = nullptr;
+    if (!keyA || !keyB || !block) return;
+    // A hook may sort while a sort runs.
+    StopCallback const outer = h->SortKeyA != nullptr ? h->SortCallback : nullptr;
+    const Restore outerA(h->SortKeyA, keyA.get());
+    const Restore outerB(h->SortKeyB, keyB.get());
+    h->SortCallback = callback;
+    const std::span<u32> positions(block.get(), count);
+    if (count < 2 || !sortInMemory(h, keyA.get(), positions)) sortByReading(h, positions);
+    h->SortCallback = outer;
+    if (h->SortRecA != kStopped) *order = block.release();
 }
 
 int SortBase(DbfBase* h, const char* fields, StopCallback callback) {
     if (get_fields(h, fields, &h->SortFieldCount, h->SortFields) != 0) return 0;
+    if (keepPrivate(h) == nullptr) return 0;
     h->SortKeyCount = h->SortFieldCount;
     h->SortKeyFields = reinterpret_cast<u32*>(h->SortFields);
     // Positions are those of the unsorted view now. The order there was comes back when there is no
     // memory for a new one.
     Block<u32> previous(std::exchange(h->SortOrder, nullptr));
-    const u32 previousCount = std::exchange(h->SortOrderCount, 0);
+    const u32 previousCount = sortOrderCount(h);
+    setSortOrderCount(h, 0);
     const u32 count = reccount(h);
     u32* order = nullptr;
     real_sort(h, &order, callback);
     if (order == nullptr && h->SortRecA != kStopped) {
+        std::free(h->SortOrder);
         h->SortOrder = previous.release();
-        h->SortOrderCount = previousCount;
+        setSortOrderCount(h, previousCount);
         return 0;
     }
-    if (count == 0) std::free(std::exchange(order, nullptr));  // nothing to map
-    h->SortOrder = order;
-    h->SortOrderCount = order != nullptr ? count : 0;
+    takeOrder(h, Block<u32>(order), count);
     return 1;
 }
 
 void ClearSort(DbfBase* h) {
     std::free(h->SortOrder);
     h->SortOrder = nullptr;
-    h->SortOrderCount = 0;
+    setSortOrderCount(h, 0);
     h->SortFieldCount = 0;
 }
 

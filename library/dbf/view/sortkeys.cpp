@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <string_view>
 
+#include "dbf/table/position.h"
 #include "dbf/table/table.h"
+#include "internal/datelayout.h"
 #include "internal/restore.h"
 #include "internal/textout.h"
 
@@ -15,9 +17,6 @@ namespace {
 constexpr std::size_t kPositionWidth = 10;
 constexpr std::size_t kPartsSize = kSortKeySize - kPositionWidth;  // zero byte included
 
-constexpr std::size_t kDateWidth = 8;
-constexpr std::size_t kDateTimeWidth = 14;
-
 /// Characters that a field takes in the key, unless its text is longer.
 std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
     const DbfField* f = tableField(h, field);
@@ -25,12 +24,11 @@ std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
         // The text is there, so the slot is.
         return h->CalcFields != nullptr && h->CalcFields->Slots[field].Flags[2] != 0 ? length : 0;
     }
-    switch (f->Type) {
-        case 'D':
-            return kDateWidth;
-        case 'T':
-        case '@':
-            return kDateTimeWidth;
+    switch (valueClass(*f)) {
+        case ValueClass::Date:
+            return kDateDigits;
+        case ValueClass::Moment:
+            return kDateTimeDigits;
         default:
             return std::min<std::size_t>(fieldLength(*f), kTextBufferSize - 1);
     }
@@ -38,18 +36,7 @@ std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
 
 /// True for fields whose text is the bytes of the record.
 bool showsStoredBytes(const DbfBase* h, const DbfField& f) {
-    switch (f.Type) {
-        case 'C':
-        case 'Q':
-        case 'V':
-        case '0':
-            return true;
-        case 'N':
-        case 'F':
-            return h->RawNumeric != 0;
-        default:
-            return false;
-    }
+    return isText(f) || (valueClass(f) == ValueClass::Decimal && h->RawNumeric != 0);
 }
 
 /// Fills the text in TextBuffer with spaces up to a width. Where the record holds a zero byte, what
@@ -122,10 +109,9 @@ void putPosition(char* to, u32 position) {
 }  // namespace
 
 std::size_t readSortKey(DbfBase* h, u32 position, char* key) {
-    // Reading reverses once more, which gives the position itself.
-    const u32 passed = h->Reverse != 0 ? reccount(h) - position - 1 : position;
-    // A record that cannot be read sorts as a blank one, not by what the buffer happens to hold.
-    if (ReadRecord(h, passed) == 0) ClearRecord(h);
+    u32 record = 0;
+    const bool read = recordFromStart(h, position, &record) && readPhysicalRecord(h, record);
+    if (!read) ClearRecord(h);  // sorts as a blank one, not by what the buffer happens to hold
     GetCompStr(position, key, h);
     IgnoreCase(h, key, h->OemConvert);
     const void* end = std::memchr(key, 0, kPartsSize);  // an UpperCaseCallback may have moved it

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "internal/file.h"
 #include "mira.h"
@@ -24,45 +25,73 @@ u32 positionOfKey(const char* key);
 /// and grows from key to key. Nothing moves, so that growing never needs the room twice.
 class KeyStore {
 public:
-    static constexpr u32 kChunkSize = 1 << 20;
-    static constexpr u32 kChunkCount = 256;
-    static constexpr u64 kBudget = u64{kChunkSize} * kChunkCount;
+    static constexpr u64 kBudget = u64{1} << 28;
 
     /// Copies a key and its zero byte; false when the budget or the memory is used up.
-    bool add(const char* key, std::size_t length, u32* place) {
+    bool add(const char* key, std::size_t length) {
         const u32 size = static_cast<u32>(length) + 1;
-        if (chunksUsed_ == 0) commonSize_ = size;
+        if (chunkCount_ == 0) commonSize_ = size;
         if (commonSize_ != size) commonSize_ = 0;
         if (size > room_ && !addChunk()) return false;
-        *place = chunksUsed_ * kChunkSize - room_;
-        std::memcpy(chunks_[chunksUsed_ - 1].get() + kChunkSize - room_, key, size);
+        Chunk& last = chunks_[chunkCount_ - 1];
+        std::memcpy(last.bytes.get() + last.used, key, size);
+        last.used += size;
         room_ -= size;
         return true;
     }
 
     const char* at(u32 place) const {
-        return chunks_[place / kChunkSize].get() + place % kChunkSize;
+        return chunks_[place / kChunkSize].bytes.get() + place % kChunkSize;
+    }
+
+    /// Calls visit(place) for every key in the order in which they were added.
+    template <typename Visit>
+    void forEach(Visit visit) const {
+        for (u32 i = 0; i < chunkCount_; ++i) {
+            const Chunk& chunk = chunks_[i];
+            for (u32 column = 0; column < chunk.used; column += sizeAt(chunk, column)) {
+                visit(i * kChunkSize + column);
+            }
+        }
     }
 
     bool sameLength() const { return commonSize_ != 0; }
 
     /// How many keys were added before the one at a place; all have the same length.
     u32 indexOf(u32 place) const {
-        return place / kChunkSize * (kChunkSize / commonSize_) + place % kChunkSize / commonSize_;
+        const u32 inChunk = place % kChunkSize / commonSize_;
+        if (place < kChunkSize) return inChunk;
+        return kFirstSize / commonSize_ + (place / kChunkSize - 1) * (kChunkSize / commonSize_) +
+               inChunk;
     }
 
 private:
+    static constexpr u32 kFirstSize = kSortKeySize;  // enough for one key, and for small tables
+    static constexpr u32 kChunkSize = 1 << 20;
+    static constexpr u32 kChunkMax = kBudget / kChunkSize + 1;
+
+    struct Chunk {
+        Block<char> bytes;
+        u32 used = 0;
+    };
+
+    u32 sizeAt(const Chunk& chunk, u32 column) const {
+        if (commonSize_ != 0) return commonSize_;
+        return static_cast<u32>(std::strlen(chunk.bytes.get() + column)) + 1;
+    }
+
     bool addChunk() {
-        if (chunksUsed_ == kChunkCount) return false;
-        chunks_[chunksUsed_] = allocate<char>(kChunkSize);
-        if (!chunks_[chunksUsed_]) return false;
-        ++chunksUsed_;
-        room_ = kChunkSize;
+        if (chunkCount_ == kChunkMax) return false;
+        const u32 size = chunkCount_ == 0 ? kFirstSize : kChunkSize;
+        Block<char> bytes = allocate<char>(size);
+        if (!bytes) return false;
+        chunks_[chunkCount_++].bytes = std::move(bytes);
+        room_ = size;
         return true;
     }
 
-    std::array<Block<char>, kChunkCount> chunks_;
-    u32 chunksUsed_ = 0;
+    std::array<Chunk, kChunkMax> chunks_;
+    u32 chunkCount_ = 0;
     u32 room_ = 0;        ///< bytes left in the last chunk
     u32 commonSize_ = 0;  ///< bytes of every key with its zero byte; 0 once they differ
 };

@@ -1,0 +1,79 @@
+// Moving records. The operating system writes first bytes first, and a kill may stop it at any.
+//
+//   down  Each byte has been written anew before its old place is overwritten, so a chunk of any
+//         size may be torn.
+//   up    The other way round: a torn chunk has overwritten up to a record's length of bytes that
+//         are not yet at their new place. One record at a time does not overlap itself. More at a
+//         time are copied behind the end of the table beforehand, or it is one at a time where
+//         there is no room.
+#include "dbf/move.h"
+
+#include <algorithm>
+
+#include "dbf/edit.h"
+#include "dbf/table/table.h"
+
+namespace mira {
+namespace {
+
+constexpr u32 kWideRecord = 16384;  // large enough to be moved one by one
+constexpr u32 kFewRecords = 16;     // so are these
+
+}  // namespace
+
+Mover::Mover(DbfBase* h, u32 records)
+    : h_(h),
+      chunk_(std::clamp(kTransferSize / std::max<u32>(h->Header.RecordLength, 1), u32{1},
+                        std::max<u32>(records, 1))),
+      buffer_(allocate<u8>(std::size_t{chunk_} * h->Header.RecordLength)) {}
+
+bool Mover::read(u32 record, u8* to, u32 records) const {
+    return seekTo(h_->TableFile, offsetOf(h_, record)) &&
+           readExact(h_->TableFile, to, records * h_->Header.RecordLength);
+}
+
+bool Mover::write(u32 record, const u8* from, u32 records) const {
+    h_->Modified = 1;
+    return writeTable(h_, offsetOf(h_, record), from, records * h_->Header.RecordLength);
+}
+
+Moved Mover::down(u32 first, u32 end) {
+    while (first < end) {
+        const u32 count = std::min(chunk_, end - first);
+        if (!read(first, buffer_.get(), count)) return {first, MoveState::Failed};
+        if (!write(first - 1, buffer_.get(), count)) {
+            if (!write(first - 1, buffer_.get(), count)) return {first, MoveState::Stuck};
+            return {first + count, MoveState::Failed};
+        }
+        first += count;
+    }
+    return {end, MoveState::Done};
+}
+
+Moved Mover::up(u32 first, u32 end, u32 spare) {
+    const bool oneByOne = h_->Header.RecordLength >= kWideRecord || end - first <= kFewRecords;
+    u32 chunk = 1;  // the first record makes the file longer: a full disk is met here
+    u32 next = oneByOne ? 1 : chunk_;
+    while (end > first) {
+        const u32 count = std::min(chunk, end - first);
+        const u32 from = end - count;
+        if (!read(from, buffer_.get(), count)) return {end, MoveState::Failed};
+        if (count > 1) {
+            usedSpare_ = true;
+            if (!write(spare, buffer_.get(), count)) {
+                chunk = next = 1;
+                continue;
+            }
+        }
+        if (!write(from + 1, buffer_.get(), count)) {
+            if (count == 1) return {end, MoveState::Failed};
+            if (!write(from + 1, buffer_.get(), count)) return {end, MoveState::Stuck};
+            return {from, MoveState::Failed};
+        }
+        end = from;
+        chunk = next;
+    }
+    return {first, MoveState::Done};
+}
+
+}  // namespace mira

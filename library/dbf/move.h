@@ -1,0 +1,49 @@
+// Moving records by one place within the table file, so that a write which fails, is cut short or
+// is never finished loses none of them.
+#pragma once
+
+#include "dbf/table/position.h"
+#include "internal/file.h"
+#include "mira.h"
+
+namespace mira {
+
+enum class MoveState : u8 {
+    Done,
+    Failed,  ///< every record is whole, at its old place or at its new one
+    Stuck,   ///< a chunk is torn, but each of its records is in the file once more
+};
+
+struct Moved {
+    u32 reached;  ///< going up, the lowest record that has been moved; going down, the first that
+                  ///< has not
+    MoveState state;
+};
+
+/// Moves records of a table by one place, many at a time.
+class Mover {
+public:
+    /// For moving up to a number of records.
+    Mover(DbfBase*, u32 records);
+
+    bool ready() const { return buffer_ != nullptr; }
+    /// Whether anything was copied behind the end of the table.
+    bool usedSpare() const { return usedSpare_; }
+
+    /// Moves the records from first to end - 1 one place towards the beginning.
+    Moved down(u32 first, u32 end);
+    /// Moves the records from first to end - 1 one place towards the end. What a write would
+    /// overwrite before it is at its new place is first copied to record number spare.
+    Moved up(u32 first, u32 end, u32 spare);
+
+    bool read(u32 record, u8* to, u32 records = 1) const;
+    bool write(u32 record, const u8* from, u32 records = 1) const;
+
+private:
+    DbfBase* h_;
+    u32 chunk_;  ///< records at a time
+    bool usedSpare_ = false;
+    Block<u8> buffer_;
+};
+
+}  // namespace mira

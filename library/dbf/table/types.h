@@ -1,0 +1,113 @@
+// Field types: one row per letter. A type whose values are encoded in a way of their own gets a
+// class, too, for which value/value.h has a row.
+#pragma once
+
+#include <array>
+
+#include "mira.h"
+
+namespace mira {
+
+/// How the values of a field are encoded.
+enum class ValueClass : u8 {
+    None,
+    Text,
+    System,  ///< characters that are shown and never stored
+    Logical,
+    Date,
+    Moment,
+    Decimal,
+    Integer,
+    Ordered,
+    Currency,
+    BinaryOrDouble,  ///< by the length a memo or a double
+    Memo
+};
+enum class BlankRule : u8 { Spaces, Zeros, SpacesAtLength14, ZerosAtLength8Or4, Reference };
+enum class NumericRule : u8 { Never, Always, AtLength8 };
+/// The length that a field of a new table gets.
+enum class SizeRule : u8 { AsGiven, One, Four, Eight, Moment, Reference, BinaryOrDouble };
+
+/// Characters that numbers take on a screen.
+inline constexpr u8 kIntegerWidth = 10;  // and block numbers, and "Full memo "
+inline constexpr u8 kDoubleWidth = 20;
+inline constexpr u8 kCurrencyWidth = 24;
+inline constexpr u8 kCalculatedWidth = 20;  // calculated fields
+
+struct TypeRow {
+    char letter;
+    const char* name;
+    const char* nameAtLength8;  ///< null where the length makes no difference
+    ValueClass value;
+    BlankRule blank;
+    NumericRule numeric;
+    SizeRule size;
+    u8 width;       ///< on a screen; 0 for as many characters as the field is long
+    bool accepted;  ///< tables with this letter open without remark
+};
+
+namespace types {
+
+using enum BlankRule;
+using V = ValueClass;
+using S = SizeRule;
+inline constexpr auto kNever = NumericRule::Never;
+inline constexpr auto kAlways = NumericRule::Always;
+inline constexpr auto kAt8 = NumericRule::AtLength8;
+
+inline constexpr TypeRow kRows[] = {
+    // letter, name, name at length 8, value, blank, numeric, size, width, accepted
+    {0, "Unknown", nullptr, V::None, Zeros, kNever, S::AsGiven, 0, false},
+    {'C', "Character", nullptr, V::Text, Spaces, kNever, S::AsGiven, 0, true},
+    {'N', "Numeric", nullptr, V::Decimal, Spaces, kAlways, S::AsGiven, 0, true},
+    {'F', "Float", nullptr, V::Decimal, Spaces, kAlways, S::AsGiven, 0, true},
+    {'D', "Date", nullptr, V::Date, Spaces, kNever, S::Eight, 0, true},
+    {'L', "Logical", nullptr, V::Logical, Spaces, kNever, S::One, 0, true},
+    {'M', "Memo", nullptr, V::Memo, Reference, kNever, S::Reference, kIntegerWidth, true},
+    {'T', "DateTime", nullptr, V::Moment, SpacesAtLength14, kNever, S::Moment, 0, true},
+    {'G', "General", nullptr, V::Memo, Reference, kNever, S::Reference, kIntegerWidth, true},
+    {'Y', "Currency", nullptr, V::Currency, Zeros, kAlways, S::Eight, kCurrencyWidth, true},
+    {'B', "Binary", "Double", V::BinaryOrDouble, ZerosAtLength8Or4, kAt8, S::BinaryOrDouble,
+     kDoubleWidth, true},
+    {'I', "Integer", nullptr, V::Integer, Zeros, kAlways, S::Four, kIntegerWidth, true},
+    {'0', "System", nullptr, V::System, Zeros, kNever, S::AsGiven, 0, true},
+    {'@', "DateTime", nullptr, V::Moment, SpacesAtLength14, kNever, S::Moment, 0, true},
+    {'+', "Integer", nullptr, V::Integer, Zeros, kAlways, S::Four, kIntegerWidth, true},
+    {'O', "Binary", "Double", V::Ordered, Zeros, kAlways, S::BinaryOrDouble, kDoubleWidth, true},
+    {'V', "Variant", nullptr, V::Text, Spaces, kNever, S::AsGiven, 0, true},
+    {'Q', "Varbinary", nullptr, V::Text, Zeros, kNever, S::AsGiven, 0, true},
+    {'W', "Blob", nullptr, V::Memo, Zeros, kNever, S::AsGiven, 0, true},
+    {'P', "Picture", nullptr, V::None, Zeros, kNever, S::AsGiven, 0, false},
+};
+
+/// Index into kRows by letter; 0, the unknown row, for every other byte.
+inline constexpr std::array<u8, 256> kRowOfLetter = [] {
+    std::array<u8, 256> rows{};
+    for (std::size_t i = 1; i < std::size(kRows); ++i) {
+        rows[static_cast<u8>(kRows[i].letter)] = static_cast<u8>(i);
+    }
+    return rows;
+}();
+
+}  // namespace types
+
+/// The row of a type letter, or the row of unknown letters.
+constexpr const TypeRow& typeRow(char letter) {
+    return types::kRows[types::kRowOfLetter[static_cast<u8>(letter)]];
+}
+
+inline ValueClass valueClass(const DbfField& f) { return typeRow(f.Type).value; }
+
+/// Whether the text of a field is the characters that it stores.
+inline bool isText(const DbfField& f) {
+    return valueClass(f) == ValueClass::Text || valueClass(f) == ValueClass::System;
+}
+inline bool isDateOrMoment(const DbfField& f) {
+    return valueClass(f) == ValueClass::Date || valueClass(f) == ValueClass::Moment;
+}
+inline bool isNumeric(const DbfField& f) {
+    const NumericRule rule = typeRow(f.Type).numeric;
+    return rule == NumericRule::Always || (rule == NumericRule::AtLength8 && f.Length == 8);
+}
+
+}  // namespace mira

@@ -1,0 +1,77 @@
+#include "attach.h"
+
+#include "arguments.h"
+#include "guard.h"
+#include "table/find.h"
+#include "table/refusal.h"
+#include "table/storage.h"
+
+namespace mira::sql {
+namespace {
+
+/// Whether the schema temp has a table of that name.
+bool isTaken(sqlite3* connection, const std::string& name) {
+    return sqlite3_table_column_metadata(connection, "temp", name.c_str(), nullptr, nullptr,
+                                         nullptr, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+std::string freeName(sqlite3* connection, const std::string& stem) {
+    std::string name = stem;
+    for (int i = 2; isTaken(connection, name); ++i) name = stem + "_" + std::to_string(i);
+    return name;
+}
+
+void attach(sqlite3_context* context, int count, sqlite3_value** values) {
+    char* message = nullptr;
+    const int result = guarded(&message, [&] {
+        const auto* const folder = reinterpret_cast<const char*>(sqlite3_value_text(values[0]));
+        if (folder == nullptr) throw tool::Refusal("mira_attach needs a folder");
+        const bool writable = count > 1 && sqlite3_value_int(values[1]) != 0;
+        sqlite3* const connection = sqlite3_context_db_handle(context);
+        std::string failures;
+        std::size_t attached = 0;
+        for (const std::string& path : tool::tablesIn(folder, false)) {
+            try {
+                attachTable(connection, path, writable ? ", writable=1" : "");
+                ++attached;
+            } catch (const tool::Refusal& refusal) {
+                failures += "\n" + std::string(refusal.what());
+            }
+        }
+        const std::string report =
+            std::to_string(attached) + (attached == 1 ? " table" : " tables") + failures;
+        sqlite3_result_text64(context, report.data(), report.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+        return SQLITE_OK;
+    });
+    if (result != SQLITE_OK) {
+        sqlite3_result_error(context, message != nullptr ? message : sqlite3_errstr(result), -1);
+    }
+    sqlite3_free(message);
+}
+
+}  // namespace
+
+std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options) {
+    const std::string name = freeName(connection, tool::stemOf(path));
+    const std::string statement = "CREATE VIRTUAL TABLE temp." + tool::quotedName(name) +
+                                  " USING mira(" + quotedText(path) + options + ")";
+    char* message = nullptr;
+    if (sqlite3_exec(connection, statement.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string why = message != nullptr ? message : "out of memory";
+        sqlite3_free(message);
+        throw tool::Refusal(why);
+    }
+    return name;
+}
+
+int registerAttach(sqlite3* connection) {
+    for (const int arguments : {1, 2}) {
+        const int result = sqlite3_create_function(connection, "mira_attach", arguments,
+                                                   SQLITE_UTF8 | SQLITE_DIRECTONLY, nullptr, attach,
+                                                   nullptr, nullptr);
+        if (result != SQLITE_OK) return result;
+    }
+    return SQLITE_OK;
+}
+
+}  // namespace mira::sql

@@ -1,0 +1,17 @@
+// mira_attach(FOLDER [, WRITABLE]): every table of a folder as a temporary virtual table.
+#pragma once
+
+#include <string>
+
+#include "api.h"
+
+namespace mira::sql {
+
+/// Makes the function known to a connection. An SQLite result.
+int registerAttach(sqlite3* connection);
+
+/// A virtual table `USING mira` in the schema temp, under the table's file name without extension,
+/// "_2" behind it for a second one of that name. The name it got; throws a Refusal.
+std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options);
+
+}  // namespace mira::sql

@@ -1,0 +1,161 @@
+#include "changes.h"
+
+#include "table/refusal.h"
+
+namespace mira::sql {
+namespace {
+
+using tool::Column;
+using tool::Given;
+using tool::Refusal;
+
+constexpr u8 kDeletedMark = '*';
+constexpr u8 kLiveMark = ' ';
+
+bool isNull(sqlite3_value* value) { return sqlite3_value_type(value) == SQLITE_NULL; }
+
+std::string_view bytesOf(sqlite3_value* value) {
+    const void* const bytes = sqlite3_value_blob(value);
+    if (bytes == nullptr) return {};
+    return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_value_bytes(value))};
+}
+
+Given givenOf(sqlite3_value* value) {
+    switch (sqlite3_value_type(value)) {
+        case SQLITE_INTEGER:
+            return Given::ofInteger(sqlite3_value_int64(value));
+        case SQLITE_FLOAT:
+            return Given::ofReal(sqlite3_value_double(value));
+        case SQLITE_TEXT:
+            // As UTF-8, whatever the database holds.
+            sqlite3_value_text(value);
+            return Given::ofText(bytesOf(value));
+        case SQLITE_BLOB:
+            return Given::ofBlob(bytesOf(value));
+        default:
+            return {};
+    }
+}
+
+std::string counted(std::size_t count) {
+    return std::to_string(count) + (count == 1 ? " record" : " records");
+}
+
+}  // namespace
+
+void Changes::refuse(const Row& row, const std::string& what) const {
+    const std::string where = row.isNew ? "new record" : "record " + std::to_string(row.record + 1);
+    throw Refusal(table_.path + ": " + where + ", " + what);
+}
+
+/// Before the first row of a statement: another program may have written meanwhile.
+void Changes::prepare() {
+    if (!rows_.empty()) return;
+    tool::checkWritable(table_);
+    RefreshDatabase(table_.base.get());
+    tool::loadCounters(table_);
+    added_ = 0;
+}
+
+void Changes::encode(Row& row, const Column& column, sqlite3_value* value) {
+    tool::Encoded encoded;
+    const std::string reason =
+        tool::encodeValue(table_, column, givenOf(value), row.isNew, encoded);
+    if (!reason.empty()) refuse(row, column.name + ": " + reason);
+    row.values.emplace_back(&column, std::move(encoded));
+}
+
+Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
+    constexpr std::size_t kBeforeColumns = 2;  // old and new rowid
+    Row row;
+    row.isNew = isNull(values[0]);
+    const u32 count = reccount(table_.base.get());
+    row.record = row.isNew ? count + added_ : static_cast<u32>(sqlite3_value_int64(values[0]) - 1);
+    if (values.size() == 1) {
+        row.mark = Mark::Deleted;
+        return row;
+    }
+    const bool moved = row.isNew ? !isNull(values[1])
+                                 : sqlite3_value_int64(values[0]) != sqlite3_value_int64(values[1]);
+    if (moved) refuse(row, "rowid: a record's number is its place in the file and cannot be given");
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+        const Column& column = columns_[i];
+        sqlite3_value* const value = values[i + kBeforeColumns];
+        if (!row.isNew && sqlite3_value_nochange(value) != 0) continue;
+        if (column.kind == tool::Kind::RecordNumber) {
+            const bool same = !row.isNew && sqlite3_value_int64(value) == i64{row.record} + 1;
+            if (!isNull(value) && !same) {
+                refuse(row, column.name +
+                                ": a record's number is its place in the file and cannot be given");
+            }
+        } else if (column.kind == tool::Kind::Deletion) {
+            if (isNull(value) && row.isNew) continue;
+            const i64 flag = sqlite3_value_int64(value);
+            if (sqlite3_value_type(value) != SQLITE_INTEGER || flag < 0 || flag > 1) {
+                refuse(row, column.name + ": is 1 or 0");
+            }
+            row.mark = flag != 0 ? Mark::Deleted : Mark::Live;
+        } else {
+            encode(row, column, value);
+        }
+    }
+    return row;
+}
+
+void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
+    prepare();
+    Row row = rowOf(values);
+    if (row.isNew) {
+        tool::advanceCounters(table_);
+        ++added_;
+        *rowid = i64{row.record} + 1;
+    }
+    rows_.push_back(std::move(row));
+}
+
+void Changes::writeRow(const Row& row) {
+    DbfBase* const base = table_.base.get();
+    if (row.isNew) {
+        tool::newRecord(table_);
+    } else if (ReadRecord(base, row.record) == 0) {
+        refuse(row, "which cannot be read");
+    }
+    for (const auto& [column, encoded] : row.values) tool::putValue(table_, *column, encoded);
+    if (row.mark != Mark::Keep) {
+        base->RecordBuffer[0] = row.mark == Mark::Deleted ? kDeletedMark : kLiveMark;
+    }
+    if (row.isNew) {
+        tool::appendRecord(table_);
+    } else if (WriteRecord(base, row.record) == 0) {
+        refuse(row, "which cannot be written");
+    }
+}
+
+void Changes::write() {
+    if (rows_.empty()) return;
+    if (!backedUp_) tool::makeBackups(table_);
+    backedUp_ = true;
+    const u32 before = reccount(table_.base.get());
+    std::size_t written = 0;
+    try {
+        for (const Row& row : rows_) {
+            writeRow(row);
+            ++written;
+        }
+        added_ != 0 ? tool::finishAppend(table_) : tool::stampDate(table_);
+    } catch (const Refusal& refusal) {
+        if (added_ != 0 && tool::takeBack(table_, before)) written = 0;
+        const std::string result = counted(written) + " of " + std::to_string(rows_.size());
+        drop();
+        throw Refusal(std::string(refusal.what()) + "; " + result +
+                      (written == 1 ? " is" : " are") + " written");
+    }
+    drop();
+}
+
+void Changes::drop() {
+    rows_.clear();
+    added_ = 0;
+}
+
+}  // namespace mira::sql

@@ -1,0 +1,145 @@
+#include <algorithm>
+#include <cmath>
+
+#include "module.h"
+#include "table/refusal.h"
+
+namespace mira::sql {
+namespace {
+
+using tool::Column;
+using tool::Value;
+
+constexpr u8 kDeletedMark = '*';
+
+Stored cellOf(Cursor& cursor, int column) {
+    Value value;
+    const Column& of = tableOf(cursor).columns[static_cast<std::size_t>(column)];
+    tool::readCell(*cursor.cells, of, value);
+    return tool::storedAs(of, value);
+}
+
+/// Reads a record; false when it is not one of those the table shows.
+bool readRecord(Cursor& cursor, u32 record) {
+    DbfBase* const base = cursor.table->base.get();
+    if (ReadRecord(base, record) == 0) {
+        throw tool::Refusal(cursor.table->path + ": record " + std::to_string(record + 1) +
+                            " cannot be read");
+    }
+    cursor.cells->record = record;
+    const Deleted deleted = tableOf(cursor).arguments.deleted;
+    return deleted == Deleted::Include ||
+           (base->RecordBuffer[0] == kDeletedMark) == (deleted == Deleted::Only);
+}
+
+bool mayPass(Cursor& cursor) {
+    return std::all_of(cursor.shortcuts.begin(), cursor.shortcuts.end(), [&](const Shortcut& s) {
+        return mayHold(s, cellOf(cursor, s.condition.column));
+    });
+}
+
+/// Conditions on the record number make the range narrower. They are certain, so they are kept only
+/// where the constant is a whole number.
+void narrow(Cursor& cursor, const Shortcut& s) {
+    if (!s.usable || s.constant.storage != Storage::Integer) return;
+    const i64 number = std::clamp<i64>(s.constant.integer, -1, i64{1} << 33) - 1;  // from 0
+    i64 first = cursor.record;
+    i64 end = cursor.end;
+    switch (s.condition.op) {
+        case Operator::Equal:
+            first = std::max(first, number);
+            end = std::min(end, number + 1);
+            break;
+        case Operator::Less:
+            end = std::min(end, number);
+            break;
+        case Operator::LessEqual:
+            end = std::min(end, number + 1);
+            break;
+        case Operator::Greater:
+            first = std::max(first, number + 1);
+            break;
+        case Operator::GreaterEqual:
+            first = std::max(first, number);
+            break;
+        default:
+            break;
+    }
+    cursor.end = static_cast<u32>(std::max<i64>(end, 0));
+    cursor.record = static_cast<u32>(std::min<i64>(first, cursor.end));
+}
+
+void makeIndex(Cursor& cursor, int column) {
+    KeyIndex index(column);
+    for (u32 record = 0; record < reccount(cursor.table->base.get()); ++record) {
+        if (readRecord(cursor, record)) index.add(cellOf(cursor, column), record);
+    }
+    index.finish();
+    cursor.index = std::move(index);
+}
+
+/// A scan for a value that comes again is answered from an index.
+void useIndex(Cursor& cursor) {
+    const auto equal =
+        std::find_if(cursor.shortcuts.begin(), cursor.shortcuts.end(), [](const Shortcut& s) {
+            return s.condition.op == Operator::Equal &&
+                   (s.constant.storage != Storage::Real || !std::isnan(s.constant.real));
+        });
+    if (equal == cursor.shortcuts.end()) return;
+    const int column = equal->condition.column;
+    if (!cursor.index || cursor.index->column() != column) makeIndex(cursor, column);
+    cursor.found = cursor.index->find(equal->value());
+    cursor.indexed = true;
+}
+
+/// The next record to look at; false at the end.
+bool advance(Cursor& cursor, u32* record) {
+    if (!cursor.indexed) {
+        *record = cursor.record++;
+        return *record < cursor.end;
+    }
+    if (cursor.found.empty()) return false;
+    *record = cursor.found.front().record;
+    cursor.found = cursor.found.subspan(1);
+    return true;
+}
+
+}  // namespace
+
+void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants) {
+    const std::vector<tool::Column>& columns = tableOf(cursor).columns;
+    const int recordColumn = static_cast<int>(columns.size()) - kHiddenColumns;
+    const bool repeated = !cursor.plan.empty() && cursor.plan == plan;
+    cursor.plan = plan;
+    cursor.shortcuts.clear();
+    cursor.record = 0;
+    cursor.end = reccount(cursor.table->base.get());
+    cursor.indexed = false;
+    std::size_t i = 0;
+    bool oneRecord = false;
+    for (const Condition& condition : readPlan(plan)) {
+        const Column& column = columns[static_cast<std::size_t>(condition.column)];
+        Shortcut s = shortcutOf(condition, column, constants[i++]);
+        if (condition.column == recordColumn) {
+            narrow(cursor, s);
+            oneRecord = oneRecord || condition.op == Operator::Equal;
+        } else if (s.usable) {
+            cursor.shortcuts.push_back(std::move(s));
+        }
+    }
+    if (repeated && !oneRecord) useIndex(cursor);
+    nextRecord(cursor);
+}
+
+void nextRecord(Cursor& cursor) {
+    u32 record = 0;
+    cursor.atEnd = true;
+    while (advance(cursor, &record)) {
+        if (readRecord(cursor, record) && mayPass(cursor)) {
+            cursor.atEnd = false;
+            return;
+        }
+    }
+}
+
+}  // namespace mira::sql

@@ -1,0 +1,56 @@
+// The virtual table and its cursors.
+//
+// A connected table keeps its columns and its code page. Every cursor reads through a handle of its
+// own, opened with it, so that cursors do not disturb each other, and what another program has
+// changed is seen by the next statement.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "api.h"
+#include "arguments.h"
+#include "changes.h"
+#include "index.h"
+#include "plan.h"
+#include "shortcut.h"
+#include "table/table.h"
+#include "table/value.h"
+
+namespace mira::sql {
+
+struct VirtualTable : sqlite3_vtab {
+    sqlite3* connection = nullptr;
+    bool utf8 = true;  ///< encoding of the connection's database
+    Arguments arguments;
+    std::unique_ptr<tool::Table> table;
+    std::vector<tool::Column> columns;  ///< as declared: those of the table, _record, _deleted
+    std::optional<Changes> changes;     ///< of a writable table
+};
+
+/// A scan: all records of a range, those an index gives, or one.
+struct Cursor : sqlite3_vtab_cursor {
+    std::unique_ptr<tool::Table> table;
+    std::optional<tool::CellReader> cells;
+    std::string plan;  ///< of the scan before; the same one again makes an index
+    std::vector<Shortcut> shortcuts;
+    u32 record = 0, end = 0;  ///< physical, from 0; the record read, and where the range ends
+    bool atEnd = true;
+    std::optional<KeyIndex> index;
+    std::span<const KeyIndex::Entry> found;
+    bool indexed = false;  ///< this scan goes through found
+    std::string fault{};   ///< why the record could not be read
+};
+
+inline VirtualTable& tableOf(sqlite3_vtab* table) { return *static_cast<VirtualTable*>(table); }
+inline VirtualTable& tableOf(const Cursor& cursor) { return tableOf(cursor.pVtab); }
+
+/// Begins a scan at its first record. Throws a Refusal.
+void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants);
+/// Goes on to the next record that may pass; at the end atEnd is set. Throws a Refusal.
+void nextRecord(Cursor& cursor);
+
+}  // namespace mira::sql

@@ -1,0 +1,52 @@
+// Conditions that are tested while scanning. SQLite tests every one again, so a shortcut may let
+// too much through, never too little: it says no only where the comparison that SQLite would make
+// is certain to fail.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "api.h"
+#include "table/storage.h"
+
+namespace mira::sql {
+
+using tool::Storage;
+using tool::Stored;
+
+enum class Operator : char {
+    Equal = '=',
+    Less = '<',
+    LessEqual = 'l',
+    Greater = '>',
+    GreaterEqual = 'g',
+    IsNull = '0',
+    Like = 'L',
+    Glob = 'G',
+};
+
+/// A condition on a column, as the plan of a query lists it.
+struct Condition {
+    int column = 0;  ///< number among the declared columns
+    Operator op = Operator::Equal;
+};
+
+/// A condition with the constant of this scan.
+struct Shortcut {
+    Condition condition;
+    bool usable = false;   ///< false: the constant is of another class, or a pattern says nothing
+    Stored constant{};     ///< of a text the class alone
+    std::string text{};    ///< a text, or the part of a pattern that every match holds
+    bool atStart = false;  ///< a pattern: the part stands at the beginning
+
+    /// The constant with its text.
+    Stored value() const { return {constant.storage, constant.integer, constant.real, text}; }
+};
+
+/// column is that of the condition; the constant of IsNull does not count.
+Shortcut shortcutOf(Condition condition, const tool::Column& column, sqlite3_value* constant);
+
+/// False when the value is certain to fail the condition.
+bool mayHold(const Shortcut& shortcut, const Stored& value);
+
+}  // namespace mira::sql

@@ -1,0 +1,295 @@
+// Code pages: names, conversion both ways, and which page a table is in.
+#include "table/codepage.h"
+
+#include "support.h"
+#include "table/pagenames.h"
+
+namespace {
+
+using namespace test;
+using namespace mira::tool;
+
+std::string decoded(const CodePage& page, std::string_view bytes, std::size_t* bad = nullptr) {
+    std::string out;
+    const std::size_t count = toUtf8(page, bytes, out);
+    if (bad != nullptr) *bad = count;
+    return out;
+}
+
+std::string nameOf(std::string_view spelling) {
+    const auto page = openPage(spelling);
+    return page ? pageName(*page) : "-";
+}
+
+TEST(CodePage, EveryMark) {
+    const std::string marks =
+        "CP437=01 09 0B 0D 0F 11 15 18 19 1B 5E 5F;"
+        "CP850=02 0A 0C 0E 10 12 14 16 1A 1D 25 37 60 9C;CP1252=03 57 58 59 61 62;MACINTOSH=04;"
+        "CP865=08 17 66;CP932=13 56 7B;CP863=1C 6C;CP852=1F 22 23 40 64 87;895=20 68;CP860=24;"
+        "CP866=26 65;CP936=4D 7A;CP949=4E 79;CP950=4F 78;CP874=50 7C;CP861=67;620=69;CP737=6A 86;"
+        "CP857=6B 88;CP1255=7D;CP1256=7E;CP862=85;MAC-CYRILLIC=96;MAC-CENTRALEUROPE=97;10006=98;"
+        "CP1250=9B C8;CP1251=C9;CP1254=CA;CP1253=CB;CP1257=CC;UTF-8=F0";
+    int known = 0;
+    for (const auto& [page, list] : rows(marks)) {
+        for (const std::string& hex : split(list, ' ')) {
+            const int mark = std::stoi(hex, nullptr, 16);
+            EXPECT_EQ(nameOf("LDID/" + std::to_string(mark)), page) << hex;
+            ++known;
+        }
+        EXPECT_EQ(pageOfMark(markOf(*openPage(page))), page);
+    }
+    for (int mark = 0; mark < 256; ++mark) {
+        known -= pageOfMark(static_cast<mira::u8>(mark)) != nullptr ? 1 : 0;
+    }
+    EXPECT_EQ(known, 0) << "marks that no row of the list has";
+}
+
+TEST(CodePage, Spellings) {
+    for (const auto& [spelling, name] :
+         rows("UTF-8=UTF-8;UTF8=UTF-8;utf-8=UTF-8;65001=UTF-8;1252=CP1252;936=CP936;CP1251=CP1251;"
+              "windows-1251=CP1251;ANSI 1251=CP1251;OEM 850=CP850;oem 866=CP866;IBM850=CP850;"
+              "ms932=CP932;ISO-8859-1=ISO-8859-1;ISO 8859-1=ISO-8859-1;ISO88591=ISO-8859-1;"
+              "8859-1=ISO-8859-1;88591=ISO-8859-1;885915=ISO-8859-15;Big5=BIG5;EUC-KR=EUC-KR;"
+              "GBK=GBK;SHIFT_JIS=SHIFT_JIS;LDID/87=CP1252;LDID/105=620; cp866 =CP866;koi8-r=KOI8-R;"
+              "10000=MACINTOSH;10007=MAC-CYRILLIC;10029=MAC-CENTRALEUROPE;mazovia=620;cp620=620;"
+              "KAMENICKY=895;895=895;CP10006=10006;MacGreek=10006")) {
+        EXPECT_EQ(nameOf(spelling), name) << spelling;
+    }
+    // An empty name would be the locale's page, "//" begins an option; texts in pages without
+    // ASCII cannot be told from blanks.
+    for (const char* unknown : {"", " ", "LDID/0", "LDID/127", "LDID/300", "LDID/x", "8859-12",
+                                "8859-17", "UTF-8//IGNORE", "ASCII//TRANSLIT", "../../x", "CP99999",
+                                "UTF-16", "UTF-7", "ISO-2022-JP", "no such page"}) {
+        EXPECT_EQ(nameOf(unknown), "-") << unknown;
+    }
+}
+
+TEST(CodePage, PagesOfTheirOwn) {
+    for (const auto& [bytes, text] :
+         rows("620 \x80\x86\x8F\x92\x9C\xA0\xAF\xB3\xE1=ÇąĄłŁŹ»│ß;"
+              "895 \x80\x87\x8D\x90\x9F\xA8\xAF\xB3\xE1=ČčĺÉťš»│ß;"
+              "10006 \x80\x87\xA1\xAF\xB0\xC0\xCF\xD0\xE1\xF7\xFE=Ä΅Γ·Αάœ–αςΰ")) {
+        const std::size_t blank = bytes.find(' ');
+        const auto page = openPage(bytes.substr(0, blank));
+        EXPECT_EQ(decoded(*page, bytes.substr(blank + 1)), text);
+    }
+}
+
+TEST(CodePage, SingleBytesThereAndBack) {
+    for (const char* name :
+         {"437",   "737",  "850",  "852",   "855",    "857",    "860",    "861",
+          "862",   "863",  "865",  "866",   "874",    "1250",   "1251",   "1252",
+          "1253",  "1254", "1255", "1256",  "1257",   "1258",   "10000",  "10007",
+          "10029", "620",  "895",  "10006", "KOI8-R", "8859-1", "8859-15"}) {
+        const auto page = openPage(name);
+        ASSERT_TRUE(page) << name;
+        std::string bytes;
+        for (int i = 0; i < 256; ++i) {
+            std::size_t bad = 0;
+            decoded(*page, std::string(1, static_cast<char>(i)), &bad);
+            if (bad == 0) bytes += static_cast<char>(i);
+        }
+        std::string back;
+        EXPECT_TRUE(fromUtf8(*page, decoded(*page, bytes), back)) << name;
+        EXPECT_EQ(back, bytes) << name;
+        EXPECT_GE(bytes.size(), 220u) << name;
+    }
+}
+
+/// What bytes become, with the number of replacements in front.
+std::string counted(std::string_view spelling, std::string_view bytes) {
+    std::size_t bad = 0;
+    const std::string text = decoded(*openPage(spelling), bytes, &bad);
+    return std::to_string(bad) + " " + text;
+}
+
+TEST(CodePage, BytesWithoutCharacter) {
+    EXPECT_EQ(counted("1252", "a\x81\x80z\x9D"), "2 a\uFFFD€z\uFFFD");
+    EXPECT_EQ(counted("1255", "\xE0\xC8\xD9"), "1 א\u05B8\uFFFD") << "letter and point stay two";
+    EXPECT_EQ(counted("UTF-8", "caf\xC3\xA9 \xC3"), "1 café \uFFFD") << "cut";
+    EXPECT_EQ(counted("UTF-8", "\xC0\x80\xE2\x82\xED\xA0\x80\xF5x"),
+              "7 " + repeat("\uFFFD", 7) + "x");
+    EXPECT_EQ(counted("932", "\x93\xFA\x96\x7B\x93"), "1 日本\uFFFD") << "cut";
+    EXPECT_EQ(counted("932",
+                      "\x81"
+                      "1\xB1"),
+              "1 \uFFFD"
+              "1ｱ")
+        << "no second byte";
+    EXPECT_EQ(counted("936",
+                      "\xD6\xD0\xFF"
+                      "a"),
+              "1 中\uFFFDa");
+    EXPECT_EQ(counted("949", "\xC7\xD1"), "0 한");
+    EXPECT_EQ(counted("950", "\xA4\xA4\xA4"), "1 中\uFFFD");
+    const std::string longText = repeat("plain text \x8D\xA5 ", 1000);
+    EXPECT_EQ(counted("866", longText), "0 " + repeat("plain text Не ", 1000))
+        << "more than any buffer holds";
+    EXPECT_EQ(counted("936", repeat("ab\xD6\xD0", 2000)), "0 " + repeat("ab中", 2000));
+}
+
+TEST(CodePage, CharactersThatThePageLacks) {
+    for (const auto& [name, lacking] :
+         rows("CP866=é;CP1252=Ж;620=Ж;CP932=é;UTF-8=\xFF;ISO-8859-1=€;CP437=日")) {
+        std::string bytes = "<";
+        std::string bad;
+        EXPECT_FALSE(fromUtf8(*openPage(name), "ab" + lacking + "cd", bytes, &bad)) << name;
+        EXPECT_EQ(bytes, "<ab") << name;
+        EXPECT_EQ(bad, lacking == "\xFF" ? "\uFFFD" : lacking) << name;
+    }
+    std::string bytes;
+    EXPECT_TRUE(fromUtf8(*openPage("932"), "a日本b", bytes));
+    EXPECT_EQ(bytes,
+              "a\x93\xFA\x96\x7B"
+              "b");
+}
+
+TEST(CodePage, UpperCase) {
+    for (const auto& [name, pair] :
+         rows("866=Ёлка ёж 1/ЁЛКА ЁЖ 1;1251=ґанок/ҐАНОК;1252=Straße à ÿ/STRAßE À Ÿ;437=naïve ÿ é/"
+              "NAïVE ÿ É;620=zażółć/ZAŻÓŁĆ;10006=ώς/ΏΣ;UTF-8=дым ﬁ é/ДЫМ ﬁ É;932=aф本/AФ本;"
+              "KOI8-R=ю/Ю")) {
+        const auto page = openPage(name);
+        const std::size_t slash = pair.rfind('/');
+        std::string bytes;
+        ASSERT_TRUE(fromUtf8(*page, pair.substr(0, slash), bytes));
+        foldCase(*page, bytes);
+        EXPECT_EQ(decoded(*page, bytes), pair.substr(slash + 1)) << name;
+    }
+    std::string broken = "a\x93\xFA\x93";
+    foldCase(*openPage("932"), broken);
+    EXPECT_EQ(broken, "A\x93\xFA\x93");
+}
+
+// ---------------------------------------------------------------------------------------------
+// The page of a table
+// ---------------------------------------------------------------------------------------------
+
+/// A table of one C field with a mark and a text per record.
+std::string tableWith(int mark, const std::vector<std::string>& texts, unsigned char version = 3,
+                      std::string_view driver = "") {
+    Layout layout{version, {{"T", 'C', 40}, {"N", 'N', 4}}, {}, driver.empty() ? kPlain : kLevel7};
+    for (const std::string& text : texts) layout.records.push_back(" " + padded(text, 40) + "   1");
+    std::string bytes = layout.bytes();
+    bytes[29] = static_cast<char>(mark);
+    if (layout.flavour == kLevel7) bytes.replace(32, driver.size(), driver);
+    return bytes;
+}
+
+/// "page from", "?" behind it when uncertain, and the number of notes when there are any.
+std::string choice(const test::Table& table, std::string_view option = "") {
+    const PageChoice chosen = choosePage(table.get(), option);
+    std::string text = chosen.page ? pageName(*chosen.page) : "-";
+    text += " " + chosen.from + (chosen.uncertain ? "?" : "");
+    if (!chosen.notes.empty()) text += " " + std::to_string(chosen.notes.size());
+    return text;
+}
+std::string choiceOf(const std::string& bytes, std::string_view option = "") {
+    const TempDir dir;
+    return choice(openBytes(dir, bytes), option);
+}
+
+const std::string kRussian866 = "\x8F\xE0\xA8\xA2\xA5\xE2 \xAC\xA8\xE0 \xA8 \xA4\xAE\xAC";
+const std::string kRussian1251 = "\xCF\xF0\xE8\xE2\xE5\xF2 \xEC\xE8\xF0 \xE8 \xE4\xEE\xEC";
+
+TEST(PageOfTable, Order) {
+    const TempDir dir;
+    const test::Table table = openBytes(dir, tableWith(0x26, {"x"}), "Stock.dbf");
+    EXPECT_EQ(choice(table), "CP866 mark 0x26");
+    writeAll(dir.file("STOCK.CPG"), "\xEF\xBB\xBF utf8 \r\n");
+    EXPECT_EQ(choice(table), "UTF-8 .cpg") << "in any letter case";
+    writeAll(dir.file("Stock.cpg"),
+             "\xFF\xFE"
+             "1\0"
+             "2\0"
+             "5\0"
+             "2\0"s);
+    EXPECT_EQ(choice(table), "CP1252 .cpg") << "the table's own letter case first";
+    EXPECT_EQ(choice(table, "kamenicky"), "895 --code-page");
+    EXPECT_EQ(choice(table, "nothing"), "- --code-page 1");
+    for (const std::string& line : {"nothing"s, ""s, "CP1251" + std::string(60, '.')}) {
+        writeAll(dir.file("Stock.cpg"), line);
+        EXPECT_EQ(choice(table), "CP866 mark 0x26 1") << line;
+    }
+}
+
+TEST(PageOfTable, Drivers) {
+    for (const auto& [driver, expected] :
+         rows("DB866RU0=CP866 driver DB866RU0;db437us0=CP437 driver db437us0;DB867CZ0=895 driver "
+              "DB867CZ0;db437gr0=CP737 driver db437gr0;DBWINUS0=CP1252 driver DBWINUS0;ansislov="
+              "CP1250 driver ansislov;ANSIxyz=CP1252 driver ANSIxyz;cskamen=895 driver cskamen;"
+              "dbHebrew=CP862 driver dbHebrew;db437th0=CP437 driver db437th0 1;"
+              "nobody=CP437 default 1")) {
+        EXPECT_EQ(choiceOf(tableWith(0, {"x"}, 4, driver)), expected);
+    }
+    EXPECT_EQ(choiceOf(tableWith(0x03, {"x"}, 4, "DB866RU0")), "CP1252 mark 0x03");
+    EXPECT_EQ(choiceOf(tableWith(0, {"при"}, 4, "DB866RU0")), "UTF-8 UTF-8 text");
+}
+
+TEST(PageOfTable, WeakMarks) {
+    const std::vector<std::string> latin = {"caf\xE9", "x"};
+    EXPECT_EQ(choiceOf(tableWith(0x57, {"café", "x"})), "UTF-8 UTF-8 text");
+    EXPECT_EQ(choiceOf(tableWith(0x57, {"cafe"})), "CP1252 mark 0x57");
+    EXPECT_EQ(choiceOf(tableWith(0x57, latin)), "CP1252 mark 0x57?");
+    EXPECT_EQ(choiceOf(tableWith(0x03, {"café"})), "CP1252 mark 0x03") << "a strong one";
+    EXPECT_EQ(choiceOf(tableWith(0, latin)), "CP437 default?");
+    EXPECT_EQ(choiceOf(tableWith(0, {"x"})), "CP437 default");
+    EXPECT_EQ(choiceOf(tableWith(0, latin, 0x30)), "CP1252 default?");
+    EXPECT_EQ(choiceOf(tableWith(0x7F, {"x"})), "CP437 default 1") << "an unknown mark";
+    EXPECT_EQ(choiceOf(tableWith(0, {"é" + std::string(37, 'x') + "é", "x"})), "UTF-8 UTF-8 text")
+        << "cut where the field ends";
+    EXPECT_EQ(choiceOf(tableWith(0, {std::string(39, 'x') + "\xC3"})), "CP437 default?")
+        << "a cut alone is no evidence";
+    std::vector<std::string> late(40000, "plain");
+    late[38000] = "café";
+    EXPECT_EQ(choiceOf(tableWith(0, late)), "UTF-8 UTF-8 text") << "in the last stretch";
+}
+
+TEST(PageOfTable, Guess) {
+    const std::vector<std::string> russian(8, kRussian866 + " " + kRussian866);
+    EXPECT_EQ(choiceOf(tableWith(0, russian)), "CP866 guess?");
+    EXPECT_EQ(choiceOf(tableWith(0, {8, kRussian1251 + " " + kRussian1251})), "CP1251 guess?");
+    EXPECT_EQ(choiceOf(tableWith(0, {kRussian866, kRussian866})), "CP437 default?") << "24 letters";
+    EXPECT_EQ(choiceOf(tableWith(0x57, russian)), "CP1252 mark 0x57?") << "only after 00";
+    EXPECT_EQ(choiceOf(tableWith(0, {20, "gar\x87on na\x8Bve \x82t\x82"})), "CP437 default?")
+        << "Western pages cannot be told apart";
+}
+
+TEST(PageOfTable, LeavesTheHandleAlone) {
+    const TempDir dir;
+    const test::Table table = openBytes(dir, tableWith(0, {"a", "caf\xE9", "c"}));
+    table->Reverse = 1;
+    ASSERT_EQ(mira::ReadRecord(table.get(), 0), 1);
+    EXPECT_EQ(choice(table), "CP437 default?");
+    EXPECT_EQ(recordOf(table.get()).substr(1, 1), "c");
+    ASSERT_EQ(mira::ReadRecord(table.get(), 1), 1);
+    EXPECT_EQ(recordOf(table.get()).substr(1, 3), "caf");
+    EXPECT_EQ(table->Reverse, 1);
+}
+
+/// A FoxPro table of one memo field, with a memo file of one block of 64 bytes at block 8.
+test::Table memoTable(const TempDir& dir, std::string_view memo, std::string_view reference,
+                      unsigned char flags = 0, unsigned char version = 0xF5) {
+    Layout layout{
+        version, {{"M", 'M', version == 0xF5 ? 10u : 4u}}, {" " + std::string(reference)}};
+    std::string bytes = layout.bytes();
+    bytes[32 + 18] = static_cast<char>(flags);
+    std::string file(512, '\0');
+    file[7] = 64;
+    file += "\0\0\0\1\0\0\0"s + static_cast<char>(memo.size()) + padded(memo, 56);
+    writeAll(dir.file("t.fpt"), file);
+    return openBytes(dir, bytes);
+}
+
+TEST(PageOfTable, Memos) {
+    const TempDir dir;
+    EXPECT_EQ(choice(memoTable(dir, "café", "         8")), "UTF-8 UTF-8 text");
+    EXPECT_EQ(choice(memoTable(dir, "caf\0é"s, "         8")), "CP437 default") << "binary";
+    EXPECT_EQ(choice(memoTable(dir, "café", "4294967295")), "CP437 default") << "leads nowhere";
+    EXPECT_EQ(choice(memoTable(dir, "café", "\x08\0\0\0"s, 4, 0x30)), "CP1252 default") << "binary";
+    EXPECT_EQ(choice(memoTable(dir, "café", "\x08\0\0\0"s, 0, 0x30)), "UTF-8 UTF-8 text");
+    std::filesystem::remove(dir.file("t.fpt"));
+    EXPECT_EQ(choice(openBytes(dir, readAll(dir.file("t.dbf")))), "CP1252 default") << "no file";
+}
+
+}  // namespace

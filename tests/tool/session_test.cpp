@@ -1,0 +1,112 @@
+// Sessions with the program: text files, and the "console" blocks of the documents, with commands
+// and what they print. Every line "$ ..." is run by the shell in a folder of its own that holds the
+// samples and the tables of tables.h; what follows must be its output, and "[N]" its exit status
+// when that is not 0. With MIRA_UPDATE_SESSIONS set, session files are written anew.
+#include <cstdio>
+
+#include "support.h"
+#include "tool/tables.h"
+
+namespace {
+
+using namespace test;
+
+constexpr std::string_view kPrompt = "$ ";
+
+/// Words for sessions: mira, and a terminal of some columns.
+std::string prologue() {
+    const std::string folder = std::filesystem::path(MIRA_PROGRAM).parent_path();
+    return "PATH=" + folder +
+           ":$PATH; LC_ALL=C; export PATH LC_ALL; "
+           "terminal() { stty=$1; shift; script -qec \"stty cols $stty; $*\" /dev/null </dev/null "
+           "| "
+           "tr -d '\\r'; }; ";
+}
+
+std::string run(const std::string& folder, const std::string& command) {
+    writeAll(folder + "/../command", prologue() + command);
+    const std::string line = "cd '" + folder + "' && sh ../command 2>&1 </dev/null; echo \"[$?]\"";
+    std::string output;
+    std::FILE* const pipe = popen(line.c_str(), "r");
+    char buffer[4096];
+    while (const std::size_t got = std::fread(buffer, 1, sizeof buffer, pipe)) {
+        output.append(buffer, got);
+    }
+    pclose(pipe);
+    if (output.ends_with("[0]\n")) output.resize(output.size() - 4);
+    if (!output.empty() && !output.ends_with('\n')) output += '\n';
+    return output;
+}
+
+/// The folder of a session, with the samples and the tables laid for it.
+struct Folder {
+    TempDir dir;
+    std::string path = dir.file("here");
+
+    Folder() {
+        std::filesystem::create_directory(path);
+        std::filesystem::copy(MIRA_SAMPLES_DIR, path + "/samples");
+        layTables(path);
+    }
+};
+
+/// Runs the commands of a session and puts what they print behind them.
+std::string replay(const std::string& session) {
+    const Folder folder;
+    std::string result;
+    bool inOutput = false;
+    for (const std::string& line : split(session, '\n')) {
+        if (line.starts_with(kPrompt)) {
+            result += line + "\n" + run(folder.path, line.substr(kPrompt.size()));
+            inOutput = true;
+        } else if (line.starts_with("# ") || (line.empty() && !inOutput)) {
+            result += line + "\n";
+            inOutput = false;
+        }
+    }
+    return result;
+}
+
+class Session : public testing::TestWithParam<std::string> {};
+
+TEST_P(Session, PrintsWhatItSays) {
+    const std::string path = MIRA_SESSIONS_DIR + ("/" + GetParam());
+    const std::string expected = readAll(path);
+    const std::string found = replay(expected);
+    if (std::getenv("MIRA_UPDATE_SESSIONS") != nullptr) writeAll(path, found);
+    EXPECT_EQ(found, expected);
+}
+
+std::vector<std::string> sessionNames() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(MIRA_SESSIONS_DIR)) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, Session, testing::ValuesIn(sessionNames()), [](const auto& session) {
+    return session.param.substr(0, session.param.find('.'));
+});
+
+/// The documents are one session each, told in blocks.
+TEST(Session, OfTheDocument) {
+    const std::string document = readAll(MIRA_DOCUMENT);
+    const Folder folder;
+    constexpr std::string_view kStart = "\n```console\n";
+    std::size_t place = 0;
+    while ((place = document.find(kStart, place)) != std::string::npos) {
+        place += kStart.size();
+        const std::string block =
+            document.substr(place, document.find("\n```\n", place) + 1 - place);
+        std::string found;
+        for (const std::string& line : split(block, '\n')) {
+            if (!line.starts_with(kPrompt)) continue;
+            found += line + "\n" + run(folder.path, line.substr(kPrompt.size()));
+        }
+        EXPECT_EQ(found, block);
+    }
+}
+
+}  // namespace

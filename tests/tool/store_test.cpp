@@ -1,0 +1,230 @@
+// Values into fields: what fits, byte for byte, and why the rest does not.
+#include "table/store.h"
+
+#include "support.h"
+#include "table/refusal.h"
+
+namespace {
+
+using namespace test;
+namespace tool = mira::tool;
+using tool::Encoded;
+using tool::encodeValue;
+using tool::Given;
+
+/// A table of these columns without records, open for writing. flags: descriptor bytes 18 and on of
+/// each column.
+std::unique_ptr<tool::Table> emptyTable(const TempDir& dir, unsigned char version,
+                                        std::vector<Column> columns,
+                                        const std::vector<std::string>& flags = {},
+                                        Flavour flavour = kPlain) {
+    const Layout layout{version, std::move(columns), {}, flavour};
+    std::string bytes = layout.bytes();
+    for (std::size_t i = 0; i < flags.size(); ++i)
+        bytes.replace(32 + 32 * i + 18, flags[i].size(), flags[i]);
+    writeAll(dir.file("t.dbf"), bytes);
+    tool::TableOptions options;
+    options.codePage = "1252";
+    options.writable = true;
+    return tool::openTable(dir.file("t.dbf"), options);
+}
+
+/// The bytes that a value becomes, or "!" and why it does not fit.
+std::string stored(tool::Table& table, std::string_view name, const Given& given,
+                   bool isNew = true) {
+    Encoded encoded;
+    const std::string before = recordOf(table.base.get());
+    const std::string reason =
+        encodeValue(table, tool::columnNamed(table, name), given, isNew, encoded);
+    EXPECT_EQ(recordOf(table.base.get()), before) << "encoding leaves the record alone";
+    return reason.empty() ? encoded.bytes : "!" + reason;
+}
+
+TEST(Store, CellsByType) {
+    const TempDir dir;
+    const auto table = emptyTable(dir, 0x03,
+                                  {{"C", 'C', 6},
+                                   {"N", 'N', 6, 2},
+                                   {"P", 'N', 3, 2},
+                                   {"F", 'F', 12, 4},
+                                   {"D", 'D', 8},
+                                   {"L", 'L', 1},
+                                   {"T", 'T', 14},
+                                   {"W", 'N', 4}});
+    for (const auto& [cell, bytes] : rows(
+             "C abc=abc   ;C abcdef   =abcdef;C abcdefg=!7 bytes do not fit C(6);C é=\xE9     ;"
+             "C Ж=!code page CP1252 lacks \"Ж\";C =      ;N 12.5= 12.50;N -1= -1.00;N 0012.500= "
+             "12.50;"
+             "N 1.25e2=125.00;N 12345= 12345;N 123456=123456;N 1234567=!\"1234567\" does not fit "
+             "N(6,2);"
+             "N 1.005=!\"1.005\" has more than 2 decimals;N x=!\"x\" is no number;N =      ;"
+             "N 1e999=!\"1e999\" is no number;P .5=.50;P 1=1.0;P -.5=-.5;P 12.5=!\"12.5\" does not "
+             "fit "
+             "N(3,2);F 9.95e+003=   9950.0000;D 2024-02-29=20240229;D 20240131=20240131;"
+             "D 2023-02-29=!\"2023-02-29\" is no date (2024-01-31);D 2024-0131=!\"2024-0131\" is "
+             "no date "
+             "(2024-01-31);D =        ;L true=T;L N=F;L 1=T;L =\x20;L maybe=!\"maybe\" is no "
+             "logical "
+             "value (true, false);T 2024-01-31 23:59:59=20240131235959;T 2024-01-31=20240131000000;"
+             "T 2024-01-31 24:00:00=!\"2024-01-31 24:00:00\" is no date and time (2024-01-31 "
+             "23:59:59);"
+             "T 2024-01-31 10:00:00.5=!\"2024-01-31 10:00:00.5\" has parts of a second;W 12.0=  12;"
+             "W 1.5=!\"1.5\" has more than 0 decimals")) {
+        EXPECT_EQ(stored(*table, cell.substr(0, 1), Given::cell(cell.substr(2))), bytes) << cell;
+    }
+}
+
+TEST(Store, BinaryTypes) {
+    const TempDir dir;
+    const auto table =
+        emptyTable(dir, 0x30, {{"I", 'I', 4}, {"B", 'B', 8}, {"Y", 'Y', 8}, {"T", 'T', 8}});
+    for (const auto& [cell, bytes] : std::vector<std::pair<std::string, std::string>>{
+             {"I -2", "\xFE\xFF\xFF\xFF"},
+             {"I 2147483648", "!\"2147483648\" does not fit I"},
+             {"I 1.5", "!\"1.5\" is no whole number"},
+             {"I ", "\0\0\0\0"s},
+             {"B 1.5", "\0\0\0\0\0\0\xF8\x3F"s},
+             {"B inf", "!\"inf\" is no number"},
+             {"Y 4.56", "\x20\xB2\0\0\0\0\0\0"s},
+             {"Y -0.0001", std::string(8, '\xFF')},
+             {"Y 0.00001", "!\"0.00001\" has more than 4 decimals"},
+             {"Y 922337203685477.5808", "!\"922337203685477.5808\" does not fit Y"},
+             {"T 1970-01-01T00:00:01.250", "\x8C\x3D\x25\0\xE2\x04\0\0"s},
+             {"T ", std::string(8, '\0')}}) {
+        EXPECT_EQ(stored(*table, cell.substr(0, 1), Given::cell(cell.substr(2))), bytes) << cell;
+    }
+    EXPECT_EQ(stored(*table, "I", Given::cell(""), false), "!I cannot be blank; 0 is a value");
+    EXPECT_EQ(stored(*table, "T", Given::cell(""), false), std::string(8, '\0'));
+}
+
+TEST(Store, TypedValues) {
+    const TempDir dir;
+    const auto table = emptyTable(dir, 0x30,
+                                  {{"C", 'C', 6},
+                                   {"N", 'N', 8, 2},
+                                   {"I", 'I', 4},
+                                   {"L", 'L', 1},
+                                   {"Y", 'Y', 8},
+                                   {"D", 'D', 8}});
+    EXPECT_EQ(stored(*table, "C", Given::ofInteger(-12)), "-12   ");
+    EXPECT_EQ(stored(*table, "C", Given::ofReal(0.5)), "0.5   ");
+    EXPECT_EQ(stored(*table, "C", Given::ofText("base64:")), "!7 bytes do not fit C(6)");
+    EXPECT_EQ(stored(*table, "C", Given::ofBlob("x")), "!a blob is no text");
+    EXPECT_EQ(stored(*table, "C", Given::ofText("a\0b"s)), "!a text holds no zero byte");
+    EXPECT_EQ(stored(*table, "N", Given::ofReal(10.340000000000002)), "   10.34")
+        << "reals are rounded";
+    EXPECT_EQ(stored(*table, "N", Given::ofReal(-0.001)), "    0.00");
+    EXPECT_EQ(stored(*table, "N", Given::ofReal(99999.995)), "100000.0")
+        << "fewer decimals, where they are 0";
+    EXPECT_EQ(stored(*table, "N", Given::ofReal(1e300)).substr(0, 10), "!\"1e+300\" ");
+    EXPECT_EQ(stored(*table, "N", Given::ofText(" 7 ")), "    7.00");
+    EXPECT_EQ(stored(*table, "I", Given::ofReal(2.0)), "\2\0\0\0"s);
+    EXPECT_EQ(stored(*table, "L", Given::ofInteger(0)), "F");
+    EXPECT_EQ(stored(*table, "Y", Given::ofReal(0.00005)), "\1\0\0\0\0\0\0\0"s);
+    EXPECT_EQ(stored(*table, "D", Given::ofText("2024-01-31 00:00:00")), "20240131");
+    EXPECT_EQ(stored(*table, "D", Given::ofInteger(20240131)), "20240131");
+}
+
+TEST(Store, Level7Numbers) {
+    const TempDir dir;
+    const auto table =
+        emptyTable(dir, 0x8C, {{"I", 'I', 4}, {"O", 'O', 8}, {"A", '+', 4}}, {}, kLevel7);
+    EXPECT_EQ(stored(*table, "I", Given::cell("258")), "\0\0\1\2"s);
+    EXPECT_EQ(stored(*table, "I", Given::cell("-1")), "!\"-1\" does not fit I") << "no sign there";
+    EXPECT_EQ(stored(*table, "O", Given::cell("1.5")), "\xBF\xF8\0\0\0\0\0\0"s);
+    tool::loadCounters(*table);
+    EXPECT_EQ(stored(*table, "A", Given{}), "\0\0\0\1"s);
+    tool::advanceCounters(*table);
+    EXPECT_EQ(stored(*table, "A", Given::cell("2")), "\0\0\0\2"s);
+    EXPECT_EQ(stored(*table, "A", Given::cell("5")), "!\"5\" is not the next value, 2");
+    EXPECT_EQ(stored(*table, "A", Given{}, false), "!counts by itself and takes no value");
+}
+
+// Null flags: V takes a length bit, then a null bit; C a null bit; Q a length bit.
+TEST(Store, NullFlagsAndLengths) {
+    const TempDir dir;
+    const auto table = emptyTable(
+        dir, 0x30,
+        {{"V", 'V', 5}, {"C", 'C', 3}, {"Q", 'Q', 4}, {"N", 'N', 2}, {"_NullFlags", '0', 1}},
+        {"\2", "\2", "", "", "\5"});
+    const auto put = [&](std::string_view name, const Given& given) {
+        Encoded encoded;
+        const tool::Column& column = tool::columnNamed(*table, name);
+        EXPECT_EQ(encodeValue(*table, column, given, true, encoded), "");
+        tool::putValue(*table, column, encoded);
+        return recordOf(table->base.get());
+    };
+    tool::newRecord(*table);
+    EXPECT_EQ(put("V", Given::cell("ab")), " ab  \2   "s + "\0\0\0\0"s + "  \1");
+    EXPECT_EQ(put("V", Given::cell("abcde")), " abcde   "s + "\0\0\0\0"s + "  "s + "\0"s);
+    EXPECT_EQ(put("V", Given::cell("")), " "s + "    \0"s + "   " + "\0\0\0\0"s + "  \3") << "null";
+    EXPECT_EQ(put("V", Given::cell("", true)), " "s + "    \0"s + "   " + "\0\0\0\0"s + "  \1")
+        << "empty";
+    EXPECT_EQ(put("C", Given{}), " "s + "    \0"s + "   " + "\0\0\0\0"s + "  \5");
+    EXPECT_EQ(put("Q", Given::cell("base64:AP8=")),
+              " "s + "    \0"s + "   " + "\0\xFF\0\2"s + "  \x0D");
+    EXPECT_EQ(put("C", Given::cell("x")), " "s + "    \0"s + "x  " + "\0\xFF\0\2"s + "  \x09");
+    EXPECT_EQ(stored(*table, "Q", Given::cell("text")),
+              "!\"text\" is text; bytes are written as \"base64:...\"");
+    EXPECT_EQ(stored(*table, "Q", Given::cell("base64:A")), "!\"base64:A\" is no base64");
+    EXPECT_EQ(stored(*table, "Q", Given::ofBlob("12345")), "!5 bytes do not fit Q(4)");
+}
+
+TEST(Store, AppendsAndCounts) {
+    const TempDir dir;
+    // Next value 7, step 5.
+    const auto table = emptyTable(dir, 0x30, {{"ID", 'I', 4}, {"C", 'C', 2}}, {"\x0C\7\0\0\0\5"s});
+    tool::loadCounters(*table);
+    for (const char* text : {"a", "b"}) {
+        std::vector<Encoded> values(2);
+        EXPECT_EQ(encodeValue(*table, table->columns[0], Given{}, true, values[0]), "");
+        EXPECT_EQ(encodeValue(*table, table->columns[1], Given::cell(text), true, values[1]), "");
+        tool::advanceCounters(*table);
+        tool::newRecord(*table);
+        for (std::size_t i = 0; i < 2; ++i) tool::putValue(*table, table->columns[i], values[i]);
+        tool::appendRecord(*table);
+        EXPECT_EQ(readAll(dir.file("t.dbf")).substr(4, 4), "\0\0\0\0"s) << "not counted yet";
+    }
+    tool::finishAppend(*table);
+    const std::string file = readAll(dir.file("t.dbf"));
+    EXPECT_EQ(file.substr(4, 4), "\2\0\0\0"s);
+    EXPECT_EQ(file.substr(32 + 19, 5), "\x11\0\0\0\5"s);
+    EXPECT_EQ(file.substr(97), " \7\0\0\0a  \x0C\0\0\0b \x1A"s);
+    tool::appendRecord(*table);
+    EXPECT_TRUE(tool::takeBack(*table, 2));
+    EXPECT_EQ(readAll(dir.file("t.dbf")).size(), file.size());
+}
+
+TEST(Store, MemosAndBackups) {
+    const TempDir dir;
+    auto table = emptyTable(dir, 0x83, {{"M", 'M', 10}, {"G", 'G', 10}});
+    EXPECT_EQ(stored(*table, "M", Given::cell("text")),
+              "!the memo file is missing or cannot be written");
+    ASSERT_EQ(mira::CreateMemoFile(dir.file("t.dbf").c_str(), 0, 0), 1);
+    Encoded encoded;
+    EXPECT_EQ(encodeValue(*table, table->columns[0], Given::cell("é\n"), true, encoded), "");
+    EXPECT_EQ(readAll(dir.file("t.dbt")).size(), 512u) << "encoding writes nothing";
+    tool::putValue(*table, table->columns[0], encoded);
+    EXPECT_EQ(recordOf(table->base.get()).substr(1, 10), "         1");
+    EXPECT_EQ(readAll(dir.file("t.dbt")).substr(512, 3), "\xE9\n\x1A");
+    EXPECT_EQ(stored(*table, "M", Given::cell("base64:Gg==")),
+              "!a memo of dBase III ends at a byte 1A, which the value holds");
+    EXPECT_EQ(stored(*table, "G", Given::cell("")), "          ");
+
+    writeAll(dir.file("t.bak"), "old");
+    tool::makeBackups(*table);
+    EXPECT_EQ(readAll(dir.file("t.bak")), readAll(dir.file("t.dbf")));
+    EXPECT_EQ(readAll(dir.file("t.tbk")), readAll(dir.file("t.dbt")));
+    writeAll(dir.file("t.bak"), "old");
+    {
+        const FileSizeLimit full(20);
+        EXPECT_THROW(tool::makeBackups(*table), tool::Refusal);
+    }
+    EXPECT_EQ(readAll(dir.file("t.bak")), "old") << "an older copy outlives a failure";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(
+                                std::filesystem::path(dir.file("t.dbf")).parent_path()),
+                            {}),
+              4);
+}
+
+}  // namespace

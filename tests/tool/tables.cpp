@@ -1,0 +1,106 @@
+#include "tool/tables.h"
+
+#include "support.h"
+
+namespace test {
+namespace {
+
+void lay(const std::string& folder, const std::string& name, const Layout& layout,
+         std::string_view changes = {}, std::size_t place = 0) {
+    std::string bytes = layout.bytes();
+    bytes.replace(place, changes.size(), changes);
+    writeAll(folder + "/" + name, bytes);
+}
+
+/// Values that are none, and numbers in every spelling.
+Layout odd() {
+    Layout t{
+        .columns = {{"N", 'N', 8, 2}, {"D", 'D', 8}, {"L", 'L', 1}, {"T", 'T', 14}, {"C", 'C', 6}},
+        .records = {}};
+    const auto add = [&](std::string_view n, std::string_view d, char l, std::string_view at,
+                         std::string_view c) {
+        t.records.push_back(" " + padded(n, 8) + padded(d, 8) + l + padded(at, 14) + padded(c, 6));
+    };
+    add("   1.50", "20240229", 'y', "20240229235959", "a,b\"c");
+    add("+007", "20230229", 'X', "20240229245959", "=1+1");
+    add("-.5", "00000000", '?', "", "tab\tx");
+    add("5.", "19000101", '\0', "00000000000000", std::string("nul\0xy", 6));
+    add("********", "        ", 'N', "2024022923595x", "\x80\x1B[1m");
+    add("1.2E+03", "2024022 ", 'f', "20241231000000", "  in  ");
+    add("0", "99991231", ' ', "00010101000000", "");
+    return t;
+}
+
+/// Wide whole numbers, and names that need care.
+Layout names() {
+    return {.columns = {{"A", 'N', 20},
+                        {"a", 'C', 2},
+                        {"", 'C', 2},
+                        {"TWO WORDS", 'C', 2},
+                        {"_record", 'C', 2},
+                        {"X-Y", 'N', 3},
+                        {"LEFT", 'C', 2}},
+            .records = {" 12345678901234567890aabbccdd  1ee", " 00000000000000000042AABBCCDD  2EE",
+                        "* -9223372036854775808xxxxxxxx -3yy"}};
+}
+
+/// dBase III memos: a soft line break, a zero byte inside, none, past the end, more than 64 KiB.
+void layMemos(const std::string& folder) {
+    const auto record = [](std::string_view block) { return " " + padded(block, 10); };
+    lay(folder, "notes.dbf",
+        {.version = 0x83,
+         .columns = {{"NOTE", 'M', 10}},
+         .records = {record("         1"), record("         2"), record(""), record("       999"),
+                     record("      oops"), record("         3")}});
+    std::string memos = padded(le(200, 4), 512, '\0');
+    memos += padded("soft\x8D\nbreak\r\nhard\x1A", 512, '\0');
+    memos += padded("zero\0byte\x1A"s, 512, '\0');
+    memos += std::string(70000, 'x') + "\x1A";
+    writeAll(folder + "/notes.DBT", memos);
+}
+
+/// Null flags that do not reach all fields, a length past its field, binary text.
+void layVisual(const std::string& folder) {
+    Layout t{.version = 0x30,
+             .columns = {{"V", 'V', 4},
+                         {"Q", 'Q', 3},
+                         {"N", 'N', 3},
+                         {"C", 'C', 3},
+                         {"_NullFlags", '0', 1}},
+             .records = {}};
+    t.records = {" abcdxyz 12A\xFF \x08"s, " ab \x02x\x01\x01  5é \x05"s,
+                 " abc\x09xy\x03  7a\0b\x05"s};
+    std::string bytes = t.bytes();
+    bytes[32 + 32 * 2 + 18] = 2;
+    bytes[32 + 32 * 3 + 18] = 4 + 2;
+    bytes[32 + 32 * 4 + 18] = 5;
+    writeAll(folder + "/flags.dbf", bytes);
+}
+
+/// A table of blanks as large as a file can be; takes no room on the disk.
+void layHuge(const std::string& folder) {
+    const Layout t{.columns = {{"TEXT", 'C', 100}}, .records = {}};
+    writeAll(folder + "/huge.dbf", t.bytes());
+    std::filesystem::resize_file(folder + "/huge.dbf", 0x7FFFFF00);
+}
+
+}  // namespace
+
+void layTables(const std::string& folder) {
+    lay(folder, "odd.dbf", odd());
+    lay(folder, "names.dbf", names());
+    layMemos(folder);
+    layVisual(folder);
+    layHuge(folder);
+    const Layout cyrillic{.columns = {{"TEXT", 'C', 12}},
+                          .records = {" \x8F\xE0\xA8\xA2\xA5\xE2      "}};
+    lay(folder, "russian.dbf", cyrillic, "\x65", 29);
+    lay(folder, "unmarked.dbf", cyrillic);
+    lay(folder, "short.dbf", {.columns = {{"C", 'C', 3}}, .records = {" one", " two"}}, le(7, 4),
+        4);
+    writeAll(folder + "/junk.dbf", "junk");
+    lay(folder, "-x.dbf", {.columns = {{"C", 'C', 3}}, .records = {" one"}});
+    lay(folder, "evil\x1B[2J.dbf", {.columns = {{"A\x1B[1m", 'C', 3}}, .records = {" \x1B[m"}});
+}
+
+}  // namespace test

@@ -1,0 +1,398 @@
+// mira export: tables to CSV, TSV, JSON and SQLite.
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "command/commands.h"
+#include "database.h"
+#include "message.h"
+#include "output.h"
+#include "selection.h"
+#include "table/find.h"
+#include "table/refusal.h"
+#include "table/text.h"
+#include "writer.h"
+
+namespace mira::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Options {
+    std::vector<std::string> names;
+    bool recursive = false;
+    SelectOptions select;
+    std::string out;
+    Format format = Format::None;
+    WriterOptions writer;
+    bool noHeading = false;
+    std::string delimiter;
+    bool force = false;
+    unsigned jobs = 0;
+    bool replace = false, append = false, schema = false;
+};
+
+const std::map<std::string, Format> kFormats = {{"csv", Format::Csv},
+                                                {"tsv", Format::Tsv},
+                                                {"json", Format::Json},
+                                                {"jsonl", Format::JsonLines},
+                                                {"sqlite", Format::Sqlite}};
+const std::map<std::string, Format> kExtensions = {
+    {".csv", Format::Csv},         {".tsv", Format::Tsv},          {".json", Format::Json},
+    {".jsonl", Format::JsonLines}, {".ndjson", Format::JsonLines}, {".db", Format::Sqlite},
+    {".sqlite", Format::Sqlite},   {".sqlite3", Format::Sqlite}};
+
+const char* extensionOf(Format format) {
+    switch (format) {
+        case Format::Tsv:
+            return ".tsv";
+        case Format::Json:
+            return ".json";
+        case Format::JsonLines:
+            return ".jsonl";
+        default:
+            return ".csv";
+    }
+}
+
+bool isFolder(const std::string& name) {
+    std::error_code ignored;
+    return fs::is_directory(name, ignored);
+}
+
+/// What the name of the output says; None when nothing.
+Format formatOfName(const std::string& out) {
+    const auto found = kExtensions.find(foldCase(fs::path(out).extension().string()));
+    return found != kExtensions.end() ? found->second : Format::None;
+}
+
+char delimiterOf(const std::string& text) {
+    if (text.empty()) return ',';
+    if (text == "tab" || text == "\\t") return '\t';
+    if (text.size() != 1 || text[0] == '"' || static_cast<u8>(text[0]) < 0x20 ||
+        static_cast<u8>(text[0]) > 0x7E) {
+        throw Refusal("-d " + text + ": one character, or tab");
+    }
+    return text[0];
+}
+
+/// The work of one call: the tables and what was done with them.
+struct Work {
+    Options options;
+    std::vector<std::string> tables;
+    bool several = false;  // folders or more than one table
+    std::vector<Target> targets;
+    std::atomic<std::size_t> next = 0;  // table to do
+
+    std::mutex mutex;  // guards what follows
+    u64 done = 0, rows = 0;
+    u64 refused = 0, faulty = 0;
+    std::exception_ptr failure;
+};
+
+void addRefusal(Work& work, const std::string& sentence) {
+    tellError(sentence);
+    const std::lock_guard lock(work.mutex);
+    ++work.refused;
+}
+
+void countTable(Work& work, const Selection& selection, const Target& target) {
+    const bool faulty = tellFaults(selection);
+    const u32 total = selection.table->base->Header.RecordCount;
+    if (!work.several && (!target.path.empty() || selection.rows == 0)) {
+        note("{}: {} of {}", target.path.empty() ? selection.table->path : target.name,
+             selection.rows, counted(total, "record"));
+    }
+    const std::lock_guard lock(work.mutex);
+    ++work.done;
+    work.rows += selection.rows;
+    work.faulty += faulty ? 1 : 0;
+}
+
+// --------------------------------------------------------------------------------------------
+// Texts
+// --------------------------------------------------------------------------------------------
+
+void writeText(Work& work, Selection& selection, const Target& target) {
+    Output out(target, work.options.force);
+    const std::unique_ptr<RowWriter> writer = textWriter(out, work.options.writer);
+    std::vector<Heading> headings;
+    for (const Column& column : selection.columns) {
+        headings.push_back({column.name, column.mayBeNull()});
+    }
+    writer->begin(headings);
+    const std::vector<Column>& columns = selection.columns;
+    Value value;
+    while (nextRow(selection)) {
+        writer->beginRow();
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            readCell(selection, columns[i], value);
+            writer->cell(i, value);
+        }
+        writer->endRow();
+    }
+    writer->end();
+    out.finish();
+    if (writer->guarded != 0) {
+        note("{}: {} got a \"'\" in front, so that no spreadsheet takes it for a formula",
+             selection.table->path, counted(writer->guarded, "text"));
+    }
+}
+
+void exportText(Work& work, std::size_t index) {
+    try {
+        const auto selection = selectFrom(work.tables[index], work.options.select);
+        writeText(work, *selection, work.targets[index]);
+        countTable(work, *selection, work.targets[index]);
+    } catch (const Refusal& refusal) {
+        addRefusal(work, refusal.what());
+    }
+}
+
+void workThrough(Work& work) {
+    try {
+        while (true) {
+            const std::size_t index = work.next++;
+            if (index >= work.tables.size()) return;
+            exportText(work, index);
+        }
+    } catch (...) {
+        const std::lock_guard lock(work.mutex);
+        if (!work.failure) work.failure = std::current_exception();
+    }
+}
+
+/// Throws a Refusal unless the folder is there afterwards; true when it was made.
+bool makeFolder(const std::string& folder) {
+    std::error_code error;
+    const bool made = fs::create_directories(folder, error);
+    if (!isFolder(folder)) {
+        throw Refusal(folder + ": several tables go into a folder, and this is none" +
+                      (error ? ": " + error.message() : ""));
+    }
+    return made;
+}
+
+/// Files that an output must not replace: the tables and whatever has their name.
+std::vector<std::string> inputsOf(const Work& work) {
+    std::vector<std::string> inputs;
+    for (const std::string& name : work.tables) {
+        try {
+            inputs.push_back(findTable(name));
+        } catch (const Refusal&) {
+            continue;  // told when its turn comes
+        }
+        for (const char* extension : {".dbt", ".fpt", ".smt", ".dct"}) {
+            const std::string memo = beside(inputs.back(), extension);
+            if (!memo.empty()) inputs.push_back(memo);
+        }
+    }
+    return inputs;
+}
+
+void nameTargets(Work& work) {
+    const Options& options = work.options;
+    if (!work.several && !isFolder(options.out)) {
+        work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
+    } else {
+        for (const std::string& table : work.tables) {
+            const std::string name = stemOf(table) + extensionOf(options.writer.format);
+            work.targets.push_back(targetOf((fs::path(options.out) / name).string()));
+        }
+    }
+    const bool present = std::any_of(work.targets.begin(), work.targets.end(),
+                                     [](const Target& target) { return target.exists; });
+    checkTargets(work.targets, options.force,
+                 present ? inputsOf(work) : std::vector<std::string>());
+}
+
+void exportTexts(Work& work) {
+    const Options& options = work.options;
+    if (work.several && (options.out.empty() || options.out == "-")) {
+        throw Refusal("several tables need -o FOLDER, or -o NAME.db for one database");
+    }
+    const bool made = work.several && makeFolder(options.out);
+    nameTargets(work);
+    const auto most = std::max(std::thread::hardware_concurrency(), 1U);
+    const std::size_t threads =
+        std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
+    std::vector<std::thread> others;
+    for (std::size_t i = 1; i < threads; ++i) others.emplace_back(workThrough, std::ref(work));
+    workThrough(work);
+    for (std::thread& thread : others) thread.join();
+    std::error_code ignored;
+    if (made && work.done == 0) fs::remove(options.out, ignored);
+    if (work.failure) std::rethrow_exception(work.failure);
+}
+
+// --------------------------------------------------------------------------------------------
+// Databases
+// --------------------------------------------------------------------------------------------
+
+void exportTable(Work& work, Selection& selection, Database& database) {
+    const std::string name = database.freeName(stemOf(selection.table->path));
+    database.addTable(name, selection.columns);
+    const std::vector<Column>& columns = selection.columns;
+    Value value;
+    while (nextRow(selection)) {
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            readCell(selection, columns[i], value);
+            database.cell(i, columns[i], value, lastsForRecord(*selection.table, value.text));
+        }
+        database.endRow();
+    }
+    countTable(work, selection, work.targets[0]);
+}
+
+void exportDatabase(Work& work) {
+    const Options& options = work.options;
+    if (options.out.empty() || options.out == "-") throw Refusal("a database needs -o NAME.db");
+    work.targets.push_back(targetOf(options.out));
+    // A database that is there is added to, so it may exist; a table must not be taken for one.
+    checkTargets(work.targets, true,
+                 work.targets[0].exists ? inputsOf(work) : std::vector<std::string>());
+    const Present present = options.replace  ? Present::Replace
+                            : options.append ? Present::Append
+                                             : Present::Refuse;
+    Database database(work.targets[0], options.force, present);
+    for (const std::string& table : work.tables) {
+        std::unique_ptr<Selection> selection;
+        try {
+            selection = selectFrom(table, options.select);
+        } catch (const Refusal& refusal) {
+            addRefusal(work, refusal.what());
+            continue;
+        }
+        if (options.schema) selection->end = selection->position;
+        exportTable(work, *selection, database);
+    }
+    if (work.done != 0) database.finish();
+}
+
+/// CREATE TABLE statements as text.
+void exportSchema(Work& work) {
+    const Options& options = work.options;
+    work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
+    checkTargets(work.targets, options.force, inputsOf(work));
+    Output out(work.targets[0], options.force);
+    std::set<std::string> names;
+    for (const std::string& path : work.tables) {
+        try {
+            const auto selection = selectFrom(path, options.select);
+            std::string name = stemOf(selection->table->path);
+            for (int n = 2; !names.insert(foldCase(name)).second; ++n) {
+                name = stemOf(selection->table->path) + "_" + std::to_string(n);
+            }
+            const std::string sql = createTable(name, selection->columns) + ";\n";
+            out.put(out.isTerminal() ? escaped(sql) : sql);
+            ++work.done;
+        } catch (const Refusal& refusal) {
+            addRefusal(work, refusal.what());
+        }
+    }
+    out.finish();
+}
+
+// --------------------------------------------------------------------------------------------
+// The command
+// --------------------------------------------------------------------------------------------
+
+/// Completes the options of a writer.
+void chooseFormat(Work& work) {
+    Options& options = work.options;
+    Format& format = options.format;
+    const bool named = !options.out.empty() && options.out != "-" && !isFolder(options.out);
+    if (format == Format::None && named) format = formatOfName(options.out);
+    std::error_code ignored;
+    const bool special =
+        fs::exists(options.out, ignored) && !fs::is_regular_file(options.out, ignored);
+    if (format == Format::None && named && !work.several && !options.schema && !special) {
+        throw Refusal(options.out +
+                      ": its name tells no format; -F csv, tsv, json, jsonl or sqlite does");
+    }
+    if (format == Format::None) format = Format::Csv;
+    if (work.several && named && !options.schema && format != Format::Sqlite &&
+        formatOfName(options.out) != Format::None) {
+        throw Refusal(options.out + ": several tables go into a folder or a database");
+    }
+    options.writer.format = format;
+    options.writer.heading = !options.noHeading;
+    options.writer.delimiter = delimiterOf(options.delimiter);
+}
+
+Status statusOf(const Work& work) {
+    if (work.done == 0 && work.refused != 0) return kFailed;
+    return work.refused != 0 || work.faulty != 0 ? kFound : kDone;
+}
+
+Status runExport(const Options& options) {
+    Work work;
+    work.options = options;
+    work.tables = findTables(options.names, options.recursive);
+    work.several = work.tables.size() > 1 || isFolder(options.names.front());
+    chooseFormat(work);
+    const bool database = work.options.format == Format::Sqlite && !options.out.empty();
+    if (database) {
+        exportDatabase(work);
+    } else if (options.schema) {
+        exportSchema(work);
+    } else if (work.options.format == Format::Sqlite) {
+        throw Refusal("a database needs -o NAME.db");
+    } else {
+        exportTexts(work);
+    }
+    if (work.several && !options.schema) {
+        note("{}, {} into {}", counted(work.done, "table"), counted(work.rows, "record"),
+             options.out);
+    }
+    return statusOf(work);
+}
+
+}  // namespace
+
+void addExport(CLI::App& program, Job& job) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("export", "Tables to CSV, TSV, JSON or SQLite");
+    command.footer(
+        "Examples:\n"
+        "  mira export stock > stock.csv\n"
+        "  mira export stock -o stock.jsonl -w 'PRICE>10' -f CODE,PRICE\n"
+        "  mira export folder -o csv-folder\n"
+        "  mira export folder -R -o tables.db");
+    command.add_option("tables", options->names, "Tables and folders")
+        ->type_name("TABLE|FOLDER")
+        ->required();
+    command.add_flag("-R,--recursive", options->recursive, "Folders with those below them");
+    command
+        .add_option("-o,--output", options->out, "File, folder or database; - for standard output")
+        ->type_name("OUT");
+    addChoice(command, "-F,--format", "csv, tsv, json, jsonl or sqlite", "FORMAT", kFormats,
+              options->format);
+    command.add_flag("--force", options->force, "Replace files that are there");
+    command.add_option("-j,--jobs", options->jobs, "Tables at a time (default: processors)")
+        ->type_name("N");
+    command.add_flag("--no-heading", options->noHeading, "No line of names");
+    command.add_flag("--bom", options->writer.bom, "A byte-order mark in front");
+    command.add_flag("--crlf", options->writer.crlf, "Lines end with CR LF");
+    command
+        .add_option("-d,--delimiter", options->delimiter,
+                    "Between cells of CSV: a character, or tab")
+        ->type_name("C");
+    command.add_flag(
+        "--excel", options->writer.excel,
+        "For spreadsheets: byte-order mark, CR LF, and texts never taken for formulas");
+    CLI::Option* const replace =
+        command.add_flag("--replace", options->replace, "Replace tables that the database has");
+    command.add_flag("--append", options->append, "Add to tables that the database has")
+        ->excludes(replace);
+    command.add_flag("--schema", options->schema, "CREATE TABLE only");
+    addSelectOptions(command, options->select);
+    whenChosen(command, job, options, runExport);
+}
+
+}  // namespace mira::tool

@@ -1,0 +1,26 @@
+// What is known of a table without its values, for `info` and `tables`.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "table/table.h"
+
+namespace mira::tool {
+
+struct Facts {
+    std::string updated;  // "2024-03-05"; empty when the header has no date
+    u64 live = 0, deleted = 0;
+    bool hasMemos = false;
+    std::string memoFile;  // empty: there is none
+    u32 memoUnit = 0;
+    u64 memoSize = 0;
+    std::vector<std::string> indexFiles;
+    bool indexFlag = false;  // header byte 28 says that there is a structural index
+    std::vector<std::string> repairs;
+};
+
+/// Reads every record to count the deleted ones when countRecords is set.
+Facts factsOf(Table& table, bool countRecords);
+
+}  // namespace mira::tool

@@ -1,0 +1,462 @@
+// mira import: CSV into a new table or to the end of one that is there.
+//
+// A new table is made in a folder of its own beside its place and moved there when it is whole.
+// What is appended is checked first, all of it, and cut off again when writing fails.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <map>
+
+#include "change.h"
+#include "command/commands.h"
+#include "csvreader.h"
+#include "message.h"
+#include "output.h"
+#include "progress.h"
+#include "schema.h"
+#include "table/find.h"
+#include "table/refusal.h"
+#include "table/store.h"
+#include "table/text.h"
+#include "table/value.h"
+
+namespace mira::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kNoCell = static_cast<std::size_t>(-1);
+constexpr u64 kProgressStep = 1024;
+
+struct Options {
+    std::string csv, table;
+    std::string like, schema;
+    bool append = false;
+    TableKind kind = TableKind::DBase3;
+    u32 blockSize = 0;
+    std::string codePage, csvCodePage, delimiter;
+    bool strict = false, lenient = false;
+    bool replace = false;  // an existing table, by --force
+    ChangeOptions change;
+};
+
+const std::map<std::string, TableKind> kKinds = {
+    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
+    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
+
+std::vector<std::string> readHeadings(CsvReader& csv) {
+    CsvRow row;
+    if (!csv.next(row)) throw Refusal(csv.name() + ": empty; a line of headings is needed");
+    std::vector<std::string> headings;
+    for (const CsvCell& cell : row.cells) headings.emplace_back(trimmed(cell.text));
+    return headings;
+}
+
+CsvOptions csvOptions(const Options& options) {
+    CsvOptions csv;
+    csv.codePage = options.csvCodePage;
+    const bool tsv = sameText(fs::path(options.csv).extension().string(), ".tsv");
+    if (options.delimiter == "tab" || options.delimiter == "\\t" ||
+        (tsv && options.delimiter.empty())) {
+        csv.delimiter = '\t';
+        csv.tsv = tsv;
+    } else if (!options.delimiter.empty()) {
+        csv.delimiter = options.delimiter[0];
+        if (options.delimiter.size() != 1 || csv.delimiter == '"' || csv.delimiter < ' ') {
+            throw Refusal("-d " + options.delimiter + ": one character, or tab");
+        }
+    }
+    return csv;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Rows into records
+// ---------------------------------------------------------------------------------------------
+
+/// Which cell goes into which column.
+struct Mapping {
+    std::vector<std::size_t> cells;  ///< one per column of the table; kNoCell: none
+    std::size_t deletion = kNoCell;  ///< of "_deleted"
+    std::size_t width = 0;           ///< cells of a row
+};
+
+void addName(std::string* list, const std::string& name) {
+    (*list += list->empty() ? "" : ", ") += name;
+}
+
+std::size_t columnOf(const Table& table, const std::string& heading) {
+    const auto found = std::find_if(table.columns.begin(), table.columns.end(),
+                                    [&](const Column& c) { return sameText(c.name, heading); });
+    return static_cast<std::size_t>(found - table.columns.begin());
+}
+
+/// Matches headings and fields, and names those that have no counterpart.
+Mapping mapColumns(const Table& table, const std::vector<std::string>& headings,
+                   const std::string& csv) {
+    const std::size_t count = table.columns.size();
+    Mapping mapping{std::vector<std::size_t>(count, kNoCell), kNoCell, headings.size()};
+    std::string strangers;
+    std::string missing;
+    for (std::size_t i = 0; i < headings.size(); ++i) {
+        const std::size_t column = columnOf(table, headings[i]);
+        if (column < count && mapping.cells[column] == kNoCell) {
+            mapping.cells[column] = i;
+        } else if (headings[i] == "_deleted") {
+            mapping.deletion = i;
+        } else if (headings[i] != "_record") {
+            addName(&strangers, '"' + headings[i] + '"');
+        }
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        const bool left = mapping.cells[i] == kNoCell && !isCounting(table.columns[i]);
+        if (left) addName(&missing, table.columns[i].name);
+    }
+    if (!strangers.empty()) note("{}: left out, no such field: {}", csv, strangers);
+    if (!missing.empty()) note("{}: no heading, so blank: {}", csv, missing);
+    return mapping;
+}
+
+/// The way of all rows into a table.
+struct Importer {
+    Table& table;
+    CsvReader& csv;
+    Mapping mapping;
+    u64 rows = 0, faults = 0;
+    bool silent = false;  ///< what does not fit has been told
+    std::vector<Encoded> values{};
+};
+
+void tellCell(Importer& importer, u64 line, const std::string& what) {
+    ++importer.faults;
+    if (!importer.silent) error("{}: line {}, {}", importer.csv.name(), line, what);
+}
+
+/// Encodes a row; what does not fit is told and becomes blank.
+void encodeRow(Importer& importer, const CsvRow& row) {
+    Table& table = importer.table;
+    if (row.cells.size() != importer.mapping.width) {
+        tellCell(importer, row.line,
+                 fmt::format("{} instead of {}", counted(row.cells.size(), "cell"),
+                             importer.mapping.width));
+    }
+    importer.values.resize(table.columns.size());
+    for (std::size_t i = 0; i < table.columns.size(); ++i) {
+        const Column& column = table.columns[i];
+        const std::size_t cell = importer.mapping.cells[i];
+        const bool present = cell < row.cells.size();
+        const Given given =
+            present ? Given::cell(row.cells[cell].text, row.cells[cell].quoted) : Given{};
+        std::string reason = encodeValue(table, column, given, true, importer.values[i]);
+        if (reason.empty()) continue;
+        tellCell(importer, row.line, column.name + ": " + reason);
+        reason = encodeValue(table, column, Given{}, true, importer.values[i]);
+        if (!reason.empty()) throw Refusal(table.path + ": " + column.name + ": " + reason);
+    }
+    advanceCounters(table);
+}
+
+void writeRow(Importer& importer, const CsvRow& row) {
+    Table& table = importer.table;
+    newRecord(table);
+    for (std::size_t i = 0; i < table.columns.size(); ++i) {
+        putValue(table, table.columns[i], importer.values[i]);
+    }
+    const std::size_t deletion = importer.mapping.deletion;
+    if (deletion < row.cells.size() && sameText(row.cells[deletion].text, "true")) {
+        table.base->RecordBuffer[0] = '*';
+    }
+    appendRecord(table);
+}
+
+/// The counters of a new table start where its first row says.
+void startCounters(Importer& importer, const CsvRow& row) {
+    for (std::size_t i = 0; i < importer.table.columns.size(); ++i) {
+        Column& column = importer.table.columns[i];
+        const std::size_t cell = importer.mapping.cells[i];
+        if (!isCounting(column) || cell >= row.cells.size()) continue;
+        i64 first = 0;
+        const bool whole = toInteger(row.cells[cell].text, &first);
+        if (whole && first >= 0 && first <= 0x7FFFFFFF) column.nextValue = static_cast<u32>(first);
+    }
+}
+
+enum class Pass : u8 {
+    Check,  ///< only tell what does not fit
+    Write,
+    WriteNew  ///< into a new table
+};
+
+/// Takes all rows behind the headings.
+void takeRows(Importer& importer, Pass pass, bool strict) {
+    const u64 lines = importer.csv.countLines();
+    Progress progress(importer.csv.name(), lines);
+    CsvRow row;
+    importer.csv.next(row);  // the headings
+    importer.rows = importer.faults = 0;
+    loadCounters(importer.table);
+    while (importer.csv.next(row)) {
+        leaveIfStopped();
+        if (importer.rows == 0 && pass == Pass::WriteNew) startCounters(importer, row);
+        if (++importer.rows % kProgressStep == 0) progress.add(kProgressStep);
+        encodeRow(importer, row);
+        // Once a strict import is lost, the rest is only looked at.
+        if (pass != Pass::Check && !(strict && importer.faults != 0)) writeRow(importer, row);
+    }
+}
+
+[[noreturn]] void refuseFaults(const Importer& importer) {
+    throw Refusal(fmt::format(
+        "{}: {} not fit, nothing is written; --lenient leaves them blank", importer.csv.name(),
+        importer.faults == 1 ? "1 value does" : fmt::format("{} values do", importer.faults)));
+}
+
+Status tellImported(const Importer& importer, const std::string& table, const char* verb,
+                    bool dryRun) {
+    note("{}: {} {}{}", table, counted(importer.rows, "record"), dryRun ? "would be " : "", verb);
+    if (importer.faults == 0) return kDone;
+    note("{}: {} did not fit and {} blank", importer.csv.name(), counted(importer.faults, "value"),
+         importer.faults == 1 ? "is" : "are");
+    return kFound;
+}
+
+// ---------------------------------------------------------------------------------------------
+// To the end of a table
+// ---------------------------------------------------------------------------------------------
+
+Status append(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
+    TableOptions tableOptions;
+    tableOptions.codePage = options.codePage;
+    const auto table = openToChange(options.table, tableOptions);
+    refuseBesideShapes(*table, options.change);
+    Importer importer{*table, csv, mapColumns(*table, headings, csv.name())};
+    takeRows(importer, Pass::Check, !options.lenient);
+    if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
+    if (!options.change.dryRun && importer.rows != 0) {
+        const u32 before = table->base->Header.RecordCount;
+        beginChange(*table, options.change);
+        importer.silent = true;
+        try {
+            takeRows(importer, Pass::Write, false);
+            finishAppend(*table);
+        } catch (...) {
+            if (!takeBack(*table, before)) {
+                error("{}: the records that were appended cannot be cut off again", table->path);
+            }
+            throw;
+        }
+    }
+    return tellImported(importer, table->path, "appended", options.change.dryRun);
+}
+
+// ---------------------------------------------------------------------------------------------
+// A new table
+// ---------------------------------------------------------------------------------------------
+
+/// A folder beside a file, gone with all in it when this is.
+class WorkFolder {
+public:
+    explicit WorkFolder(const fs::path& beside) {
+        std::string name = (beside.parent_path() / ".mira.XXXXXX").string();
+        if (mkdtemp(name.data()) == nullptr) {
+            throw Refusal(beside.string() + ": cannot be written: " + std::strerror(errno));
+        }
+        path_ = name;
+    }
+    ~WorkFolder() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    WorkFolder(const WorkFolder&) = delete;
+    const fs::path& path() const { return path_; }
+
+private:
+    fs::path path_;
+};
+
+/// Where the new table goes: a name without extension gets ".dbf".
+Target newTarget(const Options& options) {
+    fs::path path = options.table;
+    if (path.extension().empty()) path += ".dbf";
+    Target target = targetOf(path.string());
+    if (!target.regular || target.path.empty()) {
+        throw Refusal(options.table + ": a table is a file of its own, no pipe or device");
+    }
+    const std::string other = target.exists ? target.path : inAnyCase(target.path);
+    if (!other.empty() && !options.replace) {
+        throw Refusal(other + ": exists; --append adds to it, --force replaces it");
+    }
+    return target;
+}
+
+struct Plan {
+    std::unique_ptr<Table> like;
+    std::vector<FieldPlan> fields;
+    std::string codePage;
+};
+
+Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
+    Plan plan;
+    plan.codePage = options.codePage;
+    if (!options.like.empty()) {
+        TableOptions like;
+        like.codePage = options.codePage;
+        plan.like = openTable(options.like, like);
+        plan.codePage = pageName(*plan.like->page.page);
+        return plan;
+    }
+    if (plan.codePage.empty()) plan.codePage = options.kind == TableKind::Visual ? "1252" : "437";
+    const auto page = openPage(plan.codePage);
+    if (!page) throw Refusal("--code-page " + plan.codePage + ": no such code page");
+    if (markOf(*page) == 0) {
+        note("no mark in a table says {}; whoever reads it must be told", pageName(*page));
+    }
+    if (!options.schema.empty()) {
+        plan.fields = parseSchema(options.schema, options.kind);
+        return plan;
+    }
+    plan.fields = inferFields(csv, headings, options.kind, *page);
+    note("fields by the values: {}", schemaText(plan.fields));
+    return plan;
+}
+
+void makeEmptyTable(const std::string& path, const Plan& plan, const Options& options) {
+    if (!plan.like) {
+        makeTable(path, plan.fields, options.kind, *openPage(plan.codePage), options.blockSize);
+        return;
+    }
+    // The mark stays, unless the page comes from elsewhere.
+    const PageChoice& page = plan.like->page;
+    const bool elsewhere = page.from == "--code-page" || page.from == ".cpg";
+    makeLike(path, *plan.like, elsewhere ? markOf(*page.page) : u8{0}, options.blockSize);
+}
+
+/// Fields of an inferred plan are found by place, as their names may differ from the headings.
+Mapping newMapping(const Plan& plan, const Options& options, const Table& table,
+                   const std::vector<std::string>& headings, const std::string& csv) {
+    if (plan.like || !options.schema.empty()) return mapColumns(table, headings, csv);
+    Mapping mapping{{}, kNoCell, headings.size()};
+    for (std::size_t i = 0; i < table.columns.size(); ++i) mapping.cells.push_back(i);
+    return mapping;
+}
+
+void checkFree(const fs::path& path, bool replace) {
+    std::error_code ignored;
+    if (!replace && fs::exists(path, ignored)) {
+        throw Refusal(path.string() + ": exists; --force replaces it");
+    }
+}
+
+/// Where the memo file of a new table goes; empty when it has none.
+fs::path memoTarget(const Table& table, const Target& target) {
+    if (table.base->FirstMemoField == -1) return {};
+    const fs::path made = table.base->MemoFileName;
+    return fs::path(target.path).replace_extension(made.extension());
+}
+
+void checkFree(const Table& table, const Target& target, const Options& options) {
+    if (const fs::path memos = memoTarget(table, target); !memos.empty()) {
+        checkFree(memos, options.replace);
+    }
+    checkFree(target.path, options.replace);
+}
+
+/// Moves the memo file, if there is one, and then the table to their places.
+void moveFiles(const Table& table, const fs::path& made, const Target& target,
+               const Options& options) {
+    checkFree(table, target, options);
+    if (target.exists && !options.change.noBackup) makeBackups(*openTable(target.path, {}));
+    const fs::path memos = memoTarget(table, target);
+    if (!memos.empty()) fs::rename(table.base->MemoFileName, memos);
+    fs::rename(made, target.path);
+}
+
+Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
+    const Target target = newTarget(options);
+    const Plan plan = planTable(options, csv, headings);
+    const WorkFolder folder(target.path);
+    const fs::path path = folder.path() / fs::path(target.path).filename();
+    makeEmptyTable(path.string(), plan, options);
+    TableOptions tableOptions;
+    tableOptions.codePage = plan.codePage;
+    tableOptions.writable = true;
+    const auto table = openTable(path.string(), tableOptions);
+    table->path = target.path;  // for messages: there it will be
+    checkFree(*table, target, options);
+    Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
+    takeRows(importer, Pass::WriteNew, !options.lenient);
+    if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
+    finishAppend(*table);
+    if (!options.change.dryRun) moveFiles(*table, path, target, options);
+    return tellImported(importer, target.path, "written", options.change.dryRun);
+}
+
+Status run(const Options& options) {
+    CsvReader csv(options.csv, csvOptions(options));
+    const std::vector<std::string> headings = readHeadings(csv);
+    return options.append ? append(options, csv, headings) : create(options, csv, headings);
+}
+
+void addOptions(CLI::App& command, Options& options) {
+    command.add_option("CSV", options.csv, "The file to read, - for standard input")->required();
+    command.add_option("TABLE", options.table, "The table to write")->required();
+    auto* const like =
+        command.add_option("--like", options.like, "Structure, flags and mark of another table")
+            ->type_name("TABLE");
+    auto* const schema =
+        command
+            .add_option("--schema", options.schema, "Fields, as in \"NAME C(20), PRICE N(10,2)\"")
+            ->type_name("FIELDS");
+    auto* const append = command.add_flag("--append", options.append, "To the end of the table");
+    auto* const kind = command
+                           .add_option("--kind", options.kind,
+                                       "dbase3 (default), dbase4, foxpro, visual, smt, level7")
+                           ->type_name("KIND")
+                           ->transform(CLI::CheckedTransformer(kKinds).description(""));
+    auto* const block =
+        command.add_option("--block-size", options.blockSize, "Bytes per block of the memo file")
+            ->type_name("N")
+            ->check(CLI::Range(1, 65535).description(""));
+    like->excludes(schema)->excludes(append)->excludes(kind);
+    schema->excludes(append);
+    append->excludes(kind)->excludes(block);
+    command.add_option("--code-page", options.codePage, "Code page of the table")
+        ->type_name("NAME");
+    command
+        .add_option("--csv-code-page", options.csvCodePage, "Code page of the file, if not UTF-8")
+        ->type_name("NAME");
+    command.add_option("-d,--delimiter", options.delimiter, "Between cells: a character, or tab")
+        ->type_name("C");
+    auto* const strict = command.add_flag("--strict", options.strict,
+                                          "Write nothing when a value does not fit (default)");
+    command.add_flag("--lenient", options.lenient, "Leave such values blank")->excludes(strict);
+    command.add_flag("--force", options.replace,
+                     "Replace a table that is there; append also beside a .shp file");
+    addChangeOptions(command, options.change);
+}
+
+Status runImport(const Options& options) {
+    Options complete = options;
+    complete.change.force = options.replace;
+    return run(complete);
+}
+
+}  // namespace
+
+void addImport(CLI::App& program, Job& job) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command =
+        *program.add_subcommand("import", "Make a table from CSV, or append to one");
+    addOptions(command, *options);
+    command.footer(
+        "Examples:\n"
+        "  mira import stock.csv stock.dbf\n"
+        "  mira import stock.csv new --schema 'NAME C(20), PRICE N(10,2)' --code-page CP866\n"
+        "  mira import more.csv stock --append --dry-run\n"
+        "  mira export old | mira import - new --like old");
+    whenChosen(command, job, options, runImport);
+}
+
+}  // namespace mira::tool

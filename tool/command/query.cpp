@@ -1,0 +1,258 @@
+// mira query: SQL over tables.
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <map>
+#include <set>
+
+#include "command/commands.h"
+#include "grid.h"
+#include "message.h"
+#include "output.h"
+#include "selection.h"
+#include "sqlite/arguments.h"
+#include "sqlite/attach.h"
+#include "sqlite/mira_sqlite.h"
+#include "table/find.h"
+#include "table/refusal.h"
+#include "table/text.h"
+#include "writer.h"
+
+namespace mira::tool {
+namespace {
+
+struct Options {
+    std::string sql;
+    std::vector<std::string> names;
+    std::string format = "table";
+    bool write = false;
+    bool recursive = false;
+    std::string deleted = "skip";
+    SelectOptions select;
+};
+
+struct Close {
+    void operator()(sqlite3* connection) const { sqlite3_close(connection); }
+};
+using Connection = std::unique_ptr<sqlite3, Close>;
+
+struct Finalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+
+[[noreturn]] void refuse(sqlite3* connection) {
+    leaveIfStopped();
+    throw Refusal(sqlite3_errmsg(connection));
+}
+
+/// A database in memory that nothing stays of, with the module in it.
+Connection openConnection() {
+    constexpr int kSteps = 10000;
+    sqlite3* opened = nullptr;
+    const int result = sqlite3_open(":memory:", &opened);
+    Connection connection(opened);
+    if (result != SQLITE_OK || sql::registerMira(opened) != SQLITE_OK) refuse(opened);
+    sqlite3_progress_handler(
+        opened, kSteps, [](void*) { return stopped() ? 1 : 0; }, nullptr);
+    return connection;
+}
+
+std::string moduleOptions(const Options& options) {
+    std::string text = ", deleted=" + options.deleted;
+    if (options.write) text += ", writable=1";
+    if (options.select.longNames) text += ", long_names=1";
+    if (!options.select.asText.empty()) {
+        text += ", as_text=" + sql::quotedText(options.select.asText);
+    }
+    if (!options.select.codePage.empty()) {
+        text += ", code_page=" + sql::quotedText(options.select.codePage);
+    }
+    return text;
+}
+
+/// False when one of them could not be opened.
+bool attachTables(sqlite3* connection, const Options& options) {
+    const bool here = options.names.empty();
+    const std::vector<std::string> names = here ? std::vector<std::string>{"."} : options.names;
+    bool all = true;
+    for (const std::string& path : findTables(names, options.recursive)) {
+        try {
+            sql::attachTable(connection, path, moduleOptions(options));
+        } catch (const Refusal& refusal) {
+            tellError(refusal.what());
+            all = false;
+        }
+    }
+    return all;
+}
+
+/// Names of the columns of an answer, each another one.
+std::vector<Heading> headingsOf(sqlite3_stmt* statement) {
+    std::vector<Heading> headings;
+    std::set<std::string> taken;
+    for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+        const std::string wanted = sqlite3_column_name(statement, i);
+        std::string name = wanted;
+        for (int n = 2; !taken.insert(name).second; ++n) name = wanted + "_" + std::to_string(n);
+        headings.push_back({name, true});
+    }
+    return headings;
+}
+
+Value valueOf(sqlite3_stmt* statement, int column) {
+    Value value;
+    const int type = sqlite3_column_type(statement, column);
+    switch (type) {
+        case SQLITE_INTEGER:
+            value.kind = ValueKind::Integer;
+            value.integer = sqlite3_column_int64(statement, column);
+            return value;
+        case SQLITE_FLOAT:
+            value.kind = ValueKind::Real;
+            value.real = sqlite3_column_double(statement, column);
+            return value;
+        case SQLITE_NULL:
+            value.kind = ValueKind::Null;
+            return value;
+        default:
+            break;
+    }
+    value.kind = type == SQLITE_TEXT ? ValueKind::Text : ValueKind::Bytes;
+    const auto* const bytes = type == SQLITE_TEXT
+                                  ? static_cast<const void*>(sqlite3_column_text(statement, column))
+                                  : sqlite3_column_blob(statement, column);
+    if (bytes != nullptr) {
+        value.text = {static_cast<const char*>(bytes),
+                      static_cast<std::size_t>(sqlite3_column_bytes(statement, column))};
+    }
+    return value;
+}
+
+/// Goes on to the next row; false after the last one.
+bool step(sqlite3* connection, sqlite3_stmt* statement) {
+    const int result = sqlite3_step(statement);
+    if (result != SQLITE_ROW && result != SQLITE_DONE) refuse(connection);
+    return result == SQLITE_ROW;
+}
+
+/// Rows are kept until the widths are known.
+u64 printGrid(Output& out, sqlite3* connection, sqlite3_stmt* statement) {
+    Grid grid;
+    grid.lineWidth = terminalWidth(STDOUT_FILENO);
+    for (const Heading& heading : headingsOf(statement)) {
+        grid.columns.push_back({escaped(heading.name), true, 0});
+    }
+    std::vector<std::vector<std::string>> rows;
+    while (step(connection, statement)) {
+        std::vector<std::string>& row = rows.emplace_back();
+        for (std::size_t i = 0; i < grid.columns.size(); ++i) {
+            const Value value = valueOf(statement, static_cast<int>(i));
+            std::string& text = row.emplace_back();
+            if (value.kind == ValueKind::Null) {
+                text = "NULL";
+            } else if (value.kind == ValueKind::Text) {
+                putEscaped(text, value.text);
+                grid.columns[i].right = false;
+            } else {
+                putPlain(text, value);
+            }
+        }
+    }
+    if (!rows.empty()) putGrid(out, grid, rows);
+    return rows.size();
+}
+
+u64 printRows(Output& out, Format format, sqlite3* connection, sqlite3_stmt* statement) {
+    WriterOptions options;
+    options.format = format;
+    const std::unique_ptr<RowWriter> writer = textWriter(out, options);
+    const std::vector<Heading> headings = headingsOf(statement);
+    writer->begin(headings);
+    u64 rows = 0;
+    for (; step(connection, statement); ++rows) {
+        writer->beginRow();
+        for (std::size_t i = 0; i < headings.size(); ++i) {
+            writer->cell(i, valueOf(statement, static_cast<int>(i)));
+        }
+        writer->endRow();
+    }
+    writer->end();
+    return rows;
+}
+
+/// Runs a statement and prints its answer, or how many records it has changed.
+void runStatement(Output& out, Format format, sqlite3* connection, sqlite3_stmt* statement) {
+    const int before = sqlite3_total_changes(connection);
+    if (sqlite3_column_count(statement) == 0) {
+        step(connection, statement);
+        const int changed = sqlite3_total_changes(connection) - before;
+        if (sqlite3_stmt_readonly(statement) == 0) {
+            note("{} changed", counted(static_cast<unsigned long long>(changed), "record"));
+        }
+        return;
+    }
+    const u64 rows = format == Format::None ? printGrid(out, connection, statement)
+                                            : printRows(out, format, connection, statement);
+    if (rows == 0) note("0 rows");
+}
+
+void runAll(Output& out, Format format, sqlite3* connection, const std::string& sql) {
+    const char* rest = sql.c_str();
+    bool any = false;
+    while (*rest != 0) {
+        sqlite3_stmt* prepared = nullptr;
+        if (sqlite3_prepare_v2(connection, rest, -1, &prepared, &rest) != SQLITE_OK) {
+            refuse(connection);
+        }
+        const Statement statement(prepared);
+        if (prepared == nullptr) continue;  // a comment, blanks
+        any = true;
+        runStatement(out, format, connection, prepared);
+    }
+    if (!any) throw Refusal("there is no statement in the query");
+}
+
+Status runQuery(const Options& options) {
+    const std::map<std::string, Format> formats = {{"table", Format::None},
+                                                   {"csv", Format::Csv},
+                                                   {"tsv", Format::Tsv},
+                                                   {"json", Format::Json},
+                                                   {"jsonl", Format::JsonLines}};
+    const Connection connection = openConnection();
+    const bool all = attachTables(connection.get(), options);
+    Output out(targetOf("-"), false);
+    runAll(out, formats.at(options.format), connection.get(), options.sql);
+    out.finish();
+    return all ? kDone : kFound;
+}
+
+}  // namespace
+
+void addQuery(CLI::App& program, Job& job) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("query", "SQL over tables");
+    command.footer(
+        "Every table has the name of its file without extension. Examples:\n"
+        "  mira query 'SELECT count(*) FROM stock' stock.dbf\n"
+        "  mira query 'SELECT * FROM orders JOIN stock USING (CODE)' folder\n"
+        "  mira query --write \"UPDATE stock SET PRICE = 0 WHERE CODE = 'A1'\" stock.dbf");
+    command.add_option("sql", options->sql, "One statement or several")
+        ->type_name("SQL")
+        ->required();
+    command
+        .add_option("tables", options->names, "Tables and folders; the current folder by default")
+        ->type_name("TABLE|FOLDER");
+    command.add_option("-F,--format", options->format, "table, csv, tsv, json, jsonl")
+        ->check(CLI::IsMember({"table", "csv", "tsv", "json", "jsonl"}))
+        ->capture_default_str();
+    command.add_flag("--write", options->write, "Allow INSERT, UPDATE, DELETE; makes backups");
+    command.add_flag("-R,--recursive", options->recursive, "Folders below, too");
+    command.add_option("--deleted", options->deleted, "Records marked deleted")
+        ->check(CLI::IsMember({"skip", "include", "only"}))
+        ->capture_default_str();
+    addTableOptions(command, options->select);
+    whenChosen(command, job, options, runQuery);
+}
+
+}  // namespace mira::tool

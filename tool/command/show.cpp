@@ -1,0 +1,179 @@
+// mira show: the records of a table for eyes.
+#include <unistd.h>
+
+#include "command/commands.h"
+#include "grid.h"
+#include "message.h"
+#include "output.h"
+#include "selection.h"
+#include "table/refusal.h"
+#include "writer.h"
+
+namespace mira::tool {
+namespace {
+
+constexpr u64 kTerminalRows = 50;
+constexpr std::string_view kNull = "NULL";
+
+struct Options {
+    std::string table;
+    bool vertical = false;
+    SelectOptions select;
+};
+
+bool isNumber(const Column& column) {
+    switch (column.kind) {
+        case Kind::Decimal:
+        case Kind::Integer:
+        case Kind::Double:
+        case Kind::Currency:
+        case Kind::RecordNumber:
+            return true;
+        default:
+            return column.kind == Kind::Calculated && column.numeric;
+    }
+}
+
+/// A cell as it is shown, without control characters.
+void readShown(Selection& selection, const Column& column, std::string& text) {
+    Value value;
+    readCell(selection, column, value);
+    text.clear();
+    if (value.kind == ValueKind::Null) {
+        text = kNull;
+    } else if (value.kind == ValueKind::Text) {
+        putEscaped(text, value.text);
+    } else {
+        putPlain(text, value);
+    }
+}
+
+/// Deleted records carry a mark in front where they are shown at all.
+bool marks(const Options& options) { return options.select.deleted != Deleted::Skip; }
+std::string markOf(const Selection& selection) {
+    return selection.table->base->RecordBuffer[0] == '*' ? "*" : "";
+}
+
+Grid gridOf(const Selection& selection, const Options& options) {
+    Grid grid;
+    grid.lineWidth = terminalWidth(STDOUT_FILENO);
+    if (marks(options)) grid.columns.push_back({"", false, 1});
+    for (const Column& column : selection.columns) {
+        grid.columns.push_back({escaped(column.name), isNumber(column), 0});
+    }
+    for (std::size_t i = 0; i < grid.columns.size(); ++i) {
+        widen(grid, i, grid.columns[i].heading);
+    }
+    return grid;
+}
+
+/// Where a selection starts, to read it a second time.
+struct Start {
+    u32 position;
+    u64 offset;
+};
+
+void rewind(Selection& selection, Start start) {
+    selection.position = start.position;
+    selection.offset = start.offset;
+    selection.rows = 0;
+    selection.read = 0;
+    selection.faults = {};
+}
+
+/// Calls take with the texts of every row, the mark first.
+template <typename Take>
+void eachRow(Selection& selection, const Options& options, Take take) {
+    std::vector<std::string> texts(selection.columns.size() + (marks(options) ? 1 : 0));
+    while (nextRow(selection)) {
+        std::size_t i = 0;
+        if (marks(options)) texts[i++] = markOf(selection);
+        for (const Column& column : selection.columns) readShown(selection, column, texts[i++]);
+        take(texts);
+    }
+}
+
+/// Once for the widths, and once to write.
+void showGrid(Output& out, Selection& selection, const Options& options) {
+    const Start start{selection.position, selection.offset};
+    Grid grid = gridOf(selection, options);
+    eachRow(selection, options, [&](const std::vector<std::string>& texts) {
+        for (std::size_t i = 0; i < texts.size(); ++i) widen(grid, i, texts[i]);
+    });
+    if (selection.rows == 0) return;
+    rewind(selection, start);
+    putHeadings(out, grid);
+    eachRow(selection, options,
+            [&](const std::vector<std::string>& texts) { putRow(out, grid, texts); });
+}
+
+void showVertical(Output& out, Selection& selection) {
+    Grid grid;
+    grid.columns = {{"", false, 0}, {"", false, 0}};
+    grid.lineWidth = terminalWidth(STDOUT_FILENO);
+    grid.indent = "  ";
+    std::vector<std::string> names;
+    for (const Column& column : selection.columns) names.push_back(escaped(column.name));
+    for (const std::string& name : names) widen(grid, 0, name);
+    std::string text;
+    while (nextRow(selection)) {
+        const bool deleted = !markOf(selection).empty();
+        out.put(fmt::format("{}record {}{}\n", selection.rows > 1 ? "\n" : "",
+                            u64{selection.cells.record} + 1, deleted ? ", deleted" : ""));
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            readShown(selection, selection.columns[i], text);
+            putRow(out, grid, {names[i], text});
+        }
+    }
+}
+
+void tellRest(Selection& selection) {
+    const u64 shown = selection.rows;
+    if (shown == 0) {
+        note("{}: 0 of {}", selection.table->path,
+             counted(selection.table->base->Header.RecordCount, "record"));
+        return;
+    }
+    selection.limit = 0;
+    while (nextRow(selection)) {
+    }
+    const u64 more = selection.rows - shown;
+    if (more != 0) note("{} more; -n 0 shows all", counted(more, "record"));
+}
+
+Status runShow(const Options& options) {
+    SelectOptions select = options.select;
+    const bool limited = !select.limit && isatty(STDOUT_FILENO) != 0;
+    if (limited) select.limit = kTerminalRows;
+    const auto selection = selectFrom(options.table, select);
+    std::erase_if(selection->columns,
+                  [](const Column& column) { return column.kind == Kind::Deletion; });
+    Output out(targetOf("-"), false);
+    if (options.vertical) {
+        showVertical(out, *selection);
+    } else {
+        showGrid(out, *selection, options);
+    }
+    out.finish();
+    const bool faulty = tellFaults(*selection);
+    if (limited || selection->rows == 0) tellRest(*selection);
+    return faulty ? kFound : kDone;
+}
+
+}  // namespace
+
+void addShow(CLI::App& program, Job& job) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("show", "The records of a table, for eyes");
+    command.footer(
+        "Examples:\n"
+        "  mira show stock\n"
+        "  mira show stock -w 'PRICE>10&ITEM~saw' -s PRICE -f CODE,PRICE\n"
+        "  mira show stock --deleted include --record -n 0");
+    command.add_option("table", options->table, "Table")->type_name("TABLE")->required();
+    command.add_flag("--vertical", options->vertical, "A field a line");
+    addSelectOptions(command, options->select);
+    whenChosen(command, job, options, runShow);
+}
+
+}  // namespace mira::tool

@@ -1,0 +1,72 @@
+// mira zap: a table without its records.
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "change.h"
+#include "command/commands.h"
+#include "message.h"
+#include "table/refusal.h"
+#include "table/store.h"
+
+namespace mira::tool {
+namespace {
+
+struct Options {
+    std::string name;
+    bool yes = false;
+    ChangeOptions change;
+};
+
+/// Asks on the terminal; throws a Refusal without one.
+bool isWanted(const Table& table) {
+    if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
+        throw Refusal(table.path + ": no terminal to ask on; -y takes all records out unasked");
+    }
+    fmt::print(stderr, "Take all {} out of {}? [y/N] ",
+               counted(table.base->Header.RecordCount, "record"), escaped(table.path));
+    char answer[16] = {};
+    const bool answered = std::fgets(answer, sizeof answer, stdin) != nullptr;
+    leaveIfStopped();
+    return answered && (answer[0] == 'y' || answer[0] == 'Y');
+}
+
+Status run(const Options& options) {
+    const auto table = openToChange(options.name, {});
+    refuseBesideShapes(*table, options.change);
+    const u32 count = table->base->Header.RecordCount;
+    if (!options.change.dryRun) {
+        if (!options.yes && !isWanted(*table)) {
+            note("{}: nothing changed", table->path);
+            return kDone;
+        }
+        beginChange(*table, options.change);
+        if (Zap(table->base.get()) == 0) {
+            throw Refusal(table->path + ": cannot be cut; nothing is changed");
+        }
+    }
+    note("{}: {} {}taken out", table->path, counted(count, "record"),
+         options.change.dryRun ? "would be " : "");
+    if (table->base->FirstMemoField != -1 && count != 0) {
+        note("{}: the memo file keeps its size; `mira pack` frees it", table->path);
+    }
+    return kDone;
+}
+
+}  // namespace
+
+void addZap(CLI::App& program, Job& job) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("zap", "Take all records out of a table");
+    command.add_option("TABLE", options->name, "The table")->required();
+    command.add_flag("-y,--yes", options->yes, "Do not ask");
+    addChangeOptions(command, options->change);
+    addForceOption(command, options->change);
+    command.footer(
+        "Examples:\n"
+        "  mira zap stock --dry-run\n"
+        "  mira zap stock -y");
+    whenChosen(command, job, options, run);
+}
+
+}  // namespace mira::tool

@@ -1,0 +1,106 @@
+// The program mira: what people with a folder of old tables need, as commands.
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <string>
+
+#include "command/commands.h"
+#include "message.h"
+#include "progress.h"
+#include "status.h"
+#include "table/refusal.h"
+
+namespace {
+
+using namespace mira::tool;
+
+constexpr const char* kFooter =
+    "Examples:\n"
+    "  mira info stock.dbf\n"
+    "  mira show stock -w 'PRICE>10'\n"
+    "  mira export stock -o stock.csv\n"
+    "  mira export folder -o tables.db\n\n"
+    "mira COMMAND --help tells more about each. Exit status: 0 done, 1 done but something was\n"
+    "found or could not be kept, 2 not done.";
+
+struct Common {
+    bool quiet = false;
+    bool progress = false;
+    bool noProgress = false;
+};
+
+/// Options that every command takes, wherever they stand.
+void addCommonOptions(CLI::App& command, Common& common) {
+    command.add_flag("-q,--quiet", common.quiet, "Tell errors only");
+    auto* const progress = command.add_flag("--progress", common.progress,
+                                            "Show the progress, also when there is no terminal");
+    command.add_flag("--no-progress", common.noProgress, "Never show the progress")
+        ->excludes(progress);
+}
+
+void apply(const Common& common) {
+    setQuiet(common.quiet);
+    if (common.progress) setProgress(ProgressMode::Always);
+    if (common.noProgress) setProgress(ProgressMode::Never);
+}
+
+/// Says what is wrong with the command line.
+Status refuseLine(const CLI::App& program, const CLI::ParseError& reason,
+                  const std::string& first) {
+    const auto chosen = program.get_subcommands();
+    if (!chosen.empty()) {
+        error("{}; `mira {} --help` says how", reason.what(), chosen.front()->get_name());
+    } else if (first.empty() || first.front() == '-') {
+        error("{}; `mira --help` lists the commands", first.empty() ? "no command" : reason.what());
+    } else {
+        error("{}: no such command; `mira --help` lists them", first);
+    }
+    return kFailed;
+}
+
+int runProgram(int argc, char** argv) {
+    CLI::App program("The workbench for dBase-family tables (.dbf)", "mira");
+    Job job;
+    Common common;
+    program.set_version_flag("--version", "mira " MIRA_VERSION);
+    program.require_subcommand(1);
+    program.footer(kFooter);
+    addInfo(program, job);
+    addTables(program, job);
+    addShow(program, job);
+    addExport(program, job);
+    addQuery(program, job);
+    addImport(program, job);
+    addSet(program, job);
+    addDelete(program, job);
+    addRecall(program, job);
+    addPack(program, job);
+    addZap(program, job);
+    addCommonOptions(program, common);
+    for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) return program.exit(e);  // help, version
+        return refuseLine(program, e, argc > 1 ? argv[1] : "");
+    }
+    apply(common);
+    return job.run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    watchSignals();
+    try {
+        return runProgram(argc, argv);
+    } catch (const Stopped&) {
+        return stopStatus();
+    } catch (const Refusal& refusal) {
+        tellError(refusal.what());
+    } catch (const std::bad_alloc&) {
+        tellError("no memory left");
+    } catch (const std::exception& e) {
+        tellError(e.what());
+    }
+    return kFailed;
+}

@@ -1,0 +1,28 @@
+// A bar on standard error for long work, with rate and time left. Work on several threads adds to
+// the same bar.
+#pragma once
+
+#include <string_view>
+
+#include "mira.h"
+
+namespace mira::tool {
+
+enum class ProgressMode : u8 { OnTerminal, Always, Never };
+void setProgress(ProgressMode mode);
+
+/// One piece of work; the bar is there while one lives. total in records.
+class Progress {
+public:
+    Progress(std::string_view what, u64 total);
+    ~Progress();
+    Progress(const Progress&) = delete;
+
+    /// done records more.
+    void add(u64 done);
+};
+
+/// Takes the bar off the terminal, for a line of text; the next add draws it again.
+void hideProgress();
+
+}  // namespace mira::tool

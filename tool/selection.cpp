@@ -1,0 +1,255 @@
+#include "selection.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <map>
+
+#include "filter.h"
+#include "message.h"
+#include "progress.h"
+#include "status.h"
+#include "table/refusal.h"
+#include "table/text.h"
+
+namespace mira::tool {
+namespace {
+
+constexpr u32 kSortFields = 21;
+constexpr u32 kProgressStep = 4096;  // records
+
+const std::map<std::string, Deleted> kDeletedNames = {
+    {"skip", Deleted::Skip}, {"include", Deleted::Include}, {"only", Deleted::Only}};
+
+// --------------------------------------------------------------------------------------------
+// Columns
+// --------------------------------------------------------------------------------------------
+
+void addCalculatedColumns(Table& table, const std::vector<std::string>& definitions) {
+    for (const std::string& definition : definitions) {
+        const std::size_t equals = definition.find('=');
+        if (equals == std::string::npos) {
+            throw Refusal("--calc " + definition + ": NAME=EXPRESSION, such as TOTAL=PRICE*QTY");
+        }
+        addCalculated(table, trimmed(std::string_view(definition).substr(0, equals)),
+                      std::string_view(definition).substr(equals + 1));
+    }
+}
+
+bool holds(const std::vector<Column>& columns, const Column& column) {
+    return std::any_of(columns.begin(), columns.end(),
+                       [&](const Column& c) { return c.name == column.name; });
+}
+
+std::vector<Column> chosenColumns(const Table& table, const SelectOptions& options) {
+    std::vector<Column> named;
+    for (const std::string& name : splitList(options.fields)) {
+        const Column& column = columnNamed(table, name);
+        if (!holds(named, column)) named.push_back(column);
+    }
+    std::vector<Column> excluded;
+    for (const std::string& name : splitList(options.exclude)) {
+        excluded.push_back(columnNamed(table, name));
+    }
+    std::vector<Column> columns = named;
+    for (const Column& column : table.columns) {
+        const bool wanted = named.empty() || column.kind == Kind::Calculated;
+        if (wanted && !holds(columns, column)) columns.push_back(column);
+    }
+    std::erase_if(columns, [&](const Column& column) { return holds(excluded, column); });
+    return columns;
+}
+
+/// A column that is no field, under a name that no field has.
+Column extraColumn(const Table& table, std::string name, Kind kind) {
+    const auto taken = [&] {
+        return std::any_of(table.columns.begin(), table.columns.end(),
+                           [&](const Column& c) { return sameText(c.name, name); });
+    };
+    while (taken()) name = "_" + name;
+    Column column;
+    column.name = name;
+    column.kind = kind;
+    return column;
+}
+
+// --------------------------------------------------------------------------------------------
+// Records
+// --------------------------------------------------------------------------------------------
+
+struct Range {
+    u32 first, end;
+};
+
+Range shardRange(const std::string& shard, u32 count) {
+    if (shard.empty()) return {0, count};
+    u64 k = 0;
+    u64 n = 0;
+    const char* const end = shard.data() + shard.size();
+    const auto [slash, error] = std::from_chars(shard.data(), end, k);
+    const bool whole = error == std::errc() && slash != end && *slash == '/' &&
+                       std::from_chars(slash + 1, end, n).ptr == end;
+    if (!whole || k < 1 || k > n || n > 0xFFFFFFFF) {
+        throw Refusal("--shard " + shard + ": K/N, with K from 1 to N, such as 1/4");
+    }
+    return {static_cast<u32>(count * (k - 1) / n), static_cast<u32>(count * k / n)};
+}
+
+/// Makes a range of records the view that filter and sort start from.
+void viewRange(DbfBase* base, Range range) {
+    const u32 count = range.end - range.first;
+    auto* const index = static_cast<u32*>(std::malloc((std::size_t{count} + 1) * sizeof(u32)));
+    if (index == nullptr) throw std::bad_alloc();
+    for (u32 i = 0; i < count; ++i) index[i] = range.first + i;
+    std::free(base->FilterIndex);
+    base->FilterIndex = index;
+    base->FilterCount = count;
+}
+
+int stopSort() { return stopped() ? 1 : 0; }
+
+void sortView(Table& table, const SelectOptions& options) {
+    const std::vector<std::string> names = splitList(options.sort);
+    if (names.size() > kSortFields) {
+        throw Refusal(table.path + ": at most " + std::to_string(kSortFields) +
+                      " fields to sort by");
+    }
+    std::string list;
+    for (const std::string& name : names) {
+        const Column& column = columnNamed(table, name);
+        (list += libraryName(table, column)) += ',';
+    }
+    table.base->SortDescending = options.descending ? 1 : 0;
+    const bool done = SortBase(table.base.get(), list.c_str(), stopSort) != 0;
+    leaveIfStopped();
+    if (!done) throw Refusal(table.path + ": no memory to sort it");
+}
+
+void tellFault(const Selection& selection, Fault fault) {
+    const FaultTally& tally = selection.faults[static_cast<std::size_t>(fault)];
+    if (tally.count == 0) return;
+    note("{}: {}, first in record {}, field {}", selection.table->path,
+         faultSentence(fault, tally.count), u64{tally.record} + 1, tally.column);
+}
+
+}  // namespace
+
+void addFilterOptions(CLI::App& command, SelectOptions& options) {
+    command.add_option("-w,--where", options.where, "Only records that satisfy the filter")
+        ->type_name("FILTER");
+    command.add_flag("-i,--ignore-case", options.ignoreCase, "Filters ignore letter case");
+}
+
+void addTableOptions(CLI::App& command, SelectOptions& options) {
+    command.add_option("--code-page", options.codePage, "Code page of the texts, such as CP866")
+        ->type_name("NAME");
+    command.add_option("--as-text", options.asText, "Binary fields that hold text after all")
+        ->type_name("A,B,...");
+    command.add_flag("--long-names", options.longNames, "Field names from the database container");
+}
+
+void addSelectOptions(CLI::App& command, SelectOptions& options) {
+    addFilterOptions(command, options);
+    command.add_option("-s,--sort", options.sort, "Sort by these fields")->type_name("A,B,...");
+    command.add_flag("--descending", options.descending, "Sort from the greatest down");
+    command.add_option("-f,--fields", options.fields, "These columns, in this order")
+        ->type_name("A,B,...");
+    command.add_option("-x,--exclude", options.exclude, "All columns but these")
+        ->type_name("A,B,...");
+    command.add_option("--calc", options.calculated, "Add a calculated column; may be given again")
+        ->type_name("NAME=EXPRESSION")
+        ->allow_extra_args(false);
+    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
+              kDeletedNames, options.deleted);
+    command.add_flag("--record", options.recordColumn, "A first column _record with the number");
+    command.add_option("-n,--limit", options.limit, "At most N records, 0 for all")->type_name("N");
+    command.add_option("--offset", options.offset, "Leave out the first N records")->type_name("N");
+    command.add_option("--shard", options.shard, "The K-th of N equal ranges of records")
+        ->type_name("K/N");
+    addTableOptions(command, options);
+    command.add_flag("--raw", options.raw, "Texts, numbers and dates as they are stored");
+}
+
+TableOptions tableOptions(const SelectOptions& options) {
+    TableOptions table;
+    table.codePage = options.codePage;
+    table.asText = splitList(options.asText);
+    table.longNames = options.longNames;
+    table.raw = options.raw;
+    return table;
+}
+
+std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options) {
+    return selectFrom(openTable(path, tableOptions(options)), options);
+}
+
+std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options) {
+    Table& table = *opened;
+    DbfBase* const base = table.base.get();
+    addCalculatedColumns(table, options.calculated);
+    auto selection = std::make_unique<Selection>(
+        Selection{std::move(opened), chosenColumns(table, options), CellReader(table)});
+    std::vector<Column>& columns = selection->columns;
+    if (options.recordColumn) {
+        columns.insert(columns.begin(), extraColumn(table, "_record", Kind::RecordNumber));
+    }
+    if (options.deleted == Deleted::Include) {
+        columns.push_back(extraColumn(table, "_deleted", Kind::Deletion));
+    }
+
+    base->SkipDeleted = options.deleted == Deleted::Skip ? 1 : 0;
+    const Range range = shardRange(options.shard, base->Header.RecordCount);
+    const bool reordered = !options.where.empty() || !options.sort.empty();
+    if (!options.shard.empty() && reordered) viewRange(base, range);
+    if (!options.where.empty()) applyFilter(table, options.where, options.ignoreCase);
+    if (!options.sort.empty()) sortView(table, options);
+    selection->position = reordered ? 0 : range.first;
+    selection->end = reordered ? reccount(base) : range.end;
+    selection->deleted = options.deleted;
+    selection->limit = options.limit.value_or(0);
+    selection->offset = options.offset;
+    return selection;
+}
+
+bool nextRow(Selection& s) {
+    DbfBase* const base = s.table->base.get();
+    if (!s.progress) {
+        s.progress = std::make_unique<Progress>(s.table->path, s.end - s.position);
+    }
+    while (s.position < s.end && (s.limit == 0 || s.rows < s.limit)) {
+        leaveIfStopped();
+        const u32 position = s.position++;
+        const u32 record = recno(base, GetOrder(base, position));
+        if (ReadRecord(base, position) == 0) {
+            leaveIfStopped();
+            throw Refusal(s.table->path + ": record " + std::to_string(u64{record} + 1) +
+                          " cannot be read");
+        }
+        if (++s.read % kProgressStep == 0) s.progress->add(kProgressStep);
+        const bool isDeleted = base->RecordBuffer[0] == '*';
+        if (s.deleted == (isDeleted ? Deleted::Skip : Deleted::Only)) continue;
+        if (s.offset != 0) {
+            --s.offset;
+            continue;
+        }
+        ++s.rows;
+        s.cells.record = record;
+        return true;
+    }
+    s.progress->add(s.read % kProgressStep);
+    s.progress.reset();
+    return false;
+}
+
+bool tellFaults(const Selection& selection) {
+    const Table& table = *selection.table;
+    for (const std::string& sentence : table.notes) note("{}: {}", table.path, sentence);
+    if (table.page.uncertain) {
+        note("{}: code page {} is only a {}; --code-page NAME says which it is", table.path,
+             pageName(*table.page.page), table.page.from);
+    }
+    for (std::size_t i = 1; i < kFaults; ++i) tellFault(selection, static_cast<Fault>(i));
+    return faultCount(selection.faults) != 0;
+}
+
+}  // namespace mira::tool

@@ -1,0 +1,101 @@
+// Which records and columns of a table a command works on.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "progress.h"
+#include "table/table.h"
+#include "table/value.h"
+
+namespace mira::tool {
+
+enum class Deleted : u8 { Skip, Include, Only };
+
+/// The options that select, the same for every command.
+struct SelectOptions {
+    std::string where;
+    std::string sort;
+    bool descending = false;
+    std::string fields, exclude;
+    std::vector<std::string> calculated;  // NAME=EXPRESSION
+    Deleted deleted = Deleted::Skip;
+    bool recordColumn = false;
+    bool ignoreCase = false;
+    std::optional<u64> limit;  // none: the command's own
+    u64 offset = 0;
+    std::string shard;  // K/N
+    std::string codePage;
+    std::string asText;
+    bool longNames = false;
+    bool raw = false;
+};
+
+/// Adds an option whose value is one of a few words.
+template <typename Value>
+void addChoice(CLI::App& command, const std::string& name, const std::string& help,
+               const std::string& typeName, const std::map<std::string, Value>& words,
+               Value& value) {
+    const auto take = [name, &words, &value](const std::string& word) {
+        const auto found = words.find(word);
+        if (found == words.end()) {
+            std::string list;
+            for (const auto& [known, ignored] : words) list += (list.empty() ? "" : ", ") + known;
+            throw CLI::ValidationError(name + " " + word, "one of " + list);
+        }
+        value = found->second;
+    };
+    command.add_option_function<std::string>(name, take, help)->type_name(typeName);
+}
+
+/// Adds them all to a command.
+void addSelectOptions(CLI::App& command, SelectOptions& options);
+/// Only --code-page, --as-text and --long-names.
+void addTableOptions(CLI::App& command, SelectOptions& options);
+/// Only --where and --ignore-case.
+void addFilterOptions(CLI::App& command, SelectOptions& options);
+
+TableOptions tableOptions(const SelectOptions& options);
+
+/// A table with the records in view and the columns to show. Records are read one by one.
+struct Selection {
+    std::unique_ptr<Table> table;
+    std::vector<Column> columns;
+    CellReader cells;
+    Faults faults{};
+
+    Deleted deleted = Deleted::Skip;
+    u64 limit = 0, offset = 0;
+    u32 position = 0, end = 0;             // in the view
+    u32 read = 0;                          // view positions read so far
+    u64 rows = 0;                          // rows given out
+    std::unique_ptr<Progress> progress{};  // while rows are read
+};
+
+/// Opens a table and applies everything. Throws a Refusal, or Stopped.
+std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options);
+/// The same for a table that is open already (for writing).
+std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> table, const SelectOptions& options);
+
+/// Reads the next row into RecordBuffer; false behind the last one. Its record, from 0, is
+/// cells.record, its position for WriteRecord position - 1. Throws a Refusal for a record that
+/// cannot be read.
+bool nextRow(Selection& selection);
+
+/// Reads a cell of the current row; what is wrong with it is counted.
+inline void readCell(Selection& selection, const Column& column, Value& value) {
+    readCell(selection.cells, column, value);
+    if (value.fault != Fault::None) {
+        countFault(selection.faults, value.fault, selection.cells.record, column);
+    }
+}
+
+/// Tells what was met: values that could not be kept, notes of the table, a guessed code page. True
+/// when a value could not be kept.
+bool tellFaults(const Selection& selection);
+
+}  // namespace mira::tool

@@ -1,0 +1,113 @@
+// New records, counting fields, and the marks that a change leaves in the header.
+//
+//   level 7   descriptor 42   4 bytes, next value of a "+" field; the step is 1
+//   others    descriptor 19   4 bytes, next value; 23: step (Visual FoxPro)
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+
+#include "table/bytes.h"
+#include "table/refusal.h"
+#include "table/store.h"
+
+namespace mira::tool {
+namespace {
+
+constexpr u32 kNextPlace = 19;
+constexpr u32 kStepPlace = 23;
+constexpr u32 kNextPlace7 = 42;
+constexpr u32 kDatePlace = 1;  // in the header: year, month, day
+
+bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count) {
+    return SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) == offset &&
+           WriteFile(file, bytes, static_cast<i32>(count)) == count;
+}
+
+/// Where the file keeps the next value; 0 for nowhere.
+u32 nextPlace(const Table& table, const Column& column) {
+    const DbfBase& base = *table.base;
+    if (base.Level7 == 0 && !table.visual) return 0;
+    const u32 descriptor = base.HeaderSize + base.DescriptorSize * static_cast<u32>(column.field);
+    return descriptor + (base.Level7 != 0 ? kNextPlace7 : kNextPlace);
+}
+
+/// The value behind the largest of a field. The record buffer holds the last record then.
+u32 behindLargest(Table& table, const Column& column) {
+    DbfBase* const base = table.base.get();
+    i64 largest = 0;
+    for (u32 i = 0; i < base->Header.RecordCount; ++i) {
+        if (ReadRecord(base, i) == 0) break;
+        largest = std::max<i64>(largest, static_cast<i32>(GetInt(base, column.field)));
+    }
+    return static_cast<u32>(largest + 1);
+}
+
+}  // namespace
+
+void loadCounters(Table& table) {
+    std::FILE* const file = table.base->TableFile;
+    for (Column& column : table.columns) {
+        if (!isCounting(column)) continue;
+        const u32 place = nextPlace(table, column);
+        u8 bytes[5] = {};
+        if (place != 0) readFileAt(file, place, bytes, sizeof bytes);
+        column.nextValue = loadLe<u32>(bytes);
+        column.step = table.visual ? std::max<u32>(bytes[kStepPlace - kNextPlace], 1) : 1;
+        if (column.nextValue == 0 && !table.visual) column.nextValue = behindLargest(table, column);
+    }
+}
+
+void advanceCounters(Table& table) {
+    for (Column& column : table.columns) {
+        if (isCounting(column)) column.nextValue += column.step;
+    }
+}
+
+void newRecord(Table& table) { ClearRecord(table.base.get()); }
+
+void appendRecord(Table& table) {
+    DbfBase* const base = table.base.get();
+    const u32 record = base->Header.RecordCount;
+    if (InternalWriteRecord(base, record) == 0) {
+        throw Refusal(table.path + ": record " + std::to_string(record + 1) +
+                      " cannot be written; is the disk full?");
+    }
+    ++base->Header.RecordCount;
+}
+
+void finishAppend(Table& table) {
+    bool written = true;
+    for (const Column& column : table.columns) {
+        const u32 place = isCounting(column) ? nextPlace(table, column) : 0;
+        if (place == 0) continue;
+        written =
+            writeFileAt(table.base->TableFile, place, &column.nextValue, sizeof column.nextValue) &&
+            written;
+    }
+    if (!written || WriteHeader(table.base.get()) == 0) {
+        throw Refusal(table.path + ": the header cannot be written");
+    }
+}
+
+bool takeBack(Table& table, u32 records) {
+    DbfBase* const base = table.base.get();
+    if (base->Header.RecordCount == records) return true;
+    return Truncate(base, records) != 0;
+}
+
+void stampDate(Table& table) {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    if (localtime_r(&now, &local) == nullptr) return;
+    const u8 date[] = {static_cast<u8>(local.tm_year % 100), static_cast<u8>(local.tm_mon + 1),
+                       static_cast<u8>(local.tm_mday)};
+    DbfHeader& header = table.base->Header;
+    header.UpdateYear = date[0];
+    header.UpdateMonth = date[1];
+    header.UpdateDay = date[2];
+    if (!writeFileAt(table.base->TableFile, kDatePlace, date, sizeof date)) {
+        throw Refusal(table.path + ": the date of the change cannot be written");
+    }
+}
+
+}  // namespace mira::tool

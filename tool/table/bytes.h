@@ -1,0 +1,28 @@
+// Numbers in the bytes of files, whatever the order of the machine.
+#pragma once
+
+#include <bit>
+#include <cstring>
+
+#include "mira.h"
+
+namespace mira::tool {
+
+/// The first sizeof(T) bytes at from, little-endian.
+template <typename T>
+T loadLe(const void* from) {
+    static_assert(std::endian::native == std::endian::little, "write a swap first");
+    T value;
+    std::memcpy(&value, from, sizeof value);
+    return value;
+}
+
+inline u32 loadBe32(const u8* from) {
+    return u32{from[0]} << 24 | u32{from[1]} << 16 | u32{from[2]} << 8 | from[3];
+}
+
+inline double loadBeDouble(const u8* from) {
+    return std::bit_cast<double>(u64{loadBe32(from)} << 32 | loadBe32(from + 4));
+}
+
+}  // namespace mira::tool

@@ -1,0 +1,49 @@
+// Memos of the current record, whole and with the reason when there is none to be had.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "table/table.h"
+
+namespace mira::tool {
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+struct FreeCloser {
+    void operator()(void* memory) const { std::free(memory); }
+};
+
+/// What a memo field refers to. Numbers count blocks of the memo file.
+struct MemoReference {
+    bool isReference = true;  // false: bytes that are no reference
+    u32 block = 0;            // 0: no memo
+    u32 length = 0;           // of an SMT memo
+};
+/// Whether the column is a memo field whose length can hold a reference.
+bool holdsReference(const Column& column);
+MemoReference memoReference(const Table& table, const Column& column);
+
+enum class MemoResult : u8 { None, Found, Cut, Failed };
+
+/// The memo file and the memo read last.
+struct MemoReader {
+    File file{};  // open while dBase III memos are read, else by the library
+    u32 unit = 0;
+    u64 size = 0;
+    bool measured = false;
+    std::unique_ptr<char, FreeCloser> memory{};
+    std::string text{};
+};
+
+/// Reads a memo of the current record; *bytes last until the next one is read.
+MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column,
+                    std::string_view* bytes);
+
+}  // namespace mira::tool

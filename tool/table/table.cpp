@@ -1,0 +1,387 @@
+// Bytes that the library leaves to its callers:
+//
+//   descriptor 18   flags of a field: 1 system, 2 may be null, 4 binary, 8 counts by itself
+//   descriptor 19   4 bytes, next value of a counting field
+//   descriptor 23   its step
+//   header 28       bit 0: a structural index file belongs to the table
+//
+// In tables other than Visual FoxPro's the descriptor bytes are junk.
+#include "table/table.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <set>
+
+#include "table/bytes.h"
+#include "table/container.h"
+#include "table/find.h"
+#include "table/memo.h"
+#include "table/refusal.h"
+#include "table/text.h"
+
+namespace mira::tool {
+namespace {
+
+constexpr u32 kFlagPlace = 18;
+constexpr u32 kNextPlace = 19;
+constexpr u32 kStepPlace = 23;
+constexpr u32 kDescriptor = 32;
+constexpr u32 kLibraryName = 10;  // characters that a name has in an expression
+constexpr char kTerminator = 0x0D;
+
+constexpr u32 kVersionRepaired = 1;
+constexpr u32 kTypesUnknown = 2;
+constexpr u32 kCountRepaired = 4;
+
+std::string whyNotOpened(const std::string& path) {
+    const File file(std::fopen(path.c_str(), "rb"));
+    if (!file) return std::strerror(errno);
+    unsigned char start[kDescriptor] = {};
+    const std::size_t got = std::fread(start, 1, sizeof start, file.get());
+    if (std::ferror(file.get()) != 0) return "cannot be read";
+    if (got == 0) return "the file is empty";
+    if (got < sizeof start) return "no table: shorter than a table's header";
+    if (start[0] == 0x02) return "tables of dBase II are not supported";
+    return "no table, or its header is damaged beyond repair";
+}
+
+Base openBase(const std::string& path, bool writable) {
+    Base base(writable ? OpenBase(path.c_str()) : OpenBaseRO(path.c_str()));
+    if (!base) throw Refusal(path + ": " + whyNotOpened(path));
+    return base;
+}
+
+/// What the file says before the library's repairs.
+void readStoredHeader(Table& table) {
+    u8 header[kDescriptor] = {};
+    std::FILE* const file = table.base->TableFile;
+    readFileAt(file, 0, header, sizeof header);
+    table.storedVersion = header[0];
+    table.storedCount = loadLe<u32>(header + 4);
+    table.storedLength = loadLe<u16>(header + 10);
+    table.tableFlags = header[28];
+    std::error_code ignored;
+    table.fileSize = std::filesystem::file_size(table.path, ignored);
+}
+
+Kind kindOf(const Column& column) {
+    switch (column.type) {
+        case 'C':
+            return Kind::Text;
+        case 'V':
+            return Kind::Varchar;
+        case 'Q':
+            return Kind::Varbinary;
+        case 'N':
+        case 'F':
+            return Kind::Decimal;
+        case 'I':
+        case '+':
+            return Kind::Integer;
+        case 'O':
+            return Kind::Double;
+        case 'Y':
+            return Kind::Currency;
+        case 'D':
+            return Kind::Date;
+        case 'T':
+        case '@':
+            return Kind::Moment;
+        case 'L':
+            return Kind::Logical;
+        case 'M':
+            return Kind::Memo;
+        case 'B':
+            if (column.length == 8) return Kind::Double;
+            break;
+        default:
+            break;
+    }
+    return holdsReference(column) ? Kind::Blob : Kind::Bytes;
+}
+
+/// Pictures refer to memos as general fields do; the library takes only the letter of those.
+void makePictureMemo(DbfBase* base, const Column& column) {
+    if (column.type != 'P' || column.kind != Kind::Blob) return;
+    base->Fields[column.field].Type = 'G';
+    if (base->FirstMemoField == -1) base->FirstMemoField = column.field;
+    GetMemoType(base);
+}
+
+void readFlags(const Table& table, Column& column) {
+    const u32 place = table.base->HeaderSize + kDescriptor * static_cast<u32>(column.field);
+    u8 descriptor[kDescriptor] = {};
+    readFileAt(table.base->TableFile, place, descriptor, sizeof descriptor);
+    column.flags = descriptor[kFlagPlace];
+    column.nextValue = loadLe<u32>(descriptor + kNextPlace);
+    column.step = descriptor[kStepPlace];
+    column.untranslated = (column.flags & kBinary) != 0 &&
+                          (column.type == 'C' || column.type == 'V' || column.type == 'M');
+}
+
+/// Other makers of level-7 tables keep a length one byte earlier, and moments as a double.
+bool isForeignMoment(const Table& table, const Column& column) {
+    constexpr u32 kDescriptor7 = 48;
+    constexpr u32 kLengthPlace7 = 34;
+    if (table.base->Level7 == 0 || column.type != '@' || column.length != 8) return false;
+    u8 length = 0;
+    const u32 place = table.base->HeaderSize + kDescriptor7 * static_cast<u32>(column.field);
+    return readFileAt(table.base->TableFile, place + kLengthPlace7, &length, 1) == 1 &&
+           length != column.length;
+}
+
+Column columnOf(const Table& table, int field) {
+    DbfBase* const base = table.base.get();
+    Column column;
+    column.field = field;
+    column.type = base->Fields[field].Type;
+    column.offset = base->Fields[field].Offset;
+    column.length = GetLenField(base, field);
+    column.decimals = column.type == 'C' ? u8{0} : base->Fields[field].Decimals;
+    toUtf8(*table.page.page, base->Fields[field].Name, column.name);
+    while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
+    if (table.visual) readFlags(table, column);
+    column.foreignMoment = isForeignMoment(table, column);
+    column.kind = kindOf(column);
+    makePictureMemo(base, column);
+    return column;
+}
+
+bool isHidden(const Column& column) { return column.type == '0' || (column.flags & kSystem) != 0; }
+
+/// Hands out the bits of the null flags in field order: a length bit to V and Q, then a null bit to
+/// what may be null. Bits past the end of the flags are none.
+void assignNullBits(Table& table, std::vector<Column>& all) {
+    const auto flags =
+        std::find_if(all.begin(), all.end(), [](const Column& c) { return c.type == '0'; });
+    if (!table.visual || flags == all.end()) return;
+    table.nullOffset = flags->offset;
+    table.nullLength = flags->length;
+    const auto limit = static_cast<i32>(8 * table.nullLength);
+    i32 next = 0;
+    const auto take = [&] { return next < limit ? next++ : kNoBit; };
+    for (Column& column : all) {
+        if (column.type == 'V' || column.type == 'Q') column.lengthBit = take();
+        if ((column.flags & kNullable) != 0) column.nullBit = take();
+    }
+}
+
+/// Makes every name differ from those before it, letter case aside.
+void makeUnique(std::vector<Column>& columns) {
+    std::set<std::string> taken;
+    for (Column& column : columns) {
+        if (column.name.empty()) column.name = "field_" + std::to_string(column.field + 1);
+        const std::string name = column.name;
+        for (int n = 2; !taken.insert(foldCase(column.name)).second; ++n) {
+            column.name = name + "_" + std::to_string(n);
+        }
+    }
+}
+
+void takeLongNames(Table& table) {
+    const std::vector<std::string> names = longNamesOf(table);
+    for (std::size_t i = 0; i < std::min(names.size(), table.columns.size()); ++i) {
+        if (!names[i].empty()) table.columns[i].name = names[i];
+    }
+    if (names.size() != table.columns.size()) {
+        table.notes.push_back("the database container names " + std::to_string(names.size()) +
+                              " fields, the table has " + std::to_string(table.columns.size()));
+    }
+}
+
+bool isWordByte(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
+           static_cast<u8>(c) >= 0x80;
+}
+
+/// Fields whose name an expression cannot hold, or which has changed, get one that it can.
+void nameForLibrary(Table& table) {
+    for (const Column& column : table.columns) {
+        char* const name = table.base->Fields[column.field].Name;
+        std::string shown;
+        toUtf8(*table.page.page, name, shown);
+        const std::size_t length = std::strlen(name);
+        const bool plain = shown == column.name && length <= kLibraryName &&
+                           std::all_of(name, name + length, isWordByte);
+        if (plain) continue;
+        std::string other = "_F" + std::to_string(column.field + 1);
+        while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount)
+            other = "_" + other;
+        std::memset(name, 0, sizeof(DbfField::Name));
+        std::memcpy(name, other.data(), other.size());
+    }
+}
+
+std::size_t indexOf(const Table& table, const Column& column) {
+    return static_cast<std::size_t>(&column - table.columns.data());
+}
+
+void readAsText(Table& table) {
+    for (const std::string& name : table.options.asText) {
+        Column& column = table.columns[indexOf(table, columnNamed(table, name))];
+        column.untranslated = false;
+        if (column.kind == Kind::Blob) column.kind = Kind::Memo;
+        if (column.kind == Kind::Varbinary) column.kind = Kind::Varchar;
+        if (column.kind == Kind::Bytes) column.kind = Kind::Text;
+    }
+}
+
+void noteUnknownTypes(Table& table) {
+    for (const Column& column : table.columns) {
+        if (ValidField(column.type) != 0 || column.kind != Kind::Bytes) continue;
+        table.notes.push_back("field " + column.name + ": type \"" + std::string(1, column.type) +
+                              "\" is unknown, its bytes are shown as stored");
+    }
+}
+
+bool sameStructure(const DbfBase& a, const DbfBase& b) {
+    const auto same = [](const DbfField& x, const DbfField& y) {
+        return x.Offset == y.Offset && x.Length == y.Length && x.Decimals == y.Decimals;
+    };
+    return a.FieldCount == b.FieldCount && a.Header.RecordLength == b.Header.RecordLength &&
+           std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
+}
+
+void noteMissingMemoFile(Table& table) {
+    const DbfBase& base = *table.base;
+    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return;
+    std::error_code ignored;
+    if (std::filesystem::exists(base.MemoFileName, ignored)) return;
+    const std::string name = std::filesystem::path(base.MemoFileName).filename().string();
+    table.notes.push_back("its memo file " + name + " is missing");
+}
+
+}  // namespace
+
+std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
+    auto table = std::make_unique<Table>();
+    table->path = findTable(name);
+    table->options = options;
+    table->base = openBase(table->path, options.writable);
+    DbfBase* const base = table->base.get();
+    readStoredHeader(*table);
+    const u8 version = base->Header.Version;
+    table->visual = version >= 0x30 && version <= 0x32 && base->Level7 == 0;
+    table->page = choosePage(base, options.codePage);
+    if (!table->page.page) {
+        throw Refusal("--code-page " + options.codePage + ": no such code page");
+    }
+    table->notes = table->page.notes;
+    std::vector<Column> all;
+    for (int field = 0; field < base->FieldCount; ++field) all.push_back(columnOf(*table, field));
+    assignNullBits(*table, all);
+    for (Column& column : all) {
+        (isHidden(column) ? table->system : table->columns).push_back(std::move(column));
+    }
+    table->container = backLinkOf(*table);
+    if (options.longNames) takeLongNames(*table);
+    makeUnique(table->columns);
+    nameForLibrary(*table);
+    readAsText(*table);
+    noteUnknownTypes(*table);
+    noteMissingMemoFile(*table);
+    return table;
+}
+
+std::unique_ptr<Table> openAgain(const Table& table) {
+    auto again = std::make_unique<Table>();
+    static_cast<TableFacts&>(*again) = table;
+    again->base = openBase(table.path, false);
+    DbfBase* const base = again->base.get();
+    if (!sameStructure(*table.base, *base)) {
+        throw Refusal(table.path + ": its fields have changed since it was opened");
+    }
+    // As openTable has left them: names for the library, and which fields are memos.
+    std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
+    base->FirstMemoField = table.base->FirstMemoField;
+    GetMemoType(base);
+    return again;
+}
+
+const Column* findColumn(const Table& table, std::string_view name) {
+    const std::string wanted = foldCase(trimmed(name));
+    for (const Column& column : table.columns) {
+        if (foldCase(column.name) == wanted) return &column;
+    }
+    const bool number = !wanted.empty() && wanted.size() < 6 &&
+                        wanted.find_first_not_of("0123456789") == std::string::npos;
+    const auto field = number ? static_cast<std::size_t>(std::stoul(wanted)) : 0;
+    return field >= 1 && field <= table.columns.size() ? &table.columns[field - 1] : nullptr;
+}
+
+const Column& columnNamed(const Table& table, std::string_view name) {
+    if (const Column* column = findColumn(table, name)) return *column;
+    std::vector<std::string> names;
+    for (const Column& column : table.columns) names.push_back(column.name);
+    const std::string nearest = nearestName(name, names);
+    throw Refusal(
+        table.path + ": no field \"" + std::string(name) + "\"" +
+        (nearest.empty() ? "; `mira info` lists them" : "; did you mean " + nearest + "?"));
+}
+
+std::string_view libraryName(const Table& table, const Column& column) {
+    return GetFieldName(table.base.get(), column.field);
+}
+
+std::string_view flavourOf(const Table& table) {
+    if (table.base->Level7 != 0) return "level 7";
+    switch (table.base->Header.Version) {
+        case 0x03:
+        case 0x83:
+            return "dBase III";
+        case 0x04:
+        case 0x8B:
+            return "dBase IV";
+        case 0x8C:
+            return "level 7";
+        case 0x30:
+        case 0x31:
+        case 0x32:
+            return "Visual FoxPro";
+        case 0xF5:
+            return "FoxPro";
+        case 0xE5:
+            return "SMT";
+        default:
+            return "dBase family";
+    }
+}
+
+bool hasSoftBreaks(const Table& table) {
+    const char* const memo = table.base->MemoFileName;
+    return memo != nullptr && sameText(std::filesystem::path(memo).extension().string(), ".dbt");
+}
+
+std::vector<std::string> repairsOf(const Table& table) {
+    std::vector<std::string> repairs;
+    const DbfBase& base = *table.base;
+    const auto hex = [](unsigned byte) {
+        constexpr char kDigits[] = "0123456789ABCDEF";
+        return std::string{'0', 'x', kDigits[byte / 16], kDigits[byte % 16]};
+    };
+    if ((base.Status & kVersionRepaired) != 0) {
+        repairs.push_back("version " + hex(table.storedVersion) + " is unknown; read as " +
+                          hex(base.Header.Version));
+    }
+    if ((base.Status & kTypesUnknown) != 0 && base.FieldCount == 0)
+        repairs.push_back("there are no fields");
+    if ((base.Status & kCountRepaired) != 0) {
+        repairs.push_back("the header counts " + std::to_string(table.storedCount) +
+                          " records, the file holds " + std::to_string(base.Header.RecordCount));
+    }
+    if (table.storedLength != base.Header.RecordLength) {
+        repairs.push_back("the header gives records of " + std::to_string(table.storedLength) +
+                          " bytes, the fields add up to " +
+                          std::to_string(base.Header.RecordLength));
+    }
+    const u32 end = base.HeaderSize + base.DescriptorSize * base.FieldCount;
+    char terminator = 0;
+    if (readFileAt(base.TableFile, end, &terminator, 1) != 1 || terminator != kTerminator) {
+        repairs.emplace_back("the field list has no end mark; it ends with the header");
+    }
+    return repairs;
+}
+
+}  // namespace mira::tool
