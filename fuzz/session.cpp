@@ -272,6 +272,7 @@ struct Session {
         for (u32 at = from; at <= to; ++at) {
             const std::optional<u32> found = recordAt(at);
             CHECK_EQUAL(ReadRecord(h, at) != 0, found.has_value());
+            if (at < viewCount()) CHECK_EQUAL(recno(h, at), filtered ? index[at] : at);
             if (!found) takeBuffer();
             if (!found) continue;
             buffer = rows[*found];

@@ -124,8 +124,10 @@ TEST(Opening, StepByStep) {
     h->FileName = strdup("t.dbf");
     Level7Detect(h.get());
     EXPECT_EQ(h->HeaderSize, 68u);
+    h->Status = 7;
     EXPECT_NE(ReadHeader(h.get()), 0);
     EXPECT_NE(ReadFields(h.get()), 0);
+    EXPECT_EQ(h->Status, 0u);
     EXPECT_EQ(h->FieldCount, 2);
     std::filesystem::resize_file(folder.file("t.dbf"), 60);
     EXPECT_EQ(SetFilePointer(h->TableFile, 0, nullptr, SEEK_SET), 0u);
