@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -26,6 +28,21 @@ std::vector<std::string> corpusOf(const char* surface) {
     std::vector<std::string> corpus;
     for (const auto& [path, bytes] : files) corpus.push_back(bytes);
     return corpus;
+}
+
+/// Real tables as inputs of the table property, to be read and edited; those that are not too
+/// large.
+std::vector<std::string> realTables() {
+    std::vector<std::string> inputs;
+    const char* const folder = std::getenv("MIRA_CORPUS");
+    if (folder == nullptr) return inputs;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        if (!entry.is_regular_file() || entry.file_size() + 6 > kTable.limit) continue;
+        std::ifstream in(entry.path(), std::ios::binary);
+        inputs.push_back("\0\4\0\0\0\0"s + std::string(std::istreambuf_iterator<char>(in), {}));
+    }
+    std::sort(inputs.begin(), inputs.end());
+    return inputs;
 }
 
 /// Bytes set, put in and taken out, and the middle or the end replaced by those of another input.
@@ -61,8 +78,9 @@ protected:
 
 TEST_P(Property, Holds) {
     std::mt19937 random(1);
-    const std::vector<std::string> corpus = corpusOf(GetParam()->name);
+    std::vector<std::string> corpus = corpusOf(GetParam()->name);
     ASSERT_FALSE(corpus.empty());
+    if (GetParam() == &kTable) std::ranges::move(realTables(), std::back_inserter(corpus));
     for (const std::string& bytes : corpus) run(bytes);
     for (int i = 0; i < kChanged && !HasFailure(); ++i) run(changed(corpus, random));
 }

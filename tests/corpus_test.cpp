@@ -1,7 +1,6 @@
 // Real tables of other programs, compared cell by cell with what they are known to hold. The folder
 // comes from the environment variable MIRA_CORPUS: tables in FOLDER/<source>/<file>, their contents
 // in FOLDER/expected/<source>__<file>.tsv.
-#include <chrono>
 #include <cmath>
 #include <fstream>
 #include <sstream>
@@ -108,57 +107,6 @@ TEST(Corpus, ShowsWhatTheTablesHold) {
         ++compared;
     }
     EXPECT_GT(compared, 0);
-}
-
-/// What a program does with a table, which may not take a second.
-void useTable(const std::string& path) {
-    const auto start = std::chrono::steady_clock::now();
-    const Table h(OpenBase(path.c_str()));
-    for (u32 record = 0; h && record < reccount(h.get()); ++record) {
-        ReadRecord(h.get(), record);
-        for (int f = 0; f < h->FieldCount; ++f) shownCell(h.get(), f);
-    }
-    if (h && h->FieldCount != 0) {
-        SortBase(h.get(), GetFieldName(h.get(), 0), nullptr);
-        set_filter(h.get(), (GetFieldName(h.get(), 0) + "=A"s).c_str(), nullptr);
-        ClearAllFilter(h.get());
-        Pack(h.get(), 0);
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << path;
-}
-
-/// Damages copies of a table and uses each: all bytes of the fixed header and the first
-/// descriptors, and a sample of the others before the records.
-void damage(const fs::path& table) {
-    const Folder folder;
-    const std::string bytes = readAll(table).substr(0, 65536);
-    const std::string copy = folder.file(table.filename().string());
-    for (const auto& beside : fs::directory_iterator(table.parent_path())) {
-        const fs::path name = beside.path().filename();
-        if (name.stem() == table.stem()) fs::copy_file(beside.path(), folder.file(name.string()));
-    }
-    const std::size_t end = std::min<std::size_t>(load(bytes, 8, 2), bytes.size());
-    for (std::size_t place = 0; place < end; place += place < 96 ? 1 : 1 + end / 64) {
-        std::string flipped = bytes, zeroed = bytes;
-        flipped[place] = static_cast<char>(~flipped[place]);
-        zeroed[place] = 0;
-        for (const std::string& damaged : {flipped, zeroed, bytes.substr(0, place)}) {
-            writeAll(copy, damaged);
-            useTable(copy);
-        }
-    }
-}
-
-TEST(Corpus, DamagedTablesDoNoHarm) {
-    if (kFolder == nullptr) GTEST_SKIP() << "MIRA_CORPUS is not set: no real tables to damage";
-    for (const auto& source : fs::directory_iterator(kFolder)) {
-        if (!source.is_directory() || source.path().filename() == "expected") continue;
-        for (const auto& entry : fs::directory_iterator(source)) {
-            const std::string ext = entry.path().extension().string();
-            if (ext.size() == 4 && ".dbf.DBF.DBC.bin"s.find(ext) != std::string::npos)
-                damage(entry.path());
-        }
-    }
 }
 
 }  // namespace
