@@ -20,10 +20,11 @@ namespace {
 
 constexpr std::string_view kFolder = "/in-memory/";
 constexpr int kFirstDescriptor = 1000000;
+constexpr std::size_t kLargest = 512 << 10;  // a file cannot grow beyond, as on a full disk
 
 /// Large blocks come back at once, instead of going to the system and coming as fresh pages.
 [[maybe_unused]] const bool keepsBlocks =
-    mallopt(M_MMAP_THRESHOLD, 1 << 30) != 0 && mallopt(M_TRIM_THRESHOLD, 1 << 30) != 0;
+    mallopt(M_MMAP_THRESHOLD, 32 << 20) != 0 && mallopt(M_TRIM_THRESHOLD, 1 << 30) != 0;
 
 using Bytes = std::shared_ptr<std::string>;
 
@@ -84,6 +85,7 @@ std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
 
 std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size_t n) {
     const std::size_t end = s->at + size * n;
+    if (end > kLargest) return 0;
     s->file->resize(std::max(s->file->size(), end));
     s->file->replace(s->at, size * n, static_cast<const char*>(from), size * n);
     s->at = end;
