@@ -102,6 +102,12 @@ TEST(Write, EachPieceGoesToItsPlaceAfterItsHook) {
         EXPECT_TRUE(readAll(h->FileName) == layout.bytes());
     }
     for (const int none : {2, -1}) EXPECT_EQ(WriteField(h.get(), 0, none), 0);
+    h->BeforeWrite = [](DbfBase* base) {
+        return log += base->UseFilterIndex != 0 ? "mapped" : "plain", 0;
+    };
+    EXPECT_EQ(AppendBlank(h.get(), 0), 1);
+    EXPECT_EQ(log, "plain") << "positions are records meanwhile";
+    EXPECT_EQ(h->UseFilterIndex, 1);
 }
 
 TEST(Write, BackupIsMadeOnceAndWhole) {

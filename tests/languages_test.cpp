@@ -116,7 +116,9 @@ TEST_F(CalcFields, SlotsAreFilledFromFieldCountOn) {
         EXPECT_EQ(GetCalcStringI(h, none), nullptr) << none;
         EXPECT_EQ(GetCalcValueI(h, none) + if_digit_calci(h, none), 0.0) << none;
     }
+    for (const u8 flag : h->CalcFields->Slots[5].Flags) EXPECT_EQ(flag, 1);
     DelCalcField(h, "Price/2");
+    for (const u8 flag : h->CalcFields->Slots[5].Flags) EXPECT_EQ(flag, 0);
     EXPECT_EQ(h->CalcFields->Count, 2u);
     while (AddCalcField(h, "n", "n") != 0) continue;
     EXPECT_EQ(h->CalcFields->Count, 2048u - 5);
