@@ -9,6 +9,7 @@ int main(int argc, char** argv) {
     const unsigned count = argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : 1000000;
     const bool written =
         bench::writeTable(directory + "/mixed.dbf", 0x03, bench::kMixed, count) &&
+        bench::writeTable(directory + "/people.dbf", 0x03, bench::kPeople, count) &&
         bench::writeTable(directory + "/numbers.dbf", 0x03, bench::kNumbers, count) &&
         bench::writeTable(directory + "/binary.dbf", 0x30, bench::kBinary, count);
     return written ? 0 : 1;

@@ -94,6 +94,10 @@ inline void putValue(char* to, const Column& c, Random& random) {
 inline const std::vector<Column> kMixed = {
     {"CODE", 'C', 10}, {"NAME", 'C', 30},  {"PRICE", 'N', 10, 2},  {"QTY", 'N', 6},
     {"SINCE", 'D', 8}, {"ACTIVE", 'L', 1}, {"WEIGHT", 'F', 12, 3}, {"TOWN", 'C', 20}};
+/// What filters and calculated fields are measured on.
+inline const std::vector<Column> kPeople = {
+    {"NAME", 'C', 20}, {"CITY", 'C', 16},  {"PRICE", 'N', 10, 2}, {"QTY", 'N', 5},
+    {"BORN", 'D', 8},  {"ACTIVE", 'L', 1}, {"CODE", 'N', 9},      {"NOTE", 'C', 30}};
 /// Twelve decimal numbers of mixed widths.
 inline const std::vector<Column> kNumbers = {
     {"N1", 'N', 4},     {"N2", 'N', 8, 2},  {"N3", 'N', 10, 2}, {"N4", 'N', 12, 4},

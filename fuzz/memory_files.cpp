@@ -64,16 +64,33 @@ int closeStream(void* cookie) {
     return 0;
 }
 
-std::FILE* openStream(const char* path, const char* mode) {
+int descriptorOf(const Stream* stream) {
+    const auto place = std::find_if(streams.begin(), streams.end(),
+                                    [&](const auto& s) { return s.get() == stream; });
+    return kFirstDescriptor + static_cast<int>(place - streams.begin());
+}
+
+int openFile(const char* path, int flags) {
     Bytes file = find(path);
-    if (mode[0] == 'w') {
-        if (file == nullptr) file = files[path] = std::make_shared<std::string>();
-        file->clear();
+    if (file != nullptr && (flags & O_EXCL) != 0) {
+        errno = EEXIST;
+        return -1;
     }
-    if (file == nullptr) return nullptr;
-    const int access = std::strcmp(mode, "rb") == 0 ? O_RDONLY : O_RDWR;
-    Stream* const s = streams.emplace_back(new Stream{file, access}).get();
+    if (file == nullptr && (flags & O_CREAT) != 0)
+        file = files[path] = std::make_shared<std::string>();
+    if (file == nullptr) return -1;
+    if ((flags & O_TRUNC) != 0) file->clear();
+    return descriptorOf(streams.emplace_back(new Stream{file, flags & O_ACCMODE}).get());
+}
+
+std::FILE* openStream(int descriptor, const char* mode) {
+    Stream* const s = of(descriptor);
+    if (s == nullptr) return nullptr;
     return s->handle = fopencookie(s, mode, {nullptr, nullptr, nullptr, closeStream});
+}
+
+int flagsOf(std::string_view mode) {
+    return mode[0] == 'w' ? O_RDWR | O_CREAT | O_TRUNC : mode == "rb" ? O_RDONLY : O_RDWR;
 }
 
 std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
@@ -102,6 +119,7 @@ int seekStream(Stream* s, long offset, int whence) {
 int renameFile(const char* from, const char* to) {
     const Bytes file = find(from);
     if (file == nullptr) return -1;
+    if (find(to) == file) return 0;
     files.erase(from);
     files[to] = file;
     return 0;
@@ -121,10 +139,11 @@ int cut(const Bytes& file, off_t size) {
     return file != nullptr ? 0 : -1;
 }
 
-int descriptorOf(const Stream* stream) {
-    const auto place = std::find_if(streams.begin(), streams.end(),
-                                    [&](const auto& s) { return s.get() == stream; });
-    return kFirstDescriptor + static_cast<int>(place - streams.begin());
+int giveName(const Bytes& file, const char* name) {
+    if (file == nullptr) return -1;
+    if (files.emplace(name, file).second) return 0;
+    errno = EEXIST;
+    return -1;
 }
 
 char* nextFolder() {
@@ -148,7 +167,11 @@ std::string_view test::contentsOf(const std::string& path) {
 extern "C" {
 WRAP(char*, mkdtemp, true, nextFolder(), (char* pattern), (pattern))
 WRAP(DIR*, opendir, inMemory(path), nullptr, (const char* path), (path))
-WRAP(std::FILE*, fopen, inMemory(path), openStream(path, mode),
+WRAP(int, open, inMemory(path), openFile(path, flags), (const char* path, int flags, ...),
+     (path, flags, 0666))
+WRAP(int, close, of(fd), closeStream(of(fd)), (int fd), (fd))
+WRAP(std::FILE*, fdopen, of(fd), openStream(fd, mode), (int fd, const char* mode), (fd, mode))
+WRAP(std::FILE*, fopen, inMemory(path), openStream(openFile(path, flagsOf(mode)), mode),
      (const char* path, const char* mode), (path, mode))
 WRAP(std::size_t, fread, of(file), readStream(of(file), to, size, n),
      (void* to, std::size_t size, std::size_t n, std::FILE* file), (to, size, n, file))
@@ -158,6 +181,14 @@ WRAP(int, fseek, of(file), seekStream(of(file), to, whence),
      (std::FILE * file, long to, int whence), (file, to, whence))
 WRAP(long, ftell, of(file), static_cast<long>(of(file)->at), (std::FILE * file), (file))
 WRAP(int, remove, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
+WRAP(int, unlink, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
+WRAP(int, link, inMemory(from), giveName(find(from), to), (const char* from, const char* to),
+     (from, to))
+WRAP(int, flock, of(fd), 0, (int fd, int operation), (fd, operation))
+WRAP(int, fsync, of(fd), 0, (int fd), (fd))
+WRAP(int, fchmod, of(fd), 0, (int fd, mode_t mode), (fd, mode))
+WRAP(int, lstat, inMemory(path), describe(find(path), info), (const char* path, struct stat* info),
+     (path, info))
 WRAP(int, rename, inMemory(from), renameFile(from, to), (const char* from, const char* to),
      (from, to))
 WRAP(int, access, inMemory(path), find(path) != nullptr ? 0 : -1, (const char* path, int mode),

@@ -12,7 +12,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
@@ -27,13 +26,14 @@ namespace {
 
 constexpr std::size_t kExpansionSize = 32768;  // an expression with its values, and a zero byte
 constexpr int kNoSlot = -1;
+constexpr int kSlots = kFieldMax;
 constexpr unsigned kValueDecimals = 6;
 
 constexpr std::string_view chrdigit = "+-*/() ";
 
 /// The slot of a number when it holds a field, else null.
 CalcFieldSlot* filledSlot(const DbfBase* h, int slot) {
-    if (h->CalcFields == nullptr || slot < 0 || slot >= static_cast<int>(kFieldMax)) return nullptr;
+    if (h->CalcFields == nullptr || slot < 0 || slot >= kSlots) return nullptr;
     CalcFieldSlot* const found = &h->CalcFields->Slots[slot];
     return found->Name != nullptr ? found : nullptr;
 }
@@ -56,7 +56,7 @@ struct PreparedSlot {
     Arithmetic arithmetic;  // of a numeric expression
     bool digit;             // what if_digit_calci says
 };
-using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kFieldMax>;
+using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kSlots>;
 
 /// Whether a numeric field is named in a text between the characters of chrdigit.
 bool namesNumber(const DbfBase* h, std::string_view text) {
@@ -100,18 +100,24 @@ PreparedSlots* keptSlots(const DbfBase* h) {
     return static_cast<PreparedSlots*>(h->Private->expressions.get());
 }
 
+/// The same, made when there is nothing.
+PreparedSlots* keepSlots(DbfBase* h) {
+    if (h->Private->expressions == nullptr) {
+        const auto release = [](void* owned) { delete static_cast<PreparedSlots*>(owned); };
+        h->Private->expressions = {new PreparedSlots, release};
+    }
+    return keptSlots(h);
+}
+
 /// The prepared expression of a slot; null when it is empty or there is no memory. Where nothing
 /// can be kept, it is the caller's own.
-const PreparedSlot* prepared(DbfBase* h, int slot, std::optional<PreparedSlot>& own) {
+const PreparedSlot* prepared(DbfBase* h, int slot, std::unique_ptr<PreparedSlot>& own) {
     const CalcFieldSlot* const filled = filledSlot(h, slot);
-    if (filled == nullptr) return nullptr;
+    if (filled == nullptr || filled->Expression == nullptr) return nullptr;
     try {
-        if (h->Private == nullptr) return &own.emplace(prepareSlot(h, filled->Expression));
-        if (keptSlots(h) == nullptr) {
-            const auto release = [](void* owned) { delete static_cast<PreparedSlots*>(owned); };
-            h->Private->expressions = {new PreparedSlots, release};
-        }
-        std::unique_ptr<PreparedSlot>& kept = (*keptSlots(h))[static_cast<std::size_t>(slot)];
+        PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
+        std::unique_ptr<PreparedSlot>& kept =
+            all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own;
         if (kept == nullptr || !isCurrent(h, *kept, filled->Expression)) {
             kept = std::make_unique<PreparedSlot>(prepareSlot(h, filled->Expression));
         }
@@ -183,7 +189,7 @@ void FreeMemCalcField(DbfBase* h) {
 
 int AddCalcField(DbfBase* h, const char* name, const char* expression) {
     if (h->CalcFields == nullptr || name == nullptr || expression == nullptr) return 0;
-    for (int i = h->FieldCount; i < static_cast<int>(kFieldMax); ++i) {
+    for (int i = h->FieldCount; i < kSlots; ++i) {
         CalcFieldSlot& slot = h->CalcFields->Slots[i];
         if (slot.Name != nullptr) continue;
         Block<char> nameCopy = copyText(name);
@@ -208,7 +214,7 @@ void DelCalcFieldI(DbfBase* h, int slot) {
 
 int GetCalcI(DbfBase* h, const char* name) {
     if (name == nullptr) return kNoSlot;
-    for (int i = h->FieldCount; i < static_cast<int>(kFieldMax); ++i) {
+    for (int i = h->FieldCount; i < kSlots; ++i) {
         const CalcFieldSlot* const filled = filledSlot(h, i);
         if (filled != nullptr && sameIgnoringCase(filled->Name, name)) return i;
     }
@@ -218,7 +224,7 @@ int GetCalcI(DbfBase* h, const char* name) {
 char if_digit_calc(DbfBase* h, const char* name) { return if_digit_calci(h, GetCalcI(h, name)); }
 
 char if_digit_calci(DbfBase* h, int slot) {
-    std::optional<PreparedSlot> own;
+    std::unique_ptr<PreparedSlot> own;
     const PreparedSlot* const p = prepared(h, slot, own);
     return p != nullptr && p->digit ? 1 : 0;
 }
@@ -228,7 +234,7 @@ const char* GetCalcString(DbfBase* h, const char* name) {
 }
 
 const char* GetCalcStringI(DbfBase* h, int slot) {
-    std::optional<PreparedSlot> own;
+    std::unique_ptr<PreparedSlot> own;
     const PreparedSlot* const p = prepared(h, slot, own);
     if (p == nullptr) return nullptr;
     return p->expression.numeric ? numberText(h, *p) : textOf(h, *p);
@@ -237,7 +243,7 @@ const char* GetCalcStringI(DbfBase* h, int slot) {
 double GetCalcValue(DbfBase* h, const char* name) { return GetCalcValueI(h, GetCalcI(h, name)); }
 
 double GetCalcValueI(DbfBase* h, int slot) {
-    std::optional<PreparedSlot> own;
+    std::unique_ptr<PreparedSlot> own;
     const PreparedSlot* const p = prepared(h, slot, own);
     double value = 0;
     return p != nullptr && p->expression.numeric && valueOf(h, *p, &value) ? value : 0.0;

@@ -19,24 +19,22 @@ namespace mira {
 
 namespace {
 
-constexpr std::size_t kNameLength = 10;
+constexpr std::size_t kNameInExpression = 10;
 
 constexpr std::string_view quotes = "\"'";
-constexpr std::string_view kOperators = "><=~^+-/*()";
+constexpr std::string_view kOperatorBytes = "><=~^+-/*()";
 constexpr std::string_view kDigits = "0123456789";
 
 bool contains(std::string_view set, char c) { return set.find(c) != std::string_view::npos; }
 
-bool isLetterOrDigit(char c) {
+bool isWordByte(char c) {
     const u8 lower = lowerAscii(c);
-    return (lower >= 'a' && lower <= 'z') || (c >= '0' && c <= '9');
+    return (lower >= 'a' && lower <= 'z') || isDigit(c) || c == '_' || lower >= 0x80;
 }
-
-bool isWordByte(char c) { return isLetterOrDigit(c) || c == '_' || static_cast<u8>(c) >= 0x80; }
 
 /// The name that may stand at the beginning of a word.
 std::string_view candidate(std::string_view text) {
-    const std::string_view name = text.substr(0, kNameLength);
+    const std::string_view name = text.substr(0, kNameInExpression);
     const auto end = std::find_if_not(name.begin(), name.end(), isWordByte);
     return name.substr(0, static_cast<std::size_t>(end - name.begin()));
 }
@@ -80,22 +78,18 @@ void squeezeBlanks(char* text) {
 // Arithmetic over fields
 // --------------------------------------------------------------------------------------------
 
-/// Such a byte next to a number could become a part of it.
-bool joinsNumber(char c) { return isLetterOrDigit(c) || c == '.' || c == kOpenNumber; }
-
-/// The text with its numbers left open, and their fields. False where a value may run into what
-/// stands beside it, or is no number.
+/// The text with its numbers left open, and their fields. False where a value is no number.
 bool writeOpen(const DbfBase* h, ExpressionParts parts, std::string* text,
                std::vector<int>* fields) {
     for (const ExpressionPart& part : parts) {
-        const bool isField = part.field >= 0;
-        if (isField && !isNumeric(h->Fields[part.field])) return false;
-        if (contains(part.literal, kOpenNumber)) return false;
-        const std::string piece = isField ? std::string(1, kOpenNumber) : part.literal;
-        const bool joins = !text->empty() && joinsNumber(text->back()) && joinsNumber(piece[0]);
-        if (joins && (isField || text->back() == kOpenNumber)) return false;
-        if (isField) fields->push_back(part.field);
-        *text += piece;
+        if (part.field < 0) {
+            if (contains(part.literal, kOpenNumber)) return false;
+            *text += part.literal;
+        } else {
+            if (!isNumeric(h->Fields[part.field])) return false;
+            *text += kOpenNumber;
+            fields->push_back(part.field);
+        }
     }
     return true;
 }
@@ -126,7 +120,7 @@ Expression readExpression(const DbfBase* h, std::string_view rest) {
             }
         }
         if (outside && !isWordByte(c)) inWord = false;
-        addByte(e, c, outside && contains(kOperators, c));
+        addByte(e, c, outside && contains(kOperatorBytes, c));
         rest.remove_prefix(1);
     }
     return e;

@@ -21,7 +21,7 @@ struct ExpressionPart {
 };
 using ExpressionParts = std::span<const ExpressionPart>;
 
-/// Holds as long as the names and types of the fields do.
+/// Valid while the names and types of the fields are unchanged.
 struct Expression {
     std::vector<ExpressionPart> parts;
     int operatorPart = -1;  ///< it begins with the first operator character; -1: there is none
@@ -46,8 +46,9 @@ struct Arithmetic {
     std::vector<int> fields;
     std::size_t longest = 0;  ///< characters of the text at most, when all values are known
 };
-/// Unknown where values may run into what stands around them, or become too long. balanced says
-/// that CheckBrackets is applied to the text.
+/// Unknown where a value is no number or becomes too long, and where the text does not follow the
+/// grammar with numbers that stand for themselves: values may still join what stands around them.
+/// balanced says that CheckBrackets is applied to the text.
 Arithmetic prepareArithmetic(DbfBase*, ExpressionParts, bool balanced);
 
 enum class Outcome : u8 { Unknown, Fails, Value };

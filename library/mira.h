@@ -124,7 +124,7 @@ struct DbfBase {
     i32 FirstMemoField;               ///< first memo field, -1 when there is none
     u8 DeleteFlag;                    ///< the byte that ReadByte reads and WriteByte writes
     u8* RecordBuffer;  ///< the current record, 65535 bytes; byte 0 is the deletion flag; owned
-    char* TextBuffer;  ///< result of the field renderers, 65535 bytes; owned
+    char* TextBuffer;  ///< result of the field renderers, 65535 bytes; 16 more may be read; owned
     char* MemoBuffer;  ///< released by FreeMemo; owned
     u32* FilterIndex;  ///< records that pass the filter; null without a filter; owned
     u32 FilterCount;   ///< entries in FilterIndex
@@ -205,7 +205,8 @@ u64 Calc64(u32 recordLength, u32 record, u32 base);
 /// bytes each) and ext (10 bytes) are cut to what their buffers hold.
 void _splitpath(const char* path, char* drive, char* dir, char* name, char* ext);
 /// Builds the path of a file beside path: otherName when given, else path's name with ext (dot
-/// included). destination holds 260 bytes and becomes empty when the path does not fit.
+/// included). destination holds 260 bytes, may be path, and becomes empty when the path does not
+/// fit.
 void MakeExt(char* destination, const char* path, const char* ext, const char* otherName);
 ///@}
 
@@ -470,7 +471,7 @@ void SetInt(DbfBase*, int field, u32 value);
 void SetDouble(DbfBase*, int field, double value);
 /// Stores an 8-byte double in its ordered form.
 void SetInvertedDouble(DbfBase*, int field, double value);
-/// Stores value cut to four decimals.
+/// Stores value cut to four decimals, so that what GetCurrency gave comes back unchanged.
 void SetCurrency(DbfBase*, int field, double value);
 /// Stores value as text without decimals, rounded.
 void SetNumeric(DbfBase*, int field, double value);

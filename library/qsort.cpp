@@ -17,7 +17,7 @@ constexpr std::size_t kWaiting = 30;
 
 struct Part {
     char* low;  ///< first element
-    char* end;  ///< behind the last element
+    char* end;  ///< past the last element
     std::size_t bytes() const { return static_cast<std::size_t>(end - low); }
 };
 

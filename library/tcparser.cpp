@@ -396,7 +396,7 @@ bool prepareProgram(std::string_view text, Program* program) {
 
 bool runProgram(const Program& program, const double* numbers, double* value) {
     double stack[kStackSize];
-    double* top = stack;  // behind the top entry
+    double* top = stack;  // past the top entry
     for (const Program::Step& s : program.steps) {
         if (s.operation == Operation::PushConstant) {
             *top++ = s.constant;

@@ -116,7 +116,7 @@ TEST(Write, BackupIsMadeOnceAndWhole) {
     const Table h = openLayout(folder, kMany), own = openLayout(folder, kMany, "own.bak");
     writeAll(h->BackupName, "older");
     const std::tuple<i32, rlim_t, std::string> copies[] = {
-        {0, 400000, "older"}, {1, 40000, ""}, {1, 400000, bytes}};
+        {0, 400000, "older"}, {1, 40000, "older"}, {1, 400000, bytes}};
     for (const auto& [enabled, room, copy] : copies) {
         overwrite(h->FileName, bytes);
         const FileSizeLimit limit(room);
@@ -126,6 +126,22 @@ TEST(Write, BackupIsMadeOnceAndWhole) {
         EXPECT_TRUE(readAll(h->BackupName) == copy) << room;
         EXPECT_EQ(h->BackupDone, copy == bytes);
     }
+    std::filesystem::remove(h->BackupName);
+    std::filesystem::create_directory(h->BackupName);
+    EXPECT_EQ(MakeBakFile(h.get(), 1), 1);
+    EXPECT_EQ(h->BackupDone, 0) << "a directory stays";
+    std::filesystem::remove(h->BackupName);
+    std::filesystem::create_hard_link(h->FileName, h->BackupName);
+    EXPECT_EQ(MakeBakFile(h.get(), 1), 0) << "the table by another name";
+    std::filesystem::remove(h->BackupName);
+    const std::string now = readAll(h->FileName);
+    writeAll(folder.file("t.~a0"), now.substr(0, 40000));  // what a killed copy has left
+    writeAll(folder.file("t.~a1"), "another's");
+    EXPECT_EQ(MakeBakFile(h.get(), 1), 1);
+    EXPECT_EQ(h->BackupDone, 1);
+    EXPECT_TRUE(readAll(h->BackupName) == now);
+    EXPECT_EQ(readAll(folder.file("t.~a1")), "another's");
+    EXPECT_FALSE(std::filesystem::exists(folder.file("t.~a0")));
     EXPECT_EQ(MakeBakFile(own.get(), 1), 0) << "is its own backup";
     EXPECT_TRUE(readAll(own->FileName) == bytes);
 }

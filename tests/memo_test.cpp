@@ -152,5 +152,34 @@ TEST(Memo, ReferencesInTheRecord) {
     EXPECT_EQ(h->MemoBuffer, nullptr);
 }
 
+TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
+    // The table, what lies beside it, and what is taken for its memo file.
+    const std::vector<std::string> folders[] = {
+        {"f.scx", "f.sct", "", "f.sct"},      {"F.FRX", "F.FRT", "", "F.FRT"},
+        {"f.VcX", "f.Vct", "", "f.Vct"},      {"f.lbx", "f.LBT", "f.lbT", "f.fpt"},
+        {"f.mnx", "f.mnt", "F.fpT", "F.fpT"}, {"f.pjx", "f.pjt", "f.Fpt", "f.Fpt"},
+        {"f.dbf", "f.dbt", "", "f.fpt"}};
+    for (const auto& names : folders) {
+        const Folder folder;
+        for (const std::string& name : {names[1], names[2]})
+            if (!name.empty()) writeAll(folder.file(name), "");
+        const Table h = openLayout(folder, {0x30, {{"NOTE", 'M', 4}}}, names[0]);
+        EXPECT_EQ(h->MemoFileName, folder.file(names[3])) << names[0];
+    }
+}
+
+TEST(Memo, EveryReadReleasesTheLastText) {
+    const TempDir dir;
+    const Table h = openTable(dir, 0x83);
+    for (const i32 field : {0, 1}) {  // no memo file, no field
+        for (const bool text : {true, false}) {
+            h->MemoBuffer = strdup("last");
+            EXPECT_EQ(text ? GetMemo(h.get(), field) : GetMemoBuf(h.get(), field, nullptr),
+                      nullptr);
+            EXPECT_EQ(h->MemoBuffer, nullptr);
+        }
+    }
+}
+
 }  // namespace
 }  // namespace test

@@ -22,6 +22,8 @@ TEST(Meta, Paths) {
     }
     MakeExt(made, "x/t.dbf", ".bak", nullptr);
     EXPECT_STREQ(made, "x/t.bak");
+    _splitpath(made, drive, dir, made, ext);
+    EXPECT_EQ(std::string(dir) + "|" + made + "|" + ext, "x/|t|.bak") << "in place";
     MakeExt(made, "x/t.dbf", ".bak", "other.hdr");
     EXPECT_STREQ(made, "x/other.hdr");
     MakeExt(made, longPath.c_str(), ".bak", nullptr);
@@ -55,6 +57,24 @@ TEST(Meta, AliasFileHoldsOneHeadingPerField) {
         ReadAlias(h.get());
         EXPECT_EQ(GetHeader(h.get(), 0), heading);
         EXPECT_EQ(GetLenHeader(h.get(), 0), static_cast<int>(heading.size()));
+    }
+}
+
+TEST(Meta, AnAliasFileIsNoFileThatIsNeeded) {
+    const TempDir dir;
+    const Table h = openLayout(dir, {0x83, {{"M", 'M', 10}}, {}});
+    CreateMemoFile(h->FileName, 0, 0);
+    SetAliasName(h.get(), "t.bak");
+    WriteAlias(h.get());
+    EXPECT_FALSE(std::filesystem::exists(h->BackupName)) << "there is none yet";
+    MakeBakFile(h.get(), 1);
+    std::filesystem::create_hard_link(h->FileName, dir.file("link"));
+    std::filesystem::create_symlink("t.dbt", dir.file("symbolic"));
+    for (const char* name : {"./t.dbf", "link", "symbolic", "./t.dbt", "./t.bak"}) {
+        SetAliasName(h.get(), name);
+        WriteAlias(h.get());
+        EXPECT_EQ(readAll(h->FileName).size() + readAll(h->BackupName).size(), 2u * 66) << name;
+        EXPECT_EQ(readAll(h->MemoFileName).size(), 512u) << name;
     }
 }
 

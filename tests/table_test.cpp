@@ -71,13 +71,59 @@ TEST(Format, LengthsTypesAndEndsOfTheList) {
     EXPECT_FALSE(openLayout(folder, {0x03, {{"A", 'C', 255, 255}, {"B", 'C', 1}}}))
         << "fits no record buffer";
 
-    Layout layout{0x03, {{"A", 'C', 3}, {"B", 'C', 2}}, kTwo.records};
-    const Table damaged = open(layout, 96, "\n");
-    ASSERT_TRUE(damaged) << "all but the terminator agrees";
-    EXPECT_EQ(damaged->FieldCount, 2);
+    Layout layout{0x03, {}};
     layout.columns.assign(2500, {"F", 'L', 1});
     EXPECT_EQ(open(layout, 8, le(65535, 2))->FieldCount, 2047);
     EXPECT_EQ(open(layout, 8, le(32 + 64 + 1, 2))->FieldCount, 4) << "ends after the header length";
+}
+
+/// Where the field list of a table of three fields should end, something else.
+struct BadEnd {
+    const char* name;
+    bool level7;
+    unsigned backLink;  ///< bytes that the header has after the terminator
+    int at;             ///< where bytes are replaced, counted from the terminator
+    std::string bytes;
+    int headerChange;
+
+    std::string table() const {
+        Layout layout{
+            0x30, {{"A", 'C', 5}, {"B", 'N', 6, 2}, {"D", 'D', 8}}, {}, level7 ? kLevel7 : kPlain};
+        layout.records.assign(4, " Anna   1.5020240229");
+        std::string out = layout.bytes();
+        const std::size_t end = load(out, 8, 2) - 1;
+        out.insert(end + 1, backLink, 0);
+        out.replace(8, 2, le(end + 1 + backLink + static_cast<unsigned>(headerChange), 2));
+        out.erase(end, headerChange == 0 ? 0 : 1);
+        return out.replace(end + static_cast<std::size_t>(at), bytes.size(), bytes);
+    }
+};
+
+TEST(Format, ListsWithoutASoundTerminatorEndWithTheHeader) {
+    const BadEnd cases[] = {{"sound", false, 263, 0, "", 0},
+                            {"overwritten", false, 0, 0, "\n", 0},
+                            {"missing", false, 0, 0, "", -1},
+                            {"in the place of a name", false, 0, -64, "\r", 0},
+                            {"inside a name", false, 0, -63, "\r", 0},
+                            {"before a back link", false, 263, 0, "\n", 0},
+                            {"before the path of a database", false, 263, 0, "\nstock.dbc", 0},
+                            {"level 7", true, 0, 0, "x", 0}};
+    const TempDir dir;
+    for (const BadEnd& c : cases) {
+        for (const std::size_t left : {0u, 1u}) {  // without the end byte, too
+            const std::string bytes = c.table();
+            const Table h = openBytes(dir, bytes.substr(0, bytes.size() - left));
+            ASSERT_TRUE(h && h->FieldCount == 3 && h->Status == 0) << c.name;
+            EXPECT_TRUE(ReadRecord(h.get(), 3)) << c.name;
+            EXPECT_EQ(GetStr(h.get(), 2), "20240229"s) << c.name;
+        }
+    }
+    // Where the header does not fit the file the list goes on into the records.
+    for (const std::size_t place : {4u, 8u, 10u}) {  // record count, header and record length
+        std::string bytes = cases[1].table();
+        --bytes[place];
+        EXPECT_EQ(openBytes(dir, bytes)->FieldCount, 5) << place;
+    }
 }
 
 TEST(Opening, DefaultsAndClosing) {

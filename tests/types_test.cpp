@@ -1,6 +1,7 @@
 // Field types: what is asked about each, shown and stored; the readers and writers of one type.
 #include <cmath>
 #include <cstring>
+#include <random>
 
 #include "cases.h"
 
@@ -159,6 +160,29 @@ TEST(Types, IntegersAndMomentsOfLevel7) {
     EXPECT_EQ(moment.bytes(), "\x42\xCC\x41\x8B\xA9\x9A\0\0"s);
 }
 
+TEST(Numbers, CurrencyComesBackUnchanged) {
+    OneField from({"Y", "8", "0"}), to({"Y", "8", "0"});
+    std::mt19937_64 random(13);
+    constexpr i64 exact = i64{10000} << 39;  // beyond, some share a double with others
+    for (i64 i = -200000; i < 800000; ++i) {
+        const int shift = static_cast<int>(random() % 64);
+        const i64 k = i % 2 == 0 ? i : i % 3 != 0 ? static_cast<i64>(random()) >> shift : exact + i;
+        from.put(le(static_cast<u64>(k), 8));
+        const double value = GetCurrency(from.h.get(), 0);
+        SetCurrency(to.h.get(), 0, value);
+        ASSERT_EQ(GetCurrency(to.h.get(), 0), value);
+        ASSERT_TRUE(from.bytes() == to.bytes() || k > exact || k < -exact) << k;
+    }
+    // Four units of the last place count, a fifth does not.
+    for (const auto& [units, stored] : {std::pair{4, 45600u}, {5, 45599u}}) {
+        double value = 4.56;
+        while ((45600 - value * 10000) * (1 << 20) * (1 << 17) < units)
+            value = std::nextafter(value, 0);
+        SetCurrency(to.h.get(), 0, value);
+        EXPECT_EQ(to.bytes(), le(stored, 8)) << units;
+    }
+}
+
 TEST(Dates, FormatsAndLimits) {
     OneField d({"D", "8", "0"}), t({"T", "14", "0"}), binary({"T", "8", "0"});
     DbfBase* const h = d.h.get();
@@ -190,6 +214,10 @@ TEST(Dates, FormatsAndLimits) {
                                         {5373484, 0}, {5373485, -1}, {0x80000000, -1}};
     for (const auto& [day, valid] : days)
         EXPECT_EQ(GetDateTime(binary.put(le(day, 8)), 0), valid) << day;
+    for (const i32 day : {1721059, 0, -400000000, -2147483647 - 1}) {
+        const std::tm early = GetDT(binary.put(le(static_cast<u32>(day), 8)), 0);
+        EXPECT_EQ(early.tm_mday, std::max(i64{day} - 1721059, -(i64{1} << 31)));
+    }
     std::tm time = GetDT(binary.put(le(5373484, 8)), 0);
     EXPECT_EQ(time.tm_year, 9999);
     EXPECT_EQ(mymktime(&time), 0);

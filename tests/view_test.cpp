@@ -2,6 +2,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <numeric>
 #include <random>
@@ -195,8 +196,8 @@ TEST(Sort, KeysAsTheyAreBuilt) {
     for (const auto& [column, bytes, key] : keys) {
         const Table h = openLayout(folder, {0x03, {column}, {' ' + bytes}});
         std::string built(65536, 'x');
-        u32 fields[] = {0, 1, 0};  // the second has no value
-        h->SortKeyCount = 3;
+        u32 fields[] = {0, 1, static_cast<u32>(-1), 0};  // two without a value
+        h->SortKeyCount = 4;
         h->SortKeyFields = fields;
         h->DateFormat = h->TrimMode = 3;
         ReadRecord(h.get(), 0);
@@ -209,6 +210,54 @@ TEST(Sort, KeysAsTheyAreBuilt) {
     const Table h = openLayout(folder, wide);
     EXPECT_EQ(SortBase(h.get(), "A A", nullptr), 1);
     EXPECT_EQ((Order{h->SortOrder, h->SortOrder + 4}), (Order{1, 2, 3, 0}));
+}
+
+TEST(Sort, NegativeNumbersByValue) {
+    const TempDir dir;
+    const Column columns[] = {{"A", 'I', 4}, {"A", '+', 4},     {"A", 'Y', 8},    {"A", 'B', 8, 3},
+                              {"A", 'O', 8}, {"A", 'B', 8, 19}, {"A", 'F', 12, 1}};
+    for (const Column& column : columns) {
+        const Table h = openLayout(dir, {0x30, {column}, {}});
+        for (const double v :
+             {0.0, -12.0, -2e9, 3.0, -1.0, -3e8, -999999999.0, -1e9, -12.5, -1.25, -7e15, -9e99,
+              -2.5e12, 9.0, -1e12, -8e70, -300.0, -2147483648.0, -8e99}) {
+            SetValue(h.get(), 0, "", v);
+            AppendBlank(h.get(), 0);
+        }
+        SortBase(h.get(), "A", nullptr);
+        double previous = -HUGE_VAL;
+        for (u32 position = 0; position < reccount(h.get()); ++position) {
+            ReadRecord(h.get(), position);
+            EXPECT_LE(previous, GetValue(h.get(), 0)) << column.type;
+            previous = GetValue(h.get(), 0);
+        }
+    }
+}
+
+TEST(Sort, CallbacksMayChangeTheView) {
+    const Layout people{
+        0x03,
+        {{"NAME", 'C', 4}, {"AGE", 'N', 6, 2}},
+        {" bob  -5.00", " Ann   3.00", " bob -10.00", " BOB   0.00", " Ann  -7.00"}};
+    static DbfBase* h;
+    static int round;
+    const TempDir dir;
+    for (round = 0; round < 4; ++round) {
+        const Table table = openLayout(dir, people);
+        h = table.get();
+        const StopCallback change = [] {
+            if (h->SortCallback == nullptr || round == 3) return 0;
+            h->SortCallback = nullptr;
+            if (round == 0) SortBase(h, "AGE", nullptr);
+            if (round == 1) set_filter(h, "AGE>0", nullptr);
+            if (round == 2) AppendBlank(h, 1);
+            return 0;
+        };
+        EXPECT_EQ(SortBase(h, "NAME", change), 1);
+        EXPECT_EQ(reccount(h), std::vector<u32>({5, 1, 6, 5})[static_cast<u32>(round)]);
+        for (u32 position = 0; position < reccount(h); ++position)
+            EXPECT_TRUE(ReadRecord(h, position)) << round;
+    }
 }
 
 TEST(Sort, ElementsOfAnyWidth) {

@@ -170,16 +170,16 @@ std::size_t literalLength(const Table& table, const std::string& translated) {
     return length;
 }
 
+/// Whether the library compares the stored characters.
 bool isTextColumn(const Column& column) {
-    return column.kind == Kind::Text || column.kind == Kind::Varchar ||
-           column.kind == Kind::Varbinary || column.kind == Kind::Bytes;
+    return column.type == 'C' || column.type == 'V' || column.type == 'Q';
 }
 
 /// A blank left of the operator, or behind one that does not search inside texts, is hardly meant.
 void noteBlanks(const Column& column, std::string_view condition, std::size_t place,
                 std::string_view right) {
     constexpr std::string_view kSearching = "~^";
-    if (!isTextColumn(column) && column.kind != Kind::Logical && column.kind != Kind::Date) return;
+    if (!isTextColumn(column) && column.type != 'L' && column.type != 'D') return;
     const std::string_view left = condition.substr(0, place);
     const bool searching = kSearching.find(condition[place]) != std::string_view::npos;
     if (left == trimmed(left) && (searching || !right.starts_with(' '))) return;
@@ -192,7 +192,7 @@ std::string plainMoment(const Column& column, std::string right) {
     const auto fits = [](char c, char pattern) {
         return pattern == 'd' ? c >= '0' && c <= '9' : c == pattern;
     };
-    if (column.kind != Kind::Date && column.kind != Kind::Moment) return right;
+    if (column.type != 'D' && column.type != 'T' && column.type != '@') return right;
     if (right.size() < kShown.size() ||
         !std::equal(kShown.begin(), kShown.end(), right.begin(),
                     [&](char pattern, char c) { return fits(c, pattern); })) {
@@ -222,8 +222,7 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
 
     std::string translated = forLibrary(table, right);
     const std::size_t literal = literalLength(table, translated);
-    if (exact && column.kind == Kind::Text && literal != std::string::npos &&
-        literal < column.length) {
+    if (exact && column.type == 'C' && literal != std::string::npos && literal < column.length) {
         translated.append(column.length - literal, ' ');
     }
     if (isTextColumn(column) && column.length + translated.size() + 2 > kConditionLength) {

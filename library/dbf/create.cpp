@@ -121,7 +121,7 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
     if (!image) return 0;
     encodeTable(complete.get(), total, layout, flavour, image.get());
 
-    OwnedFile file(openUnbuffered(path, "wb+"));
+    OwnedFile file(openEmptied(path, {}));
     if (!file) return 0;
     std::copy_n(complete.get(), total, fields);
     bool written = writeExact(file.get(), image.get(), static_cast<u32>(layout.headerLength));

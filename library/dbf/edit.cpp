@@ -11,6 +11,7 @@
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
+#include "memo/memo.h"
 
 namespace mira {
 
@@ -48,7 +49,7 @@ public:
     /// The first record number, not below another one, that the file does not hold.
     u32 spare(u32 atLeast) const { return std::max(atLeast, recordsInFile(h_, size_)); }
 
-    /// Cuts off what moving has copied behind count records.
+    /// Cuts off what moving has copied past count records.
     bool cutSpare(u32 count) {
         return !move.usedSpare() || cutAt(h_, std::max(size_, offsetOf(h_, count)));
     }
@@ -86,6 +87,12 @@ private:
     u32 tailLength_ = 0;
 };
 
+/// The header of one record less, then the cut, which takes the copy of the removed record with it.
+bool finishDelete(DbfBase* h, u32 count) {
+    h->Header.RecordCount = count;
+    return WriteHeader(h) != 0 && cutAt(h, offsetOf(h, count) + 1);
+}
+
 }  // namespace
 
 int DeleteRecord(DbfBase* h, u32 position) {
@@ -106,7 +113,7 @@ int InverseRecord(DbfBase* h, u32 position) {
 }
 
 int Truncate(DbfBase* h, u32 count) {
-    if (hasView(h) || h->Reverse != 0 || isClosed(h)) return 0;
+    if (hasView(h) || h->Reverse != 0 || isClosed(h) || isPackUnfinished(h)) return 0;
     backUp(h);
     if (InternalSeekRecord(h, count) == 0) return 0;
     if (!cutAt(h, offsetOf(h, count))) return 0;
@@ -118,20 +125,22 @@ int Zap(DbfBase* h) { return Truncate(h, 0); }
 
 int Delete(DbfBase* h, u32 record) {
     const u32 count = h->Header.RecordCount;
-    if (hasView(h) || h->Reverse != 0 || record >= count) return 0;
+    if (hasView(h) || h->Reverse != 0 || record >= count || isPackUnfinished(h)) return 0;
     backUp(h);
     Edit edit(h, count - record);
     const Block<u8> removed = allocate<u8>(h->Header.RecordLength);
     if (!removed || !edit.begin() || !edit.move.read(record, removed.get())) return 0;
-    // The record stays on the disk until the edit is done, unless there is no room for it.
     const u32 spare = edit.spare(count);
-    if (record + 1 < count) edit.move.write(spare, removed.get());
-    const Moved down = edit.move.down(record + 1, count);
-    if (down.state == MoveState::Done && Truncate(h, count - 1) != 0) return 1;
+    // The record stays on the disk until the edit is done, unless there is no room for one more.
+    Moved down{record + 1, MoveState::Failed};
+    if (edit.move.write(spare, removed.get()) || edit.move.write(record, removed.get())) {
+        down = edit.move.down(record + 1, count);
+    }
+    if (down.state == MoveState::Done && finishDelete(h, count - 1)) return 1;
     if (down.state == MoveState::Stuck ||
         edit.move.up(record, down.reached - 1, spare + 1).state != MoveState::Done ||
         !edit.move.write(record, removed.get()) || !edit.putBack()) {
-        edit.stop(count);
+        edit.stop(spare + 1);
     }
     return 0;
 }
@@ -139,13 +148,14 @@ int Delete(DbfBase* h, u32 record) {
 int Insert(DbfBase* h, u32 position, char blank) {
     const u32 count = h->Header.RecordCount;
     if (hasView(h) || position > count || (h->Reverse != 0 && position == count)) return 0;
-    if (!isWithinReach(h, count)) return 0;
+    if (!isWithinReach(h, count) || isPackUnfinished(h)) return 0;
     backUp(h);
     const u32 record = h->Reverse != 0 ? count - 1 - position : position;
     Edit edit(h, count - record);
     if (!edit.begin()) return 0;
     const Moved up = edit.move.up(record, count, edit.spare(count + 1));
-    if (up.state == MoveState::Done && edit.cutSpare(count + 1)) {
+    const bool cut = up.state != MoveState::Stuck && edit.cutSpare(count + 1);
+    if (up.state == MoveState::Done && cut) {
         // From here on a hook that appends comes after the last record.
         h->Header.RecordCount = count + 1;
         if (blank != 0) ClearRecord(h);

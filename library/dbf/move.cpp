@@ -4,7 +4,7 @@
 //         size may be torn.
 //   up    The other way round: a torn chunk has overwritten up to a record's length of bytes that
 //         are not yet at their new place. One record at a time does not overlap itself. More at a
-//         time are copied behind the end of the table beforehand, or it is one at a time where
+//         time are copied past the end of the table beforehand, or it is one at a time where
 //         there is no room.
 #include "dbf/move.h"
 

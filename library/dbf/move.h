@@ -27,7 +27,7 @@ public:
     Mover(DbfBase*, u32 records);
 
     bool ready() const { return buffer_ != nullptr; }
-    /// Whether anything was copied behind the end of the table.
+    /// Whether anything was copied past the end of the table.
     bool usedSpare() const { return usedSpare_; }
 
     /// Moves the records from first to end - 1 one place towards the beginning.

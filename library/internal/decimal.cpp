@@ -2,6 +2,7 @@
 #include "internal/decimal.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -18,30 +19,15 @@ constexpr unsigned kMantissaBits = 52;
 constexpr unsigned kExponentBias = 1075;  // of the mantissa taken as an integer
 constexpr unsigned kExactDecimals = 19;   // 10^19 is the largest power of ten in 64 bits
 
-constexpr u64 kPowersOfTen[kExactDecimals + 1] = {1ULL,
-                                                  10ULL,
-                                                  100ULL,
-                                                  1000ULL,
-                                                  10000ULL,
-                                                  100000ULL,
-                                                  1000000ULL,
-                                                  10000000ULL,
-                                                  100000000ULL,
-                                                  1000000000ULL,
-                                                  10000000000ULL,
-                                                  100000000000ULL,
-                                                  1000000000000ULL,
-                                                  10000000000000ULL,
-                                                  100000000000000ULL,
-                                                  1000000000000000ULL,
-                                                  10000000000000000ULL,
-                                                  100000000000000000ULL,
-                                                  1000000000000000000ULL,
-                                                  10000000000000000000ULL};
+constexpr std::array<u64, kExactDecimals + 1> kPowersOfTen = [] {
+    std::array<u64, kExactDecimals + 1> powers{1};
+    for (std::size_t i = 1; i < powers.size(); ++i) powers[i] = powers[i - 1] * 10;
+    return powers;
+}();
 
 bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-/// Right-aligns body behind blanks.
+/// Right-aligns body after blanks.
 std::size_t alignRight(char* to, std::string_view body, unsigned width) {
     const std::size_t pad = body.size() < width ? width - body.size() : 0;
     std::memset(to, ' ', pad);
@@ -113,10 +99,6 @@ u64 putDigits(char* end, u64 value, unsigned count) {
 
 double readDecimal(std::string_view text) {
     const char* const end = text.data() + text.size();
-    const StoredDecimal number = scanDecimal(text);
-    if ((number.end == end || *number.end == ' ') && isExact(number)) {
-        return number.whole + number.decimals != 0 ? exactValue(number) : 0.0;
-    }
     const char* at = text.data();
     while (at != end && isSpace(*at)) ++at;
     const char* start = at;
@@ -142,7 +124,8 @@ std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, 
     const unsigned digits = std::max(countDigits(magnitude), decimals + 1);
     const unsigned length = (negative ? 1 : 0) + digits + (decimals != 0 ? 1 : 0);
     const unsigned pad = width > length ? width - length : 0;
-    std::memset(to, ' ', pad);
+    constexpr unsigned usual = 24;  // a fixed size takes no call; what is too much is overwritten
+    std::memset(to, ' ', pad <= usual ? usual : pad);
     char* const end = to + pad + length;
     *end = 0;
     if (negative) to[pad] = '-';
@@ -154,6 +137,14 @@ std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, 
         putDigits(end, magnitude, digits);
     }
     return pad + length;
+}
+
+std::size_t printAnew(char* to, std::string_view text, unsigned width, unsigned decimals) {
+    const StoredDecimal d = scanDecimal(text);
+    if (!isWhole(d, text) || d.decimals > decimals || d.whole + decimals > kExactDigits) return 0;
+    const bool negative = d.negative && d.whole + d.decimals != 0;
+    return printScaled(to, negative, d.digits * kPowersOfTen[decimals - d.decimals], width,
+                       decimals);
 }
 
 std::size_t printInteger(char* to, i32 value, unsigned width) {

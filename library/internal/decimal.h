@@ -13,13 +13,13 @@ namespace mira {
 /// A decimal as fields store it: blanks, a minus sign, digits with a point before, among or after
 /// them. Anything may be missing.
 struct StoredDecimal {
-    const char* first;         ///< after blanks and sign
-    const char* end;           ///< after the last byte that belongs to the number
-    u64 digits = 0;            ///< all of them as one integer; wraps beyond 19
-    std::size_t whole = 0;     ///< digits before the point
-    std::size_t decimals = 0;  ///< digits after it
-    bool negative = false;
-    bool point = false;
+    const char* first;     ///< after blanks and sign
+    const char* end;       ///< after the last byte that belongs to the number
+    u64 digits;            ///< all of them as one integer; wraps beyond 19
+    std::size_t whole;     ///< digits before the point
+    std::size_t decimals;  ///< digits after it
+    bool negative;
+    bool point;
 };
 inline StoredDecimal scanDecimal(std::string_view text) {
     const char* at = text.data();
@@ -27,19 +27,17 @@ inline StoredDecimal scanDecimal(std::string_view text) {
     while (at != end && *at == ' ') ++at;
     const bool negative = at != end && *at == '-';
     if (negative) ++at;
-    StoredDecimal d{.first = at, .end = at, .negative = negative};
-    for (; at != end && isDigit(*at); ++at) d.digits = d.digits * 10 + static_cast<u64>(*at - '0');
-    d.whole = static_cast<std::size_t>(at - d.first);
-    if (at != end && *at == '.') {
-        d.point = true;
-        const char* const decimals = ++at;
-        for (; at != end && isDigit(*at); ++at) {
-            d.digits = d.digits * 10 + static_cast<u64>(*at - '0');
-        }
-        d.decimals = static_cast<std::size_t>(at - decimals);
+    const char* const first = at;
+    u64 digits = 0;
+    for (; at != end && isDigit(*at); ++at) digits = digits * 10 + static_cast<u8>(*at - '0');
+    const auto whole = static_cast<std::size_t>(at - first);
+    const bool point = at != end && *at == '.';
+    if (point) ++at;
+    const char* const decimals = at;
+    if (point) {
+        for (; at != end && isDigit(*at); ++at) digits = digits * 10 + static_cast<u8>(*at - '0');
     }
-    d.end = at;
-    return d;
+    return {first, at, digits, whole, static_cast<std::size_t>(at - decimals), negative, point};
 }
 
 /// A decimal of up to this many digits comes back from a double unchanged.
@@ -51,13 +49,23 @@ inline bool isExact(const StoredDecimal& d) {
     return d.whole + d.decimals <= kExactDigits || (d.decimals == 0 && d.whole <= 18);
 }
 inline double exactValue(const StoredDecimal& d) {
-    constexpr double powersOfTen[kExactDigits + 1] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                                      1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
-    const double value = static_cast<double>(static_cast<i64>(d.digits)) / powersOfTen[d.decimals];
+    static constexpr double powersOfTen[kExactDigits + 1] = {
+        1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+    double value = static_cast<double>(static_cast<i64>(d.digits));
+    if (d.decimals != 0) value /= powersOfTen[d.decimals];
     return d.negative ? -value : value;
 }
 
-/// atof of a text that ends where the view ends.
+/// Whether a decimal is all of a text but for blanks after it. (A number with an exponent, say, is
+/// not.)
+inline bool isWhole(const StoredDecimal& d, std::string_view text) {
+    const char* at = d.end;
+    const char* const end = text.data() + text.size();
+    while (at != end && *at == ' ') ++at;
+    return at == end;
+}
+
+/// atof of a text that ends where the view ends, if not at a zero byte.
 double readDecimal(std::string_view text);
 
 /// printf("%*.*f", width, decimals, value) into to; returns the length of the text, which ends with
@@ -76,6 +84,10 @@ inline constexpr std::size_t kFixedTextSize = 640;
 
 /// magnitude / 10^decimals, exactly, as printFixed would print it; decimals up to 19.
 std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, unsigned decimals);
+
+/// printFixed of the value of a text, without the way through a double: for one decimal with blanks
+/// around it and, with the decimals to print, at most kExactDigits digits. 0 for any other text.
+std::size_t printAnew(char* to, std::string_view text, unsigned width, unsigned decimals);
 
 /// printf("%*d", width, value) likewise.
 std::size_t printInteger(char* to, i32 value, unsigned width);

@@ -4,10 +4,14 @@
 // The table file gets its read-ahead from dbf/table/ahead.cpp.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <memory>
+#include <optional>
 
 #include "mira.h"
 
@@ -35,9 +39,30 @@ Block<T> allocate(std::size_t count) {
 /// A malloc copy of a text; null for null or without memory.
 Block<char> copyText(const char* text);
 
-/// Opens with an fopen mode, unbuffered. Null on failure, and for what is no regular file: a
-/// directory holds no bytes, and reads from a FIFO or a terminal may never return.
-std::FILE* openUnbuffered(const char* path, const char* mode);
+/// What a file is under all its names: links, other spellings of the path.
+struct FileId {
+    dev_t device;
+    ino_t inode;
+    bool operator==(const FileId&) const = default;
+};
+/// Empty for null, and where there is no file. Symbolic links are followed.
+std::optional<FileId> fileId(std::FILE*);
+std::optional<FileId> fileId(const char* path);
+/// What a name itself stands for, which is what renaming replaces: a link, not the file it leads
+/// to.
+std::optional<FileId> nameId(const char* path);
+bool isSameFile(std::optional<FileId> a, std::optional<FileId> b);
+
+/// Opens with the flags of open(2) and the mode that fdopen gives them, unbuffered. Null on
+/// failure, and for what is no regular file: a directory holds no bytes, and reads from a FIFO or a
+/// terminal may never return. Never waits. *id tells what has been opened.
+std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileId* id = nullptr);
+/// The same for an open descriptor, which is closed on failure.
+std::FILE* openUnbuffered(int fd, const char* mode, FileId* id = nullptr);
+/// Open_File.
+std::FILE* openFile(const char* path, FileId* id);
+/// Creates a file, or opens one and empties it unless it is one of the files to keep.
+std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<FileId>> keep);
 
 /// Offsets and counts are signed 32-bit numbers: nothing beyond can be reached.
 inline constexpr u64 kReachable = 0x7FFFFFFF;

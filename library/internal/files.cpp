@@ -1,6 +1,9 @@
 // File access. Offsets are 32-bit: what lies 2^31 bytes or more into a file cannot be reached.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
@@ -10,6 +13,7 @@ namespace mira {
 namespace {
 
 constexpr u32 kNowhere = 0xFFFFFFFF;
+constexpr mode_t kEverybody = 0666;  // who may read and write a new file, less the umask
 
 constexpr std::size_t kCounters = 64;
 
@@ -30,18 +34,50 @@ Block<char> copyText(const char* text) {
     return copy;
 }
 
-std::FILE* openUnbuffered(const char* path, const char* mode) {
-    if (path == nullptr) return nullptr;
-    const auto isOther = [](const struct stat& info) { return !S_ISREG(info.st_mode); };
+std::optional<FileId> fileId(std::FILE* file) {
     struct stat info;
-    // Opening a FIFO in one direction waits for its other end, so that is looked at beforehand.
-    const bool oneWay = std::strchr(mode, '+') == nullptr;
-    if (oneWay && stat(path, &info) == 0 && isOther(info)) return nullptr;
-    OwnedFile file(std::fopen(path, mode));
-    if (!file) return nullptr;
-    if (!oneWay && fstat(fileno(file.get()), &info) == 0 && isOther(info)) return nullptr;
-    std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    return file.release();
+    if (file == nullptr || fstat(fileno(file), &info) != 0) return std::nullopt;
+    return FileId{info.st_dev, info.st_ino};
+}
+
+std::optional<FileId> fileId(const char* path) {
+    struct stat info;
+    if (path == nullptr || stat(path, &info) != 0) return std::nullopt;
+    return FileId{info.st_dev, info.st_ino};
+}
+
+std::optional<FileId> nameId(const char* path) {
+    struct stat info;
+    if (path == nullptr || lstat(path, &info) != 0) return std::nullopt;
+    return FileId{info.st_dev, info.st_ino};
+}
+
+bool isSameFile(std::optional<FileId> a, std::optional<FileId> b) { return a && a == b; }
+
+std::FILE* openUnbuffered(int fd, const char* mode, FileId* id) {
+    struct stat info;
+    const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    std::FILE* file = regular ? fdopen(fd, mode) : nullptr;
+    if (file == nullptr) {
+        close(fd);
+        return nullptr;
+    }
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    if (id != nullptr) *id = {info.st_dev, info.st_ino};
+    return file;
+}
+
+std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileId* id) {
+    if (path == nullptr) return nullptr;
+    const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY, kEverybody);
+    return fd >= 0 ? openUnbuffered(fd, mode, id) : nullptr;
+}
+
+std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<FileId>> keep) {
+    OwnedFile file(openUnbuffered(path, O_RDWR | O_CREAT, "rb+"));
+    const std::optional<FileId> opened = fileId(file.get());
+    if (!opened || std::find(keep.begin(), keep.end(), opened) != keep.end()) return nullptr;
+    return ftruncate(fileno(file.get()), 0) == 0 ? file.release() : nullptr;
 }
 
 bool seekTo(std::FILE* file, u64 offset) {
@@ -72,12 +108,14 @@ std::atomic<u64>& changesOf(std::FILE* file) {
     return counters[(u64{info.st_ino} + u64{info.st_dev}) % kCounters];
 }
 
-std::FILE* Open_File(const char* path) {
-    std::FILE* file = openUnbuffered(path, "rb+");
-    return file != nullptr ? file : openUnbuffered(path, "rb");
+std::FILE* openFile(const char* path, FileId* id) {
+    std::FILE* file = openUnbuffered(path, O_RDWR, "rb+", id);
+    return file != nullptr ? file : openUnbuffered(path, O_RDONLY, "rb", id);
 }
 
-std::FILE* Open_FileRO(const char* path) { return openUnbuffered(path, "rb"); }
+std::FILE* Open_File(const char* path) { return openFile(path, nullptr); }
+
+std::FILE* Open_FileRO(const char* path) { return openUnbuffered(path, O_RDONLY, "rb"); }
 
 u32 SetFilePointer(std::FILE* file, i32 offset, i32* /*high*/, int whence) {
     if (file == nullptr || std::fseek(file, offset, whence) != 0) return kNowhere;

@@ -1,4 +1,4 @@
-// Paths: the directory ends with the last slash, the extension starts at the last dot behind it.
+// Paths: the directory ends with the last slash, the extension starts at the last dot after it.
 #include "internal/paths.h"
 
 #include <cstring>

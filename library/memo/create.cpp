@@ -16,31 +16,34 @@ void storeUnit(const MemoFamily& family, u8* header, u32 unit) {
                      : storeLe16(to, static_cast<u16>(unit));
 }
 
-void buildHeader(const MemoFamily& family, u32 unit, u32 size, u8* header) {
+}  // namespace
+
+u32 memoHeaderSize(u32 blockSize) { return std::max(blockSize, kMemoHeaderMin); }
+
+void buildMemoHeader(const MemoFamily& family, u32 unit, u8* header) {
+    std::memset(header, 0, kMemoHeaderRead);
     if (family.unitPlace == 0) {
         // One unit, even when the caller's block size has made the header longer.
         storeMemo32(family, header, 1);
         return;
     }
-    storeMemo32(family, header, size / unit);
+    storeMemo32(family, header, memoHeaderSize(unit) / unit);
     storeUnit(family, header, unit);
     std::memcpy(header + family.signaturePlace, family.signature, family.signatureSize);
 }
 
-}  // namespace
-
 int CreateMemoFile(const char* tablePath, u32 kind, u32 blockSize) {
     if (blockSize > kUnitLimit) return 0;
     if (blockSize == 0) blockSize = kMemoHeaderMin;
-    const u32 size = std::max(blockSize, kMemoHeaderMin);
+    const u32 size = memoHeaderSize(blockSize);
     const Block<char> name(GetMemoName(tablePath, kind));
     const Block<u8> header = allocate<u8>(size);
-    if (!name || !header || std::strcmp(name.get(), tablePath) == 0) return 0;
+    if (!name || !header) return 0;
     std::memset(header.get(), 0, size);
     if (const MemoFamily* family = memoFamilyOfKind(kind)) {
-        buildHeader(*family, blockSize, size, header.get());
+        buildMemoHeader(*family, blockSize, header.get());
     }
-    OwnedFile file(openUnbuffered(name.get(), "wb+"));
+    OwnedFile file(openEmptied(name.get(), {fileId(tablePath)}));
     if (!file) return 0;
     const bool written = writeExact(file.get(), header.get(), size);
     return std::fclose(file.release()) == 0 && written ? 1 : 0;

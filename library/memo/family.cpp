@@ -156,6 +156,7 @@ u32 GetMemoType(DbfBase* h) {
     std::free(h->MemoFileName);
     h->MemoFileName = GetMemoName(h->FileName, kind);
     if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) lookForMemoFile(h);
+    noteUnfinishedPack(h);
     FreeMemo(h);
     return kind;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "dbf/table/flavour.h"
+#include "dbf/table/private.h"
 #include "dbf/value/reference.h"
 #include "internal/bytes.h"
 #include "internal/file.h"
@@ -64,7 +65,16 @@ bool readMemoUnit(std::FILE*, const MemoFamily&, u32* unit);
 MemoRead readMemo(std::FILE*, const MemoFamily&, u32 unit, MemoReference, u32 limit,
                   Block<char>* memo, u32* length);
 
+// create.cpp
+/// Bytes of a new memo file before its first memo, or up to a unit more.
+u32 memoHeaderSize(u32 blockSize);
+/// The first kMemoHeaderRead bytes of a new memo file, which all others of its header follow as
+/// zeros.
+void buildMemoHeader(const MemoFamily&, u32 unit, u8* header);
+
 // write.cpp
+/// The bytes before a memo's data; their number.
+u32 encodeMemoPrefix(const MemoFamily&, u32 length, u8* to);
 /// Appends a memo to a memo file at its start and advances the counter. The block; 0 on failure.
 u32 appendMemo(std::FILE*, const MemoFamily&, const char* bytes, u32 length);
 
@@ -82,27 +92,39 @@ inline u32 memoUnit(const MemoFamily& family, const u8* header) {
     return family.bigEndian ? loadBe16(from) : loadLe16(from);
 }
 
-/// False for a table that bears the name its memo file would have: it must not be taken for one.
-inline bool hasMemoName(const DbfBase* h) {
-    return h->MemoFileName != nullptr && std::strcmp(h->MemoFileName, h->FileName) != 0;
+/// Whether a file is the table itself, which then bears the name that its memo file would have.
+inline bool isTable(const DbfBase* h, FileId file) {
+    return file == (h->Private != nullptr ? h->Private->file : fileId(h->TableFile));
 }
 
-/// MemoFile, open for as long as this lives.
+// rebuild.cpp
+/// Whether a rebuild of the memo file has stopped before all records had their new references:
+/// until it is finished nobody can tell which memo a reference means, and records must keep their
+/// places.
+bool isPackUnfinished(DbfBase*);
+/// Looks whether it has, when the memo file has been named or Pack has failed.
+void noteUnfinishedPack(DbfBase*);
+
+/// MemoFile, open for as long as this lives; null also while a rebuild is unfinished.
 class OpenMemoFile {
 public:
     explicit OpenMemoFile(DbfBase* h) : handle_(h) {
-        h->MemoFile = hasMemoName(h) ? Open_File(h->MemoFileName) : nullptr;
+        FileId id{};
+        h->MemoFile = openFile(h->MemoFileName, &id);
+        if (isTable(h, id) || (isPackUnfinished(h) && !isPacking(h))) close();
     }
-    ~OpenMemoFile() {
-        if (handle_->MemoFile != nullptr) std::fclose(handle_->MemoFile);
-        handle_->MemoFile = nullptr;
-    }
+    ~OpenMemoFile() { close(); }
     OpenMemoFile(const OpenMemoFile&) = delete;
     OpenMemoFile& operator=(const OpenMemoFile&) = delete;
 
     explicit operator bool() const { return handle_->MemoFile != nullptr; }
 
 private:
+    void close() {
+        if (handle_->MemoFile != nullptr) std::fclose(handle_->MemoFile);
+        handle_->MemoFile = nullptr;
+    }
+
     DbfBase* handle_;
 };
 

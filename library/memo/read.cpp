@@ -40,7 +40,7 @@ MemoRead readToEnd(std::FILE* file, u32 limit, Block<char>* memo, u32* length) {
     return MemoRead::Found;
 }
 
-/// Length of the data behind a prefix; false when it begins no memo.
+/// Length of the data after a prefix; false when it is not a memo prefix.
 bool decodePrefix(const MemoFamily& family, const u8* prefix, u32* length) {
     if (std::memcmp(prefix, family.mark, family.markChecked) != 0) return false;
     const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
@@ -102,10 +102,35 @@ u32 blockUnit(DbfBase* h, const MemoFamily& family) {
     return unit;
 }
 
-/// The same with the memo file opened for the while.
+/// The same with the memo file opened for the duration.
 char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
     const OpenMemoFile open(h);
     return open ? getMemo(h, family, reference, length) : nullptr;
+}
+
+char* getFieldText(DbfBase* h, i32 field) {
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    // An SMT memo is no text: its length stands in the reference only.
+    if (family == nullptr || family == &kSmtMemo || if_memo_type(h, field) == 0) return nullptr;
+    const MemoReference reference = memoReference(h, field);
+    return reference.block != 0 ? getFieldMemo(h, *family, reference, nullptr) : nullptr;
+}
+
+char* getFieldBytes(DbfBase* h, i32 field, u32* length) {
+    const MemoFamily* family = memoFamily(h->Header.Version);
+    if (family == nullptr || if_memo_type(h, field) == 0) return nullptr;
+    const MemoReference reference = memoReference(h, field);
+    if (family == &kSmtMemo) {
+        if (length != nullptr) *length = reference.length;
+    } else if (reference.block == 0) {
+        return nullptr;
+    }
+    char* memo = getFieldMemo(h, *family, reference, length);
+    // A dBase III memo is text up to its first zero byte.
+    if (memo != nullptr && family == &kDBase3Memo && length != nullptr) {
+        *length = static_cast<u32>(std::strlen(memo));
+    }
+    return memo;
 }
 
 }  // namespace
@@ -151,30 +176,13 @@ void FreeMemo(DbfBase* h) {
 }
 
 char* GetMemo(DbfBase* h, i32 field) {
-    const MemoFamily* family = memoFamily(h->Header.Version);
-    // An SMT memo is no text: its length stands in the reference only.
-    if (family == nullptr || family == &kSmtMemo || if_memo_type(h, field) == 0) return nullptr;
-    const MemoReference reference = memoReference(h, field);
-    if (reference.block == 0) return nullptr;
-    char* memo = getFieldMemo(h, *family, reference, nullptr);
+    char* memo = getFieldText(h, field);
     FreeMemo(h);
     return memo;
 }
 
 char* GetMemoBuf(DbfBase* h, i32 field, u32* length) {
-    const MemoFamily* family = memoFamily(h->Header.Version);
-    if (family == nullptr || if_memo_type(h, field) == 0) return nullptr;
-    const MemoReference reference = memoReference(h, field);
-    if (family == &kSmtMemo) {
-        if (length != nullptr) *length = reference.length;
-    } else if (reference.block == 0) {
-        return nullptr;
-    }
-    char* memo = getFieldMemo(h, *family, reference, length);
-    // A dBase III memo is text up to its first zero byte.
-    if (memo != nullptr && family == &kDBase3Memo && length != nullptr) {
-        *length = static_cast<u32>(std::strlen(memo));
-    }
+    char* memo = getFieldBytes(h, field, length);
     FreeMemo(h);
     return memo;
 }

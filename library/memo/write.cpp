@@ -34,12 +34,8 @@ bool findPlace(std::FILE* file, const MemoFamily& family, u64 size, Place* place
 
 bool writeData(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
     u8 image[kMemoPrefixSize + kOneWrite + 1];
-    if (family.prefixSize != 0) {
-        std::memcpy(image, family.mark, sizeof family.mark);
-        storeMemo32(family, image + sizeof family.mark, length + family.lengthBias);
-    }
     const bool together = length <= kOneWrite;
-    u32 used = family.prefixSize;
+    u32 used = encodeMemoPrefix(family, length, image);
     if (together) {
         if (length != 0) std::memcpy(image + used, bytes, length);
         used += length;
@@ -64,6 +60,13 @@ u32 textLength(const char* text) {
 }
 
 }  // namespace
+
+u32 encodeMemoPrefix(const MemoFamily& family, u32 length, u8* to) {
+    if (family.prefixSize == 0) return 0;
+    std::memcpy(to, family.mark, sizeof family.mark);
+    storeMemo32(family, to + sizeof family.mark, length + family.lengthBias);
+    return family.prefixSize;
+}
 
 u32 appendMemo(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
     if (bytes == nullptr && length != 0) return 0;

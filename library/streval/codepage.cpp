@@ -13,28 +13,28 @@
 namespace mira {
 namespace {
 
-struct Block {
+struct Range {
     std::size_t oem, ansi, count;
 };
-constexpr Block kBlocks[] = {
+constexpr Range kRanges[] = {
     {0x00, 0x00, 0x80}, {0x80, 0xC0, 0x30}, {0xB0, 0x80, 0x30},
     {0xE0, 0xF0, 0x10}, {0xF0, 0xB0, 0x10},
 };
 
 using CodeTable = std::array<u8, 256>;
 
-constexpr CodeTable buildTable(std::size_t Block::*from, std::size_t Block::*to) {
+constexpr CodeTable buildTable(std::size_t Range::*from, std::size_t Range::*to) {
     CodeTable table{};
-    for (const Block& b : kBlocks) {
-        for (std::size_t i = 0; i < b.count; ++i) {
-            table[b.*from + i] = static_cast<u8>(b.*to + i);
+    for (const Range& r : kRanges) {
+        for (std::size_t i = 0; i < r.count; ++i) {
+            table[r.*from + i] = static_cast<u8>(r.*to + i);
         }
     }
     return table;
 }
 
-constexpr CodeTable buf_o2a = buildTable(&Block::oem, &Block::ansi);
-constexpr CodeTable buf_a2o = buildTable(&Block::ansi, &Block::oem);
+constexpr CodeTable buf_o2a = buildTable(&Range::oem, &Range::ansi);
+constexpr CodeTable buf_a2o = buildTable(&Range::ansi, &Range::oem);
 
 void translate(const CodeTable& table, const char* source, char* destination, u32 length) {
     for (u32 i = 0; i < length; ++i) {

@@ -11,8 +11,6 @@
 namespace mira {
 namespace {
 
-constexpr std::size_t kLongestDate = 10;  // a longer argument of DTOS has a time
-
 char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 char lower(char c) { return static_cast<char>(lowerAscii(c)); }
 
@@ -21,6 +19,7 @@ std::string_view textOf(const Piece& p) { return {p.begin, p.length}; }
 void dropFront(Piece& p, std::size_t count) {
     p.begin += count;
     p.length -= count;
+    p.room -= count;
     if (p.comma != kNoComma) p.comma -= count;
 }
 
@@ -44,7 +43,7 @@ i64 number(std::string_view text) {
     if (negative || text.starts_with('+')) text.remove_prefix(1);
     i64 value = 0;
     for (const char c : text) {
-        if (c < '0' || c > '9' || value >= limit) break;
+        if (!isDigit(c) || value >= limit) break;
         value = value * 10 + (c - '0');
     }
     return negative ? -std::min(value, limit) : std::min(value, limit - 1);
@@ -92,9 +91,9 @@ void strRight(Piece& p, const DbfBase* /*h*/) {
 
 void dateToText(Piece& p, const DbfBase* h) {
     const DateLayout& at = dateLayout(h != nullptr ? h->DateFormat : 0);
-    const bool timed = p.length > kLongestDate;
+    const bool timed = p.length > kDottedDate;
     if (p.length < (timed ? at.timeEnd : at.dateEnd)) return;
-    char digits[14];
+    char digits[kDateTimeDigits];
     std::memcpy(digits, p.begin + at.year, 4);
     std::memcpy(digits + 4, p.begin + at.month, 2);
     std::memcpy(digits + 6, p.begin + at.day, 2);
@@ -103,7 +102,7 @@ void dateToText(Piece& p, const DbfBase* h) {
         std::memcpy(digits + 10, p.begin + at.minute, 2);
         std::memcpy(digits + 12, p.begin + at.second, 2);
     }
-    p.length = timed ? 14 : 8;
+    p.length = timed ? kDateTimeDigits : kDateDigits;
     std::memcpy(p.begin, digits, p.length);
     p.comma = textOf(p).find(',');
 }
@@ -128,7 +127,7 @@ void capitalize(Piece& p, const DbfBase* /*h*/) {
 char* onWhole(char* argument, DbfBase* h, void (*apply)(Piece&, const DbfBase*)) {
     if (argument == nullptr) return nullptr;
     const std::string_view text(argument);
-    Piece p{argument, text.size(), text.find(',')};
+    Piece p{argument, text.size(), text.find(','), text.size()};
     apply(p, h);
     std::memmove(argument, p.begin, p.length);
     argument[p.length] = 0;
@@ -140,7 +139,7 @@ constexpr StringFunction row(const char* opener, void (*apply)(Piece&, const Dbf
     return {opener, std::string_view(opener).size(), apply, setsCase};
 }
 
-constexpr StringFunction kFunctions[] = {
+constexpr StringFunction kStringFunctions[] = {
     row("TRIM(", trimBoth),       row("LTRIM(", trimLeft),      row("RTRIM(", trimRight),
     row("SUBSTR(", subStr),       row("LEFT(", strLeft),        row("RIGHT(", strRight),
     row("DTOS(", dateToText),     row("SPACE(", unchanged),     row("REPLICATE(", unchanged),
@@ -150,7 +149,7 @@ constexpr StringFunction kFunctions[] = {
 }  // namespace
 
 const StringFunction* functionAt(const char* text) {
-    for (const StringFunction& f : kFunctions) {
+    for (const StringFunction& f : kStringFunctions) {
         if (upper(*text) == *f.opener && compareIgnoringCase(text, f.opener, f.length) == 0) {
             return &f;
         }

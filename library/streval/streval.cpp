@@ -5,7 +5,7 @@
 //                                   every open call ends
 //
 // One pass from left to right. Calls that have begun wait on a stack of frames, so a text cannot
-// drive the depth of recursion. Results are never longer than what they replace, so everything
+// drive the depth of recursion. Results take no more room than what has been read, so everything
 // happens in the caller's buffer, in time near its length:
 //   - A function works where its argument stands. What it drops at the front leaves a gap, which is
 //     closed by moving the shorter of the two sides.
@@ -33,7 +33,8 @@ struct Frame {
 struct Evaluation {
     char* text;
     const DbfBase* handle;
-    std::size_t end = 0;  // of the output
+    std::size_t read = 0;  // characters of the text
+    std::size_t end = 0;   // of the output
     Frame* top = nullptr;
     std::size_t caseSetters = 0;  // open calls that set letter case
 };
@@ -62,7 +63,7 @@ void join(Evaluation& e, Frame& outer, std::size_t outerEnd, std::size_t begin) 
 void endCall(Evaluation& e) {
     const Frame call = *e.top--;
     Frame& outer = *e.top;
-    Piece p{e.text + call.begin, e.end - call.begin, call.comma};
+    Piece p{e.text + call.begin, e.end - call.begin, call.comma, e.read - call.begin};
     if (call.function->setsCase) --e.caseSetters;
     if (!call.function->setsCase || e.caseSetters == 0) call.function->apply(p, e.handle);
     if (outer.comma == kNoComma && p.comma != kNoComma) {
@@ -102,14 +103,14 @@ char* StrEval(char* text, DbfBase* h) {
     if (calls == 0) return text;
     const Block<Frame> frames = allocate<Frame>(calls + 1);
     if (!frames) return text;
-    Evaluation e{text, h, 0, frames.get(), 0};
+    Evaluation e{.text = text, .handle = h, .top = frames.get()};
     *e.top = {nullptr, 0, 0, kNoComma, 0};
-    for (const char* from = text; *from != 0;) {
-        if (const StringFunction* function = functionAt(from)) {
+    while (text[e.read] != 0) {
+        if (const StringFunction* function = functionAt(text + e.read)) {
             beginCall(e, *function);
-            from += function->length;
+            e.read += function->length;
         } else {
-            takeByte(e, *from++);
+            takeByte(e, text[e.read++]);
         }
     }
     while (e.top != frames.get()) endCall(e);

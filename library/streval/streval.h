@@ -9,14 +9,16 @@ namespace mira {
 
 inline constexpr std::size_t kNoComma = static_cast<std::size_t>(-1);
 
-/// An argument and then the result in its place, without a terminator. A function narrows the
-/// piece and rewrites bytes inside it; it never makes it longer and moves nothing to its front.
+/// An argument and then the result in its place, without a terminator. A function may move begin
+/// to the right and use all of the room.
 struct Piece {
     char* begin;
     std::size_t length;
     std::size_t comma;  ///< place of the first comma in the piece, kNoComma when there is none
+    std::size_t room;   ///< characters from begin on: as many as the call has, or more
 };
 
+/// A new function is one of these in functions.cpp and its row there.
 struct StringFunction {
     const char* opener;  ///< name with its parenthesis
     std::size_t length;  ///< of the opener

@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "command/commands.h"
@@ -167,6 +168,17 @@ void workThrough(Work& work) {
     }
 }
 
+/// As many threads as can be had, this one included.
+void runThreads(Work& work, std::size_t threads) {
+    std::vector<std::jthread> others;
+    try {
+        while (others.size() + 1 < threads) others.emplace_back([&work] { workThrough(work); });
+    } catch (const std::system_error&) {
+        // The system has no more of them; those there are do all the work.
+    }
+    workThrough(work);
+}
+
 /// Throws a Refusal unless the folder is there afterwards; true when it was made.
 bool makeFolder(const std::string& folder) {
     std::error_code error;
@@ -221,10 +233,7 @@ void exportTexts(Work& work) {
     const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
         std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
-    std::vector<std::thread> others;
-    for (std::size_t i = 1; i < threads; ++i) others.emplace_back(workThrough, std::ref(work));
-    workThrough(work);
-    for (std::thread& thread : others) thread.join();
+    runThreads(work, threads);
     std::error_code ignored;
     if (made && work.done == 0) fs::remove(options.out, ignored);
     if (work.failure) std::rethrow_exception(work.failure);

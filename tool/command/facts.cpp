@@ -53,8 +53,7 @@ Facts factsOf(Table& table, bool withRecords) {
         if (!error) {
             facts.memoFile = base->MemoFileName;
             facts.memoSize = size;
-            const bool dBase3 = base->Header.Version == 0x03 || base->Header.Version == 0x83;
-            facts.memoUnit = dBase3 && base->Level7 == 0 ? 512 : GetBlockSize(base);
+            facts.memoUnit = hasDBase3Memos(table) ? 512 : GetBlockSize(base);
         }
     }
     facts.indexFiles = indexFilesBeside(table.path);

@@ -34,7 +34,7 @@ std::vector<std::string> rowOf(Table& table, const std::string& folder) {
             !facts.hasMemos          ? ""
             : facts.memoFile.empty() ? "missing"
                                      : std::to_string(facts.memoSize),
-            pageName(*table.page.page),
+            pageName(*table.page.page) + (table.page.uncertain ? " (" + table.page.from + ")" : ""),
             escaped(joined(facts.repairs))};
 }
 

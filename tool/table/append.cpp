@@ -90,9 +90,8 @@ void finishAppend(Table& table) {
 }
 
 bool takeBack(Table& table, u32 records) {
-    DbfBase* const base = table.base.get();
-    if (base->Header.RecordCount == records) return true;
-    return Truncate(base, records) != 0;
+    // Also where no record counts as appended: the end byte may be written over.
+    return Truncate(table.base.get(), records) != 0;
 }
 
 void stampDate(Table& table) {

@@ -1,6 +1,7 @@
-// A memo comes from the library, but those of dBase III are read here: the library ends them at
-// their first zero byte and after 65535 bytes. And where a memo reaches the end of its file, its
-// stored length is looked at again, for the library gives what the file holds.
+// A memo comes from the library, from a file that stays open between memos. Those of dBase III are
+// read here: the library ends them at their first zero byte and after 65535 bytes. And where a memo
+// reaches the end of its file, its stored length is looked at again, for the library gives what the
+// file holds.
 #include "table/memo.h"
 
 #include <algorithm>
@@ -21,11 +22,20 @@ constexpr u32 kPrefix = 8;
 constexpr u32 kChunk = 16384;
 
 bool isSmt(const Table& table) { return table.base->Header.Version == kSmt; }
-bool isDBase3(const Table& table) {
-    const u8 version = table.base->Header.Version;
-    return table.base->Level7 == 0 && (version == 0x03 || version == 0x83);
-}
 bool isFoxPro(const Table& table) { return table.visual || table.base->Header.Version == 0xF5; }
+bool isDBase4(const Table& table) {
+    const u8 version = table.base->Header.Version;
+    return version == 0x04 || version == 0x8B || version == 0x8C;
+}
+
+/// The memo of a block in MemoFile, by the table's format; null when there is none.
+char* memoOfBlock(const Table& table, MemoReference reference, u32* length) {
+    DbfBase* const base = table.base.get();
+    *length = reference.length;
+    if (isSmt(table)) return Get_SMTBuf(base, reference.block, length);
+    if (isFoxPro(table)) return Get_FoxProBuf(base, reference.block, length);
+    return isDBase4(table) ? Get_dBase4Buf(base, reference.block, length) : nullptr;
+}
 
 /// Opens the memo file once and takes its measures. False when there is none.
 bool measure(MemoReader& reader, const Table& table) {
@@ -35,7 +45,7 @@ bool measure(MemoReader& reader, const Table& table) {
             reader.file.reset(Open_FileRO(table.base->MemoFileName));
         }
         if (reader.file) {
-            reader.unit = isDBase3(table) ? kDBase3Unit : GetBlockSize(table.base.get());
+            reader.unit = hasDBase3Memos(table) ? kDBase3Unit : GetBlockSize(table.base.get());
             reader.size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);
         }
     }
@@ -82,6 +92,11 @@ u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {
     return ReadFile(file, to, static_cast<i32>(count));
 }
 
+bool hasDBase3Memos(const Table& table) {
+    const u8 version = table.base->Header.Version;
+    return version == 0x03 || version == 0x83;
+}
+
 bool holdsReference(const Column& column) {
     switch (column.type) {
         case 'M':
@@ -119,9 +134,12 @@ MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column
     if (!reference.isReference) return MemoResult::Failed;
     if (reference.block == 0 && reference.length == 0) return MemoResult::None;
     if (!measure(reader, table)) return MemoResult::Failed;
-    if (isDBase3(table)) return readDBase3(reader, u64{kDBase3Unit} * reference.block, bytes);
+    if (hasDBase3Memos(table)) return readDBase3(reader, u64{kDBase3Unit} * reference.block, bytes);
     u32 length = 0;
-    reader.memory.reset(GetMemoBuf(table.base.get(), column.field, &length));
+    SetFilePointer(reader.file.get(), 0, nullptr, SEEK_SET);  // a failure shows in the next read
+    table.base->MemoFile = reader.file.get();
+    reader.memory.reset(memoOfBlock(table, reference, &length));
+    table.base->MemoFile = nullptr;
     if (!reader.memory) return MemoResult::Failed;
     *bytes = {reader.memory.get(), length};
     return isCut(reader, table, reference, length) ? MemoResult::Cut : MemoResult::Found;

@@ -26,6 +26,8 @@ struct MemoReference {
     u32 block = 0;            // 0: no memo
     u32 length = 0;           // of an SMT memo
 };
+/// Whether memos end at a byte 1A, in blocks of 512.
+bool hasDBase3Memos(const Table& table);
 /// Whether the column is a memo field whose length can hold a reference.
 bool holdsReference(const Column& column);
 MemoReference memoReference(const Table& table, const Column& column);
@@ -34,7 +36,7 @@ enum class MemoResult : u8 { None, Found, Cut, Failed };
 
 /// The memo file and the memo read last.
 struct MemoReader {
-    File file{};  // open while dBase III memos are read, else by the library
+    File file{};
     u32 unit = 0;
     u64 size = 0;
     bool measured = false;

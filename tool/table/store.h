@@ -82,7 +82,8 @@ void newRecord(Table& table);
 void appendRecord(Table& table);
 /// Makes the appended records count: next values, date, record count, end byte. Throws a Refusal.
 void finishAppend(Table& table);
-/// Cuts the table back to a number of records after a failure; false when that fails, too.
+/// Cuts the table back to a number of records after a failure, what is left of a record behind them
+/// included; false when that fails, too.
 bool takeBack(Table& table, u32 records);
 /// Stamps today's date into the header, which otherwise stays as it is. Throws a Refusal.
 void stampDate(Table& table);

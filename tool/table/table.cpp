@@ -102,6 +102,12 @@ Kind kindOf(const Column& column) {
     return holdsReference(column) ? Kind::Blob : Kind::Bytes;
 }
 
+/// Values that are characters in the record, which can be shown as they are.
+bool isStoredText(const Column& column) {
+    return column.kind == Kind::Decimal || column.kind == Kind::Date ||
+           (column.kind == Kind::Moment && column.length != 8);
+}
+
 /// Pictures refer to memos as general fields do; the library takes only the letter of those.
 void makePictureMemo(DbfBase* base, const Column& column) {
     if (column.type != 'P' || column.kind != Kind::Blob) return;
@@ -145,6 +151,7 @@ Column columnOf(const Table& table, int field) {
     if (table.visual) readFlags(table, column);
     column.foreignMoment = isForeignMoment(table, column);
     column.kind = kindOf(column);
+    if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
     makePictureMemo(base, column);
     return column;
 }

@@ -20,7 +20,6 @@ constexpr i64 kFirstDay = 1721060;          // 0000-01-01
 constexpr i64 kLastDay = 5373484;           // 9999-12-31
 constexpr i64 kDayBeforeYear1 = 1721425;
 constexpr i64 kDayMilliseconds = 86400000;
-constexpr std::string_view kPadding(" \0", 2);
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isPadding(char c) { return c == ' ' || c == '\0'; }
@@ -371,12 +370,6 @@ void giveCalculated(CellReader& reader, const Column& column, Value& value) {
     value.text = digits;
 }
 
-/// Whether --raw shows the stored characters.
-bool isStoredText(const Column& column) {
-    return column.kind == Kind::Decimal || column.kind == Kind::Date ||
-           (column.kind == Kind::Moment && column.length != 8);
-}
-
 }  // namespace
 
 std::string_view storedBytes(const Table& table, const Column& column) {
@@ -401,9 +394,6 @@ void readCell(CellReader& reader, const Column& column, Value& value) {
     if (isNull(table, column)) {
         value.kind = ValueKind::Null;
         return;
-    }
-    if (table.options.raw && isStoredText(column)) {
-        return giveText(reader, value, storedBytes(table, column));
     }
     switch (column.kind) {
         case Kind::Text:

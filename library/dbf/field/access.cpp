@@ -27,9 +27,8 @@ char if_digit_type(DbfBase* h, int field) {
 }
 
 const char* GetStr(DbfBase* h, int field) {
-    if (field >= h->FieldCount) return GetCalcStringI(h, field);
-    if (field >= 0) return valueRow(h, field).render(h, field);
-    return renderNothing(h, field);
+    if (tableField(h, field) != nullptr) return valueRow(h, field).render(h, field);
+    return field >= 0 ? GetCalcStringI(h, field) : renderNothing(h, field);
 }
 
 double GetValue(DbfBase* h, int field) {

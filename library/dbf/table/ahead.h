@@ -11,7 +11,7 @@ namespace mira {
 
 class ReadAhead {
 public:
-    /// Reads up to count bytes at a file offset. A read that starts less than a gap behind the end
+    /// Reads up to count bytes at a file offset. A read that starts less than a gap after the end
     /// of the one before continues it and may be served from bytes held. One that goes back, or
     /// looks again at what the one before has read, goes to the file, as a fresh one always does.
     /// False when the offset cannot be reached; *got becomes the number of bytes read.

@@ -37,8 +37,11 @@ void SetAliasName(DbfBase* h, const char* name) {
 
 void WriteAlias(DbfBase* h) {
     const char* path = h->AliasFileName;
-    if (samePath(path, h->FileName) || samePath(path, h->MemoFileName)) return;
-    const OwnedFile file(openUnbuffered(path, "wb+"));
+    for (const char* needed : {h->FileName, h->MemoFileName, h->BackupName}) {
+        if (samePath(path, needed)) return;  // there may be no such file yet
+    }
+    const OwnedFile file(
+        openEmptied(path, {fileId(h->TableFile), fileId(h->MemoFileName), fileId(h->BackupName)}));
     if (!file) return;
     // An alias file that could not be written whole is not reported: nothing depends on it.
     if (!writeExact(file.get(), kMark, sizeof kMark)) return;

@@ -22,7 +22,7 @@ inline constexpr u32 kBufferSlack = 16;
 
 /// The table field of a number, null when there is none.
 inline const DbfField* tableField(const DbfBase* h, int field) {
-    return field >= 0 && field < h->FieldCount ? &h->Fields[field] : nullptr;
+    return static_cast<unsigned>(field) < h->FieldCount ? &h->Fields[field] : nullptr;
 }
 
 /// Length and Decimals taken as one 16-bit number.
@@ -38,15 +38,18 @@ inline bool hidesZero(const DbfField& f) { return f.Decimals != 0 && f.Length ==
 inline constexpr u32 kReferenceSize = 10;
 
 /// The field's bytes, cut at the end of the record buffer; empty for a number that names no field.
+inline std::span<u8> fieldBytes(DbfBase* h, const DbfField& f) {
+    const std::size_t room = kRecordBufferSize - f.Offset;
+    return {h->RecordBuffer + f.Offset, std::min<std::size_t>(fieldLength(f), room)};
+}
 inline std::span<u8> fieldBytes(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
-    if (f == nullptr) return {h->RecordBuffer, 0};
-    const std::size_t room = kRecordBufferSize - f->Offset;
-    return {h->RecordBuffer + f->Offset, std::min<std::size_t>(fieldLength(*f), room)};
+    return f != nullptr ? fieldBytes(h, *f) : std::span<u8>{h->RecordBuffer, 0};
 }
 
 /// The same as characters.
-inline std::string_view storedText(DbfBase* h, int field) {
+template <typename Field>
+std::string_view storedText(DbfBase* h, const Field& field) {
     const std::span<u8> bytes = fieldBytes(h, field);
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }

@@ -46,7 +46,7 @@ inline constexpr auto kH = kHeaderSize;
 inline constexpr auto kD = kDescriptorSize;
 using enum MemoFormat;
 
-inline constexpr Flavour kRows[] = {
+inline constexpr Flavour kFlavours[] = {
     // kind, version, versions, header, descriptor, back link, memo flags, moment, reference,
     // memo in B, extension, memos, length in reference
     {0, 0x83, "\x83\x03", kH, kD, 0, 0, 14, 10, false, ".dbt", DBase3, false},
@@ -60,14 +60,14 @@ inline constexpr Flavour kRows[] = {
     {0, kVersionPlain, "\x02\x43\x63\xCB\xFB\x42\x62\x82\x8A\xCA\xF4\xFA", kH, kD, 0, 0, 14, 10,
      false, ".dbv", None, false},
 };
-inline constexpr std::size_t kOther = std::size(kRows) - 1;
+inline constexpr std::size_t kOther = std::size(kFlavours) - 1;
 
-/// Index into kRows by version byte; beyond its end for a version that is not accepted.
+/// Index into kFlavours by version byte; beyond its end for a version that is not accepted.
 inline constexpr std::array<u8, 256> kRowOfVersion = [] {
     std::array<u8, 256> rows{};
-    rows.fill(std::size(kRows));
-    for (std::size_t i = 0; i < std::size(kRows); ++i) {
-        for (const char version : kRows[i].versions) {
+    rows.fill(std::size(kFlavours));
+    for (std::size_t i = 0; i < std::size(kFlavours); ++i) {
+        for (const char version : kFlavours[i].versions) {
             rows[static_cast<u8>(version)] = static_cast<u8>(i);
         }
     }
@@ -77,19 +77,19 @@ inline constexpr std::array<u8, 256> kRowOfVersion = [] {
 }  // namespace flavours
 
 inline bool acceptedVersion(u8 version) {
-    return flavours::kRowOfVersion[version] < std::size(flavours::kRows);
+    return flavours::kRowOfVersion[version] < std::size(flavours::kFlavours);
 }
 
 inline const Flavour& flavourOf(u8 version) {
     const std::size_t row = flavours::kRowOfVersion[version];
-    return flavours::kRows[std::min(row, flavours::kOther)];
+    return flavours::kFlavours[std::min(row, flavours::kOther)];
 }
 
 inline const Flavour& flavourOfKind(u32 kind) {
-    for (const Flavour& flavour : flavours::kRows) {
+    for (const Flavour& flavour : flavours::kFlavours) {
         if (flavour.kind == kind) return flavour;
     }
-    return flavours::kRows[flavours::kOther];
+    return flavours::kFlavours[flavours::kOther];
 }
 
 }  // namespace mira

@@ -20,7 +20,7 @@ constexpr const char* kDateTimeFormats[] = {
     "%04d.%02d.%02d %02d:%02d:%02d", "%04d%02d%02d%02d%02d%02d"};
 
 // A dotted format begins with two numbers of the shape "%02d"; a separator follows each.
-constexpr std::size_t kSeparators[] = {4, 9};
+constexpr std::size_t kSeparatorPlaces[] = {4, 9};
 constexpr std::size_t kDottedFormats[] = {1, 2, 3};
 
 template <typename T>
@@ -32,7 +32,7 @@ void release(T*& owned) {
 void setSeparators(char* format, char separator) {
     if (format == nullptr) return;
     const std::size_t length = std::strlen(format);
-    for (const std::size_t place : kSeparators) {
+    for (const std::size_t place : kSeparatorPlaces) {
         if (place < length) format[place] = separator;
     }
 }

@@ -15,6 +15,9 @@ namespace mira {
 struct PrivateState {
     ReadAhead ahead;
     u32 sortOrderCount = 0;      ///< entries in SortOrder; 0 for as many as reccount()
+    std::optional<FileId> file;  ///< the table's, which none of its other files may be
+    bool unfinished = false;     ///< a rebuild of the memo file may have stopped half-way
+    bool packing = false;        ///< Pack is giving records their new memo references
     bool foreignLevel7 = false;  ///< level-7 table of another maker: signed integers
     /// Prepared expressions, as the modules that prepare them keep them.
     std::unique_ptr<void, void (*)(void*)> expressions{nullptr, [](void*) {}};
@@ -26,6 +29,8 @@ PrivateState* keepPrivate(DbfBase*);
 inline bool isForeignLevel7(const DbfBase* h) {
     return h->Private != nullptr && h->Private->foreignLevel7;
 }
+
+inline bool isPacking(const DbfBase* h) { return h->Private != nullptr && h->Private->packing; }
 
 inline u32 sortOrderCount(const DbfBase* h) {
     return h->Private != nullptr ? h->Private->sortOrderCount : 0;

@@ -70,7 +70,7 @@ void tableChanged(DbfBase*);
 /// (size - HeaderLength) / RecordLength, 0 for a file shorter than its header.
 u32 recordsInFile(const DbfBase*, u64 size);
 
-// write.cpp
+// backup.cpp
 /// Makes the backup copy when it is due.
 void backUp(DbfBase*);
 

@@ -55,7 +55,7 @@ inline constexpr auto kNever = NumericRule::Never;
 inline constexpr auto kAlways = NumericRule::Always;
 inline constexpr auto kAt8 = NumericRule::AtLength8;
 
-inline constexpr TypeRow kRows[] = {
+inline constexpr TypeRow kTypeRows[] = {
     // letter, name, name at length 8, value, blank, numeric, size, width, accepted
     {0, "Unknown", nullptr, V::None, Zeros, kNever, S::AsGiven, 0, false},
     {'C', "Character", nullptr, V::Text, Spaces, kNever, S::AsGiven, 0, true},
@@ -80,11 +80,11 @@ inline constexpr TypeRow kRows[] = {
     {'P', "Picture", nullptr, V::None, Zeros, kNever, S::AsGiven, 0, false},
 };
 
-/// Index into kRows by letter; 0, the unknown row, for every other byte.
+/// Index into kTypeRows by letter; 0, the unknown row, for every other byte.
 inline constexpr std::array<u8, 256> kRowOfLetter = [] {
     std::array<u8, 256> rows{};
-    for (std::size_t i = 1; i < std::size(kRows); ++i) {
-        rows[static_cast<u8>(kRows[i].letter)] = static_cast<u8>(i);
+    for (std::size_t i = 1; i < std::size(kTypeRows); ++i) {
+        rows[static_cast<u8>(kTypeRows[i].letter)] = static_cast<u8>(i);
     }
     return rows;
 }();
@@ -93,7 +93,7 @@ inline constexpr std::array<u8, 256> kRowOfLetter = [] {
 
 /// The row of a type letter, or the row of unknown letters.
 constexpr const TypeRow& typeRow(char letter) {
-    return types::kRows[types::kRowOfLetter[static_cast<u8>(letter)]];
+    return types::kTypeRows[types::kRowOfLetter[static_cast<u8>(letter)]];
 }
 
 inline ValueClass valueClass(const DbfField& f) { return typeRow(f.Type).value; }

@@ -1,4 +1,4 @@
-// Writing records, the header and the backup copy. Whatever a call reports as written has reached
+// Writing records and the header. Whatever a call reports as written has reached
 // the operating system.
 #include <algorithm>
 #include <cstdlib>
@@ -15,7 +15,6 @@ namespace {
 
 constexpr u8 kEndOfFile = 0x1A;
 constexpr int kTwoDigitYears = 100;
-constexpr u32 kCopyChunk = 32768;
 
 /// The sequence all record writers share once the backup is made and the record is known: a place
 /// that cannot be reached stops it before the hook is called and Modified is set.
@@ -39,18 +38,6 @@ int writeMapped(DbfBase* h, u32 position, u32 column, RecordHook hook, const voi
     return writeAt(h, record, column, hook, bytes, count);
 }
 
-/// Copies the whole table file; false when a byte could not be read or written.
-bool copyTable(DbfBase* h, std::FILE* copy, u8* buffer) {
-    if (!seekTo(h->TableFile, 0)) return false;
-    std::clearerr(h->TableFile);
-    u32 got = kCopyChunk;
-    while (got == kCopyChunk) {
-        got = ReadFile(h->TableFile, buffer, kCopyChunk);
-        if (!writeExact(copy, buffer, got)) return false;
-    }
-    return std::ferror(h->TableFile) == 0;
-}
-
 /// Room for an entry beyond count in a view's index; the old entries stay.
 bool growIndex(u32** index, u32 count) {
     if (*index == nullptr) return true;
@@ -71,7 +58,7 @@ bool growView(DbfBase* h) {
 void joinView(DbfBase* h) {
     const u32 count = reccount(h);
     if (h->SortOrder != nullptr) {
-        // Records that have appeared behind the sorted ones stand for themselves, as does this one.
+        // Records that have appeared after the sorted ones stand for themselves, as does this one.
         const u32 sorted = sortOrderCount(h);
         u32 place = sorted != 0 ? std::min(sorted, count) : count;
         for (; place <= count; ++place) h->SortOrder[place] = place;
@@ -93,10 +80,6 @@ bool writeLast(DbfBase* h) {
 }
 
 }  // namespace
-
-void backUp(DbfBase* h) {
-    if (h->BackupEnabled != 0) MakeBakFile(h, 0);  // a copy that fails does not stop the write
-}
 
 int WriteRecord(DbfBase* h, u32 position) {
     return writeMapped(h, position, 0, h->BeforeWrite, h->RecordBuffer, h->Header.RecordLength);
@@ -156,26 +139,6 @@ int DupRecord(DbfBase* h) {
 void DupToRecord(DbfBase* h) {
     if (h->SavedRecord == nullptr) return;
     std::memcpy(h->RecordBuffer, h->SavedRecord, h->Header.RecordLength);
-}
-
-int MakeBakFile(DbfBase* h, char force) {
-    if (isClosed(h)) return 0;
-    const bool due = h->BackupEnabled != 0 && h->BackupDone == 0;
-    if (!due && force == 0) return 1;
-    // A table that is its own backup must neither be copied onto itself nor removed.
-    if (h->BackupName == nullptr || std::strcmp(h->BackupName, h->FileName) == 0) return 0;
-    const Block<u8> buffer = allocate<u8>(kCopyChunk);
-    if (!buffer) return 1;
-    std::remove(h->BackupName);  // usually there is none
-    OwnedFile copy(openUnbuffered(h->BackupName, "wb"));
-    if (!copy) return 1;
-    const bool whole = copyTable(h, copy.get(), buffer.get());
-    if (std::fclose(copy.release()) == 0 && whole) {
-        h->BackupDone = 1;
-    } else {
-        std::remove(h->BackupName);  // no half copy is to be taken for a whole one
-    }
-    return 1;
 }
 
 }  // namespace mira

@@ -231,16 +231,20 @@ const char* renderBlank(DbfBase* h, std::size_t length) {
     return h->TextBuffer;
 }
 
-/// Renders a value; blanks is the length of one that is not valid.
-const char* render(DbfBase* h, int field, const char* pattern, std::size_t blanks) {
-    const DateTime v = decode(h, field);
-    if (!isValid(v)) return renderBlank(h, blanks);
-    if (pattern == nullptr) return GetString(h, field);
+/// Not part of render, which shows values as stored when in a hurry.
+[[gnu::noinline]] const char* print(DbfBase* h, const DateTime& v, const char* pattern) {
     const std::array<int, 6> n = inFormatOrder(h->DateFormat, v);
     if (!printPadded(h->TextBuffer, kTextBufferSize, pattern, n)) {
         std::snprintf(h->TextBuffer, kTextBufferSize, pattern, n[0], n[1], n[2], n[3], n[4], n[5]);
     }
     return h->TextBuffer;
+}
+
+/// Renders the value of a field; blanks is the length of one that is not valid.
+const char* render(DbfBase* h, int field, const DateTime& v, const char* pattern,
+                   std::size_t blanks) {
+    if (!isValid(v)) return renderBlank(h, blanks);
+    return pattern != nullptr ? print(h, v, pattern) : renderText(h, field);
 }
 
 /// Stores the digits of a date, and of a time where the field has one.
@@ -282,8 +286,9 @@ void store(DbfBase* h, int field, const DateTime& v) {
 }  // namespace
 
 const char* renderDate(DbfBase* h, int field) {
+    const DateTime v = readText(storedText(h, h->Fields[field]), kDateLayouts[0], false);
     const std::size_t blanks = h->DateFormat > 0 ? kDottedDate : kDateDigits;
-    return render(h, field, patternOf(h, h->DateFormats), blanks);
+    return render(h, field, v, patternOf(h, h->DateFormats), blanks);
 }
 
 const char* renderMoment(DbfBase* h, int field) {
@@ -291,12 +296,12 @@ const char* renderMoment(DbfBase* h, int field) {
     const std::size_t blanks = h->DateFormat > 0 ? kDottedDateTime : kDateTimeDigits;
     const char* const pattern = patternOf(h, h->DateTimeFormats);
     if (pattern != nullptr || !isBinary(f) || isForeign(h, f)) {
-        return render(h, field, pattern, blanks);
+        return render(h, field, decode(h, field), pattern, blanks);
     }
     // Shown as stored, so all that counts is whether it is valid.
     const auto [day, milliseconds] = loadMoment(fieldPrefix<8>(h, field));
     const bool valid = day > kDayBeforeYear0 && day <= kLastDay && milliseconds < kDayMilliseconds;
-    return valid ? GetString(h, field) : renderBlank(h, blanks);
+    return valid ? renderText(h, field) : renderBlank(h, blanks);
 }
 
 int if_leap_year(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0 ? 1 : 0; }

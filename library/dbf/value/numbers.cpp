@@ -33,17 +33,16 @@ bool storeText(DbfBase* h, int field, const char* text, std::size_t length) {
     return true;
 }
 
-/// Ten-thousandths of a currency, not yet cut. Reading rounds twice, so what lies as near to a
-/// whole number as that accounts for is this number, and every value read comes back unchanged.
-double toTenThousandths(double value) {
-    constexpr double unitsApart = 4;
+/// A currency in ten-thousandths, cut. Reading and scaling round, so what lies as near to a whole
+/// number as they account for is this number: every value read comes back unchanged.
+double cutCurrency(double value) {
+    constexpr double unitsApart = 4;  // in the last place
     const double scaled = value * kCurrencyScale;
+    const double cut = std::trunc(scaled);
+    if (cut / kCurrencyScale == value) return cut;
+    const double whole = std::round(scaled);
     const double unit = std::nextafter(std::fabs(scaled), HUGE_VAL) - std::fabs(scaled);
-    double whole = std::round(scaled);
-    if (!(std::fabs(scaled - whole) <= unitsApart * unit)) return scaled;
-    const double other = 2 * scaled - whole;  // on the other side, as near when half-way between
-    if (std::fabs(scaled - whole) == 0.5 && other / kCurrencyScale == value) whole = other;
-    return whole;
+    return std::fabs(scaled - whole) <= unitsApart * unit ? whole : cut;
 }
 
 }  // namespace
@@ -94,7 +93,7 @@ double GetCurrency(DbfBase* h, int field) {
 void SetCurrency(DbfBase* h, int field, double value) {
     i64 scaled = 0;
     u8* to = fieldRoom<8>(h, field);
-    if (to != nullptr && toI64(toTenThousandths(value), &scaled)) {
+    if (to != nullptr && toI64(cutCurrency(value), &scaled)) {
         storeLe64(to, static_cast<u64>(scaled));
     }
 }
@@ -103,7 +102,9 @@ double GetNumeric(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return 0.0;
     const std::string_view text = storedText(h, field).substr(0, f->Length);
-    return readDecimal(text.substr(0, text.find('\0')));
+    const StoredDecimal number = scanDecimal(text);
+    if (!isWhole(number, text) || !isExact(number)) return readDecimal(text);
+    return number.whole + number.decimals != 0 ? exactValue(number) : 0.0;
 }
 
 double GetFloat(DbfBase* h, int field) { return GetNumeric(h, field); }

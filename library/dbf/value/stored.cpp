@@ -1,40 +1,67 @@
 // Values told from the bytes that store them, where rendering them and reading the text would lead
 // to the same.
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "dbf/table/table.h"
 #include "dbf/value/value.h"
+#include "internal/ascii.h"
 #include "internal/bytes.h"
+#include "internal/datelayout.h"
 #include "internal/decimal.h"
 
 namespace mira {
 
 namespace {
 
-constexpr unsigned kOrderedDecimals = 8;
-constexpr std::size_t kDateDigits = 8;
-constexpr std::size_t kDateTimeDigits = 14;
+/// Blanks, then digits, one to eight characters at once. False for anything else.
+bool readDigits(const u8* text, unsigned count, u64* value) {
+    constexpr u64 ones = 0x0101010101010101;
+    const u64 rest = (loadLe64(text) ^ ones * ' ') << 8 * (8 - count);  // blanks are zeros
+    *value = 0;
+    if (rest == 0) return true;
+    const int blanks = std::countr_zero(rest) & ~7;
+    const u64 digits = (rest ^ ones * (' ' ^ '0')) >> blanks << blanks;
+    // A byte above 9 reaches the top bit by this sum, if it does not have it already.
+    if (((digits | (digits + ones * 0x76)) & ones * 0x80) != 0) return false;
+    // Neighbours are joined three times: to pairs, to fours, to eight digits.
+    const u64 pairs = digits * (1 + (10 << 8)) >> 8 & 0x00FF00FF00FF00FF;
+    const u64 fours = pairs * (1 + (u64{100} << 16)) >> 16 & 0x0000FFFF0000FFFF;
+    *value = fours * (1 + (u64{10000} << 32)) >> 32;
+    return true;
+}
 
-std::string_view storedText(const DbfBase* h, const DbfField& f, std::size_t length) {
-    return {reinterpret_cast<const char*>(h->RecordBuffer) + f.Offset, length};
+/// A number as programs store it: right-aligned, all decimals there, not negative. False for any
+/// other text.
+bool alignedDecimal(const u8* text, const DbfField& f, double* value) {
+    constexpr unsigned widest = 8;  // of the part before the point
+    constexpr unsigned most = 7;    // decimals
+    const unsigned whole = f.Decimals != 0 ? f.Length - f.Decimals - 1u : f.Length;
+    if (whole - 1 >= widest || f.Decimals > most) return false;
+    StoredDecimal d{};
+    d.decimals = f.Decimals;
+    if (!readDigits(text, whole, &d.digits)) return false;
+    if (f.Decimals != 0 && text[whole] != '.') return false;
+    for (unsigned i = whole + 1; i < f.Length; ++i) {
+        if (!isDigit(static_cast<char>(text[i]))) return false;
+        d.digits = d.digits * 10 + (text[i] - u64{'0'});
+    }
+    *value = exactValue(d);
+    return true;
 }
 
 /// N and F. The value that counts is the one printed with the field's decimals: the same, unless
 /// decimals are cut off or the digits are more than a double keeps.
-bool decimalNumber(const DbfBase* h, const DbfField& f, double* value) {
-    const std::string_view text =
-        storedText(h, f, std::min<std::size_t>(f.Length, kRecordBufferSize - f.Offset));
+bool scannedDecimal(DbfBase* h, int field, const DbfField& f, double* value) {
+    const std::string_view text = storedText(h, field);
     const StoredDecimal d = scanDecimal(text);
     const std::size_t count = d.whole + d.decimals;
-    const char* end = d.end;
-    while (end != text.data() + text.size() && *end == ' ') ++end;
-    if (end != text.data() + text.size() || count > kExactDigits) return false;
+    if (!isWhole(d, text) || count > kExactDigits) return false;
     if (count == 0 && (d.negative || d.point)) return false;
     *value = exactValue(d);
     if (h->RawNumeric != 0) return true;
-    const bool losesDigit = f.Decimals != 0 && f.Length == f.Decimals + 1;  // shown as .50
-    return !losesDigit && d.decimals <= f.Decimals && d.whole + f.Decimals <= kExactDigits;
+    return !hidesZero(f) && d.decimals <= f.Decimals && d.whole + f.Decimals <= kExactDigits;
 }
 
 bool currencyNumber(DbfBase* h, int field, double* value) {
@@ -43,30 +70,8 @@ bool currencyNumber(DbfBase* h, int field, double* value) {
     return stored > -kExactCurrency && stored < kExactCurrency;
 }
 
-bool isDigits(std::string_view text) { return std::all_of(text.begin(), text.end(), isDigit); }
-
-/// The number that digits of a text stand for.
-int numberAt(std::string_view text, std::size_t place, std::size_t length) {
-    int value = 0;
-    for (const char c : text.substr(place, length)) value = value * 10 + (c - '0');
-    return value;
-}
-
-bool isMoment(std::string_view digits) {
-    std::tm t{};
-    t.tm_year = numberAt(digits, 0, 4);
-    t.tm_mon = numberAt(digits, 4, 2) - 1;
-    t.tm_mday = numberAt(digits, 6, 2);
-    if (digits.size() == kDateTimeDigits) {
-        t.tm_hour = numberAt(digits, 8, 2);
-        t.tm_min = numberAt(digits, 10, 2);
-        t.tm_sec = numberAt(digits, 12, 2);
-    }
-    return mymktime(&t) == 0;
-}
-
 /// Whether a date format, which belongs to the handle, still is the one that it began with.
-bool printsDigits(const char* format, const char* wanted) {
+bool isFormat(const char* format, const char* wanted) {
     return format != nullptr && std::strcmp(format, wanted) == 0;
 }
 
@@ -76,7 +81,8 @@ bool storedNumber(DbfBase* h, int field, double* value) {
     const DbfField& f = h->Fields[field];
     switch (valueClass(f)) {
         case ValueClass::Decimal:
-            return decimalNumber(h, f, value);
+            return alignedDecimal(h->RecordBuffer + f.Offset, f, value) ||
+                   scannedDecimal(h, field, f, value);
         case ValueClass::Integer:
             *value = static_cast<i32>(GetInt(h, field));
             return true;
@@ -92,20 +98,21 @@ bool storedNumber(DbfBase* h, int field, double* value) {
 }
 
 std::size_t storedNumberWidth(const DbfField& f) {
-    if (valueClass(f) != ValueClass::Decimal) return kSqueezedNumber;
-    // A zero follows a blank number that is shown as it is stored.
-    return f.Length + 1u + (f.Decimals != 0 ? f.Decimals + 1u : 0u);
+    // A zero follows a blank decimal that is shown as it is stored.
+    return valueClass(f) != ValueClass::Decimal ? kSqueezedNumber
+           : f.Decimals != 0                    ? f.Length + f.Decimals + 2u
+                                                : f.Length + 1u;
 }
 
-bool storedDate(const DbfBase* h, int field, std::string_view* text) {
+bool storedDate(DbfBase* h, int field, std::string_view* text) {
     const DbfField& f = h->Fields[field];
     const bool timed = valueClass(f) == ValueClass::Moment;
-    const std::size_t length = timed ? kDateTimeDigits : kDateDigits;
-    if (f.Length != length || f.Offset + length > kRecordBufferSize) return false;
-    *text = storedText(h, f, length);
-    if (!isDigits(*text) || !isMoment(*text)) return false;
-    return timed ? printsDigits(h->DateTimeFormats[kDigitsFormat], "%04d%02d%02d%02d%02d%02d")
-                 : printsDigits(h->DateFormats[kDigitsFormat], "%04d%02d%02d");
+    *text = storedText(h, field);
+    if (text->size() != (timed ? kDateTimeDigits : kDateDigits)) return false;
+    if (!std::all_of(text->begin(), text->end(), isDigit)) return false;
+    if (GetDateTime(h, field) != 0) return false;
+    return timed ? isFormat(h->DateTimeFormats[kDigitsFormat], "%04d%02d%02d%02d%02d%02d")
+                 : isFormat(h->DateFormats[kDigitsFormat], "%04d%02d%02d");
 }
 
 }  // namespace mira

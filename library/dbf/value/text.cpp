@@ -14,15 +14,13 @@
 namespace mira {
 namespace {
 
-constexpr unsigned kOrderedDecimals = 8;
-constexpr unsigned kCurrencyDecimals = 4;
+constexpr std::size_t kWordSize = sizeof(u64);
 
-enum TrimModes { kTrimEnd = 1, kTrimStart = 2, kTrimBoth = 3 };
+constexpr unsigned kCurrencyDecimals = 4;
 
 /// True for a stored number that printing with the field's width and decimals would reproduce:
 /// right-aligned, without superfluous zeros, all decimals there, few enough digits to be exact.
-bool isCanonical(std::string_view stored, const DbfField& f) {
-    const StoredDecimal number = scanDecimal(stored);
+bool isCanonical(const StoredDecimal& number, std::string_view stored, const DbfField& f) {
     if (number.end != stored.data() + stored.size() || number.decimals != f.Decimals ||
         number.point != (f.Decimals != 0) || number.whole + number.decimals > kExactDigits) {
         return false;
@@ -33,16 +31,33 @@ bool isCanonical(std::string_view stored, const DbfField& f) {
 
 /// Copies whole words. What the last one has beyond the text becomes the zero byte after it.
 const char* copyStored(DbfBase* h, std::string_view stored) {
-    const auto* from = reinterpret_cast<const u8*>(stored.data());
-    auto* to = reinterpret_cast<u8*>(h->TextBuffer);
+    const char* from = stored.data();
+    char* to = h->TextBuffer;
     std::size_t left = stored.size();
-    for (; left >= sizeof(u64); left -= sizeof(u64)) {
-        storeLe64(to, loadLe64(from));
-        from += sizeof(u64);
-        to += sizeof(u64);
+    for (; left >= 2 * kWordSize; left -= 2 * kWordSize) {
+        std::memcpy(to, from, 2 * kWordSize);
+        from += 2 * kWordSize;
+        to += 2 * kWordSize;
     }
-    storeLe64(to, loadLe64(from) & ((u64{1} << 8 * left) - 1));
+    if (left >= kWordSize) {
+        std::memcpy(to, from, kWordSize);
+        from += kWordSize;
+        to += kWordSize;
+        left -= kWordSize;
+    }
+    const u64 word = loadLe64(reinterpret_cast<const u8*>(from));
+    storeLe64(reinterpret_cast<u8*>(to), word & ((u64{1} << 8 * left) - 1));
     return h->TextBuffer;
+}
+
+/// Not part of renderDecimal, so that the usual way saves no registers.
+[[gnu::noinline]] const char* printDecimal(DbfBase* h, const DbfField& f, bool fewDigits) {
+    char* const text = h->TextBuffer;
+    const std::string_view stored = storedText(h, f);
+    std::size_t length = fewDigits ? printAnew(text, stored, f.Length, f.Decimals) : 0;
+    if (length == 0) length = printFixed(text, readDecimal(stored), f.Length, f.Decimals);
+    if (hidesZero(f)) std::memmove(text, text + 1, length);
+    return text;
 }
 
 }  // namespace
@@ -53,18 +68,17 @@ const char* renderNothing(DbfBase* h, int /*field*/) {
 }
 
 const char* renderLogical(DbfBase* h, int field) {
-    h->TextBuffer[0] = static_cast<char>(fieldPrefix<1>(h, field)[0]);
-    h->TextBuffer[1] = 0;
+    const u8 letter = fieldPrefix<1>(h, field)[0];
+    storeLe64(reinterpret_cast<u8*>(h->TextBuffer), letter);  // and its zero byte
     return h->TextBuffer;
 }
 
 const char* renderDecimal(DbfBase* h, int field) {
     const DbfField& f = h->Fields[field];
-    const std::string_view stored = storedText(h, field);
-    if (h->RawNumeric != 0 || isCanonical(stored, f)) return copyStored(h, stored);
-    const std::size_t length = printFixed(h->TextBuffer, GetFloat(h, field), f.Length, f.Decimals);
-    if (hidesZero(f)) std::memmove(h->TextBuffer, h->TextBuffer + 1, length);
-    return h->TextBuffer;
+    const std::string_view stored = storedText(h, f);
+    const StoredDecimal number = scanDecimal(stored);
+    if (h->RawNumeric != 0 || isCanonical(number, stored, f)) return copyStored(h, stored);
+    return printDecimal(h, f, number.whole + f.Decimals <= kExactDigits);
 }
 
 const char* renderInteger(DbfBase* h, int field) {
@@ -109,29 +123,9 @@ const char* renderMemo(DbfBase* h, int field) {
     return h->TextBuffer;
 }
 
-const char* GetString(DbfBase* h, int field) {
-    copyStored(h, storedText(h, field));
-    return DStrTrim(h, h->TrimMode);
-}
-
-char* DStrTrim(DbfBase* h, int mode) {
-    char* const text = h->TextBuffer;
-    if (mode < kTrimEnd || mode > kTrimBoth) return text;
-    std::size_t length = std::strlen(text);
-    if (mode != kTrimStart) {
-        while (length > 0 && text[length - 1] == ' ') --length;
-        text[length] = 0;
-    }
-    if (mode != kTrimEnd) {
-        const std::size_t blanks = std::strspn(text, " ");
-        std::memmove(text, text + blanks, length - blanks + 1);
-    }
-    return text;
-}
-
-int GetBool(DbfBase* h, int field) {
-    const u8 letter = fieldPrefix<1>(h, field)[0];
-    return letter == 'T' || letter == 't' || letter == 'Y' || letter == 'y' ? 1 : 0;
+const char* renderText(DbfBase* h, int field) {
+    copyStored(h, storedText(h, h->Fields[field]));
+    return h->TrimMode == 0 ? h->TextBuffer : DStrTrim(h, h->TrimMode);
 }
 
 }  // namespace mira

@@ -1,6 +1,8 @@
 // One row per class of values: how they become text and numbers, and how they are stored.
 #include "dbf/value/value.h"
 
+#include <algorithm>
+
 #include "internal/convert.h"
 
 namespace mira {
@@ -35,9 +37,9 @@ constexpr ValueRow rowOf(ValueClass value) {
         case ValueClass::None:
             return {renderNothing, noNumber, storeNothing};
         case ValueClass::Text:
-            return {GetString, noNumber, storeText<SetString>};
+            return {renderText, noNumber, storeText<SetString>};
         case ValueClass::System:
-            return {GetString, noNumber, storeNothing};
+            return {renderText, noNumber, storeNothing};
         case ValueClass::Logical:
             return {renderLogical, noNumber, storeText<setLogical>};
         case ValueClass::Date:
@@ -57,7 +59,7 @@ constexpr ValueRow rowOf(ValueClass value) {
         case ValueClass::Memo:
             return {renderMemo, noNumber, storeNothing};
     }
-    return {};  // no other class
+    return {};
 }
 
 }  // namespace
@@ -69,5 +71,12 @@ constexpr std::array<ValueRow, 256> kValueRows = [] {
     }
     return rows;
 }();
+
+static_assert(std::ranges::all_of(kValueRows,
+                                  [](const ValueRow& row) {
+                                      return row.render != nullptr && row.number != nullptr &&
+                                             row.store != nullptr;
+                                  }),
+              "every class needs its row");
 
 }  // namespace mira

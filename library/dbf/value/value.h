@@ -28,7 +28,9 @@ inline const ValueRow& valueRow(const DbfBase* h, int field) {
 }
 
 // text.cpp
+inline constexpr unsigned kOrderedDecimals = 8;  // of ordered doubles
 const char* renderNothing(DbfBase*, int field);
+const char* renderText(DbfBase*, int field);
 const char* renderLogical(DbfBase*, int field);
 const char* renderDecimal(DbfBase*, int field);
 const char* renderInteger(DbfBase*, int field);
@@ -42,13 +44,13 @@ const char* renderDate(DbfBase*, int field);
 const char* renderMoment(DbfBase*, int field);
 
 // stored.cpp: what rendering a value and reading its text would lead to, told without either.
-/// The number that the text of a numeric field stands for in arithmetic: one token, behind a minus
+/// The number that the text of a numeric field stands for in arithmetic: one token, after a minus
 /// when its sign bit is set, and blanks. False where only the text can tell.
 bool storedNumber(DbfBase*, int field, double*);
 /// Characters of that text at most; no more than kSqueezedNumber without superfluous blanks.
 std::size_t storedNumberWidth(const DbfField&);
 inline constexpr std::size_t kSqueezedNumber = 24;
-/// The text of a D, T or "@" field in kDigitsFormat. False where it has to be rendered.
-bool storedDate(const DbfBase*, int field, std::string_view*);
+/// The text of a date or moment in kDigitsFormat. False where it has to be rendered.
+bool storedDate(DbfBase*, int field, std::string_view*);
 
 }  // namespace mira

@@ -87,9 +87,8 @@ Condition prepareCondition(DbfBase* h, std::string_view text) {
     return c;
 }
 
-bool conditionHolds(DbfBase* h, const Condition& c) {
+bool writtenHolds(DbfBase* h, const Condition& c) {
     if (c.op->first == 0) return false;
-    if (const std::optional<bool> known = storedHolds(h, c)) return *known;
     FilterWork& work = *h->FilterState;
     TextOut left(work.LeftText, kConditionLength + 1);
     TextOut right(work.RightText, kConditionLength + 1);
@@ -98,9 +97,9 @@ bool conditionHolds(DbfBase* h, const Condition& c) {
     if (left.cut() || right.cut()) return false;
     if (left.length() + operatorLength(*c.op) + right.length() > kConditionLength) return false;
     const OperatorRow& op = c.openOperator ? operatorOf(c.op->first, *right.data()) : *c.op;
-    char* const behind = right.data() + operatorLength(op) - operatorLength(*c.op);
-    return c.numeric ? numbersHold(h, op.number, left.data(), behind)
-                     : textsHold(h, op.text, left.data(), behind);
+    char* const rest = right.data() + operatorLength(op) - operatorLength(*c.op);
+    return c.numeric ? numbersHold(h, op.number, left.data(), rest)
+                     : textsHold(h, op.text, left.data(), rest);
 }
 
 }  // namespace mira

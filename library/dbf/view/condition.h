@@ -37,14 +37,14 @@ inline std::size_t operatorLength(const OperatorRow& op) { return op.second != 0
 
 inline bool completesOperator(char c) { return c == '>' || c == '<' || c == '='; }
 
-/// An operand of a text comparison as stored.cpp knows it: a constant, or a field among blanks and
-/// other literals.
+/// An operand of a text comparison as stored.cpp knows it: a constant, or a field between literals.
 struct StoredText {
+    enum Kind : u8 { Constant, Characters, Letter, Date, Other } kind = Constant;
     int field = -1;
+    std::size_t literals = 0;   ///< characters as written
     std::string before, after;  ///< of a field
     std::string text;           ///< of a constant
     std::string folded;         ///< the same, evaluated in upper case
-    std::size_t literals = 0;   ///< characters as written
 };
 
 struct Operand {
@@ -53,13 +53,15 @@ struct Operand {
     StoredText text;    ///< of texts
 };
 
-/// A condition taken apart once for many records. Holds as long as NoBracketCheck does.
+/// A condition taken apart once for many records. Valid while NoBracketCheck is
+/// unchanged.
 struct Condition {
     bool numeric = false;
     bool openOperator = false;  ///< a field follows the operator, its text may complete it
     const OperatorRow* op = nullptr;
     Operand left, right;
-    enum Stored : u8 { Unknown, Never, Numbers, Texts } stored = Unknown;
+    /// The shortcut, if there is one: the result, or nothing where only the rule can tell.
+    std::optional<bool> (*stored)(DbfBase*, const Condition&) = nullptr;
     i32 dateFormat = 0;  ///< for which the texts of constants hold
 };
 
@@ -67,13 +69,18 @@ inline constexpr std::size_t kConditionLength = 511;  // of a condition with its
 
 // condition.cpp
 Condition prepareCondition(DbfBase*, std::string_view text);
-bool conditionHolds(DbfBase*, const Condition&);
+/// The rule: writes the values and compares.
+bool writtenHolds(DbfBase*, const Condition&);
 
-// stored.cpp: a shortcut. Without it conditionHolds gives the same results, only later.
-/// Looks for a way to compare the values as they are stored.
+// stored.cpp
+/// Gives a condition a shortcut. Without it the results are the same, only later.
 void prepareStored(DbfBase*, Condition&);
-/// The result, when comparing the values as they are stored leads to it.
-std::optional<bool> storedHolds(DbfBase*, const Condition&);
+
+/// Tests the record in RecordBuffer.
+inline bool conditionHolds(DbfBase* h, const Condition& c) {
+    const std::optional<bool> known = c.stored != nullptr ? c.stored(h, c) : std::nullopt;
+    return known ? *known : writtenHolds(h, c);
+}
 
 template <typename T>
 bool inOrder(Comparison c, T a, T b) {

@@ -132,7 +132,7 @@ struct PreparedFilter {
     std::string logic;  // the arithmetic text, a 1 for every condition
 };
 
-/// Records where the connectives stand, and the length behind them. False when there are too many.
+/// Records where the connectives stand, and the length after them. False when there are too many.
 bool cutText(std::string_view text, FilterWork& work, u32* pieces) {
     u32 found = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {

@@ -11,7 +11,7 @@ namespace mira {
 
 namespace {
 
-constexpr char kSeparators[] = ";, \t\n\r";
+constexpr char kListSeparators[] = ";, \t\n\r";
 constexpr u32 kSortFieldMax = 21;
 constexpr u32 kPresetSlots = 5;
 constexpr i32 kNoField = -1;
@@ -75,8 +75,8 @@ int get_fields(DbfBase* h, const char* text, u32* count, i32* slots) {
     if (!names) return 1;
     char* name = names.get();
     while (*count < kSortFieldMax) {
-        name += std::strspn(name, kSeparators);
-        char* const end = name + std::strcspn(name, kSeparators);
+        name += std::strspn(name, kListSeparators);
+        char* const end = name + std::strcspn(name, kListSeparators);
         const bool last = *end == 0;
         *end = 0;
         if (end == name) break;

@@ -56,7 +56,7 @@ u32 placeOf(Element e) { return static_cast<u32>(e); }
 
 u32 charactersOf(Element e) { return static_cast<u32>(e >> 32); }
 
-/// Four characters of a text as a number that sorts as they do; zeros behind its end.
+/// Four characters of a text as a number that sorts as they do; zeros after its end.
 u32 fourCharacters(const char* text) {
     u32 number = 0;
     for (int i = 0; i < 4; ++i) {

@@ -40,7 +40,7 @@ bool showsStoredBytes(const DbfBase* h, const DbfField& f) {
 }
 
 /// Fills the text in TextBuffer with spaces up to a width. Where the record holds a zero byte, what
-/// it holds behind it belongs to the key as well.
+/// it holds after it belongs to the key as well.
 void padPart(DbfBase* h, int field, std::size_t length, std::size_t width) {
     char* const text = h->TextBuffer;
     std::size_t tail = width;

@@ -10,8 +10,6 @@ namespace mira {
 
 namespace {
 
-bool showsCharacters(char type) { return type == 'C' || type == 'Q' || type == 'V' || type == '0'; }
-
 bool has(std::string_view text, char c) { return text.find(c) != std::string_view::npos; }
 
 /// Non-zero when a byte of the word is zero.
@@ -39,18 +37,7 @@ bool hasSpecialByte(std::string_view text) {
 // Numbers
 // --------------------------------------------------------------------------------------------
 
-Condition::Stored prepareNumbers(DbfBase* h, Condition& c) {
-    Arithmetic& left = c.left.number;
-    Arithmetic& right = c.right.number;
-    left = prepareArithmetic(h, c.left.parts, true);
-    right = prepareArithmetic(h, c.right.parts, true);
-    if (left.way == Arithmetic::Fails || right.way == Arithmetic::Fails) return Condition::Never;
-    if (left.way == Arithmetic::Unknown || right.way == Arithmetic::Unknown) {
-        return Condition::Unknown;
-    }
-    const std::size_t longest = left.longest + operatorLength(*c.op) + right.longest;
-    return longest <= kConditionLength ? Condition::Numbers : Condition::Unknown;
-}
+std::optional<bool> neverHolds(DbfBase* /*h*/, const Condition& /*c*/) { return false; }
 
 std::optional<bool> numbersHold(DbfBase* h, const Condition& c) {
     double left = 0;
@@ -63,11 +50,31 @@ std::optional<bool> numbersHold(DbfBase* h, const Condition& c) {
     return inOrder(c.op->number, left, right);
 }
 
+/// The most common condition, a field against a constant.
+std::optional<bool> fieldHolds(DbfBase* h, const Condition& c) {
+    double value = 0;
+    if (!storedNumber(h, c.left.number.field, &value)) return {};
+    return inOrder(c.op->number, value, c.right.number.constant);
+}
+
+void prepareNumbers(DbfBase* h, Condition& c) {
+    const Arithmetic& left = c.left.number = prepareArithmetic(h, c.left.parts, true);
+    const Arithmetic& right = c.right.number = prepareArithmetic(h, c.right.parts, true);
+    const std::size_t longest = left.longest + operatorLength(*c.op) + right.longest;
+    if (left.way == Arithmetic::Fails || right.way == Arithmetic::Fails) {
+        c.stored = neverHolds;
+    } else if (left.way != Arithmetic::Unknown && right.way != Arithmetic::Unknown &&
+               longest <= kConditionLength) {
+        const bool common = left.way == Arithmetic::Field && right.way == Arithmetic::Constant;
+        c.stored = common ? fieldHolds : numbersHold;
+    }
+}
+
 // --------------------------------------------------------------------------------------------
 // Texts
 // --------------------------------------------------------------------------------------------
 
-bool isPlain(const std::string& literal) { return !has(literal, '(') && !has(literal, ')'); }
+bool isPlain(std::string_view text) { return !has(text, '(') && !has(text, ')'); }
 
 /// A constant as the rule evaluates it, in upper case first when folded.
 std::string constantText(DbfBase* h, std::string text, bool folded) {
@@ -76,17 +83,25 @@ std::string constantText(DbfBase* h, std::string text, bool folded) {
     return StrEval(text.data(), h);
 }
 
+StoredText::Kind kindOf(const DbfField& f) {
+    if (isText(f)) return StoredText::Characters;
+    if (isDateOrMoment(f)) return StoredText::Date;
+    return valueClass(f) == ValueClass::Logical ? StoredText::Letter : StoredText::Other;
+}
+
 /// False for what the rule has to write out.
 bool prepareText(DbfBase* h, Operand& operand) {
     StoredText& t = operand.text;
-    std::string literals;
     for (const ExpressionPart& part : operand.parts) {
         if (part.field >= 0 && t.field >= 0) return false;
         if (part.field >= 0) t.field = part.field;
         (t.field >= 0 ? t.after : t.before) += part.literal;
     }
     t.literals = t.before.size() + t.after.size();
-    if (t.field >= 0) return isPlain(t.before) && isPlain(t.after);
+    if (t.field >= 0) {
+        t.kind = kindOf(h->Fields[t.field]);
+        return isPlain(t.before) && isPlain(t.after);
+    }
     t.text = constantText(h, t.before, false);
     t.folded = constantText(h, t.before, true);
     return true;
@@ -99,87 +114,92 @@ std::string_view trimmed(std::string_view text, i32 mode) {
     return text;
 }
 
-/// The text of a field up to a zero byte, where it stands if possible. False where a parenthesis
-/// asks for more.
-bool fieldText(DbfBase* h, int field, std::string_view* text) {
-    const DbfField& f = h->Fields[field];
-    const bool characters = showsCharacters(f.Type);
-    if (characters || f.Type == 'L') {
-        const std::size_t length = characters ? fieldBytes(h, field).size() : 1;
-        *text = {reinterpret_cast<const char*>(h->RecordBuffer) + f.Offset, length};
-    } else if (!storedDate(h, field, text)) {
-        *text = valueText(h, field);
-    }
-    if (hasSpecialByte(*text)) {
-        *text = text->substr(0, text->find('\0'));
-        if (has(*text, '(') || has(*text, ')')) return false;
-    }
-    if (characters) *text = trimmed(*text, h->TrimMode);
-    return true;
+/// The text of a field as the record or, after rendering, TextBuffer holds it.
+std::string_view fieldText(DbfBase* h, const StoredText& t) {
+    std::string_view text;
+    if (t.kind == StoredText::Date && storedDate(h, t.field, &text)) return text;
+    if (t.kind >= StoredText::Date) return valueText(h, t.field);
+    const DbfField& f = h->Fields[t.field];
+    const std::size_t length = t.kind == StoredText::Letter ? 1 : fieldBytes(h, t.field).size();
+    return {reinterpret_cast<const char*>(h->RecordBuffer) + f.Offset, length};
 }
 
-/// The evaluated text of an operand, where it stands or in a buffer of the work area, and its
-/// length as written.
-bool operandText(DbfBase* h, const StoredText& t, char* buffer, std::string_view* text,
-                 std::size_t* length) {
-    const bool folded = h->CaseInsensitive != 0;
-    *length = t.literals;
-    if (t.field < 0) {
-        *text = folded ? t.folded : t.text;
-        return true;
-    }
-    if (!fieldText(h, t.field, text)) return false;
-    *length += text->size();
-    if (*length > kConditionLength) return false;
-    if (!folded && t.literals == 0 && text->data() != h->TextBuffer) return true;
+/// The text between its literals, folded when case does not matter, in a buffer of the work area.
+std::string_view composed(const DbfBase* h, const StoredText& t, std::string_view text,
+                          char* buffer) {
     TextOut out(buffer, kConditionLength + 1);
     out.put(t.before);
-    out.put(*text);
+    out.put(text);
     out.put(t.after);
-    if (folded) UpperCase(reinterpret_cast<unsigned char*>(buffer));
-    *text = {buffer, out.length()};
-    return true;
+    if (h->CaseInsensitive != 0) UpperCase(reinterpret_cast<unsigned char*>(buffer));
+    return {buffer, out.length()};
+}
+
+/// The text of an operand with a field. Null when a parenthesis asks for repair or a string
+/// function, or when it is too long.
+std::string_view fieldOperand(DbfBase* h, const StoredText& t, char* buffer) {
+    std::string_view text = fieldText(h, t);
+    if (hasSpecialByte(text)) {
+        text = text.substr(0, text.find('\0'));
+        if (!isPlain(text)) return {};
+    }
+    if (t.kind == StoredText::Characters && h->TrimMode != 0) text = trimmed(text, h->TrimMode);
+    if (t.literals + text.size() > kConditionLength) return {};
+    const bool stays = t.literals == 0 && text.data() != h->TextBuffer && h->CaseInsensitive == 0;
+    return stays ? text : composed(h, t, text, buffer);
+}
+
+inline std::string_view operandText(DbfBase* h, const StoredText& t, char* buffer) {
+    if (t.kind != StoredText::Constant) return fieldOperand(h, t, buffer);
+    return h->CaseInsensitive != 0 ? t.folded : t.text;
+}
+
+/// Characters of an operand before its functions are evaluated.
+std::size_t writtenLength(const StoredText& t, std::string_view text) {
+    return t.kind == StoredText::Constant ? t.literals : text.size();
 }
 
 std::optional<bool> textsHold(DbfBase* h, const Condition& c) {
     if (h->OemConvert != 0 || h->DateFormat != c.dateFormat) return {};
     if (h->CaseInsensitive != 0 && h->UpperCaseCallback != nullptr) return {};
-    std::string_view left, right;
-    std::size_t leftLength = 0, rightLength = 0;
-    if (!operandText(h, c.left.text, h->FilterState->LeftText, &left, &leftLength)) return {};
-    if (!operandText(h, c.right.text, h->FilterState->RightText, &right, &rightLength)) return {};
-    if (leftLength + operatorLength(*c.op) + rightLength > kConditionLength) return {};
+    const std::string_view left = operandText(h, c.left.text, h->FilterState->LeftText);
+    const std::string_view right = operandText(h, c.right.text, h->FilterState->RightText);
+    if (left.data() == nullptr || right.data() == nullptr) return {};
+    const std::size_t length = writtenLength(c.left.text, left) + operatorLength(*c.op) +
+                               writtenLength(c.right.text, right);
+    if (length > kConditionLength) return {};
     if (c.openOperator && !right.empty() && completesOperator(right[0])) return {};
     return textHolds(c.op->text, left, right);
 }
 
-Condition::Stored preparedWay(DbfBase* h, Condition& c) {
-    if (c.numeric) {
-        return c.openOperator || c.op->number != Comparison::Never ? prepareNumbers(h, c)
-                                                                   : Condition::Never;
-    }
-    if (!c.openOperator && c.op->text == Comparison::Never) return Condition::Never;
+/// The most common one, characters as they stand against a constant.
+std::optional<bool> charactersHold(DbfBase* h, const Condition& c) {
+    const std::string_view text = storedText(h, c.left.text.field);
+    const bool asStored = h->CaseInsensitive == 0 && h->TrimMode == 0 && h->OemConvert == 0 &&
+                          h->DateFormat == c.dateFormat && !hasSpecialByte(text);
+    const std::size_t length = text.size() + operatorLength(*c.op) + c.right.text.literals;
+    if (!asStored || length > kConditionLength) return textsHold(h, c);
+    return textHolds(c.op->text, text, c.right.text.text);
+}
+
+void prepareTexts(DbfBase* h, Condition& c) {
     c.dateFormat = h->DateFormat;
-    const bool both = prepareText(h, c.left) && prepareText(h, c.right);
-    return both ? Condition::Texts : Condition::Unknown;
+    if (!prepareText(h, c.left) || !prepareText(h, c.right)) return;
+    const bool common = c.left.text.kind == StoredText::Characters && c.left.text.literals == 0 &&
+                        c.right.text.kind == StoredText::Constant;
+    c.stored = common ? charactersHold : textsHold;
 }
 
 }  // namespace
 
-void prepareStored(DbfBase* h, Condition& c) { c.stored = preparedWay(h, c); }
-
-std::optional<bool> storedHolds(DbfBase* h, const Condition& c) {
-    switch (c.stored) {
-        case Condition::Never:
-            return false;
-        case Condition::Numbers:
-            return numbersHold(h, c);
-        case Condition::Texts:
-            return textsHold(h, c);
-        case Condition::Unknown:
-            break;
+void prepareStored(DbfBase* h, Condition& c) {
+    if (!c.openOperator && (c.numeric ? c.op->number : c.op->text) == Comparison::Never) {
+        c.stored = neverHolds;
+    } else if (c.numeric) {
+        prepareNumbers(h, c);
+    } else {
+        prepareTexts(h, c);
     }
-    return {};
 }
 
 }  // namespace mira

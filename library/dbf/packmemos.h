@@ -1,0 +1,16 @@
+// The memo step of packing.
+#pragma once
+
+#include "mira.h"
+
+namespace mira {
+
+/// Rebuilds the memo file, so that it holds only the memos that records refer to; the old one stays
+/// under its "~" name. 1 also when there is no memo file, or it cannot take that name.
+int packMemos(DbfBase*, bool writable);
+
+/// Gives the records the references that an earlier rebuild, which failed or was killed, did not
+/// come to write. 1 when there is none.
+int finishPackMemos(DbfBase*, bool writable);
+
+}  // namespace mira

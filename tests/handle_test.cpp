@@ -1,0 +1,145 @@
+// Handles beside other handles and programs, hooks that do more than look, and the ends: of a file,
+// of a handle.
+#include "support.h"
+
+namespace {
+
+using namespace mira;
+using namespace test;
+
+Layout numbered(unsigned count) {
+    Layout layout{0x03, {{"NO", 'C', 3}, {"REST", 'C', 300, 1}}, {}};
+    for (unsigned i = 0; i < count; ++i)
+        layout.records.push_back(padded(" " + std::to_string(100 + i), 304));
+    return layout;
+}
+
+std::string at(DbfBase* h, u32 position) {
+    return ReadRecord(h, position) != 0 ? GetStr(h, 0) : "failed";
+}
+
+TEST(Handle, WhoLooksAgainSeesTheFile) {
+    const TempDir dir;
+    Layout layout = numbered(9);
+    const Table h = openLayout(dir, layout);
+    std::filesystem::create_hard_link(dir.file("t.dbf"), dir.file("l.dbf"));
+    const Table other(OpenBase(dir.file("l.dbf").c_str()));
+    EXPECT_EQ(at(h.get(), 0) + at(h.get(), 1) + at(h.get(), 2), "100101102");
+    layout.records[1] = layout.records[2] = padded(" new", 304);
+    layout.records[5][0] = '*';
+    overwrite(dir.file("t.dbf"), layout.bytes());
+    EXPECT_EQ(at(h.get(), 2) + at(h.get(), 1), "newnew") << "the same again, and back";
+    EXPECT_EQ(at(h.get(), 3) + at(h.get(), 4), "103104");
+    EXPECT_EQ(RecallRecord(h.get(), 5), 1);
+    EXPECT_EQ(readAll(dir.file("t.dbf"))[32 + 64 + 1 + 5 * 304], ' ') << "looks at the file";
+    ReadRecord(other.get(), 0);
+    EXPECT_EQ(WriteRecord(other.get(), 6), 1);
+    EXPECT_EQ(at(h.get(), 6), "100") << "through the other name of the file";
+    EXPECT_EQ(Delete(other.get(), 0), 1);
+    EXPECT_EQ(at(h.get(), 7) + at(h.get(), 8), "108failed");
+}
+
+TEST(Handle, AnAppendedRecordJoinsTheViewThatAHookHasMade) {
+    static void (*hook)(DbfBase*);
+    const std::tuple<const char*, void (*)(DbfBase*), u32> cases[] = {
+        {"sorts", [](DbfBase* h) { SortBase(h, "NO", nullptr); }, 7},
+        {"filters", [](DbfBase* h) { set_filter(h, "NO>\"103\"", nullptr); }, 3},
+        {"clears", [](DbfBase* h) { ClearAllFilter(h); }, 10},
+        {"appends", [](DbfBase* h) { AppendBlank(h, 0); }, 8},
+        {"cuts", [](DbfBase* h) { ClearAllFilter(h), Truncate(h, 2); }, 3}};
+    for (const auto& [name, act, count] : cases) {
+        const TempDir dir;
+        const Table h = openLayout(dir, numbered(9));
+        set_filter(h.get(), "NO>\"102\"", nullptr);
+        SortBase(h.get(), "REST", nullptr);
+        hook = act;
+        h->BeforeWrite = [](DbfBase* base) {
+            base->BeforeWrite = nullptr;
+            hook(base);
+            ClearRecord(base);
+            SetString(base, 0, "new");
+            return 0;
+        };
+        EXPECT_EQ(AppendBlank(h.get(), 1), 1) << name;
+        EXPECT_EQ(reccount(h.get()), count) << name;
+        EXPECT_EQ(at(h.get(), count - 1), "new") << name;
+        EXPECT_EQ((readAll(h->FileName).size() - 97 - 1) / 304, h->Header.RecordCount) << name;
+    }
+}
+
+TEST(Handle, AHookOfInsertAppendsAfterTheRecordsThatAreMoved) {
+    const TempDir dir;
+    const Table h = openLayout(dir, numbered(3));
+    h->BeforeWrite = [](DbfBase* base) {
+        base->BeforeWrite = nullptr;
+        return AppendBlank(base, 0);
+    };
+    EXPECT_EQ(Insert(h.get(), 1, 1), 1);
+    std::string all;
+    for (u32 i = 0; i < reccount(h.get()); ++i) all += at(h.get(), i) + ' ';
+    EXPECT_EQ(all, "100     101 102     ");
+}
+
+TEST(Handle, ATableEndsBefore2GiB) {
+    const TempDir dir;
+    const Table h = openLayout(dir, {0x03, {{"A", 'C', 154, 3}}, {}});  // 923 bytes from 65 on
+    const u32 last = 2326633;                                           // ends at 2^31 - 401
+    std::filesystem::resize_file(h->FileName, 65 + u64{last} * 923);
+    EXPECT_EQ(RefreshDatabase(h.get()), 1);
+    for (const u32 past : {last + 1, 0xFFFFFFFEu}) {
+        EXPECT_EQ(WriteRecord(h.get(), past) + WriteByte(h.get(), past), 0);
+        EXPECT_EQ(WriteField(h.get(), past, 0) + InternalWriteRecord(h.get(), past), 0);
+    }
+    EXPECT_EQ(h->Modified, 0u);
+    EXPECT_EQ(AppendBlank(h.get(), 1), 1);
+    EXPECT_EQ(AppendBlank(h.get(), 1) + Insert(h.get(), last, 1), 0);
+    EXPECT_EQ(reccount(h.get()), last + 1);
+    EXPECT_EQ(GetRecord(h.get(), 0xFFFFFFFF), 0);
+}
+
+TEST(Handle, NothingWorksAfterCloseFile) {
+    const TempDir dir;
+    const Table table = openLayout(dir, numbered(3));
+    DbfBase* const h = table.get();
+    EXPECT_EQ(GetRecord(h, 0) + DupRecord(h), 2);
+    Close_File(h);
+    int (*const onPosition[])(DbfBase*, u32) = {
+        SeekRecord, InternalSeekRecord,  ReadRecord,  GetRecord,    ReadByte,
+        WriteByte,  InternalWriteRecord, WriteRecord, DeleteRecord, RecallRecord,
+        Delete,     InverseRecord,       Truncate,    Pack};
+    for (const auto call : onPosition) {
+        for (const u32 position : {0u, 3u}) EXPECT_EQ(call(h, position), 0);
+    }
+    for (const auto call : {SeekField, ReadField, WriteField}) EXPECT_EQ(call(h, 0, 0), 0);
+    for (const auto call : {RefreshDatabase, WriteHeader, DupRecord, Zap}) EXPECT_EQ(call(h), 0);
+    for (const char flag : {'\0', '\1'}) {
+        EXPECT_EQ(AppendBlank(h, flag) + Insert(h, 0, flag) + MakeBakFile(h, flag), 0);
+    }
+    EXPECT_EQ(reccount(h) + recno(h, 1) + GetOrder(h, 1) + fieldcount(h), 0u);
+    DupToRecord(h);
+    EXPECT_EQ(fieldno(h, 0), 0);
+    EXPECT_STREQ(GetFieldName(h, 0), "NO") << "but what is known of the fields stays";
+}
+
+TEST(Handle, ACallersOwnRecordNeedsNoPrivateState) {
+    const TempDir dir;
+    openLayout(dir, numbered(9));
+    const auto own = std::make_unique<DbfBase>();
+    DbfBase* const h = own.get();
+    SetDefOptions(h);
+    h->TableFile = Open_File(dir.file("t.dbf").c_str());
+    EXPECT_EQ(ReadHeader(h), 1);
+    h->FileName = strdup(dir.file("t.dbf").c_str());
+    EXPECT_EQ(ReadFields(h), 1);
+    std::string all;
+    for (u32 i = 0; i < reccount(h); ++i) all += at(h, i);
+    EXPECT_EQ(all, "100101102103104105106107108");
+    EXPECT_EQ(WriteRecord(h, 0) + Delete(h, 1) + Insert(h, 1, 0) + AppendBlank(h, 0), 4);
+    EXPECT_EQ(SortBase(h, "NO", nullptr), 1);
+    EXPECT_EQ(at(h, 9) + at(h, 0), "108102");
+    ClearAllFilter(h);
+    Close_File(h);
+    std::free(h->FileName);
+}
+
+}  // namespace
