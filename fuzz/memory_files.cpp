@@ -93,6 +93,11 @@ int flagsOf(std::string_view mode) {
     return mode[0] == 'w' ? O_RDWR | O_CREAT | O_TRUNC : mode == "rb" ? O_RDONLY : O_RDWR;
 }
 
+ssize_t readAt(const Stream* s, void* to, std::size_t count, off_t from) {
+    const auto at = std::min(static_cast<std::size_t>(from), s->file->size());
+    return static_cast<ssize_t>(s->file->copy(static_cast<char*>(to), count, at));
+}
+
 std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
     if (s->at >= s->file->size()) return 0;
     const std::size_t got = s->file->copy(static_cast<char*>(to), size * n, s->at);
@@ -177,6 +182,8 @@ WRAP(std::size_t, fread, of(file), readStream(of(file), to, size, n),
      (void* to, std::size_t size, std::size_t n, std::FILE* file), (to, size, n, file))
 WRAP(std::size_t, fwrite, of(file), writeStream(of(file), from, size, n),
      (const void* from, std::size_t size, std::size_t n, std::FILE* file), (from, size, n, file))
+WRAP(ssize_t, pread, of(fd), readAt(of(fd), to, count, from),
+     (int fd, void* to, std::size_t count, off_t from), (fd, to, count, from))
 WRAP(int, fseek, of(file), seekStream(of(file), to, whence),
      (std::FILE * file, long to, int whence), (file, to, whence))
 WRAP(long, ftell, of(file), static_cast<long>(of(file)->at), (std::FILE * file), (file))
