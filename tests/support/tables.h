@@ -105,7 +105,7 @@ struct Layout {
         for (const std::string& r : records) rows += r;
         fields += '\x0D' + backLink;
         const std::size_t size = flavour != kPlain ? 68 : 32;
-        const std::string head = le(version, 1) + "\x18\x0B\x1A" + le(records.size(), 4) +
+        const std::string head = le(version, 1) + "\x1A\x0B\x18" + le(records.size(), 4) +
                                  le(size + fields.size(), 2) + le(recordLength(), 2);
         return padded(head, size, 0) + fields + rows + '\x1A';
     }
