@@ -20,7 +20,6 @@ namespace {
 
 constexpr std::string_view kFolder = "/in-memory/";
 constexpr int kFirstDescriptor = 1000000;
-constexpr std::size_t kLargest = 512 << 10;  // a file cannot grow beyond, as on a full disk
 
 /// Large blocks come back at once, instead of going to the system and coming as fresh pages.
 [[maybe_unused]] const bool keepsBlocks =
@@ -107,7 +106,7 @@ std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
 
 std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size_t n) {
     const std::size_t end = s->at + size * n;
-    if (end > kLargest) return 0;
+    if (end > test::largestFile) return 0;
     s->file->resize(std::max(s->file->size(), end));
     s->file->replace(s->at, size * n, static_cast<const char*>(from), size * n);
     s->at = end;
@@ -159,6 +158,8 @@ char* nextFolder() {
 }
 
 }  // namespace
+
+std::size_t test::largestFile = 0;
 
 std::string_view test::contentsOf(const std::string& path) {
     const Bytes file = find(path);

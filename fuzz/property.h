@@ -93,6 +93,8 @@ private:
 
 /// A file in memory, as it stands.
 std::string_view contentsOf(const std::string& path);
+/// Bytes to which files in memory can grow, as on a full disk; set by every property that writes.
+extern std::size_t largestFile;
 
 // One per surface, in a file of the same name. Inputs above the limit are not looked at.
 struct Surface {

@@ -374,6 +374,7 @@ void Session::step(Input& input) {
 
 void check(Input& input) {
     static const Folder folder;
+    largestFile = 16 << 20;
     const u32 choice = input.byte();
     Session session{kKinds[choice / 4 % std::size(kKinds)], folder.file("t.dbf")};
     session.create(choice % 4 == 3 ? kWide : 10);

@@ -50,6 +50,7 @@ class Values {
 public:
     explicit Values(Input& input) {
         static const Folder folder;
+        largestFile = 16 << 20;
         const auto flavour = static_cast<Flavour>(input.below(3));
         Layout layout{0x03, columnsOf(input, flavour), {}, flavour};
         expected_ = std::string(layout.recordLength(), '.');

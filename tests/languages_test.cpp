@@ -214,10 +214,15 @@ TEST_F(Filter, ACallbackThatSortsLeavesNoOrder) {
 }
 
 TEST_F(Filter, RefusedTextsChangeNothing) {
+    const std::string piece = "QTY=1" + repeat("\"", 1018);
+    EXPECT_EQ(select(piece), (Records{0})) << "1023 characters";
     EXPECT_EQ(select("QTY<2"), (Records{0, 3}));
     ASSERT_EQ(SortBase(h, "NAME", nullptr), 1);
-    for (const std::string& text : {repeat("QTY=1&", 40) + "QTY=1", repeat("&", 5000)})
+    for (const std::string& text : {piece + "\"", "QTY=1|" + piece + "'",
+                                    repeat("QTY=1&", 40) + "QTY=1", repeat("&", 5000)}) {
+        EXPECT_TRUE(isRefused(h, text));
         EXPECT_EQ(set_filter(h, text.c_str(), nullptr), nullptr);
+    }
     EXPECT_EQ(found(), (Records{0, 3}));
     EXPECT_NE(h->SortOrder, nullptr);
     EXPECT_STREQ(h->FilterText, "QTY<2");
