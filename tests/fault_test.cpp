@@ -400,7 +400,6 @@ int view(Sample&, Table& h) {
     return first && filtered;
 }
 
-/// Two records swap a byte of their names in the file's bytes only when both are written whole.
 int writeThird(Sample&, Table& h) {
     if (ReadRecord(h.get(), 2) == 0) return 0;
     h->RecordBuffer[5] = 'W';

@@ -69,12 +69,14 @@ int runProgram(int argc, char** argv) {
     addShow(program, job);
     addExport(program, job);
     addQuery(program, job);
+    addMemo(program, job);
     addImport(program, job);
     addSet(program, job);
     addDelete(program, job);
     addRecall(program, job);
     addPack(program, job);
     addZap(program, job);
+    addCheck(program, job);
     addCommonOptions(program, common);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {

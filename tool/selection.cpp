@@ -241,13 +241,16 @@ bool nextRow(Selection& s) {
     return false;
 }
 
+void tellPage(const Table& table) {
+    if (!table.page.uncertain) return;
+    note("{}: code page {} is only a {}; --code-page NAME says which it is", table.path,
+         pageName(*table.page.page), table.page.from);
+}
+
 bool tellFaults(const Selection& selection) {
     const Table& table = *selection.table;
     for (const std::string& sentence : table.notes) note("{}: {}", table.path, sentence);
-    if (table.page.uncertain) {
-        note("{}: code page {} is only a {}; --code-page NAME says which it is", table.path,
-             pageName(*table.page.page), table.page.from);
-    }
+    tellPage(table);
     for (std::size_t i = 1; i < kFaults; ++i) tellFault(selection, static_cast<Fault>(i));
     return faultCount(selection.faults) != 0;
 }

@@ -94,6 +94,8 @@ inline void readCell(Selection& selection, const Column& column, Value& value) {
     }
 }
 
+/// Tells when the code page is a guess, or a default that met letters beyond ASCII.
+void tellPage(const Table& table);
 /// Tells what was met: values that could not be kept, notes of the table, a guessed code page. True
 /// when a value could not be kept.
 bool tellFaults(const Selection& selection);

@@ -25,11 +25,13 @@ void addTables(CLI::App& program, Job& job);
 void addShow(CLI::App& program, Job& job);
 void addExport(CLI::App& program, Job& job);
 void addQuery(CLI::App& program, Job& job);
+void addMemo(CLI::App& program, Job& job);
 void addImport(CLI::App& program, Job& job);
 void addSet(CLI::App& program, Job& job);
 void addDelete(CLI::App& program, Job& job);
 void addRecall(CLI::App& program, Job& job);
 void addPack(CLI::App& program, Job& job);
 void addZap(CLI::App& program, Job& job);
+void addCheck(CLI::App& program, Job& job);
 
 }  // namespace mira::tool

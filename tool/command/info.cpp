@@ -100,44 +100,8 @@ void putText(Output& out, const Table& table, const Facts& facts) {
 // As JSON
 // --------------------------------------------------------------------------------------------
 
-/// An object that grows.
-class Object {
-public:
-    void text(std::string_view key, std::string_view value) {
-        name(key);
-        putJsonString(json_, value, true);
-    }
-    void textOrNull(std::string_view key, std::string_view value) {
-        if (value.empty()) return raw(key, "null");
-        text(key, value);
-    }
-    void number(std::string_view key, u64 value) { raw(key, std::to_string(value)); }
-    void truth(std::string_view key, bool value) { raw(key, value ? "true" : "false"); }
-    void raw(std::string_view key, std::string_view json) {
-        name(key);
-        json_ += json;
-    }
-    void texts(std::string_view key, const std::vector<std::string>& values) {
-        std::string list = "[";
-        for (const std::string& value : values) {
-            if (list.size() > 1) list += ',';
-            putJsonString(list, value, true);
-        }
-        raw(key, list + "]");
-    }
-    std::string whole() const { return json_ + "}"; }
-
-private:
-    void name(std::string_view key) {
-        if (json_.size() > 1) json_ += ',';
-        putJsonString(json_, key, true);
-        json_ += ':';
-    }
-    std::string json_ = "{";
-};
-
 std::string fieldJson(const Table& table, const Column& column) {
-    Object field;
+    JsonObject field;
     field.text("name", column.name);
     field.text("type", escaped(std::string(1, column.type)));
     field.text("type_name", typeOf(table, column).substr(2));
@@ -151,7 +115,7 @@ std::string fieldJson(const Table& table, const Column& column) {
 }
 
 void putJson(Output& out, const Table& table, const Facts& facts) {
-    Object object;
+    JsonObject object;
     object.text("file", table.path);
     object.number("version", table.storedVersion);
     object.text("flavour", flavourOf(table));
@@ -191,10 +155,7 @@ Status runInfo(const Options& options) {
             const Facts facts = factsOf(*table, true);
             if (shown++ != 0 && !options.json) out.put('\n');
             (options.json ? putJson : putText)(out, *table, facts);
-            if (table->page.uncertain) {
-                note("{}: code page {} is only a {}; --code-page NAME says which it is",
-                     table->path, pageName(*table->page.page), table->page.from);
-            }
+            tellPage(*table);
         } catch (const Refusal& refusal) {
             tellError(refusal.what());
             status = kFound;

@@ -15,41 +15,27 @@
 namespace mira::tool {
 namespace {
 
-constexpr u8 kSmt = 0xE5;
 constexpr u32 kDBase3Unit = 512;
 constexpr char kMemoEnd = 0x1A;
 constexpr u32 kPrefix = 8;
 constexpr u32 kChunk = 16384;
 
-bool isSmt(const Table& table) { return table.base->Header.Version == kSmt; }
-bool isFoxPro(const Table& table) { return table.visual || table.base->Header.Version == 0xF5; }
-bool isDBase4(const Table& table) {
-    const u8 version = table.base->Header.Version;
-    return version == 0x04 || version == 0x8B || version == 0x8C;
-}
+bool isDBase4Memo(const u8* prefix) { return loadLe<u32>(prefix) == 0x0008FFFF; }
 
 /// The memo of a block in MemoFile, by the table's format; null when there is none.
 char* memoOfBlock(const Table& table, MemoReference reference, u32* length) {
     DbfBase* const base = table.base.get();
     *length = reference.length;
-    if (isSmt(table)) return Get_SMTBuf(base, reference.block, length);
-    if (isFoxPro(table)) return Get_FoxProBuf(base, reference.block, length);
-    return isDBase4(table) ? Get_dBase4Buf(base, reference.block, length) : nullptr;
-}
-
-/// Opens the memo file once and takes its measures. False when there is none.
-bool measure(MemoReader& reader, const Table& table) {
-    if (!reader.measured) {
-        reader.measured = true;
-        if (table.base->MemoFileName != nullptr) {
-            reader.file.reset(Open_FileRO(table.base->MemoFileName));
-        }
-        if (reader.file) {
-            reader.unit = hasDBase3Memos(table) ? kDBase3Unit : GetBlockSize(table.base.get());
-            reader.size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);
-        }
+    switch (memoFormat(table)) {
+        case MemoFormat::Smt:
+            return Get_SMTBuf(base, reference.block, length);
+        case MemoFormat::FoxPro:
+            return Get_FoxProBuf(base, reference.block, length);
+        case MemoFormat::DBase4:
+            return Get_dBase4Buf(base, reference.block, length);
+        default:
+            return nullptr;
     }
-    return reader.file != nullptr;
 }
 
 /// Up to the first end byte, or the end of the file.
@@ -70,18 +56,35 @@ MemoResult readDBase3(MemoReader& reader, u64 offset, std::string_view* bytes) {
     return std::ferror(reader.file.get()) != 0 ? MemoResult::Failed : MemoResult::Found;
 }
 
-/// The length that stands before a memo.
-u64 storedLength(MemoReader& reader, const Table& table, u64 offset) {
+/// Whether a memo begins here; *end becomes the place behind its bytes.
+bool prefixedEnd(MemoReader& reader, const Table& table, u64 offset, u64* end) {
     u8 prefix[kPrefix] = {};
-    readFileAt(reader.file.get(), static_cast<u32>(offset), prefix, sizeof prefix);
-    if (isFoxPro(table)) return loadBe32(prefix + 4);
-    return loadLe<u32>(prefix + 4) - u64{kPrefix};
+    const u32 got = readFileAt(reader.file.get(), static_cast<u32>(offset), prefix, sizeof prefix);
+    if (memoFormat(table) == MemoFormat::FoxPro) {
+        *end = offset + kPrefix + loadBe32(prefix + 4);
+        return got == kPrefix && (prefix[0] | prefix[1] | prefix[2]) == 0;
+    }
+    *end = offset + loadLe<u32>(prefix + 4);
+    return got == kPrefix && isDBase4Memo(prefix) && *end >= offset + kPrefix;
+}
+
+/// The place behind the first end byte; that of the file without one.
+u64 markedEnd(MemoReader& reader, u64 offset) {
+    char chunk[kChunk];
+    for (;; offset += kChunk) {
+        const u32 got = readFileAt(reader.file.get(), static_cast<u32>(offset), chunk, kChunk);
+        const std::size_t mark = std::string_view(chunk, got).find(kMemoEnd);
+        if (mark != std::string_view::npos) return offset + mark + 1;
+        if (got < kChunk) return reader.size;
+    }
 }
 
 bool isCut(MemoReader& reader, const Table& table, MemoReference reference, u64 got) {
-    if (isSmt(table)) return got < reference.length;
+    if (memoFormat(table) == MemoFormat::Smt) return got < reference.length;
     const u64 offset = u64{reader.unit} * reference.block;
-    return offset + kPrefix + got >= reader.size && storedLength(reader, table, offset) > got;
+    u64 end = 0;
+    return offset + kPrefix + got >= reader.size && prefixedEnd(reader, table, offset, &end) &&
+           end > offset + kPrefix + got;
 }
 
 }  // namespace
@@ -92,9 +95,23 @@ u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {
     return ReadFile(file, to, static_cast<i32>(count));
 }
 
-bool hasDBase3Memos(const Table& table) {
-    const u8 version = table.base->Header.Version;
-    return version == 0x03 || version == 0x83;
+MemoFormat memoFormat(const Table& table) {
+    if (table.visual) return MemoFormat::FoxPro;
+    switch (table.base->Header.Version) {
+        case 0x03:
+        case 0x83:
+            return MemoFormat::DBase3;
+        case 0x04:
+        case 0x8B:
+        case 0x8C:
+            return MemoFormat::DBase4;
+        case 0xF5:
+            return MemoFormat::FoxPro;
+        case 0xE5:
+            return MemoFormat::Smt;
+        default:
+            return MemoFormat::None;
+    }
 }
 
 bool holdsReference(const Column& column) {
@@ -112,7 +129,7 @@ bool holdsReference(const Column& column) {
 
 MemoReference memoReference(const Table& table, const Column& column) {
     const std::string_view stored = storedBytes(table, column);
-    if (isSmt(table)) {
+    if (memoFormat(table) == MemoFormat::Smt) {
         if (stored.size() < 10) return {false};
         return {true, loadLe<u32>(stored.data() + 6), loadLe<u32>(stored.data() + 2)};
     }
@@ -127,13 +144,47 @@ MemoReference memoReference(const Table& table, const Column& column) {
     return reference;
 }
 
+bool openMemos(MemoReader& reader, const Table& table) {
+    if (!reader.measured) {
+        reader.measured = true;
+        if (table.base->MemoFileName != nullptr) {
+            reader.file.reset(Open_FileRO(table.base->MemoFileName));
+        }
+        if (reader.file) {
+            reader.unit = hasDBase3Memos(table) ? kDBase3Unit : GetBlockSize(table.base.get());
+            reader.size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);
+        }
+    }
+    return reader.file != nullptr;
+}
+
+bool memoEnd(MemoReader& reader, const Table& table, MemoReference reference, u64* end) {
+    const u64 offset = u64{reader.unit} * reference.block;
+    switch (memoFormat(table)) {
+        case MemoFormat::DBase3: {
+            u8 start[4] = {};
+            readFileAt(reader.file.get(), static_cast<u32>(offset), start, sizeof start);
+            *end = markedEnd(reader, offset);
+            return !isDBase4Memo(start);
+        }
+        case MemoFormat::DBase4:
+        case MemoFormat::FoxPro:
+            return prefixedEnd(reader, table, offset, end);
+        case MemoFormat::Smt:
+            *end = offset + reference.length;
+            return true;
+        default:
+            return false;
+    }
+}
+
 MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column,
                     std::string_view* bytes) {
     *bytes = {};
     const MemoReference reference = memoReference(table, column);
     if (!reference.isReference) return MemoResult::Failed;
     if (reference.block == 0 && reference.length == 0) return MemoResult::None;
-    if (!measure(reader, table)) return MemoResult::Failed;
+    if (!openMemos(reader, table)) return MemoResult::Failed;
     if (hasDBase3Memos(table)) return readDBase3(reader, u64{kDBase3Unit} * reference.block, bytes);
     u32 length = 0;
     SetFilePointer(reader.file.get(), 0, nullptr, SEEK_SET);  // a failure shows in the next read

@@ -251,15 +251,6 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
            std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
 }
 
-void noteMissingMemoFile(Table& table) {
-    const DbfBase& base = *table.base;
-    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return;
-    std::error_code ignored;
-    if (std::filesystem::exists(base.MemoFileName, ignored)) return;
-    const std::string name = std::filesystem::path(base.MemoFileName).filename().string();
-    table.notes.push_back("its memo file " + name + " is missing");
-}
-
 }  // namespace
 
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
@@ -288,7 +279,8 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     nameForLibrary(*table);
     readAsText(*table);
     noteUnknownTypes(*table);
-    noteMissingMemoFile(*table);
+    const std::string missing = missingMemos(*table);
+    if (!missing.empty()) table->notes.push_back(missing);
     return table;
 }
 
@@ -361,6 +353,22 @@ bool hasSoftBreaks(const Table& table) {
     return memo != nullptr && sameText(std::filesystem::path(memo).extension().string(), ".dbt");
 }
 
+std::string missingMemos(const Table& table) {
+    const DbfBase& base = *table.base;
+    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return "";
+    std::error_code ignored;
+    if (std::filesystem::exists(base.MemoFileName, ignored)) return "";
+    return "its memo file " + std::filesystem::path(base.MemoFileName).filename().string() +
+           " is missing";
+}
+
+std::string countRepair(const Table& table) {
+    const DbfBase& base = *table.base;
+    if ((base.Status & kCountRepaired) == 0) return "";
+    return "the header counts " + std::to_string(table.storedCount) + " records, the file holds " +
+           std::to_string(base.Header.RecordCount);
+}
+
 std::vector<std::string> repairsOf(const Table& table) {
     std::vector<std::string> repairs;
     const DbfBase& base = *table.base;
@@ -374,10 +382,8 @@ std::vector<std::string> repairsOf(const Table& table) {
     }
     if ((base.Status & kTypesUnknown) != 0 && base.FieldCount == 0)
         repairs.push_back("there are no fields");
-    if ((base.Status & kCountRepaired) != 0) {
-        repairs.push_back("the header counts " + std::to_string(table.storedCount) +
-                          " records, the file holds " + std::to_string(base.Header.RecordCount));
-    }
+    const std::string count = countRepair(table);
+    if (!count.empty()) repairs.push_back(count);
     if (table.storedLength != base.Header.RecordLength) {
         repairs.push_back("the header gives records of " + std::to_string(table.storedLength) +
                           " bytes, the fields add up to " +

@@ -125,6 +125,10 @@ std::string_view libraryName(const Table& table, const Column& column);
 std::string_view flavourOf(const Table& table);
 /// Whether memo texts may hold soft line breaks (8D 0A), as those of ".dbt" files do.
 bool hasSoftBreaks(const Table& table);
+/// "its memo file stock.dbt is missing"; empty when it is there, or there is none to be.
+std::string missingMemos(const Table& table);
+/// "the header counts 2 records, the file holds 3"; empty when they agree.
+std::string countRepair(const Table& table);
 /// What opening repaired, a sentence each.
 std::vector<std::string> repairsOf(const Table& table);
 
