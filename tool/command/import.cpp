@@ -43,10 +43,6 @@ struct Options {
     ChangeOptions change;
 };
 
-const std::map<std::string, TableKind> kKinds = {
-    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
-    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
-
 std::vector<std::string> readHeadings(CsvReader& csv) {
     CsvRow row;
     if (!csv.next(row)) throw Refusal(csv.name() + ": empty; a line of headings is needed");
@@ -400,6 +396,10 @@ Status run(const Options& options) {
 }
 
 void addOptions(CLI::App& command, Options& options) {
+    const std::map<std::string, TableKind> kinds = {
+        {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4},
+        {"foxpro", TableKind::FoxPro}, {"visual", TableKind::Visual},
+        {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
     command.add_option("CSV", options.csv, "The file to read, - for standard input")->required();
     command.add_option("TABLE", options.table, "The table to write")->required();
     auto* const like =
@@ -414,7 +414,7 @@ void addOptions(CLI::App& command, Options& options) {
                            .add_option("--kind", options.kind,
                                        "dbase3 (default), dbase4, foxpro, visual, smt, level7")
                            ->type_name("KIND")
-                           ->transform(CLI::CheckedTransformer(kKinds).description(""));
+                           ->transform(CLI::CheckedTransformer(kinds).description(""));
     auto* const block =
         command.add_option("--block-size", options.blockSize, "Bytes per block of the memo file")
             ->type_name("N")
