@@ -8,14 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "support/tables.h"
+
 namespace bench {
 
-struct Column {
-    const char* name;
-    char type;
-    unsigned length;
-    unsigned decimals = 0;
-};
+using test::Column;
 
 /// Repeatable pseudo-random numbers (xorshift).
 class Random {
@@ -110,7 +107,7 @@ inline const std::vector<Column> kNumbers = {
 inline const std::vector<Column> kBinary = {{"ID", 'I', 4}, {"RATE", 'B', 8, 3}, {"AMOUNT", 'Y', 8},
                                             {"AT", 'T', 8}, {"DAY", 'D', 8},     {"NOTE", 'C', 24}};
 
-/// Visual FoxPro leaves room for the path of a database behind the descriptors.
+/// Visual FoxPro leaves room for the path of a database after the descriptors.
 constexpr unsigned char kVisualFoxPro = 0x30;
 constexpr std::size_t kBacklinkSize = 263;
 
@@ -119,25 +116,12 @@ inline bool writeTable(const std::string& path, unsigned char version,
                        const std::vector<Column>& columns, unsigned count) {
     std::FILE* file = std::fopen(path.c_str(), "wb");
     if (file == nullptr) return false;
-    std::vector<char> head(32 + 32 * columns.size() + 1);
-    unsigned recordLength = 1;
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        char* d = head.data() + 32 + 32 * i;
-        std::strncpy(d, columns[i].name, 10);
-        d[11] = columns[i].type;
-        d[16] = static_cast<char>(columns[i].length);
-        d[17] = static_cast<char>(columns[i].decimals);
-        recordLength += columns[i].length;
-    }
-    head.back() = 0x0D;
-    if (version == kVisualFoxPro) head.resize(head.size() + kBacklinkSize);
-    head[0] = static_cast<char>(version);
-    putLe(&head[1], 0x180C18, 3);
-    putLe(&head[4], count, 4);
-    putLe(&head[8], head.size(), 2);
-    putLe(&head[10], recordLength, 2);
+    test::Layout layout{version, columns};
+    if (version == kVisualFoxPro) layout.backLink.resize(kBacklinkSize);
+    std::string head = layout.bytes().replace(4, 4, test::le(count, 4));
+    head.pop_back();  // the end-of-file byte
     bool whole = std::fwrite(head.data(), 1, head.size(), file) == head.size();
-    std::vector<char> record(recordLength, ' ');
+    std::vector<char> record(layout.recordLength(), ' ');
     Random random;
     for (unsigned i = 0; i < count && whole; ++i) {
         char* to = record.data() + 1;

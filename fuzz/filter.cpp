@@ -43,6 +43,7 @@ struct Open {
                     padded(i < row.size() ? row[i] : "", kColumns[i].width(), binary ? '\0' : ' ');
             }
         }
+        largestFile = 16 << 20;
         table = openLayout(folder, layout);
         CHECK(table != nullptr && table->Header.RecordCount == kRows.size());
     }
@@ -71,18 +72,20 @@ using Records = std::vector<u32>;
 
 void checkFilter(const Open& open, DbfBase* h, const std::string& text) {
     Records expected;
+    const bool refused = isRefused(h, text);
     const auto work = std::make_unique<FilterWork>();
     for (u32 i = 0; i < kRows.size(); ++i) {
         const u32 record = h->Reverse != 0 ? static_cast<u32>(kRows.size()) - 1 - i : i;
         const bool wanted = passes({h, open.layout.records[record]}, text);
         if (wanted) expected.push_back(record);
+        if (i != text.size() % kRows.size()) continue;
         CHECK(ReadRecord(h, i) == 1);
         h->FilterState = work.get();
-        CHECK_EQUAL(ValidRecord(h, text.c_str()), wanted && !isRefused(h, text));
+        CHECK_EQUAL(ValidRecord(h, text.c_str()), wanted && !refused);
         h->FilterState = nullptr;
     }
-    CHECK_EQUAL(set_filter(h, text.c_str(), nullptr), isRefused(h, text) ? nullptr : h);
-    if (isRefused(h, text)) return CHECK(h->FilterIndex == nullptr && h->FilterText == nullptr);
+    CHECK_EQUAL(set_filter(h, text.c_str(), nullptr) != h, refused);
+    if (refused) return CHECK(h->FilterIndex == nullptr && h->FilterText == nullptr);
     CHECK(Records(h->FilterIndex, h->FilterIndex + h->FilterCount) == expected);
     CHECK(h->FilterText == text && h->FilterState == nullptr);
     ClearAllFilter(h);
@@ -115,6 +118,6 @@ void check(Input& input) {
 
 }  // namespace
 
-const Surface kFilter{"filter", check, 3000};
+const Surface kFilter{"filter", check, 600};
 
 }  // namespace test

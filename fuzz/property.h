@@ -4,10 +4,10 @@
 
 #include <cstring>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "support/bytes.h"
 
@@ -17,12 +17,24 @@ namespace test {
     throw std::runtime_error(file + ":"s + std::to_string(line) + ": " + what);
 }
 
+/// Bytes that are no characters as numbers.
+template <typename T>
+std::string visible(const T& value) {
+    if constexpr (std::is_arithmetic_v<T>) {
+        return std::to_string(value);
+    } else {
+        std::string out;
+        for (const char c : std::string_view(value))
+            out +=
+                c >= ' ' && c <= '~' ? std::string(1, c) : printed("\\x%02X", static_cast<u8>(c));
+        return out;
+    }
+}
+
 template <typename A, typename B>
 void checkEqual(const A& got, const B& wanted, const char* file, int line, const char* what) {
     if (got == wanted) return;
-    std::ostringstream text;
-    text << what << " is '" << got << "' instead of '" << wanted << "'";
-    fail(file, line, text.str());
+    fail(file, line, what + " is "s + visible(got) + ", not " + visible(wanted));
 }
 
 #define CHECK(condition)             \
@@ -78,6 +90,11 @@ public:
 private:
     std::unique_ptr<char[]> block_;
 };
+
+/// A file in memory, as it stands.
+std::string_view contentsOf(const std::string& path);
+/// Bytes to which files in memory can grow, as on a full disk; set by every property that writes.
+extern std::size_t largestFile;
 
 // One per surface, in a file of the same name. Inputs above the limit are not looked at.
 struct Surface {

@@ -8,6 +8,12 @@
 ///     names no field reads as the neutral value (empty text, 0, 0.0, null) and stores nothing.
 ///   - Texts are 8-bit and end with a zero byte. No operation throws or prints.
 ///   - A handle belongs to one thread at a time; different handles may be used on several threads.
+///
+/// Programs use the records below directly. Under one soname (libmira.so.2) their size, members and
+/// offsets therefore stay as they are, and so do the name, arguments and results of every
+/// operation. Operations may be added, and what Private points to may change. A program can check
+/// at its start that it fits the library it runs with: GetVerMIRAlib(2) == sizeof(DbfBase), and
+/// GetVerMIRAlib(0) is at least the version that it was built for, 291 for 2.9.1.
 #ifndef MIRA_H
 #define MIRA_H
 
@@ -53,7 +59,7 @@ struct DbfHeader {
     u32 RecordCount;   ///< number of records
     u16 HeaderLength;  ///< file offset of record 0
     u16 RecordLength;  ///< bytes per record, deletion flag included
-    u8 Rest[56];       ///< header bytes 12 to 67, carried unchanged
+    u8 Rest[56];       ///< header bytes 12 to 67, carried unchanged; [17] is the code page mark
 };
 
 /// One field descriptor.
@@ -95,7 +101,7 @@ struct FilterWork {
 struct DbfBase {
     std::FILE* TableFile;   ///< the table file
     std::FILE* MemoFile;    ///< the memo file, open only during one memo call
-    u32 Status;             ///< 1 version repaired, 2 unknown field types, 4 record count repaired
+    u32 Status;             ///< sum: 1 version repaired, 2 types unknown, 4 record count repaired
     char* FileName;         ///< path of the table; owned
     char* MemoFileName;     ///< path of the memo file; owned
     char* AliasFileName;    ///< path of the alias file; owned
@@ -113,7 +119,7 @@ struct DbfBase {
     i32 SkipDeleted;     ///< filters reject deleted records
     i32 Reverse;         ///< positions count from the last record
     i32 BackupEnabled;   ///< the first write makes a backup copy
-    i32 BackupDone;      ///< the backup copy has been made
+    i32 BackupDone;      ///< a whole backup copy has been made
     char* BackupName;    ///< path of the backup copy, 260 bytes; owned; null: none can be made
     i32 NoBracketCheck;  ///< filters do not balance parentheses
     i32 RawNumeric;      ///< N and F fields show exactly as stored
@@ -299,7 +305,8 @@ int DupRecord(DbfBase*);
 /// Copies SavedRecord, when there is one, back into RecordBuffer.
 void DupToRecord(DbfBase*);
 /// Copies the table file to BackupName when BackupEnabled is set and no copy has been made, or
-/// when force is non-zero. 0 when there is no usable backup name.
+/// when force is non-zero. 0 when there is no usable backup name; 1 also when copying failed, which
+/// BackupDone tells: the copy takes its name only when it is whole, an earlier one stays till then.
 int MakeBakFile(DbfBase*, char force);
 ///@}
 
@@ -327,22 +334,26 @@ void WriteBackLink(DbfBase* destination, DbfBase* source);
 ///@{
 // --------------------------------------------------------------------------------------------
 
-/// Marks a record deleted; 1 also when it was, or cannot be read.
+/// Marks a record deleted; 1 also when it was, is not there, or cannot be read.
 int DeleteRecord(DbfBase*, u32 position);
-/// Takes the deletion mark away; 1 also when there was none, or the record cannot be read.
+/// Takes the deletion mark away; 1 also when there was none, or no record that can be read.
 int RecallRecord(DbfBase*, u32 position);
 /// Toggles the deletion mark.
 int InverseRecord(DbfBase*, u32 position);
-/// Removes a physical record from the file.
+/// Removes a physical record from the file. On failure 0, the table as it was; where that fails
+/// too, every record is still there, one perhaps twice.
 int Delete(DbfBase*, u32 record);
-/// Inserts a record, blank or a copy of RecordBuffer, before position (0 to RecordCount).
+/// Inserts a record, blank or a copy of RecordBuffer, before position (0 to RecordCount). Failures
+/// as for Delete.
 int Insert(DbfBase*, u32 position, char blank);
 /// Keeps the first count records.
 int Truncate(DbfBase*, u32 count);
 /// Truncate to no record. The memo file stays.
 int Zap(DbfBase*);
 /// Mode 0 drops deleted records and rebuilds the memo file, 1 only drops records, 2 only rebuilds
-/// the memo file. The old memo file stays under its name with "~" for the extension's first letter.
+/// the memo file; others do nothing. The old memo file stays under its name with "~" for the
+/// extension's first letter. dBase III memos are copied up to their first 0x1A. 0 on failure, after
+/// which Pack may be called again.
 int Pack(DbfBase*, u32 mode);
 ///@}
 
@@ -447,7 +458,7 @@ void SetTimeStamp(DbfBase*, int field, int year, int month, int day, int hour, i
 // --------------------------------------------------------------------------------------------
 /// @name Numbers
 /// Getters decode from, setters encode into RecordBuffer. A value that does not fit its field
-/// leaves the field as it was.
+/// leaves the field as it was. In level-7 tables integers lose their sign (see docs/formats.md).
 ///@{
 // --------------------------------------------------------------------------------------------
 
@@ -484,8 +495,9 @@ void SetFloat(DbfBase*, int field, double value);
 ///@{
 // --------------------------------------------------------------------------------------------
 
-/// Stores text or number, whichever the field's type takes. Memo fields store the text in the
-/// memo file at once: number bytes of it when number is above 0, else up to its zero byte.
+/// Stores text or number, whichever the field's type takes. A number that does not fit its field
+/// leaves it as it was, but beyond 32 bits an integer field becomes 0. Memo fields store the text
+/// in the memo file at once: number bytes of it when number is above 0, else up to its zero byte.
 void SetValue(DbfBase*, int field, const char* text, double number);
 /// Copies text into the field, cut to its length; a shorter text does not pad the field.
 void SetString(DbfBase*, int field, const char* text);
@@ -524,8 +536,9 @@ void myqsort(void* base, u32 count, u32 width, CompareFunction compare, DbfBase*
 void shortsort(char* low, char* high, u32 width, CompareFunction compare, DbfBase*);
 /// Exchanges width bytes.
 void myswap(char* a, char* b, u32 width);
-/// Bisects the current order for a field text that begins with text. Returns its position; else
-/// -1 when exact is non-zero, or the position where the search ended.
+/// Bisects the current order, which must be ascending by field, for a field text (as GetStr shows
+/// it) that begins with text. Returns its position; else -1 when exact is non-zero, or the position
+/// where the search ended. Negative numbers are not found: their texts sort otherwise.
 i32 SeekValue(DbfBase*, int field, const char* text, char exact);
 ///@}
 
@@ -554,9 +567,10 @@ int CreateMemoFile(const char* tablePath, u32 kind, u32 blockSize);
 int SeekMemo(DbfBase*, u32 unit, u32 block);
 /// Places MemoFile at byte 0.
 int SeekMemoZero(DbfBase*);
-/// The memo of a field of the current record as text; null when there is none.
+/// The memo of a field of the current record as text; null when there is none or it cannot be read
+/// (GetStr says "Full memo" in the second case).
 char* GetMemo(DbfBase*, i32 field);
-/// The memo's bytes, their count stored in length; null when there is none.
+/// The memo's bytes, their count stored in length; null as for GetMemo.
 char* GetMemoBuf(DbfBase*, i32 field, u32* length);
 /// Releases MemoBuffer.
 void FreeMemo(DbfBase*);
@@ -694,10 +708,11 @@ void CheckBrackets(DbfBase*, char* text);
 // --------------------------------------------------------------------------------------------
 
 /// Keeps the records of the current view that satisfy text; null applies FilterText again, the
-/// pointer value -1 takes every record (but no deleted one while SkipDeleted is set). Drops the
-/// sort order. callback, which may be null, is called after each record; when it stops the run,
-/// the table is unfiltered. Returns the handle; null, with nothing changed, when there is no text,
-/// the text exceeds the work area, or memory runs out.
+/// pointer value -1, reinterpret_cast<const char*>(std::intptr_t{-1}), takes every record (but no
+/// deleted one while SkipDeleted is set). Drops the sort order. callback, which may be null, is
+/// called after each record; when it stops the run, the table is unfiltered. Returns the handle;
+/// null, with nothing changed, when there is no text, the text exceeds the work area, or memory
+/// runs out.
 DbfBase* set_filter(DbfBase*, const char* text, StopCallback callback);
 /// 1 when the record in RecordBuffer satisfies text.
 int ValidRecord(DbfBase*, const char* text);

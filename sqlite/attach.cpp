@@ -52,7 +52,7 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
 }  // namespace
 
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options) {
-    const std::string name = freeName(connection, tool::stemOf(path));
+    std::string name = freeName(connection, tool::stemOf(path));
     const std::string statement = "CREATE VIRTUAL TABLE temp." + tool::quotedName(name) +
                                   " USING mira(" + quotedText(path) + options + ")";
     char* message = nullptr;

@@ -1,273 +1,162 @@
-// Structural edits, checked against a model of the table that lives in the test.
-#include <numeric>
-#include <set>
+// Creating and writing tables, in what is not the matter of the session in fuzz/: whole files,
+// hooks, backup copies, the names of memo files.
+#include "cases.h"
 
-#include "support.h"
-
+namespace test {
 namespace {
 
-using namespace mira;
-using namespace test;
-
-Layout numbered(unsigned count, unsigned width) {
-    Layout layout{0x03, {{"F", 'C', width % 256, width / 256}}, {}};
-    for (unsigned i = 0; i < count; ++i) {
-        layout.records.push_back(padded(" * "[i % 3] + std::to_string(i), width + 1, '.'));
-    }
-    return layout;
+/// The bytes of a new table: without the end-of-file byte.
+std::string created(const Layout& layout) {
+    std::string bytes = layout.bytes().replace(1, 3, today(true));
+    bytes.pop_back();
+    return bytes;
 }
 
-TEST(Edit, MovesRecordsOfEverySize) {
-    for (const unsigned length : {1u, 1000u, 60000u}) {
-        const TempDir dir;
-        Layout model = numbered(std::max(9u, 400000 / (length + 99)), length);
-        const Table h = openLayout(dir, model);
-        for (u32 step = 0; step < 20; ++step) {
-            const u32 at = step * 7 % reccount(h.get());
-            EXPECT_EQ(step % 2 == 0 ? Delete(h.get(), at) : Insert(h.get(), at, 0), 1);
-            if (step % 2 == 0) {
-                model.records.erase(model.records.begin() + at);
-            } else {
-                model.records.insert(model.records.begin() + at, recordOf(h.get()));
-            }
-            ASSERT_TRUE(readAll(h->FileName) == model.bytes().replace(1, 3, today())) << step;
-        }
-    }
-}
-
-TEST(Edit, FlagsAndRefusals) {
-    const TempDir dir;
-    Layout layout = numbered(9, 5);
-    const Table h = openLayout(dir, layout);
-    for (u32 i = 0; i < 9; ++i) {
-        EXPECT_EQ((i < 3 ? DeleteRecord : i < 6 ? RecallRecord : InverseRecord)(h.get(), i), 1);
-        layout.records[i][0] = "***   * *"[i];
-    }
-    h->Reverse = 1;
-    EXPECT_EQ(DeleteRecord(h.get(), 99) + RecallRecord(h.get(), 99), 2);
-    EXPECT_EQ(Delete(h.get(), 0) + Truncate(h.get(), 1) + Insert(h.get(), 9, 1), 0);
-    EXPECT_EQ(readAll(h->FileName), layout.bytes());
-}
-
-TEST(Edit, PackWritesTheSameGatheredOrOneByOne) {
-    const TempDir dir;
-    for (const unsigned length : {3u, 700u, 65000u}) {
-        for (const bool oneByOne : {false, true}) {
-            Layout model = numbered(length == 700 ? 1000 : 12, length);
-            const Table h = openLayout(dir, model);
-            if (oneByOne) h->BeforeWrite = [](DbfBase*) { return 0; };
-            h->BackupEnabled = h->Reverse = 1;
-            EXPECT_EQ(Pack(h.get(), 1), 1);
-            EXPECT_TRUE(readAll(h->BackupName) == model.bytes());
-            std::erase_if(model.records, [](const std::string& r) { return r[0] == '*'; });
-            EXPECT_TRUE(readAll(h->FileName) == model.bytes().replace(1, 3, today()));
-        }
+TEST(Create, WritesEveryFlavourWithEveryType) {
+    // Kind, version, type, length given, and what it becomes.
+    const std::string name = "A_NAME_OF_THIRTY_TWO_CHARACTERS!";
+    const Folder folder;
+    for (const auto& row : cases("create")) {
+        const u32 kind = static_cast<u32>(std::stoul(row[0]));
+        const auto number = [&](std::size_t i) { return static_cast<u32>(std::stoul(row[i])); };
+        const char type = row[2][0];
+        const Flavour flavour = kind == 7 ? kLevel7 : kPlain;
+        const Layout layout{static_cast<u8>(std::stoul(row[1], nullptr, 16)),
+                            {{name.substr(0, kind == 7 ? 31 : 10), 'C', 44, 1},
+                             {"F", type, number(4) % 256, number(4) / 256}},
+                            {},
+                            flavour,
+                            std::string(kind == 3 ? 263 : 0, '\0')};
+        std::string expected = created(layout);
+        // Offsets, which many programs leave zero.
+        expected.replace(kind == 7 ? 104 : 44, 1, "\1").replace(kind == 7 ? 152 : 76, 2, "\x2D\1");
+        if (layout.version == 0x30) expected.replace(28, 2, "\3\3");
+        DbfField fields[2] = {};
+        CreateField(&fields[0], name.c_str(), 'C', 300);
+        CreateField(&fields[1], "F", type, static_cast<int>(number(3)));
+        ASSERT_EQ(CreateDatabase(folder.file("t").c_str(), fields, 2, kind, 64, 1), 1);
+        EXPECT_EQ(readAll(folder.file("t")), expected) << kind << ", " << row[2] << row[3];
+        EXPECT_EQ(fields[1].Offset, 301);
     }
 }
 
-/// Five records of two memo fields; the second is deleted, the last has no memos. Those of record
-/// i are of one character and of 30000 * i more, the second stored twice.
-Table withMemos(const TempDir& dir, u8 version, u32 kind) {
-    const unsigned length = kind == 3 ? 4 : 10;
-    Layout layout{version, {{"A", 'M', length}, {"B", 'G', length}}, {}};
-    layout.records.resize(5, padded("", 1 + 2 * length, kind < 3 ? ' ' : '\0'));
-    layout.records[1][0] = '*';
-    Table h = openLayout(dir, layout);
-    CreateMemoFile(h->FileName, kind, 64);
-    for (u32 i = 0; i < 4; ++i) {
-        ReadRecord(h.get(), i);
-        const char letter = static_cast<char>('a' + i);
-        for (const u32 field : {0u, 1u, 1u})
-            SetMemo(h.get(), field, std::string(30000 * i * field + 1, letter).c_str());
-        WriteRecord(h.get(), i);
-    }
-    return h;
-}
-
-/// The first character of every memo, and its length, of which one format reads only 65535.
-std::string memosOf(DbfBase* h) {
-    std::string all;
-    for (u32 i = 0; i < 2 * reccount(h); ++i) {
-        ReadRecord(h, i / 2);
-        const std::string memo = memoOf(h, i % 2).value_or("").substr(0, 65535);
-        all += memo.substr(0, 1) + std::to_string(memo.size()) + (i % 2 == 0 ? ' ' : ',');
-    }
-    return all;
-}
-
-TEST(Edit, PackRebuildsTheMemoFile) {
-    const TempDir dir;
-    const std::pair<u8, u32> formats[] = {{0x83, 0}, {0x8B, 2}, {0x30, 3}, {0xE5, 4}, {0xF5, 1}};
-    for (const auto& [version, kind] : formats) {
-        for (const u32 mode : {0u, 2u, 1u}) {
-            const Table h = withMemos(dir, version, kind);
-            if (kind == 1) std::filesystem::rename(h->MemoFileName, dir.file("T.FPT"));
-            GetMemoType(h.get());  // finds that, too
-            const std::string name = h->MemoFileName, before = readAll(name);
-            const std::string oldName = std::string(name).replace(name.size() - 3, 1, "~");
-            writeAll(oldName, "older");
-            EXPECT_EQ(Pack(h.get(), mode), 1) << kind;
-            EXPECT_EQ(memosOf(h.get()), mode == 2 ? "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,"
-                                                  : "a1 a1,c1 c60001,d1 d65535,0 0,");
-            const std::string after = readAll(h->MemoFileName);
-            EXPECT_EQ(after.size() < before.size() - 180000, mode != 1) << "nothing unused";
-            EXPECT_NE(after.find(std::string(90001, 'd')), std::string::npos);
-            std::filesystem::remove(h->MemoFileName);
-            EXPECT_EQ(Pack(h.get(), 2), 1);
-            EXPECT_TRUE(readAll(oldName) == (mode == 1 ? "older" : before)) << "stays";
-        }
+TEST(Create, RefusesWithoutTouchingTheFile) {
+    const Folder folder;
+    writeAll(folder.file("t"), "kept");
+    std::vector<DbfField> fields(2046);
+    for (const int count : {-1, 2046, 2}) {  // a header of 65768 bytes, a record of 80001
+        if (count == 2) fields[0] = fields[1] = {"F", 'C', 64, 156, 0, 0};
+        EXPECT_EQ(CreateDatabase(folder.file("t").c_str(), fields.data(), count, 3, 0, 0), 0);
+        EXPECT_EQ(readAll(folder.file("t")), "kept") << count;
+        EXPECT_EQ(fields[1].Offset, 0) << count;
     }
 }
 
-/// As a cipher does it: the bytes on the disk are others than those of the buffer.
-int invert(DbfBase* h) {
-    for (u32 i = 1; i < h->Header.RecordLength; ++i) h->RecordBuffer[i] ^= 0xFF;
-    return 0;
+TEST(Create, CopiesTheBackLink) {
+    const Folder folder;
+    const std::string link = padded("base.dbc", 263, 7), none(263, 0);
+    const Layout from{0x30, {{"F", 'C', 5}}, {}, kPlain, link}, plain{0x30, {{"F", 'C', 5}}};
+    Layout to{0x30, {{"F", 'C', 5}, {"G", 'L', 1}}, {}, kPlain, none};
+    const Table source = openLayout(folder, from, "from"), target = openLayout(folder, to, "to"),
+                without = openLayout(folder, plain, "plain");
+    WriteBackLink(target.get(), source.get());
+    WriteBackLink(source.get(), without.get());
+    WriteBackLink(without.get(), source.get());
+    to.backLink = link;
+    EXPECT_EQ(readAll(folder.file("to")), to.bytes());
+    EXPECT_EQ(readAll(folder.file("from")), from.bytes());
+    EXPECT_EQ(readAll(folder.file("plain")), plain.bytes());
 }
 
-TEST(Edit, PackReadsAndWritesEachRecordOnceThroughItsHooks) {
-    static int reads, writes;
-    const TempDir dir;
-    const Table h = withMemos(dir, 0xF5, 1);
-    for (u32 i = 0; i < 5; ++i) {
-        ReadRecord(h.get(), i);
-        invert(h.get());
-        WriteRecord(h.get(), i);
+/// More than two of the chunks in which files are copied and records moved.
+const Layout kMany{0x03,
+                   {{"NAME", 'C', 44, 1}, {"NUM", 'I', 4}},
+                   std::vector<std::string>(1000, padded(" one", 305))};
+
+TEST(Write, EachPieceGoesToItsPlaceAfterItsHook) {
+    static std::string log;
+    const Folder folder;
+    Layout layout = kMany;
+    const Table h = openLayout(folder, layout);
+    h->BeforeWrite = [](DbfBase* base) {
+        log += base->Modified != 0 ? "late" : "record";
+        base->RecordBuffer[2] = 'H';
+        return SeekRecord(base, 2);  // where a hook leaves the file does not matter
+    };
+    h->BeforeWriteByte = [](DbfBase*) { return log += "byte", 0; };
+    h->DeleteFlag = '?';
+    const std::string rest = padded("", 298, 'n') + "\1\2\3\4";
+    setRecord(h.get(), "!nx" + rest);
+    const std::tuple<int (*)(DbfBase*, u32), std::string, std::string> writes[] = {
+        {WriteByte, "byte", "?" + layout.records[1].substr(1)},
+        {[](DbfBase* b, u32 position) { return WriteField(b, position, 0); }, "",
+         "?nx" + rest.substr(0, 298) + "    "},
+        {InternalWriteRecord, "record", "!nH" + rest},
+        {WriteRecord, "record", "!nH" + rest}};
+    for (const auto& [write, called, written] : writes) {
+        EXPECT_EQ(write(h.get(), 0x7FFFFFFF), 0) << "out of reach";
+        EXPECT_EQ(write(h.get(), 1), 1);
+        EXPECT_EQ(std::exchange(log, ""), called);
+        EXPECT_EQ(std::exchange(h->Modified, 0), 1u);
+        layout.records[1] = written;
+        EXPECT_TRUE(readAll(h->FileName) == layout.bytes());
     }
-    h->AfterRead = [](DbfBase* base) { return ++reads, invert(base); };
-    h->BeforeWrite = [](DbfBase* base) { return ++writes, invert(base); };
-    EXPECT_EQ(Pack(h.get(), 2), 1);
-    EXPECT_EQ(std::pair(reads, writes), std::pair(5, 5));
-    EXPECT_EQ(memosOf(h.get()), "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,");
+    for (const int none : {2, -1}) EXPECT_EQ(WriteField(h.get(), 0, none), 0);
+    h->BeforeWrite = [](DbfBase* base) {
+        return log += base->UseFilterIndex != 0 ? "mapped" : "plain", 0;
+    };
+    EXPECT_EQ(AppendBlank(h.get(), 0), 1);
+    EXPECT_EQ(log, "plain") << "positions are records meanwhile";
+    EXPECT_EQ(h->UseFilterIndex, 1);
 }
 
-TEST(Edit, PackLeavesWideTextAndClearsWhatLeadsNowhere) {
-    const TempDir dir;
-    const std::string wide = "no reference 1", digits = padded("", 9);
-    const Table h = openLayout(dir, {0x83,
-                                     {{"W", 'W', 14}, {"M", 'M', 10}},
-                                     {" " + wide + digits + "1", " " + wide + "   9999999"}});
-    const std::string memo = "a\0"s + std::string(70000, 'b') + "\x1A";
-    writeAll(h->MemoFileName, padded("\1", 512, 0) + memo + "unused");
-    EXPECT_EQ(Pack(h.get(), 2), 1);
-    EXPECT_TRUE(readAll(h->MemoFileName) == padded("\x8A", 512, 0) + memo) << "zeros included";
-    for (const char* last : {"1", " "}) {
-        ReadRecord(h.get(), *last == ' ');
-        EXPECT_EQ(recordOf(h.get()), " " + wide + digits + last);
+TEST(Write, BackupIsMadeOnceAndWhole) {
+    const Folder folder;
+    const std::string bytes = kMany.bytes();
+    const Table h = openLayout(folder, kMany), own = openLayout(folder, kMany, "own.bak");
+    writeAll(h->BackupName, "older");
+    const std::tuple<i32, rlim_t, std::string> copies[] = {
+        {0, 400000, "older"}, {1, 40000, "older"}, {1, 400000, bytes}};
+    for (const auto& [enabled, room, copy] : copies) {
+        overwrite(h->FileName, bytes);
+        const FileSizeLimit limit(room);
+        h->BackupEnabled = enabled;
+        setRecord(h.get(), " other");
+        for (u32 i = 0; i < 2; ++i) EXPECT_EQ(WriteRecord(h.get(), i), 1);
+        EXPECT_TRUE(readAll(h->BackupName) == copy) << room;
+        EXPECT_EQ(h->BackupDone, copy == bytes);
     }
+    std::filesystem::remove(h->BackupName);
+    std::filesystem::create_directory(h->BackupName);
+    EXPECT_EQ(MakeBakFile(h.get(), 1), 1);
+    EXPECT_EQ(h->BackupDone, 0) << "a directory stays";
+    std::filesystem::remove(h->BackupName);
+    std::filesystem::create_hard_link(h->FileName, h->BackupName);
+    EXPECT_EQ(MakeBakFile(h.get(), 1), 0) << "the table by another name";
+    std::filesystem::remove(h->BackupName);
+    const std::string now = readAll(h->FileName);
+    writeAll(folder.file("t.~a0"), now.substr(0, 40000));  // what a killed copy has left
+    writeAll(folder.file("t.~a1"), "another's");
+    EXPECT_EQ(MakeBakFile(h.get(), 1), 1);
+    EXPECT_EQ(h->BackupDone, 1);
+    EXPECT_TRUE(readAll(h->BackupName) == now);
+    EXPECT_EQ(readAll(folder.file("t.~a1")), "another's");
+    EXPECT_FALSE(std::filesystem::exists(folder.file("t.~a0")));
+    EXPECT_EQ(MakeBakFile(own.get(), 1), 0) << "is its own backup";
+    EXPECT_TRUE(readAll(own->FileName) == bytes);
 }
 
-/// The files of a directory and what they hold.
-std::string filesOf(const TempDir& dir) {
-    std::set<std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.file("")))
-        files.insert(entry.path().string() + '=' + readAll(entry.path().string()) + '\n');
-    return std::accumulate(files.begin(), files.end(), std::string());
-}
-
-TEST(Edit, PackThatFailsCanBeCalledAgain) {
-    const std::string memos = "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,";
-    for (const u32 kind : {0u, 3u}) {
-        const TempDir dir;
-        const Table h = withMemos(dir, kind == 0 ? 0x83 : 0x30, kind);
-        const std::string before = filesOf(dir);
-        {
-            const FileSizeLimit noRoom(150000);
-            EXPECT_EQ(Pack(h.get(), 2), 0);
-            EXPECT_TRUE(filesOf(dir) == before);
-        }
-        EXPECT_EQ(Pack(h.get(), 2), 1);
-        EXPECT_EQ(memosOf(h.get()), memos);
-    }
-}
-
-TEST(Edit, PackThatStopsAmongTheRecordsIsFinishedByTheNext) {
-    const TempDir dir;
-    Layout layout{0x30, {{"F", 'C', 160, 15}, {"M", 'M', 4}}, {}};
-    for (const char* start : {" a", "*b", " c"})
-        layout.records.push_back(padded(start, 4001) + "\0\0\0\0"s);
-    const Table h = openLayout(dir, layout);
-    CreateMemoFile(h->FileName, 3, 64);
-    for (u32 i = 0; i < 3; ++i) {
-        ReadRecord(h.get(), i);
-        SetMemo(h.get(), 1, "unused");
-        SetMemo(h.get(), 1, std::string(1, "abc"[i]).c_str());
-        WriteRecord(h.get(), i);
-    }
-    const std::string name = h->MemoFileName, before = readAll(name);
-    const std::string oldName = std::string(name).replace(name.size() - 3, 1, "~");
-    ASSERT_EQ(Pack(h.get(), 1), 1);
-    {
-        const FileSizeLimit oneRecord(5000);  // no more of the table can be written
-        EXPECT_EQ(Pack(h.get(), 2), 0);
-    }
-    EXPECT_TRUE(readAll(oldName) == before) << "whole";
-    EXPECT_EQ(ReadRecord(h.get(), 0), 1);
-    EXPECT_EQ(memoOf(h.get(), 1), std::nullopt) << "rather than another's text";
-    EXPECT_EQ(SetMemo(h.get(), 1, "x") + Delete(h.get(), 0) + Insert(h.get(), 0, 1), 0);
-    EXPECT_EQ(Zap(h.get()), 0);
-    EXPECT_EQ(Pack(Table(OpenBase(h->FileName)).get(), 2), 1);
-    for (u32 i = 0; i < 2; ++i) {
-        ReadRecord(h.get(), i);
-        EXPECT_EQ(memoOf(h.get(), 1), std::string(1, "ac"[i]));
-    }
-    EXPECT_EQ(Pack(h.get(), 2), 1);
-    EXPECT_EQ(readAll(name).size(), 512u + 64 + 9) << "nothing unused";
-}
-
-TEST(Edit, ARecordThatPackCouldNotMoveWholeIsDeleted) {
-    const TempDir dir;
-    const Layout model{0x03, {{"F", 'C', 232, 3}}, {}};  // 1000 characters
-    for (const bool oneByOne : {false, true}) {
-        Layout layout = model;
-        for (const char* start : {"*a", " b", " c", " d"})
-            layout.records.push_back(padded(start, 1001, start[1]));
-        const Table h = openLayout(dir, layout);
-        if (oneByOne) h->BeforeWrite = [](DbfBase*) { return 0; };
-        {
-            const FileSizeLimit oneAndAHalf(65 + 1501);
-            EXPECT_EQ(Pack(h.get(), 1), 0);
-        }
-        std::string kept;
-        for (u32 i = 0; i < 4; ++i) {
-            ReadRecord(h.get(), i);
-            kept += recordOf(h.get()).substr(0, 2);
-        }
-        EXPECT_EQ(kept, " b*c c d");
-        EXPECT_EQ(Pack(h.get(), 1), 1);
-        EXPECT_EQ(reccount(h.get()), 3u);
-    }
-}
-
-TEST(Edit, PackTakesNoNameThatIsNeeded) {
-    const TempDir dir;
-    const Table h = openLayout(dir, {0x83, {{"M", 'M', 10}}, {padded("", 10) + '1'}}, "t.~bt");
-    CreateMemoFile(h->FileName, 0, 0);
-    const std::string before = filesOf(dir);
-    EXPECT_EQ(Pack(h.get(), 2), 1) << "the table has the name of the old memo file";
-    EXPECT_TRUE(filesOf(dir) == before);
-    std::filesystem::remove(h->MemoFileName);
-    std::filesystem::create_hard_link(h->FileName, h->MemoFileName);
-    EXPECT_EQ(Pack(h.get(), 2), 0) << "the memo file is the table";
-    EXPECT_EQ(ReadRecord(h.get(), 0) + SetMemo(h.get(), 0, "x"), 1);
-    EXPECT_EQ(CreateMemoFile(h->FileName, 0, 0), 0);
-    EXPECT_EQ(readAll(h->FileName).size(), 65u + 11 + 1);
-}
-
-TEST(Edit, PackOfAReadOnlyTable) {
-    const TempDir dir;
-    const Layout plain{0x03, {{"F", 'C', 1}}, {" a", " b"}};
-    const Layout memos{0x83, {{"M", 'M', 10}}, {padded("", 11), padded("*", 11)}};
-    const Table a(OpenBaseRO(openLayout(dir, plain)->FileName));
-    const Table b(OpenBaseRO(openLayout(dir, memos, "m.dbf")->FileName));
-    CreateMemoFile(b->FileName, 0, 0);
-    a->BackupEnabled = b->BackupEnabled = 1;
-    const std::string before = filesOf(dir);
-    for (const u32 mode : {0u, 1u, 2u, 3u}) {
-        EXPECT_EQ(Pack(a.get(), mode), 1) << "nothing to write";
-        EXPECT_EQ(Pack(b.get(), mode), mode == 3) << mode;
-    }
-    EXPECT_TRUE(filesOf(dir) == before);
+TEST(Write, HeaderHasTheDateAndTheLastByte) {
+    const Folder folder;
+    const Table h = openBytes(folder, kMany.bytes().substr(0, 97 + 3 * 305));
+    EXPECT_EQ(WriteHeader(h.get()), 1);
+    Layout three = kMany;
+    three.records.resize(3);
+    EXPECT_TRUE(readAll(h->FileName) == three.bytes().replace(1, 3, today()));
+    const std::unique_ptr<std::FILE, decltype(&std::fclose)> full(Open_File("/dev/full"),
+                                                                  std::fclose);
+    EXPECT_EQ(WriteFile(full.get(), "x", 1), 0u);
 }
 
 }  // namespace
+}  // namespace test

@@ -400,7 +400,6 @@ int view(Sample&, Table& h) {
     return first && filtered;
 }
 
-/// Two records swap a byte of their names in the file's bytes only when both are written whole.
 int writeThird(Sample&, Table& h) {
     if (ReadRecord(h.get(), 2) == 0) return 0;
     h->RecordBuffer[5] = 'W';
@@ -515,7 +514,10 @@ TEST(Fault, ATableThatCannotBeReadDoesNotOpen) {
     for (const int kind : {kSeek, kRead}) {
         int n = 1;
         for (; n < 20; ++n) {
-            Layout layout{0x03, {{"A", 'C', 9}, {"B", 'C', 9}}, {padded(" x", 19)}, n % 2 == 0};
+            Layout layout{0x03,
+                          {{"A", 'C', 9}, {"B", 'C', 9}},
+                          {padded(" x", 19)},
+                          n % 2 == 0 ? kLevel7 : kPlain};
             writeAll(dir.file("t.dbf"), layout.bytes());
             fault = {kind, (n + 1) / 2};
             const Table h(OpenBase(dir.file("t.dbf").c_str()));

@@ -1,10 +1,8 @@
-// Memo files: names, layouts, appending, reading what others have written, and hostile files.
-#include "support.h"
+// Memo files: names, layouts, appending, and hostile files.
+#include "cases.h"
 
+namespace test {
 namespace {
-
-using namespace mira;
-using namespace test;
 
 /// A string from malloc, released.
 std::string take(char* text) {
@@ -13,77 +11,100 @@ std::string take(char* text) {
 }
 
 /// A table of one record, whose memo is in block 1.
-Table openTable(const TempDir& dir, u32 version) {
-    return openLayout(dir, {static_cast<u8>(version), {{"NOTE", 'M', 10}}, {padded("", 10) + '1'}});
+Table openTable(const Folder& folder, u32 version) {
+    return openLayout(folder,
+                      {static_cast<u8>(version), {{"NOTE", 'M', 10}}, {padded("", 10) + '1'}});
 }
 
 // The formats once more, as the tests know them: kind 0 dBase III, 2 dBase IV, 3 FoxPro, 4 SMT.
-std::string number(u32 kind, std::uint64_t value, int size) {
-    const std::string bytes = le(value, size);
-    return kind == 3 ? std::string(bytes.rbegin(), bytes.rend()) : bytes;
+std::string number(u32 kind, u64 value, unsigned size) {
+    return kind == 3 ? be(value, size) : le(value, size);
 }
 
-std::string header(u32 kind, u32 next, u32 unit) {
+std::string header(u32 kind, u32 next, u32 unit, std::size_t size) {
     const std::string units[] = {"", "", std::string(14, 0) + "\2\1" + le(unit, 2),
-                                 "\0\0"s + number(3, unit, 2), le(unit, 2) + "SIxMemo"};
-    return number(kind, next, 4) + units[kind];
+                                 "\0\0"s + be(unit, 2), le(unit, 2) + "SIxMemo"};
+    return padded(number(kind, next, 4) + units[kind], size, 0);
 }
 
 std::string block(u32 kind, const std::string& data) {
     const std::string starts[] = {"", "", "\xFF\xFF\x08\0"s + le(data.size() + 8, 4),
-                                  "\0\0\0\1"s + number(3, data.size(), 4), ""};
+                                  "\0\0\0\1"s + be(data.size(), 4), ""};
     return starts[kind] + data + (kind == 0 ? "\x1A" : "");
 }
 
+struct Format {
+    u32 kind;
+    char* (*get)(DbfBase*, u32);
+    char* (*getBytes)(DbfBase*, u32, u32*);
+    u32 (*set)(DbfBase*, const char*);
+    u32 (*setBytes)(DbfBase*, const char*, u32);
+    u32 (*blockSize)(DbfBase*);
+};
+const Format kFormats[] = {
+    {0, Get_dBase3, nullptr, Set_dBase3, Set_dBase3Buf, nullptr},
+    {2, Get_dBase4, Get_dBase4Buf, Set_dBase4, Set_dBase4Buf, dBase4_BlockSize},
+    {3, Get_FoxPro, Get_FoxProBuf, Set_FoxPro, Set_FoxProBuf, FoxPro_BlockSize},
+    {4, Get_SMT, Get_SMTBuf, Set_SMT, Set_SMTBuf, SMT_BlockSize}};
+
 TEST(Memo, AppendsAndReadsBackEverySize) {
-    const std::tuple<u32, char* (*)(DbfBase*, u32, u32*), u32 (*)(DbfBase*, const char*, u32)>
-        formats[] = {{0, [](DbfBase* h, u32 at, u32*) { return Get_dBase3(h, at); }, Set_dBase3Buf},
-                     {2, Get_dBase4Buf, Set_dBase4Buf},
-                     {3, Get_FoxProBuf, Set_FoxProBuf},
-                     {4, Get_SMTBuf, Set_SMTBuf}};
-    const TempDir dir;
-    const Table h = openTable(dir, 0x03);
-    for (const auto& [kind, get, set] : formats) {
+    const Folder folder;
+    const Table h = openTable(folder, 0x03);
+    for (const Format& f : kFormats) {
         for (const u32 blockSize : {0u, 1u, 100u, 65535u}) {
-            const u32 unit = kind == 0 || blockSize == 0 ? 512 : blockSize;
-            u32 next = kind == 0 ? 1 : std::max(512u, blockSize) / unit;
-            std::string expected = padded(header(kind, next, unit), std::max(512u, blockSize), 0);
-            const std::string path = take(GetMemoName(h->FileName, kind));
-            ASSERT_EQ(CreateMemoFile(h->FileName, kind, blockSize), 1);
+            const u32 unit = f.kind == 0 || blockSize == 0 ? 512 : blockSize;
+            const std::size_t headerSize = std::max(512u, blockSize);
+            u32 next = f.kind == 0 ? 1 : static_cast<u32>(headerSize) / unit;
+            std::string expected = header(f.kind, next, unit, headerSize);
+            const std::string path = take(GetMemoName(h->FileName, f.kind));
+            ASSERT_EQ(CreateMemoFile(h->FileName, f.kind, blockSize), 1);
             h->MemoFile = Open_File(path.c_str());
+            EXPECT_EQ(f.blockSize == nullptr ? 512 : f.blockSize(h.get()), unit);
             for (u32 length : {1u, 92u, 100u, 511u, 512u, 4088u, 4097u, 65000u}) {
                 const std::string data = repeat("0123456789X", 6000).substr(0, length);
-                const std::string written = block(kind, data);
+                const std::string written = block(f.kind, data);
                 const std::size_t place = std::size_t{unit} * next;
-                EXPECT_EQ(set(h.get(), data.data(), length), next);
-                EXPECT_EQ(SeekMemo(h.get(), unit, 0), 1);
-                EXPECT_TRUE(take(get(h.get(), next, &length)) == data) << length;
                 EXPECT_EQ(SeekMemoZero(h.get()), 1);
+                EXPECT_EQ(length % 2 == 0 ? f.set(h.get(), data.c_str())
+                                          : f.setBytes(h.get(), data.data(), length),
+                          next);
+                EXPECT_EQ(SeekMemo(h.get(), unit, 0), 1);
+                EXPECT_EQ(take(f.get(h.get(), next)) == data, f.kind != 4);
+                EXPECT_EQ(SeekMemoZero(h.get()), 1);
+                if (f.getBytes != nullptr) {
+                    EXPECT_EQ(take(f.getBytes(h.get(), next, &length)), data);
+                }
+                EXPECT_EQ(length, data.size());
                 next += static_cast<u32>((written.size() + unit - 1) / unit);
                 expected.resize(std::max(expected.size(), place + written.size()), 0);
-                expected.replace(place, written.size(), written);
-                expected.replace(0, 4, number(kind, next, 4));
-                ASSERT_TRUE(readAll(path) == expected) << kind << ' ' << unit << ' ' << length;
+                expected.replace(place, written.size(), written)
+                    .replace(0, 4, number(f.kind, next, 4));
+                ASSERT_TRUE(readAll(path) == expected) << f.kind << ' ' << unit << ' ' << length;
             }
             std::fclose(std::exchange(h->MemoFile, nullptr));
         }
     }
+    EXPECT_EQ(CreateMemoFile(h->FileName, 1, 65536), 0);
 }
 
 TEST(Memo, KindSelectsNameAndFormat) {
-    for (const auto& [path, name] :
-         rows("0a/test.dbf=a/test.dbt;1SALES.DBF=SALES.fpt;3b.dbc=b.dct;1X.DBC=X.dct;5t.dbf=t.dbv;"
-              "4notes=notes.smt;2a.b/notes=a.b/notes.dbt")) {
-        EXPECT_EQ(take(GetMemoName(path.c_str() + 1, static_cast<u32>(path[0] - '0'))), name);
-    }
+    const std::tuple<const char*, u32, const char*> names[] = {{"a/test.dbf", 0, "a/test.dbt"},
+                                                               {"SALES.DBF", 1, "SALES.fpt"},
+                                                               {"b.dbc", 3, "b.dct"},
+                                                               {"X.DBC", 1, "X.dct"},
+                                                               {"t.dbf", 5, "t.dbv"},
+                                                               {"notes", 4, "notes.smt"},
+                                                               {"a.b/notes", 2, "a.b/notes.dbt"}};
+    for (const auto& [path, kind, name] : names) EXPECT_EQ(take(GetMemoName(path, kind)), name);
     EXPECT_EQ(take(GetMemoName(padded("", 300, 'x').c_str(), 7)), padded("", 300, 'x') + ".dbt");
-    const TempDir dir;
-    for (const char* name : {"T.FPT", "T.fpt"}) writeAll(dir.file(name), "");
-    EXPECT_EQ(openTable(dir, 0xF5)->MemoFileName, dir.file("t.fpt")) << "two others are there";
-    const u32 cases[][3] = {{0x03, 0, 512}, {0x04, 2, 20}, {0x8C, 7, 20}, {0x31, 3, 6},
+    const Folder folder;
+    for (const char* name : {"T.FPT", "T.fpt"}) writeAll(folder.file(name), "");
+    EXPECT_EQ(openTable(folder, 0xF5)->MemoFileName, folder.file("t.fpt"))
+        << "two others are there";
+    const u32 kinds[][3] = {{0x03, 0, 512}, {0x04, 2, 20}, {0x8C, 7, 20}, {0x31, 3, 6},
                             {0x32, 3, 6},   {0x05, 1, 6},  {0xE5, 4, 4},  {0xFB, 0, 0}};
-    for (const auto& [version, kind, unit] : cases) {
-        const Table h = openTable(dir, version);
+    for (const auto& [version, kind, unit] : kinds) {
+        const Table h = openTable(folder, version);
         // Each format finds the offset of its unit.
         writeAll(h->MemoFileName, "\0\0\0\0\4\0\0\6\0\0\0\0\0\0\0\0\0\0\0\0\x14\0\0\0"s);
         EXPECT_EQ(GetMemoType(h.get()), kind) << version;
@@ -91,37 +112,59 @@ TEST(Memo, KindSelectsNameAndFormat) {
     }
 }
 
-TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
-    for (const auto& [files, name] : rows("f.scx f.sct=f.sct;F.FRX F.FRT=F.FRT;f.VcX f.Vct=f.Vct;"
-                                          "f.lbx f.LBT f.lbT=f.fpt;f.mnx f.mnt F.fpT=F.fpT;"
-                                          "f.pjx f.pjt f.Fpt F.fpt=f.fpt;f.dbf f.dbt=f.fpt")) {
-        const TempDir dir;
-        const std::vector<std::string> all = split(files, ' ');
-        for (const std::string& file : all) writeAll(dir.file(file), "");
-        const Table h = openLayout(dir, {0x30, {{"NOTE", 'M', 4}}, {}}, all[0]);
-        EXPECT_EQ(h->MemoFileName, dir.file(name)) << files;
+TEST(Memo, FilesOfOthers) {
+    const Folder folder;
+    for (const auto& row : cases("memo")) {
+        SCOPED_TRACE(row[0] + " " + row[row.size() - 2]);
+        const Table h = openTable(folder, static_cast<u32>(std::stoul(row[0], nullptr, 16)));
+        std::string file;  // pieces, each with the place up to which zeros fill the file before it
+        for (std::size_t i = 1; i + 2 < row.size(); i += 2) {
+            file.resize(std::stoul(row[i]));
+            file += row[i + 1];
+        }
+
+        writeAll(h->MemoFileName, file);
+        EXPECT_EQ(ReadRecord(h.get(), 0), 1);
+        EXPECT_EQ(memoOf(h.get()).value_or("(null)"), row.back());
+        EXPECT_EQ(memo(current(h.get()), 0, file).value_or("(null)"), row.back());
+        EXPECT_EQ(take(GetMemo(h.get(), 0)), cString(row.back()));
+        EXPECT_EQ(SetMemo(h.get(), 0, "text"), 0) << "counter or unit is 0";
+        EXPECT_EQ(readAll(h->MemoFileName), file);
+        EXPECT_EQ(recordOf(h.get()), padded("", 10) + '1');
     }
 }
 
-TEST(Memo, HostileFilesAreReadInPartAndNotWritten) {
-    const std::string d4 = padded(header(2, 0, 32), 32, 0) + "\xFF\xFF\x08\0"s;
-    const std::tuple<u32, std::string, std::string> cases[] = {
-        {0x83, padded("", 512, 0) + "ab\0c"s, "ab"},
-        {0x8B, std::string(23, 1), "(null)"},
-        {0x8B, d4 + "\x08\0\0\0abcd"s, ""},
-        {0x8B, d4 + "\xFF\xFF\xFF\xFFtext"s, "text"},
-        {0xF5, header(3, 0, 0), ""},
-        {0xF5, header(3, 0x2000000, 64), "(null)"},
-        {0xFB, header(0, 1, 0), "(null)"}};
-    const TempDir dir;
-    for (const auto& [version, file, memo] : cases) {
-        const Table h = openTable(dir, version);
-        ReadRecord(h.get(), 0);
-        writeAll(h->MemoFileName, file);
-        EXPECT_EQ(memoOf(h.get()).value_or("(null)"), memo) << file;
-        EXPECT_EQ(take(GetMemo(h.get(), 0)), memo);
-        EXPECT_EQ(SetMemo(h.get(), 0, "text") + SetMemo(h.get(), 1, "text"), 0);
-        EXPECT_EQ(readAll(h->MemoFileName) + recordOf(h.get()), file + padded("", 10) + '1');
+TEST(Memo, ReferencesInTheRecord) {
+    const Folder folder;
+    const Table h = openLayout(folder, {0x83, {{"M", 'M', 10}, {"B", 'B', 10}, {"W", 'W', 4}}});
+    EXPECT_EQ(CreateMemoFile(h->FileName, 0, 0), 1);
+    setRecord(h.get(), std::string(25, '#'));
+    SetValue(h.get(), 0, "abc", 0);
+    SetValue(h.get(), 1, "abc", 1);
+    EXPECT_EQ(SetMemoBuf(h.get(), 2, "xyz", 2), 1);
+    EXPECT_EQ(SetMemo(h.get(), 0, ""), 0) << "keeps its memo";
+    EXPECT_EQ(recordOf(h.get()), "#         1         2\3\0\0\0"s);
+    EXPECT_EQ(memoOf(h.get(), 0), "abc");
+    EXPECT_EQ(memoOf(h.get(), 1), "a");
+    EXPECT_EQ(memoOf(h.get(), 2), "xy");
+    h->MemoBuffer = static_cast<char*>(std::malloc(9));
+    FreeMemo(h.get());
+    EXPECT_EQ(h->MemoBuffer, nullptr);
+}
+
+TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
+    // The table, what lies beside it, and what is taken for its memo file.
+    const std::vector<std::string> folders[] = {
+        {"f.scx", "f.sct", "", "f.sct"},      {"F.FRX", "F.FRT", "", "F.FRT"},
+        {"f.VcX", "f.Vct", "", "f.Vct"},      {"f.lbx", "f.LBT", "f.lbT", "f.fpt"},
+        {"f.mnx", "f.mnt", "F.fpT", "F.fpT"}, {"f.pjx", "f.pjt", "f.Fpt", "f.Fpt"},
+        {"f.dbf", "f.dbt", "", "f.fpt"}};
+    for (const auto& names : folders) {
+        const Folder folder;
+        for (const std::string& name : {names[1], names[2]})
+            if (!name.empty()) writeAll(folder.file(name), "");
+        const Table h = openLayout(folder, {0x30, {{"NOTE", 'M', 4}}}, names[0]);
+        EXPECT_EQ(h->MemoFileName, folder.file(names[3])) << names[0];
     }
 }
 
@@ -139,3 +182,4 @@ TEST(Memo, EveryReadReleasesTheLastText) {
 }
 
 }  // namespace
+}  // namespace test

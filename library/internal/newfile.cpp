@@ -13,7 +13,7 @@ namespace mira {
 
 namespace {
 
-/// Where the extension of a name starts, behind its dot; null when there is none.
+/// Where the extension of a name starts, after its dot; null when there is none.
 char* extensionOf(char* path) {
     const std::string_view ext = splitPath(path).ext;
     return ext.size() > 1 ? path + std::strlen(path) - ext.size() + 1 : nullptr;

@@ -102,7 +102,7 @@ u32 blockUnit(DbfBase* h, const MemoFamily& family) {
     return unit;
 }
 
-/// The same with the memo file opened for the duration.
+/// The same with the memo file open just for this.
 char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
     const OpenMemoFile open(h);
     return open ? getMemo(h, family, reference, length) : nullptr;

@@ -20,7 +20,7 @@ constexpr u32 kLogSizePlace = 44;
 constexpr u32 kNextPlace = 48;
 constexpr u32 kRecordsPlace = 52;
 constexpr u32 kChecksumPlace = 56;
-constexpr u32 kHeadSize = 64;  // header and sign; the first memo starts behind it whatever its unit
+constexpr u32 kHeadSize = 64;  // header and sign; the first memo starts after it whatever its unit
 
 u32 checksum(const u8* bytes, std::size_t count) {
     u32 sum = 2166136261;

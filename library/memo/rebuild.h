@@ -1,4 +1,4 @@
-// Building a memo file anew: its memos one behind the other, and behind them, until all records
+// Building a memo file anew: its memos one after the other, and after them, until all records
 // have their new references, a log of what every record is to hold.
 //
 //   24  16  "Pack unfinished" 00
@@ -10,7 +10,7 @@
 //
 // (little-endian, in what are zeros of the header otherwise.) The log has for each record the bytes
 // of all fields that hold a reference, as they were and as they are to be. The next free block in
-// the header leads behind the log meanwhile.
+// the header leads past the log meanwhile.
 #pragma once
 
 #include "memo/memo.h"
@@ -52,7 +52,7 @@ private:
     const MemoFamily& family_;
     Block<u8> buffer_;
     u32 used_ = 0;
-    u64 end_ = 0;  ///< offset behind everything put
+    u64 end_ = 0;  ///< offset after everything put
     u32 unit_ = 0;
     u32 next_ = 0;  ///< next free block
     u8 header_[kMemoHeaderRead] = {};
@@ -72,7 +72,7 @@ struct RebuildLog {
 bool readRebuildLog(std::FILE*, RebuildLog*);
 /// Makes the file an ordinary memo file, in which the log only takes up room. Done or not done.
 bool releaseRebuild(std::FILE*);
-/// Then cuts the log off, unless something has been appended behind it meanwhile.
+/// Then cuts the log off, unless something has been appended after it meanwhile.
 bool tidyRebuild(std::FILE*, const MemoFamily&);
 
 /// Whether an abandoned file is a memo file that was being built.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -21,15 +22,14 @@ constexpr std::size_t kPiece = 1023;        // of a filter between connectives
 constexpr std::size_t kConnectives = 1023;  // in a filter
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-std::string upper(std::string text) {
-    for (char& c : text) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 0x20) : c;
+/// Letters from one on, of the alphabet's 26, in the other case.
+std::string switched(std::string text, char first) {
+    for (char& c : text)
+        if (c >= first && c <= first + 25) c = static_cast<char>(c ^ 0x20);
     return text;
 }
-
-std::string lower(std::string text) {
-    for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 0x20) : c;
-    return text;
-}
+std::string upper(const std::string& text) { return switched(text, 'a'); }
+std::string lower(const std::string& text) { return switched(text, 'A'); }
 
 /// Adding 0 takes the sign from a zero.
 double truncated(double x) { return std::trunc(x) + 0.0; }
@@ -95,29 +95,22 @@ private:
         return true;
     }
     double sum() {
-        double value = product();
-        for (;; entries_ -= 2) {
-            if (take('+')) {
-                value += product();
-            } else if (take('-')) {
-                value -= product();
-            } else {
-                return value;
-            }
-        }
+        return chain("+-", [this] { return product(); });
     }
     double product() {
-        double value = power();
+        return chain("*/", [this] { return power(); });
+    }
+    double chain(std::string_view operators, const std::function<double()>& operand) {
+        double value = operand();
         for (;; entries_ -= 2) {
-            if (take('*')) {
-                value *= power();
-            } else if (take('/')) {
-                const double divisor = power();
-                value = divisor == 0 ? kInfinity : value / divisor;
-                if (value == kInfinity) return fail();
-            } else {
-                return value;
-            }
+            const char op = next();
+            if (operators.find(op) == operators.npos || !take(op)) return value;
+            const double right = operand();
+            if (op == '+') value += right;
+            if (op == '-') value -= right;
+            if (op == '*') value *= right;
+            if (op == '/') value = right == 0 ? kInfinity : value / right;
+            if (op == '/' && value == kInfinity) return fail();
         }
     }
     double power() {
@@ -153,24 +146,21 @@ private:
         entries_ -= 2 + below;
         return value;
     }
-    void digits(std::string& to, std::size_t most) {
-        for (; most > 0 && !rest_.empty() && rest_[0] >= '0' && rest_[0] <= '9'; --most) one(to);
-    }
-    void one(std::string& to) {
-        to += rest_[0];
-        rest_.remove_prefix(1);
+    std::size_t digits(std::size_t from) const {
+        const std::size_t end = rest_.find_first_not_of("0123456789", from);
+        return std::min(end, rest_.size()) - std::min(from, rest_.size());
     }
     double number() {
-        std::string text;
-        digits(text, kArithmetic);
-        if (rest_.starts_with('.')) one(text);
-        if (text.ends_with('.')) digits(text, kArithmetic);
-        if (text == ".") return fail();
-        if (rest_.starts_with('E')) {
-            one(text);
-            if (rest_.starts_with('+') || rest_.starts_with('-')) one(text);
-            digits(text, 3);
+        std::size_t n = digits(0);
+        if (rest_.substr(n, 1) == ".") n += 1 + digits(n + 1);
+        if (rest_.substr(0, n) == ".") return fail();
+        if (rest_.substr(n, 1) == "E") {
+            ++n;
+            if (rest_.substr(n, 1) == "+" || rest_.substr(n, 1) == "-") ++n;
+            n += std::min<std::size_t>(digits(n), 3);
         }
+        const std::string text(rest_.substr(0, n));
+        rest_.remove_prefix(n);
         push();
         return std::strtod(text.c_str(), nullptr);
     }
@@ -180,15 +170,14 @@ private:
     bool good_ = true;
 };
 
-/// An argument cut at its first comma.
-struct Argument {
-    std::string text, rest;
-    bool whole;  ///< without a comma
-};
-Argument cutAtComma(const std::string& text) {
-    const std::size_t comma = text.find(',');
-    if (comma == text.npos) return {text, "", true};
-    return {text.substr(0, comma), text.substr(comma + 1), false};
+/// The parts of an argument: what stands before its first comma, before its second, and the rest.
+std::vector<std::string> parts(const std::string& text) {
+    const std::size_t first = text.find(','),
+                      second = text.find(',', std::min(first, text.size() - 1) + 1);
+    if (first == text.npos) return {text};
+    if (second == text.npos) return {text.substr(0, first), text.substr(first + 1)};
+    return {text.substr(0, first), text.substr(first + 1, second - first - 1),
+            text.substr(second + 1)};
 }
 
 i64 integer(const std::string& text) {
@@ -203,46 +192,40 @@ std::string part(const std::string& text, i64 start, i64 count) {
 }
 
 std::string substr(const std::string& text) {
-    const Argument a = cutAtComma(text);
-    const Argument numbers = cutAtComma(a.rest);
-    if (a.whole) return text;
-    return part(a.text, integer(numbers.text), numbers.whole ? -1 : integer(numbers.rest));
+    const auto p = parts(text);
+    return p.size() == 1 ? text : part(p[0], integer(p[1]), p.size() == 2 ? -1 : integer(p[2]));
 }
 
 std::string left(const std::string& text) {
-    const Argument a = cutAtComma(text);
-    return a.whole ? text : part(a.text, 0, integer(a.rest));
+    const auto p = parts(text);
+    return p.size() == 1 ? text : part(p[0], 0, integer(p[1]));
 }
 
 std::string right(const std::string& text) {
-    const Argument a = cutAtComma(text);
-    if (a.whole) return text;
-    const auto count = static_cast<std::size_t>(std::max<i64>(integer(a.rest), 0));
-    return a.text.substr(a.text.size() - std::min(count, a.text.size()));
+    const auto p = parts(text);
+    if (p.size() == 1) return text;
+    const auto count = static_cast<std::size_t>(std::max<i64>(integer(p[1]), 0));
+    return p[0].substr(p[0].size() - std::min(count, p[0].size()));
 }
 
 std::string digitsOfDate(const std::string& text, int format) {
-    constexpr std::size_t layouts[5][6] = {{0, 4, 6, 8, 10, 12},
-                                           {6, 3, 0, 11, 14, 17},
-                                           {6, 0, 3, 11, 14, 17},
-                                           {0, 5, 8, 11, 14, 17},
-                                           {0, 4, 6, 8, 10, 12}};
-    const auto& places = layouts[format >= 0 && format <= 4 ? format : 0];
-    const bool timed = text.size() > 10;
-    if (text.size() < (timed ? places[5] + 2 : places[3] > 8 ? 10u : 8u)) return text;
+    constexpr std::size_t layouts[4][6] = {
+        {0, 4, 6, 8, 10, 12}, {6, 3, 0, 11, 14, 17}, {6, 0, 3, 11, 14, 17}, {0, 5, 8, 11, 14, 17}};
+    const bool dotted = format >= 1 && format <= 3, timed = text.size() > 10;
+    const auto& places = layouts[dotted ? format : 0];
+    if (text.size() < (timed ? places[5] + 2 : dotted ? 10u : 8u)) return text;
     std::string digits;
     for (int i = 0; i < (timed ? 6 : 3); ++i) digits += text.substr(places[i], i == 0 ? 4 : 2);
     return digits;
 }
 
-std::string capitalized(std::string text) {
-    char before = ' ';
-    for (char& c : text) {
-        const bool first = before == ' ' || before == '\t';
-        if (first ? c >= 'a' && c <= 'z' : c >= 'A' && c <= 'Z') c = static_cast<char>(c ^ 0x20);
-        before = c;
+std::string capitalized(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        const bool first = out.empty() || out.back() == ' ' || out.back() == '\t';
+        out += first ? upper({c}) : lower({c});
     }
-    return text;
+    return out;
 }
 
 std::string trimmed(std::string text, bool start, bool end) {
@@ -268,8 +251,8 @@ std::string applied(const std::string& function, const std::string& text, int da
 std::string openerAt(const std::string& text, std::size_t at) {
     for (const char* opener : {"TRIM(", "LTRIM(", "RTRIM(", "SUBSTR(", "LEFT(", "RIGHT(", "DTOS(",
                                "SPACE(", "REPLICATE(", "UPPER(", "LOWER(", "CAP("}) {
-        if (strncasecmp(text.c_str() + at, opener, std::string_view(opener).size()) == 0)
-            return opener;
+        if ((text[at] & ~0x20) != opener[0]) continue;  // which is quicker
+        if (strncasecmp(text.c_str() + at, opener, std::strlen(opener)) == 0) return opener;
     }
     return "";
 }
@@ -286,7 +269,9 @@ int fieldAt(const DbfBase* h, const std::string& text, std::size_t at, std::size
                                          name.begin()));
     *length = name.size();
     for (int i = 0; i < h->FieldCount; ++i)
-        if (strcasecmp(h->Fields[i].Name, name.c_str()) == 0) return i;
+        if (((h->Fields[i].Name[0] ^ name[0]) & ~0x20) == 0 &&
+            strcasecmp(h->Fields[i].Name, name.c_str()) == 0)
+            return i;
     return -1;
 }
 
@@ -383,15 +368,15 @@ std::vector<std::pair<std::string, char>> pieces(const std::string& filter) {
 
 /// Where the part of a piece begins that closes groups, or where the part ends that opens them.
 std::size_t groupsCut(const std::string& piece, bool closing) {
-    std::optional<std::size_t> found;
+    std::size_t found = piece.npos;
     i64 depth = 0;
     for (std::size_t k = 0; k < piece.size(); ++k) {
         const std::size_t i = closing ? k : piece.size() - 1 - k;
-        if (depth == 0) found.reset();
-        if (piece[i] == (closing ? ')' : '(') && !found) found = i;
+        if (depth == 0) found = piece.npos;
+        if (piece[i] == (closing ? ')' : '(') && found == piece.npos) found = i;
         depth += piece[i] == '(' ? 1 : piece[i] == ')' ? -1 : 0;
     }
-    return closing ? *found : *found + 1;
+    return closing ? found : found + 1;
 }
 
 /// The arithmetic text of a filter, whose conditions are answered by a function.

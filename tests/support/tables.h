@@ -21,8 +21,9 @@ public:
         const char* const wanted = std::getenv("TMPDIR");
         const char* const usual = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
         std::string pattern = (wanted != nullptr ? wanted : usual) + "/miraXXXXXX"s;
-        if (mkdtemp(pattern.data()) == nullptr) std::abort();
-        path_ = pattern;
+        const char* const made = mkdtemp(pattern.data());
+        if (made == nullptr) std::abort();
+        path_ = made;
     }
     ~Folder() {
         std::error_code ignored;
@@ -44,7 +45,7 @@ inline std::string readAll(const std::string& path) {
     if (file == nullptr) return bytes;
     std::fseek(file, 0, SEEK_END);
     bytes.resize(static_cast<std::size_t>(std::ftell(file)));
-    std::rewind(file);
+    std::fseek(file, 0, SEEK_SET);
     bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
     std::fclose(file);
     return bytes;
@@ -104,7 +105,7 @@ struct Layout {
         for (const std::string& r : records) rows += r;
         fields += '\x0D' + backLink;
         const std::size_t size = flavour != kPlain ? 68 : 32;
-        const std::string head = le(version, 1) + "\x18\x0B\x1A" + le(records.size(), 4) +
+        const std::string head = le(version, 1) + "\x1A\x0B\x18" + le(records.size(), 4) +
                                  le(size + fields.size(), 2) + le(recordLength(), 2);
         return padded(head, size, 0) + fields + rows + '\x1A';
     }

@@ -130,13 +130,17 @@ std::string storedNumber(const DbfField& f, double number, const std::string& be
     return fits ? text : before;
 }
 
-/// A product within four units of a whole number in its last place counts as that number.
+/// A product within four units in its last place of a whole number counts as that number; half-way
+/// between two, as the one that reads back as the value.
 std::string storedCurrency(double number, const std::string& before) {
-    const double product = number * 10000, whole = std::nearbyint(product);
-    const double unit = std::nextafter(std::fabs(product), HUGE_VAL) - std::fabs(product);
-    const double value = std::fabs(product - whole) <= 4 * unit ? whole : std::trunc(product);
-    if (!(std::fabs(value) < 0x1p63) && value != -0x1p63) return before;
-    return le(static_cast<u64>(static_cast<i64>(value)), 8);
+    const double product = number * 10000, size = std::fabs(product);
+    const double apart = std::fabs(product - std::round(product));
+    const bool isNear = apart <= 4 * (std::nextafter(size, HUGE_VAL) - size);
+    double whole = isNear ? std::round(product) : std::trunc(product);
+    const double other = 2 * product - whole;
+    if (isNear && apart == 0.5 && other / 10000 == number) whole = other;
+    if (!(whole >= -0x1p63 && whole < 0x1p63)) return before;
+    return le(static_cast<u64>(static_cast<i64>(whole)), 8);
 }
 
 std::string storedDate(const Row& row, int field, std::string text) {

@@ -168,11 +168,11 @@ TEST(CodePage, UpperCase) {
 /// A table of one C field with a mark and a text per record.
 std::string tableWith(int mark, const std::vector<std::string>& texts, unsigned char version = 3,
                       std::string_view driver = "") {
-    Layout layout{version, {{"T", 'C', 40}, {"N", 'N', 4}}, {}, !driver.empty()};
+    Layout layout{version, {{"T", 'C', 40}, {"N", 'N', 4}}, {}, driver.empty() ? kPlain : kLevel7};
     for (const std::string& text : texts) layout.records.push_back(" " + padded(text, 40) + "   1");
     std::string bytes = layout.bytes();
     bytes[29] = static_cast<char>(mark);
-    if (layout.level7) bytes.replace(32, driver.size(), driver);
+    if (layout.flavour == kLevel7) bytes.replace(32, driver.size(), driver);
     return bytes;
 }
 

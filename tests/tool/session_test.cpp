@@ -91,21 +91,24 @@ INSTANTIATE_TEST_SUITE_P(Tool, Session, testing::ValuesIn(sessionNames()), [](co
 });
 
 /// The documents are one session each, told in blocks.
-TEST(Session, OfTheDocument) {
-    const std::string document = readAll(MIRA_DOCUMENT);
-    const Folder folder;
-    constexpr std::string_view kStart = "\n```console\n";
-    std::size_t place = 0;
-    while ((place = document.find(kStart, place)) != std::string::npos) {
-        place += kStart.size();
-        const std::string block =
-            document.substr(place, document.find("\n```\n", place) + 1 - place);
-        std::string found;
-        for (const std::string& line : split(block, '\n')) {
-            if (!line.starts_with(kPrompt)) continue;
-            found += line + "\n" + run(folder.path, line.substr(kPrompt.size()));
+TEST(Session, OfTheDocuments) {
+    for (const std::string& path : split(MIRA_DOCUMENTS, ':')) {
+        const std::string document = readAll(path);
+        const Folder folder;
+        constexpr std::string_view kStart = "\n```console\n";
+        std::size_t place = document.find(kStart);
+        EXPECT_NE(place, std::string::npos) << path;
+        for (; place != std::string::npos; place = document.find(kStart, place)) {
+            place += kStart.size();
+            const std::string block =
+                document.substr(place, document.find("\n```\n", place) + 1 - place);
+            std::string found;
+            for (const std::string& line : split(block, '\n')) {
+                if (!line.starts_with(kPrompt)) continue;
+                found += line + "\n" + run(folder.path, line.substr(kPrompt.size()));
+            }
+            EXPECT_EQ(found, block) << path;
         }
-        EXPECT_EQ(found, block);
     }
 }
 

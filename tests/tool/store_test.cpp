@@ -17,8 +17,8 @@ using tool::Given;
 std::unique_ptr<tool::Table> emptyTable(const TempDir& dir, unsigned char version,
                                         std::vector<Column> columns,
                                         const std::vector<std::string>& flags = {},
-                                        bool level7 = false) {
-    const Layout layout{version, std::move(columns), {}, level7};
+                                        Flavour flavour = kPlain) {
+    const Layout layout{version, std::move(columns), {}, flavour};
     std::string bytes = layout.bytes();
     for (std::size_t i = 0; i < flags.size(); ++i)
         bytes.replace(32 + 32 * i + 18, flags[i].size(), flags[i]);
@@ -128,7 +128,7 @@ TEST(Store, TypedValues) {
 TEST(Store, Level7Numbers) {
     const TempDir dir;
     const auto table =
-        emptyTable(dir, 0x8C, {{"I", 'I', 4}, {"O", 'O', 8}, {"A", '+', 4}}, {}, true);
+        emptyTable(dir, 0x8C, {{"I", 'I', 4}, {"O", 'O', 8}, {"A", '+', 4}}, {}, kLevel7);
     EXPECT_EQ(stored(*table, "I", Given::cell("258")), "\0\0\1\2"s);
     EXPECT_EQ(stored(*table, "I", Given::cell("-1")), "!\"-1\" does not fit I") << "no sign there";
     EXPECT_EQ(stored(*table, "O", Given::cell("1.5")), "\xBF\xF8\0\0\0\0\0\0"s);

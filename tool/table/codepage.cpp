@@ -57,7 +57,8 @@ enum class Stop {
 
 Converter openConverter(const char* to, const char* from) {
     iconv_t converter = iconv_open(to, from);
-    return Converter(converter == reinterpret_cast<iconv_t>(-1) ? nullptr : converter);
+    const bool failed = reinterpret_cast<std::intptr_t>(converter) == -1;
+    return Converter(failed ? nullptr : converter);
 }
 
 /// Appends the text converted up to where it stops, and takes that part off it. The converter

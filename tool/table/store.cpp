@@ -190,8 +190,8 @@ Reason encodeText(Table& table, const Column& column, const Given& given, Encode
 Reason encodeVariable(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     std::string bytes;
     const bool binary = column.kind == Kind::Varbinary;
-    const Reason reason = binary ? binaryBytes(given, bytes)
-                                 : textBytes(table, column, given, column.untranslated, bytes);
+    Reason reason = binary ? binaryBytes(given, bytes)
+                           : textBytes(table, column, given, column.untranslated, bytes);
     if (!reason.empty()) return reason;
     if (bytes.size() > column.length) return tooLong(column, bytes.size());
     encodeBytes(table, column, bytes, encoded);
@@ -216,9 +216,8 @@ bool isDBase3(const Table& table) {
 
 Reason encodeMemo(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     encodeBlank(table, column, encoded);
-    const Reason reason = column.kind == Kind::Memo
-                              ? textBytes(table, column, given, true, encoded.memo)
-                              : binaryBytes(given, encoded.memo);
+    Reason reason = column.kind == Kind::Memo ? textBytes(table, column, given, true, encoded.memo)
+                                              : binaryBytes(given, encoded.memo);
     if (!reason.empty() || encoded.memo.empty()) return reason;
     if (!holdsReference(column)) {
         return "a field of " + sized(column.length) + " cannot refer to a memo";

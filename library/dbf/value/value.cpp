@@ -1,7 +1,7 @@
 // One row per class of values: how they become text and numbers, and how they are stored.
 #include "dbf/value/value.h"
 
-#include <algorithm>
+#include <cstdlib>
 
 #include "internal/convert.h"
 
@@ -59,7 +59,7 @@ constexpr ValueRow rowOf(ValueClass value) {
         case ValueClass::Memo:
             return {renderMemo, noNumber, storeNothing};
     }
-    return {};
+    std::abort();  // which is not constant: a class without a row does not compile
 }
 
 }  // namespace
@@ -71,12 +71,5 @@ constexpr std::array<ValueRow, 256> kValueRows = [] {
     }
     return rows;
 }();
-
-static_assert(std::ranges::all_of(kValueRows,
-                                  [](const ValueRow& row) {
-                                      return row.render != nullptr && row.number != nullptr &&
-                                             row.store != nullptr;
-                                  }),
-              "every class needs its row");
 
 }  // namespace mira

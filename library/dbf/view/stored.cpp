@@ -172,7 +172,7 @@ std::optional<bool> textsHold(DbfBase* h, const Condition& c) {
     return textHolds(c.op->text, left, right);
 }
 
-/// The most common one, characters as they stand against a constant.
+/// The most common one, characters as stored against a constant.
 std::optional<bool> charactersHold(DbfBase* h, const Condition& c) {
     const std::string_view text = storedText(h, c.left.text.field);
     const bool asStored = h->CaseInsensitive == 0 && h->TrimMode == 0 && h->OemConvert == 0 &&

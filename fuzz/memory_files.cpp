@@ -1,0 +1,213 @@
+// Files of the fuzz targets live in memory: the linker sends these calls of the program and of the
+// library to the wrappers below (--wrap). What lies in a folder made by mkdtemp is in memory;
+// everything else goes to the system.
+#include <dirent.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "property.h"
+
+namespace {
+
+constexpr std::string_view kFolder = "/in-memory/";
+constexpr int kFirstDescriptor = 1000000;
+
+/// Large blocks come back at once, instead of going to the system and coming as fresh pages.
+[[maybe_unused]] const bool keepsBlocks =
+    mallopt(M_MMAP_THRESHOLD, 32 << 20) != 0 && mallopt(M_TRIM_THRESHOLD, 1 << 30) != 0;
+
+using Bytes = std::shared_ptr<std::string>;
+
+/// An open file. Its place among the streams is its file descriptor. The handle is one of the C
+/// library, for what is not wrapped; it reads and writes nothing itself.
+struct Stream {
+    Bytes file;
+    int access;
+    std::size_t at = 0;
+    std::FILE* handle = nullptr;
+};
+
+std::map<std::string, Bytes, std::less<>> files;
+std::vector<std::unique_ptr<Stream>> streams;
+
+bool inMemory(const char* path) { return std::string_view(path).starts_with(kFolder); }
+
+Bytes find(std::string_view path) {
+    const auto found = files.find(path);
+    if (found == files.end()) errno = ENOENT;
+    return found == files.end() ? nullptr : found->second;
+}
+
+Stream* of(std::FILE* handle) {
+    for (const auto& s : streams)
+        if (s->handle == handle) return s.get();
+    return nullptr;
+}
+
+Stream* of(int descriptor) {
+    const auto i = static_cast<std::size_t>(descriptor - kFirstDescriptor);
+    return descriptor >= kFirstDescriptor && i < streams.size() ? streams[i].get() : nullptr;
+}
+
+int closeStream(void* cookie) {
+    std::erase_if(streams, [&](const auto& s) { return s.get() == cookie; });
+    return 0;
+}
+
+int descriptorOf(const Stream* stream) {
+    const auto place = std::find_if(streams.begin(), streams.end(),
+                                    [&](const auto& s) { return s.get() == stream; });
+    return kFirstDescriptor + static_cast<int>(place - streams.begin());
+}
+
+int openFile(const char* path, int flags) {
+    Bytes file = find(path);
+    if (file != nullptr && (flags & O_EXCL) != 0) {
+        errno = EEXIST;
+        return -1;
+    }
+    if (file == nullptr && (flags & O_CREAT) != 0)
+        file = files[path] = std::make_shared<std::string>();
+    if (file == nullptr) return -1;
+    if ((flags & O_TRUNC) != 0) file->clear();
+    return descriptorOf(streams.emplace_back(new Stream{file, flags & O_ACCMODE}).get());
+}
+
+std::FILE* openStream(int descriptor, const char* mode) {
+    Stream* const s = of(descriptor);
+    if (s == nullptr) return nullptr;
+    return s->handle = fopencookie(s, mode, {nullptr, nullptr, nullptr, closeStream});
+}
+
+int flagsOf(std::string_view mode) {
+    return mode[0] == 'w' ? O_RDWR | O_CREAT | O_TRUNC : mode == "rb" ? O_RDONLY : O_RDWR;
+}
+
+ssize_t readAt(const Stream* s, void* to, std::size_t count, off_t from) {
+    const auto at = std::min(static_cast<std::size_t>(from), s->file->size());
+    return static_cast<ssize_t>(s->file->copy(static_cast<char*>(to), count, at));
+}
+
+std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
+    if (s->at >= s->file->size()) return 0;
+    const std::size_t got = s->file->copy(static_cast<char*>(to), size * n, s->at);
+    s->at += got;
+    return got / size;
+}
+
+std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size_t n) {
+    const std::size_t end = s->at + size * n;
+    if (end > test::largestFile) return 0;
+    s->file->resize(std::max(s->file->size(), end));
+    s->file->replace(s->at, size * n, static_cast<const char*>(from), size * n);
+    s->at = end;
+    return n;
+}
+
+int seekStream(Stream* s, long offset, int whence) {
+    const std::size_t base = whence == SEEK_CUR ? s->at : whence == SEEK_END ? s->file->size() : 0;
+    const long to = static_cast<long>(base) + offset;
+    if (to >= 0) s->at = static_cast<std::size_t>(to);
+    return to >= 0 ? 0 : -1;
+}
+
+int renameFile(const char* from, const char* to) {
+    const Bytes file = find(from);
+    if (file == nullptr) return -1;
+    if (find(to) == file) return 0;
+    files.erase(from);
+    files[to] = file;
+    return 0;
+}
+
+int describe(const Bytes& file, struct stat* info) {
+    if (file == nullptr) return -1;
+    *info = {};
+    info->st_mode = S_IFREG;
+    info->st_ino = reinterpret_cast<ino_t>(file.get());
+    info->st_size = static_cast<off_t>(file->size());
+    return 0;
+}
+
+int cut(const Bytes& file, off_t size) {
+    if (file != nullptr) file->resize(static_cast<std::size_t>(size));
+    return file != nullptr ? 0 : -1;
+}
+
+int giveName(const Bytes& file, const char* name) {
+    if (file == nullptr) return -1;
+    if (files.emplace(name, file).second) return 0;
+    errno = EEXIST;
+    return -1;
+}
+
+char* nextFolder() {
+    static std::string path;
+    static int made = 0;
+    path = std::string(kFolder) + std::to_string(++made);
+    return path.data();
+}
+
+}  // namespace
+
+std::size_t test::largestFile = 0;
+
+std::string_view test::contentsOf(const std::string& path) {
+    const Bytes file = find(path);
+    return file != nullptr ? std::string_view(*file) : "";
+}
+
+#define WRAP(result, name, ours, answer, parameters, arguments) \
+    result __real_##name parameters;                            \
+    result __wrap_##name parameters { return (ours) ? answer : __real_##name arguments; }
+
+extern "C" {
+WRAP(char*, mkdtemp, true, nextFolder(), (char* pattern), (pattern))
+WRAP(DIR*, opendir, inMemory(path), nullptr, (const char* path), (path))
+WRAP(int, open, inMemory(path), openFile(path, flags), (const char* path, int flags, ...),
+     (path, flags, 0666))
+WRAP(int, close, of(fd), closeStream(of(fd)), (int fd), (fd))
+WRAP(std::FILE*, fdopen, of(fd), openStream(fd, mode), (int fd, const char* mode), (fd, mode))
+WRAP(std::FILE*, fopen, inMemory(path), openStream(openFile(path, flagsOf(mode)), mode),
+     (const char* path, const char* mode), (path, mode))
+WRAP(std::size_t, fread, of(file), readStream(of(file), to, size, n),
+     (void* to, std::size_t size, std::size_t n, std::FILE* file), (to, size, n, file))
+WRAP(std::size_t, fwrite, of(file), writeStream(of(file), from, size, n),
+     (const void* from, std::size_t size, std::size_t n, std::FILE* file), (from, size, n, file))
+WRAP(ssize_t, pread, of(fd), readAt(of(fd), to, count, from),
+     (int fd, void* to, std::size_t count, off_t from), (fd, to, count, from))
+WRAP(int, fseek, of(file), seekStream(of(file), to, whence),
+     (std::FILE * file, long to, int whence), (file, to, whence))
+WRAP(long, ftell, of(file), static_cast<long>(of(file)->at), (std::FILE * file), (file))
+WRAP(int, remove, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
+WRAP(int, unlink, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
+WRAP(int, link, inMemory(from), giveName(find(from), to), (const char* from, const char* to),
+     (from, to))
+WRAP(int, flock, of(fd), 0, (int fd, int operation), (fd, operation))
+WRAP(int, fsync, of(fd), 0, (int fd), (fd))
+WRAP(int, fchmod, of(fd), 0, (int fd, mode_t mode), (fd, mode))
+WRAP(int, lstat, inMemory(path), describe(find(path), info), (const char* path, struct stat* info),
+     (path, info))
+WRAP(int, rename, inMemory(from), renameFile(from, to), (const char* from, const char* to),
+     (from, to))
+WRAP(int, access, inMemory(path), find(path) != nullptr ? 0 : -1, (const char* path, int mode),
+     (path, mode))
+WRAP(int, stat, inMemory(path), describe(find(path), info), (const char* path, struct stat* info),
+     (path, info))
+WRAP(int, fstat, of(fd), describe(of(fd)->file, info), (int fd, struct stat* info), (fd, info))
+WRAP(int, fileno, of(file), descriptorOf(of(file)), (std::FILE * file), (file))
+WRAP(int, fcntl, of(fd), of(fd)->access, (int fd, int command, ...),
+     (fd, command))  // asked for F_GETFL only
+WRAP(int, truncate, inMemory(path), cut(find(path), size), (const char* path, off_t size),
+     (path, size))
+WRAP(int, ftruncate, of(fd), cut(of(fd)->file, size), (int fd, off_t size), (fd, size))
+}

@@ -1,0 +1,198 @@
+// Tables and memo files as a hostile writer makes them: opened, read in every way, edited.
+//
+//   0  4  options      4  2  length of the memo file      6  memo file, then the table file
+#include <bit>
+#include <cmath>
+
+#include "property.h"
+#include "support/reference.h"
+#include "support/tables.h"
+
+namespace test {
+namespace {
+
+constexpr u32 kRecords = 12;  // read from each end
+constexpr int kFields = 150;  // with all their values, so that no input takes long
+
+bool isIn(const DbfBase* h, int field) { return field >= 0 && field < h->FieldCount; }
+
+/// Questions about a field of any number.
+void askAbout(DbfBase* h, int field) {
+    CHECK_EQUAL(GetFieldName(h, field) != nullptr, isIn(h, field));
+    CHECK_EQUAL(fieldno(h, field), isIn(h, field) ? field : -1);
+    CHECK_EQUAL(GetFieldType(h, field), isIn(h, field) ? h->Fields[field].Type : '#');
+    const char* const header = GetHeader(h, field);
+    CHECK_EQUAL(GetLenHeader(h, field),
+                header != nullptr ? static_cast<int>(std::strlen(header)) : 0);
+    CHECK(GetLenMax(h, field) >= GetLenView(h, field) && GetTypeName(h, field) != nullptr);
+    CHECK_EQUAL(static_cast<unsigned>(GetAllLen(h, field)), GetLenField(h, field));
+}
+
+using Block = std::unique_ptr<char, decltype(&std::free)>;
+
+std::optional<std::string> readMemo(DbfBase* h, int field) {
+    u32 length = 0;
+    const Block memo(GetMemoBuf(h, field, &length), std::free);
+    CHECK(memo == nullptr || memo.get()[length] == 0);
+    return memo != nullptr ? std::optional(std::string(memo.get(), length)) : std::nullopt;
+}
+
+/// Every value of a field of the current record.
+void readField(DbfBase* h, int field, std::string_view memoFile) {
+    const bool inTable = isIn(h, field);
+    const char* const text = GetStr(h, field);
+    CHECK_EQUAL(text != nullptr, inTable || field < 0);
+    if (text != nullptr) CHECK_EQUAL(text, inTable ? shown(current(h), field) : "");
+    const double value = GetValue(h, field), wanted = inTable ? number(current(h), field) : 0.0;
+    CHECK(value == wanted || (std::isnan(value) && std::isnan(wanted)));
+    CHECK_EQUAL(GetSign(h, field), (value > 0) - (value < 0));
+    CHECK(std::strlen(GetString(h, field)) < 65535);
+    for (auto* const get : {GetNumeric, GetFloat, GetDouble, GetCurrency}) get(h, field);
+    CHECK(!std::isnan(GetInvertedDouble(h, field)));
+    GetInt(h, field);
+    GetBool(h, field);
+    std::tm time = GetDT(h, field);
+    CHECK_EQUAL(GetDateTime(h, field), mymktime(&time));
+    GetTm(h, field);
+
+    const bool isMemo = if_memo_type(h, field) != 0;
+    const std::optional<std::string> expected =
+        isMemo ? memo(current(h), field, memoFile) : std::nullopt;
+    CHECK(readMemo(h, field) == expected);
+    const Block whole(GetMemo(h, field), std::free);
+    if (whole != nullptr) CHECK_EQUAL(whole.get(), cString(*expected));
+    CHECK(h->MemoFile == nullptr && h->MemoBuffer == nullptr);
+}
+
+/// Reads records in both directions; each is what the file holds at its place.
+void readRecords(DbfBase* h, std::string_view table, std::string_view memoFile) {
+    const u32 length = h->Header.RecordLength, count = reccount(h);
+    const std::size_t start = h->Header.HeaderLength;
+    CHECK_EQUAL(count, table.size() < start ? 0 : (table.size() - start) / length);
+    int left = kFields;
+    for (u32 i = 0; i < std::min(count, 2 * kRecords); ++i) {
+        const u32 position = i < kRecords ? i : count - 1 - (i - kRecords);
+        const u32 physical = h->Reverse != 0 ? count - 1 - position : position;
+        CHECK_EQUAL(ReadRecord(h, position), 1);
+        const std::string_view stored =
+            table.substr(start + std::size_t{physical} * length, length);
+        CHECK(recordOf(h) == stored);
+        for (int field = -1; field <= h->FieldCount && left > 0; ++field, --left) {
+            readField(h, field, memoFile);
+            CHECK_EQUAL(ReadField(h, position, field) != 0, isIn(h, field));
+        }
+        CHECK(recordOf(h) == stored);
+        CHECK(ReadByte(h, position) == 1 && h->DeleteFlag == static_cast<u8>(stored[0]));
+    }
+    CHECK(GetRecord(h, count) == 0 || length == 1);
+    for (auto* const read : {ReadRecord, ReadByte}) read(h, 0x7FFFFFFF);
+}
+
+/// Stores into every field; no byte outside it changes.
+void setFields(DbfBase* h, const std::string& text, double number) {
+    for (int field = -1; field <= std::min<int>(h->FieldCount, kFields); ++field) {
+        std::string before = recordOf(h);
+        const bool isMemo = if_memo_type(h, field) != 0;  // takes the number for a length
+        SetValue(h, field, text.c_str(), isMemo ? std::min(number, double(text.size())) : number);
+        if (isIn(h, field) && h->Fields[field].Type == 'L') SetBool(h, field, 1);
+        SetDate(h, field, 2024, 2, 29);
+        SetTimeStamp(h, field, 9999, 12, 31, 23, 59, 59);
+        SetInt(h, field, 5);
+        for (auto* const set : {SetDouble, SetInvertedDouble, SetCurrency, SetFloat})
+            set(h, field, number);
+        SetMemo(h, static_cast<u32>(field), text.c_str());
+        if (isIn(h, field)) {
+            const std::size_t at = h->Fields[field].Offset, length = GetLenField(h, field);
+            before.replace(at, length, recordOf(h).substr(at, length));
+        }
+        CHECK(recordOf(h) == before);
+    }
+}
+
+/// The memos of the first records that stay when the table is packed. A field too short for its
+/// reference shows what its neighbours lead to, so it is left out.
+std::vector<std::string> memosToKeep(DbfBase* h) {
+    std::vector<std::string> memos;
+    for (u32 i = 0; i < std::min(h->Header.RecordCount, kRecords); ++i) {
+        InternalSeekRecord(h, i);
+        CHECK(ReadFile(h->TableFile, h->RecordBuffer, h->Header.RecordLength) != 0);
+        for (int field = 0; field < h->FieldCount && h->RecordBuffer[0] != '*'; ++field) {
+            const bool fits = h->Header.Version != 0xE5 || GetLenField(h, field) >= 10;
+            if (fits) memos.push_back(readMemo(h, field).value_or(""));
+        }
+    }
+    return memos;
+}
+
+/// Packing shows no memo in another field's place.
+void packMemos(DbfBase* h) {
+    const std::vector<std::string> before = memosToKeep(h);
+    const int whole = Pack(h, 0);
+    const std::vector<std::string> after = memosToKeep(h);
+    for (std::size_t i = 0; i < std::min(before.size(), after.size()); ++i)
+        CHECK(after[i] == before[i] || (whole == 0 && after[i].empty()));
+}
+
+/// Edits of a table that was not made by the library.
+void edit(DbfBase* h, const std::string& path, double number) {
+    setFields(h, "20240229 with a text", number);
+    const u32 count = reccount(h);
+    WriteRecord(h, 0);
+    WriteField(h, 0, 0);
+    CHECK_EQUAL(AppendBlank(h, 0), 1);
+    CHECK_EQUAL(Insert(h, 0, 1), 1);
+    InverseRecord(h, 1);
+    packMemos(h);
+    const bool reversed = h->Reverse != 0, removes = !reversed && reccount(h) != 0;
+    CHECK_EQUAL(Delete(h, 0), removes ? 1 : 0);
+    CHECK_EQUAL(Truncate(h, count), reversed ? 0 : 1);
+    CHECK(MakeBakFile(h, 1) == 1 && readAll(h->BackupName) == readAll(path));
+}
+
+void setOptions(DbfBase* h, u32 options) {
+    h->DateFormat = static_cast<i32>(options % 8) - 1;
+    h->TrimMode = static_cast<i32>(options >> 3 & 3);
+    h->RawNumeric = static_cast<i32>(options >> 5 & 1);
+    h->MemoAsNumber = static_cast<i32>(options >> 6 & 1);
+    h->Reverse = static_cast<i32>(options >> 7 & 1);
+    h->UseAliases = static_cast<i32>(options >> 8 & 1);
+    h->CaseInsensitive = static_cast<u8>(options >> 9 & 1);
+    SetDateSeparator(h, static_cast<char>(options >> 24));
+}
+
+void check(Input& input) {
+    static const Folder folder;
+    largestFile = 512 << 10;
+    const u32 options = input.number<u32>();
+    const std::string memoFile = input.text(input.number<u16>()), table = input.text(65536);
+    const std::string path = folder.file("t.dbf");
+    writeAll(path, table);
+    const bool writable = (options >> 10 & 1) != 0;
+    const Table h((writable ? OpenBase : OpenBaseRO)(path.c_str()));
+    if (!h) return;
+    const std::string memoPath = h->MemoFileName;
+    writeAll(memoPath, memoFile);
+
+    setOptions(h.get(), options);
+    for (const int field : {-2147483647, -1, int{h->FieldCount}, 2047, 2048, 2147483647})
+        askAbout(h.get(), field);
+    for (int field = 0; field < std::min<int>(h->FieldCount, kFields); ++field)
+        askAbout(h.get(), field);
+    GetBlockSize(h.get());
+    readRecords(h.get(), table, memoFile);
+    const int field = h->FieldCount == 0 ? 0 : static_cast<int>(options >> 16) % h->FieldCount;
+    const char exact = static_cast<char>(options >> 11 & 1);
+    if (reccount(h.get()) != 0)
+        SeekValue(h.get(), field, cString(table.substr(4, 2)).c_str(), exact);
+    CHECK_EQUAL(RefreshDatabase(h.get()), 0);
+    if (writable) edit(h.get(), path, static_cast<double>(options) / 256);
+    for (const std::string& name :
+         {memoPath, std::string(memoPath).replace(memoPath.rfind('.') + 1, 1, "~")})
+        std::remove(name.c_str());
+}
+
+}  // namespace
+
+const Surface kTable{"table", check, 16384};
+
+}  // namespace test

@@ -1,0 +1,253 @@
+// The languages in examples, which bind the reference as well as the library; what is left is the
+// matter of the properties in fuzz/.
+#include <chrono>
+#include <cmath>
+#include <thread>
+
+#include "cases.h"
+
+namespace test {
+namespace {
+
+TEST(Arithmetic, Cases) {
+    for (const auto& row : cases("arithmetic")) {
+        std::string text = row[0];
+        int status = 7;
+        const double value = parse(text.data(), &status);
+        const bool fails = row[1] == "fails";
+        const double wanted = fails ? 0.0 : std::strtod(row[1].c_str(), nullptr);
+        EXPECT_EQ(status, fails ? 0 : 7) << row[0] << ": success leaves the flag alone";
+        EXPECT_EQ(arithmetic(row[0]).has_value(), !fails) << row[0];
+        for (const double got : {value, arithmetic(row[0]).value_or(0.0)}) {
+            EXPECT_TRUE(got == wanted || (std::isnan(got) && std::isnan(wanted)))
+                << row[0] << ": " << got;
+            EXPECT_TRUE(std::isnan(got) || std::signbit(got) == std::signbit(wanted)) << row[0];
+        }
+    }
+}
+
+TEST(StringFunctions, Cases) {
+    DbfBase h{};  // only DateFormat is looked at
+    for (const auto& row : cases("strings")) {
+        std::string text = row[1];
+        h.DateFormat = std::stoi(row[0]);
+        EXPECT_EQ(StrEval(text.data(), &h), row[2]) << row[1];
+        EXPECT_EQ(evaluated(row[1], h.DateFormat), row[2]) << row[1];
+    }
+}
+
+TEST(StringFunctions, DepthCostsNeitherStackNorTime) {
+    constexpr int depth = 100000;
+    DbfBase h{};
+    const std::string filler(400000, 'x');
+    const std::pair<std::string, std::string> deep[] = {
+        {repeat("CAP(", depth) + filler, "X" + filler.substr(1)},
+        {repeat("SUBSTR(x", depth) + filler + repeat(",1)", depth), filler},
+        {repeat("LTRIM( a", depth) + filler, repeat("a", depth) + filler}};
+    const auto start = std::chrono::steady_clock::now();
+    for (auto [text, result] : deep) EXPECT_EQ(StrEval(text.data(), &h), result);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
+TEST(CodePages, AreInverse) {
+    std::string text = "\x41\x7F\x80\xAF\xB0\xDF\xE0\xEF\xF0\xFF", oem = text;
+    OemToCharBuff(oem.data(), text.data(), 10);
+    EXPECT_EQ(text, "\x41\x7F\xC0\xEF\x80\xAF\xF0\xFF\xB0\xBF");
+    CharToOemBuff(text.data(), text.data(), 10);
+    EXPECT_EQ(text, oem);
+}
+
+TEST(Tokenizer, TakesTokensPerThread) {
+    char text[] = "a+(b\xFF)";
+    EXPECT_STREQ(mirastrtok(text, "+()"), "a");
+    std::thread([] { EXPECT_EQ(mirastrtok(nullptr, " "), nullptr) << "no text yet"; }).join();
+    EXPECT_STREQ(mirastrtok(nullptr, "+()"), "b\xFF");
+    EXPECT_EQ(mirastrtok(nullptr, "+()"), nullptr);
+}
+
+struct CalcFields : testing::Test {
+    CalcFields() {
+        EXPECT_EQ(ReadRecord(h, 0), 1);
+        EXPECT_EQ(GetMemCalcField(h), 1);
+    }
+    ~CalcFields() override { FreeMemCalcField(h); }
+
+    std::string text(const std::string& expression) {
+        DelCalcField(h, "X");
+        EXPECT_EQ(AddCalcField(h, "X", expression.c_str()), 1);
+        return str(GetCalcString(h, "x"));
+    }
+
+    Folder folder;
+    Table table =
+        openLayout(folder, {0x03,
+                            {{"NAME", 'C', 10},
+                             {"PRICE", 'N', 10, 2},
+                             {"QTY", 'N', 5},
+                             {"BORN", 'D', 8},
+                             {"WIDE_VALUE", 'N', 100, 2}},
+                            {" Ann            12.50    320240305" + padded("", 96) + "1.25"}});
+    DbfBase* h = table.get();
+};
+
+TEST_F(CalcFields, Cases) {
+    for (const auto& row : cases("calculated")) {
+        EXPECT_EQ(text(row[0]), row[1]) << row[0];
+        EXPECT_EQ(calculated(current(h), row[0]).value_or("(null)"), row[1]) << row[0];
+        EXPECT_EQ(GetCalcValue(h, "X"), std::stod(row[2])) << row[0];
+        EXPECT_EQ(calculatedValue(current(h), row[0]), std::stod(row[2])) << row[0];
+    }
+}
+
+TEST_F(CalcFields, SlotsAreFilledFromFieldCountOn) {
+    for (const char* name : {"price/2", "B", "b"}) EXPECT_EQ(AddCalcField(h, name, name), 1);
+    EXPECT_EQ(AddCalcField(h, nullptr, "3"), 0);
+    EXPECT_EQ(AddCalcField(h, "c", nullptr), 0);
+    EXPECT_EQ(GetCalcI(h, "b"), 6) << "the lower slot of two equal names";
+    EXPECT_EQ(GetCalcI(h, "none"), -1);
+    EXPECT_STREQ(GetFieldName(h, 6), "B");
+    EXPECT_EQ(if_digit_calc(h, "PRICE/2"), 1);
+    EXPECT_EQ(if_digit_calc(h, "B"), 0);
+    EXPECT_STREQ(GetStr(h, 5), "            6.250000");
+    EXPECT_EQ(GetValue(h, 5), 6.25);
+    EXPECT_EQ(GetSign(h, 5), 1);
+    for (const int none : {-1, 0, 8, 2048}) {
+        DelCalcFieldI(h, none);
+        EXPECT_EQ(GetCalcStringI(h, none), nullptr) << none;
+        EXPECT_EQ(GetCalcValueI(h, none) + if_digit_calci(h, none), 0.0) << none;
+    }
+    for (const u8 flag : h->CalcFields->Slots[5].Flags) EXPECT_EQ(flag, 1);
+    DelCalcField(h, "Price/2");
+    for (const u8 flag : h->CalcFields->Slots[5].Flags) EXPECT_EQ(flag, 0);
+    EXPECT_EQ(h->CalcFields->Count, 2u);
+    while (AddCalcField(h, "n", "n") != 0) continue;
+    EXPECT_EQ(h->CalcFields->Count, 2048u - 5);
+    EXPECT_EQ(GetCalcI(h, "n"), 5) << "the lowest empty slot";
+    EXPECT_EQ(GetMemCalcField(h), 1) << "an empty table takes the place of the old one";
+    EXPECT_EQ(h->CalcFields->Count, 0u);
+    for (int i = 0; i < 2; ++i) FreeMemCalcField(h);
+    EXPECT_EQ(h->CalcFields, nullptr);
+    EXPECT_EQ(AddCalcField(h, "a", "1"), 0);
+    EXPECT_EQ(GetMemCalcField(nullptr), 0);
+}
+
+TEST_F(CalcFields, LimitsAndOptions) {
+    EXPECT_EQ(text(repeat("NAME ", 3000)), "(null)") << "11 characters each";
+    EXPECT_EQ(text(repeat("x", 32767)), repeat("x", 32767));
+    EXPECT_EQ(text(repeat("x", 32768)), "(null)");
+    EXPECT_EQ(text(repeat("(", 30000) + "NAME"), "Ann       ");
+    h->CharToOemCallback = [](const char*, char* to, u32 length) {
+        return int{*to = static_cast<char>('0' + length % 10)};
+    };
+    h->OemConvert = 1;
+    EXPECT_EQ(text("'B'BORN"), "B80240305") << "values are converted, literals are not";
+    char out[32768];
+    int numeric = 7;
+    EXPECT_EQ(makecalcstring(h, "'a>b'NAME>=PRICE*2", out, &numeric), 13);
+    EXPECT_STREQ(out, "a>b0nn       >=     12.50*2");
+    EXPECT_EQ(numeric, 1);
+    EXPECT_EQ(makecalcstring(h, "NAME", out, &numeric), -1);
+    EXPECT_EQ(numeric, 0);
+}
+
+using Records = std::vector<u32>;
+
+struct Filter : testing::Test {
+    Records found() const { return {h->FilterIndex, h->FilterIndex + h->FilterCount}; }
+    Records select(const std::string& text) {
+        ClearAllFilter(h);
+        return set_filter(h, text.c_str(), nullptr) == h ? found() : Records{99};
+    }
+
+    Folder folder;
+    Layout layout{0x03,
+                  {{"NAME", 'C', 10}, {"PRICE", 'N', 10, 2}, {"QTY", 'N', 5}},
+                  {" Ann            12.50    1", "*Andrew          5.00    2",
+                   " Bob            30.00   20", "                -1.00     "}};
+    Table table = openLayout(folder, layout);
+    DbfBase* h = table.get();
+};
+
+TEST_F(Filter, Cases) {
+    for (const auto& row : cases("filter")) {
+        std::string seen, told;
+        for (const u32 r : select(row[0])) seen += std::to_string(r);
+        for (u32 r = 0; r < 4; ++r)
+            if (passes({h, layout.records[r]}, row[0])) told += std::to_string(r);
+        EXPECT_EQ(seen, row[1]) << row[0];
+        EXPECT_EQ(told, row[1]) << row[0];
+    }
+    h->NoBracketCheck = h->CaseInsensitive = 1;
+    EXPECT_EQ(select("NAME~NN|PRICE>20|(QTY=1"), (Records{0, 2}));
+}
+
+TEST_F(Filter, NarrowsTheViewStepByStep) {
+    EXPECT_EQ(SortBase(h, "NAME", nullptr), 1);
+    for (const char* text : {"PRICE>1", "QTY>1"}) EXPECT_EQ(set_filter(h, text, nullptr), h);
+    EXPECT_EQ(h->SortOrder, nullptr);
+    EXPECT_EQ(found(), (Records{1, 2}));
+    ClearFilter(h);
+    EXPECT_EQ(reccount(h), 4u);
+    EXPECT_EQ(set_filter(h, nullptr, nullptr), h);
+    EXPECT_EQ(found(), (Records{1, 2})) << "all texts once more";
+    ClearFilter(h);
+    h->SkipDeleted = h->Reverse = 1;
+    EXPECT_EQ(set_filter(h, reinterpret_cast<char*>(std::intptr_t{-1}), nullptr), h);
+    EXPECT_EQ(found(), (Records{3, 2, 0}));
+    EXPECT_EQ(set_filter(h, "QTY<20", [] { return 1; }), h);
+    EXPECT_EQ(h->FilterIndex, nullptr) << "stopped: the table is unfiltered";
+    EXPECT_STREQ(h->FilterText, "PRICE>1&QTY>1&QTY<20");
+    ClearAllFilter(h);
+    EXPECT_EQ(set_filter(h, nullptr, nullptr), nullptr) << "no text to apply";
+}
+
+DbfBase* sorted = nullptr;
+
+TEST_F(Filter, ACallbackThatSortsLeavesNoOrder) {
+    sorted = h;
+    const auto sort = [] {
+        return sorted->SortOrder == nullptr && SortBase(sorted, "QTY", nullptr) == 0 ? 1 : 0;
+    };
+    EXPECT_EQ(set_filter(h, "QTY>1", sort), h);
+    EXPECT_EQ(h->SortOrder, nullptr);
+    EXPECT_EQ(found(), (Records{1, 2}));
+}
+
+TEST_F(Filter, RefusedTextsChangeNothing) {
+    const std::string piece = "QTY=1" + repeat("\"", 1018);
+    EXPECT_EQ(select(piece), (Records{0})) << "1023 characters";
+    EXPECT_EQ(select("QTY<2"), (Records{0, 3}));
+    ASSERT_EQ(SortBase(h, "NAME", nullptr), 1);
+    for (const std::string& text : {piece + "\"", "QTY=1|" + piece + "'",
+                                    repeat("QTY=1&", 40) + "QTY=1", repeat("&", 5000)}) {
+        EXPECT_TRUE(isRefused(h, text));
+        EXPECT_EQ(set_filter(h, text.c_str(), nullptr), nullptr);
+    }
+    EXPECT_EQ(found(), (Records{0, 3}));
+    EXPECT_NE(h->SortOrder, nullptr);
+    EXPECT_STREQ(h->FilterText, "QTY<2");
+}
+
+TEST_F(Filter, WorksPieceByPieceInItsWorkArea) {
+    EXPECT_EQ(ReadRecord(h, 0), 1);
+    EXPECT_EQ(ValidRecord(h, "QTY=1"), 0) << "no work area";
+    EXPECT_EQ(analizator(h, "QTY=1"), 0);
+    FilterWork work{};
+    h->FilterState = &work;
+    EXPECT_EQ(cnd(h, "QTY=1"), '1');
+    EXPECT_EQ(cnd(h, "QTY=2"), '0');
+    EXPECT_EQ(analizator(h, "A&(B|C)"), 3);
+    EXPECT_EQ((Records{work.Cuts, work.Cuts + 3}), (Records{1, 4, 7}));
+    EXPECT_EQ(analizator(h, "A&(B"), 0);
+    for (const char* piece : {"((QTY=1", "QTY=2)"}) {
+        std::snprintf(work.PieceText, sizeof work.PieceText, "%s", piece);
+        eval(h, '|');
+    }
+    EXPECT_STREQ(work.LogicText, "((1+0)+");
+    h->FilterState = nullptr;
+    const std::unique_ptr<void, decltype(&std::free)> block(ExternalFilter(h, 9), std::free);
+    EXPECT_NE(block, nullptr);
+}
+
+}  // namespace
+}  // namespace test

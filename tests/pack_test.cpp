@@ -1,0 +1,216 @@
+// Pack: rebuilding the memo file, and what a pack that fails leaves behind.
+#include <numeric>
+#include <set>
+
+#include "support.h"
+
+namespace test {
+namespace {
+
+/// Five records of two memo fields; the second is deleted, the last has no memos. Those of record
+/// i are of one character and of 30000 * i more, the second stored twice.
+Table withMemos(const TempDir& dir, u8 version, u32 kind) {
+    const unsigned length = kind == 3 ? 4 : 10;
+    Layout layout{version, {{"A", 'M', length}, {"B", 'G', length}}, {}};
+    layout.records.resize(5, padded("", 1 + 2 * length, kind < 3 ? ' ' : '\0'));
+    layout.records[1][0] = '*';
+    Table h = openLayout(dir, layout);
+    CreateMemoFile(h->FileName, kind, 64);
+    for (u32 i = 0; i < 4; ++i) {
+        ReadRecord(h.get(), i);
+        const char letter = static_cast<char>('a' + i);
+        for (const u32 field : {0u, 1u, 1u})
+            SetMemo(h.get(), field, std::string(30000 * i * field + 1, letter).c_str());
+        WriteRecord(h.get(), i);
+    }
+    return h;
+}
+
+/// The first character of every memo, and its length, of which one format reads only 65535.
+std::string memosOf(DbfBase* h) {
+    std::string all;
+    for (u32 i = 0; i < 2 * reccount(h); ++i) {
+        ReadRecord(h, i / 2);
+        const std::string memo = memoOf(h, i % 2).value_or("").substr(0, 65535);
+        all += memo.substr(0, 1) + std::to_string(memo.size()) + (i % 2 == 0 ? ' ' : ',');
+    }
+    return all;
+}
+
+TEST(Edit, PackRebuildsTheMemoFile) {
+    const TempDir dir;
+    const std::pair<u8, u32> formats[] = {{0x83, 0}, {0x8B, 2}, {0x30, 3}, {0xE5, 4}, {0xF5, 1}};
+    for (const auto& [version, kind] : formats) {
+        for (const u32 mode : {0u, 2u, 1u}) {
+            const Table h = withMemos(dir, version, kind);
+            if (kind == 1) std::filesystem::rename(h->MemoFileName, dir.file("T.FPT"));
+            GetMemoType(h.get());  // finds that, too
+            const std::string name = h->MemoFileName, before = readAll(name);
+            const std::string oldName = std::string(name).replace(name.size() - 3, 1, "~");
+            writeAll(oldName, "older");
+            EXPECT_EQ(Pack(h.get(), mode), 1) << kind;
+            EXPECT_EQ(memosOf(h.get()), mode == 2 ? "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,"
+                                                  : "a1 a1,c1 c60001,d1 d65535,0 0,");
+            const std::string after = readAll(h->MemoFileName);
+            EXPECT_EQ(after.size() < before.size() - 180000, mode != 1) << "nothing unused";
+            EXPECT_NE(after.find(std::string(90001, 'd')), std::string::npos);
+            std::filesystem::remove(h->MemoFileName);
+            EXPECT_EQ(Pack(h.get(), 2), 1);
+            EXPECT_TRUE(readAll(oldName) == (mode == 1 ? "older" : before)) << "stays";
+        }
+    }
+}
+
+/// As a cipher does it: the bytes on the disk are others than those of the buffer.
+int invert(DbfBase* h) {
+    for (u32 i = 1; i < h->Header.RecordLength; ++i) h->RecordBuffer[i] ^= 0xFF;
+    return 0;
+}
+
+TEST(Edit, PackReadsAndWritesEachRecordOnceThroughItsHooks) {
+    static int reads, writes;
+    const TempDir dir;
+    const Table h = withMemos(dir, 0xF5, 1);
+    for (u32 i = 0; i < 5; ++i) {
+        ReadRecord(h.get(), i);
+        invert(h.get());
+        WriteRecord(h.get(), i);
+    }
+    h->AfterRead = [](DbfBase* base) { return ++reads, invert(base); };
+    h->BeforeWrite = [](DbfBase* base) { return ++writes, invert(base); };
+    EXPECT_EQ(Pack(h.get(), 2), 1);
+    EXPECT_EQ(std::pair(reads, writes), std::pair(5, 5));
+    EXPECT_EQ(memosOf(h.get()), "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,");
+}
+
+TEST(Edit, PackLeavesWideTextAndClearsWhatLeadsNowhere) {
+    const TempDir dir;
+    const std::string wide = "no reference 1", digits = padded("", 9);
+    const Table h = openLayout(dir, {0x83,
+                                     {{"W", 'W', 14}, {"M", 'M', 10}},
+                                     {" " + wide + digits + "1", " " + wide + "   9999999"}});
+    const std::string memo = "a\0"s + std::string(70000, 'b') + "\x1A";
+    writeAll(h->MemoFileName, padded("\1", 512, 0) + memo + "unused");
+    EXPECT_EQ(Pack(h.get(), 2), 1);
+    EXPECT_TRUE(readAll(h->MemoFileName) == padded("\x8A", 512, 0) + memo) << "zeros included";
+    for (const char* last : {"1", " "}) {
+        ReadRecord(h.get(), *last == ' ');
+        EXPECT_EQ(recordOf(h.get()), " " + wide + digits + last);
+    }
+}
+
+/// The files of a directory and what they hold.
+std::string filesOf(const TempDir& dir) {
+    std::set<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.file("")))
+        files.insert(entry.path().string() + '=' + readAll(entry.path().string()) + '\n');
+    return std::accumulate(files.begin(), files.end(), std::string());
+}
+
+TEST(Edit, PackThatFailsCanBeCalledAgain) {
+    const std::string memos = "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,";
+    for (const u32 kind : {0u, 3u}) {
+        const TempDir dir;
+        const Table h = withMemos(dir, kind == 0 ? 0x83 : 0x30, kind);
+        const std::string before = filesOf(dir);
+        {
+            const FileSizeLimit noRoom(150000);
+            EXPECT_EQ(Pack(h.get(), 2), 0);
+            EXPECT_TRUE(filesOf(dir) == before);
+        }
+        EXPECT_EQ(Pack(h.get(), 2), 1);
+        EXPECT_EQ(memosOf(h.get()), memos);
+    }
+}
+
+TEST(Edit, PackThatStopsAmongTheRecordsIsFinishedByTheNext) {
+    const TempDir dir;
+    Layout layout{0x30, {{"F", 'C', 160, 15}, {"M", 'M', 4}}, {}};
+    for (const char* start : {" a", "*b", " c"})
+        layout.records.push_back(padded(start, 4001) + "\0\0\0\0"s);
+    const Table h = openLayout(dir, layout);
+    CreateMemoFile(h->FileName, 3, 64);
+    for (u32 i = 0; i < 3; ++i) {
+        ReadRecord(h.get(), i);
+        SetMemo(h.get(), 1, "unused");
+        SetMemo(h.get(), 1, std::string(1, "abc"[i]).c_str());
+        WriteRecord(h.get(), i);
+    }
+    const std::string name = h->MemoFileName, before = readAll(name);
+    const std::string oldName = std::string(name).replace(name.size() - 3, 1, "~");
+    ASSERT_EQ(Pack(h.get(), 1), 1);
+    {
+        const FileSizeLimit oneRecord(5000);  // no more of the table can be written
+        EXPECT_EQ(Pack(h.get(), 2), 0);
+    }
+    EXPECT_TRUE(readAll(oldName) == before) << "whole";
+    EXPECT_EQ(ReadRecord(h.get(), 0), 1);
+    EXPECT_EQ(memoOf(h.get(), 1), std::nullopt) << "rather than another's text";
+    EXPECT_EQ(SetMemo(h.get(), 1, "x") + Delete(h.get(), 0) + Insert(h.get(), 0, 1), 0);
+    EXPECT_EQ(Zap(h.get()), 0);
+    EXPECT_EQ(Pack(Table(OpenBase(h->FileName)).get(), 2), 1);
+    for (u32 i = 0; i < 2; ++i) {
+        ReadRecord(h.get(), i);
+        EXPECT_EQ(memoOf(h.get(), 1), std::string(1, "ac"[i]));
+    }
+    EXPECT_EQ(Pack(h.get(), 2), 1);
+    EXPECT_EQ(readAll(name).size(), 512u + 64 + 9) << "nothing unused";
+}
+
+TEST(Edit, ARecordThatPackCouldNotMoveWholeIsDeleted) {
+    const TempDir dir;
+    const Layout model{0x03, {{"F", 'C', 232, 3}}, {}};  // 1000 characters
+    for (const bool oneByOne : {false, true}) {
+        Layout layout = model;
+        for (const char* start : {"*a", " b", " c", " d"})
+            layout.records.push_back(padded(start, 1001, start[1]));
+        const Table h = openLayout(dir, layout);
+        if (oneByOne) h->BeforeWrite = [](DbfBase*) { return 0; };
+        {
+            const FileSizeLimit oneAndAHalf(65 + 1501);
+            EXPECT_EQ(Pack(h.get(), 1), 0);
+        }
+        std::string kept;
+        for (u32 i = 0; i < 4; ++i) {
+            ReadRecord(h.get(), i);
+            kept += recordOf(h.get()).substr(0, 2);
+        }
+        EXPECT_EQ(kept, " b*c c d");
+        EXPECT_EQ(Pack(h.get(), 1), 1);
+        EXPECT_EQ(reccount(h.get()), 3u);
+    }
+}
+
+TEST(Edit, PackTakesNoNameThatIsNeeded) {
+    const TempDir dir;
+    const Table h = openLayout(dir, {0x83, {{"M", 'M', 10}}, {padded("", 10) + '1'}}, "t.~bt");
+    CreateMemoFile(h->FileName, 0, 0);
+    const std::string before = filesOf(dir);
+    EXPECT_EQ(Pack(h.get(), 2), 1) << "the table has the name of the old memo file";
+    EXPECT_TRUE(filesOf(dir) == before);
+    std::filesystem::remove(h->MemoFileName);
+    std::filesystem::create_hard_link(h->FileName, h->MemoFileName);
+    EXPECT_EQ(Pack(h.get(), 2), 0) << "the memo file is the table";
+    EXPECT_EQ(ReadRecord(h.get(), 0) + SetMemo(h.get(), 0, "x"), 1);
+    EXPECT_EQ(CreateMemoFile(h->FileName, 0, 0), 0);
+    EXPECT_EQ(readAll(h->FileName).size(), 65u + 11 + 1);
+}
+
+TEST(Edit, PackOfAReadOnlyTable) {
+    const TempDir dir;
+    const Layout plain{0x03, {{"F", 'C', 1}}, {" a", " b"}};
+    const Layout memos{0x83, {{"M", 'M', 10}}, {padded("", 11), padded("*", 11)}};
+    const Table a(OpenBaseRO(openLayout(dir, plain)->FileName));
+    const Table b(OpenBaseRO(openLayout(dir, memos, "m.dbf")->FileName));
+    CreateMemoFile(b->FileName, 0, 0);
+    a->BackupEnabled = b->BackupEnabled = 1;
+    const std::string before = filesOf(dir);
+    for (const u32 mode : {0u, 1u, 2u, 3u}) {
+        EXPECT_EQ(Pack(a.get(), mode), 1) << "nothing to write";
+        EXPECT_EQ(Pack(b.get(), mode), mode == 3) << mode;
+    }
+    EXPECT_TRUE(filesOf(dir) == before);
+}
+
+}  // namespace
+}  // namespace test
