@@ -54,15 +54,20 @@ void checkNullFlags(const Table& table, const Report& report) {
                                 8 * table.nullLength, bits)});
 }
 
-void checkEndByte(const Table& table, const Report& report) {
+bool hasEndByte(const Table& table, u32 records) {
     const DbfHeader& header = table.base->Header;
-    const u64 end = Calc64(header.RecordLength, table.storedCount, header.HeaderLength);
+    const u64 end = Calc64(header.RecordLength, records, header.HeaderLength);
     char byte = 0;
-    if (end > 0x7FFFFFFF || end > table.fileSize) return;
-    if (readFileAt(table.base->TableFile, static_cast<u32>(end), &byte, 1) == 1 &&
-        byte == kEndByte) {
-        return;
-    }
+    return end <= 0x7FFFFFFF &&
+           readFileAt(table.base->TableFile, static_cast<u32>(end), &byte, 1) == 1 &&
+           byte == kEndByte;
+}
+
+/// Behind the records that the header counts, or all that the file holds.
+void checkEndByte(const Table& table, const Report& report) {
+    const u32 held = table.base->Header.RecordCount;
+    if (table.storedCount > held) return;  // cut, which is said
+    if (hasEndByte(table, table.storedCount) || hasEndByte(table, held)) return;
     report({.isNote = true, .what = "there is no end byte (1A) behind the records"});
 }
 
@@ -190,12 +195,13 @@ void checkRecords(RecordCheck& check, const Report& report) {
 void reportLetters(const Faults& faults, const Report& report) {
     const FaultTally& tally = faults[static_cast<std::size_t>(Fault::NoCharacter)];
     if (tally.count == 0) return;
-    report(
-        {.isNote = true,
-         .record = u64{tally.record} + 1,
-         .field = tally.column,
-         .what = fmt::format("first of {} with bytes that the code page lacks",
-                             tally.count == 1 ? "1 text" : fmt::format("{} texts", tally.count))});
+    report({.isNote = true,
+            .record = u64{tally.record} + 1,
+            .field = tally.column,
+            .what = tally.count == 1
+                        ? "bytes that the code page lacks"
+                        : fmt::format("bytes that the code page lacks, the first of {} such texts",
+                                      tally.count)});
 }
 
 }  // namespace

@@ -16,22 +16,24 @@ namespace {
 constexpr u32 kRecordBits = 33;
 constexpr u64 kRecordMask = (u64{1} << kRecordBits) - 1;
 constexpr u64 kLastPlace = 0x7FFFFFFF;  // of a memo file
-constexpr u32 kHeader = 512;            // where memos begin, in blocks of less
+constexpr u32 kHeader = 512;
 constexpr char kMemoEnd = 0x1A;
 
-/// Bytes of the memo file's header that say something.
+/// Bytes of the memo file that are header for certain. Other makers of dBase IV and SMT memos may
+/// begin before byte 512.
 u32 headerBytes(const Table& table) {
     switch (memoFormat(table)) {
-        case MemoFormat::DBase3:
-            return 512;
         case MemoFormat::DBase4:
             return 24;
-        case MemoFormat::FoxPro:
-            return 8;
-        default:
+        case MemoFormat::Smt:
             return 16;
+        default:
+            return kHeader;
     }
 }
+
+/// Where memos begin.
+u32 firstPlace(u32 unit) { return unit > kHeader ? unit : kHeader / unit * unit; }
 
 /// Empty when the reference leads to where a memo may stand.
 std::string wrongPlace(const MemoReader& memos, const Table& table, u32 block) {
@@ -39,7 +41,8 @@ std::string wrongPlace(const MemoReader& memos, const Table& table, u32 block) {
     if (offset >= memos.size || offset > kLastPlace) {
         return fmt::format("refers to block {}, past the end of the memo file", block);
     }
-    if (offset >= headerBytes(table)) return "";
+    const u32 header = std::min(headerBytes(table), firstPlace(memos.unit));
+    if (offset >= header) return "";
     return fmt::format("refers to block {}, in the header of the memo file", block);
 }
 
@@ -76,7 +79,8 @@ struct Walk {
 
 /// Bytes that no memo claims before a place.
 void skipTo(Walk& walk, u64 offset) {
-    const u64 free = roundedUp(walk.claimed, walk.memos().unit);
+    const u32 unit = walk.memos().unit;
+    const u64 free = std::max<u64>(roundedUp(walk.claimed, unit), firstPlace(unit));
     if (offset > free) walk.unused += offset - free;
 }
 
@@ -88,17 +92,29 @@ void readRecordOf(Walk& walk, u64 place) {
         fmt::format("{}: record {} cannot be read", walk.table().path, u64{walk.cells.record} + 1));
 }
 
-/// Whether a dBase III memo goes on behind its first end byte: one that stands alone, with no
-/// other end in its block, and blocks behind it that are nobody else's. What an older, longer memo
-/// left in the block has an end there, too.
-bool goesOn(const Walk& walk, u64 end, u64 limit) {
+/// No text: a control character in it, or the beginning of a PNG file, which holds an end mark to
+/// show just such cuts.
+bool isBinary(std::string_view bytes) {
+    constexpr std::string_view kInTexts = "\t\n\r";
+    return bytes.starts_with("\x89PNG") || std::any_of(bytes.begin(), bytes.end(), [&](char c) {
+               return static_cast<u8>(c) < ' ' && kInTexts.find(c) == std::string_view::npos;
+           });
+}
+
+/// Whether a dBase III memo goes on behind its first end byte: one that stands alone in its block,
+/// with data up to the next block, which is nobody else's. Writers leave in a block whatever was in
+/// memory, so behind a text only text counts.
+bool goesOn(const Walk& walk, u64 offset, u64 end, u64 limit) {
     const u64 blockEnd = roundedUp(end, walk.memos().unit);
     if (limit <= blockEnd || end == blockEnd) return false;
-    std::string rest(blockEnd - end, '\0');
-    readFileAt(walk.memos().file.get(), static_cast<u32>(end), rest.data(),
-               static_cast<u32>(rest.size()));
-    return rest.front() != '\0' && rest.front() != ' ' && rest.back() != '\0' &&
-           rest.find(kMemoEnd) == std::string::npos;
+    const u64 start = std::max(offset, blockEnd - walk.memos().unit);
+    std::string block(blockEnd - start, '\0');
+    readFileAt(walk.memos().file.get(), static_cast<u32>(start), block.data(),
+               static_cast<u32>(block.size()));
+    const std::string_view before = std::string_view(block).substr(0, end - 1 - start);
+    const std::string_view rest = std::string_view(block).substr(end - start);
+    if (rest.back() == '\0' || rest.find(kMemoEnd) != std::string::npos) return false;
+    return isBinary(before) || !isBinary(rest);
 }
 
 /// Texts that the code page lacks, and whatever else keeps the memo from being read.
@@ -126,7 +142,7 @@ void checkOwnMemo(Walk& walk, u64 place, u64 limit) {
     const MemoReference reference = memoReference(walk.table(), walk.columnOf(place));
     u64 end = 0;
     if (!memoEnd(walk.memos(), walk.table(), reference, &end)) {
-        claim(walk, place, offset);
+        claim(walk, place, offset + 1);
         return walk.find(place,
                          fmt::format("refers to block {}, which holds no memo of this format",
                                      place >> kRecordBits));
@@ -137,7 +153,7 @@ void checkOwnMemo(Walk& walk, u64 place, u64 limit) {
                                             "the memo file",
                                             end - walk.memos().size));
     }
-    if (memoFormat(walk.table()) == MemoFormat::DBase3 && goesOn(walk, end, limit)) {
+    if (memoFormat(walk.table()) == MemoFormat::DBase3 && goesOn(walk, offset, end, limit)) {
         walk.find(place, "the memo goes on after its end mark");
         end = limit;
     }
@@ -157,8 +173,6 @@ void checkMemo(Walk& walk, u64 place, u64 limit) {
 void walkMemos(Walk& walk) {
     std::vector<u64>& places = walk.references.places;
     std::sort(places.begin(), places.end());
-    walk.claimed = walk.memos().unit > kHeader ? walk.memos().unit
-                                               : kHeader / walk.memos().unit * walk.memos().unit;
     Progress progress(walk.table().path, places.size());
     for (std::size_t i = 0; i < places.size();) {
         leaveIfStopped();
@@ -184,9 +198,10 @@ std::string memoFileFault(const MemoReferences& references, CellReader& cells) {
     const Table& table = *cells.table;
     if (!openMemos(cells.memos, table)) {
         const std::string missing = missingMemos(table);
-        return fmt::format(
-            "{}; {} {} to memos", missing.empty() ? "its memo file cannot be opened" : missing,
-            references.count, references.count == 1 ? "field refers" : "fields refer");
+        const std::string fault = missing.empty() ? "its memo file cannot be opened" : missing;
+        if (references.count == 0) return fault;
+        return fmt::format("{}; {} {} to memos", fault, references.count,
+                           references.count == 1 ? "field refers" : "fields refer");
     }
     if (cells.memos.unit == 0) return "the memo file gives blocks of 0 bytes";
     return "";

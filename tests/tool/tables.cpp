@@ -77,6 +77,53 @@ void layVisual(const std::string& folder) {
     writeAll(folder + "/flags.dbf", bytes);
 }
 
+/// A FoxPro memo in blocks of 64 bytes.
+std::string foxMemo(std::string_view text, unsigned length) {
+    const std::string size = le(length, 4);
+    const std::string block = "\0\0\0\x01"s + std::string(size.rbegin(), size.rend());
+    return padded(block + std::string(text), (8 + text.size() + 63) / 64 * 64, '\0');
+}
+
+/// A table for each way in which memos and references to them can be wrong.
+void layDamagedMemos(const std::string& folder) {
+    const auto record = [](std::string_view block) { return " " + padded(block, 10); };
+    Layout fox{.version = 0xF5, .columns = {{"NOTE", 'M', 10}}, .records = {}};
+    for (const char* block : {"8", "9", "10", "10", "11", "1", "13"}) {
+        fox.records.push_back(record(block));
+    }
+    lay(folder, "fox.dbf", fox);
+    writeAll(folder + "/fox.FPT", padded("\0\0\0\x0F\0\0\0\x40"s, 512, '\0') +
+                                      foxMemo(std::string(100, 'a'), 100) + foxMemo("shared", 6) +
+                                      padded("no memo", 128) + foxMemo("cut", 500));
+    lay(folder, "dbase.dbf",
+        {.version = 0x83,
+         .columns = {{"NOTE", 'M', 10}, {"PIC", 'M', 10}},
+         .records = {record("1") + padded("3", 10), record("6") + padded("6", 10),
+                     record("7") + padded("", 10)}});
+    const auto old = [](std::string_view text) { return padded(text, 512, 'm'); };
+    writeAll(folder + "/dbase.dbt",
+             old("") + padded("text\x1A" + std::string(9, '\x02'), 512, 'm') + old("an old memo") +
+                 old("\x89PNG\r\n\x1A\n") + old("") + old("end\x1A") + old("both\x1A") +
+                 padded("\xFF\xFF\x08\0\x09\0\0\0x\x1A"s, 512));
+    lay(folder, "lost.dbf",
+        {.version = 0x83, .columns = {{"NOTE", 'M', 10}}, .records = {record("1"), record("")}});
+}
+
+void layDamage(const std::string& folder) {
+    std::filesystem::create_directory(folder);
+    layDamagedMemos(folder);
+    Layout bits{.version = 0x30, .columns = {}, .records = {" xxxxxxxxx\0"s}};
+    for (char name = 'A'; name < 'J'; ++name) bits.columns.push_back({{name}, 'V', 1});
+    bits.columns.push_back({"_NullFlags", '0', 1});
+    lay(folder, "bits.dbf", bits);
+    const Layout text{.columns = {{"C", 'C', 3}}, .records = {" one", "?two", "*\x81\x8D."}};
+    lay(folder, "marks.dbf", text, "\x03", 29);
+    lay(folder, "header.dbf", text, "\x05\x18\x0B\x1A\x01\0\0\0\x41\0\x09"s);
+    std::string open = text.bytes();
+    open[29] = '\x05';
+    writeAll(folder + "/open.dbf", open.substr(0, open.size() - 1));
+}
+
 /// A table of blanks as large as a file can be; takes no room on the disk.
 void layHuge(const std::string& folder) {
     const Layout t{.columns = {{"TEXT", 'C', 100}}, .records = {}};
@@ -91,6 +138,7 @@ void layTables(const std::string& folder) {
     lay(folder, "names.dbf", names());
     layMemos(folder);
     layVisual(folder);
+    layDamage(folder + "/damage");
     layHuge(folder);
     const Layout cyrillic{.columns = {{"TEXT", 'C', 12}},
                           .records = {" \x8F\xE0\xA8\xA2\xA5\xE2      "}};

@@ -1,4 +1,275 @@
+// mira memo: one memo out of a table or into it, or all memos of a field into a folder.
+#include "table/memo.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "change.h"
 #include "command/commands.h"
+#include "message.h"
+#include "output.h"
+#include "table/refusal.h"
+#include "table/store.h"
+#include "table/text.h"
+#include "writer.h"
+
 namespace mira::tool {
-void addMemo(CLI::App&, Job&) {}
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kLongest = 0x7FFFFFFF;  // bytes of a memo file
+
+struct Options {
+    std::string table, field;
+    std::optional<u64> record;
+    std::string output, from;
+    bool all = false;
+    bool force = false;
+    SelectOptions select;
+    ChangeOptions change;
+};
+
+// --------------------------------------------------------------------------------------------
+// What is meant
+// --------------------------------------------------------------------------------------------
+
+const Column& memoColumn(const Table& table, const std::string& name) {
+    const Column& column = columnNamed(table, name);
+    if (holdsReference(column)) return column;
+    std::string fields;
+    for (const Column& other : table.columns) {
+        if (holdsReference(other)) fields += (fields.empty() ? "" : ", ") + other.name;
+    }
+    throw Refusal(fmt::format("{}: field {} is {} and holds no memos; {}", table.path, column.name,
+                              typeLabel(column),
+                              fields.empty() ? "no field does" : "these do: " + fields));
+}
+
+/// Reads the record of a number from 1.
+void readRecordNumbered(Table& table, u64 number) {
+    const u32 count = table.base->Header.RecordCount;
+    if (number == 0) throw Refusal("records count from 1");
+    if (number > count) {
+        throw Refusal(fmt::format("{}: no record {}; there are {}", table.path, number, count));
+    }
+    if (ReadRecord(table.base.get(), static_cast<u32>(number - 1)) == 0) {
+        throw Refusal(fmt::format("{}: record {} cannot be read", table.path, number));
+    }
+}
+
+std::string nameOf(const Table& table, u64 record, const Column& column) {
+    return fmt::format("{}: record {}, field {}", table.path, record, column.name);
+}
+
+std::vector<std::string> inputsOf(const Table& table) {
+    std::vector<std::string> inputs{table.path};
+    if (table.base->MemoFileName != nullptr) inputs.emplace_back(table.base->MemoFileName);
+    return inputs;
+}
+
+// --------------------------------------------------------------------------------------------
+// Out
+// --------------------------------------------------------------------------------------------
+
+/// The lines of a text, for a terminal: nothing but their ends comes through.
+void putLines(Output& out, std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t end = text.find('\n');
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        if (line.ends_with('\r')) line.remove_suffix(1);
+        out.put(escaped(line) + "\n");
+    }
+}
+
+void putMemo(Output& out, const Value& value) {
+    if (value.kind == ValueKind::Text && out.isTerminal()) return putLines(out, value.text);
+    std::string text;
+    putPlain(text, value);
+    if (value.kind == ValueKind::Bytes) text += '\n';
+    out.put(text);
+}
+
+bool isEmpty(const Value& value) {
+    return value.kind == ValueKind::Null || value.kind == ValueKind::Blank || value.text.empty();
+}
+
+/// The bytes as they stand in the memo file.
+std::string_view bytesOf(CellReader& cells, const Column& column) {
+    std::string_view bytes;
+    readMemo(cells.memos, *cells.table, column, &bytes);
+    return bytes;
+}
+
+/// The memo as a value or, for -o, its bytes.
+Status takeOut(const Options& options) {
+    const auto table = openTable(options.table, tableOptions(options.select));
+    const Column& column = memoColumn(*table, options.field);
+    readRecordNumbered(*table, *options.record);
+    CellReader cells(*table);
+    Value value;
+    readCell(cells, column, value);
+    const std::string name = nameOf(*table, *options.record, column);
+    if (value.fault == Fault::NoMemo) {
+        throw Refusal(name + ": the memo cannot be read; `mira check` says why");
+    }
+    if (isEmpty(value)) {
+        note("{}: {}", name, value.kind == ValueKind::Null ? "null" : "no memo");
+        return kDone;
+    }
+    const bool bytes = !options.output.empty();
+    const Target target = targetOf(bytes ? options.output : "-");
+    checkTargets({target}, options.force, inputsOf(*table));
+    Output out(target, options.force);
+    if (bytes) {
+        out.put(bytesOf(cells, column));
+    } else {
+        putMemo(out, value);
+    }
+    out.finish();
+    if (!bytes) tellPage(*table);
+    const bool matters = value.fault != Fault::None && (!bytes || value.fault == Fault::MemoCut);
+    if (matters) note("{}: {}", name, faultSentence(value.fault, 1));
+    return matters ? kFound : kDone;
+}
+
+void makeFolder(const std::string& folder) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    std::error_code ignored;
+    if (fs::is_directory(folder, ignored)) return;
+    throw Refusal(folder + ": memos go into a folder, and this is none" +
+                  (error ? ": " + error.message() : ""));
+}
+
+/// Text as UTF-8, anything else as bytes.
+void writeFile(const Selection& selection, const std::string& folder, const Value& value,
+               bool force) {
+    const bool binary = value.kind == ValueKind::Bytes;
+    const std::string name =
+        fmt::format("{}.{}", u64{selection.cells.record} + 1, binary ? "bin" : "txt");
+    const Target target = targetOf((fs::path(folder) / name).string());
+    checkTargets({target}, force, inputsOf(*selection.table));
+    Output out(target, force);
+    out.put(value.text);
+    out.finish();
+}
+
+Status takeAllOut(const Options& options) {
+    if (options.output.empty() || options.output == "-") {
+        throw Refusal("--all needs a folder: -o FOLDER");
+    }
+    const auto selection = selectFrom(options.table, options.select);
+    const Column column = memoColumn(*selection->table, options.field);
+    makeFolder(options.output);
+    u64 memos = 0;
+    Value value;
+    while (nextRow(*selection)) {
+        readCell(*selection, column, value);
+        if (isEmpty(value)) continue;
+        writeFile(*selection, options.output, value, options.force);
+        ++memos;
+    }
+    const bool faulty = tellFaults(*selection);
+    note("{}: {} of {} into {}", selection->table->path, counted(memos, "memo"),
+         counted(selection->rows, "record"), options.output);
+    return faulty ? kFound : kDone;
+}
+
+// --------------------------------------------------------------------------------------------
+// In
+// --------------------------------------------------------------------------------------------
+
+std::string readInput(const std::string& name) {
+    const File file(name == "-" ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(name.c_str(), "rb"));
+    if (!file) throw Refusal(name + ": " + std::strerror(errno));
+    constexpr std::size_t kChunk = 1 << 16;
+    std::string bytes;
+    while (true) {
+        leaveIfStopped();
+        const std::size_t used = bytes.size();
+        bytes.resize(used + kChunk);
+        const std::size_t got = std::fread(bytes.data() + used, 1, kChunk, file.get());
+        bytes.resize(used + got);
+        if (bytes.size() > kLongest) throw Refusal(name + ": longer than a memo file can be");
+        if (got == 0) break;
+    }
+    if (std::ferror(file.get()) != 0) throw Refusal(name + ": cannot be read");
+    return bytes;
+}
+
+/// A text in UTF-8 goes into the page of a field of texts; anything else stays as it is.
+Given givenOf(const Column& column, const std::string& bytes) {
+    const bool text =
+        column.kind == Kind::Memo && isUtf8(bytes) && bytes.find('\0') == std::string::npos;
+    return text ? Given::ofText(bytes) : Given::ofBlob(bytes);
+}
+
+Status putIn(const Options& options) {
+    const auto table = openToChange(options.table, tableOptions(options.select));
+    const Column& column = memoColumn(*table, options.field);
+    readRecordNumbered(*table, *options.record);
+    const std::string bytes = readInput(options.from);
+    Encoded encoded;
+    const std::string reason = encodeValue(*table, column, givenOf(column, bytes), false, encoded);
+    const std::string name = nameOf(*table, *options.record, column);
+    if (!reason.empty()) throw Refusal(name + ": " + reason);
+    if (!options.change.dryRun) {
+        beginChange(*table, options.change);
+        putValue(*table, column, encoded);
+        if (WriteRecord(table->base.get(), static_cast<u32>(*options.record - 1)) == 0) {
+            throw Refusal(name + ": the record cannot be written; it keeps its old memo");
+        }
+        stampDate(*table);
+    }
+    tellPage(*table);
+    note("{}: 1 of {} {}changed", table->path, counted(table->base->Header.RecordCount, "record"),
+         options.change.dryRun ? "would be " : "");
+    return kDone;
+}
+
+Status run(const Options& options) {
+    if (options.all && (options.record || !options.from.empty())) {
+        throw Refusal("--all takes out every memo: no RECORD, no --set");
+    }
+    if (options.all) return takeAllOut(options);
+    if (!options.record) throw Refusal("RECORD says which memo; --all -o FOLDER takes all");
+    if (!options.select.where.empty()) throw Refusal("-w FILTER goes with --all");
+    if (options.from.empty()) return takeOut(options);
+    if (!options.output.empty()) throw Refusal("-o or --set, not both");
+    return putIn(options);
+}
+
+}  // namespace
+
+void addMemo(CLI::App& program, Job& job) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("memo", "Print, take out or store memos");
+    command.footer(
+        "Examples:\n"
+        "  mira memo members NOTES 3\n"
+        "  mira memo members PHOTO 1 -o photo.png\n"
+        "  mira memo members NOTES 3 --set notes.txt\n"
+        "  mira memo members NOTES --all -o notes");
+    command.add_option("TABLE", options->table, "The table")->required();
+    command.add_option("FIELD", options->field, "The memo field")->required();
+    command.add_option("RECORD", options->record, "The record, from 1; it may be deleted");
+    command.add_option("-o,--output", options->output, "A file for its bytes, \"-\" for output")
+        ->type_name("FILE");
+    command.add_option("--set", options->from, "Store what the file holds, \"-\" for input")
+        ->type_name("FILE");
+    command.add_flag("--all", options->all, "All memos of the field, a file each in -o FOLDER");
+    command.add_flag("--force", options->force, "Replace files that are there");
+    addFilterOptions(command, options->select);
+    addTableOptions(command, options->select);
+    command.add_flag("--raw", options->select.raw, "Keep soft line breaks");
+    addChangeOptions(command, options->change);
+    whenChosen(command, job, options, run);
+}
+
 }  // namespace mira::tool

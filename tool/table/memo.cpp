@@ -164,8 +164,9 @@ bool memoEnd(MemoReader& reader, const Table& table, MemoReference reference, u6
         case MemoFormat::DBase3: {
             u8 start[4] = {};
             readFileAt(reader.file.get(), static_cast<u32>(offset), start, sizeof start);
+            if (isDBase4Memo(start)) return false;
             *end = markedEnd(reader, offset);
-            return !isDBase4Memo(start);
+            return true;
         }
         case MemoFormat::DBase4:
         case MemoFormat::FoxPro:
