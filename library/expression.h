@@ -27,7 +27,7 @@ struct Expression {
     int operatorPart = -1;  ///< it begins with the first operator character; -1: there is none
     bool numeric = false;   ///< a numeric field is among the parts
 };
-Expression readExpression(const DbfBase*, std::string_view text);
+Expression readExpression(const DbfBase*, std::string_view rest);
 
 /// The text of a table field, dates as digits that begin with the year.
 std::string_view valueText(DbfBase*, int field);

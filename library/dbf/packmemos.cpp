@@ -154,7 +154,8 @@ bool copyMemos(DbfBase* h, const ReferenceFields& fields, const OldMemos& from, 
                u32 count, ChangedRecords* records, Bytes* log) {
     for (u32 record = 0; record < count; ++record) {
         u8* entry = nullptr;
-        if (!records->read(record) || (entry = log->add(2 * fields.width)) == nullptr) return false;
+        if (!records->read(record) || (entry = log->add(std::size_t{2} * fields.width)) == nullptr)
+            return false;
         copyReferences(h, fields, entry);
         for (u32 i = 0; i < fields.count; ++i) {
             if (!copyMemo(h, fields.numbers[i], from, to)) return false;

@@ -25,6 +25,8 @@ namespace {
 constexpr std::size_t kPartSize = 256;  // callers' buffers for a directory or a name
 constexpr std::size_t kExtSize = 10;
 
+void place(char* to, const char* text) { std::memcpy(to, text, std::strlen(text) + 1); }
+
 }  // namespace
 
 // The results may go where the path, or another source, comes from: they are made before.
@@ -37,9 +39,9 @@ void _splitpath(const char* path, char* drive, char* dir, char* name, char* ext)
     TextOut(madeName, kPartSize).put(parts.name);
     TextOut(madeExt, kExtSize).put(parts.ext);
     drive[0] = 0;
-    std::strcpy(dir, made);
-    std::strcpy(name, madeName);
-    std::strcpy(ext, madeExt);
+    place(dir, made);
+    place(name, madeName);
+    place(ext, madeExt);
 }
 
 void MakeExt(char* destination, const char* path, const char* ext, const char* otherName) {
@@ -54,7 +56,7 @@ void MakeExt(char* destination, const char* path, const char* ext, const char* o
         out.put(ext);
     }
     if (out.cut()) made[0] = 0;  // a cut path would name some other file
-    std::strcpy(destination, made);
+    place(destination, made);
 }
 
 }  // namespace mira
