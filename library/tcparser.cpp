@@ -413,7 +413,7 @@ bool runProgram(const Program& program, const double* numbers, double* value) {
             if (fails(s.operation, *top++)) return false;
         }
     }
-    *value = stack[0];
+    *value = stack[0];  // NOLINT(clang-analyzer-core.uninitialized.Assign)
     return true;
 }
 
