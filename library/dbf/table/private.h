@@ -12,6 +12,9 @@
 
 namespace mira {
 
+/// Releases what was never made. (A lambda in its place would be exported.)
+inline void releaseNothing(void* /*nothing*/) {}
+
 struct PrivateState {
     ReadAhead ahead;
     u32 sortOrderCount = 0;      ///< entries in SortOrder; 0 for as many as reccount()
@@ -20,7 +23,7 @@ struct PrivateState {
     bool packing = false;        ///< Pack is giving records their new memo references
     bool foreignLevel7 = false;  ///< level-7 table of another maker: signed integers
     /// Prepared expressions, as the modules that prepare them keep them.
-    std::unique_ptr<void, void (*)(void*)> expressions{nullptr, [](void*) {}};
+    std::unique_ptr<void, void (*)(void*)> expressions{nullptr, releaseNothing};
 };
 
 /// The state of a handle, made when there is none; null without memory.
