@@ -39,8 +39,8 @@ CalcFieldSlot* filledSlot(const DbfBase* h, int slot) {
 }
 
 void clearSlot(CalcFieldSlot& slot) {
-    std::free(slot.Name);
-    std::free(slot.Expression);
+    replace(slot.Name);
+    replace(slot.Expression);
     slot = {};
 }
 
@@ -192,8 +192,8 @@ int AddCalcField(DbfBase* h, const char* name, const char* expression) {
     for (int i = h->FieldCount; i < kSlots; ++i) {
         CalcFieldSlot& slot = h->CalcFields->Slots[i];
         if (slot.Name != nullptr) continue;
-        Block<char> nameCopy = copyText(name);
-        Block<char> expressionCopy = copyText(expression);
+        Owned<char> nameCopy = copyText(name);
+        Owned<char> expressionCopy = copyText(expression);
         if (!nameCopy || !expressionCopy) return 0;
         slot = {{1, 1, 1}, nameCopy.release(), expressionCopy.release()};
         ++h->CalcFields->Count;

@@ -112,12 +112,12 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
     const Flavour& flavour = flavourOfKind(kind);
 
     // The caller's fields are completed only once the file is there.
-    const Block<DbfField> complete = allocate<DbfField>(std::max(total, 1u));
+    const Owned<DbfField> complete = allocate<DbfField>(std::max(total, 1u));
     if (!complete) return 0;
     std::copy_n(fields, total, complete.get());
     const Layout layout = layOut(complete.get(), total, flavour);
     if (layout.headerLength > kSizeLimit || layout.recordLength > kSizeLimit) return 0;
-    const Block<u8> image = allocate<u8>(layout.headerLength);
+    const Owned<u8> image = allocate<u8>(layout.headerLength);
     if (!image) return 0;
     encodeTable(complete.get(), total, layout, flavour, image.get());
 

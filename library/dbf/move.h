@@ -43,7 +43,7 @@ private:
     DbfBase* h_;
     u32 chunk_;  ///< records at a time
     bool usedSpare_ = false;
-    Block<u8> buffer_;
+    Owned<u8> buffer_;
 };
 
 }  // namespace mira

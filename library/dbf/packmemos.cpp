@@ -12,7 +12,6 @@
 // again at any time; until then no memo is read through it.
 #include "dbf/packmemos.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -135,7 +134,7 @@ struct OldMemos {
 /// to no memo. False when a memo would be lost.
 bool copyMemo(DbfBase* h, int field, const OldMemos& from, MemoBuilder* to) {
     const MemoReference old = memoReference(h, field);
-    Block<char> memo;
+    Owned<char> memo;
     u32 length = 0;
     MemoRead found = MemoRead::None;
     if (old.block != 0 || old.length != 0) {
@@ -295,9 +294,9 @@ int packMemos(DbfBase* h, bool writable) {
     if (h->FirstMemoField == -1 || family == nullptr) return 1;
     errno = 0;
     FileId id{};
-    const OwnedFile file(openUnbuffered(h->MemoFileName, O_RDONLY, "rb", &id));
+    const OwnedFile file(openFile(h->MemoFileName, true, &id));
     if (!file) return errno == ENOENT ? 1 : 0;  // no memo file, no memos
-    const Block<char> oldName = tildeName(h->MemoFileName);
+    const Owned<char> oldName = tildeName(h->MemoFileName);
     if (!writable || !oldName || isTable(h, id)) return 0;
     OldMemos old{file.get(), *family, 0};
     readMemoUnit(file.get(), *family, &old.unit);  // has a value for a short header, too
@@ -308,7 +307,7 @@ int packMemos(DbfBase* h, bool writable) {
 int finishPackMemos(DbfBase* h, bool writable) {
     const MemoFamily* family = memoFamily(h->Header.Version);
     if (h->FirstMemoField == -1 || family == nullptr) return 1;
-    const Block<char> oldName = tildeName(h->MemoFileName);
+    const Owned<char> oldName = tildeName(h->MemoFileName);
     if (!oldName) return 0;
     if (writable) restoreName(h, oldName.get());
     const OwnedFile file(Open_File(h->MemoFileName));

@@ -68,6 +68,9 @@ inline bool isWhole(const StoredDecimal& d, std::string_view text) {
 /// atof of a text that ends where the view ends, if not at a zero byte.
 double readDecimal(std::string_view text);
 
+/// atoi, clamped to 32 bits.
+i32 readInteger(std::string_view text);
+
 /// printf("%*.*f", width, decimals, value) into to; returns the length of the text, which ends with
 /// a zero byte. to holds kFixedTextSize bytes.
 std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals);

@@ -63,7 +63,7 @@ bool readMemoUnit(std::FILE*, const MemoFamily&, u32* unit);
 /// Reads the memo of a reference; *memo holds *length bytes and a zero byte. limit cuts memos that
 /// have an end byte in place of a length.
 MemoRead readMemo(std::FILE*, const MemoFamily&, u32 unit, MemoReference, u32 limit,
-                  Block<char>* memo, u32* length);
+                  Owned<char>* memo, u32* length);
 
 // create.cpp
 /// Bytes of a new memo file before its first memo, or up to a unit more.
@@ -110,7 +110,7 @@ class OpenMemoFile {
 public:
     explicit OpenMemoFile(DbfBase* h) : handle_(h) {
         FileId id{};
-        h->MemoFile = openFile(h->MemoFileName, &id);
+        h->MemoFile = openFile(h->MemoFileName, false, &id);
         if (isTable(h, id) || (isPackUnfinished(h) && !isPacking(h))) close();
     }
     ~OpenMemoFile() { close(); }

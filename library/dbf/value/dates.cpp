@@ -17,10 +17,10 @@
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/value/value.h"
-#include "internal/ascii.h"
 #include "internal/bytes.h"
 #include "internal/clock.h"
 #include "internal/datelayout.h"
+#include "internal/decimal.h"
 
 namespace mira {
 namespace {
@@ -47,19 +47,9 @@ bool isBinary(const DbfField& f) { return hasTime(f) && f.Length == 8; }
 bool isTimestamp(const DbfField& f) { return f.Type == '@'; }
 bool isForeign(const DbfBase* h, const DbfField& f) { return isTimestamp(f) && isForeignLevel7(h); }
 
-/// atoi of at most four characters; 0 for a piece beyond the end of the text.
+/// 0 for a piece beyond the end of the text.
 int readPiece(std::string_view text, std::size_t start, std::size_t length) {
-    if (start >= text.size()) return 0;
-    text = text.substr(start, length);
-    std::size_t i = 0;
-    while (i < text.size() && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) ++i;
-    const bool negative = i < text.size() && text[i] == '-';
-    if (i < text.size() && (text[i] == '-' || text[i] == '+')) ++i;
-    int value = 0;
-    for (; i < text.size() && isDigit(text[i]); ++i) {
-        value = value * 10 + (text[i] - '0');
-    }
-    return negative ? -value : value;
+    return start < text.size() ? readInteger(text.substr(start, length)) : 0;
 }
 
 /// Days of the years from 0 to year - 1; none for a year at or before 0.

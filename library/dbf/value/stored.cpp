@@ -104,15 +104,16 @@ std::size_t storedNumberWidth(const DbfField& f) {
                                                 : f.Length + 1u;
 }
 
-bool storedDate(DbfBase* h, int field, std::string_view* text) {
+std::optional<std::string_view> storedDate(DbfBase* h, int field) {
     const DbfField& f = h->Fields[field];
     const bool timed = valueClass(f) == ValueClass::Moment;
-    *text = storedText(h, field);
-    if (text->size() != (timed ? kDateTimeDigits : kDateDigits)) return false;
-    if (!std::all_of(text->begin(), text->end(), isDigit)) return false;
-    if (GetDateTime(h, field) != 0) return false;
-    return timed ? isFormat(h->DateTimeFormats[kDigitsFormat], "%04d%02d%02d%02d%02d%02d")
-                 : isFormat(h->DateFormats[kDigitsFormat], "%04d%02d%02d");
+    const bool usual = timed
+                           ? isFormat(h->DateTimeFormats[kDigitsFormat], "%04d%02d%02d%02d%02d%02d")
+                           : isFormat(h->DateFormats[kDigitsFormat], "%04d%02d%02d");
+    const std::string_view text = storedText(h, f);
+    const bool digits = text.size() == (timed ? kDateTimeDigits : kDateDigits) &&
+                        std::all_of(text.begin(), text.end(), isDigit);
+    return usual && digits && GetDateTime(h, field) == 0 ? std::optional(text) : std::nullopt;
 }
 
 }  // namespace mira

@@ -49,8 +49,8 @@ public:
     void forEach(Visit visit) const {
         for (u32 i = 0; i < chunkCount_; ++i) {
             const Chunk& chunk = chunks_[i];
-            for (u32 column = 0; column < chunk.used; column += sizeAt(chunk, column)) {
-                visit(i * kChunkSize + column);
+            for (u32 start = 0; start < chunk.used; start += sizeAt(chunk, start)) {
+                visit(i * kChunkSize + start);
             }
         }
     }
@@ -71,19 +71,19 @@ private:
     static constexpr u32 kChunkMax = kBudget / kChunkSize + 1;
 
     struct Chunk {
-        Block<char> bytes;
+        Owned<char> bytes;
         u32 used = 0;
     };
 
-    u32 sizeAt(const Chunk& chunk, u32 column) const {
+    u32 sizeAt(const Chunk& chunk, u32 start) const {
         if (commonSize_ != 0) return commonSize_;
-        return static_cast<u32>(std::strlen(chunk.bytes.get() + column)) + 1;
+        return static_cast<u32>(std::strlen(chunk.bytes.get() + start)) + 1;
     }
 
     bool addChunk() {
         if (chunkCount_ == kChunkMax) return false;
         const u32 size = chunkCount_ == 0 ? kFirstSize : kChunkSize;
-        Block<char> bytes = allocate<char>(size);
+        Owned<char> bytes = allocate<char>(size);
         if (!bytes) return false;
         chunks_[chunkCount_++].bytes = std::move(bytes);
         room_ = size;
