@@ -1,8 +1,6 @@
 // Structural edits: deletion flags, removing and inserting records, cutting the table. An edit that
 // fails on the way puts the table back as it was. Where that fails as well it stops, with every
 // record still in the file.
-#include "dbf/edit.h"
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,8 +14,6 @@
 namespace mira {
 
 namespace {
-
-constexpr u8 kPresent = ' ';
 
 int writeFlag(DbfBase* h, u32 position, u8 flag) {
     h->DeleteFlag = flag;

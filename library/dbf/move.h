@@ -8,6 +8,8 @@
 
 namespace mira {
 
+inline constexpr u32 kTransferSize = 131072;  // bytes moved at a time
+
 enum class MoveState : u8 {
     Done,
     Failed,  ///< every record is whole, at its old place or at its new one

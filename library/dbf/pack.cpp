@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "dbf/edit.h"
+#include "dbf/move.h"
 #include "dbf/packmemos.h"
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"

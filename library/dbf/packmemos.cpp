@@ -2,8 +2,7 @@
 // are two passes with the change of names between them:
 //
 //   1. each record is read, and its memos are copied into a new file of another name; the
-//   references
-//      it is to get, and those it has, go into the file's log;
+//      references it is to get, and those it has, go into the file's log;
 //   2. the old file takes its "~" name and the new one that of the old;
 //   3. the records get their references, and the log is cut off.
 //

@@ -65,8 +65,7 @@ bool NewFile::create(const char* path) {
     };
     if (name == nullptr || !giveOwnName(name.get(), make)) return false;
     name_ = std::move(name);
-    flock(fd,
-          LOCK_EX | LOCK_NB);  // not abandoned; on file systems that know no locks it may seem so
+    flock(fd, LOCK_EX | LOCK_NB);  // not abandoned, as it may seem where there are no locks
     file_.reset(openUnbuffered(fd, "rb+"));
     return file_ != nullptr;
 }

@@ -19,9 +19,7 @@ inline constexpr u32 kMissingMemoUnit = 256;  // stands in for a unit that a sho
 inline constexpr u32 kMemoHeaderMin = 512;  // bytes of a new memo file, when its unit is no larger
 inline constexpr u32 kMemoHeaderRead = 24;  // the most that a family reads of the header
 inline constexpr u32 kMemoPrefixSize = 8;   // mark and length before the data
-inline constexpr u64 kMemoReach =
-    0x7FFFFFFF;                       // the last offset and the largest size of a memo file
-inline constexpr u8 kMemoEnd = 0x1A;  // ends a dBase III memo
+inline constexpr u8 kMemoEnd = 0x1A;        // ends a dBase III memo
 
 /// One memo file format. A memo of n bytes is [prefix] data [end byte] from the start of a block;
 /// block b starts at byte b * unit. The header begins with the number of the next free block.

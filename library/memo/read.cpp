@@ -145,7 +145,7 @@ bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
 MemoRead readMemo(std::FILE* file, const MemoFamily& family, u32 unit, MemoReference reference,
                   u32 limit, Owned<char>* memo, u32* length) {
     const u64 offset = u64{unit} * reference.block;
-    if (offset > kMemoReach) return MemoRead::None;
+    if (offset > kReachable) return MemoRead::None;
     if (!seekTo(file, offset)) return MemoRead::Failed;
     const MemoRead result = family.endSize != 0
                                 ? readToEnd(file, limit, memo, length)

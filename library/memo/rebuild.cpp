@@ -107,7 +107,7 @@ u32 MemoBuilder::append(const char* bytes, u32 length) {
     const u64 offset = u64{unit_} * next_;
     const u64 end = offset + family_.prefixSize + length + family_.endSize;
     u8 prefix[kMemoPrefixSize];
-    if (end > kMemoReach || !padTo(offset) ||
+    if (end > kReachable || !padTo(offset) ||
         !put(prefix, encodeMemoPrefix(family_, length, prefix)) || !put(bytes, length) ||
         !put(&kMemoEnd, family_.endSize)) {
         return 0;
@@ -119,7 +119,7 @@ u32 MemoBuilder::append(const char* bytes, u32 length) {
 
 bool MemoBuilder::complete(const Bytes& log, u32 records) {
     const u64 end = std::max<u64>(end_, headerSize_);
-    if (end + log.size() + unit_ > kMemoReach) return false;
+    if (end + log.size() + unit_ > kReachable) return false;
     u8 head[kHeadSize] = {};
     std::memcpy(head, header_, sizeof header_);
     storeMemo32(family_, head, blocksUpTo(end + log.size(), unit_));

@@ -6,6 +6,7 @@
 
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
+#include "internal/datelayout.h"
 #include "internal/file.h"
 
 namespace mira {
@@ -13,10 +14,10 @@ namespace {
 
 // d_fmt and t_fmt, in the order of DateFormat. Formats 1 and 2 differ in the order of the values.
 constexpr const char* kDateFormats[] = {"%10s", "%02d.%02d.%04d", "%02d.%02d.%04d",
-                                        "%04d.%02d.%02d", "%04d%02d%02d"};
-constexpr const char* kDateTimeFormats[] = {
-    "%14s", "%02d.%02d.%04d %02d:%02d:%02d", "%02d.%02d.%04d %02d:%02d:%02d",
-    "%04d.%02d.%02d %02d:%02d:%02d", "%04d%02d%02d%02d%02d%02d"};
+                                        "%04d.%02d.%02d", kDatePattern};
+constexpr const char* kDateTimeFormats[] = {"%14s", "%02d.%02d.%04d %02d:%02d:%02d",
+                                            "%02d.%02d.%04d %02d:%02d:%02d",
+                                            "%04d.%02d.%02d %02d:%02d:%02d", kMomentPattern};
 
 // A dotted format begins with two numbers of the shape "%02d"; a separator follows each.
 constexpr std::size_t kSeparatorPlaces[] = {4, 9};

@@ -223,7 +223,7 @@ private:
 
 /// Tests the record in RecordBuffer.
 bool passes(DbfBase* h, const PreparedFilter& f) {
-    if (h->SkipDeleted != 0 && h->RecordBuffer[0] == '*') return false;
+    if (h->SkipDeleted != 0 && h->RecordBuffer[0] == kDeleted) return false;
     if (f.every) return true;
     if (h->NoBracketCheck != f.noBracketCheck) return ValidRecord(h, f.text.c_str()) != 0;
     if (f.andOr) return AndOrReader(h, f).sum(true);
