@@ -101,12 +101,16 @@ void sortFrom(const KeyStore& keys, std::span<Element> elements, std::size_t dep
     });
 }
 
-/// Reads every record of the view. False when the keys do not fit.
-bool readKeys(DbfBase* h, u32 count, char* key, KeyStore& keys) {
-    for (u32 position = 0; position < count; ++position) {
+/// Reads every record of the view; places gets where its key is. False when the keys do not fit.
+bool readKeys(DbfBase* h, char* key, KeyStore& keys, std::span<u32> places) {
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        const auto position = static_cast<u32>(i);
         const std::size_t length = readSortKey(h, position, key);
-        if (position == 0 && u64{count} * (length + 1) > KeyStore::kBudget) return false;
-        if (!keys.add(key, length)) return false;
+        const u64 all = places.size() * (length + KeyStore::kBesides);
+        if (position == 0 && all > KeyStore::kBudget) return false;
+        const std::optional<u32> place = keys.add(key, length, position);
+        if (!place) return false;
+        places[position] = *place;
     }
     return true;
 }
@@ -120,40 +124,36 @@ bool someKeyBeginsAnother(const KeyStore& keys, std::span<const Element> element
     return std::adjacent_find(elements.begin(), elements.end(), begins) != elements.end();
 }
 
-/// False when there is no total order, or no memory.
-bool sortTotally(DbfBase* h, const KeyStore& keys, std::span<u32> positions) {
-    const Owned<Element> memory = allocate<Element>(positions.size());
+/// Makes the positions of keys in order of the places of keys in any. False, with nothing changed,
+/// when there is no total order, or no memory.
+bool sortTotally(const DbfBase* h, const KeyStore& keys, std::span<u32> places) {
+    const Owned<Element> memory = allocate<Element>(places.size());
     if (!memory) return false;
-    const std::span<Element> elements(memory.get(), positions.size());
-    keys.forEach([next = memory.get()](u32 place) mutable { *next++ = place; });
+    const std::span<Element> elements(memory.get(), places.size());
+    std::copy(places.begin(), places.end(), elements.begin());
     sortFrom(keys, elements, 0);
-    if (keys.sameLength()) {  // saves looking for the end of every key
-        std::transform(elements.begin(), elements.end(), positions.begin(),
-                       [&](Element e) { return keys.indexOf(placeOf(e)); });
-    } else if (someKeyBeginsAnother(keys, elements)) {
-        return false;
-    } else {
-        std::transform(elements.begin(), elements.end(), positions.begin(),
-                       [&](Element e) { return positionOfKey(keys.at(placeOf(e))); });
-    }
-    if (h->SortDescending != 0) std::reverse(positions.begin(), positions.end());
+    if (!keys.sameLength() && someKeyBeginsAnother(keys, elements)) return false;
+    std::transform(elements.begin(), elements.end(), places.begin(),
+                   [&](Element e) { return positionOf(keys.at(placeOf(e))); });
+    if (h->SortDescending != 0) std::reverse(places.begin(), places.end());
     return true;
 }
 
 /// Sorts as the plain way does, only that the keys are there. False without memory.
-bool sortHeld(DbfBase* h, const KeyStore& keys, std::span<u32> positions) {
-    const Owned<const char*> held = allocate<const char*>(positions.size());
+bool sortHeld(DbfBase* h, const KeyStore& keys, std::span<u32> places) {
+    const std::size_t count = places.size();
+    const Owned<const char*> held = allocate<const char*>(count);
     if (!held) return false;
-    keys.forEach([&, next = held.get()](u32 place) mutable { *next++ = keys.at(place); });
-    myqsort(held.get(), static_cast<u32>(positions.size()), sizeof(const char*), compareHeld, h);
-    std::transform(held.get(), held.get() + positions.size(), positions.begin(), positionOfKey);
+    std::transform(places.begin(), places.end(), held.get(), [&](u32 p) { return keys.at(p); });
+    myqsort(held.get(), static_cast<u32>(count), sizeof(const char*), compareHeld, h);
+    std::transform(held.get(), held.get() + count, places.begin(), positionOf);
     return true;
 }
 
 /// False, with nothing compared, when the keys do not fit.
 bool sortInMemory(DbfBase* h, char* key, std::span<u32> positions) {
     KeyStore keys;
-    if (!readKeys(h, static_cast<u32>(positions.size()), key, keys)) return false;
+    if (!readKeys(h, key, keys, positions)) return false;
     return (h->SortCallback == nullptr && sortTotally(h, keys, positions)) ||
            sortHeld(h, keys, positions);
 }

@@ -119,15 +119,6 @@ std::size_t readSortKey(DbfBase* h, u32 position, char* key) {
     return length + kPositionWidth;
 }
 
-u32 positionOfKey(const char* key) {
-    u32 position = 0;
-    const std::string_view text(key);
-    for (const char c : text.substr(text.size() - kPositionWidth)) {
-        if (c != ' ') position = position * 10 + static_cast<u32>(c - '0');
-    }
-    return position;
-}
-
 void GetCompStr(u32 /*record*/, char* key, DbfBase* h) {
     TextOut out(key, kPartsSize);
     const Restore dates(h->DateFormat, kDigitsFormat);
