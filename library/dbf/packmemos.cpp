@@ -233,20 +233,18 @@ bool mayReplace(const DbfBase* h, const char* oldName) {
            !isSameFile(replaced, fileId(h->AliasFileName));
 }
 
-/// Exchanges the files, each of which is on the disk by then. False with *result set when neither
-/// has another name.
-bool takeNames(DbfBase* h, const OldMemos& old, const char* oldName, NewFile* file, int* result) {
-    *result = 0;
-    if (!file->synchronise() || fsync(fileno(old.file)) != 0) return false;
-    *result = 1;  // a "~" name that cannot be had is no failure
-    if (!mayReplace(h, oldName) || !addName(h->MemoFileName, oldName)) return false;
-    *result = 0;
-    if (file->take(h->MemoFileName)) return true;
+/// Exchanges the files, each of which is on the disk by then. Nothing when that is done, else, with
+/// every file under the name it had, what packing comes to.
+std::optional<int> takeNames(DbfBase* h, const OldMemos& old, const char* oldName, NewFile* file) {
+    if (!file->synchronise() || fsync(fileno(old.file)) != 0) return 0;
+    // A "~" name that cannot be had is no failure.
+    if (!mayReplace(h, oldName) || !addName(h->MemoFileName, oldName)) return 1;
+    if (file->take(h->MemoFileName)) return std::nullopt;
     // Where it could not have two names the old file has lost its first.
     if (access(h->MemoFileName, F_OK) != 0 && std::rename(oldName, h->MemoFileName) != 0) {
         file->abandon();  // for restoreName
     }
-    return false;
+    return 0;
 }
 
 int rebuild(DbfBase* h, const OldMemos& old, const char* oldName) {
@@ -262,8 +260,7 @@ int rebuild(DbfBase* h, const OldMemos& old, const char* oldName) {
         !memos.complete(bytes, count)) {
         return 0;
     }
-    int result = 0;
-    if (!takeNames(h, old, oldName, &file, &result)) return result;
+    if (const std::optional<int> ended = takeNames(h, old, oldName, &file)) return *ended;
     const Log log{fields, bytes.data(), count};
     const u32 done = writeReferences(h, log, [&](u32 record) { return records.readAgain(record); });
     if (done == count && releaseRebuild(file.stream())) {

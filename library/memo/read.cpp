@@ -40,12 +40,12 @@ MemoRead readToEnd(std::FILE* file, u32 limit, Owned<char>* memo, u32* length) {
     return MemoRead::Found;
 }
 
-/// Length of the data after a prefix; false when it is not a memo prefix.
-bool decodePrefix(const MemoFamily& family, const u8* prefix, u32* length) {
-    if (std::memcmp(prefix, family.mark, family.markChecked) != 0) return false;
+/// Length of the data after a prefix; none when it is not a memo prefix.
+std::optional<u32> decodePrefix(const MemoFamily& family, const u8* prefix) {
     const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
-    *length = stored - family.lengthBias;
-    return stored >= family.lengthBias;
+    const bool marked = std::memcmp(prefix, family.mark, family.markChecked) == 0;
+    if (!marked || stored < family.lengthBias) return std::nullopt;
+    return stored - family.lengthBias;
 }
 
 /// Cuts a length to what the file holds from offset on, and places the file there.
@@ -64,7 +64,11 @@ MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 le
     const u32 want = family.prefixSize != 0 ? kFirstRead : std::min(length, kFirstRead);
     const u32 got = ReadFile(file, start, static_cast<i32>(want));
     if (got < family.prefixSize) return MemoRead::None;
-    if (family.prefixSize != 0 && !decodePrefix(family, start, &length)) return MemoRead::None;
+    if (family.prefixSize != 0) {
+        const std::optional<u32> said = decodePrefix(family, start);
+        if (!said) return MemoRead::None;
+        length = *said;
+    }
 
     const u32 have = std::min(length, got - family.prefixSize);
     u32 rest = got == want ? length - have : 0;

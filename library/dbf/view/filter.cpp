@@ -127,17 +127,17 @@ struct PreparedFilter {
     std::string logic;  // the arithmetic text, a 1 for every condition
 };
 
-/// Records where the connectives stand, and the length after them. False when there are too many.
-bool cutText(std::string_view text, FilterWork& work, u32* pieces) {
+/// Records where the connectives stand, and the length after them. The number of pieces; 0 when
+/// there are too many.
+u32 cutText(std::string_view text, FilterWork& work) {
     u32 found = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (!isConnective(text[i])) continue;
-        if (found == kConnectives) return false;
+        if (found == kConnectives) return 0;
         work.Cuts[found++] = static_cast<u32>(i);
     }
     work.Cuts[found] = static_cast<u32>(text.size());
-    *pieces = found + 1;
-    return true;
+    return found + 1;
 }
 
 bool isBalanced(const DbfBase* h, std::string_view text) {
@@ -152,8 +152,8 @@ bool prepareFilter(DbfBase* h, const char* text, PreparedFilter& f) {
     f.text = text;
     f.noBracketCheck = h->NoBracketCheck;
     const u32* const cuts = h->FilterState->Cuts;
-    u32 pieces = 0;
-    if (!cutText(f.text, *h->FilterState, &pieces)) return false;
+    const u32 pieces = cutText(f.text, *h->FilterState);
+    if (pieces == 0) return false;
     u32 start = 0;
     for (u32 k = 0; k < pieces; ++k) {
         const u32 length = cuts[k] - start;
@@ -319,8 +319,8 @@ int ValidRecord(DbfBase* h, const char* text) {
 }
 
 int analizator(DbfBase* h, const char* text) {
-    u32 pieces = 0;
-    if (h->FilterState == nullptr || !cutText(text, *h->FilterState, &pieces)) return 0;
+    if (h->FilterState == nullptr) return 0;
+    const u32 pieces = cutText(text, *h->FilterState);
     return isBalanced(h, text) ? static_cast<int>(pieces) : 0;
 }
 
