@@ -131,9 +131,18 @@ constexpr StringFunction kStringFunctions[] = {
     row("UPPER(", toUpper, true), row("LOWER(", toLower, true), row("CAP(", capitalize, true),
 };
 
+/// The letters that names begin with, as bits from A on. Texts are searched at every character.
+constexpr u32 kInitials = [] {
+    u32 bits = 0;
+    for (const StringFunction& f : kStringFunctions) bits |= u32{1} << (*f.opener - 'A');
+    return bits;
+}();
+
 }  // namespace
 
 const StringFunction* functionAt(const char* text) {
+    const int letter = upperAscii(*text) - 'A';
+    if (letter < 0 || letter > 25 || (kInitials >> letter & 1) == 0) return nullptr;
     for (const StringFunction& f : kStringFunctions) {
         if (upperAscii(*text) == *f.opener && compareIgnoringCase(text, f.opener, f.length) == 0) {
             return &f;
