@@ -13,8 +13,6 @@
 namespace mira {
 namespace {
 
-__extension__ using Wide = unsigned __int128;
-
 constexpr unsigned kMantissaBits = 52;
 constexpr unsigned kExponentBias = 1075;  // of the mantissa taken as an integer
 constexpr unsigned kExactDecimals = 19;   // 10^19 is the largest power of ten in 64 bits
@@ -35,6 +33,9 @@ std::size_t alignRight(char* to, std::string_view body, unsigned width) {
     to[pad + body.size()] = 0;
     return pad + body.size();
 }
+
+#ifdef __SIZEOF_INT128__
+__extension__ using Wide = unsigned __int128;
 
 /// Rounds |value| * 10^decimals to an integer, half to even, from the exact binary value. False
 /// when that does not fit 64 bits.
@@ -65,6 +66,9 @@ bool scaleExactly(double value, unsigned decimals, u64* scaled) {
     if (rest > half || (rest == half && (*scaled & 1) != 0)) ++*scaled;
     return true;
 }
+#else
+bool scaleExactly(double, unsigned, u64*) { return false; }  // left to the standard library
+#endif
 
 std::size_t printSpecial(char* to, double value, unsigned width) {
     const bool negative = std::signbit(value);

@@ -82,7 +82,7 @@ std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<Fil
 
 bool seekTo(std::FILE* file, u64 offset) {
     return file != nullptr && offset <= kReachable &&
-           std::fseek(file, static_cast<long>(offset), SEEK_SET) == 0;
+           fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0;
 }
 
 bool readExact(std::FILE* file, void* buffer, u32 count) {
@@ -94,8 +94,8 @@ bool writeExact(std::FILE* file, const void* buffer, u32 count) {
 }
 
 bool fileSize(std::FILE* file, u64* size) {
-    if (file == nullptr || std::fseek(file, 0, SEEK_END) != 0) return false;
-    const long end = std::ftell(file);
+    if (file == nullptr || fseeko(file, 0, SEEK_END) != 0) return false;
+    const off_t end = ftello(file);
     if (end < 0) return false;
     *size = static_cast<u64>(end);
     return true;
@@ -118,8 +118,8 @@ std::FILE* Open_File(const char* path) { return openFile(path, nullptr); }
 std::FILE* Open_FileRO(const char* path) { return openUnbuffered(path, O_RDONLY, "rb"); }
 
 u32 SetFilePointer(std::FILE* file, i32 offset, i32* /*high*/, int whence) {
-    if (file == nullptr || std::fseek(file, offset, whence) != 0) return kNowhere;
-    const long position = std::ftell(file);
+    if (file == nullptr || fseeko(file, offset, whence) != 0) return kNowhere;
+    const off_t position = ftello(file);
     return position >= 0 && i64{position} < i64{kNowhere} ? static_cast<u32>(position) : kNowhere;
 }
 
