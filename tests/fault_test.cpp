@@ -108,8 +108,9 @@ using namespace test;
 /// What the files hold: a text for each record, its bytes but for the reference and its memo.
 using Rows = std::vector<std::string>;
 
-u64 number(std::string_view bytes, bool bigEndian = false) {
-    u64 value = 0;
+/// Of up to four bytes.
+std::size_t number(std::string_view bytes, bool bigEndian = false) {
+    std::size_t value = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i)
         value = value << 8 | static_cast<u8>(bytes[bigEndian ? i : bytes.size() - 1 - i]);
     return value;
@@ -117,9 +118,11 @@ u64 number(std::string_view bytes, bool bigEndian = false) {
 
 /// The memo that a reference leads to.
 std::string memoAt(u32 kind, const std::string& reference, const std::string& file) {
-    const auto at = [&](u64 place) { return place < file.size() ? file.substr(place) : ""; };
+    const auto at = [&](u64 place) {
+        return place < file.size() ? file.substr(static_cast<std::size_t>(place)) : "";
+    };
     if (kind == 4) {
-        const u64 place = number(reference.substr(6, 4)) * number(file.substr(4, 2));
+        const u64 place = u64{number(reference.substr(6, 4))} * number(file.substr(4, 2));
         return at(place).substr(0, number(reference.substr(2, 4)));
     }
     const u64 block = kind == 3 ? number(reference) : std::strtoull(reference.c_str(), nullptr, 10);
