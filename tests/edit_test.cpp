@@ -50,6 +50,8 @@ TEST(Create, RefusesWithoutTouchingTheFile) {
         EXPECT_EQ(readAll(folder.file("t")), "kept") << count;
         EXPECT_EQ(fields[1].Offset, 0) << count;
     }
+    EXPECT_EQ(CreateDatabase(folder.file("t").c_str(), nullptr, 1, 3, 0, 0), 0);
+    EXPECT_EQ(readAll(folder.file("t")), "kept");
 }
 
 TEST(Create, CopiesTheBackLink) {

@@ -137,6 +137,12 @@ TEST(Handle, ACallersOwnRecordNeedsNoPrivateState) {
     EXPECT_EQ(WriteRecord(h, 0) + Delete(h, 1) + Insert(h, 1, 0) + AppendBlank(h, 0), 4);
     EXPECT_EQ(SortBase(h, "NO", nullptr), 1);
     EXPECT_EQ(at(h, 9) + at(h, 0), "108102");
+    EXPECT_EQ(ReadRecord(h, 0) + GetMemCalcField(h) + AddCalcField(h, "X", "NO!"), 3);
+    for (const char* text : {"102!", "(null)"}) {
+        EXPECT_EQ(str(GetCalcString(h, "X")), text);
+        DelCalcField(h, "X");
+    }
+    FreeMemCalcField(h);
     ClearAllFilter(h);
     Close_File(h);
     std::free(h->FileName);

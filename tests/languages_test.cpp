@@ -26,6 +26,25 @@ TEST(Arithmetic, Cases) {
     }
 }
 
+TEST(Arithmetic, EveryShortText) {
+    const std::string tokens = "+-*/^:()2.E ";
+    std::string text;
+    const auto check = [&](const auto& self, int more) -> void {
+        std::string copy = text;
+        int status = 1;
+        const double value = parse(copy.data(), &status);
+        const std::optional<double> wanted = arithmetic(text);
+        ASSERT_EQ(status != 0, wanted.has_value()) << text;
+        ASSERT_TRUE(!wanted || value == *wanted || std::isnan(value)) << text;
+        for (std::size_t i = 0; more > 0 && i < tokens.size(); ++i) {
+            text += tokens[i];
+            self(self, more - 1);
+            text.pop_back();
+        }
+    };
+    check(check, 5);
+}
+
 TEST(StringFunctions, Cases) {
     DbfBase h{};  // only DateFormat is looked at
     for (const auto& row : cases("strings")) {
@@ -85,7 +104,7 @@ struct CalcFields : testing::Test {
                              {"PRICE", 'N', 10, 2},
                              {"QTY", 'N', 5},
                              {"BORN", 'D', 8},
-                             {"WIDE_VALUE", 'N', 100, 2}},
+                             {"WIDE_SIZES", 'N', 100, 2}},
                             {" Ann            12.50    320240305" + padded("", 96) + "1.25"}});
     DbfBase* h = table.get();
 };

@@ -109,6 +109,8 @@ TEST(Memo, KindSelectsNameAndFormat) {
         writeAll(h->MemoFileName, "\0\0\0\0\4\0\0\6\0\0\0\0\0\0\0\0\0\0\0\0\x14\0\0\0"s);
         EXPECT_EQ(GetMemoType(h.get()), kind) << version;
         EXPECT_EQ(GetBlockSize(h.get()), unit) << version;
+        std::filesystem::remove(h->MemoFileName);
+        EXPECT_EQ(GetBlockSize(h.get()), 0u) << "no file";
     }
 }
 

@@ -29,7 +29,8 @@ TEST(Meta, Paths) {
     MakeExt(made, longPath.c_str(), ".bak", nullptr);
     EXPECT_STREQ(made, "");
     EXPECT_EQ(Calc64(65535, 0xFFFFFFFF, 65535), 281470681743360ULL);
-    EXPECT_EQ(ReadFile(nullptr, made, 1), 0u);
+    EXPECT_EQ(ReadFile(nullptr, made, 1) + WriteFile(nullptr, made, 1), 0u);
+    EXPECT_EQ(ReadFile(stdin, made, -1) + WriteFile(stdout, made, -1), 0u);
     EXPECT_EQ(SetFilePointer(nullptr, 0, nullptr, SEEK_SET), 0xFFFFFFFF);
     EXPECT_EQ(Open_FileRO("none"), nullptr);
 }
@@ -58,6 +59,9 @@ TEST(Meta, AliasFileHoldsOneHeadingPerField) {
         EXPECT_EQ(GetHeader(h.get(), 0), heading);
         EXPECT_EQ(GetLenHeader(h.get(), 0), static_cast<int>(heading.size()));
     }
+    writeAll(h->AliasFileName, mark + padded("First", 32, 0) + padded("Second", 32, 0));
+    ReadAlias(h.get());
+    EXPECT_EQ(str(GetHeader(h.get(), 0)) + GetHeader(h.get(), 1), "FirstSecond");
 }
 
 TEST(Meta, AnAliasFileIsNoFileThatIsNeeded) {

@@ -48,7 +48,12 @@ TEST(Edit, PackRebuildsTheMemoFile) {
             const std::string name = h->MemoFileName, before = readAll(name);
             const std::string oldName = std::string(name).replace(name.size() - 3, 1, "~");
             writeAll(oldName, "older");
+            const auto mode0640 = static_cast<std::filesystem::perms>(0640);
+            std::filesystem::permissions(name, mode0640);
+            h->Modified = 0;
             EXPECT_EQ(Pack(h.get(), mode), 1) << kind;
+            EXPECT_EQ(h->Modified, 1u);
+            EXPECT_EQ(std::filesystem::status(name).permissions(), mode0640);
             EXPECT_EQ(memosOf(h.get()), mode == 2 ? "a1 a1,b1 b30001,c1 c60001,d1 d65535,0 0,"
                                                   : "a1 a1,c1 c60001,d1 d65535,0 0,");
             const std::string after = readAll(h->MemoFileName);
@@ -148,6 +153,13 @@ TEST(Edit, PackThatStopsAmongTheRecordsIsFinishedByTheNext) {
     EXPECT_EQ(memoOf(h.get(), 1), std::nullopt) << "rather than another's text";
     EXPECT_EQ(SetMemo(h.get(), 1, "x") + Delete(h.get(), 0) + Insert(h.get(), 0, 1), 0);
     EXPECT_EQ(Zap(h.get()), 0);
+    const std::string left = readAll(name);
+    for (const std::size_t place : {std::size_t{56}, left.size() - 1}) {  // the checksum, the log
+        writeAll(name, std::string(left).replace(place, 1, 1, static_cast<char>(left[place] ^ 1)));
+        EXPECT_EQ(Pack(h.get(), 2), 0) << "damaged at " << place;
+        EXPECT_EQ(memoOf(h.get(), 1), std::nullopt);
+    }
+    writeAll(name, left);
     EXPECT_EQ(Pack(Table(OpenBase(h->FileName)).get(), 2), 1);
     for (u32 i = 0; i < 2; ++i) {
         ReadRecord(h.get(), i);

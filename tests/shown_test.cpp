@@ -82,7 +82,7 @@ TEST(Shown, NumbersAsPrintfDoes) {
         if (!n) n = std::make_unique<Between>('N', length, decimals);
         // Digits with or without sign, point and blanks at either end.
         std::string stored = random() % 4 == 0 ? "-" : "";
-        const std::size_t digits = random() % (length + 1);
+        const std::size_t digits = random() % (length + 1);  // often more than a double keeps
         for (std::size_t k = 0; k < digits; ++k) stored += "0123456789"[random() % 10];
         if (digits != 0 && random() % 2 == 0) stored[random() % stored.size()] = '.';
         if (random() % 2 == 0)

@@ -225,5 +225,22 @@ TEST(Dates, FormatsAndLimits) {
     EXPECT_EQ(mymktime(&time), -1);
 }
 
+TEST(Dates, EveryDay) {
+    OneField d({"T", "8", "0"});
+    int year = 0, month = 1, day = 1;
+    for (u32 number = 1721060; number <= 5373484; ++number) {
+        const std::tm got = GetDT(d.put(le(number, 8)), 0);
+        ASSERT_TRUE(got.tm_year == year && got.tm_mon == month - 1 && got.tm_mday == day) << number;
+        SetDate(d.h.get(), 0, year, month, day);
+        ASSERT_EQ(d.bytes(), le(number, 8));
+        const bool leap = year % 400 == 0 || (year % 4 == 0 && year % 100 != 0);
+        const int last = month == 2 ? 28 + leap : 30 + (month + month / 8) % 2;
+        day = day < last ? day + 1 : 1;
+        if (day == 1) month = month < 12 ? month + 1 : 1;
+        if (day == 1 && month == 1) ++year;
+    }
+    EXPECT_EQ(year, 10000);
+}
+
 }  // namespace
 }  // namespace test

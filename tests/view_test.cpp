@@ -120,6 +120,7 @@ TEST_F(View, SortsAsAStableSortOfTheValues) {
         for (const StopCallback callback : {StopCallback{}, counting(0)}) {
             ASSERT_EQ(SortBase(h, names.c_str(), callback), 1);
             ASSERT_EQ(found(), expected);
+            ASSERT_EQ(GetOrder(h, reccount(h)), reccount(h) == 0 ? 0 : 0xFFFFFFFF);
         }
         ASSERT_EQ(calls, plainCalls);
         ASSERT_EQ(SortBase(h, names.c_str(), counting(stop)), 1);
