@@ -18,9 +18,9 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kChunk = 1 << 17;
 
-[[noreturn]] void refuse(const fs::path& path, int error) {
-    throw Refusal(path.string() + ": the backup copy cannot be written: " + std::strerror(error) +
-                  " (--no-backup goes without)");
+[[noreturn]] void refuseCopy(const fs::path& path, int error) {
+    refuse(path.string(), ": the backup copy cannot be written: ", std::strerror(error),
+           " (--no-backup goes without)");
 }
 
 class Descriptor {
@@ -60,15 +60,14 @@ bool copyBytes(int from, int to) {
 /// Copies under a name of its own first, so that an older copy gives way to a whole one only.
 void copyTo(const fs::path& original, const fs::path& copy) {
     if (original == copy) {
-        throw Refusal(original.string() +
-                      ": has the name of its own backup copy (--no-backup goes "
-                      "without)");
+        refuse(original.string(),
+               ": has the name of its own backup copy (--no-backup goes without)");
     }
     const Descriptor from(open(original.c_str(), O_RDONLY | O_CLOEXEC));
-    if (from.number() < 0) refuse(copy, errno);
+    if (from.number() < 0) refuseCopy(copy, errno);
     std::string name = (copy.parent_path() / ("." + copy.filename().string() + ".XXXXXX")).string();
     const Descriptor to(mkostemp(name.data(), O_CLOEXEC));
-    if (to.number() < 0) refuse(copy, errno);
+    if (to.number() < 0) refuseCopy(copy, errno);
     struct stat status {};
     // A file system may know no modes; the copy then has those it gives.
     if (fstat(from.number(), &status) == 0) {
@@ -77,26 +76,20 @@ void copyTo(const fs::path& original, const fs::path& copy) {
     if (copyBytes(from.number(), to.number()) && rename(name.c_str(), copy.c_str()) == 0) return;
     const int error = errno;
     unlink(name.c_str());
-    refuse(copy, error);
+    refuseCopy(copy, error);
 }
 
-fs::path backupOf(fs::path path, const char* extension) {
-    return path.replace_extension(extension);
-}
-
-/// The memo file, where a field of the table needs one and it is there.
-fs::path memoFileOf(const Table& table) {
+/// The memo file, where it is there.
+fs::path presentMemos(const Table& table) {
     std::error_code ignored;
-    const DbfBase& base = *table.base;
-    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return {};
-    return fs::is_regular_file(base.MemoFileName, ignored) ? fs::path(base.MemoFileName)
-                                                           : fs::path();
+    fs::path memos = memoFileOf(table);
+    return fs::is_regular_file(memos, ignored) ? memos : fs::path();
 }
 
 void checkWritable(const fs::path& path) {
     const Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
     if (file.number() < 0) {
-        throw Refusal(path.string() + ": cannot be written: " + std::strerror(errno));
+        refuse(path.string(), ": cannot be written: ", std::strerror(errno));
     }
 }
 
@@ -104,14 +97,13 @@ void checkWritable(const fs::path& path) {
 
 void checkWritable(const Table& table) {
     checkWritable(fs::path(table.path));
-    if (const fs::path memos = memoFileOf(table); !memos.empty()) checkWritable(memos);
+    if (const fs::path memos = presentMemos(table); !memos.empty()) checkWritable(memos);
 }
 
 void makeBackups(const Table& table) {
-    copyTo(table.path, backupOf(table.path, ".bak"));
-    if (const fs::path memos = memoFileOf(table); !memos.empty()) {
-        copyTo(memos, backupOf(memos, ".tbk"));
-    }
+    copyTo(table.path, fs::path(table.path).replace_extension(".bak"));
+    const fs::path memos = presentMemos(table);
+    if (!memos.empty()) copyTo(memos, fs::path(memos).replace_extension(".tbk"));
 }
 
 }  // namespace mira::tool

@@ -13,9 +13,7 @@
 #include "table/bytes.h"
 #include "table/decimal.h"
 #include "table/memo.h"
-#include "table/pagenames.h"
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -66,14 +64,10 @@ Reason noFit(const Column& column, const Given& given) {
 
 Reason isNo(const Given& given, const char* what) { return quoted(given) + " is no " + what; }
 
-std::string sized(std::size_t bytes) {
-    return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
-}
-
 int base64Digit(char c) {
     if (c >= 'A' && c <= 'Z') return c - 'A';
     if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
+    if (isDigit(c)) return c - '0' + 52;
     return c == '+' ? 62 : c == '/' ? 63 : -1;
 }
 
@@ -105,15 +99,11 @@ std::optional<Decimal> numberOf(const Given& given) {
 // Into bytes
 // ---------------------------------------------------------------------------------------------
 
-char blankByte(const Table& table, const Column& column) {
-    return FieldBlankChar(table.base.get(), column.field);
-}
-
 void encodeBlank(const Table& table, const Column& column, Encoded& encoded) {
-    encoded.bytes.assign(column.length, blankByte(table, column));
+    encoded.bytes.assign(column.length, FieldBlankChar(table.base.get(), column.field));
 }
 
-/// Bytes at the beginning of the field, blanks behind them.
+/// Bytes at the beginning of the field, blanks after them.
 void encodeBytes(const Table& table, const Column& column, std::string_view bytes,
                  Encoded& encoded) {
     encodeBlank(table, column, encoded);
@@ -131,15 +121,17 @@ void encodeBy(const Table& table, const Column& column, Encoded& encoded, Setter
 }
 
 /// The text in the table's page, or as it is where no page counts.
-Reason pageBytes(const Table& table, const Column& column, const Given& given, std::string& bytes) {
+Reason pageBytes(Table& table, const Column& column, const Given& given, std::string& bytes) {
     const std::string text = plainText(given);
     if (column.untranslated) {
         bytes = text;
         return "";
     }
+    PageChoice& page = table.page;
+    page.uncertain = page.uncertain || (page.isWeak && !isAscii(text));
     std::string lacking;
-    if (fromUtf8(*table.page.page, text, bytes, &lacking)) return "";
-    return "code page " + pageName(*table.page.page) + " lacks \"" + lacking + "\"";
+    if (fromUtf8(*page.page, text, bytes, &lacking)) return "";
+    return textOf("code page ", pageName(*page.page), " lacks \"", lacking, '"');
 }
 
 /// Bytes given as such, by "base64:" or a blob. False when a text is given.
@@ -154,7 +146,7 @@ bool givenBytes(const Given& given, std::string& bytes, Reason* reason) {
 }
 
 /// The bytes of a field that holds text; binary ones where the field may hold them.
-Reason textBytes(const Table& table, const Column& column, const Given& given, bool mayBeBinary,
+Reason textBytes(Table& table, const Column& column, const Given& given, bool mayBeBinary,
                  std::string& bytes) {
     Reason reason;
     if (mayBeBinary && givenBytes(given, bytes, &reason)) return reason;
@@ -173,7 +165,7 @@ Reason binaryBytes(const Given& given, std::string& bytes) {
 }
 
 Reason tooLong(const Column& column, std::size_t size) {
-    return sized(size) + " do not fit " + typeLabel(column);
+    return counted(size, "byte") + " do not fit " + typeLabel(column);
 }
 
 Reason encodeText(Table& table, const Column& column, const Given& given, Encoded& encoded) {
@@ -209,27 +201,20 @@ Reason encodeStored(Table& table, const Column& column, const Given& given, Enco
     return reason;
 }
 
-bool isDBase3(const Table& table) {
-    const u8 version = table.base->Header.Version;
-    return table.base->Level7 == 0 && (version == 0x03 || version == 0x83);
-}
-
 Reason encodeMemo(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     encodeBlank(table, column, encoded);
     Reason reason = column.kind == Kind::Memo ? textBytes(table, column, given, true, encoded.memo)
                                               : binaryBytes(given, encoded.memo);
     if (!reason.empty() || encoded.memo.empty()) return reason;
     if (!holdsReference(column)) {
-        return "a field of " + sized(column.length) + " cannot refer to a memo";
+        return "a field of " + counted(column.length, "byte") + " cannot refer to a memo";
     }
-    if (isDBase3(table) && encoded.memo.find(kMemoEnd) != std::string::npos) {
+    if (table.memoFormat == MemoFormat::DBase3 &&
+        encoded.memo.find(kMemoEnd) != std::string::npos) {
         return "a memo of dBase III ends at a byte 1A, which the value holds";
     }
-    const char* const memos = table.base->MemoFileName;
-    if (memos == nullptr || access(memos, R_OK | W_OK) != 0) {
-        return "the memo file is missing or cannot be written";
-    }
-    return "";
+    const bool writable = access(memoFileOf(table).c_str(), R_OK | W_OK) == 0;
+    return writable ? "" : "the memo file is missing or cannot be written";
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -251,7 +236,7 @@ Reason encodeDecimal(Table&, const Column& column, const Given& given, Encoded& 
     if (!number) return isNo(given, "number");
     const bool mayRound = given.from == Given::From::Real;
     if (!rescale(*number, column.decimals, mayRound)) {
-        return quoted(given) + " has more than " + std::to_string(column.decimals) + " decimals";
+        return textOf(quoted(given), " has more than ", column.decimals, " decimals");
     }
     std::string text = shortPrint(*number, column.length);
     while (text.size() > column.length && number->scale > 0 &&
@@ -286,30 +271,25 @@ Reason encodeInteger(Table& table, const Column& column, const Given& given, Enc
     return value ? encodeI32(table, column, *value, given, encoded) : noFit(column, given);
 }
 
-bool doubleOf(const Given& given, double* value) {
+std::optional<double> doubleOf(const Given& given) {
     if (given.from == Given::From::Real) {
-        *value = given.real;
-        return std::isfinite(given.real);
+        return std::isfinite(given.real) ? std::optional(given.real) : std::nullopt;
     }
     const std::string text = plainText(given);
     std::string_view digits = trimmed(text);
-    if (!readDecimal(digits)) return false;
-    if (digits.starts_with('+')) digits.remove_prefix(1);
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), *value);
-    return error == std::errc{};
+    if (!readDecimal(digits)) return std::nullopt;
+    takeOneOf(&digits, "+");
+    double value = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    return error == std::errc{} ? std::optional(value) : std::nullopt;
 }
 
 Reason encodeDouble(Table& table, const Column& column, const Given& given, Encoded& encoded) {
-    double value = 0;
-    if (!doubleOf(given, &value)) return isNo(given, "number");
-    if (column.length != sizeof value) return noFit(column, given);
-    encodeBy(table, column, encoded, [&] {
-        if (column.type == 'O') {
-            SetInvertedDouble(table.base.get(), column.field, value);
-        } else {
-            SetDouble(table.base.get(), column.field, value);
-        }
-    });
+    const std::optional<double> value = doubleOf(given);
+    if (!value) return isNo(given, "number");
+    if (column.length != sizeof *value) return noFit(column, given);
+    const auto set = column.type == 'O' ? SetInvertedDouble : SetDouble;
+    encodeBy(table, column, encoded, [&] { set(table.base.get(), column.field, *value); });
     return "";
 }
 
@@ -335,26 +315,19 @@ struct Moment {
     int milliseconds = 0;
 };
 
-/// count digits as a number; the text moves on behind them.
+/// count digits as a number; the text moves on past them.
 bool takeNumber(std::string_view* text, std::size_t count, int* number) {
-    if (text->size() < count) return false;
-    const auto [end, error] = std::from_chars(text->data(), text->data() + count, *number);
-    if (error != std::errc{} || end != text->data() + count || text->front() == '-') return false;
+    if (text->size() < count || !areDigits(text->substr(0, count))) return false;
+    std::from_chars(text->data(), text->data() + count, *number);
     text->remove_prefix(count);
-    return true;
-}
-
-bool takeOne(std::string_view* text, std::string_view of) {
-    if (text->empty() || of.find(text->front()) == std::string_view::npos) return false;
-    text->remove_prefix(1);
     return true;
 }
 
 /// yyyy-mm-dd or yyyymmdd
 bool takeDate(std::string_view* text, std::tm* time) {
     if (!takeNumber(text, 4, &time->tm_year)) return false;
-    const bool dashes = takeOne(text, "-");
-    if (!takeNumber(text, 2, &time->tm_mon) || dashes != takeOne(text, "-")) return false;
+    const bool dashes = takeOneOf(text, "-");
+    if (!takeNumber(text, 2, &time->tm_mon) || dashes != takeOneOf(text, "-")) return false;
     if (!takeNumber(text, 2, &time->tm_mday)) return false;
     --time->tm_mon;
     return mymktime(time) == 0;
@@ -364,27 +337,25 @@ bool takeDate(std::string_view* text, std::tm* time) {
 bool takeTime(std::string_view* text, Moment* moment) {
     std::tm& time = moment->time;
     if (!takeNumber(text, 2, &time.tm_hour)) return false;
-    const bool colons = takeOne(text, ":");
+    const bool colons = takeOneOf(text, ":");
     if (!takeNumber(text, 2, &time.tm_min)) return false;
     if (colons && text->empty()) return mymktime(&time) == 0;
-    if (colons != takeOne(text, ":") || !takeNumber(text, 2, &time.tm_sec)) return false;
-    if (takeOne(text, ".")) {
+    if (colons != takeOneOf(text, ":") || !takeNumber(text, 2, &time.tm_sec)) return false;
+    if (takeOneOf(text, ".")) {
         const std::string_view digits = *text;
-        if (digits.empty() || digits.size() > 3 ||
-            !takeNumber(text, digits.size(), &moment->milliseconds)) {
-            return false;
-        }
+        const bool fits = !digits.empty() && digits.size() <= 3;
+        if (!fits || !takeNumber(text, digits.size(), &moment->milliseconds)) return false;
         for (std::size_t i = digits.size(); i < 3; ++i) moment->milliseconds *= 10;
     }
     return mymktime(&time) == 0;
 }
 
-/// A date, and behind a blank, a "T" or nothing a time.
+/// A date, and after a blank, a "T" or nothing a time.
 std::optional<Moment> readMoment(std::string_view text) {
     Moment moment;
     if (!takeDate(&text, &moment.time)) return std::nullopt;
     if (text.empty()) return moment;
-    takeOne(&text, " T");
+    takeOneOf(&text, " T");
     if (!takeTime(&text, &moment) || !text.empty()) return std::nullopt;
     return moment;
 }
@@ -441,11 +412,11 @@ Reason encodeMoment(Table& table, const Column& column, const Given& given, Enco
 
 Reason encodeLogical(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     const std::string plain = plainText(given);
-    const std::string text = upperAscii(trimmed(plain));
-    for (const char* word : {"TRUE", "T", "YES", "Y", "1"}) {
+    const std::string text = foldCase(trimmed(plain));
+    for (const char* word : {"true", "t", "yes", "y", "1"}) {
         if (text == word) encodeBytes(table, column, "T", encoded);
     }
-    for (const char* word : {"FALSE", "F", "NO", "N", "0"}) {
+    for (const char* word : {"false", "f", "no", "n", "0"}) {
         if (text == word) encodeBytes(table, column, "F", encoded);
     }
     return encoded.bytes.empty() ? isNo(given, "logical value (true, false)") : "";
@@ -530,7 +501,7 @@ Reason encodeCounter(Table& table, const Column& column, const Given& given, boo
     if (isNothing(column, given)) return "";
     std::optional<Decimal> number = numberOf(given);
     const bool same = number && rescale(*number, 0, false) && unitsOf(*number) == next;
-    return same ? "" : quoted(given) + " is not the next value, " + std::to_string(next);
+    return same ? "" : textOf(quoted(given), " is not the next value, ", next);
 }
 
 void setBit(const Table& table, i32 bit, bool value) {
@@ -542,17 +513,17 @@ void setBit(const Table& table, i32 bit, bool value) {
 
 }  // namespace
 
+std::string typeLabel(char type, u32 length, u32 decimals) {
+    if (length == 0) return {type};
+    return textOf(type, '(', length, decimals != 0 ? textOf(',', decimals) : "", ')');
+}
+
 std::string typeLabel(const Column& column) {
-    std::string label(1, column.type);
     const bool sizes = column.kind == Kind::Text || column.kind == Kind::Varchar ||
                        column.kind == Kind::Varbinary || column.kind == Kind::Decimal ||
                        column.kind == Kind::Bytes;
-    if (!sizes) return label;
-    label += "(" + std::to_string(column.length);
-    if (column.kind == Kind::Decimal && column.decimals != 0) {
-        label += "," + std::to_string(column.decimals);
-    }
-    return label + ")";
+    return typeLabel(column.type, sizes ? column.length : 0,
+                     column.kind == Kind::Decimal ? column.decimals : 0);
 }
 
 bool isCounting(const Column& column) {
@@ -578,8 +549,8 @@ void putValue(Table& table, const Column& column, const Encoded& encoded) {
     if (encoded.memo.empty()) return;
     if (SetMemoBuf(base, static_cast<u32>(column.field), encoded.memo.data(),
                    static_cast<u32>(encoded.memo.size())) == 0) {
-        throw Refusal(table.path + ": " + column.name + ": the memo cannot be written to " +
-                      base->MemoFileName);
+        refuse(table.path, ": ", column.name, ": the memo cannot be written to ",
+               base->MemoFileName);
     }
 }
 

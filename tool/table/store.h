@@ -64,7 +64,8 @@ std::string encodeValue(Table& table, const Column& column, const Given& given, 
 /// memo file. Throws a Refusal when the memo cannot be written.
 void putValue(Table& table, const Column& column, const Encoded& encoded);
 
-/// "C(20)", "N(10,2)", "I": type and length as a person writes them.
+/// "C(20)", "N(10,2)", "I": type and length as a person writes them. Length 0: the type alone.
+std::string typeLabel(char type, u32 length, u32 decimals);
 std::string typeLabel(const Column& column);
 
 /// Whether the column counts by itself.
@@ -77,12 +78,12 @@ void advanceCounters(Table& table);
 
 /// Clears RecordBuffer for a new record; every column then needs a putValue.
 void newRecord(Table& table);
-/// Writes RecordBuffer behind the last record; the header in the file still counts the old ones.
+/// Writes RecordBuffer after the last record; the header in the file still counts the old ones.
 /// Throws a Refusal.
 void appendRecord(Table& table);
 /// Makes the appended records count: next values, date, record count, end byte. Throws a Refusal.
 void finishAppend(Table& table);
-/// Cuts the table back to a number of records after a failure, what is left of a record behind them
+/// Cuts the table back to a number of records after a failure, what is left of a record after them
 /// included; false when that fails, too.
 bool takeBack(Table& table, u32 records);
 /// Stamps today's date into the header, which otherwise stays as it is. Throws a Refusal.
