@@ -170,17 +170,7 @@ bool addNumber(std::string_view text, Common* common) {
     return common->digits + common->decimals <= kDigitsMost && common->decimals <= kDecimalsMost;
 }
 
-bool isDate(std::string_view text) {
-    if (text.size() != 10 || text[4] != '-' || text[7] != '-') return false;
-    const std::string digits = textOf(text.substr(0, 4), text.substr(5, 2), text.substr(8, 2));
-    if (!areDigits(digits)) return false;
-    const int number = std::stoi(digits);
-    std::tm time{};
-    time.tm_year = number / 10000;
-    time.tm_mon = number / 100 % 100 - 1;
-    time.tm_mday = number % 100;
-    return mymktime(&time) == 0;
-}
+bool isDate(std::string_view text) { return text.size() == 10 && readMoment(text); }
 
 void addValue(std::string_view text, const CodePage& page, std::string* scratch, Common* common) {
     if (text.empty()) return;

@@ -113,7 +113,6 @@ void writeText(Work& work, Selection& selection, const Target& target) {
     const std::vector<Column>& columns = selection.columns;
     Value value;
     while (nextRow(selection)) {
-        writer->beginRow();
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
             writer->cell(i, value);

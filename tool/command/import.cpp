@@ -2,11 +2,7 @@
 //
 // A new table is made in a folder of its own beside its place and moved there when it is whole.
 // What is appended is checked first, all of it, and cut off again when writing fails.
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 #include "change.h"
@@ -17,6 +13,7 @@
 #include "table/find.h"
 #include "table/refusal.h"
 #include "table/store.h"
+#include "workfolder.h"
 
 namespace mira::tool {
 namespace {
@@ -228,33 +225,13 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
             throw;
         }
     }
+    tellPage(*table);
     return tellImported(importer, table->path, "appended", options.change.dryRun);
 }
 
 // ---------------------------------------------------------------------------------------------
 // A new table
 // ---------------------------------------------------------------------------------------------
-
-/// A folder beside a file, gone with all in it when this is.
-class WorkFolder {
-public:
-    explicit WorkFolder(const fs::path& beside) {
-        std::string name = (beside.parent_path() / ".mira.XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) {
-            throw Refusal(beside.string() + ": cannot be written: " + std::strerror(errno));
-        }
-        path_ = name;
-    }
-    ~WorkFolder() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    WorkFolder(const WorkFolder&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
 
 /// Where the new table goes: a name without extension gets ".dbf".
 Target newTarget(const Options& options) {

@@ -153,7 +153,6 @@ u64 printRows(Output& out, Format format, sqlite3* connection, sqlite3_stmt* sta
     writer->begin(headings);
     u64 rows = 0;
     for (; step(connection, statement); ++rows) {
-        writer->beginRow();
         for (std::size_t i = 0; i < headings.size(); ++i) {
             writer->cell(i, valueOf(statement, static_cast<int>(i)));
         }

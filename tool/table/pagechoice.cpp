@@ -180,7 +180,8 @@ Sample takeSample(DbfBase* h) {
         const auto end = static_cast<u32>(count * (k + 1) / kStretches);
         for (auto record = static_cast<u32>(count * k / kStretches);
              record < end && used < allowed && ReadRecord(h, record) != 0; ++record) {
-            used += h->Header.RecordLength / 16;  // so that few texts in long records end it, too
+            used +=
+                u32{h->Header.RecordLength} / 16;  // so that few texts in long records end it, too
             for (const int field : fields) {
                 used += (h->Fields[field].Type == 'M' ? addMemo : addField)(&sample, h, field);
             }

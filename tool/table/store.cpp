@@ -8,7 +8,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <optional>
 #include <stdexcept>
 
 #include "table/bytes.h"
@@ -299,11 +298,6 @@ void encodeCurrency(const Column& column, const Given& given, Encoded& encoded) 
 // Dates, moments, logicals
 // ---------------------------------------------------------------------------------------------
 
-struct Moment {
-    std::tm time{};  // tm_year is the full year, tm_mon 0 to 11
-    int milliseconds = 0;
-};
-
 /// count digits as a number; the text moves on past them.
 bool takeNumber(std::string_view* text, std::size_t count, int* number) {
     if (text->size() < count || !areDigits(text->substr(0, count))) return false;
@@ -337,16 +331,6 @@ bool takeTime(std::string_view* text, Moment* moment) {
         for (std::size_t i = digits.size(); i < 3; ++i) moment->milliseconds *= 10;
     }
     return mymktime(&time) == 0;
-}
-
-/// A date, and after a blank, a "T" or nothing a time.
-std::optional<Moment> readMoment(std::string_view text) {
-    Moment moment;
-    if (!takeDate(&text, &moment.time)) return std::nullopt;
-    if (text.empty()) return moment;
-    takeOneOf(&text, " T");
-    if (!takeTime(&text, &moment) || !text.empty()) return std::nullopt;
-    return moment;
 }
 
 void encodeDate(const Table& table, const Column& column, const Given& given, Encoded& encoded) {
@@ -493,6 +477,15 @@ void setBit(const Table& table, i32 bit, bool value) {
 }
 
 }  // namespace
+
+std::optional<Moment> readMoment(std::string_view text) {
+    Moment moment;
+    if (!takeDate(&text, &moment.time)) return std::nullopt;
+    if (text.empty()) return moment;
+    takeOneOf(&text, " T");
+    if (!takeTime(&text, &moment) || !text.empty()) return std::nullopt;
+    return moment;
+}
 
 std::string typeLabel(char type, u32 length, u32 decimals) {
     if (length == 0) return {type};

@@ -11,6 +11,8 @@
 //   finishAppend once, or takeBack
 #pragma once
 
+#include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -63,6 +65,13 @@ std::string encodeValue(Table& table, const Column& column, const Given& given, 
 /// Puts an encoded value into RecordBuffer, null and length bits included, and its memo into the
 /// memo file. Throws a Refusal when the memo cannot be written.
 void putValue(Table& table, const Column& column, const Encoded& encoded);
+
+struct Moment {
+    std::tm time{};  // tm_year is the full year, tm_mon 0 to 11
+    int milliseconds = 0;
+};
+/// A date, and after a blank, a "T" or nothing a time. Nothing when there is no such moment.
+std::optional<Moment> readMoment(std::string_view text);
 
 /// "C(20)", "N(10,2)", "I": type and length as a person writes them. Length 0: the type alone.
 std::string typeLabel(char type, u32 length, u32 decimals);

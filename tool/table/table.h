@@ -81,8 +81,8 @@ constexpr u8 kCounting = 8;
 struct TableOptions {
     std::string codePage{};             // empty: what the table says
     std::vector<std::string> asText{};  // names of binary fields that hold text after all
-    bool longNames = false;           // names from the database container
-    bool raw = false;                 // texts and numbers as stored
+    bool longNames = false;             // names from the database container
+    bool raw = false;                   // texts and numbers as stored
     bool writable = false;
 };
 
