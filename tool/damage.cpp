@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "memodamage.h"
-#include "selection.h"
+#include "records.h"
 
 namespace mira::tool {
 namespace {

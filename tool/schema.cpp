@@ -235,24 +235,24 @@ std::string uniqueName(const std::string& name, std::size_t limit, std::set<std:
 // ---------------------------------------------------------------------------------------------
 
 /// Changes bytes at the beginning of a file.
-void patch(const std::string& path, u32 place, const void* bytes, u32 count) {
-    const File file(Open_File(path.c_str()));
+void patch(const Target& target, u32 place, const void* bytes, u32 count) {
+    const File file(Open_File(target.path.c_str()));
     if (!file || !writeFileAt(file.get(), place, bytes, count)) {
-        refuse(path, ": cannot be written");
+        refuse(target.name, ": cannot be written");
     }
 }
 
 /// A level-7 table of one field and no record is shorter than what tells its level: its header is
 /// made longer.
-void lengthenHeader(const std::string& path) {
+void lengthenHeader(const Target& target) {
     constexpr u32 kTold = 128;
     std::error_code ignored;
-    if (std::filesystem::file_size(path, ignored) >= kTold) return;
+    if (std::filesystem::file_size(target.path, ignored) >= kTold) return;
     const u8 length[] = {kTold, 0};
     const std::string zeros(kTold, '\0');
-    const auto size = static_cast<u32>(std::filesystem::file_size(path, ignored));
-    patch(path, size, zeros.data(), kTold - size);
-    patch(path, kLengthPlace, length, sizeof length);
+    const auto size = static_cast<u32>(std::filesystem::file_size(target.path, ignored));
+    patch(target, size, zeros.data(), kTold - size);
+    patch(target, kLengthPlace, length, sizeof length);
 }
 
 bool isMemoType(char type, TableKind kind) {
@@ -303,7 +303,7 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
     return fields;
 }
 
-void makeTable(const std::string& path, const std::vector<FieldPlan>& fields, TableKind kind,
+void makeTable(const Target& target, const std::vector<FieldPlan>& fields, TableKind kind,
                const CodePage& page, u32 blockSize) {
     const auto made = std::make_unique<DbfField[]>(fields.size());
     bool memos = false;
@@ -316,21 +316,21 @@ void makeTable(const std::string& path, const std::vector<FieldPlan>& fields, Ta
         if (fields[i].type != 'C') made[i].Decimals = static_cast<u8>(fields[i].decimals);
         memos = memos || isMemoType(fields[i].type, kind);
     }
-    if (CreateDatabase(path.c_str(), made.get(), static_cast<int>(fields.size()),
+    if (CreateDatabase(target.path.c_str(), made.get(), static_cast<int>(fields.size()),
                        static_cast<u32>(kind), blockSize, 1) == 0) {
-        refuse(path, ": cannot be written, or the fields are more than a table holds");
+        refuse(target.name, ": cannot be written, or the fields are more than a table holds");
     }
-    if (kind == TableKind::Level7) lengthenHeader(path);
+    if (kind == TableKind::Level7) lengthenHeader(target);
     // The library marks tables without memos as plain ones, and Visual FoxPro's as having an index.
-    if (!memos && kind == TableKind::Visual) patch(path, kVersionPlace, &kVisualVersion, 1);
-    if (!memos && kind == TableKind::Level7) patch(path, kVersionPlace, &kLevel7Version, 1);
+    if (!memos && kind == TableKind::Visual) patch(target, kVersionPlace, &kVisualVersion, 1);
+    if (!memos && kind == TableKind::Level7) patch(target, kVersionPlace, &kLevel7Version, 1);
     const u8 flags = memos && kind == TableKind::Visual ? kMemoFlag : 0;
     const u8 bytes[] = {flags, markOf(page)};
     static_assert(kMarkPlace == kFlagsPlace + 1);
-    patch(path, kFlagsPlace, bytes, sizeof bytes);
+    patch(target, kFlagsPlace, bytes, sizeof bytes);
 }
 
-void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize) {
+void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize) {
     const DbfBase& from = *like.base;
     std::string image(from.Header.HeaderLength, '\0');
     const u32 end = from.HeaderSize + from.DescriptorSize * from.FieldCount;
@@ -350,17 +350,17 @@ void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize
     const bool linked = like.visual && image.size() >= end + 1 + kBackLink;
     if (linked) std::memset(&image[image.size() - kBackLink], 0, kBackLink);
 
-    File file(std::fopen(path.c_str(), "wbx"));
+    File file(std::fopen(target.path.c_str(), "wbx"));
     if (!file ||
         WriteFile(file.get(), image.data(), static_cast<i32>(image.size())) != image.size() ||
         std::fclose(file.release()) != 0) {
-        refuse(path, ": cannot be written");
+        refuse(target.name, ": cannot be written");
     }
-    if (from.Level7 != 0) lengthenHeader(path);
+    if (from.Level7 != 0) lengthenHeader(target);
     if (from.FirstMemoField == -1) return;
     const u32 unit = blockSize != 0 ? blockSize : GetBlockSize(like.base.get());
-    if (CreateMemoFile(path.c_str(), GetMemoType(like.base.get()), unit) == 0) {
-        refuse(path, ": its memo file cannot be written");
+    if (CreateMemoFile(target.path.c_str(), GetMemoType(like.base.get()), unit) == 0) {
+        refuse(target.name, ": its memo file cannot be written");
     }
 }
 

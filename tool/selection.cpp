@@ -6,6 +6,7 @@
 
 #include "filter.h"
 #include "message.h"
+#include "status.h"
 #include "table/refusal.h"
 
 namespace mira::tool {
@@ -143,8 +144,8 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
     addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
               kDeletedWords, options.deleted);
     command.add_flag("--record", options.recordColumn, "A first column _record with the number");
-    command.add_option("-n,--limit", options.limit, "At most N records, 0 for all")->type_name("N");
-    command.add_option("--offset", options.offset, "Leave out the first N records")->type_name("N");
+    addCount(command, "-n,--limit", "At most N records, 0 for all", options.limit);
+    addCount(command, "--offset", "Leave out the first N records", options.offset);
     command.add_option("--shard", options.shard, "The K-th of N equal ranges of records")
         ->type_name("K/N");
     addTableOptions(command, options.table);

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "progress.h"
-#include "status.h"
 #include "table/table.h"
 #include "table/text.h"
 #include "table/value.h"
@@ -49,6 +48,16 @@ CLI::Option* addChoice(CLI::App& command, const std::string& name, const std::st
     return command.add_option_function<std::string>(name, take, help)->type_name(typeName);
 }
 
+/// Adds an option or argument that is a number from 0.
+template <typename Number>
+CLI::Option* addCount(CLI::App& command, const std::string& name, const std::string& help,
+                      Number& value) {
+    const auto check = [](const std::string& given) {
+        return given.starts_with('-') ? given + " is less than 0" : std::string();
+    };
+    return command.add_option(name, value, help)->type_name("N")->check(check);
+}
+
 /// Adds them all to a command.
 void addSelectOptions(CLI::App& command, SelectOptions& options);
 /// Only --code-page, --as-text and --long-names.
@@ -79,20 +88,6 @@ std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> table, const Select
 /// cells.record, its position for WriteRecord position - 1. Throws a Refusal for a record that
 /// cannot be read.
 bool nextRow(Selection& selection);
-
-/// Reads the records of a table one by one, deleted ones, too, and calls take with the number of
-/// each, from 0, until it returns false. Throws a Refusal, or Stopped.
-template <typename Take>
-void eachRecord(const Table& table, Take take) {
-    const u32 count = table.base->Header.RecordCount;
-    Progress progress(table.path, count);
-    for (u32 record = 0; record < count; ++record) {
-        leaveIfStopped();
-        readRecord(table, record);
-        if (!take(record)) return;
-        progress.add(1);
-    }
-}
 
 /// Reads a cell of the current row; what is wrong with it is counted.
 inline void readCell(Selection& selection, const Column& column, Value& value) {

@@ -85,13 +85,15 @@ void addRefusal(Work& work, const std::string& sentence) {
     ++work.refused;
 }
 
-void countTable(Work& work, const Selection& selection, const Target& target) {
+/// Tells how many records of the only table were written.
+void tellRows(const Work& work, const Selection& selection, const Target& target) {
+    if (work.several || (target.path.empty() && selection.rows != 0)) return;
+    note("{}: {} of {}", target.path.empty() ? selection.table->path : target.name, selection.rows,
+         counted(selection.table->base->Header.RecordCount, "record"));
+}
+
+void countTable(Work& work, const Selection& selection) {
     const bool faulty = tellFaults(selection);
-    const u32 total = selection.table->base->Header.RecordCount;
-    if (!work.several && (!target.path.empty() || selection.rows == 0)) {
-        note("{}: {} of {}", target.path.empty() ? selection.table->path : target.name,
-             selection.rows, counted(total, "record"));
-    }
     const std::lock_guard lock(work.mutex);
     ++work.done;
     work.rows += selection.rows;
@@ -131,7 +133,8 @@ void exportText(Work& work, std::size_t index) {
     try {
         const auto selection = selectFrom(work.tables[index], work.options.select);
         writeText(work, *selection, work.targets[index]);
-        countTable(work, *selection, work.targets[index]);
+        countTable(work, *selection);
+        tellRows(work, *selection, work.targets[index]);
     } catch (const Refusal& refusal) {
         addRefusal(work, refusal.what());
     }
@@ -199,8 +202,8 @@ void exportTexts(Work& work) {
     if (work.several && (options.out.empty() || options.out == "-")) {
         refuse("several tables need -o FOLDER, or -o NAME.db for one database");
     }
-    const bool made = work.several && makeFolder(options.out, "several tables go");
     nameTargets(work);
+    const bool made = work.several && makeFolder(options.out, "several tables go");
     const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
         std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
@@ -226,7 +229,7 @@ void exportTable(Work& work, Selection& selection, Database& database) {
         }
         database.endRow();
     }
-    countTable(work, selection, work.targets[0]);
+    countTable(work, selection);
 }
 
 void exportDatabase(Work& work) {
@@ -240,8 +243,8 @@ void exportDatabase(Work& work) {
                             : options.append ? Present::Append
                                              : Present::Refuse;
     Database database(work.targets[0], options.force, present);
+    std::unique_ptr<Selection> selection;
     for (const std::string& table : work.tables) {
-        std::unique_ptr<Selection> selection;
         try {
             selection = selectFrom(table, options.select);
         } catch (const Refusal& refusal) {
@@ -251,7 +254,9 @@ void exportDatabase(Work& work) {
         if (options.schema) selection->end = selection->position;
         exportTable(work, *selection, database);
     }
-    if (work.done != 0) database.finish();
+    if (work.done == 0) return;
+    database.finish();
+    tellRows(work, *selection, work.targets[0]);
 }
 
 /// CREATE TABLE statements as text.
@@ -346,8 +351,7 @@ void addExport(CLI::App& program, Job& job) {
     addChoice(command, "-F,--format", "csv, tsv, json, jsonl or sqlite", "FORMAT", kFormats,
               options.format);
     command.add_flag("--force", options.force, "Replace files that are there");
-    command.add_option("-j,--jobs", options.jobs, "Tables at a time (default: processors)")
-        ->type_name("N");
+    addCount(command, "-j,--jobs", "Tables at a time (default: processors)", options.jobs);
     command.add_flag("--no-heading", options.noHeading, "No line of names");
     command.add_flag("--bom", options.writer.bom, "A byte-order mark in front");
     command.add_flag("--crlf", options.writer.crlf, "Lines end with CR LF");

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "selection.h"
+#include "records.h"
 #include "table/find.h"
 #include "table/memo.h"
 

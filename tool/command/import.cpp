@@ -277,15 +277,15 @@ Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::st
     return plan;
 }
 
-void makeEmptyTable(const std::string& path, const Plan& plan, const Options& options) {
+void makeEmptyTable(const Target& target, const Plan& plan, const Options& options) {
     if (!plan.like) {
-        makeTable(path, plan.fields, options.kind, *openPage(plan.codePage), options.blockSize);
+        makeTable(target, plan.fields, options.kind, *openPage(plan.codePage), options.blockSize);
         return;
     }
     // The mark stays, unless the page comes from elsewhere.
     const PageChoice& page = plan.like->page;
     const bool elsewhere = page.from == "--code-page" || page.from == ".cpg";
-    makeLike(path, *plan.like, elsewhere ? markOf(*page.page) : u8{0}, options.blockSize);
+    makeLike(target, *plan.like, elsewhere ? markOf(*page.page) : u8{0}, options.blockSize);
 }
 
 /// Fields of an inferred plan are found by place, as their names may differ from the headings.
@@ -326,7 +326,7 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     const Plan plan = planTable(options, csv, headings);
     const WorkFolder folder(target.path);
     const fs::path path = folder.path() / fs::path(target.path).filename();
-    makeEmptyTable(path.string(), plan, options);
+    makeEmptyTable({target.path, path.string()}, plan, options);
     const auto table = openTable(path.string(), {.codePage = plan.codePage, .writable = true});
     table->path = target.path;  // for messages: there it will be
     checkFree(*table, target, options);

@@ -232,7 +232,7 @@ void addMemo(CLI::App& program, Job& job) {
                    "  mira memo members NOTES --all -o notes");
     command.add_option("TABLE", options.table, "The table")->required();
     command.add_option("FIELD", options.field, "The memo field")->required();
-    command.add_option("RECORD", options.record, "The record, from 1; it may be deleted");
+    addCount(command, "RECORD", "The record, from 1; it may be deleted", options.record);
     command.add_option("-o,--output", options.output, "A file for its bytes, \"-\" for output")
         ->type_name("FILE");
     command.add_option("--set", options.from, "Store what the file holds, \"-\" for input")
