@@ -1,6 +1,7 @@
 #include "change.h"
 
 #include "message.h"
+#include "status.h"
 #include "table/find.h"
 #include "table/refusal.h"
 #include "table/store.h"
