@@ -111,10 +111,8 @@ void tellFault(const Selection& selection, Fault fault) {
 
 void addList(CLI::App& command, const char* name, std::vector<std::string>& list,
              const char* help) {
-    command.add_option(name, list, help)
-        ->type_name("A,B,...")
-        ->delimiter(',')
-        ->allow_extra_args(false);
+    const auto take = [&list](const std::string& given) { list = splitList(given); };
+    command.add_option_function<std::string>(name, take, help)->type_name("A,B,...");
 }
 
 }  // namespace
