@@ -1,12 +1,9 @@
 #include "arguments.h"
 
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::sql {
 namespace {
-
-using tool::Refusal;
 
 /// Without the quotes of SQL around it, if it has some: 'it''s', "a", [a], `a`.
 std::string unquoted(std::string_view text) {
@@ -33,14 +30,14 @@ bool isOn(const std::string& path, std::string_view name, const std::string& val
     for (const char* no : {"0", "no", "false", "off"}) {
         if (tool::sameText(value, no)) return false;
     }
-    throw Refusal(path + ": " + std::string(name) + " is 1 or 0, not \"" + value + "\"");
+    tool::refuse(path, ": ", name, " is 1 or 0, not \"", value, "\"");
 }
 
-Deleted deletedOption(const std::string& path, const std::string& value) {
-    if (tool::sameText(value, "skip")) return Deleted::Skip;
-    if (tool::sameText(value, "include")) return Deleted::Include;
-    if (tool::sameText(value, "only")) return Deleted::Only;
-    throw Refusal(path + ": deleted is skip, include or only, not \"" + value + "\"");
+tool::Deleted deletedOption(const std::string& path, const std::string& value) {
+    for (const auto& [word, deleted] : tool::kDeletedWords) {
+        if (tool::sameText(value, word)) return deleted;
+    }
+    tool::refuse(path, ": deleted is skip, include or only, not \"", value, "\"");
 }
 
 void readOption(Arguments& arguments, std::string_view text) {
@@ -60,8 +57,8 @@ void readOption(Arguments& arguments, std::string_view text) {
     } else if (name == "as_text") {
         arguments.table.asText = tool::splitList(value);
     } else {
-        throw Refusal(path + ": there is no option \"" + name +
-                      "\"; those there are: code_page, deleted, writable, long_names, as_text");
+        tool::refuse(path, ": there is no option \"", name,
+                     "\"; those there are: code_page, deleted, writable, long_names, as_text");
     }
 }
 
@@ -70,18 +67,9 @@ void readOption(Arguments& arguments, std::string_view text) {
 Arguments readArguments(int count, const char* const* texts) {
     Arguments arguments;
     if (count > 0) arguments.path = unquoted(texts[0]);
-    if (arguments.path.empty()) throw Refusal("USING mira('PATH') needs the path of a table");
+    if (arguments.path.empty()) tool::refuse("USING mira('PATH') needs the path of a table");
     for (int i = 1; i < count; ++i) readOption(arguments, texts[i]);
     return arguments;
-}
-
-std::string quotedText(std::string_view text) {
-    std::string quoted = "'";
-    for (const char c : text) {
-        if (c == '\'') quoted += c;
-        quoted += c;
-    }
-    return quoted + '\'';
 }
 
 }  // namespace mira::sql

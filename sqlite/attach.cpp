@@ -1,6 +1,5 @@
 #include "attach.h"
 
-#include "arguments.h"
 #include "guard.h"
 #include "table/find.h"
 #include "table/refusal.h"
@@ -15,17 +14,11 @@ bool isTaken(sqlite3* connection, const std::string& name) {
                                          nullptr, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-std::string freeName(sqlite3* connection, const std::string& stem) {
-    std::string name = stem;
-    for (int i = 2; isTaken(connection, name); ++i) name = stem + "_" + std::to_string(i);
-    return name;
-}
-
 void attach(sqlite3_context* context, int count, sqlite3_value** values) {
     char* message = nullptr;
     const int result = guarded(&message, [&] {
         const auto* const folder = reinterpret_cast<const char*>(sqlite3_value_text(values[0]));
-        if (folder == nullptr) throw tool::Refusal("mira_attach needs a folder");
+        if (folder == nullptr) tool::refuse("mira_attach needs a folder");
         const bool writable = count > 1 && sqlite3_value_int(values[1]) != 0;
         sqlite3* const connection = sqlite3_context_db_handle(context);
         std::string failures;
@@ -38,8 +31,7 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
                 failures += "\n" + std::string(refusal.what());
             }
         }
-        const std::string report =
-            std::to_string(attached) + (attached == 1 ? " table" : " tables") + failures;
+        const std::string report = tool::counted(attached, "table") + failures;
         sqlite3_result_text64(context, report.data(), report.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
         return SQLITE_OK;
     });
@@ -52,9 +44,11 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
 }  // namespace
 
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options) {
-    std::string name = freeName(connection, tool::stemOf(path));
-    const std::string statement = "CREATE VIRTUAL TABLE temp." + tool::quotedName(name) +
-                                  " USING mira(" + quotedText(path) + options + ")";
+    const std::string name = tool::freeName(
+        tool::stemOf(path), [&](const std::string& free) { return !isTaken(connection, free); });
+    const std::string statement =
+        tool::textOf("CREATE VIRTUAL TABLE temp.", tool::quotedName(name), " USING mira(",
+                     tool::quotedText(path), options, ')');
     char* message = nullptr;
     if (sqlite3_exec(connection, statement.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
         const std::string why = message != nullptr ? message : "out of memory";

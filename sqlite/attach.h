@@ -11,7 +11,7 @@ namespace mira::sql {
 int registerAttach(sqlite3* connection);
 
 /// A virtual table `USING mira` in the schema temp, under the table's file name without extension,
-/// "_2" behind it for a second one of that name. The name it got; throws a Refusal.
+/// "_2" after it for a second one of that name. The name it got; throws a Refusal.
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options);
 
 }  // namespace mira::sql

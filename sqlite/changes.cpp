@@ -9,8 +9,7 @@ using tool::Column;
 using tool::Given;
 using tool::Refusal;
 
-constexpr u8 kDeletedMark = '*';
-constexpr u8 kLiveMark = ' ';
+constexpr const char* kFixed = "a record's number is its place in the file and cannot be given";
 
 bool isNull(sqlite3_value* value) { return sqlite3_value_type(value) == SQLITE_NULL; }
 
@@ -37,15 +36,11 @@ Given givenOf(sqlite3_value* value) {
     }
 }
 
-std::string counted(std::size_t count) {
-    return std::to_string(count) + (count == 1 ? " record" : " records");
-}
-
 }  // namespace
 
 void Changes::refuse(const Row& row, const std::string& what) const {
-    const std::string where = row.isNew ? "new record" : "record " + std::to_string(row.record + 1);
-    throw Refusal(table_.path + ": " + where + ", " + what);
+    tool::refuse(table_.path, ": ",
+                 row.isNew ? "new record" : tool::textOf("record ", row.record + 1), ", ", what);
 }
 
 /// Before the first row of a statement: another program may have written meanwhile.
@@ -57,12 +52,28 @@ void Changes::prepare() {
     added_ = 0;
 }
 
-void Changes::encode(Row& row, const Column& column, sqlite3_value* value) {
-    tool::Encoded encoded;
-    const std::string reason =
-        tool::encodeValue(table_, column, givenOf(value), row.isNew, encoded);
-    if (!reason.empty()) refuse(row, column.name + ": " + reason);
-    row.values.emplace_back(&column, std::move(encoded));
+void Changes::encode(Row& row, std::size_t column, sqlite3_value* value) {
+    const Column& of = columns_[column];
+    const std::string reason = tool::encodeValue(table_, of, givenOf(value), row.isNew, encoded_);
+    if (!reason.empty()) refuse(row, of.name + ": " + reason);
+    values_.push_back({static_cast<u16>(column), encoded_.isNull, encoded_.partial,
+                       static_cast<u32>(encoded_.memo.size())});
+    bytes_.append(encoded_.bytes).append(encoded_.memo);
+    ++row.values;
+}
+
+void Changes::checkNumber(const Row& row, const Column& column, sqlite3_value* value) const {
+    const bool same = !row.isNew && sqlite3_value_int64(value) == i64{row.record} + 1;
+    if (!isNull(value) && !same) refuse(row, column.name + ": " + kFixed);
+}
+
+Changes::Mark Changes::markOf(const Row& row, const Column& column, sqlite3_value* value) const {
+    if (isNull(value) && row.isNew) return Mark::Keep;
+    const i64 flag = sqlite3_value_int64(value);
+    if (sqlite3_value_type(value) != SQLITE_INTEGER || flag < 0 || flag > 1) {
+        refuse(row, column.name + ": is 1 or 0");
+    }
+    return flag != 0 ? Mark::Deleted : Mark::Live;
 }
 
 Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
@@ -77,26 +88,17 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
     }
     const bool moved = row.isNew ? !isNull(values[1])
                                  : sqlite3_value_int64(values[0]) != sqlite3_value_int64(values[1]);
-    if (moved) refuse(row, "rowid: a record's number is its place in the file and cannot be given");
+    if (moved) refuse(row, std::string("rowid: ") + kFixed);
     for (std::size_t i = 0; i < columns_.size(); ++i) {
         const Column& column = columns_[i];
         sqlite3_value* const value = values[i + kBeforeColumns];
         if (!row.isNew && sqlite3_value_nochange(value) != 0) continue;
         if (column.kind == tool::Kind::RecordNumber) {
-            const bool same = !row.isNew && sqlite3_value_int64(value) == i64{row.record} + 1;
-            if (!isNull(value) && !same) {
-                refuse(row, column.name +
-                                ": a record's number is its place in the file and cannot be given");
-            }
+            checkNumber(row, column, value);
         } else if (column.kind == tool::Kind::Deletion) {
-            if (isNull(value) && row.isNew) continue;
-            const i64 flag = sqlite3_value_int64(value);
-            if (sqlite3_value_type(value) != SQLITE_INTEGER || flag < 0 || flag > 1) {
-                refuse(row, column.name + ": is 1 or 0");
-            }
-            row.mark = flag != 0 ? Mark::Deleted : Mark::Live;
+            row.mark = markOf(row, column, value);
         } else {
-            encode(row, column, value);
+            encode(row, i, value);
         }
     }
     return row;
@@ -104,13 +106,27 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
 
 void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
     prepare();
-    Row row = rowOf(values);
+    const Row row = rowOf(values);
     if (row.isNew) {
         tool::advanceCounters(table_);
         ++added_;
         *rowid = i64{row.record} + 1;
     }
-    rows_.push_back(std::move(row));
+    rows_.push_back(row);
+}
+
+/// Puts the row's values into RecordBuffer.
+void Changes::putValues(const Row& row) {
+    for (u16 i = 0; i < row.values; ++i) {
+        const HeldValue& value = values_[nextValue_++];
+        const Column& column = columns_[value.column];
+        encoded_.bytes.assign(bytes_, nextByte_, column.length);
+        encoded_.memo.assign(bytes_, nextByte_ + column.length, value.memoSize);
+        encoded_.isNull = value.isNull;
+        encoded_.partial = value.partial;
+        nextByte_ += column.length + value.memoSize;
+        tool::putValue(table_, column, encoded_);
+    }
 }
 
 void Changes::writeRow(const Row& row) {
@@ -120,10 +136,8 @@ void Changes::writeRow(const Row& row) {
     } else if (ReadRecord(base, row.record) == 0) {
         refuse(row, "which cannot be read");
     }
-    for (const auto& [column, encoded] : row.values) tool::putValue(table_, *column, encoded);
-    if (row.mark != Mark::Keep) {
-        base->RecordBuffer[0] = row.mark == Mark::Deleted ? kDeletedMark : kLiveMark;
-    }
+    putValues(row);
+    if (row.mark != Mark::Keep) base->RecordBuffer[0] = row.mark == Mark::Deleted ? '*' : ' ';
     if (row.isNew) {
         tool::appendRecord(table_);
     } else if (WriteRecord(base, row.record) == 0) {
@@ -145,16 +159,19 @@ void Changes::write() {
         added_ != 0 ? tool::finishAppend(table_) : tool::stampDate(table_);
     } catch (const Refusal& refusal) {
         if (added_ != 0 && tool::takeBack(table_, before)) written = 0;
-        const std::string result = counted(written) + " of " + std::to_string(rows_.size());
+        const std::size_t rows = rows_.size();
         drop();
-        throw Refusal(std::string(refusal.what()) + "; " + result +
-                      (written == 1 ? " is" : " are") + " written");
+        tool::refuse(refusal.what(), "; ", tool::counted(written, "record"), " of ", rows,
+                     written == 1 ? " is written" : " are written");
     }
     drop();
 }
 
 void Changes::drop() {
     rows_.clear();
+    values_.clear();
+    bytes_.clear();
+    nextValue_ = nextByte_ = 0;
     added_ = 0;
 }
 

@@ -5,7 +5,6 @@
 
 #include <span>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "api.h"
@@ -32,20 +31,34 @@ private:
     enum class Mark : u8 { Keep, Live, Deleted };
     struct Row {
         bool isNew = false;
-        u32 record = 0;  ///< from 0
         Mark mark = Mark::Keep;
-        std::vector<std::pair<const tool::Column*, tool::Encoded>> values{};
+        u16 values = 0;  ///< how many of values_
+        u32 record = 0;  ///< from 0
+    };
+    struct HeldValue {
+        u16 column;
+        bool isNull, partial;
+        u32 memoSize;
     };
 
     void prepare();
     Row rowOf(std::span<sqlite3_value*> values);
-    void encode(Row& row, const tool::Column& column, sqlite3_value* value);
+    void encode(Row& row, std::size_t column, sqlite3_value* value);
+    Mark markOf(const Row& row, const tool::Column& column, sqlite3_value* value) const;
+    void checkNumber(const Row& row, const tool::Column& column, sqlite3_value* value) const;
+    void putValues(const Row& row);
     void writeRow(const Row& row);
     [[noreturn]] void refuse(const Row& row, const std::string& what) const;
 
     tool::Table& table_;
     const std::vector<tool::Column>& columns_;
+    // A statement may change a million rows, so they are held with little around their bytes: the
+    // values of all rows one after the other, and each one's field and memo bytes likewise.
     std::vector<Row> rows_;
+    std::vector<HeldValue> values_;
+    std::string bytes_;
+    std::size_t nextValue_ = 0, nextByte_ = 0;  ///< to be written
+    tool::Encoded encoded_;
     u32 added_ = 0;
     bool backedUp_ = false;
 };

@@ -2,15 +2,13 @@
 #include <cmath>
 
 #include "module.h"
-#include "table/refusal.h"
 
 namespace mira::sql {
 namespace {
 
 using tool::Column;
+using tool::Deleted;
 using tool::Value;
-
-constexpr u8 kDeletedMark = '*';
 
 Stored cellOf(Cursor& cursor, int column) {
     Value value;
@@ -20,16 +18,12 @@ Stored cellOf(Cursor& cursor, int column) {
 }
 
 /// Reads a record; false when it is not one of those the table shows.
-bool readRecord(Cursor& cursor, u32 record) {
-    DbfBase* const base = cursor.table->base.get();
-    if (ReadRecord(base, record) == 0) {
-        throw tool::Refusal(cursor.table->path + ": record " + std::to_string(record + 1) +
-                            " cannot be read");
-    }
+bool readShown(Cursor& cursor, u32 record) {
+    tool::readRecord(*cursor.table, record);
     cursor.cells->record = record;
     const Deleted deleted = tableOf(cursor).arguments.deleted;
     return deleted == Deleted::Include ||
-           (base->RecordBuffer[0] == kDeletedMark) == (deleted == Deleted::Only);
+           tool::isDeleted(*cursor.table) == (deleted == Deleted::Only);
 }
 
 bool mayPass(Cursor& cursor) {
@@ -72,7 +66,7 @@ void narrow(Cursor& cursor, const Shortcut& s) {
 void makeIndex(Cursor& cursor, int column) {
     KeyIndex index(column);
     for (u32 record = 0; record < reccount(cursor.table->base.get()); ++record) {
-        if (readRecord(cursor, record)) index.add(cellOf(cursor, column), record);
+        if (readShown(cursor, record)) index.add(cellOf(cursor, column), record);
     }
     index.finish();
     cursor.index = std::move(index);
@@ -92,16 +86,15 @@ void useIndex(Cursor& cursor) {
     cursor.indexed = true;
 }
 
-/// The next record to look at; false at the end.
-bool advance(Cursor& cursor, u32* record) {
+/// The next record to look at; nothing at the end.
+std::optional<u32> advance(Cursor& cursor) {
     if (!cursor.indexed) {
-        *record = cursor.record++;
-        return *record < cursor.end;
+        return cursor.record < cursor.end ? std::optional(cursor.record++) : std::nullopt;
     }
-    if (cursor.found.empty()) return false;
-    *record = cursor.found.front().record;
+    if (cursor.found.empty()) return std::nullopt;
+    const u32 record = cursor.found.front().record;
     cursor.found = cursor.found.subspan(1);
-    return true;
+    return record;
 }
 
 }  // namespace
@@ -132,14 +125,11 @@ void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> const
 }
 
 void nextRecord(Cursor& cursor) {
-    u32 record = 0;
-    cursor.atEnd = true;
-    while (advance(cursor, &record)) {
-        if (readRecord(cursor, record) && mayPass(cursor)) {
-            cursor.atEnd = false;
-            return;
-        }
+    cursor.atEnd = false;
+    while (const std::optional<u32> record = advance(cursor)) {
+        if (readShown(cursor, *record) && mayPass(cursor)) return;
     }
+    cursor.atEnd = true;
 }
 
 }  // namespace mira::sql

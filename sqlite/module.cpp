@@ -15,22 +15,10 @@ using tool::Column;
 /// A virtual table has at most 2000 columns.
 constexpr std::size_t kColumnMax = 2000 - kHiddenColumns;
 
-/// The name in the way of a field's gets underscores in front.
-std::string freeName(const tool::Table& table, std::string name) {
-    while (tool::findColumn(table, name) != nullptr) name.insert(name.begin(), '_');
-    return name;
-}
-
 std::vector<Column> declaredColumns(const tool::Table& table) {
     std::vector<Column> columns = table.columns;
-    Column record;
-    record.name = freeName(table, "_record");
-    record.kind = tool::Kind::RecordNumber;
-    Column deleted;
-    deleted.name = freeName(table, "_deleted");
-    deleted.kind = tool::Kind::Deletion;
-    columns.push_back(record);
-    columns.push_back(deleted);
+    columns.push_back(tool::extraColumn(table, "_record", tool::Kind::RecordNumber));
+    columns.push_back(tool::extraColumn(table, "_deleted", tool::Kind::Deletion));
     return columns;
 }
 
@@ -68,9 +56,8 @@ int connect(sqlite3* connection, void* /*module*/, int count, const char* const*
         made->arguments = readArguments(count - kNames, texts + kNames);
         made->table = tool::openTable(made->arguments.path, made->arguments.table);
         if (made->table->columns.size() > kColumnMax) {
-            throw tool::Refusal(
-                made->table->path + ": " + std::to_string(made->table->columns.size()) +
-                " fields, but a virtual table has at most " + std::to_string(kColumnMax));
+            tool::refuse(made->table->path, ": ", made->table->columns.size(),
+                         " fields, but a virtual table has at most ", kColumnMax);
         }
         made->columns = declaredColumns(*made->table);
         if (made->arguments.table.writable) made->changes.emplace(*made->table, made->columns);
@@ -180,18 +167,18 @@ int rowid(sqlite3_vtab_cursor* cursor, sqlite3_int64* result) {
 /// There is no rollback, so nothing is written inside a transaction.
 void refuseTransaction(const VirtualTable& table) {
     if (sqlite3_get_autocommit(table.connection) != 0) return;
-    throw tool::Refusal(table.table->path +
-                        ": tables cannot be written inside a transaction, since they know no "
-                        "ROLLBACK: COMMIT first (in Python, connect with isolation_level=None)");
+    tool::refuse(table.table->path,
+                 ": tables cannot be written inside a transaction, since they know no "
+                 "ROLLBACK: COMMIT first (in Python, connect with isolation_level=None)");
 }
 
 int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64* rowid) {
     return guarded(&table->zErrMsg, [&] {
         VirtualTable& of = tableOf(table);
         if (!of.changes) {
-            throw tool::Refusal(of.table->path +
-                                ": is open for reading only; USING mira(PATH, writable=1), "
-                                "mira_attach(FOLDER, 1) and `mira query --write` open for writing");
+            tool::refuse(of.table->path,
+                         ": is open for reading only; USING mira(PATH, writable=1), "
+                         "mira_attach(FOLDER, 1) and `mira query --write` open for writing");
         }
         refuseTransaction(of);
         of.changes->take({values, static_cast<std::size_t>(count)}, rowid);

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <sstream>
+#include <utility>
 
 namespace mira::sql {
 namespace {
@@ -12,35 +14,20 @@ namespace {
 constexpr int kRowid = -1;
 constexpr double kFewRows = 10;
 
-bool operatorOf(int code, Operator* op) {
-    switch (code) {
-        case SQLITE_INDEX_CONSTRAINT_EQ:
-            *op = Operator::Equal;
-            return true;
-        case SQLITE_INDEX_CONSTRAINT_LT:
-            *op = Operator::Less;
-            return true;
-        case SQLITE_INDEX_CONSTRAINT_LE:
-            *op = Operator::LessEqual;
-            return true;
-        case SQLITE_INDEX_CONSTRAINT_GT:
-            *op = Operator::Greater;
-            return true;
-        case SQLITE_INDEX_CONSTRAINT_GE:
-            *op = Operator::GreaterEqual;
-            return true;
-        case SQLITE_INDEX_CONSTRAINT_ISNULL:
-            *op = Operator::IsNull;
-            return true;
-        case SQLITE_INDEX_CONSTRAINT_LIKE:
-            *op = Operator::Like;
-            return true;
-        case SQLITE_INDEX_CONSTRAINT_GLOB:
-            *op = Operator::Glob;
-            return true;
-        default:
-            return false;
+std::optional<Operator> operatorOf(int code) {
+    constexpr std::pair<int, Operator> kOperators[] = {
+        {SQLITE_INDEX_CONSTRAINT_EQ, Operator::Equal},
+        {SQLITE_INDEX_CONSTRAINT_LT, Operator::Less},
+        {SQLITE_INDEX_CONSTRAINT_LE, Operator::LessEqual},
+        {SQLITE_INDEX_CONSTRAINT_GT, Operator::Greater},
+        {SQLITE_INDEX_CONSTRAINT_GE, Operator::GreaterEqual},
+        {SQLITE_INDEX_CONSTRAINT_ISNULL, Operator::IsNull},
+        {SQLITE_INDEX_CONSTRAINT_LIKE, Operator::Like},
+        {SQLITE_INDEX_CONSTRAINT_GLOB, Operator::Glob}};
+    for (const auto& [known, op] : kOperators) {
+        if (known == code) return op;
     }
+    return std::nullopt;
 }
 
 /// LIKE and GLOB have no collation; IS NULL compares nothing.
@@ -80,8 +67,9 @@ int choosePlan(const PlanTable& table, sqlite3_index_info* info) {
     bool oneRow = false;
     for (int i = 0; i < info->nConstraint; ++i) {
         const auto& constraint = info->aConstraint[i];
-        Operator op{};
-        if (constraint.usable == 0 || !operatorOf(constraint.op, &op)) continue;
+        const std::optional<Operator> known = operatorOf(constraint.op);
+        if (constraint.usable == 0 || !known) continue;
+        const Operator op = *known;
         const int column = constraint.iColumn == kRowid ? recordColumn : constraint.iColumn;
         const tool::Column& of = (*table.columns)[static_cast<std::size_t>(column)];
         if (comparesTexts(of, op) && (!table.utf8 || !isBinary(info, i))) continue;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <compare>
 
 #include "table/text.h"
 
@@ -10,10 +11,6 @@ namespace {
 
 /// Whole numbers up to here are exact in a double.
 constexpr i64 kExact = i64{1} << 53;
-
-bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<u8>(c) < 0x80; });
-}
 
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
@@ -78,23 +75,18 @@ bool isExact(const Stored& value) {
                                              : !std::isnan(value.real);
 }
 
-/// Below zero, zero, above zero; false where it cannot be told.
-bool compare(const Stored& value, const Stored& constant, int* order) {
-    if (!sameClass(value.storage, constant.storage)) return false;
-    if (value.storage == Storage::Text) {
-        *order = value.bytes.compare(constant.bytes);
-    } else if (value.storage == Storage::Integer && constant.storage == Storage::Integer) {
-        *order = value.integer < constant.integer ? -1 : value.integer > constant.integer ? 1 : 0;
-    } else {
-        if (!isExact(value) || !isExact(constant)) return false;
-        const double left = asDouble(value);
-        const double right = asDouble(constant);
-        *order = left < right ? -1 : left > right ? 1 : 0;
+/// How the value stands to the constant; unordered where it cannot be told.
+std::partial_ordering compare(const Stored& value, const Stored& constant) {
+    if (!sameClass(value.storage, constant.storage)) return std::partial_ordering::unordered;
+    if (value.storage == Storage::Text) return value.bytes <=> constant.bytes;
+    if (value.storage == Storage::Integer && constant.storage == Storage::Integer) {
+        return value.integer <=> constant.integer;
     }
-    return true;
+    if (!isExact(value) || !isExact(constant)) return std::partial_ordering::unordered;
+    return asDouble(value) <=> asDouble(constant);
 }
 
-bool inOrder(Operator op, int order) {
+bool inOrder(Operator op, std::partial_ordering order) {
     switch (op) {
         case Operator::Less:
             return order < 0;
@@ -116,7 +108,7 @@ bool containsFolded(std::string_view text, std::string_view part) {
 
 bool mayMatch(const Shortcut& s, const Stored& value) {
     // Letters above 7F may fold to anything.
-    if (value.storage != Storage::Text || !isAscii(value.bytes)) return true;
+    if (value.storage != Storage::Text || !tool::isAscii(value.bytes)) return true;
     std::string_view text = value.bytes;
     if (s.atStart) text = text.substr(0, s.text.size());
     return s.condition.op == Operator::Like ? containsFolded(text, s.text)
@@ -136,7 +128,7 @@ Shortcut shortcutOf(Condition condition, const tool::Column& column, sqlite3_val
     if (!sameClass(s.constant.storage, tool::declaredStorage(column))) return s;
     const bool text = s.constant.storage == Storage::Text;
     if (condition.op == Operator::Like || condition.op == Operator::Glob) {
-        if (text && isAscii(bytesOf(constant))) takePattern(s, bytesOf(constant));
+        if (text && tool::isAscii(bytesOf(constant))) takePattern(s, bytesOf(constant));
         return s;
     }
     if (text) s.text = bytesOf(constant);
@@ -151,8 +143,8 @@ bool mayHold(const Shortcut& s, const Stored& value) {
     if (s.condition.op == Operator::Like || s.condition.op == Operator::Glob) {
         return mayMatch(s, value);
     }
-    int order = 0;
-    if (!compare(value, s.value(), &order)) return true;
+    const std::partial_ordering order = compare(value, s.value());
+    if (order == std::partial_ordering::unordered) return true;
     if (s.condition.op == Operator::Equal) return order == 0;
     return inOrder(s.condition.op, order) ||
            (value.storage == Storage::Text && looksNumeric(value.bytes));

@@ -1,7 +1,5 @@
 #include "change.h"
 
-#include <filesystem>
-
 #include "message.h"
 #include "status.h"
 #include "table/find.h"
@@ -13,10 +11,23 @@ namespace {
 
 constexpr u8 kIndexFlag = 1;  // header byte 28
 
-std::string joined(const std::vector<std::string>& names) {
-    std::string list;
-    for (const std::string& name : names) (list += list.empty() ? "" : ", ") += name;
-    return list;
+void changeAll(Selection& selection, const char* verb, const ChangeOptions& options,
+               const std::function<bool(u32)>& change) {
+    while (nextRow(selection)) {
+        if (options.dryRun) continue;
+        if (selection.rows == 1) beginChange(*selection.table, options);
+        if (change(selection.position - 1)) continue;
+        refuse(selection.table->path, ": record ", u64{selection.cells.record} + 1,
+               " cannot be written; ", counted(selection.rows - 1, "record"), " before it ", verb);
+    }
+}
+
+void tellChanged(const Selection& selection, const char* verb, const ChangeOptions& options) {
+    Table& table = *selection.table;
+    if (selection.rows != 0 && !options.dryRun) stampDate(table);
+    note("{}: {} of {} {}{}", table.path, selection.rows,
+         counted(table.base->Header.RecordCount, "record"), options.dryRun ? "would be " : "",
+         verb);
 }
 
 }  // namespace
@@ -38,24 +49,15 @@ std::unique_ptr<Table> openToChange(const std::string& name, const TableOptions&
     return table;
 }
 
-std::vector<std::string> indexFilesOf(const Table& table) {
-    std::vector<std::string> names;
-    for (const char* extension : {".cdx", ".idx", ".mdx", ".ndx", ".ntx", ".cdb"}) {
-        const std::string path = beside(table.path, extension);
-        if (!path.empty()) names.push_back(std::filesystem::path(path).filename().string());
-    }
-    return names;
-}
-
 void refuseBesideShapes(const Table& table, const ChangeOptions& options) {
     const std::string shapes = beside(table.path, ".shp");
     if (shapes.empty() || options.force) return;
-    throw Refusal(table.path + ": its records belong to the shapes of " + shapes +
-                  ", one to one, and would no longer fit; --force changes them all the same");
+    refuse(table.path, ": its records belong to the shapes of ", shapes,
+           ", one to one, and would no longer fit; --force changes them all the same");
 }
 
 void beginChange(const Table& table, const ChangeOptions& options) {
-    const std::vector<std::string> indexes = indexFilesOf(table);
+    const std::vector<std::string> indexes = indexFilesBeside(table.path);
     if (!indexes.empty()) {
         note("{}: index files are not kept up and need a reindex: {}", table.path, joined(indexes));
     } else if ((table.tableFlags & kIndexFlag) != 0) {
@@ -67,34 +69,30 @@ void beginChange(const Table& table, const ChangeOptions& options) {
 void addWhichOptions(CLI::App& command, WhichOptions& options) {
     addFilterOptions(command, options.select);
     command.add_flag("--all", options.all, "All records, without a filter");
-    addTableOptions(command, options.select);
+    addTableOptions(command, options.select.table);
 }
 
-void checkWhich(const WhichOptions& options, const char* what) {
-    if (options.all && !options.select.where.empty()) {
-        throw Refusal("-w FILTER or --all, not both");
+std::unique_ptr<Selection> selectToChange(const WhichOptions& options, const std::string& table,
+                                          const char* what, Deleted deleted) {
+    SelectOptions select = options.select;
+    if (options.all && !select.where.empty()) refuse("-w FILTER or --all, not both");
+    if (!options.all && select.where.empty()) {
+        refuse("-w FILTER says which records to ", what, "; --all takes all");
     }
-    if (options.all || !options.select.where.empty()) return;
-    throw Refusal(fmt::format("-w FILTER says which records to {}; --all takes all", what));
+    select.deleted = deleted;
+    return selectFrom(openToChange(table, select.table), select);
 }
 
-void changeAndTell(Selection& selection, const char* verb, const ChangeOptions& options,
-                   const std::function<void()>& change) {
-    Table& table = *selection.table;
-    const auto tell = [&] {
-        if (selection.rows != 0 && !options.dryRun) stampDate(table);
-        note("{}: {} of {} {}{}", table.path, selection.rows,
-             counted(table.base->Header.RecordCount, "record"), options.dryRun ? "would be " : "",
-             verb);
-    };
+void changeRecords(Selection& selection, const char* verb, const ChangeOptions& options,
+                   const std::function<bool(u32 position)>& change) {
     try {
-        change();
+        changeAll(selection, verb, options, change);
     } catch (const Stopped&) {
-        tell();
+        tellChanged(selection, verb, options);
         throw;
     }
     tellFaults(selection);
-    tell();
+    tellChanged(selection, verb, options);
 }
 
 }  // namespace mira::tool

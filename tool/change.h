@@ -26,8 +26,6 @@ void addForceOption(CLI::App& command, ChangeOptions& options);
 /// Opens a table for writing; throws a Refusal when it or its memo file cannot be written.
 std::unique_ptr<Table> openToChange(const std::string& name, const TableOptions& options);
 
-/// Index files that belong to a table, as far as their names or its header tell.
-std::vector<std::string> indexFilesOf(const Table& table);
 /// Throws a Refusal beside a ".shp" file, whose shapes go by record number.
 void refuseBesideShapes(const Table& table, const ChangeOptions& options);
 /// Just before the first write: backups, and a warning of index files. Not to be called for
@@ -40,12 +38,15 @@ struct WhichOptions {
     bool all = false;
 };
 void addWhichOptions(CLI::App& command, WhichOptions& options);
-/// Throws a Refusal when neither a filter nor --all is given.
-void checkWhich(const WhichOptions& options, const char* what);
+/// The records to change. Throws a Refusal when neither a filter nor --all is given; what says what
+/// happens to the records.
+std::unique_ptr<Selection> selectToChange(const WhichOptions& options, const std::string& table,
+                                          const char* what, Deleted deleted);
 
-/// Runs the change of a selection's records and tells what came of it, "3 of 120 records changed",
-/// also when it was stopped half-way.
-void changeAndTell(Selection& selection, const char* verb, const ChangeOptions& options,
-                   const std::function<void()>& change);
+/// Changes the records of a selection one by one and tells what came of it, "3 of 120 records
+/// changed", also when it was stopped half-way. change is given the view position of the record in
+/// RecordBuffer, and returns false when that cannot be written.
+void changeRecords(Selection& selection, const char* verb, const ChangeOptions& options,
+                   const std::function<bool(u32 position)>& change);
 
 }  // namespace mira::tool

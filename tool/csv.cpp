@@ -33,7 +33,6 @@ public:
         }
         endRow();
     }
-    void beginRow() override {}
     void endRow() override { out_.put(options_.crlf || options_.excel ? "\r\n" : "\n"); }
     void end() override {}
 

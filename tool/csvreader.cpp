@@ -2,15 +2,12 @@
 // several.
 #include "csvreader.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "output.h"
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -20,27 +17,19 @@ constexpr std::string_view kMark = "\xEF\xBB\xBF";
 
 int noSpace(unsigned char) { return 0; }
 
-[[noreturn]] void refuse(const std::string& name) {
-    throw Refusal(name + ": " + std::strerror(errno));
-}
+[[noreturn]] void fail(const std::string& name) { refuse(name, ": ", std::strerror(errno)); }
 
 /// What comes through a pipe is kept in a file without a name, as it is read more than once.
 File seekable(File from, const std::string& name) {
     if (std::fseek(from.get(), 0, SEEK_SET) == 0) return from;
     File kept(std::tmpfile());
-    if (!kept) refuse(name);
+    if (!kept) fail(name);
     std::vector<char> buffer(kChunk);
     while (const std::size_t got = std::fread(buffer.data(), 1, buffer.size(), from.get())) {
-        if (std::fwrite(buffer.data(), 1, got, kept.get()) != got) refuse(name);
+        if (std::fwrite(buffer.data(), 1, got, kept.get()) != got) fail(name);
     }
-    if (std::ferror(from.get()) != 0 || std::fseek(kept.get(), 0, SEEK_SET) != 0) refuse(name);
+    if (std::ferror(from.get()) != 0 || std::fseek(kept.get(), 0, SEEK_SET) != 0) fail(name);
     return kept;
-}
-
-File openInput(const std::string& name) {
-    File file(name == "-" ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(name.c_str(), "rb"));
-    if (!file) refuse(name);
-    return seekable(std::move(file), name == "-" ? "standard input" : name);
 }
 
 /// The first CR or LF from a place on.
@@ -51,26 +40,17 @@ std::size_t lineEnd(std::string_view text, std::size_t from) {
     return back == std::string_view::npos ? feed : from + back;
 }
 
-char unescaped(char c) {
-    switch (c) {
-        case 't':
-            return '\t';
-        case 'n':
-            return '\n';
-        case 'r':
-            return '\r';
-        default:
-            return c;
-    }
-}
+char unescaped(char c) { return c == 't' ? '\t' : c == 'n' ? '\n' : c == 'r' ? '\r' : c; }
 
 }  // namespace
 
 CsvReader::CsvReader(const std::string& name, const CsvOptions& options)
-    : name_(name == "-" ? "standard input" : name), options_(options), file_(openInput(name)) {
+    : name_(name == "-" ? "standard input" : name),
+      options_(options),
+      file_(seekable(openInput(name), name_)) {
     if (!options.codePage.empty()) {
         page_ = openPage(options.codePage);
-        if (!page_) throw Refusal("--csv-code-page " + options.codePage + ": no such code page");
+        if (!page_) refuse("--csv-code-page ", options.codePage, ": no such code page");
     }
     if (csv_init(&parser_, CSV_EMPTY_IS_NULL) != 0) throw std::bad_alloc();
     csv_set_delim(&parser_, static_cast<unsigned char>(options.delimiter));
@@ -82,7 +62,7 @@ CsvReader::CsvReader(const std::string& name, const CsvOptions& options)
 CsvReader::~CsvReader() { csv_free(&parser_); }
 
 void CsvReader::rewind() {
-    if (std::fseek(file_.get(), 0, SEEK_SET) != 0) refuse(name_);
+    if (std::fseek(file_.get(), 0, SEEK_SET) != 0) fail(name_);
     csv_fini(&parser_, nullptr, nullptr, nullptr);  // what was begun is given up
     begin_ = end_ = 0;
     line_ = 0;
@@ -97,7 +77,7 @@ void CsvReader::rewind() {
 u64 CsvReader::countLines() {
     std::vector<char> buffer(kChunk);
     u64 lines = 0;
-    if (std::fseek(file_.get(), 0, SEEK_SET) != 0) refuse(name_);
+    if (std::fseek(file_.get(), 0, SEEK_SET) != 0) fail(name_);
     while (const std::size_t got = std::fread(buffer.data(), 1, buffer.size(), file_.get())) {
         lines += static_cast<u64>(std::count(buffer.data(), buffer.data() + got, '\n'));
     }
@@ -105,18 +85,16 @@ u64 CsvReader::countLines() {
     return lines;
 }
 
-/// Reads more behind what is not parsed yet; false at the end of the file.
+/// Reads more after what is not parsed yet; false at the end of the file.
 bool CsvReader::fill() {
     if (fileEnded_) return false;
-    if (begin_ != 0)
-        std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
-                  buffer_.begin() + static_cast<std::ptrdiff_t>(end_), buffer_.begin());
+    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
     end_ -= begin_;
     begin_ = 0;
     if (buffer_.size() < end_ + kChunk) buffer_.resize(std::max(2 * end_, end_ + kChunk));
     const std::size_t got =
         std::fread(buffer_.data() + end_, 1, buffer_.size() - end_, file_.get());
-    if (std::ferror(file_.get()) != 0) refuse(name_);
+    if (std::ferror(file_.get()) != 0) fail(name_);
     end_ += got;
     fileEnded_ = got == 0;
     return got != 0;
@@ -149,36 +127,39 @@ void CsvReader::parseTsv(std::string_view line) {
     rowDone_ = true;
 }
 
-/// Parses the next line; false when there is none.
-bool CsvReader::takeLine() {
+/// The next line with its end; empty when there is none.
+std::string_view CsvReader::takeLine() {
     std::size_t searched = 0;
-    const char* end = nullptr;
-    while (end == nullptr) {
-        const char* const from = buffer_.data() + begin_;
-        const std::size_t left = end_ - begin_;
-        // A CR at the very end may be half of a line end.
-        const std::string_view text(from, left);
+    std::size_t length = 0;
+    while (length == 0) {
+        const std::string_view text(buffer_.data() + begin_, end_ - begin_);
         const std::size_t at = lineEnd(text, searched);
-        const bool cut = at != std::string_view::npos && text[at] == '\r' && at + 1 == left;
-        if (at != std::string_view::npos && !(cut && !fileEnded_)) {
-            const bool pair = text[at] == '\r' && at + 1 < left && text[at + 1] == '\n';
-            end = from + at + (pair ? 2 : 1);
+        const bool found = at != std::string_view::npos;
+        // A CR at the very end may be half of a line end.
+        const bool cut = found && text[at] == '\r' && at + 1 == text.size();
+        if (found && (!cut || fileEnded_)) {
+            length = at + (text.substr(at).starts_with("\r\n") ? 2 : 1);
         } else if (fileEnded_) {
-            if (left == 0) return false;
-            end = from + left;
+            length = text.size();
+            if (length == 0) return {};
         } else {
-            searched = cut ? at : left;
+            searched = cut ? at : text.size();
             fill();
         }
     }
-    const char* const start = buffer_.data() + begin_;
-    const auto length = static_cast<std::size_t>(end - start);
     begin_ += length;
     ++line_;
+    return {buffer_.data() + begin_ - length, length};
+}
+
+/// Parses the next line; false when there is none.
+bool CsvReader::parseLine() {
+    const std::string_view line = takeLine();
+    if (line.empty()) return false;
     if (!rowOpen_) rowLine_ = line_;
-    const bool empty = start[0] == '\n' || start[0] == '\r';
+    const bool empty = line[0] == '\n' || line[0] == '\r';
     if (options_.tsv) {
-        if (!empty || columns_ == 1) parseTsv({start, length});
+        if (!empty || columns_ == 1) parseTsv(line);
         return true;
     }
     // A row of one empty cell is an empty line, which the parser passes over.
@@ -187,9 +168,8 @@ bool CsvReader::takeLine() {
         rowDone_ = true;
         return true;
     }
-    if (csv_parse(&parser_, start, length, takeCell, takeRow, this) != length) {
-        throw Refusal(name_ + ": line " + std::to_string(line_) + ": " +
-                      csv_strerror(csv_error(&parser_)));
+    if (csv_parse(&parser_, line.data(), line.size(), takeCell, takeRow, this) != line.size()) {
+        refuse(name_, ": line ", line_, ": ", csv_strerror(csv_error(&parser_)));
     }
     rowOpen_ = !rowDone_ && !(empty && spans_.empty() && !rowOpen_);
     return true;
@@ -213,9 +193,8 @@ void CsvReader::give(CsvRow& row) {
             valid = isUtf8(text);
         }
         if (!valid) {
-            throw Refusal(name_ + ": line " + std::to_string(rowLine_) + " is not in " +
-                          (page_ ? pageName(*page_) : "UTF-8") +
-                          "; --csv-code-page names the code page of the file");
+            refuse(name_, ": line ", rowLine_, " is not in ", page_ ? pageName(*page_) : "UTF-8",
+                   "; --csv-code-page names the code page of the file");
         }
         row.cells.push_back({text, span.quoted && text.empty()});
     }
@@ -228,13 +207,12 @@ bool CsvReader::next(CsvRow& row) {
     spans_.clear();
     rowDone_ = rowOpen_ = false;
     while (!rowDone_) {
-        if (takeLine()) continue;
+        if (parseLine()) continue;
         if (finished_) return false;
         finished_ = true;
         csv_set_opts(&parser_, CSV_EMPTY_IS_NULL | CSV_STRICT | CSV_STRICT_FINI);
         if (!options_.tsv && csv_fini(&parser_, takeCell, takeRow, this) != 0) {
-            throw Refusal(name_ + ": line " + std::to_string(rowLine_) +
-                          ": a quoted text does not end");
+            refuse(name_, ": line ", rowLine_, ": a quoted text does not end");
         }
         if (!rowDone_) return false;
     }

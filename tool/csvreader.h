@@ -54,7 +54,8 @@ private:
     };
     static void takeCell(void* text, std::size_t length, void* reader);
     static void takeRow(int end, void* reader);
-    bool takeLine();
+    std::string_view takeLine();
+    bool parseLine();
     bool fill();
     void parseTsv(std::string_view line);
     void give(CsvRow& row);

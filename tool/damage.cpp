@@ -6,10 +6,7 @@
 #include <filesystem>
 
 #include "memodamage.h"
-#include "progress.h"
-#include "status.h"
-#include "table/refusal.h"
-#include "table/value.h"
+#include "records.h"
 
 namespace mira::tool {
 namespace {
@@ -17,7 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kEndByte = 0x1A;
-constexpr u32 kProgressStep = 4096;  // records
+constexpr std::string_view kPadding(" \0", 2);
 
 bool isUpper(const std::string& text) {
     return std::none_of(text.begin(), text.end(), [](char c) { return c >= 'a' && c <= 'z'; });
@@ -63,19 +60,19 @@ bool hasEndByte(const Table& table, u32 records) {
            byte == kEndByte;
 }
 
-/// Behind the records that the header counts, or all that the file holds.
+/// After the records that the header counts, or all that the file holds.
 void checkEndByte(const Table& table, const Report& report) {
     const u32 held = table.base->Header.RecordCount;
     if (table.storedCount > held) return;  // cut, which is said
     if (hasEndByte(table, table.storedCount) || hasEndByte(table, held)) return;
-    report({.isNote = true, .what = "there is no end byte (1A) behind the records"});
+    report({.isNote = true, .what = "there is no end byte (1A) after the records"});
 }
 
 /// Other systems look for the table's own name with an extension in small letters, or in capitals
 /// where the table's is.
 void checkMemoName(const Table& table, const Report& report) {
-    if (table.base->FirstMemoField == -1 || table.base->MemoFileName == nullptr) return;
-    const fs::path memos = table.base->MemoFileName;
+    const fs::path memos = memoFileOf(table);
+    if (memos.empty()) return;
     const std::string extension = memos.extension().string();
     const bool upper = isUpper(fs::path(table.path).extension().string());
     const bool lower = std::none_of(extension.begin(), extension.end(),
@@ -115,10 +112,6 @@ bool canFail(const Table& table, const Column& column) {
     }
 }
 
-std::string_view nothingBehind(std::string_view text) {
-    return text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
-}
-
 std::string faultText(const Table& table, const Column& column, Fault fault) {
     const char* const what = fault == Fault::NoNumber    ? "no number"
                              : fault == Fault::NoDate    ? "no date"
@@ -131,7 +124,8 @@ std::string faultText(const Table& table, const Column& column, Fault fault) {
     }
     const bool binary = column.kind == Kind::Double || stored.size() == 8;
     if (!(binary && column.type != 'D' && column.kind != Kind::Decimal)) {
-        return fmt::format("{}: \"{}\"", what, nothingBehind(stored));
+        return fmt::format("{}: \"{}\"", what,
+                           stored.substr(0, stored.find_last_not_of(kPadding) + 1));
     }
     std::string bytes;
     for (const char byte : stored) bytes += fmt::format(" {:02X}", static_cast<u8>(byte));
@@ -162,7 +156,7 @@ void checkCells(RecordCheck& check, const Report& report) {
     }
 }
 
-/// The current record; false when it is none any more: left over behind those that the header
+/// The current record; false when it is none any more: left over after those that the header
 /// counts.
 bool checkRecord(RecordCheck& check, const Report& report) {
     const Table& table = *check.cells.table;
@@ -175,21 +169,6 @@ bool checkRecord(RecordCheck& check, const Report& report) {
     checkCells(check, report);
     addReferences(check.memos, check.cells, report);
     return true;
-}
-
-void checkRecords(RecordCheck& check, const Report& report) {
-    Table& table = *check.cells.table;
-    DbfBase* const base = table.base.get();
-    Progress progress(table.path, base->Header.RecordCount);
-    for (u32 record = 0; record < base->Header.RecordCount; ++record) {
-        leaveIfStopped();
-        if (ReadRecord(base, record) == 0) {
-            throw Refusal(fmt::format("{}: record {} cannot be read", table.path, record + u64{1}));
-        }
-        check.cells.record = record;
-        if (!checkRecord(check, report)) break;
-        if (record % kProgressStep == kProgressStep - 1) progress.add(kProgressStep);
-    }
 }
 
 void reportLetters(const Faults& faults, const Report& report) {
@@ -215,7 +194,10 @@ void checkTable(Table& table, const Report& report) {
     for (const Column& column : table.columns) {
         if (canFail(table, column)) check.columns.push_back(&column);
     }
-    checkRecords(check, report);
+    eachRecord(table, [&](u32 record) {
+        check.cells.record = record;
+        return checkRecord(check, report);
+    });
     checkMemos(check.memos, check.cells, check.faults, report);
     reportLetters(check.faults, report);
 }

@@ -2,15 +2,13 @@
 
 #include "status.h"
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
-namespace {
-
-/// Lets Ctrl-C through to long statements.
-int afterSteps(void* /*nothing*/) { return stopped() ? 1 : 0; }
-
-}  // namespace
+void watchStops(sqlite3* connection) {
+    constexpr int kSteps = 10000;
+    sqlite3_progress_handler(
+        connection, kSteps, [](void*) { return stopped() ? 1 : 0; }, nullptr);
+}
 
 std::string createTable(std::string_view name, const std::vector<Column>& columns) {
     std::string sql = "CREATE TABLE " + quotedName(name) + " (";
@@ -47,7 +45,7 @@ int bindValue(sqlite3_stmt* statement, int place, const Column& column, const Va
 Database::Database(const Target& target, bool force, Present present)
     : target_(target), force_(force), present_(present) {
     if (target.path.empty() || !target.regular) {
-        throw Refusal(target.name + ": a database cannot be written into a pipe or device");
+        refuse(target.name, ": a database cannot be written into a pipe or device");
     }
     const bool isNew = !target.exists || force;
     if (isNew) file_ = std::make_unique<TemporaryFile>(target);
@@ -57,11 +55,12 @@ Database::Database(const Target& target, bool force, Present present)
         sqlite3_open_v2(path.c_str(), &database,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     database_.reset(database);
-    if (result != SQLITE_OK) refuse();
-    sqlite3_progress_handler(database, 100000, afterSteps, nullptr);
+    if (result != SQLITE_OK) fail();
+    watchStops(database);
     // Nobody knows the new file yet, so nothing needs to be taken back in it.
-    if (isNew)
+    if (isNew) {
         run("PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; PRAGMA locking_mode=EXCLUSIVE");
+    }
     run("BEGIN IMMEDIATE");
 }
 
@@ -73,10 +72,10 @@ Database::~Database() {
     }
 }
 
-void Database::refuse() {
+void Database::fail() {
     leaveIfStopped();
-    throw Refusal(target_.name + ": " +
-                  (database_ ? sqlite3_errmsg(database_.get()) : "no memory to open it"));
+    refuse(target_.name, ": ",
+           database_ ? sqlite3_errmsg(database_.get()) : "no memory to open it");
 }
 
 void Database::run(const std::string& sql) {
@@ -89,33 +88,27 @@ bool Database::hasTable(const std::string& name) {
 }
 
 std::string Database::freeName(const std::string& wanted) {
-    std::string name = wanted;
-    for (int n = 2; !names_.insert(foldCase(name)).second; ++n) {
-        name = wanted + "_" + std::to_string(n);
-    }
-    return name;
+    return tool::freeName(
+        wanted, [&](const std::string& name) { return names_.insert(foldCase(name)).second; });
 }
 
 void Database::addTable(const std::string& name, const std::vector<Column>& columns) {
     insert_.reset();
     bool present = hasTable(name);
     if (present && present_ == Present::Refuse) {
-        throw Refusal(target_.name + ": has a table " + name +
-                      "; --replace replaces it, --append adds to it");
+        refuse(target_.name, ": has a table ", name,
+               "; --replace replaces it, --append adds to it");
     }
     if (present && present_ == Present::Replace) {
         run("DROP TABLE " + quotedName(name));
         present = false;
     }
     if (!present) run(createTable(name, columns));
-    std::string names;
-    std::string places;
-    for (const Column& column : columns) {
-        names += (names.empty() ? "" : ",") + quotedName(column.name);
-        places += places.empty() ? "?" : ",?";
-    }
-    const std::string sql =
-        "INSERT INTO " + quotedName(name) + " (" + names + ") VALUES (" + places + ")";
+    std::vector<std::string> names;
+    for (const Column& column : columns) names.push_back(quotedName(column.name));
+    const std::vector<std::string> places(columns.size(), "?");
+    const std::string sql = textOf("INSERT INTO ", quotedName(name), " (", joined(names),
+                                   ") VALUES (", joined(places), ')');
     sqlite3_stmt* statement = nullptr;
     check(sqlite3_prepare_v3(database_.get(), sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT,
                              &statement, nullptr));
@@ -123,14 +116,14 @@ void Database::addTable(const std::string& name, const std::vector<Column>& colu
 }
 
 void Database::endRow() {
-    if (sqlite3_step(insert_.get()) != SQLITE_DONE) refuse();
+    if (sqlite3_step(insert_.get()) != SQLITE_DONE) fail();
     check(sqlite3_reset(insert_.get()));
 }
 
 void Database::finish() {
     insert_.reset();
     run("COMMIT");
-    if (sqlite3_close(database_.get()) != SQLITE_OK) refuse();
+    if (sqlite3_close(database_.get()) != SQLITE_OK) fail();
     static_cast<void>(database_.release());
     if (file_) file_->keep(force_);
 }

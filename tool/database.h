@@ -14,6 +14,16 @@
 
 namespace mira::tool {
 
+struct SqliteCloser {
+    void operator()(sqlite3* database) const { sqlite3_close(database); }
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Connection = std::unique_ptr<sqlite3, SqliteCloser>;
+using Statement = std::unique_ptr<sqlite3_stmt, SqliteCloser>;
+
+/// Lets Ctrl-C end long statements of a connection.
+void watchStops(sqlite3* connection);
+
 enum class Present : u8 { Refuse, Replace, Append };  // what to do with a table that is there
 
 /// CREATE TABLE without a semicolon.
@@ -41,16 +51,10 @@ public:
     void finish();
 
 private:
-    struct Finalize {
-        void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-    };
-    struct Close {
-        void operator()(sqlite3* database) const { sqlite3_close(database); }
-    };
     void check(int result) {
-        if (result != SQLITE_OK) refuse();
+        if (result != SQLITE_OK) fail();
     }
-    [[noreturn]] void refuse();
+    [[noreturn]] void fail();
     void run(const std::string& sql);
     bool hasTable(const std::string& name);
 
@@ -58,8 +62,8 @@ private:
     bool force_;
     Present present_;
     std::unique_ptr<TemporaryFile> file_;
-    std::unique_ptr<sqlite3, Close> database_;
-    std::unique_ptr<sqlite3_stmt, Finalize> insert_;
+    Connection database_;
+    Statement insert_;
     std::set<std::string> names_;
 };
 

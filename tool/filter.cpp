@@ -12,7 +12,6 @@
 #include "progress.h"
 #include "status.h"
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -21,11 +20,16 @@ constexpr std::string_view kOperators = "><=~^+-/*()";
 constexpr std::string_view kComparing = "><=~^";
 constexpr std::size_t kConditionLength = 511;
 
-[[noreturn]] void refuse(const Table& table, std::string_view why) {
-    throw Refusal(table.path + ": the filter cannot be run: " + std::string(why));
+template <typename... Part>
+[[noreturn]] void refuseFilter(const Table& table, const Part&... why) {
+    refuse(table.path, ": the filter cannot be run: ", why...);
 }
 
-std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
+/// One of its conditions cannot be run.
+[[noreturn]] void refuseCondition(const Table& table, std::string_view condition,
+                                  std::string_view why) {
+    refuseFilter(table, '"', trimmed(condition), '"', why);
+}
 
 /// Walks over a text and knows what is in quotes.
 struct QuoteScanner {
@@ -49,17 +53,17 @@ void checkQuotesAndParentheses(const Table& table, std::string_view filter) {
     for (const char c : filter) {
         const bool outside = scanner.outside(c);
         if (!outside && (c == '&' || c == '|')) {
-            refuse(table,
-                   "\"&\" and \"|\" connect conditions inside quotes, too; try `mira query`");
+            refuseFilter(table,
+                         "\"&\" and \"|\" connect conditions inside quotes, too; try `mira query`");
         }
         if (c == '(') ++depth;
         if (c == ')') --depth;
         if (!outside && (c == '(' || c == ')')) quotedParenthesis = true;
         if (depth < 0) break;
     }
-    if (scanner.quote != 0) refuse(table, "a quote is not closed");
+    if (scanner.quote != 0) refuseFilter(table, "a quote is not closed");
     if (depth != 0) {
-        refuse(
+        refuseFilter(
             table,
             quotedParenthesis
                 ? "its parentheses do not match, and those in quotes count, too; try `mira query`"
@@ -106,7 +110,7 @@ std::size_t placeOf(std::string_view condition, std::string_view operators) {
     return std::string_view::npos;
 }
 
-/// Where the operator is; behind a field name that holds such a character itself ("FIRST-NAME").
+/// Where the operator is; after a field name that holds such a character itself ("FIRST-NAME").
 std::size_t operatorPlace(const Table& table, std::string_view condition) {
     const std::size_t comparing = placeOf(condition, kComparing);
     if (comparing != std::string_view::npos &&
@@ -120,21 +124,21 @@ std::size_t operatorPlace(const Table& table, std::string_view condition) {
 const Column& leftColumn(const Table& table, std::string_view condition, std::size_t place) {
     const std::string_view left = trimmed(condition.substr(0, place));
     if (kComparing.find(condition[place]) == std::string_view::npos) {
-        refuse(
-            table,
-            quoted(trimmed(condition)) +
-                ": left of the operator stands one bare field name, no computation, sign, call or "
-                "parenthesis");
+        refuseCondition(table, condition,
+                        ": left of the operator stands one bare field name, no computation, sign, "
+                        "call or parenthesis");
     }
-    if (left.empty())
-        refuse(table, quoted(trimmed(condition)) + ": nothing stands left of the operator");
+    if (left.empty()) {
+        refuseCondition(table, condition, ": nothing stands left of the operator");
+    }
     if (left.find_first_of("\"'") != std::string_view::npos) {
-        refuse(table, quoted(trimmed(condition)) +
-                          ": left of the operator stands a bare field name, no text");
+        refuseCondition(table, condition,
+                        ": left of the operator stands a bare field name, no text");
     }
     const Column& column = columnNamed(table, left);
     if (column.kind == Kind::Calculated) {
-        refuse(table, column.name + " is a calculated field; filters know those of the table only");
+        refuseFilter(table, column.name,
+                     " is a calculated field; filters know those of the table only");
     }
     return column;
 }
@@ -175,7 +179,7 @@ bool isTextColumn(const Column& column) {
     return column.type == 'C' || column.type == 'V' || column.type == 'Q';
 }
 
-/// A blank left of the operator, or behind one that does not search inside texts, is hardly meant.
+/// A blank left of the operator, or after one that does not search inside texts, is hardly meant.
 void noteBlanks(const Column& column, std::string_view condition, std::size_t place,
                 std::string_view right) {
     constexpr std::string_view kSearching = "~^";
@@ -190,7 +194,7 @@ void noteBlanks(const Column& column, std::string_view condition, std::size_t pl
 std::string plainMoment(const Column& column, std::string right) {
     constexpr std::string_view kShown = "dddd-dd-dd";
     const auto fits = [](char c, char pattern) {
-        return pattern == 'd' ? c >= '0' && c <= '9' : c == pattern;
+        return pattern == 'd' ? isDigit(c) : c == pattern;
     };
     if (column.type != 'D' && column.type != 'T' && column.type != '@') return right;
     if (right.size() < kShown.size() ||
@@ -203,17 +207,18 @@ std::string plainMoment(const Column& column, std::string right) {
 }
 
 std::string checkedCondition(const Table& table, std::string_view condition) {
-    if (trimmed(condition).empty()) refuse(table, "there is no condition beside \"&\" or \"|\"");
+    if (trimmed(condition).empty())
+        refuseFilter(table, "there is no condition beside \"&\" or \"|\"");
     const std::size_t place = operatorPlace(table, condition);
     if (place == std::string_view::npos) {
-        refuse(table, quoted(trimmed(condition)) + " has no operator, such as = <> < > ~");
+        refuseCondition(table, condition, " has no operator, such as = <> < > ~");
     }
     const Column& column = leftColumn(table, condition, place);
     const bool exact = condition.substr(place, 2) == "==";
     const bool twoSigns = exact || (place + 1 < condition.size() &&
                                     placeOf(condition.substr(place + 1, 1), "<>=") == 0);
-    const std::size_t behind = place + (twoSigns ? 2 : 1);
-    const std::string right = plainMoment(column, std::string(condition.substr(behind)));
+    const std::size_t after = place + (twoSigns ? 2 : 1);
+    const std::string right = plainMoment(column, std::string(condition.substr(after)));
     noteBlanks(column, condition, place, right);
     if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
         note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
@@ -226,14 +231,13 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
         translated.append(column.length - literal, ' ');
     }
     if (isTextColumn(column) && column.length + translated.size() + 2 > kConditionLength) {
-        refuse(table, "field " + column.name + " is too wide for a filter; try `mira query`");
+        refuseFilter(table, "field ", column.name, " is too wide for a filter; try `mira query`");
     }
     const std::string_view left = condition.substr(0, place);
     const std::size_t blanks = std::min(left.find_first_not_of(' '), left.size());
-    const std::string_view trailing = left.substr(left.find_last_not_of(' ') + 1);
-    return std::string(left.substr(0, blanks)) + std::string(libraryName(table, column)) +
-           std::string(trailing) + std::string(condition.substr(place, behind - place)) +
-           translated;
+    return textOf(left.substr(0, blanks), libraryName(table, column),
+                  left.substr(left.find_last_not_of(' ') + 1),
+                  condition.substr(place, after - place), translated);
 }
 
 thread_local const Table* foldedTable = nullptr;
@@ -245,9 +249,7 @@ int foldText(char* text, DbfBase* /*base*/, int /*mode*/) {
 }
 
 int afterRecord() {
-    constexpr u32 kStep = 4096;
-    thread_local u32 seen = 0;
-    if (++seen % kStep == 0 && filterProgress != nullptr) filterProgress->add(kStep);
+    filterProgress->add(1);
     return stopped() ? 1 : 0;
 }
 
@@ -282,7 +284,7 @@ void applyFilter(Table& table, std::string_view filter, bool ignoreCase) {
     filterProgress = nullptr;
     base->CaseInsensitive = 0;
     leaveIfStopped();
-    if (!done) refuse(table, "it is too long; try `mira query`");
+    if (!done) refuseFilter(table, "it is too long; try `mira query`");
 }
 
 }  // namespace mira::tool

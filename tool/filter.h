@@ -9,7 +9,7 @@
 
 namespace mira::tool {
 
-/// A filter in UTF-8 as the library takes it, literals behind "==" padded to their C field. Throws
+/// A filter in UTF-8 as the library takes it, literals after "==" padded to their C field. Throws
 /// a Refusal.
 std::string checkedFilter(const Table& table, std::string_view filter);
 

@@ -50,23 +50,22 @@ public:
 
     void begin(const std::vector<Heading>& headings) override {
         for (const Heading& heading : headings) {
-            std::string key = keys_.empty() ? "{" : ",";
+            std::string key = keys_.empty() ? "" : ",";
             putJsonString(key, heading.name, out_.isTerminal());
             keys_.push_back(key + ":");
         }
         if (!lines_) out_.put('[');
     }
-    void beginRow() override {
-        if (!lines_) out_.put(first_ ? "\n" : ",\n");
-        first_ = false;
-        if (keys_.empty()) out_.put('{');
+    void endRow() override {
+        if (keys_.empty()) beginRow();
+        out_.put(lines_ ? "}\n" : "}");
     }
-    void endRow() override { out_.put(lines_ ? "}\n" : "}"); }
     void end() override {
         if (!lines_) out_.put(first_ ? "]\n" : "\n]\n");
     }
 
     void cell(std::size_t column, const Value& value) override {
+        if (column == 0) beginRow();
         out_.put(keys_[column]);
         switch (value.kind) {
             case ValueKind::Null:
@@ -98,6 +97,12 @@ public:
     }
 
 private:
+    void beginRow() {
+        if (!lines_) out_.put(first_ ? "\n" : ",\n");
+        first_ = false;
+        out_.put('{');
+    }
+
     void putSimple(std::string_view text) {
         out_.put('"');
         out_.put(text);

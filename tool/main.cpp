@@ -64,19 +64,10 @@ int runProgram(int argc, char** argv) {
     program.set_version_flag("--version", "mira " MIRA_VERSION);
     program.require_subcommand(1);
     program.footer(kFooter);
-    addInfo(program, job);
-    addTables(program, job);
-    addShow(program, job);
-    addExport(program, job);
-    addQuery(program, job);
-    addMemo(program, job);
-    addImport(program, job);
-    addSet(program, job);
-    addDelete(program, job);
-    addRecall(program, job);
-    addPack(program, job);
-    addZap(program, job);
-    addCheck(program, job);
+    for (const auto add : {addInfo, addTables, addShow, addExport, addQuery, addMemo, addImport,
+                           addSet, addDelete, addRecall, addPack, addZap, addCheck}) {
+        add(program, job);
+    }
     addCommonOptions(program, common);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {
@@ -86,7 +77,7 @@ int runProgram(int argc, char** argv) {
         return refuseLine(program, e, argc > 1 ? argv[1] : "");
     }
     apply(common);
-    return job.run();
+    return job();
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Memos are visited in the order of their blocks. Each lays claim to its blocks; what comes next
-// must begin behind them, and what nobody claims is unused.
+// must begin after them, and what nobody claims is unused.
 #include "memodamage.h"
 
 #include <fmt/format.h>
@@ -8,7 +8,6 @@
 
 #include "progress.h"
 #include "status.h"
-#include "table/refusal.h"
 
 namespace mira::tool {
 namespace {
@@ -22,14 +21,8 @@ constexpr char kMemoEnd = 0x1A;
 /// Bytes of the memo file that are header for certain. Other makers of dBase IV and SMT memos may
 /// begin before byte 512.
 u32 headerBytes(const Table& table) {
-    switch (memoFormat(table)) {
-        case MemoFormat::DBase4:
-            return 24;
-        case MemoFormat::Smt:
-            return 16;
-        default:
-            return kHeader;
-    }
+    if (table.memoFormat == MemoFormat::DBase4) return 24;
+    return table.memoFormat == MemoFormat::Smt ? 16 : kHeader;
 }
 
 /// Where memos begin.
@@ -54,7 +47,7 @@ struct Walk {
     CellReader& cells;
     Faults& faults;
     const Report& report;
-    u64 claimed = 0;  // place behind the last claimed byte
+    u64 claimed = 0;  // place after the last claimed byte
     u64 holder = 0;   // whose memo that is, as in places
     u64 unused = 0;   // bytes
 
@@ -87,10 +80,7 @@ void skipTo(Walk& walk, u64 offset) {
 
 void readRecordOf(Walk& walk, u64 place) {
     walk.cells.record = walk.recordOf(place);
-    if (ReadRecord(walk.table().base.get(), walk.cells.record) != 0) return;
-    leaveIfStopped();
-    throw Refusal(
-        fmt::format("{}: record {} cannot be read", walk.table().path, u64{walk.cells.record} + 1));
+    readRecord(walk.table(), walk.cells.record);
 }
 
 /// No text: a control character in it, or the beginning of a PNG file, which holds an end mark to
@@ -102,9 +92,9 @@ bool isBinary(std::string_view bytes) {
            });
 }
 
-/// Whether a dBase III memo goes on behind its first end byte: one that stands alone in its block,
+/// Whether a dBase III memo goes on after its first end byte: one that stands alone in its block,
 /// with data up to the next block, which is nobody else's. Writers leave in a block whatever was in
-/// memory, so behind a text only text counts.
+/// memory, so after a text only text counts.
 bool goesOn(const Walk& walk, u64 offset, u64 end, u64 limit) {
     const u64 blockEnd = roundedUp(end, walk.memos().unit);
     if (limit <= blockEnd || end == blockEnd) return false;
@@ -142,20 +132,21 @@ void claim(Walk& walk, u64 place, u64 end) {
 void checkOwnMemo(Walk& walk, u64 place, u64 limit) {
     const u64 offset = walk.offsetOf(place);
     const MemoReference reference = memoReference(walk.table(), walk.columnOf(place));
-    u64 end = 0;
-    if (!memoEnd(walk.memos(), walk.table(), reference, &end)) {
+    const std::optional<u64> said = memoEnd(walk.memos(), walk.table(), reference);
+    if (!said) {
         claim(walk, place, offset + 1);
         return walk.find(place,
                          fmt::format("refers to block {}, which holds no memo of this format",
                                      place >> kRecordBits));
     }
+    u64 end = *said;
     if (end > walk.memos().size) {
         claim(walk, place, limit);
         return walk.find(place, fmt::format("the memo is cut: {} bytes of it are past the end of "
                                             "the memo file",
                                             end - walk.memos().size));
     }
-    if (memoFormat(walk.table()) == MemoFormat::DBase3 && goesOn(walk, offset, end, limit)) {
+    if (walk.table().memoFormat == MemoFormat::DBase3 && goesOn(walk, offset, end, limit)) {
         walk.find(place, "the memo goes on after its end mark");
         end = limit;
     }
@@ -213,7 +204,7 @@ std::string memoFileFault(const MemoReferences& references, CellReader& cells) {
 
 MemoReferences memoReferencesOf(const Table& table) {
     MemoReferences references;
-    if (memoFormat(table) == MemoFormat::None) return references;
+    if (table.memoFormat == MemoFormat::None) return references;
     for (const auto* columns : {&table.columns, &table.system}) {
         for (const Column& column : *columns) {
             if (holdsReference(column)) references.columns.push_back(&column);

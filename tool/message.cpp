@@ -90,10 +90,6 @@ void tell(std::string_view sentence) {
     if (!quietly) writeLine(sentence);
 }
 
-std::string counted(unsigned long long count, std::string_view noun) {
-    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
-}
-
 int widthOf(std::string_view utf8) {
     int width = 0;
     while (!utf8.empty()) {

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "table/text.h"
+
 namespace mira::tool {
 
 /// Control characters (below 20, 7F, 80 to 9F), bytes that are no UTF-8 and two-way marks as "\x1B"
@@ -35,14 +37,11 @@ void note(fmt::format_string<T...> text, T&&... values) {
     tell(fmt::format(text, std::forward<T>(values)...));
 }
 
-/// "1 record", "2 records".
-std::string counted(unsigned long long count, std::string_view noun);
-
 /// Columns that a text takes on a terminal.
 int widthOf(std::string_view utf8);
 /// The beginning of a text that takes at most width columns.
 std::string_view cutToWidth(std::string_view utf8, int width);
-/// Columns of the terminal behind a file descriptor; 0 when it is none.
+/// Columns of the terminal of a file descriptor; 0 when it is none.
 int terminalWidth(int descriptor);
 
 }  // namespace mira::tool

@@ -12,7 +12,6 @@
 
 #include "status.h"
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -21,8 +20,9 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kNewMode = 0666;
 
-[[noreturn]] void refuse(const std::string& name, const std::string& what, int error) {
-    throw Refusal(name + ": " + what + ": " + std::strerror(error));
+/// What the last call of the system could not do.
+[[noreturn]] void fail(const std::string& name, const char* what) {
+    refuse(name, ": ", what, ": ", std::strerror(errno));
 }
 
 /// What a link leads to, also when that is not there yet.
@@ -47,8 +47,8 @@ mode_t modeOf(const Target& target) {
     return kNewMode & ~mask;
 }
 
-std::string existsSentence(const std::string& name) {
-    return name + ": exists; --force replaces it";
+[[noreturn]] void refuseReplacing(const std::string& name) {
+    refuse(name, ": exists; --force replaces it");
 }
 
 /// Renames, without force never over a file that came meanwhile.
@@ -56,10 +56,10 @@ void renameWhole(const Target& target, const std::string& from, bool force) {
     const char* const to = target.path.c_str();
     if (!force) {
         if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to, RENAME_NOREPLACE) == 0) return;
-        if (errno == EEXIST) throw Refusal(existsSentence(target.name));
-        if (errno != EINVAL && errno != ENOSYS) refuse(target.name, "cannot get its name", errno);
+        if (errno == EEXIST) refuseReplacing(target.name);
+        if (errno != EINVAL && errno != ENOSYS) fail(target.name, "cannot get its name");
     }
-    if (rename(from.c_str(), to) != 0) refuse(target.name, "cannot get its name", errno);
+    if (rename(from.c_str(), to) != 0) fail(target.name, "cannot get its name");
 }
 
 }  // namespace
@@ -75,7 +75,7 @@ Target targetOf(const std::string& name) {
     const fs::file_status status = fs::status(target.path, error);
     target.exists = fs::exists(status);
     target.regular = !target.exists || fs::is_regular_file(status);
-    if (fs::is_directory(status)) throw Refusal(name + ": is a folder");
+    if (fs::is_directory(status)) refuse(name, ": is a folder");
     return target;
 }
 
@@ -87,24 +87,46 @@ void checkTargets(const std::vector<Target>& targets, bool force,
         const auto [other, isNew] =
             taken.emplace(foldCase(fs::path(target.path).lexically_normal().string()), target.name);
         if (!isNew) {
-            throw Refusal("two outputs would have one name: " + other->second + " and " +
-                          target.name);
+            refuse("two outputs would have one name: ", other->second, " and ", target.name);
         }
         for (const std::string& input : inputs) {
             std::error_code error;
             if (target.exists && fs::equivalent(target.path, input, error)) {
-                throw Refusal(target.name + ": is read from, so it cannot be written");
+                refuse(target.name, ": is read from, so it cannot be written");
             }
         }
-        if (target.exists && !force) throw Refusal(existsSentence(target.name));
+        if (target.exists && !force) refuseReplacing(target.name);
     }
+}
+
+bool makeFolder(const std::string& folder, const char* what) {
+    std::error_code error;
+    std::error_code ignored;
+    const bool made = fs::create_directories(folder, error);
+    if (fs::is_directory(folder, ignored)) return made;
+    refuse(folder, ": ", what, " into a folder, and this is none",
+           error ? ": " + error.message() : "");
+}
+
+File openInput(const std::string& name) {
+    File file(name == "-" ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(name.c_str(), "rb"));
+    if (!file) refuse(name, ": ", std::strerror(errno));
+    return file;
+}
+
+char delimiterOf(const std::string& text) {
+    if (text == "tab" || text == "\\t") return '\t';
+    if (text.size() != 1 || text[0] == '"' || text[0] < ' ' || text[0] > '~') {
+        refuse("-d ", text, ": one character, or tab");
+    }
+    return text[0];
 }
 
 TemporaryFile::TemporaryFile(const Target& target) : target_(target) {
     const fs::path path(target.path);
     path_ = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
     descriptor_ = mkostemp(path_.data(), O_CLOEXEC);
-    if (descriptor_ < 0) refuse(target.name, "cannot be written", errno);
+    if (descriptor_ < 0) fail(target.name, "cannot be written");
     // Some file systems know no modes; the file then has theirs.
     static_cast<void>(fchmod(descriptor_, modeOf(target)));
 }
@@ -117,7 +139,7 @@ TemporaryFile::~TemporaryFile() {
 void TemporaryFile::keep(bool force) {
     const int descriptor = std::exchange(descriptor_, -1);
     if (descriptor >= 0 && close(descriptor) != 0) {
-        refuse(target_.name, "cannot be written", errno);
+        fail(target_.name, "cannot be written");
     }
     renameWhole(target_, path_, force);
     path_.clear();
@@ -132,7 +154,7 @@ Output::Output(const Target& target, bool force) : target_(target), force_(force
         descriptor_ = file_->descriptor();
     } else {
         descriptor_ = open(target.path.c_str(), O_WRONLY | O_CLOEXEC);
-        if (descriptor_ < 0) refuse(target.name, "cannot be written", errno);
+        if (descriptor_ < 0) fail(target.name, "cannot be written");
     }
     terminal_ = isatty(descriptor_) != 0;
 }
@@ -162,7 +184,7 @@ void Output::flush() {
             leaveIfStopped();
             continue;
         }
-        if (written < 0) refuse(target_.name, "cannot be written", errno);
+        if (written < 0) fail(target_.name, "cannot be written");
         at += written;
         used_ -= static_cast<std::size_t>(written);
     }
@@ -174,7 +196,7 @@ void Output::finish() {
         file_->keep(force_);
     } else if (descriptor_ != STDOUT_FILENO) {
         if (close(std::exchange(descriptor_, -1)) != 0) {
-            refuse(target_.name, "cannot be written", errno);
+            fail(target_.name, "cannot be written");
         }
     }
 }

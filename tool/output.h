@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "mira.h"
+#include "table/memo.h"
 
 namespace mira::tool {
 
@@ -25,6 +25,16 @@ Target targetOf(const std::string& name);
 /// aside, or one is among the files that are read (tables and their memo files).
 void checkTargets(const std::vector<Target>& targets, bool force,
                   const std::vector<std::string>& inputs);
+
+/// Makes a folder unless it is there; true when it was made. Throws a Refusal, where what says what
+/// goes into it: "memos go".
+bool makeFolder(const std::string& folder, const char* what);
+
+/// A file to read, or standard input for "-". Throws a Refusal.
+File openInput(const std::string& name);
+
+/// The character that -d names. Throws a Refusal.
+char delimiterOf(const std::string& text);
 
 /// A file under a temporary name beside its target; removed when it is not kept.
 class TemporaryFile {

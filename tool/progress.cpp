@@ -8,6 +8,7 @@
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "message.h"
 
@@ -80,6 +81,7 @@ Progress::Progress(std::string_view what, u64 total) {
 
 Progress::~Progress() {
     const std::lock_guard lock(bar.mutex);
+    bar.done += pending_;
     if (--bar.pieces != 0) return;
     // What was asked for is shown, however short the work.
     if (progressMode == ProgressMode::Always && !bar.visible) {
@@ -89,8 +91,8 @@ Progress::~Progress() {
     hide();
 }
 
-void Progress::add(u64 done) {
-    bar.done += done;
+void Progress::show() {
+    bar.done += std::exchange(pending_, 0);
     if (!isWanted()) return;
     const std::lock_guard lock(bar.mutex);
     const Clock::time_point now = Clock::now();

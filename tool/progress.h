@@ -19,7 +19,16 @@ public:
     Progress(const Progress&) = delete;
 
     /// done records more.
-    void add(u64 done);
+    void add(u64 done) {
+        pending_ += done;
+        if (pending_ >= kStep) show();
+    }
+
+private:
+    static constexpr u64 kStep = 1024;
+    void show();
+
+    u64 pending_ = 0;  // records that the bar does not know of
 };
 
 /// Takes the bar off the terminal, for a line of text; the next add draws it again.

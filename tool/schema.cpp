@@ -7,10 +7,8 @@
 #include <memory>
 #include <set>
 
-#include "table/pagenames.h"
 #include "table/refusal.h"
 #include "table/store.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -30,8 +28,8 @@ constexpr unsigned kNumberMost = 20, kDigitsMost = 18, kDecimalsMost = 15;
 /// What a field of a type is in a kind of table.
 struct TypeRow {
     char type;
-    const char* kinds;  ///< "3" dBase III, "4" dBase IV, "f" FoxPro, "v" Visual, "s" SMT, "7"
-    unsigned length;    ///< fixed; 0 for one that the user gives
+    std::string_view kinds;  ///< "3" dBase III, "4" dBase IV, "f" FoxPro, "v" Visual, "s" SMT, "7"
+    unsigned length;         ///< fixed; 0 for one that the user gives
 };
 constexpr TypeRow kTypes[] = {{'C', "34fvs7", 0}, {'N', "34fvs7", 0}, {'F', "4fvs7", 0},
                               {'D', "34fvs7", 8}, {'L', "34fvs7", 1}, {'M', "34fvs7", 10},
@@ -39,27 +37,12 @@ constexpr TypeRow kTypes[] = {{'C', "34fvs7", 0}, {'N', "34fvs7", 0}, {'F', "4fv
                               {'I', "v7", 4},     {'Y', "v", 8},      {'T', "v", 8},
                               {'+', "7", 4},      {'O', "7", 8},      {'@', "7", 8}};
 
-char letterOf(TableKind kind) {
-    switch (kind) {
-        case TableKind::DBase3:
-            return '3';
-        case TableKind::DBase4:
-            return '4';
-        case TableKind::FoxPro:
-            return 'f';
-        case TableKind::Visual:
-            return 'v';
-        case TableKind::Smt:
-            return 's';
-        case TableKind::Level7:
-            return '7';
-    }
-    return '3';
-}
+constexpr std::string_view kKindLetters = "3f4vs..7";  // by the library's numbers
 
 const TypeRow* typeRow(char type, TableKind kind) {
+    const char letter = kKindLetters[static_cast<std::size_t>(kind)];
     for (const TypeRow& row : kTypes) {
-        if (row.type == type && std::strchr(row.kinds, letterOf(kind)) != nullptr) return &row;
+        if (row.type == type && row.kinds.find(letter) != std::string_view::npos) return &row;
     }
     return nullptr;
 }
@@ -70,8 +53,8 @@ std::size_t nameLimit(TableKind kind) {
 
 bool sizedType(char type) { return type == 'C' || type == 'N' || type == 'F'; }
 
-[[noreturn]] void refuse(std::string_view part, const std::string& why) {
-    throw Refusal("--schema: \"" + std::string(trimmed(part)) + "\": " + why);
+[[noreturn]] void refusePart(std::string_view part, const std::string& why) {
+    refuse("--schema: \"", trimmed(part), "\": ", why);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -99,7 +82,7 @@ unsigned takeSize(std::string_view* text, std::string_view part) {
     *text = trimmed(*text);
     unsigned size = 0;
     const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), size);
-    if (error != std::errc{}) refuse(part, "no size where one is wanted, such as C(20)");
+    if (error != std::errc{}) refusePart(part, "no size where one is wanted, such as C(20)");
     text->remove_prefix(static_cast<std::size_t>(end - text->data()));
     *text = trimmed(*text);
     return size;
@@ -108,19 +91,19 @@ unsigned takeSize(std::string_view* text, std::string_view part) {
 /// ["(" length ["," decimals] ")"]
 void takeSizes(std::string_view rest, std::string_view part, FieldPlan* field) {
     if (rest.empty()) return;
-    if (rest.front() != '(' || rest.back() != ')') refuse(part, "NAME TYPE(LENGTH,DECIMALS)");
+    if (rest.front() != '(' || rest.back() != ')') refusePart(part, "NAME TYPE(LENGTH,DECIMALS)");
     rest = rest.substr(1, rest.size() - 2);
     field->length = takeSize(&rest, part);
     if (rest.starts_with(',')) {
         rest.remove_prefix(1);
         field->decimals = takeSize(&rest, part);
     }
-    if (!rest.empty()) refuse(part, "NAME TYPE(LENGTH,DECIMALS)");
+    if (!rest.empty()) refusePart(part, "NAME TYPE(LENGTH,DECIMALS)");
 }
 
 void checkSizes(std::string_view part, TableKind kind, const TypeRow& row, FieldPlan* field) {
     if (row.length != 0) {
-        // What stands in parentheses behind a double are the decimals that are shown.
+        // What stands in parentheses after a double are the decimals that are shown.
         const bool isDouble = kind == TableKind::Visual && field->type == 'B';
         field->decimals = isDouble ? std::min(field->length, kDecimalsMost) : 0;
         field->length = row.length;
@@ -129,31 +112,31 @@ void checkSizes(std::string_view part, TableKind kind, const TypeRow& row, Field
     const bool wide = kind == TableKind::DBase3 || kind == TableKind::FoxPro;
     const unsigned most = field->type != 'C' ? kNumberMost : wide ? kWideTextMost : kTextMost;
     if (field->length < 1 || field->length > most) {
-        refuse(part, "the length is 1 to " + std::to_string(most));
+        refusePart(part, textOf("the length is 1 to ", most));
     }
-    if (field->type == 'C' && field->decimals != 0) refuse(part, "a text has no decimals");
+    if (field->type == 'C' && field->decimals != 0) refusePart(part, "a text has no decimals");
     // A point, and before it at least room for a sign or digit, or nothing but the decimals.
     if (field->decimals != 0 && field->decimals + 1 > field->length) {
-        refuse(part, "decimals and point do not fit the length");
+        refusePart(part, "decimals and point do not fit the length");
     }
 }
 
 FieldPlan fieldOf(std::string_view part, TableKind kind) {
     const std::string_view text = trimmed(part);
     const std::size_t blank = text.find_first_of(" \t");
-    if (blank == std::string_view::npos) refuse(part, "NAME TYPE, such as PRICE N(10,2)");
+    if (blank == std::string_view::npos) refusePart(part, "NAME TYPE, such as PRICE N(10,2)");
     const std::string_view rest = trimmed(text.substr(blank));
     FieldPlan field;
     field.name = text.substr(0, blank);
     field.type = upperAscii(rest.substr(0, 1))[0];
     const TypeRow* row = typeRow(field.type, kind);
     if (row == nullptr) {
-        refuse(part, "this kind of table has no fields of type " + std::string(rest.substr(0, 1)));
+        refusePart(part, textOf("this kind of table has no fields of type ", rest.substr(0, 1)));
     }
     takeSizes(trimmed(rest.substr(1)), part, &field);
     checkSizes(part, kind, *row, &field);
     if (field.name.size() > nameLimit(kind)) {
-        refuse(part, "a name has at most " + std::to_string(nameLimit(kind)) + " bytes");
+        refusePart(part, textOf("a name has at most ", nameLimit(kind), " bytes"));
     }
     return field;
 }
@@ -167,13 +150,9 @@ struct Common {
     bool any = false;
     bool number = true, date = true, logical = true, base64 = true;
     bool negative = false;
-    std::size_t digits = 1, decimals = 0;  ///< before and behind the point
+    std::size_t digits = 1, decimals = 0;  ///< before and after the point
     std::size_t width = 1;                 ///< bytes in the table's page
 };
-
-bool areDigits(std::string_view text) {
-    return text.find_first_not_of("0123456789") == std::string_view::npos;
-}
 
 /// ["-"] digits without leading zeros ["." digits]: what a number field gives back as it came.
 bool addNumber(std::string_view text, Common* common) {
@@ -191,31 +170,14 @@ bool addNumber(std::string_view text, Common* common) {
     return common->digits + common->decimals <= kDigitsMost && common->decimals <= kDecimalsMost;
 }
 
-bool isDate(std::string_view text) {
-    if (text.size() != 10 || text[4] != '-' || text[7] != '-') return false;
-    const std::string digits =
-        std::string(text.substr(0, 4)).append(text.substr(5, 2)).append(text.substr(8, 2));
-    if (!areDigits(digits)) return false;
-    const int number = std::stoi(digits);
-    std::tm time{};
-    time.tm_year = number / 10000;
-    time.tm_mon = number / 100 % 100 - 1;
-    time.tm_mday = number % 100;
-    return mymktime(&time) == 0;
-}
-
-bool isLogical(std::string_view text) {
-    if (text.size() != 4 && text.size() != 5) return false;
-    const std::string word = upperAscii(text);
-    return word == "TRUE" || word == "FALSE";
-}
+bool isDate(std::string_view text) { return text.size() == 10 && readMoment(text); }
 
 void addValue(std::string_view text, const CodePage& page, std::string* scratch, Common* common) {
     if (text.empty()) return;
     common->any = true;
     common->number = common->number && addNumber(text, common);
     common->date = common->date && isDate(text);
-    common->logical = common->logical && isLogical(text);
+    common->logical = common->logical && (sameText(text, "true") || sameText(text, "false"));
     common->base64 = common->base64 && text.starts_with("base64:");
     scratch->clear();
     // What the page lacks is told later; until then its UTF-8 gives the width.
@@ -249,20 +211,20 @@ FieldPlan fieldFor(const Common& common) {
 std::string plainName(std::string_view heading, std::size_t limit, std::size_t number) {
     std::string name;
     for (const char c : upperAscii(heading)) {
-        const bool letter = (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        const bool letter = (c >= 'A' && c <= 'Z') || isDigit(c);
         // Of a character of several bytes one "_" is left.
         if ((static_cast<u8>(c) & 0xC0) == 0x80) continue;
         name += letter ? c : '_';
     }
-    if (name.find_first_not_of('_') == std::string::npos) name = "FIELD_" + std::to_string(number);
-    if (name[0] >= '0' && name[0] <= '9') name = "F" + name;
+    if (name.find_first_not_of('_') == std::string::npos) name = textOf("FIELD_", number);
+    if (isDigit(name[0])) name = "F" + name;
     return name.substr(0, limit);
 }
 
 std::string uniqueName(const std::string& name, std::size_t limit, std::set<std::string>* taken) {
     std::string unique = name;
     for (int n = 2; !taken->insert(unique).second; ++n) {
-        const std::string tail = "_" + std::to_string(n);
+        const std::string tail = textOf('_', n);
         unique = name.substr(0, limit - tail.size()) + tail;
     }
     return unique;
@@ -273,25 +235,24 @@ std::string uniqueName(const std::string& name, std::size_t limit, std::set<std:
 // ---------------------------------------------------------------------------------------------
 
 /// Changes bytes at the beginning of a file.
-void patch(const std::string& path, u32 place, const void* bytes, u32 count) {
-    const File file(Open_File(path.c_str()));
-    if (!file || SetFilePointer(file.get(), static_cast<i32>(place), nullptr, SEEK_SET) != place ||
-        WriteFile(file.get(), bytes, static_cast<i32>(count)) != count) {
-        throw Refusal(path + ": cannot be written");
+void patch(const Target& target, u32 place, const void* bytes, u32 count) {
+    const File file(Open_File(target.path.c_str()));
+    if (!file || !writeFileAt(file.get(), place, bytes, count)) {
+        refuse(target.name, ": cannot be written");
     }
 }
 
 /// A level-7 table of one field and no record is shorter than what tells its level: its header is
 /// made longer.
-void lengthenHeader(const std::string& path) {
+void lengthenHeader(const Target& target) {
     constexpr u32 kTold = 128;
     std::error_code ignored;
-    if (std::filesystem::file_size(path, ignored) >= kTold) return;
+    if (std::filesystem::file_size(target.path, ignored) >= kTold) return;
     const u8 length[] = {kTold, 0};
     const std::string zeros(kTold, '\0');
-    const auto size = static_cast<u32>(std::filesystem::file_size(path, ignored));
-    patch(path, size, zeros.data(), kTold - size);
-    patch(path, kLengthPlace, length, sizeof length);
+    const auto size = static_cast<u32>(std::filesystem::file_size(target.path, ignored));
+    patch(target, size, zeros.data(), kTold - size);
+    patch(target, kLengthPlace, length, sizeof length);
 }
 
 bool isMemoType(char type, TableKind kind) {
@@ -305,23 +266,21 @@ std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind) {
     std::set<std::string> names;
     for (const std::string_view part : partsOf(text)) {
         fields.push_back(fieldOf(part, kind));
-        if (!names.insert(foldCase(fields.back().name)).second) refuse(part, "the name is taken");
+        if (!names.insert(foldCase(fields.back().name)).second)
+            refusePart(part, "the name is taken");
     }
-    if (fields.empty()) refuse(text, "no fields");
+    if (fields.empty()) refusePart(text, "no fields");
     return fields;
 }
 
 std::string schemaText(const std::vector<FieldPlan>& fields) {
-    std::string text;
+    std::vector<std::string> fieldTexts;
     for (const FieldPlan& field : fields) {
-        if (!text.empty()) text += ", ";
-        text += field.name + " " + field.type;
-        if (!sizedType(field.type)) continue;
-        text += "(" + std::to_string(field.length);
-        if (field.decimals != 0) text += "," + std::to_string(field.decimals);
-        text += ")";
+        const u32 length = sizedType(field.type) ? field.length : 0;
+        fieldTexts.push_back(
+            textOf(field.name, ' ', typeLabel(field.type, length, field.decimals)));
     }
-    return text;
+    return joined(fieldTexts);
 }
 
 std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string>& headings,
@@ -344,41 +303,40 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
     return fields;
 }
 
-void makeTable(const std::string& path, const std::vector<FieldPlan>& fields, TableKind kind,
+void makeTable(const Target& target, const std::vector<FieldPlan>& fields, TableKind kind,
                const CodePage& page, u32 blockSize) {
     const auto made = std::make_unique<DbfField[]>(fields.size());
     bool memos = false;
     for (std::size_t i = 0; i < fields.size(); ++i) {
         std::string name;
         if (!fromUtf8(page, fields[i].name, name)) {
-            throw Refusal("code page " + pageName(page) + " lacks letters of the name " +
-                          fields[i].name);
+            refuse("code page ", pageName(page), " lacks letters of the name ", fields[i].name);
         }
         CreateField(&made[i], name.c_str(), fields[i].type, static_cast<int>(fields[i].length));
         if (fields[i].type != 'C') made[i].Decimals = static_cast<u8>(fields[i].decimals);
         memos = memos || isMemoType(fields[i].type, kind);
     }
-    if (CreateDatabase(path.c_str(), made.get(), static_cast<int>(fields.size()),
+    if (CreateDatabase(target.path.c_str(), made.get(), static_cast<int>(fields.size()),
                        static_cast<u32>(kind), blockSize, 1) == 0) {
-        throw Refusal(path + ": cannot be written, or the fields are more than a table holds");
+        refuse(target.name, ": cannot be written, or the fields are more than a table holds");
     }
-    if (kind == TableKind::Level7) lengthenHeader(path);
+    if (kind == TableKind::Level7) lengthenHeader(target);
     // The library marks tables without memos as plain ones, and Visual FoxPro's as having an index.
-    if (!memos && kind == TableKind::Visual) patch(path, kVersionPlace, &kVisualVersion, 1);
-    if (!memos && kind == TableKind::Level7) patch(path, kVersionPlace, &kLevel7Version, 1);
+    if (!memos && kind == TableKind::Visual) patch(target, kVersionPlace, &kVisualVersion, 1);
+    if (!memos && kind == TableKind::Level7) patch(target, kVersionPlace, &kLevel7Version, 1);
     const u8 flags = memos && kind == TableKind::Visual ? kMemoFlag : 0;
     const u8 bytes[] = {flags, markOf(page)};
     static_assert(kMarkPlace == kFlagsPlace + 1);
-    patch(path, kFlagsPlace, bytes, sizeof bytes);
+    patch(target, kFlagsPlace, bytes, sizeof bytes);
 }
 
-void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize) {
+void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize) {
     const DbfBase& from = *like.base;
     std::string image(from.Header.HeaderLength, '\0');
     const u32 end = from.HeaderSize + from.DescriptorSize * from.FieldCount;
     if (from.FieldCount == 0 || end > image.size() ||
         readFileAt(from.TableFile, 0, image.data(), static_cast<u32>(image.size())) < end) {
-        throw Refusal(like.path + ": its structure cannot be copied");
+        refuse(like.path, ": its structure cannot be copied");
     }
     const DbfHeader& header = from.Header;
     image[0] = static_cast<char>(header.Version);
@@ -392,17 +350,17 @@ void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize
     const bool linked = like.visual && image.size() >= end + 1 + kBackLink;
     if (linked) std::memset(&image[image.size() - kBackLink], 0, kBackLink);
 
-    File file(std::fopen(path.c_str(), "wbx"));
+    File file(std::fopen(target.path.c_str(), "wbx"));
     if (!file ||
         WriteFile(file.get(), image.data(), static_cast<i32>(image.size())) != image.size() ||
         std::fclose(file.release()) != 0) {
-        throw Refusal(path + ": cannot be written");
+        refuse(target.name, ": cannot be written");
     }
-    if (from.Level7 != 0) lengthenHeader(path);
+    if (from.Level7 != 0) lengthenHeader(target);
     if (from.FirstMemoField == -1) return;
     const u32 unit = blockSize != 0 ? blockSize : GetBlockSize(like.base.get());
-    if (CreateMemoFile(path.c_str(), GetMemoType(like.base.get()), unit) == 0) {
-        throw Refusal(path + ": its memo file cannot be written");
+    if (CreateMemoFile(target.path.c_str(), GetMemoType(like.base.get()), unit) == 0) {
+        refuse(target.name, ": its memo file cannot be written");
     }
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "csvreader.h"
+#include "output.h"
 #include "table/codepage.h"
 #include "table/table.h"
 
@@ -33,9 +34,9 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
 
 /// Writes an empty table, and its memo file when it needs one; nothing may be there yet. The mark
 /// says the page, where there is one for it. Throws a Refusal.
-void makeTable(const std::string& path, const std::vector<FieldPlan>& fields, TableKind kind,
+void makeTable(const Target& target, const std::vector<FieldPlan>& fields, TableKind kind,
                const CodePage& page, u32 blockSize);
 /// Writes an empty table with structure, flags and mark of another one; mark 0 keeps that one's.
-void makeLike(const std::string& path, const Table& like, u8 mark, u32 blockSize);
+void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize);
 
 }  // namespace mira::tool

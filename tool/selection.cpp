@@ -3,23 +3,16 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <map>
 
 #include "filter.h"
 #include "message.h"
-#include "progress.h"
 #include "status.h"
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
 
 constexpr u32 kSortFields = 21;
-constexpr u32 kProgressStep = 4096;  // records
-
-const std::map<std::string, Deleted> kDeletedNames = {
-    {"skip", Deleted::Skip}, {"include", Deleted::Include}, {"only", Deleted::Only}};
 
 // --------------------------------------------------------------------------------------------
 // Columns
@@ -29,7 +22,7 @@ void addCalculatedColumns(Table& table, const std::vector<std::string>& definiti
     for (const std::string& definition : definitions) {
         const std::size_t equals = definition.find('=');
         if (equals == std::string::npos) {
-            throw Refusal("--calc " + definition + ": NAME=EXPRESSION, such as TOTAL=PRICE*QTY");
+            refuse("--calc ", definition, ": NAME=EXPRESSION, such as TOTAL=PRICE*QTY");
         }
         addCalculated(table, trimmed(std::string_view(definition).substr(0, equals)),
                       std::string_view(definition).substr(equals + 1));
@@ -43,12 +36,12 @@ bool holds(const std::vector<Column>& columns, const Column& column) {
 
 std::vector<Column> chosenColumns(const Table& table, const SelectOptions& options) {
     std::vector<Column> named;
-    for (const std::string& name : splitList(options.fields)) {
+    for (const std::string& name : options.fields) {
         const Column& column = columnNamed(table, name);
         if (!holds(named, column)) named.push_back(column);
     }
     std::vector<Column> excluded;
-    for (const std::string& name : splitList(options.exclude)) {
+    for (const std::string& name : options.exclude) {
         excluded.push_back(columnNamed(table, name));
     }
     std::vector<Column> columns = named;
@@ -58,19 +51,6 @@ std::vector<Column> chosenColumns(const Table& table, const SelectOptions& optio
     }
     std::erase_if(columns, [&](const Column& column) { return holds(excluded, column); });
     return columns;
-}
-
-/// A column that is no field, under a name that no field has.
-Column extraColumn(const Table& table, std::string name, Kind kind) {
-    const auto taken = [&] {
-        return std::any_of(table.columns.begin(), table.columns.end(),
-                           [&](const Column& c) { return sameText(c.name, name); });
-    };
-    while (taken()) name = "_" + name;
-    Column column;
-    column.name = name;
-    column.kind = kind;
-    return column;
 }
 
 // --------------------------------------------------------------------------------------------
@@ -90,7 +70,7 @@ Range shardRange(const std::string& shard, u32 count) {
     const bool whole = error == std::errc() && slash != end && *slash == '/' &&
                        std::from_chars(slash + 1, end, n).ptr == end;
     if (!whole || k < 1 || k > n || n > 0xFFFFFFFF) {
-        throw Refusal("--shard " + shard + ": K/N, with K from 1 to N, such as 1/4");
+        refuse("--shard ", shard, ": K/N, with K from 1 to N, such as 1/4");
     }
     return {static_cast<u32>(count * (k - 1) / n), static_cast<u32>(count * k / n)};
 }
@@ -109,20 +89,17 @@ void viewRange(DbfBase* base, Range range) {
 int stopSort() { return stopped() ? 1 : 0; }
 
 void sortView(Table& table, const SelectOptions& options) {
-    const std::vector<std::string> names = splitList(options.sort);
-    if (names.size() > kSortFields) {
-        throw Refusal(table.path + ": at most " + std::to_string(kSortFields) +
-                      " fields to sort by");
+    if (options.sort.size() > kSortFields) {
+        refuse(table.path, ": at most ", kSortFields, " fields to sort by");
     }
     std::string list;
-    for (const std::string& name : names) {
-        const Column& column = columnNamed(table, name);
-        (list += libraryName(table, column)) += ',';
+    for (const std::string& name : options.sort) {
+        (list += libraryName(table, columnNamed(table, name))) += ',';
     }
     table.base->SortDescending = options.descending ? 1 : 0;
     const bool done = SortBase(table.base.get(), list.c_str(), stopSort) != 0;
     leaveIfStopped();
-    if (!done) throw Refusal(table.path + ": no memory to sort it");
+    if (!done) refuse(table.path, ": no memory to sort it");
 }
 
 void tellFault(const Selection& selection, Fault fault) {
@@ -130,6 +107,12 @@ void tellFault(const Selection& selection, Fault fault) {
     if (tally.count == 0) return;
     note("{}: {}, first in record {}, field {}", selection.table->path,
          faultSentence(fault, tally.count), u64{tally.record} + 1, tally.column);
+}
+
+void addList(CLI::App& command, const char* name, std::vector<std::string>& list,
+             const char* help) {
+    const auto take = [&list](const std::string& given) { list = splitList(given); };
+    command.add_option_function<std::string>(name, take, help)->type_name("A,B,...");
 }
 
 }  // namespace
@@ -140,47 +123,35 @@ void addFilterOptions(CLI::App& command, SelectOptions& options) {
     command.add_flag("-i,--ignore-case", options.ignoreCase, "Filters ignore letter case");
 }
 
-void addTableOptions(CLI::App& command, SelectOptions& options) {
+void addTableOptions(CLI::App& command, TableOptions& options) {
     command.add_option("--code-page", options.codePage, "Code page of the texts, such as CP866")
         ->type_name("NAME");
-    command.add_option("--as-text", options.asText, "Binary fields that hold text after all")
-        ->type_name("A,B,...");
+    addList(command, "--as-text", options.asText, "Binary fields that hold text after all");
     command.add_flag("--long-names", options.longNames, "Field names from the database container");
 }
 
 void addSelectOptions(CLI::App& command, SelectOptions& options) {
     addFilterOptions(command, options);
-    command.add_option("-s,--sort", options.sort, "Sort by these fields")->type_name("A,B,...");
+    addList(command, "-s,--sort", options.sort, "Sort by these fields");
     command.add_flag("--descending", options.descending, "Sort from the greatest down");
-    command.add_option("-f,--fields", options.fields, "These columns, in this order")
-        ->type_name("A,B,...");
-    command.add_option("-x,--exclude", options.exclude, "All columns but these")
-        ->type_name("A,B,...");
+    addList(command, "-f,--fields", options.fields, "These columns, in this order");
+    addList(command, "-x,--exclude", options.exclude, "All columns but these");
     command.add_option("--calc", options.calculated, "Add a calculated column; may be given again")
         ->type_name("NAME=EXPRESSION")
         ->allow_extra_args(false);
     addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
-              kDeletedNames, options.deleted);
+              kDeletedWords, options.deleted);
     command.add_flag("--record", options.recordColumn, "A first column _record with the number");
-    command.add_option("-n,--limit", options.limit, "At most N records, 0 for all")->type_name("N");
-    command.add_option("--offset", options.offset, "Leave out the first N records")->type_name("N");
+    addCount(command, "-n,--limit", "At most N records, 0 for all", options.limit);
+    addCount(command, "--offset", "Leave out the first N records", options.offset);
     command.add_option("--shard", options.shard, "The K-th of N equal ranges of records")
         ->type_name("K/N");
-    addTableOptions(command, options);
-    command.add_flag("--raw", options.raw, "Texts, numbers and dates as they are stored");
-}
-
-TableOptions tableOptions(const SelectOptions& options) {
-    TableOptions table;
-    table.codePage = options.codePage;
-    table.asText = splitList(options.asText);
-    table.longNames = options.longNames;
-    table.raw = options.raw;
-    return table;
+    addTableOptions(command, options.table);
+    command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
 }
 
 std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options) {
-    return selectFrom(openTable(path, tableOptions(options)), options);
+    return selectFrom(openTable(path, options.table), options);
 }
 
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options) {
@@ -219,24 +190,19 @@ bool nextRow(Selection& s) {
     while (s.position < s.end && (s.limit == 0 || s.rows < s.limit)) {
         leaveIfStopped();
         const u32 position = s.position++;
-        const u32 record = recno(base, GetOrder(base, position));
+        s.cells.record = recno(base, GetOrder(base, position));
         if (ReadRecord(base, position) == 0) {
-            leaveIfStopped();
-            throw Refusal(s.table->path + ": record " + std::to_string(u64{record} + 1) +
-                          " cannot be read");
+            refuse(s.table->path, ": record ", u64{s.cells.record} + 1, " cannot be read");
         }
-        if (++s.read % kProgressStep == 0) s.progress->add(kProgressStep);
-        const bool isDeleted = base->RecordBuffer[0] == '*';
-        if (s.deleted == (isDeleted ? Deleted::Skip : Deleted::Only)) continue;
+        s.progress->add(1);
+        if (s.deleted == (isDeleted(*s.table) ? Deleted::Skip : Deleted::Only)) continue;
         if (s.offset != 0) {
             --s.offset;
             continue;
         }
         ++s.rows;
-        s.cells.record = record;
         return true;
     }
-    s.progress->add(s.read % kProgressStep);
     s.progress.reset();
     return false;
 }

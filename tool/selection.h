@@ -2,7 +2,6 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -10,18 +9,18 @@
 
 #include "progress.h"
 #include "table/table.h"
+#include "table/text.h"
 #include "table/value.h"
 
 namespace mira::tool {
 
-enum class Deleted : u8 { Skip, Include, Only };
-
 /// The options that select, the same for every command.
 struct SelectOptions {
+    TableOptions table;
     std::string where;
-    std::string sort;
+    std::vector<std::string> sort;
     bool descending = false;
-    std::string fields, exclude;
+    std::vector<std::string> fields, exclude;
     std::vector<std::string> calculated;  // NAME=EXPRESSION
     Deleted deleted = Deleted::Skip;
     bool recordColumn = false;
@@ -29,37 +28,42 @@ struct SelectOptions {
     std::optional<u64> limit;  // none: the command's own
     u64 offset = 0;
     std::string shard;  // K/N
-    std::string codePage;
-    std::string asText;
-    bool longNames = false;
-    bool raw = false;
 };
 
-/// Adds an option whose value is one of a few words.
-template <typename Value>
-void addChoice(CLI::App& command, const std::string& name, const std::string& help,
-               const std::string& typeName, const std::map<std::string, Value>& words,
-               Value& value) {
-    const auto take = [name, &words, &value](const std::string& word) {
-        const auto found = words.find(word);
-        if (found == words.end()) {
-            std::string list;
-            for (const auto& [known, ignored] : words) list += (list.empty() ? "" : ", ") + known;
-            throw CLI::ValidationError(name + " " + word, "one of " + list);
+/// Adds an option whose value is one of a few words, given in pairs with what they mean.
+template <typename Words, typename Value>
+CLI::Option* addChoice(CLI::App& command, const std::string& name, const std::string& help,
+                       const std::string& typeName, const Words& words, Value& value) {
+    const auto take = [name, &words, &value](const std::string& given) {
+        std::vector<std::string> known;
+        for (const auto& [word, meaning] : words) {
+            if (given == word) {
+                value = meaning;
+                return;
+            }
+            known.emplace_back(word);
         }
-        value = found->second;
+        throw CLI::ValidationError(name + " " + given, "one of " + joined(known));
     };
-    command.add_option_function<std::string>(name, take, help)->type_name(typeName);
+    return command.add_option_function<std::string>(name, take, help)->type_name(typeName);
+}
+
+/// Adds an option or argument that is a number from 0.
+template <typename Number>
+CLI::Option* addCount(CLI::App& command, const std::string& name, const std::string& help,
+                      Number& value) {
+    const auto check = [](const std::string& given) {
+        return given.starts_with('-') ? given + " is less than 0" : std::string();
+    };
+    return command.add_option(name, value, help)->type_name("N")->check(check);
 }
 
 /// Adds them all to a command.
 void addSelectOptions(CLI::App& command, SelectOptions& options);
 /// Only --code-page, --as-text and --long-names.
-void addTableOptions(CLI::App& command, SelectOptions& options);
+void addTableOptions(CLI::App& command, TableOptions& options);
 /// Only --where and --ignore-case.
 void addFilterOptions(CLI::App& command, SelectOptions& options);
-
-TableOptions tableOptions(const SelectOptions& options);
 
 /// A table with the records in view and the columns to show. Records are read one by one.
 struct Selection {
@@ -71,7 +75,6 @@ struct Selection {
     Deleted deleted = Deleted::Skip;
     u64 limit = 0, offset = 0;
     u32 position = 0, end = 0;             // in the view
-    u32 read = 0;                          // view positions read so far
     u64 rows = 0;                          // rows given out
     std::unique_ptr<Progress> progress{};  // while rows are read
 };
@@ -81,7 +84,7 @@ std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptio
 /// The same for a table that is open already (for writing).
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> table, const SelectOptions& options);
 
-/// Reads the next row into RecordBuffer; false behind the last one. Its record, from 0, is
+/// Reads the next row into RecordBuffer; false after the last one. Its record, from 0, is
 /// cells.record, its position for WriteRecord position - 1. Throws a Refusal for a record that
 /// cannot be read.
 bool nextRow(Selection& selection);

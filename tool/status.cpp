@@ -1,14 +1,21 @@
 #include "status.h"
 
 #include <csignal>
-#include <initializer_list>
 
 namespace mira::tool {
 namespace {
 
 volatile std::sig_atomic_t stopSignal = 0;
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 void note(int signal) { stopSignal = signal; }
+
+void mask(int how) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : kStopSignals) sigaddset(&signals, signal);
+    pthread_sigmask(how, &signals, nullptr);
+}
 
 }  // namespace
 
@@ -21,10 +28,13 @@ void watchSignals() {
     action.sa_handler = note;
     sigemptyset(&action.sa_mask);
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // and no restart: a blocked write returns
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+    for (const int signal : kStopSignals) sigaction(signal, &action, nullptr);
 }
 
 bool stopped() { return stopSignal != 0; }
 int stopStatus() { return 128 + stopSignal; }
+
+HoldSignals::HoldSignals() { mask(SIG_BLOCK); }
+HoldSignals::~HoldSignals() { mask(SIG_UNBLOCK); }
 
 }  // namespace mira::tool

@@ -25,4 +25,12 @@ inline void leaveIfStopped() {
     if (stopped()) throw Stopped{};
 }
 
+/// While it lives such signals wait, for work that must not be cut in half.
+class HoldSignals {
+public:
+    HoldSignals();
+    ~HoldSignals();
+    HoldSignals(const HoldSignals&) = delete;
+};
+
 }  // namespace mira::tool

@@ -27,12 +27,11 @@ struct Heading {
     bool mayBeNull = false;  // an empty text is told from null
 };
 
-/// Rows to an Output: begin, then for every row beginRow, a cell per column and endRow, then end.
+/// Rows to an Output: begin, then for every row a cell per column and endRow, then end.
 class RowWriter {
 public:
     virtual ~RowWriter() = default;
     virtual void begin(const std::vector<Heading>& headings) = 0;
-    virtual void beginRow() = 0;
     virtual void cell(std::size_t column, const Value& value) = 0;
     virtual void endRow() = 0;
     virtual void end() = 0;
@@ -43,7 +42,8 @@ public:
 std::unique_ptr<RowWriter> csvWriter(Output& out, const WriterOptions& options);
 std::unique_ptr<RowWriter> tsvWriter(Output& out, const WriterOptions& options);
 std::unique_ptr<RowWriter> jsonWriter(Output& out, const WriterOptions& options);
-std::unique_ptr<RowWriter> textWriter(Output& out, const WriterOptions& options);  // by its format
+/// By the format.
+std::unique_ptr<RowWriter> textWriter(Output& out, const WriterOptions& options);
 
 /// A value as plain text, as CSV shows it without quotes: "base64:..." for bytes, "true", numbers
 /// in their shortest form. Appended to out.

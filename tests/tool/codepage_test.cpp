@@ -176,7 +176,7 @@ std::string tableWith(int mark, const std::vector<std::string>& texts, unsigned 
     return bytes;
 }
 
-/// "page from", "?" behind it when uncertain, and the number of notes when there are any.
+/// "page from", "?" after it when uncertain, and the number of notes when there are any.
 std::string choice(const test::Table& table, std::string_view option = "") {
     const PageChoice chosen = choosePage(table.get(), option);
     std::string text = chosen.page ? pageName(*chosen.page) : "-";
@@ -253,18 +253,6 @@ TEST(PageOfTable, Guess) {
     EXPECT_EQ(choiceOf(tableWith(0x57, russian)), "CP1252 mark 0x57?") << "only after 00";
     EXPECT_EQ(choiceOf(tableWith(0, {20, "gar\x87on na\x8Bve \x82t\x82"})), "CP437 default?")
         << "Western pages cannot be told apart";
-}
-
-TEST(PageOfTable, LeavesTheHandleAlone) {
-    const TempDir dir;
-    const test::Table table = openBytes(dir, tableWith(0, {"a", "caf\xE9", "c"}));
-    table->Reverse = 1;
-    ASSERT_EQ(mira::ReadRecord(table.get(), 0), 1);
-    EXPECT_EQ(choice(table), "CP437 default?");
-    EXPECT_EQ(recordOf(table.get()).substr(1, 1), "c");
-    ASSERT_EQ(mira::ReadRecord(table.get(), 1), 1);
-    EXPECT_EQ(recordOf(table.get()).substr(1, 3), "caf");
-    EXPECT_EQ(table->Reverse, 1);
 }
 
 /// A FoxPro table of one memo field, with a memo file of one block of 64 bytes at block 8.

@@ -51,7 +51,7 @@ struct Folder {
     }
 };
 
-/// Runs the commands of a session and puts what they print behind them.
+/// Runs the commands of a session and puts what they print after them.
 std::string replay(const std::string& session) {
     const Folder folder;
     std::string result;

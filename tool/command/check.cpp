@@ -2,21 +2,18 @@
 #include "command/commands.h"
 #include "damage.h"
 #include "message.h"
-#include "output.h"
 #include "selection.h"
 #include "table/find.h"
-#include "table/refusal.h"
 #include "writer.h"
 
 namespace mira::tool {
 namespace {
 
 struct Options {
-    std::vector<std::string> names;
-    bool recursive = false;
+    TableNames tables;
     bool strict = false;
     bool json = false;
-    SelectOptions select;
+    TableOptions table;
 };
 
 struct Counts {
@@ -62,7 +59,7 @@ void putSummary(Output& out, const Table& table, const Counts& counts, bool json
 }
 
 Status checkOne(Output& out, const std::string& name, const Options& options) {
-    const auto table = openTable(name, tableOptions(options.select));
+    const auto table = openTable(name, options.table);
     tellPage(*table);
     Counts counts;
     checkTable(*table, [&](const Finding& finding) {
@@ -76,43 +73,28 @@ Status checkOne(Output& out, const std::string& name, const Options& options) {
 
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
-    Status status = kDone;
-    bool any = false;
-    for (const std::string& name : findTables(options.names, options.recursive)) {
-        leaveIfStopped();
-        try {
-            status = worse(status, checkOne(out, name, options));
-            any = true;
-        } catch (const Refusal& refusal) {
-            out.flush();
-            tellError(refusal.what());
-            status = kFound;
-        }
-    }
+    const Status status = eachTable(
+        findTables(options.tables.names, options.tables.recursive),
+        [&](const std::string& name) { return checkOne(out, name, options); }, &out);
     out.finish();
-    return any ? status : kFailed;
+    return status;
 }
 
 }  // namespace
 
 void addCheck(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("check", "Find what is damaged");
-    command.footer(
-        "Examples:\n"
-        "  mira check stock\n"
-        "  mira check folder -R --strict\n"
-        "  mira check folder --json\n\n"
-        "Exit status 1 when something is damaged; with --strict also for notes.");
-    command.add_option("tables", options->names, "Tables and folders")
-        ->type_name("TABLE|FOLDER")
-        ->required();
-    command.add_flag("-R,--recursive", options->recursive, "Folders with those below them");
-    command.add_flag("--strict", options->strict, "Exit status 1 for notes, too");
-    command.add_flag("--json", options->json,
+    const auto [command, options] =
+        newCommand(program, job, "check", "Find what is damaged", run,
+                   "Examples:\n"
+                   "  mira check stock\n"
+                   "  mira check folder -R --strict\n"
+                   "  mira check folder --json\n\n"
+                   "Exit status 1 when something is damaged; with --strict also for notes.");
+    addTableNames(command, options.tables)->required();
+    command.add_flag("--strict", options.strict, "Exit status 1 for notes, too");
+    command.add_flag("--json", options.json,
                      "A JSON object per finding and one per table, a line each");
-    addTableOptions(command, options->select);
-    whenChosen(command, job, options, run);
+    addTableOptions(command, options.table);
 }
 
 }  // namespace mira::tool

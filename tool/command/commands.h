@@ -1,24 +1,21 @@
-// The commands. Each adds itself to the program: its options, its help, and what it does.
+// The commands, and what they share. Each adds itself to the program: its options, its help, and
+// what it does.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "output.h"
 #include "status.h"
 
 namespace mira::tool {
 
-/// What the command line asks for, filled in while it is parsed.
-struct Job {
-    std::function<Status()> run;
-};
-
-/// Lets a command's run function be called once the whole line is parsed.
-template <typename Options>
-void whenChosen(CLI::App& command, Job& job, std::shared_ptr<Options> options,
-                Status (*run)(const Options&)) {
-    command.callback([&job, options, run] { job.run = [options, run] { return run(*options); }; });
-}
+/// What the command line asks for, filled in once the whole line is parsed.
+using Job = std::function<Status()>;
 
 void addInfo(CLI::App& program, Job& job);
 void addTables(CLI::App& program, Job& job);
@@ -33,5 +30,30 @@ void addRecall(CLI::App& program, Job& job);
 void addPack(CLI::App& program, Job& job);
 void addZap(CLI::App& program, Job& job);
 void addCheck(CLI::App& program, Job& job);
+
+/// A new command, and its options, which live as long as the command.
+template <typename Options>
+std::pair<CLI::App&, Options&> newCommand(CLI::App& program, Job& job, const char* name,
+                                          const char* what, Status (*run)(const Options&),
+                                          const char* footer) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand(name, what);
+    command.footer(footer);
+    command.callback([&job, options, run] { job = [options, run] { return run(*options); }; });
+    return {command, *options};
+}
+
+/// Tables and folders as a command takes them.
+struct TableNames {
+    std::vector<std::string> names;
+    bool recursive = false;
+};
+/// Adds them and --recursive to a command.
+CLI::Option* addTableNames(CLI::App& command, TableNames& names);
+
+/// Works on one table after the other. One that is refused is told, after what has been put out,
+/// and the others go on. The gravest status; kFailed when all were refused.
+Status eachTable(const std::vector<std::string>& tables,
+                 const std::function<Status(const std::string&)>& work, Output* out = nullptr);
 
 }  // namespace mira::tool

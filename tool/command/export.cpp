@@ -3,7 +3,6 @@
 #include <atomic>
 #include <exception>
 #include <filesystem>
-#include <map>
 #include <mutex>
 #include <set>
 #include <system_error>
@@ -12,11 +11,9 @@
 #include "command/commands.h"
 #include "database.h"
 #include "message.h"
-#include "output.h"
 #include "selection.h"
 #include "table/find.h"
 #include "table/refusal.h"
-#include "table/text.h"
 #include "writer.h"
 
 namespace mira::tool {
@@ -25,8 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Options {
-    std::vector<std::string> names;
-    bool recursive = false;
+    TableNames tables;
     SelectOptions select;
     std::string out;
     Format format = Format::None;
@@ -38,27 +34,21 @@ struct Options {
     bool replace = false, append = false, schema = false;
 };
 
-const std::map<std::string, Format> kFormats = {{"csv", Format::Csv},
-                                                {"tsv", Format::Tsv},
-                                                {"json", Format::Json},
-                                                {"jsonl", Format::JsonLines},
-                                                {"sqlite", Format::Sqlite}};
-const std::map<std::string, Format> kExtensions = {
+/// A format and the extension of its files; the first extension of a format is the one written.
+constexpr std::pair<const char*, Format> kExtensions[] = {
     {".csv", Format::Csv},         {".tsv", Format::Tsv},          {".json", Format::Json},
     {".jsonl", Format::JsonLines}, {".ndjson", Format::JsonLines}, {".db", Format::Sqlite},
     {".sqlite", Format::Sqlite},   {".sqlite3", Format::Sqlite}};
+constexpr std::pair<const char*, Format> kFormats[] = {{"csv", Format::Csv},
+                                                       {"tsv", Format::Tsv},
+                                                       {"json", Format::Json},
+                                                       {"jsonl", Format::JsonLines},
+                                                       {"sqlite", Format::Sqlite}};
 
 const char* extensionOf(Format format) {
-    switch (format) {
-        case Format::Tsv:
-            return ".tsv";
-        case Format::Json:
-            return ".json";
-        case Format::JsonLines:
-            return ".jsonl";
-        default:
-            return ".csv";
-    }
+    return std::find_if(std::begin(kExtensions), std::end(kExtensions),
+                        [&](const auto& row) { return row.second == format; })
+        ->first;
 }
 
 bool isFolder(const std::string& name) {
@@ -68,18 +58,11 @@ bool isFolder(const std::string& name) {
 
 /// What the name of the output says; None when nothing.
 Format formatOfName(const std::string& out) {
-    const auto found = kExtensions.find(foldCase(fs::path(out).extension().string()));
-    return found != kExtensions.end() ? found->second : Format::None;
-}
-
-char delimiterOf(const std::string& text) {
-    if (text.empty()) return ',';
-    if (text == "tab" || text == "\\t") return '\t';
-    if (text.size() != 1 || text[0] == '"' || static_cast<u8>(text[0]) < 0x20 ||
-        static_cast<u8>(text[0]) > 0x7E) {
-        throw Refusal("-d " + text + ": one character, or tab");
+    const std::string extension = foldCase(fs::path(out).extension().string());
+    for (const auto& [known, format] : kExtensions) {
+        if (extension == known) return format;
     }
-    return text[0];
+    return Format::None;
 }
 
 /// The work of one call: the tables and what was done with them.
@@ -102,13 +85,15 @@ void addRefusal(Work& work, const std::string& sentence) {
     ++work.refused;
 }
 
-void countTable(Work& work, const Selection& selection, const Target& target) {
+/// Tells how many records of the only table were written.
+void tellRows(const Work& work, const Selection& selection, const Target& target) {
+    if (work.several || (target.path.empty() && selection.rows != 0)) return;
+    note("{}: {} of {}", target.path.empty() ? selection.table->path : target.name, selection.rows,
+         counted(selection.table->base->Header.RecordCount, "record"));
+}
+
+void countTable(Work& work, const Selection& selection) {
     const bool faulty = tellFaults(selection);
-    const u32 total = selection.table->base->Header.RecordCount;
-    if (!work.several && (!target.path.empty() || selection.rows == 0)) {
-        note("{}: {} of {}", target.path.empty() ? selection.table->path : target.name,
-             selection.rows, counted(total, "record"));
-    }
     const std::lock_guard lock(work.mutex);
     ++work.done;
     work.rows += selection.rows;
@@ -130,7 +115,6 @@ void writeText(Work& work, Selection& selection, const Target& target) {
     const std::vector<Column>& columns = selection.columns;
     Value value;
     while (nextRow(selection)) {
-        writer->beginRow();
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
             writer->cell(i, value);
@@ -149,7 +133,8 @@ void exportText(Work& work, std::size_t index) {
     try {
         const auto selection = selectFrom(work.tables[index], work.options.select);
         writeText(work, *selection, work.targets[index]);
-        countTable(work, *selection, work.targets[index]);
+        countTable(work, *selection);
+        tellRows(work, *selection, work.targets[index]);
     } catch (const Refusal& refusal) {
         addRefusal(work, refusal.what());
     }
@@ -177,17 +162,6 @@ void runThreads(Work& work, std::size_t threads) {
         // The system has no more of them; those there are do all the work.
     }
     workThrough(work);
-}
-
-/// Throws a Refusal unless the folder is there afterwards; true when it was made.
-bool makeFolder(const std::string& folder) {
-    std::error_code error;
-    const bool made = fs::create_directories(folder, error);
-    if (!isFolder(folder)) {
-        throw Refusal(folder + ": several tables go into a folder, and this is none" +
-                      (error ? ": " + error.message() : ""));
-    }
-    return made;
 }
 
 /// Files that an output must not replace: the tables and whatever has their name.
@@ -226,10 +200,10 @@ void nameTargets(Work& work) {
 void exportTexts(Work& work) {
     const Options& options = work.options;
     if (work.several && (options.out.empty() || options.out == "-")) {
-        throw Refusal("several tables need -o FOLDER, or -o NAME.db for one database");
+        refuse("several tables need -o FOLDER, or -o NAME.db for one database");
     }
-    const bool made = work.several && makeFolder(options.out);
     nameTargets(work);
+    const bool made = work.several && makeFolder(options.out, "several tables go");
     const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
         std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
@@ -255,12 +229,12 @@ void exportTable(Work& work, Selection& selection, Database& database) {
         }
         database.endRow();
     }
-    countTable(work, selection, work.targets[0]);
+    countTable(work, selection);
 }
 
 void exportDatabase(Work& work) {
     const Options& options = work.options;
-    if (options.out.empty() || options.out == "-") throw Refusal("a database needs -o NAME.db");
+    if (options.out.empty() || options.out == "-") refuse("a database needs -o NAME.db");
     work.targets.push_back(targetOf(options.out));
     // A database that is there is added to, so it may exist; a table must not be taken for one.
     checkTargets(work.targets, true,
@@ -269,8 +243,8 @@ void exportDatabase(Work& work) {
                             : options.append ? Present::Append
                                              : Present::Refuse;
     Database database(work.targets[0], options.force, present);
+    std::unique_ptr<Selection> selection;
     for (const std::string& table : work.tables) {
-        std::unique_ptr<Selection> selection;
         try {
             selection = selectFrom(table, options.select);
         } catch (const Refusal& refusal) {
@@ -280,7 +254,9 @@ void exportDatabase(Work& work) {
         if (options.schema) selection->end = selection->position;
         exportTable(work, *selection, database);
     }
-    if (work.done != 0) database.finish();
+    if (work.done == 0) return;
+    database.finish();
+    tellRows(work, *selection, work.targets[0]);
 }
 
 /// CREATE TABLE statements as text.
@@ -293,10 +269,9 @@ void exportSchema(Work& work) {
     for (const std::string& path : work.tables) {
         try {
             const auto selection = selectFrom(path, options.select);
-            std::string name = stemOf(selection->table->path);
-            for (int n = 2; !names.insert(foldCase(name)).second; ++n) {
-                name = stemOf(selection->table->path) + "_" + std::to_string(n);
-            }
+            const std::string name = freeName(
+                stemOf(selection->table->path),
+                [&](const std::string& free) { return names.insert(foldCase(free)).second; });
             const std::string sql = createTable(name, selection->columns) + ";\n";
             out.put(out.isTerminal() ? escaped(sql) : sql);
             ++work.done;
@@ -321,17 +296,16 @@ void chooseFormat(Work& work) {
     const bool special =
         fs::exists(options.out, ignored) && !fs::is_regular_file(options.out, ignored);
     if (format == Format::None && named && !work.several && !options.schema && !special) {
-        throw Refusal(options.out +
-                      ": its name tells no format; -F csv, tsv, json, jsonl or sqlite does");
+        refuse(options.out, ": its name tells no format; -F csv, tsv, json, jsonl or sqlite does");
     }
     if (format == Format::None) format = Format::Csv;
     if (work.several && named && !options.schema && format != Format::Sqlite &&
         formatOfName(options.out) != Format::None) {
-        throw Refusal(options.out + ": several tables go into a folder or a database");
+        refuse(options.out, ": several tables go into a folder or a database");
     }
     options.writer.format = format;
     options.writer.heading = !options.noHeading;
-    options.writer.delimiter = delimiterOf(options.delimiter);
+    if (!options.delimiter.empty()) options.writer.delimiter = delimiterOf(options.delimiter);
 }
 
 Status statusOf(const Work& work) {
@@ -339,19 +313,17 @@ Status statusOf(const Work& work) {
     return work.refused != 0 || work.faulty != 0 ? kFound : kDone;
 }
 
-Status runExport(const Options& options) {
+Status run(const Options& options) {
     Work work;
     work.options = options;
-    work.tables = findTables(options.names, options.recursive);
-    work.several = work.tables.size() > 1 || isFolder(options.names.front());
+    work.tables = findTables(options.tables.names, options.tables.recursive);
+    work.several = work.tables.size() > 1 || isFolder(options.tables.names.front());
     chooseFormat(work);
-    const bool database = work.options.format == Format::Sqlite && !options.out.empty();
-    if (database) {
-        exportDatabase(work);
-    } else if (options.schema) {
+    const bool database = work.options.format == Format::Sqlite;
+    if (options.schema && (!database || options.out.empty())) {
         exportSchema(work);
-    } else if (work.options.format == Format::Sqlite) {
-        throw Refusal("a database needs -o NAME.db");
+    } else if (database) {
+        exportDatabase(work);
     } else {
         exportTexts(work);
     }
@@ -365,43 +337,37 @@ Status runExport(const Options& options) {
 }  // namespace
 
 void addExport(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("export", "Tables to CSV, TSV, JSON or SQLite");
-    command.footer(
-        "Examples:\n"
-        "  mira export stock > stock.csv\n"
-        "  mira export stock -o stock.jsonl -w 'PRICE>10' -f CODE,PRICE\n"
-        "  mira export folder -o csv-folder\n"
-        "  mira export folder -R -o tables.db");
-    command.add_option("tables", options->names, "Tables and folders")
-        ->type_name("TABLE|FOLDER")
-        ->required();
-    command.add_flag("-R,--recursive", options->recursive, "Folders with those below them");
+    const auto [command, options] =
+        newCommand(program, job, "export", "Tables to CSV, TSV, JSON or SQLite", run,
+                   "Examples:\n"
+                   "  mira export stock > stock.csv\n"
+                   "  mira export stock -o stock.jsonl -w 'PRICE>10' -f CODE,PRICE\n"
+                   "  mira export folder -o csv-folder\n"
+                   "  mira export folder -R -o tables.db");
+    addTableNames(command, options.tables)->required();
     command
-        .add_option("-o,--output", options->out, "File, folder or database; - for standard output")
+        .add_option("-o,--output", options.out, "File, folder or database; - for standard output")
         ->type_name("OUT");
     addChoice(command, "-F,--format", "csv, tsv, json, jsonl or sqlite", "FORMAT", kFormats,
-              options->format);
-    command.add_flag("--force", options->force, "Replace files that are there");
-    command.add_option("-j,--jobs", options->jobs, "Tables at a time (default: processors)")
-        ->type_name("N");
-    command.add_flag("--no-heading", options->noHeading, "No line of names");
-    command.add_flag("--bom", options->writer.bom, "A byte-order mark in front");
-    command.add_flag("--crlf", options->writer.crlf, "Lines end with CR LF");
+              options.format);
+    command.add_flag("--force", options.force, "Replace files that are there");
+    addCount(command, "-j,--jobs", "Tables at a time (default: processors)", options.jobs);
+    command.add_flag("--no-heading", options.noHeading, "No line of names");
+    command.add_flag("--bom", options.writer.bom, "A byte-order mark in front");
+    command.add_flag("--crlf", options.writer.crlf, "Lines end with CR LF");
     command
-        .add_option("-d,--delimiter", options->delimiter,
+        .add_option("-d,--delimiter", options.delimiter,
                     "Between cells of CSV: a character, or tab")
         ->type_name("C");
     command.add_flag(
-        "--excel", options->writer.excel,
+        "--excel", options.writer.excel,
         "For spreadsheets: byte-order mark, CR LF, and texts never taken for formulas");
     CLI::Option* const replace =
-        command.add_flag("--replace", options->replace, "Replace tables that the database has");
-    command.add_flag("--append", options->append, "Add to tables that the database has")
+        command.add_flag("--replace", options.replace, "Replace tables that the database has");
+    command.add_flag("--append", options.append, "Add to tables that the database has")
         ->excludes(replace);
-    command.add_flag("--schema", options->schema, "CREATE TABLE only");
-    addSelectOptions(command, options->select);
-    whenChosen(command, job, options, runExport);
+    command.add_flag("--schema", options.schema, "CREATE TABLE only");
+    addSelectOptions(command, options.select);
 }
 
 }  // namespace mira::tool

@@ -4,11 +4,9 @@
 
 #include <filesystem>
 
-#include "progress.h"
-#include "status.h"
+#include "records.h"
 #include "table/find.h"
 #include "table/memo.h"
-#include "table/refusal.h"
 
 namespace mira::tool {
 namespace {
@@ -25,41 +23,33 @@ std::string updateDate(const DbfHeader& header) {
     return fmt::format("{:04}-{:02}-{:02}", year, header.UpdateMonth, header.UpdateDay);
 }
 
-void countRecords(Table& table, Facts& facts) {
-    constexpr u32 kStep = 4096;
-    DbfBase* const base = table.base.get();
-    Progress progress(table.path, base->Header.RecordCount);
-    for (u32 record = 0; record < base->Header.RecordCount; ++record) {
-        leaveIfStopped();
-        if (ReadRecord(base, record) == 0) {
-            leaveIfStopped();
-            throw Refusal(fmt::format("{}: record {} cannot be read", table.path, record + u64{1}));
-        }
-        ++(base->RecordBuffer[0] == '*' ? facts.deleted : facts.live);
-        if (record % kStep == kStep - 1) progress.add(kStep);
-    }
+u64 countDeleted(const Table& table) {
+    u64 deleted = 0;
+    eachRecord(table, [&](u32) {
+        if (isDeleted(table)) ++deleted;
+        return true;
+    });
+    return deleted;
 }
 
 }  // namespace
 
-Facts factsOf(Table& table, bool withRecords) {
+Facts factsOf(Table& table, bool countRecords) {
     Facts facts;
-    DbfBase* const base = table.base.get();
-    facts.updated = updateDate(base->Header);
-    facts.hasMemos = base->FirstMemoField != -1;
+    facts.updated = updateDate(table.base->Header);
+    const std::string memos = memoFileOf(table);
+    facts.hasMemos = !memos.empty();
     std::error_code error;
-    if (facts.hasMemos && base->MemoFileName != nullptr) {
-        const auto size = std::filesystem::file_size(base->MemoFileName, error);
-        if (!error) {
-            facts.memoFile = base->MemoFileName;
-            facts.memoSize = size;
-            facts.memoUnit = hasDBase3Memos(table) ? 512 : GetBlockSize(base);
-        }
+    const auto size = std::filesystem::file_size(memos, error);
+    if (!error) {
+        facts.memoFile = memos;
+        facts.memoSize = size;
+        facts.memoUnit = memoUnit(table);
     }
     facts.indexFiles = indexFilesBeside(table.path);
     facts.indexFlag = (table.tableFlags & 1) != 0;
     facts.repairs = repairsOf(table);
-    if (withRecords) countRecords(table, facts);
+    if (countRecords) facts.deleted = countDeleted(table);
     return facts;
 }
 

@@ -10,9 +10,9 @@ namespace mira::tool {
 
 struct Facts {
     std::string updated;  // "2024-03-05"; empty when the header has no date
-    u64 live = 0, deleted = 0;
+    u64 deleted = 0;
     bool hasMemos = false;
-    std::string memoFile;  // empty: there is none
+    std::string memoFile;  // empty: it is missing, or there is none to be
     u32 memoUnit = 0;
     u64 memoSize = 0;
     std::vector<std::string> indexFiles;

@@ -2,26 +2,18 @@
 //
 // A new table is made in a folder of its own beside its place and moved there when it is whole.
 // What is appended is checked first, all of it, and cut off again when writing fails.
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <map>
 
 #include "change.h"
 #include "command/commands.h"
 #include "csvreader.h"
 #include "message.h"
-#include "output.h"
-#include "progress.h"
 #include "schema.h"
 #include "table/find.h"
 #include "table/refusal.h"
 #include "table/store.h"
-#include "table/text.h"
-#include "table/value.h"
+#include "workfolder.h"
 
 namespace mira::tool {
 namespace {
@@ -29,7 +21,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kNoCell = static_cast<std::size_t>(-1);
-constexpr u64 kProgressStep = 1024;
+
+constexpr std::pair<const char*, TableKind> kKinds[] = {
+    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
+    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
 
 struct Options {
     std::string csv, table;
@@ -39,13 +34,12 @@ struct Options {
     u32 blockSize = 0;
     std::string codePage, csvCodePage, delimiter;
     bool strict = false, lenient = false;
-    bool replace = false;  // an existing table, by --force
-    ChangeOptions change;
+    ChangeOptions change;  // with --force: replace an existing table
 };
 
 std::vector<std::string> readHeadings(CsvReader& csv) {
     CsvRow row;
-    if (!csv.next(row)) throw Refusal(csv.name() + ": empty; a line of headings is needed");
+    if (!csv.next(row)) refuse(csv.name(), ": empty; a line of headings is needed");
     std::vector<std::string> headings;
     for (const CsvCell& cell : row.cells) headings.emplace_back(trimmed(cell.text));
     return headings;
@@ -55,16 +49,9 @@ CsvOptions csvOptions(const Options& options) {
     CsvOptions csv;
     csv.codePage = options.csvCodePage;
     const bool tsv = sameText(fs::path(options.csv).extension().string(), ".tsv");
-    if (options.delimiter == "tab" || options.delimiter == "\\t" ||
-        (tsv && options.delimiter.empty())) {
-        csv.delimiter = '\t';
-        csv.tsv = tsv;
-    } else if (!options.delimiter.empty()) {
-        csv.delimiter = options.delimiter[0];
-        if (options.delimiter.size() != 1 || csv.delimiter == '"' || csv.delimiter < ' ') {
-            throw Refusal("-d " + options.delimiter + ": one character, or tab");
-        }
-    }
+    if (!options.delimiter.empty()) csv.delimiter = delimiterOf(options.delimiter);
+    if (tsv && options.delimiter.empty()) csv.delimiter = '\t';
+    csv.tsv = tsv && csv.delimiter == '\t';
     return csv;
 }
 
@@ -79,10 +66,6 @@ struct Mapping {
     std::size_t width = 0;           ///< cells of a row
 };
 
-void addName(std::string* list, const std::string& name) {
-    (*list += list->empty() ? "" : ", ") += name;
-}
-
 std::size_t columnOf(const Table& table, const std::string& heading) {
     const auto found = std::find_if(table.columns.begin(), table.columns.end(),
                                     [&](const Column& c) { return sameText(c.name, heading); });
@@ -94,8 +77,8 @@ Mapping mapColumns(const Table& table, const std::vector<std::string>& headings,
                    const std::string& csv) {
     const std::size_t count = table.columns.size();
     Mapping mapping{std::vector<std::size_t>(count, kNoCell), kNoCell, headings.size()};
-    std::string strangers;
-    std::string missing;
+    std::vector<std::string> strangers;
+    std::vector<std::string> missing;
     for (std::size_t i = 0; i < headings.size(); ++i) {
         const std::size_t column = columnOf(table, headings[i]);
         if (column < count && mapping.cells[column] == kNoCell) {
@@ -103,15 +86,15 @@ Mapping mapColumns(const Table& table, const std::vector<std::string>& headings,
         } else if (headings[i] == "_deleted") {
             mapping.deletion = i;
         } else if (headings[i] != "_record") {
-            addName(&strangers, '"' + headings[i] + '"');
+            strangers.push_back('"' + headings[i] + '"');
         }
     }
     for (std::size_t i = 0; i < count; ++i) {
         const bool left = mapping.cells[i] == kNoCell && !isCounting(table.columns[i]);
-        if (left) addName(&missing, table.columns[i].name);
+        if (left) missing.push_back(table.columns[i].name);
     }
-    if (!strangers.empty()) note("{}: left out, no such field: {}", csv, strangers);
-    if (!missing.empty()) note("{}: no heading, so blank: {}", csv, missing);
+    if (!strangers.empty()) note("{}: left out, no such field: {}", csv, joined(strangers));
+    if (!missing.empty()) note("{}: no heading, so blank: {}", csv, joined(missing));
     return mapping;
 }
 
@@ -149,7 +132,7 @@ void encodeRow(Importer& importer, const CsvRow& row) {
         if (reason.empty()) continue;
         tellCell(importer, row.line, column.name + ": " + reason);
         reason = encodeValue(table, column, Given{}, true, importer.values[i]);
-        if (!reason.empty()) throw Refusal(table.path + ": " + column.name + ": " + reason);
+        if (!reason.empty()) refuse(table.path, ": ", column.name, ": ", reason);
     }
     advanceCounters(table);
 }
@@ -173,9 +156,8 @@ void startCounters(Importer& importer, const CsvRow& row) {
         Column& column = importer.table.columns[i];
         const std::size_t cell = importer.mapping.cells[i];
         if (!isCounting(column) || cell >= row.cells.size()) continue;
-        i64 first = 0;
-        const bool whole = toInteger(row.cells[cell].text, &first);
-        if (whole && first >= 0 && first <= 0x7FFFFFFF) column.nextValue = static_cast<u32>(first);
+        const i64 first = toInteger(row.cells[cell].text).value_or(-1);
+        if (first >= 0 && first <= 0x7FFFFFFF) column.nextValue = static_cast<u32>(first);
     }
 }
 
@@ -185,7 +167,7 @@ enum class Pass : u8 {
     WriteNew  ///< into a new table
 };
 
-/// Takes all rows behind the headings.
+/// Takes all rows after the headings.
 void takeRows(Importer& importer, Pass pass, bool strict) {
     const u64 lines = importer.csv.countLines();
     Progress progress(importer.csv.name(), lines);
@@ -196,7 +178,8 @@ void takeRows(Importer& importer, Pass pass, bool strict) {
     while (importer.csv.next(row)) {
         leaveIfStopped();
         if (importer.rows == 0 && pass == Pass::WriteNew) startCounters(importer, row);
-        if (++importer.rows % kProgressStep == 0) progress.add(kProgressStep);
+        ++importer.rows;
+        progress.add(1);
         encodeRow(importer, row);
         // Once a strict import is lost, the rest is only looked at.
         if (pass != Pass::Check && !(strict && importer.faults != 0)) writeRow(importer, row);
@@ -204,9 +187,9 @@ void takeRows(Importer& importer, Pass pass, bool strict) {
 }
 
 [[noreturn]] void refuseFaults(const Importer& importer) {
-    throw Refusal(fmt::format(
-        "{}: {} not fit, nothing is written; --lenient leaves them blank", importer.csv.name(),
-        importer.faults == 1 ? "1 value does" : fmt::format("{} values do", importer.faults)));
+    refuse(importer.csv.name(), ": ", counted(importer.faults, "value"),
+           importer.faults == 1 ? " does" : " do",
+           " not fit, nothing is written; --lenient leaves them blank");
 }
 
 Status tellImported(const Importer& importer, const std::string& table, const char* verb,
@@ -223,9 +206,7 @@ Status tellImported(const Importer& importer, const std::string& table, const ch
 // ---------------------------------------------------------------------------------------------
 
 Status append(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
-    TableOptions tableOptions;
-    tableOptions.codePage = options.codePage;
-    const auto table = openToChange(options.table, tableOptions);
+    const auto table = openToChange(options.table, {.codePage = options.codePage});
     refuseBesideShapes(*table, options.change);
     Importer importer{*table, csv, mapColumns(*table, headings, csv.name())};
     takeRows(importer, Pass::Check, !options.lenient);
@@ -244,6 +225,7 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
             throw;
         }
     }
+    tellPage(*table);
     return tellImported(importer, table->path, "appended", options.change.dryRun);
 }
 
@@ -251,38 +233,17 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
 // A new table
 // ---------------------------------------------------------------------------------------------
 
-/// A folder beside a file, gone with all in it when this is.
-class WorkFolder {
-public:
-    explicit WorkFolder(const fs::path& beside) {
-        std::string name = (beside.parent_path() / ".mira.XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) {
-            throw Refusal(beside.string() + ": cannot be written: " + std::strerror(errno));
-        }
-        path_ = name;
-    }
-    ~WorkFolder() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    WorkFolder(const WorkFolder&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
-
 /// Where the new table goes: a name without extension gets ".dbf".
 Target newTarget(const Options& options) {
     fs::path path = options.table;
     if (path.extension().empty()) path += ".dbf";
     Target target = targetOf(path.string());
     if (!target.regular || target.path.empty()) {
-        throw Refusal(options.table + ": a table is a file of its own, no pipe or device");
+        refuse(options.table, ": a table is a file of its own, no pipe or device");
     }
     const std::string other = target.exists ? target.path : inAnyCase(target.path);
-    if (!other.empty() && !options.replace) {
-        throw Refusal(other + ": exists; --append adds to it, --force replaces it");
+    if (!other.empty() && !options.change.force) {
+        refuse(other, ": exists; --append adds to it, --force replaces it");
     }
     return target;
 }
@@ -297,15 +258,13 @@ Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::st
     Plan plan;
     plan.codePage = options.codePage;
     if (!options.like.empty()) {
-        TableOptions like;
-        like.codePage = options.codePage;
-        plan.like = openTable(options.like, like);
+        plan.like = openTable(options.like, {.codePage = options.codePage});
         plan.codePage = pageName(*plan.like->page.page);
         return plan;
     }
     if (plan.codePage.empty()) plan.codePage = options.kind == TableKind::Visual ? "1252" : "437";
     const auto page = openPage(plan.codePage);
-    if (!page) throw Refusal("--code-page " + plan.codePage + ": no such code page");
+    if (!page) refuse("--code-page ", plan.codePage, ": no such code page");
     if (markOf(*page) == 0) {
         note("no mark in a table says {}; whoever reads it must be told", pageName(*page));
     }
@@ -318,15 +277,15 @@ Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::st
     return plan;
 }
 
-void makeEmptyTable(const std::string& path, const Plan& plan, const Options& options) {
+void makeEmptyTable(const Target& target, const Plan& plan, const Options& options) {
     if (!plan.like) {
-        makeTable(path, plan.fields, options.kind, *openPage(plan.codePage), options.blockSize);
+        makeTable(target, plan.fields, options.kind, *openPage(plan.codePage), options.blockSize);
         return;
     }
     // The mark stays, unless the page comes from elsewhere.
     const PageChoice& page = plan.like->page;
     const bool elsewhere = page.from == "--code-page" || page.from == ".cpg";
-    makeLike(path, *plan.like, elsewhere ? markOf(*page.page) : u8{0}, options.blockSize);
+    makeLike(target, *plan.like, elsewhere ? markOf(*page.page) : u8{0}, options.blockSize);
 }
 
 /// Fields of an inferred plan are found by place, as their names may differ from the headings.
@@ -338,25 +297,18 @@ Mapping newMapping(const Plan& plan, const Options& options, const Table& table,
     return mapping;
 }
 
-void checkFree(const fs::path& path, bool replace) {
-    std::error_code ignored;
-    if (!replace && fs::exists(path, ignored)) {
-        throw Refusal(path.string() + ": exists; --force replaces it");
-    }
-}
-
 /// Where the memo file of a new table goes; empty when it has none.
 fs::path memoTarget(const Table& table, const Target& target) {
-    if (table.base->FirstMemoField == -1) return {};
-    const fs::path made = table.base->MemoFileName;
-    return fs::path(target.path).replace_extension(made.extension());
+    const fs::path made = memoFileOf(table);
+    return made.empty() ? made : fs::path(target.path).replace_extension(made.extension());
 }
 
 void checkFree(const Table& table, const Target& target, const Options& options) {
-    if (const fs::path memos = memoTarget(table, target); !memos.empty()) {
-        checkFree(memos, options.replace);
+    std::error_code ignored;
+    for (const fs::path& path : {memoTarget(table, target), fs::path(target.path)}) {
+        if (options.change.force || !fs::exists(path, ignored)) continue;
+        refuse(path.string(), ": exists; --force replaces it");
     }
-    checkFree(target.path, options.replace);
 }
 
 /// Moves the memo file, if there is one, and then the table to their places.
@@ -365,7 +317,7 @@ void moveFiles(const Table& table, const fs::path& made, const Target& target,
     checkFree(table, target, options);
     if (target.exists && !options.change.noBackup) makeBackups(*openTable(target.path, {}));
     const fs::path memos = memoTarget(table, target);
-    if (!memos.empty()) fs::rename(table.base->MemoFileName, memos);
+    if (!memos.empty()) fs::rename(memoFileOf(table), memos);
     fs::rename(made, target.path);
 }
 
@@ -374,11 +326,8 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     const Plan plan = planTable(options, csv, headings);
     const WorkFolder folder(target.path);
     const fs::path path = folder.path() / fs::path(target.path).filename();
-    makeEmptyTable(path.string(), plan, options);
-    TableOptions tableOptions;
-    tableOptions.codePage = plan.codePage;
-    tableOptions.writable = true;
-    const auto table = openTable(path.string(), tableOptions);
+    makeEmptyTable({target.path, path.string()}, plan, options);
+    const auto table = openTable(path.string(), {.codePage = plan.codePage, .writable = true});
     table->path = target.path;  // for messages: there it will be
     checkFree(*table, target, options);
     Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
@@ -396,10 +345,6 @@ Status run(const Options& options) {
 }
 
 void addOptions(CLI::App& command, Options& options) {
-    const std::map<std::string, TableKind> kinds = {
-        {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4},
-        {"foxpro", TableKind::FoxPro}, {"visual", TableKind::Visual},
-        {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
     command.add_option("CSV", options.csv, "The file to read, - for standard input")->required();
     command.add_option("TABLE", options.table, "The table to write")->required();
     auto* const like =
@@ -410,11 +355,9 @@ void addOptions(CLI::App& command, Options& options) {
             .add_option("--schema", options.schema, "Fields, as in \"NAME C(20), PRICE N(10,2)\"")
             ->type_name("FIELDS");
     auto* const append = command.add_flag("--append", options.append, "To the end of the table");
-    auto* const kind = command
-                           .add_option("--kind", options.kind,
-                                       "dbase3 (default), dbase4, foxpro, visual, smt, level7")
-                           ->type_name("KIND")
-                           ->transform(CLI::CheckedTransformer(kinds).description(""));
+    auto* const kind =
+        addChoice(command, "--kind", "dbase3 (default), dbase4, foxpro, visual, smt, level7",
+                  "KIND", kKinds, options.kind);
     auto* const block =
         command.add_option("--block-size", options.blockSize, "Bytes per block of the memo file")
             ->type_name("N")
@@ -432,31 +375,22 @@ void addOptions(CLI::App& command, Options& options) {
     auto* const strict = command.add_flag("--strict", options.strict,
                                           "Write nothing when a value does not fit (default)");
     command.add_flag("--lenient", options.lenient, "Leave such values blank")->excludes(strict);
-    command.add_flag("--force", options.replace,
+    command.add_flag("--force", options.change.force,
                      "Replace a table that is there; append also beside a .shp file");
     addChangeOptions(command, options.change);
-}
-
-Status runImport(const Options& options) {
-    Options complete = options;
-    complete.change.force = options.replace;
-    return run(complete);
 }
 
 }  // namespace
 
 void addImport(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command =
-        *program.add_subcommand("import", "Make a table from CSV, or append to one");
-    addOptions(command, *options);
-    command.footer(
+    const auto [command, options] = newCommand(
+        program, job, "import", "Make a table from CSV, or append to one", run,
         "Examples:\n"
         "  mira import stock.csv stock.dbf\n"
         "  mira import stock.csv new --schema 'NAME C(20), PRICE N(10,2)' --code-page CP866\n"
         "  mira import more.csv stock --append --dry-run\n"
         "  mira export old | mira import - new --like old");
-    whenChosen(command, job, options, runImport);
+    addOptions(command, options);
 }
 
 }  // namespace mira::tool

@@ -5,17 +5,16 @@
 #include "message.h"
 #include "selection.h"
 #include "table/find.h"
-#include "table/refusal.h"
+#include "table/store.h"
 #include "writer.h"
 
 namespace mira::tool {
 namespace {
 
 struct Options {
-    std::vector<std::string> names;
-    bool recursive = false;
+    TableNames tables;
     bool json = false;
-    SelectOptions select;
+    TableOptions table;
 };
 
 /// "C Character"
@@ -26,18 +25,14 @@ std::string typeOf(const Table& table, const Column& column) {
                                             : GetTypeName(table.base.get(), column.field));
 }
 
-bool isCounting(const Column& column) {
-    return column.type == '+' || (column.flags & kCounting) != 0;
+/// The next value of a counting field, where the descriptor keeps it.
+std::string nextValue(const Table& table, const Column& column) {
+    return isCounting(column) && table.visual ? std::to_string(column.nextValue) : "";
 }
 
 // --------------------------------------------------------------------------------------------
 // As text
 // --------------------------------------------------------------------------------------------
-
-/// "dBase III (version 0x03)"
-std::string flavourLine(const Table& table) {
-    return fmt::format("{} (version 0x{:02X})", flavourOf(table), table.storedVersion);
-}
 
 std::string memoLine(const Facts& facts) {
     if (!facts.hasMemos) return "none";
@@ -47,30 +42,21 @@ std::string memoLine(const Facts& facts) {
 }
 
 std::string indexLine(const Facts& facts) {
-    std::string line;
-    for (const std::string& file : facts.indexFiles) {
-        line += (line.empty() ? "" : ", ") + escaped(file);
-    }
-    if (line.empty()) return facts.indexFlag ? "none, though the header says so" : "none";
-    return line;
+    if (!facts.indexFiles.empty()) return escaped(joined(facts.indexFiles));
+    return facts.indexFlag ? "none, though the header says so" : "none";
 }
 
 void putFields(Output& out, const Table& table) {
     Grid grid;
     grid.indent = "  ";
-    for (const char* heading :
-         {"no.", "field", "type", "length", "decimals", "null", "binary", "next"}) {
-        const std::string_view name = heading;
-        grid.columns.push_back({std::string(name), name == "no." || name == "length" ||
-                                                       name == "decimals" || name == "next"});
-    }
+    grid.columns = {{"no.", true},      {"field"}, {"type"},   {"length", true},
+                    {"decimals", true}, {"null"},  {"binary"}, {"next", true}};
     std::vector<std::vector<std::string>> rows;
     for (const Column& column : table.columns) {
-        rows.push_back(
-            {std::to_string(column.field + 1), escaped(column.name), typeOf(table, column),
-             std::to_string(column.length), std::to_string(column.decimals),
-             column.mayBeNull() ? "yes" : "", column.untranslated ? "yes" : "",
-             isCounting(column) && table.visual ? std::to_string(column.nextValue) : ""});
+        rows.push_back({std::to_string(column.field + 1), escaped(column.name),
+                        typeOf(table, column), std::to_string(column.length),
+                        std::to_string(column.decimals), column.mayBeNull() ? "yes" : "",
+                        column.untranslated ? "yes" : "", nextValue(table, column)});
     }
     putGrid(out, grid, rows);
 }
@@ -81,11 +67,12 @@ void putText(Output& out, const Table& table, const Facts& facts) {
     };
     const DbfHeader& header = table.base->Header;
     out.put(escaped(table.path) + "\n");
-    line("flavour", flavourLine(table));
+    line("flavour", fmt::format("{} (version 0x{:02X})", table.flavour, table.storedVersion));
     line("updated", facts.updated.empty() ? "no date" : facts.updated);
     line("code page", fmt::format("{} ({})", pageName(*table.page.page), escaped(table.page.from)));
-    line("records", fmt::format("{} live, {} deleted; {} in the header, {} in the file", facts.live,
-                                facts.deleted, table.storedCount, header.RecordCount));
+    line("records", fmt::format("{} live, {} deleted; {} in the header, {} in the file",
+                                header.RecordCount - facts.deleted, facts.deleted,
+                                table.storedCount, header.RecordCount));
     line("lengths", fmt::format("header {}, record {}", header.HeaderLength, header.RecordLength));
     line("memo file", memoLine(facts));
     line("index files", indexLine(facts));
@@ -109,8 +96,8 @@ std::string fieldJson(const Table& table, const Column& column) {
     field.number("decimals", column.decimals);
     field.truth("may_be_null", column.mayBeNull());
     field.truth("binary", column.untranslated);
-    field.raw("next",
-              isCounting(column) && table.visual ? std::to_string(column.nextValue) : "null");
+    const std::string next = nextValue(table, column);
+    field.raw("next", next.empty() ? "null" : next);
     return field.whole();
 }
 
@@ -118,7 +105,7 @@ void putJson(Output& out, const Table& table, const Facts& facts) {
     JsonObject object;
     object.text("file", table.path);
     object.number("version", table.storedVersion);
-    object.text("flavour", flavourOf(table));
+    object.text("flavour", table.flavour);
     object.textOrNull("updated", facts.updated);
     object.text("code_page", pageName(*table.page.page));
     object.text("code_page_from", table.page.from);
@@ -132,55 +119,43 @@ void putJson(Output& out, const Table& table, const Facts& facts) {
     object.number("memo_bytes", facts.memoSize);
     object.texts("index_files", facts.indexFiles);
     object.textOrNull("container", table.container);
-    std::string fields = "[";
-    for (const Column& column : table.columns) {
-        if (fields.size() > 1) fields += ',';
-        fields += fieldJson(table, column);
-    }
-    object.raw("fields", fields + "]");
+    std::vector<std::string> fields;
+    for (const Column& column : table.columns) fields.push_back(fieldJson(table, column));
+    object.raw("fields", textOf('[', joined(fields, ","), ']'));
     object.texts("repairs", facts.repairs);
     object.texts("notes", table.notes);
     out.put(object.whole());
     out.put('\n');
 }
 
-Status runInfo(const Options& options) {
+Status run(const Options& options) {
     Output out(targetOf("-"), false);
-    Status status = kDone;
-    std::size_t shown = 0;
-    for (const std::string& name : findTables(options.names, options.recursive)) {
-        leaveIfStopped();
-        try {
-            const auto table = openTable(name, tableOptions(options.select));
-            const Facts facts = factsOf(*table, true);
-            if (shown++ != 0 && !options.json) out.put('\n');
-            (options.json ? putJson : putText)(out, *table, facts);
-            tellPage(*table);
-        } catch (const Refusal& refusal) {
-            tellError(refusal.what());
-            status = kFound;
-        }
-    }
+    bool first = true;
+    const auto show = [&](const std::string& name) {
+        const auto table = openTable(name, options.table);
+        const Facts facts = factsOf(*table, true);
+        if (!std::exchange(first, false) && !options.json) out.put('\n');
+        (options.json ? putJson : putText)(out, *table, facts);
+        tellPage(*table);
+        return kDone;
+    };
+    const Status status =
+        eachTable(findTables(options.tables.names, options.tables.recursive), show, &out);
     out.finish();
-    return shown == 0 ? kFailed : status;
+    return status;
 }
 
 }  // namespace
 
 void addInfo(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("info", "What a table is and which fields it has");
-    command.footer(
-        "Examples:\n"
-        "  mira info stock.dbf\n"
-        "  mira info folder --json");
-    command.add_option("tables", options->names, "Tables and folders")
-        ->type_name("TABLE|FOLDER")
-        ->required();
-    command.add_flag("-R,--recursive", options->recursive, "Folders with those below them");
-    command.add_flag("--json", options->json, "A JSON object per table, a line each");
-    addTableOptions(command, options->select);
-    whenChosen(command, job, options, runInfo);
+    const auto [command, options] =
+        newCommand(program, job, "info", "What a table is and which fields it has", run,
+                   "Examples:\n"
+                   "  mira info stock.dbf\n"
+                   "  mira info folder --json");
+    addTableNames(command, options.tables)->required();
+    command.add_flag("--json", options.json, "A JSON object per table, a line each");
+    addTableOptions(command, options.table);
 }
 
 }  // namespace mira::tool

@@ -1,11 +1,6 @@
 // mira memo: one memo out of a table or into it, or all memos of a field into a folder.
 #include "table/memo.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 #include "change.h"
@@ -14,7 +9,6 @@
 #include "output.h"
 #include "table/refusal.h"
 #include "table/store.h"
-#include "table/text.h"
 #include "writer.h"
 
 namespace mira::tool {
@@ -41,36 +35,27 @@ struct Options {
 const Column& memoColumn(const Table& table, const std::string& name) {
     const Column& column = columnNamed(table, name);
     if (holdsReference(column)) return column;
-    std::string fields;
+    std::vector<std::string> fields;
     for (const Column& other : table.columns) {
-        if (holdsReference(other)) fields += (fields.empty() ? "" : ", ") + other.name;
+        if (holdsReference(other)) fields.push_back(other.name);
     }
-    throw Refusal(fmt::format("{}: field {} is {} and holds no memos; {}", table.path, column.name,
-                              typeLabel(column),
-                              fields.empty() ? "no field does" : "these do: " + fields));
+    refuse(table.path, ": field ", column.name, " is ", typeLabel(column), " and holds no memos; ",
+           fields.empty() ? "no field does" : "these do: " + joined(fields));
 }
 
 /// Reads the record of a number from 1.
-void readRecordNumbered(Table& table, u64 number) {
+void readRecordNumbered(const Table& table, u64 number) {
     const u32 count = table.base->Header.RecordCount;
-    if (number == 0) throw Refusal("records count from 1");
-    if (number > count) {
-        throw Refusal(fmt::format("{}: no record {}; there are {}", table.path, number, count));
-    }
-    if (ReadRecord(table.base.get(), static_cast<u32>(number - 1)) == 0) {
-        throw Refusal(fmt::format("{}: record {} cannot be read", table.path, number));
-    }
+    if (number == 0) refuse("records count from 1");
+    if (number > count) refuse(table.path, ": no record ", number, "; there are ", count);
+    readRecord(table, static_cast<u32>(number - 1));
 }
 
 std::string nameOf(const Table& table, u64 record, const Column& column) {
     return fmt::format("{}: record {}, field {}", table.path, record, column.name);
 }
 
-std::vector<std::string> inputsOf(const Table& table) {
-    std::vector<std::string> inputs{table.path};
-    if (table.base->MemoFileName != nullptr) inputs.emplace_back(table.base->MemoFileName);
-    return inputs;
-}
+std::vector<std::string> inputsOf(const Table& table) { return {table.path, memoFileOf(table)}; }
 
 // --------------------------------------------------------------------------------------------
 // Out
@@ -108,7 +93,7 @@ std::string_view bytesOf(CellReader& cells, const Column& column) {
 
 /// The memo as a value or, for -o, its bytes.
 Status takeOut(const Options& options) {
-    const auto table = openTable(options.table, tableOptions(options.select));
+    const auto table = openTable(options.table, options.select.table);
     const Column& column = memoColumn(*table, options.field);
     readRecordNumbered(*table, *options.record);
     CellReader cells(*table);
@@ -116,7 +101,7 @@ Status takeOut(const Options& options) {
     readCell(cells, column, value);
     const std::string name = nameOf(*table, *options.record, column);
     if (value.fault == Fault::NoMemo) {
-        throw Refusal(name + ": the memo cannot be read; `mira check` says why");
+        refuse(name, ": the memo cannot be read; `mira check` says why");
     }
     if (isEmpty(value)) {
         note("{}: {}", name, value.kind == ValueKind::Null ? "null" : "no memo");
@@ -138,15 +123,6 @@ Status takeOut(const Options& options) {
     return matters ? kFound : kDone;
 }
 
-void makeFolder(const std::string& folder) {
-    std::error_code error;
-    fs::create_directories(folder, error);
-    std::error_code ignored;
-    if (fs::is_directory(folder, ignored)) return;
-    throw Refusal(folder + ": memos go into a folder, and this is none" +
-                  (error ? ": " + error.message() : ""));
-}
-
 /// Text as UTF-8, anything else as bytes.
 void writeFile(const Selection& selection, const std::string& folder, const Value& value,
                bool force) {
@@ -162,11 +138,11 @@ void writeFile(const Selection& selection, const std::string& folder, const Valu
 
 Status takeAllOut(const Options& options) {
     if (options.output.empty() || options.output == "-") {
-        throw Refusal("--all needs a folder: -o FOLDER");
+        refuse("--all needs a folder: -o FOLDER");
     }
     const auto selection = selectFrom(options.table, options.select);
     const Column column = memoColumn(*selection->table, options.field);
-    makeFolder(options.output);
+    makeFolder(options.output, "memos go");
     u64 memos = 0;
     Value value;
     while (nextRow(*selection)) {
@@ -186,8 +162,7 @@ Status takeAllOut(const Options& options) {
 // --------------------------------------------------------------------------------------------
 
 std::string readInput(const std::string& name) {
-    const File file(name == "-" ? fdopen(dup(STDIN_FILENO), "rb") : std::fopen(name.c_str(), "rb"));
-    if (!file) throw Refusal(name + ": " + std::strerror(errno));
+    const File file = openInput(name);
     constexpr std::size_t kChunk = 1 << 16;
     std::string bytes;
     while (true) {
@@ -196,10 +171,10 @@ std::string readInput(const std::string& name) {
         bytes.resize(used + kChunk);
         const std::size_t got = std::fread(bytes.data() + used, 1, kChunk, file.get());
         bytes.resize(used + got);
-        if (bytes.size() > kLongest) throw Refusal(name + ": longer than a memo file can be");
+        if (bytes.size() > kLongest) refuse(name, ": longer than a memo file can be");
         if (got == 0) break;
     }
-    if (std::ferror(file.get()) != 0) throw Refusal(name + ": cannot be read");
+    if (std::ferror(file.get()) != 0) refuse(name, ": cannot be read");
     return bytes;
 }
 
@@ -211,19 +186,19 @@ Given givenOf(const Column& column, const std::string& bytes) {
 }
 
 Status putIn(const Options& options) {
-    const auto table = openToChange(options.table, tableOptions(options.select));
+    const auto table = openToChange(options.table, options.select.table);
     const Column& column = memoColumn(*table, options.field);
     readRecordNumbered(*table, *options.record);
     const std::string bytes = readInput(options.from);
     Encoded encoded;
     const std::string reason = encodeValue(*table, column, givenOf(column, bytes), false, encoded);
     const std::string name = nameOf(*table, *options.record, column);
-    if (!reason.empty()) throw Refusal(name + ": " + reason);
+    if (!reason.empty()) refuse(name, ": ", reason);
     if (!options.change.dryRun) {
         beginChange(*table, options.change);
         putValue(*table, column, encoded);
         if (WriteRecord(table->base.get(), static_cast<u32>(*options.record - 1)) == 0) {
-            throw Refusal(name + ": the record cannot be written; it keeps its old memo");
+            refuse(name, ": the record cannot be written; it keeps its old memo");
         }
         stampDate(*table);
     }
@@ -235,41 +210,39 @@ Status putIn(const Options& options) {
 
 Status run(const Options& options) {
     if (options.all && (options.record || !options.from.empty())) {
-        throw Refusal("--all takes out every memo: no RECORD, no --set");
+        refuse("--all takes out every memo: no RECORD, no --set");
     }
     if (options.all) return takeAllOut(options);
-    if (!options.record) throw Refusal("RECORD says which memo; --all -o FOLDER takes all");
-    if (!options.select.where.empty()) throw Refusal("-w FILTER goes with --all");
+    if (!options.record) refuse("RECORD says which memo; --all -o FOLDER takes all");
+    if (!options.select.where.empty()) refuse("-w FILTER goes with --all");
     if (options.from.empty()) return takeOut(options);
-    if (!options.output.empty()) throw Refusal("-o or --set, not both");
+    if (!options.output.empty()) refuse("-o or --set, not both");
     return putIn(options);
 }
 
 }  // namespace
 
 void addMemo(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("memo", "Print, take out or store memos");
-    command.footer(
-        "Examples:\n"
-        "  mira memo members NOTES 3\n"
-        "  mira memo members PHOTO 1 -o photo.png\n"
-        "  mira memo members NOTES 3 --set notes.txt\n"
-        "  mira memo members NOTES --all -o notes");
-    command.add_option("TABLE", options->table, "The table")->required();
-    command.add_option("FIELD", options->field, "The memo field")->required();
-    command.add_option("RECORD", options->record, "The record, from 1; it may be deleted");
-    command.add_option("-o,--output", options->output, "A file for its bytes, \"-\" for output")
+    const auto [command, options] =
+        newCommand(program, job, "memo", "Print, take out or store memos", run,
+                   "Examples:\n"
+                   "  mira memo members NOTES 3\n"
+                   "  mira memo members PHOTO 1 -o photo.png\n"
+                   "  mira memo members NOTES 3 --set notes.txt\n"
+                   "  mira memo members NOTES --all -o notes");
+    command.add_option("TABLE", options.table, "The table")->required();
+    command.add_option("FIELD", options.field, "The memo field")->required();
+    addCount(command, "RECORD", "The record, from 1; it may be deleted", options.record);
+    command.add_option("-o,--output", options.output, "A file for its bytes, \"-\" for output")
         ->type_name("FILE");
-    command.add_option("--set", options->from, "Store what the file holds, \"-\" for input")
+    command.add_option("--set", options.from, "Store what the file holds, \"-\" for input")
         ->type_name("FILE");
-    command.add_flag("--all", options->all, "All memos of the field, a file each in -o FOLDER");
-    command.add_flag("--force", options->force, "Replace files that are there");
-    addFilterOptions(command, options->select);
-    addTableOptions(command, options->select);
-    command.add_flag("--raw", options->select.raw, "Keep soft line breaks");
-    addChangeOptions(command, options->change);
-    whenChosen(command, job, options, run);
+    command.add_flag("--all", options.all, "All memos of the field, a file each in -o FOLDER");
+    command.add_flag("--force", options.force, "Replace files that are there");
+    addFilterOptions(command, options.select);
+    addTableOptions(command, options.select.table);
+    command.add_flag("--raw", options.select.table.raw, "Keep soft line breaks");
+    addChangeOptions(command, options.change);
 }
 
 }  // namespace mira::tool

@@ -1,90 +1,72 @@
 // mira query: SQL over tables.
-#include <sqlite3.h>
 #include <unistd.h>
 
-#include <map>
 #include <set>
 
 #include "command/commands.h"
+#include "database.h"
 #include "grid.h"
 #include "message.h"
-#include "output.h"
 #include "selection.h"
-#include "sqlite/arguments.h"
 #include "sqlite/attach.h"
 #include "sqlite/mira_sqlite.h"
 #include "table/find.h"
 #include "table/refusal.h"
-#include "table/text.h"
 #include "writer.h"
 
 namespace mira::tool {
 namespace {
 
+constexpr std::pair<const char*, Format> kFormats[] = {{"table", Format::None},
+                                                       {"csv", Format::Csv},
+                                                       {"tsv", Format::Tsv},
+                                                       {"json", Format::Json},
+                                                       {"jsonl", Format::JsonLines}};
+
 struct Options {
     std::string sql;
-    std::vector<std::string> names;
-    std::string format = "table";
+    TableNames tables;
+    Format format = Format::None;
     bool write = false;
-    bool recursive = false;
-    std::string deleted = "skip";
-    SelectOptions select;
+    Deleted deleted = Deleted::Skip;
+    TableOptions table;
 };
 
-struct Close {
-    void operator()(sqlite3* connection) const { sqlite3_close(connection); }
-};
-using Connection = std::unique_ptr<sqlite3, Close>;
-
-struct Finalize {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
-
-[[noreturn]] void refuse(sqlite3* connection) {
+[[noreturn]] void fail(sqlite3* connection) {
     leaveIfStopped();
-    throw Refusal(sqlite3_errmsg(connection));
+    refuse(sqlite3_errmsg(connection));
 }
 
 /// A database in memory that nothing stays of, with the module in it.
 Connection openConnection() {
-    constexpr int kSteps = 10000;
     sqlite3* opened = nullptr;
     const int result = sqlite3_open(":memory:", &opened);
     Connection connection(opened);
-    if (result != SQLITE_OK || sql::registerMira(opened) != SQLITE_OK) refuse(opened);
-    sqlite3_progress_handler(
-        opened, kSteps, [](void*) { return stopped() ? 1 : 0; }, nullptr);
+    if (result != SQLITE_OK || sql::registerMira(opened) != SQLITE_OK) fail(opened);
+    watchStops(opened);
     return connection;
 }
 
 std::string moduleOptions(const Options& options) {
-    std::string text = ", deleted=" + options.deleted;
+    const TableOptions& table = options.table;
+    std::string text =
+        textOf(", deleted=", kDeletedWords[static_cast<std::size_t>(options.deleted)].first);
     if (options.write) text += ", writable=1";
-    if (options.select.longNames) text += ", long_names=1";
-    if (!options.select.asText.empty()) {
-        text += ", as_text=" + sql::quotedText(options.select.asText);
-    }
-    if (!options.select.codePage.empty()) {
-        text += ", code_page=" + sql::quotedText(options.select.codePage);
-    }
+    if (table.longNames) text += ", long_names=1";
+    if (!table.asText.empty()) text += ", as_text=" + quotedText(joined(table.asText));
+    if (!table.codePage.empty()) text += ", code_page=" + quotedText(table.codePage);
     return text;
 }
 
-/// False when one of them could not be opened.
-bool attachTables(sqlite3* connection, const Options& options) {
-    const bool here = options.names.empty();
-    const std::vector<std::string> names = here ? std::vector<std::string>{"."} : options.names;
-    bool all = true;
-    for (const std::string& path : findTables(names, options.recursive)) {
-        try {
-            sql::attachTable(connection, path, moduleOptions(options));
-        } catch (const Refusal& refusal) {
-            tellError(refusal.what());
-            all = false;
-        }
-    }
-    return all;
+/// kDone when all of them could be opened.
+Status attachTables(sqlite3* connection, const Options& options) {
+    const auto& [names, recursive] = options.tables;
+    const std::vector<std::string> here{"."};
+    return eachTable(findTables(names.empty() ? here : names, recursive),
+                     [&](const std::string& path) {
+                         sql::attachTable(connection, path, moduleOptions(options));
+                         return kDone;
+                     });
 }
 
 /// Names of the columns of an answer, each another one.
@@ -92,9 +74,9 @@ std::vector<Heading> headingsOf(sqlite3_stmt* statement) {
     std::vector<Heading> headings;
     std::set<std::string> taken;
     for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-        const std::string wanted = sqlite3_column_name(statement, i);
-        std::string name = wanted;
-        for (int n = 2; !taken.insert(name).second; ++n) name = wanted + "_" + std::to_string(n);
+        const std::string name =
+            freeName(sqlite3_column_name(statement, i),
+                     [&](const std::string& free) { return taken.insert(free).second; });
         headings.push_back({name, true});
     }
     return headings;
@@ -132,7 +114,7 @@ Value valueOf(sqlite3_stmt* statement, int column) {
 /// Goes on to the next row; false after the last one.
 bool step(sqlite3* connection, sqlite3_stmt* statement) {
     const int result = sqlite3_step(statement);
-    if (result != SQLITE_ROW && result != SQLITE_DONE) refuse(connection);
+    if (result != SQLITE_ROW && result != SQLITE_DONE) fail(connection);
     return result == SQLITE_ROW;
 }
 
@@ -171,7 +153,6 @@ u64 printRows(Output& out, Format format, sqlite3* connection, sqlite3_stmt* sta
     writer->begin(headings);
     u64 rows = 0;
     for (; step(connection, statement); ++rows) {
-        writer->beginRow();
         for (std::size_t i = 0; i < headings.size(); ++i) {
             writer->cell(i, valueOf(statement, static_cast<int>(i)));
         }
@@ -203,56 +184,45 @@ void runAll(Output& out, Format format, sqlite3* connection, const std::string& 
     while (*rest != 0) {
         sqlite3_stmt* prepared = nullptr;
         if (sqlite3_prepare_v2(connection, rest, -1, &prepared, &rest) != SQLITE_OK) {
-            refuse(connection);
+            fail(connection);
         }
         const Statement statement(prepared);
         if (prepared == nullptr) continue;  // a comment, blanks
         any = true;
         runStatement(out, format, connection, prepared);
     }
-    if (!any) throw Refusal("there is no statement in the query");
+    if (!any) refuse("there is no statement in the query");
 }
 
-Status runQuery(const Options& options) {
-    const std::map<std::string, Format> formats = {{"table", Format::None},
-                                                   {"csv", Format::Csv},
-                                                   {"tsv", Format::Tsv},
-                                                   {"json", Format::Json},
-                                                   {"jsonl", Format::JsonLines}};
+Status run(const Options& options) {
     const Connection connection = openConnection();
-    const bool all = attachTables(connection.get(), options);
+    const Status attached = attachTables(connection.get(), options);
     Output out(targetOf("-"), false);
-    runAll(out, formats.at(options.format), connection.get(), options.sql);
+    runAll(out, options.format, connection.get(), options.sql);
     out.finish();
-    return all ? kDone : kFound;
+    return attached == kDone ? kDone : kFound;
 }
 
 }  // namespace
 
 void addQuery(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("query", "SQL over tables");
-    command.footer(
+    const auto [command, options] = newCommand(
+        program, job, "query", "SQL over tables", run,
         "Every table has the name of its file without extension. Examples:\n"
         "  mira query 'SELECT count(*) FROM stock' stock.dbf\n"
         "  mira query 'SELECT * FROM orders JOIN stock USING (CODE)' folder\n"
         "  mira query --write \"UPDATE stock SET PRICE = 0 WHERE CODE = 'A1'\" stock.dbf");
-    command.add_option("sql", options->sql, "One statement or several")
+    command.add_option("sql", options.sql, "One statement or several")
         ->type_name("SQL")
         ->required();
-    command
-        .add_option("tables", options->names, "Tables and folders; the current folder by default")
-        ->type_name("TABLE|FOLDER");
-    command.add_option("-F,--format", options->format, "table, csv, tsv, json, jsonl")
-        ->check(CLI::IsMember({"table", "csv", "tsv", "json", "jsonl"}))
-        ->capture_default_str();
-    command.add_flag("--write", options->write, "Allow INSERT, UPDATE, DELETE; makes backups");
-    command.add_flag("-R,--recursive", options->recursive, "Folders below, too");
-    command.add_option("--deleted", options->deleted, "Records marked deleted")
-        ->check(CLI::IsMember({"skip", "include", "only"}))
-        ->capture_default_str();
-    addTableOptions(command, options->select);
-    whenChosen(command, job, options, runQuery);
+    addTableNames(command, options.tables)
+        ->description("Tables and folders; the current folder by default");
+    addChoice(command, "-F,--format", "table (default), csv, tsv, json, jsonl", "FORMAT", kFormats,
+              options.format);
+    command.add_flag("--write", options.write, "Allow INSERT, UPDATE, DELETE; makes backups");
+    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
+              kDeletedWords, options.deleted);
+    addTableOptions(command, options.table);
 }
 
 }  // namespace mira::tool

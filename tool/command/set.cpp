@@ -1,8 +1,6 @@
 // mira set: values into the fields of chosen records.
 #include "change.h"
 #include "command/commands.h"
-#include "message.h"
-#include "progress.h"
 #include "table/refusal.h"
 #include "table/store.h"
 
@@ -25,15 +23,14 @@ struct Assignment {
 Assignment assignmentOf(Table& table, const std::string& text) {
     const std::size_t equals = text.find('=');
     if (equals == std::string::npos) {
-        throw Refusal("\"" + text + "\": FIELD=VALUE, such as PRICE=12.50");
+        refuse("\"", text, "\": FIELD=VALUE, such as PRICE=12.50");
     }
     const Column& column = columnNamed(table, text.substr(0, equals));
     const std::string value = text.substr(equals + 1);
-    const bool empty = value == "\"\"";
+    const Given given = value == "\"\"" ? Given::cell("", true) : Given::cell(value);
     Assignment assignment{&column, {}};
-    const Given given = empty ? Given::cell("", true) : Given::cell(value);
     const std::string reason = encodeValue(table, column, given, false, assignment.value);
-    if (!reason.empty()) throw Refusal(table.path + ": " + column.name + ": " + reason);
+    if (!reason.empty()) refuse(table.path, ": ", column.name, ": ", reason);
     return assignment;
 }
 
@@ -43,57 +40,36 @@ std::vector<Assignment> assignmentsOf(Table& table, const std::vector<std::strin
         assignments.push_back(assignmentOf(table, text));
         for (std::size_t i = 0; i + 1 < assignments.size(); ++i) {
             if (assignments[i].column != assignments.back().column) continue;
-            throw Refusal(assignments[i].column->name + " is given twice");
+            refuse(assignments[i].column->name, " is given twice");
         }
     }
     return assignments;
 }
 
-void changeRecords(Selection& selection, const std::vector<Assignment>& assignments,
-                   const ChangeOptions& options) {
-    Table& table = *selection.table;
-    Progress progress(table.path, selection.end - selection.position);
-    while (nextRow(selection)) {
-        progress.add(1);
-        if (options.dryRun) continue;
-        if (selection.rows == 1) beginChange(table, options);
-        for (const Assignment& assignment : assignments) {
-            putValue(table, *assignment.column, assignment.value);
-        }
-        if (WriteRecord(table.base.get(), selection.position - 1) == 0) {
-            throw Refusal(fmt::format("{}: record {} cannot be written; {} before it changed",
-                                      table.path, u64{selection.cells.record} + 1,
-                                      counted(selection.rows - 1, "record")));
-        }
-    }
-}
-
 Status run(const Options& options) {
-    checkWhich(options.which, "change");
-    const SelectOptions& select = options.which.select;
-    auto table = openToChange(options.name, tableOptions(select));
-    const std::vector<Assignment> assignments = assignmentsOf(*table, options.assignments);
-    const auto selection = selectFrom(std::move(table), select);
-    changeAndTell(*selection, "changed", options.change,
-                  [&] { changeRecords(*selection, assignments, options.change); });
+    const auto selection = selectToChange(options.which, options.name, "change", Deleted::Skip);
+    Table& table = *selection->table;
+    const std::vector<Assignment> assignments = assignmentsOf(table, options.assignments);
+    changeRecords(*selection, "changed", options.change, [&](u32 position) {
+        for (const auto& [column, value] : assignments) putValue(table, *column, value);
+        return WriteRecord(table.base.get(), position) != 0;
+    });
     return kDone;
 }
 
 }  // namespace
 
 void addSet(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("set", "Change fields of records");
-    command.add_option("TABLE", options->name, "The table")->required();
-    command.add_option("FIELD=VALUE", options->assignments, "Fields and their new values")
+    const auto [command, options] =
+        newCommand(program, job, "set", "Change fields of records", run,
+                   "Examples:\n"
+                   "  mira set stock PRICE=12.50 'NAME=Bolt M8' -w 'CODE=4711'\n"
+                   "  mira set stock QTY= --all");
+    command.add_option("TABLE", options.name, "The table")->required();
+    command.add_option("FIELD=VALUE", options.assignments, "Fields and their new values")
         ->required();
-    addWhichOptions(command, options->which);
-    addChangeOptions(command, options->change);
-    command.footer(
-        "Examples:\n"
-        "  mira set stock PRICE=12.50 'NAME=Bolt M8' -w 'CODE=4711'\n"
-        "  mira set stock QTY= --all");
-    whenChosen(command, job, options, run);
+    addWhichOptions(command, options.which);
+    addChangeOptions(command, options.change);
 }
 
 }  // namespace mira::tool

@@ -4,9 +4,7 @@
 #include "command/commands.h"
 #include "grid.h"
 #include "message.h"
-#include "output.h"
 #include "selection.h"
-#include "table/refusal.h"
 #include "writer.h"
 
 namespace mira::tool {
@@ -50,9 +48,6 @@ void readShown(Selection& selection, const Column& column, std::string& text) {
 
 /// Deleted records carry a mark in front where they are shown at all.
 bool marks(const Options& options) { return options.select.deleted != Deleted::Skip; }
-std::string markOf(const Selection& selection) {
-    return selection.table->base->RecordBuffer[0] == '*' ? "*" : "";
-}
 
 Grid gridOf(const Selection& selection, const Options& options) {
     Grid grid;
@@ -77,7 +72,6 @@ void rewind(Selection& selection, Start start) {
     selection.position = start.position;
     selection.offset = start.offset;
     selection.rows = 0;
-    selection.read = 0;
     selection.faults = {};
 }
 
@@ -87,7 +81,7 @@ void eachRow(Selection& selection, const Options& options, Take take) {
     std::vector<std::string> texts(selection.columns.size() + (marks(options) ? 1 : 0));
     while (nextRow(selection)) {
         std::size_t i = 0;
-        if (marks(options)) texts[i++] = markOf(selection);
+        if (marks(options)) texts[i++] = isDeleted(*selection.table) ? "*" : "";
         for (const Column& column : selection.columns) readShown(selection, column, texts[i++]);
         take(texts);
     }
@@ -117,9 +111,9 @@ void showVertical(Output& out, Selection& selection) {
     for (const std::string& name : names) widen(grid, 0, name);
     std::string text;
     while (nextRow(selection)) {
-        const bool deleted = !markOf(selection).empty();
         out.put(fmt::format("{}record {}{}\n", selection.rows > 1 ? "\n" : "",
-                            u64{selection.cells.record} + 1, deleted ? ", deleted" : ""));
+                            u64{selection.cells.record} + 1,
+                            isDeleted(*selection.table) ? ", deleted" : ""));
         for (std::size_t i = 0; i < names.size(); ++i) {
             readShown(selection, selection.columns[i], text);
             putRow(out, grid, {names[i], text});
@@ -141,7 +135,7 @@ void tellRest(Selection& selection) {
     if (more != 0) note("{} more; -n 0 shows all", counted(more, "record"));
 }
 
-Status runShow(const Options& options) {
+Status run(const Options& options) {
     SelectOptions select = options.select;
     const bool limited = !select.limit && isatty(STDOUT_FILENO) != 0;
     if (limited) select.limit = kTerminalRows;
@@ -163,17 +157,15 @@ Status runShow(const Options& options) {
 }  // namespace
 
 void addShow(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("show", "The records of a table, for eyes");
-    command.footer(
-        "Examples:\n"
-        "  mira show stock\n"
-        "  mira show stock -w 'PRICE>10&ITEM~saw' -s PRICE -f CODE,PRICE\n"
-        "  mira show stock --deleted include --record -n 0");
-    command.add_option("table", options->table, "Table")->type_name("TABLE")->required();
-    command.add_flag("--vertical", options->vertical, "A field a line");
-    addSelectOptions(command, options->select);
-    whenChosen(command, job, options, runShow);
+    const auto [command, options] =
+        newCommand(program, job, "show", "The records of a table, for eyes", run,
+                   "Examples:\n"
+                   "  mira show stock\n"
+                   "  mira show stock -w 'PRICE>10&ITEM~saw' -s PRICE -f CODE,PRICE\n"
+                   "  mira show stock --deleted include --record -n 0");
+    command.add_option("table", options.table, "Table")->type_name("TABLE")->required();
+    command.add_flag("--vertical", options.vertical, "A field a line");
+    addSelectOptions(command, options.select);
 }
 
 }  // namespace mira::tool

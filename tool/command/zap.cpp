@@ -7,7 +7,6 @@
 #include "command/commands.h"
 #include "message.h"
 #include "table/refusal.h"
-#include "table/store.h"
 
 namespace mira::tool {
 namespace {
@@ -21,7 +20,7 @@ struct Options {
 /// Asks on the terminal; throws a Refusal without one.
 bool isWanted(const Table& table) {
     if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
-        throw Refusal(table.path + ": no terminal to ask on; -y takes all records out unasked");
+        refuse(table.path, ": no terminal to ask on; -y takes all records out unasked");
     }
     fmt::print(stderr, "Take all {} out of {}? [y/N] ",
                counted(table.base->Header.RecordCount, "record"), escaped(table.path));
@@ -41,9 +40,7 @@ Status run(const Options& options) {
             return kDone;
         }
         beginChange(*table, options.change);
-        if (Zap(table->base.get()) == 0) {
-            throw Refusal(table->path + ": cannot be cut; nothing is changed");
-        }
+        if (Zap(table->base.get()) == 0) refuse(table->path, ": cannot be cut; nothing is changed");
     }
     note("{}: {} {}taken out", table->path, counted(count, "record"),
          options.change.dryRun ? "would be " : "");
@@ -56,17 +53,15 @@ Status run(const Options& options) {
 }  // namespace
 
 void addZap(CLI::App& program, Job& job) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("zap", "Take all records out of a table");
-    command.add_option("TABLE", options->name, "The table")->required();
-    command.add_flag("-y,--yes", options->yes, "Do not ask");
-    addChangeOptions(command, options->change);
-    addForceOption(command, options->change);
-    command.footer(
-        "Examples:\n"
-        "  mira zap stock --dry-run\n"
-        "  mira zap stock -y");
-    whenChosen(command, job, options, run);
+    const auto [command, options] =
+        newCommand(program, job, "zap", "Take all records out of a table", run,
+                   "Examples:\n"
+                   "  mira zap stock --dry-run\n"
+                   "  mira zap stock -y");
+    command.add_option("TABLE", options.name, "The table")->required();
+    command.add_flag("-y,--yes", options.yes, "Do not ask");
+    addChangeOptions(command, options.change);
+    addForceOption(command, options.change);
 }
 
 }  // namespace mira::tool

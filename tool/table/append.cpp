@@ -18,11 +18,6 @@ constexpr u32 kStepPlace = 23;
 constexpr u32 kNextPlace7 = 42;
 constexpr u32 kDatePlace = 1;  // in the header: year, month, day
 
-bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count) {
-    return SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) == offset &&
-           WriteFile(file, bytes, static_cast<i32>(count)) == count;
-}
-
 /// Where the file keeps the next value; 0 for nowhere.
 u32 nextPlace(const Table& table, const Column& column) {
     const DbfBase& base = *table.base;
@@ -31,8 +26,8 @@ u32 nextPlace(const Table& table, const Column& column) {
     return descriptor + (base.Level7 != 0 ? kNextPlace7 : kNextPlace);
 }
 
-/// The value behind the largest of a field. The record buffer holds the last record then.
-u32 behindLargest(Table& table, const Column& column) {
+/// The value after the largest of a field. The record buffer holds the last record then.
+u32 afterLargest(Table& table, const Column& column) {
     DbfBase* const base = table.base.get();
     i64 largest = 0;
     for (u32 i = 0; i < base->Header.RecordCount; ++i) {
@@ -53,7 +48,7 @@ void loadCounters(Table& table) {
         if (place != 0) readFileAt(file, place, bytes, sizeof bytes);
         column.nextValue = loadLe<u32>(bytes);
         column.step = table.visual ? std::max<u32>(bytes[kStepPlace - kNextPlace], 1) : 1;
-        if (column.nextValue == 0 && !table.visual) column.nextValue = behindLargest(table, column);
+        if (column.nextValue == 0 && !table.visual) column.nextValue = afterLargest(table, column);
     }
 }
 
@@ -69,8 +64,7 @@ void appendRecord(Table& table) {
     DbfBase* const base = table.base.get();
     const u32 record = base->Header.RecordCount;
     if (InternalWriteRecord(base, record) == 0) {
-        throw Refusal(table.path + ": record " + std::to_string(record + 1) +
-                      " cannot be written; is the disk full?");
+        refuse(table.path, ": record ", record + 1, " cannot be written; is the disk full?");
     }
     ++base->Header.RecordCount;
 }
@@ -85,7 +79,7 @@ void finishAppend(Table& table) {
             written;
     }
     if (!written || WriteHeader(table.base.get()) == 0) {
-        throw Refusal(table.path + ": the header cannot be written");
+        refuse(table.path, ": the header cannot be written");
     }
 }
 
@@ -105,7 +99,7 @@ void stampDate(Table& table) {
     header.UpdateMonth = date[1];
     header.UpdateDay = date[2];
     if (!writeFileAt(table.base->TableFile, kDatePlace, date, sizeof date)) {
-        throw Refusal(table.path + ": the date of the change cannot be written");
+        refuse(table.path, ": the date of the change cannot be written");
     }
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <bit>
 #include <cstring>
+#include <string>
 
 #include "mira.h"
 
@@ -27,6 +28,12 @@ inline u32 loadBe32(const u8* from) {
 
 inline double loadBeDouble(const u8* from) {
     return std::bit_cast<double>(u64{loadBe32(from)} << 32 | loadBe32(from + 4));
+}
+
+/// "0x1A"
+inline std::string hexByte(u8 byte) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    return {'0', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
 }
 
 }  // namespace mira::tool

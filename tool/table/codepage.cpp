@@ -8,41 +8,32 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "table/pagenames.h"
+#include "table/text.h"
 #include "table/utf8.h"
 
 namespace mira::tool {
 namespace {
 
 // Pages that the C library lacks, from 80 on. 620 and 895 go on as page 437 does.
-constexpr char16_t kMazovia[] = {
-    0xC7,  0xFC,  0xE9,  0xE2,  0xE4,  0xE0,   0x105, 0xE7,  0xEA,  0xEB,  0xE8, 0xEF,
-    0xEE,  0x107, 0xC4,  0x104, 0x118, 0x119,  0x142, 0xF4,  0xF6,  0x106, 0xFB, 0xF9,
-    0x15A, 0xD6,  0xDC,  0xA2,  0x141, 0xA5,   0x15B, 0x192, 0x179, 0x17B, 0xF3, 0xD3,
-    0x144, 0x143, 0x17A, 0x17C, 0xBF,  0x2310, 0xAC,  0xBD,  0xBC,  0xA1,  0xAB, 0xBB};
-constexpr char16_t kKamenicky[] = {
-    0x10C, 0xFC,  0xE9,  0x10F, 0xE4,  0x10E, 0x164, 0x10D, 0x11B, 0x11A, 0x139, 0xCD,
-    0x13E, 0x13A, 0xC4,  0xC1,  0xC9,  0x17E, 0x17D, 0xF4,  0xF6,  0xD3,  0x16F, 0xDA,
-    0xFD,  0xD6,  0xDC,  0x160, 0x13D, 0xDD,  0x158, 0x165, 0xE1,  0xED,  0xF3,  0xFA,
-    0x148, 0x147, 0x16E, 0xD4,  0x161, 0x159, 0x155, 0x154, 0xBC,  0xA7,  0xAB,  0xBB};
-constexpr char16_t kMacGreek[] = {
-    0xC4,   0xB9,   0xB2,   0xC9,   0xB3,   0xD6,  0xDC,  0x385,  0xE0,   0xE2,   0xE4,   0x384,
-    0xA8,   0xE7,   0xE9,   0xE8,   0xEA,   0xEB,  0xA3,  0x2122, 0xEE,   0xEF,   0x2022, 0xBD,
-    0x2030, 0xF4,   0xF6,   0xA6,   0x20AC, 0xF9,  0xFB,  0xFC,   0x2020, 0x393,  0x394,  0x398,
-    0x39B,  0x39E,  0x3A0,  0xDF,   0xAE,   0xA9,  0x3A3, 0x3AA,  0xA7,   0x2260, 0xB0,   0xB7,
-    0x391,  0xB1,   0x2264, 0x2265, 0xA5,   0x392, 0x395, 0x396,  0x397,  0x399,  0x39A,  0x39C,
-    0x3A6,  0x3AB,  0x3A8,  0x3A9,  0x3AC,  0x39D, 0xAC,  0x39F,  0x3A1,  0x2248, 0x3A4,  0xAB,
-    0xBB,   0x2026, 0xA0,   0x3A5,  0x3A7,  0x386, 0x388, 0x153,  0x2013, 0x2015, 0x201C, 0x201D,
-    0x2018, 0x2019, 0xF7,   0x389,  0x38A,  0x38C, 0x38E, 0x3AD,  0x3AE,  0x3AF,  0x3CC,  0x38F,
-    0x3CD,  0x3B1,  0x3B2,  0x3C8,  0x3B4,  0x3B5, 0x3C6, 0x3B3,  0x3B7,  0x3B9,  0x3BE,  0x3BA,
-    0x3BB,  0x3BC,  0x3BD,  0x3BF,  0x3C0,  0x3CE, 0x3C1, 0x3C3,  0x3C4,  0x3B8,  0x3C9,  0x3C2,
-    0x3C7,  0x3C5,  0x3B6,  0x3CA,  0x3CB,  0x390, 0x3B0, 0xAD};
+constexpr std::u16string_view kMazovia =
+    u"ÇüéâäàąçêëèïîćÄĄĘęłôöĆûùŚÖÜ¢Ł¥śƒ"
+    u"ŹŻóÓńŃźż¿⌐¬½¼¡«»";
+constexpr std::u16string_view kKamenicky =
+    u"ČüéďäĎŤčěĚĹÍľĺÄÁÉžŽôöÓůÚýÖÜŠĽÝŘť"
+    u"áíóúňŇŮÔšřŕŔ¼§«»";
+constexpr std::u16string_view kMacGreek =
+    u"Ä¹²É³ÖÜ΅àâä΄¨çéèêë£™îï•½‰ôö¦€ùûü"
+    u"†ΓΔΘΛΞΠß®©ΣΪ§≠°·Α±≤≥¥ΒΕΖΗΙΚΜΦΫΨΩ"
+    u"άΝ¬ΟΡ≈Τ«»…\u00A0ΥΧΆΈœ–―“”‘’÷ΉΊΌΎέήίόΏ"
+    u"ύαβψδεφγηιξκλμνοπώρστθωςχυζϊϋΐΰ\u00AD";
 
 struct OwnPage {
     const char* name;
     const char* base;  ///< the page that has the bytes left out
-    std::span<const char16_t> upper;
+    std::u16string_view upper;
 };
 constexpr OwnPage kOwnPages[] = {
     {"620", "CP437", kMazovia}, {"895", "CP437", kKamenicky}, {"10006", "ISO-8859-1", kMacGreek}};
@@ -123,10 +114,6 @@ bool fillLetters(CodePage* page) {
     return true;
 }
 
-bool isPlain(char c) {
-    return c == ' ' || (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
 /// True when the bytes below 80 stand for one character each, and letters, digits and the blank
 /// for themselves: what tables need. *clean: all of them for themselves.
 bool checkAscii(const CodePage& page, bool* clean) {
@@ -138,7 +125,7 @@ bool checkAscii(const CodePage& page, bool* clean) {
         if (convert(page.decoder, &text, utf8) != Stop::End || utf8.empty()) return false;
         if (utf8[0] == c && utf8.size() == 1) continue;
         *clean = false;
-        if (isPlain(c)) return false;
+        if (c == ' ' || (c != '_' && isWordByte(c))) return false;
     }
     return true;
 }
@@ -154,13 +141,12 @@ void addByte(CodePage* page, unsigned byte) {
     if (letter != 0 || byte == 0) page->bytes.emplace_back(letter, static_cast<u8>(byte));
 }
 
-/// The byte of a character, which the lowest of several is; false when the page lacks it.
-bool findByte(const CodePage& page, char32_t letter, u8* byte) {
+/// The byte of a character, which the lowest of several is; nothing when the page lacks it.
+std::optional<u8> byteOf(const CodePage& page, char32_t letter) {
     const auto at =
         std::lower_bound(page.bytes.begin(), page.bytes.end(), std::pair<char32_t, u8>(letter, 0));
-    if (at == page.bytes.end() || at->first != letter) return false;
-    *byte = at->second;
-    return true;
+    if (at == page.bytes.end() || at->first != letter) return std::nullopt;
+    return at->second;
 }
 
 char32_t upperLetter(char32_t letter) {
@@ -177,9 +163,10 @@ void finishTable(CodePage* page) {
     }
     std::sort(page->bytes.begin(), page->bytes.end());
     for (unsigned byte = 0; byte < 256; ++byte) {
-        page->upper[byte] = static_cast<u8>(byte);
         const char32_t letter = singleLetter(page->letters[byte]);
-        if (letter != 0) findByte(*page, upperLetter(letter), &page->upper[byte]);
+        const std::optional<u8> upper =
+            letter != 0 ? byteOf(*page, upperLetter(letter)) : std::nullopt;
+        page->upper[byte] = upper.value_or(static_cast<u8>(byte));
     }
 }
 
@@ -232,67 +219,50 @@ std::size_t byConverter(const CodePage& page, std::string_view bytes, std::strin
 }
 
 std::size_t byCheck(std::string_view bytes, std::string& out) {
-    std::size_t missing = 0;
-    std::size_t good = 0;  // bytes at the start that are known to be valid
-    while (good < bytes.size()) {
-        good += asciiRun(bytes.substr(good));
-        if (good == bytes.size()) break;
-        const Utf8Step step = stepUtf8(bytes.substr(good));
-        if (step.valid) {
-            good += step.length;
-            continue;
-        }
-        out.append(bytes.data(), good).append(kReplacementText);
-        bytes.remove_prefix(good + step.length);
-        good = 0;
-        ++missing;
+    for (std::size_t missing = 0;; ++missing) {
+        const std::size_t run = validRun(bytes);
+        out += bytes.substr(0, run);
+        bytes.remove_prefix(run);
+        if (bytes.empty()) return missing;
+        out += kReplacementText;
+        bytes.remove_prefix(stepUtf8(bytes).length);
     }
-    out.append(bytes.data(), good);
-    return missing;
 }
 
 // ---------------------------------------------------------------------------------------------
 // UTF-8 to bytes
 // ---------------------------------------------------------------------------------------------
 
-/// Fills *bad with the character that a text begins with; false, for callers to return.
-bool refuse(std::string_view rest, std::string* bad) {
-    if (bad == nullptr) return false;
-    const Utf8Step step = stepUtf8(rest);
-    *bad = step.valid ? rest.substr(0, step.length) : kReplacementText;
-    return false;
+/// Appends the text converted up to the first character that the page lacks; false when there is
+/// one, with which the text then begins.
+bool toBytesByTable(const CodePage& page, std::string_view* utf8, std::string& out) {
+    while (true) {
+        const std::size_t run = page.asciiClean ? asciiRun(*utf8) : 0;
+        out += utf8->substr(0, run);
+        utf8->remove_prefix(run);
+        if (utf8->empty()) return true;
+        const Utf8Step step = stepUtf8(*utf8);
+        const std::optional<u8> byte = step.valid ? byteOf(page, step.letter) : std::nullopt;
+        if (!byte) return false;
+        out += static_cast<char>(*byte);
+        utf8->remove_prefix(step.length);
+    }
 }
 
-bool toBytesByTable(const CodePage& page, std::string_view utf8, std::string& out,
-                    std::string* bad) {
-    while (!utf8.empty()) {
-        const std::size_t run = page.asciiClean ? asciiRun(utf8) : 0;
-        out.append(utf8.data(), run);
-        utf8.remove_prefix(run);
-        if (utf8.empty()) break;
-        const Utf8Step step = stepUtf8(utf8);
-        u8 byte = 0;
-        if (!step.valid || !findByte(page, step.letter, &byte)) return refuse(utf8, bad);
-        out += static_cast<char>(byte);
-        utf8.remove_prefix(step.length);
-    }
-    return true;
+bool copyValid(std::string_view* utf8, std::string& out) {
+    const std::size_t run = validRun(*utf8);
+    out += utf8->substr(0, run);
+    utf8->remove_prefix(run);
+    return utf8->empty();
 }
 
-bool copyValid(std::string_view utf8, std::string& out, std::string* bad) {
-    std::size_t good = 0;
-    while (good < utf8.size()) {
-        good += asciiRun(utf8.substr(good));
-        if (good == utf8.size()) break;
-        const Utf8Step step = stepUtf8(utf8.substr(good));
-        if (!step.valid) {
-            out.append(utf8.data(), good);
-            return refuse(utf8.substr(good), bad);
-        }
-        good += step.length;
-    }
-    out.append(utf8);
-    return true;
+bool toBytes(const CodePage& page, std::string_view* utf8, std::string& out) {
+    if (page.kind == CodePage::Kind::Utf8) return copyValid(utf8, out);
+    if (page.kind == CodePage::Kind::SingleByte) return toBytesByTable(page, utf8, out);
+    const std::size_t run = page.asciiClean ? asciiRun(*utf8) : 0;
+    out += utf8->substr(0, run);
+    utf8->remove_prefix(run);
+    return convert(page.encoder, utf8, out) == Stop::End;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -370,13 +340,11 @@ std::size_t toUtf8(const CodePage& page, std::string_view bytes, std::string& ou
 }
 
 bool fromUtf8(const CodePage& page, std::string_view utf8, std::string& out, std::string* bad) {
-    if (page.kind == CodePage::Kind::Utf8) return copyValid(utf8, out, bad);
-    if (page.kind == CodePage::Kind::SingleByte) return toBytesByTable(page, utf8, out, bad);
-    const std::size_t run = page.asciiClean ? asciiRun(utf8) : 0;
-    out.append(utf8.data(), run);
-    utf8.remove_prefix(run);
-    if (convert(page.encoder, &utf8, out) == Stop::End) return true;
-    return refuse(utf8, bad);
+    if (toBytes(page, &utf8, out)) return true;
+    if (bad == nullptr) return false;
+    const Utf8Step step = stepUtf8(utf8);
+    *bad = step.valid ? utf8.substr(0, step.length) : kReplacementText;
+    return false;
 }
 
 void foldCase(const CodePage& page, std::span<char> bytes) {

@@ -68,15 +68,15 @@ struct PageChoice {
     /// "--code-page", ".cpg", "mark 0x26", "driver DB866RU0", "guess", "UTF-8 text", "default"
     std::string from;
     std::vector<std::string> notes;  ///< unknown names and marks, in sentences
-    bool uncertain = false;          ///< a guess, or a default that met a byte above 7F
+    bool isWeak = false;             ///< a guess or a default
+    bool uncertain = false;          ///< one that met a byte above 7F
     u8 mark = 0;                     ///< header byte 29
 };
 
 /// Chooses by the option, the .cpg file, the mark, the language driver and the texts, in this
 /// order. Texts are looked at where the mark is weak: a sample of at most 1 MiB, taken from 16
 /// stretches that lie evenly in the table, so that a late part of a long table counts, too. A
-/// sample without a byte above 7F ends in the default, not uncertain. View and record buffer of
-/// the handle stay as they were.
+/// sample without a byte above 7F ends in the default, not uncertain. Overwrites RecordBuffer.
 PageChoice choosePage(DbfBase*, std::string_view option);
 
 }  // namespace mira::tool

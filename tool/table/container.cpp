@@ -9,7 +9,6 @@
 
 #include "table/find.h"
 #include "table/refusal.h"
-#include "table/text.h"
 #include "table/value.h"
 
 namespace mira::tool {
@@ -38,9 +37,8 @@ void eachObject(Table& container, Take take) {
         return value.integer;
     };
     DbfBase* const base = container.base.get();
-    for (u32 record = 0; record < reccount(base); ++record) {
-        if (ReadRecord(base, record) == 0) break;
-        if (base->RecordBuffer[0] == '*') continue;
+    for (u32 record = 0; record < reccount(base) && ReadRecord(base, record) != 0; ++record) {
+        if (isDeleted(container)) continue;
         take(
             Object{number("OBJECTID"), number("PARENTID"), text("OBJECTTYPE"), text("OBJECTNAME")});
     }
@@ -69,21 +67,21 @@ std::string backLinkOf(const Table& table) {
 
 std::vector<std::string> longNamesOf(const Table& table) {
     if (table.container.empty()) {
-        throw Refusal(table.path + ": belongs to no database container, so it has no long names");
+        refuse(table.path, ": belongs to no database container, so it has no long names");
     }
     const std::unique_ptr<Table> container = openTable(table.container, {});
     i64 id = 0;
-    const std::string name = foldCase(stemOf(table.path));
+    const std::string name = stemOf(table.path);
     eachObject(*container, [&](const Object& object) {
-        if (object.type == "Table" && foldCase(object.name) == name) id = object.id;
+        if (object.type == "Table" && sameText(object.name, name)) id = object.id;
     });
     std::map<i64, std::string> names;
     eachObject(*container, [&](Object object) {
         if (object.type == "Field" && object.parent == id) names[object.id] = object.name;
     });
     if (id == 0 || names.empty()) {
-        throw Refusal(table.path + ": its database container " + table.container +
-                      " knows no table of this name");
+        refuse(table.path, ": its database container ", table.container,
+               " knows no table of this name");
     }
     std::vector<std::string> ordered;
     for (auto& [key, text] : names) ordered.push_back(std::move(text));

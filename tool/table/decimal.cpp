@@ -5,12 +5,12 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "table/text.h"
+
 namespace mira::tool {
 namespace {
 
 constexpr int kMostDigits = 400;  // a double has no more in front of the point
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 std::string_view takeDigits(std::string_view* text) {
     const auto end = std::find_if_not(text->begin(), text->end(), isDigit);
@@ -19,18 +19,12 @@ std::string_view takeDigits(std::string_view* text) {
     return digits;
 }
 
-bool take(std::string_view* text, char c) {
-    if (text->empty() || text->front() != c) return false;
-    text->remove_prefix(1);
-    return true;
-}
-
 /// ["e" [sign] digits]; nothing when something else stands there.
 std::optional<int> takeExponent(std::string_view* text) {
     if (text->empty()) return 0;
-    if (!take(text, 'e') && !take(text, 'E')) return std::nullopt;
-    const bool negative = take(text, '-');
-    if (!negative) take(text, '+');
+    if (!takeOneOf(text, "eE")) return std::nullopt;
+    const bool negative = takeOneOf(text, "-");
+    if (!negative) takeOneOf(text, "+");
     const std::string_view digits = takeDigits(text);
     int exponent = 0;
     const auto [end, error] =
@@ -59,10 +53,10 @@ void addOne(std::string* digits) {
 
 std::optional<Decimal> readDecimal(std::string_view text) {
     Decimal number;
-    number.negative = take(&text, '-');
-    if (!number.negative) take(&text, '+');
+    number.negative = takeOneOf(&text, "-");
+    if (!number.negative) takeOneOf(&text, "+");
     number.digits = takeDigits(&text);
-    const bool point = take(&text, '.');
+    const bool point = takeOneOf(&text, ".");
     const std::string_view fraction = point ? takeDigits(&text) : std::string_view();
     number.digits += fraction;
     const std::optional<int> exponent = takeExponent(&text);

@@ -25,7 +25,7 @@ Decimal decimalOf(double value);
 /// Changes the scale. Digits that would be lost are rounded off, half away from zero, or, when
 /// rounding is not allowed, make it fail.
 bool rescale(Decimal& number, int scale, bool mayRound);
-/// With all digits behind the point that the scale says.
+/// With all digits after the point that the scale says.
 std::string printDecimal(const Decimal& number);
 /// As a whole number in units of the last digit; nothing beyond 64 bits.
 std::optional<i64> unitsOf(const Decimal& number);

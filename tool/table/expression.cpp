@@ -5,7 +5,6 @@
 
 #include "table/refusal.h"
 #include "table/table.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -16,12 +15,6 @@ constexpr std::array<std::string_view, 30> kFunctions = {
     "trim",  "ltrim",     "rtrim", "substr", "left", "right", "upper", "lower", "cap",   "dtos",
     "space", "replicate", "abs",   "sqr",    "sqrt", "exp",   "log",   "log10", "pow10", "round",
     "trunc", "sin",       "cos",   "tan",    "asin", "acos",  "atan",  "sinh",  "cosh",  "tanh"};
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isWordByte(char c) {
-    return isDigit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
-           static_cast<u8>(c) >= 0x80;
-}
 
 /// Calls word(text, what follows) for every word outside quotes and other(c) for all else.
 template <typename Word, typename Other>
@@ -64,12 +57,12 @@ void putInPage(const Table& table, std::string_view utf8, std::string& out) {
     const std::size_t start = out.size();
     std::string bad;
     if (!fromUtf8(*table.page.page, utf8, out, &bad)) {
-        throw Refusal(table.path + ": \"" + bad + "\" does not exist in its code page " +
-                      pageName(*table.page.page));
+        refuse(table.path, ": \"", bad, "\" does not exist in its code page ",
+               pageName(*table.page.page));
     }
     if (signCount(std::string_view(out).substr(start)) != signCount(utf8)) {
-        throw Refusal(table.path + ": \"" + std::string(utf8) + "\" cannot stand in a filter in " +
-                      pageName(*table.page.page) + "; try `mira query`");
+        refuse(table.path, ": \"", utf8, "\" cannot stand in a filter in ",
+               pageName(*table.page.page), "; try `mira query`");
     }
 }
 
@@ -87,10 +80,9 @@ void refuseUnknownWords(const Table& table, std::string_view name, std::string_v
             std::vector<std::string> names(kFunctions.begin(), kFunctions.end());
             for (const Column& column : table.columns) names.push_back(column.name);
             const std::string nearest = nearestName(word, names);
-            throw Refusal(table.path + ": --calc " + std::string(name) + ": no field \"" +
-                          std::string(word) + "\"" +
-                          (nearest.empty() ? "" : ", did you mean " + nearest + "?") +
-                          " (text stands in quotes)");
+            refuse(table.path, ": --calc ", name, ": no field \"", word, "\"",
+                   nearest.empty() ? "" : ", did you mean " + nearest + "?",
+                   " (text stands in quotes)");
         },
         [](char) {});
 }
@@ -114,16 +106,16 @@ std::string forLibrary(const Table& table, std::string_view expression) {
 
 void addCalculated(Table& table, std::string_view name, std::string_view expression) {
     if (name.empty() || expression.empty()) {
-        throw Refusal("--calc needs NAME=EXPRESSION, such as TOTAL=PRICE*QTY");
+        refuse("--calc needs NAME=EXPRESSION, such as TOTAL=PRICE*QTY");
     }
     if (columnOfWord(table, name) != nullptr) {
-        throw Refusal(table.path + ": --calc " + std::string(name) + ": there is such a field");
+        refuse(table.path, ": --calc ", name, ": there is such a field");
     }
     refuseUnknownWords(table, name, expression);
     DbfBase* const base = table.base.get();
     if (base->CalcFields == nullptr && GetMemCalcField(base) == 0) throw std::bad_alloc();
     const std::string text = forLibrary(table, expression);
-    const std::string inner = "_C" + std::to_string(base->CalcFields->Count + 1);
+    const std::string inner = textOf("_C", base->CalcFields->Count + 1);
     if (AddCalcField(base, inner.c_str(), text.c_str()) == 0) throw std::bad_alloc();
     Column column;
     column.name = name;

@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -30,12 +29,6 @@ std::vector<std::string> sameNames(const fs::path& path) {
     return found;
 }
 
-std::string joined(const std::vector<std::string>& names) {
-    std::string list;
-    for (const std::string& name : names) list += (list.empty() ? "" : ", ") + name;
-    return list;
-}
-
 bool isTable(const fs::directory_entry& entry) {
     std::error_code ignored;
     return foldCase(entry.path().extension().string()) == kExtension &&
@@ -53,9 +46,9 @@ void collect(Iterator entries, std::error_code& error, std::vector<std::string>&
 std::string checked(const std::string& path) {
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
-    if (fs::is_directory(status)) throw Refusal(path + ": is a folder, not a table");
+    if (fs::is_directory(status)) refuse(path, ": is a folder, not a table");
     if (!fs::is_regular_file(status)) {
-        throw Refusal(path + ": a table cannot come from a pipe; store it in a file first");
+        refuse(path, ": a table cannot come from a pipe; store it in a file first");
     }
     return path;
 }
@@ -69,10 +62,10 @@ std::string findTable(const std::string& name) {
         if (fs::exists(wanted, error)) return checked(wanted);
         const std::vector<std::string> found = sameNames(wanted);
         if (found.size() == 1) return checked(found.front());
-        if (!found.empty()) throw Refusal(name + ": which one? There are " + joined(found));
+        if (!found.empty()) refuse(name, ": which one? There are ", joined(found));
     }
-    if (error == std::errc::permission_denied) throw Refusal(name + ": permission denied");
-    throw Refusal(name + ": no such table");
+    if (error == std::errc::permission_denied) refuse(name, ": permission denied");
+    refuse(name, ": no such table");
 }
 
 std::vector<std::string> tablesIn(const std::string& folder, bool recursive) {
@@ -84,7 +77,7 @@ std::vector<std::string> tablesIn(const std::string& folder, bool recursive) {
     } else {
         collect(fs::directory_iterator(folder, error), error, found);
     }
-    if (error) throw Refusal(folder + ": cannot be read: " + error.message());
+    if (error) refuse(folder, ": cannot be read: ", error.message());
     std::sort(found.begin(), found.end());
     return found;
 }
@@ -99,8 +92,8 @@ std::vector<std::string> findTables(const std::vector<std::string>& names, bool 
         }
         const std::vector<std::string> found = tablesIn(name, recursive);
         if (found.empty()) {
-            throw Refusal(name + ": no tables (*.dbf) in this folder" +
-                          (recursive ? "" : "; -R looks into the folders below, too"));
+            refuse(name, ": no tables (*.dbf) in this folder",
+                   recursive ? "" : "; -R looks into the folders below, too");
         }
         tables.insert(tables.end(), found.begin(), found.end());
     }

@@ -29,7 +29,7 @@ std::vector<std::string> indexFilesBeside(const std::string& path);
 /// The file name of a path without folder and extension.
 std::string stemOf(const std::string& path);
 
-/// The file behind a path that differs from it in letter case only; empty when there is none or
+/// The file of a path that differs from it in letter case only; empty when there is none or
 /// more than one.
 std::string inAnyCase(const std::string& path);
 

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <string>
 
 #include "table/bytes.h"
 #include "table/value.h"
@@ -26,7 +25,7 @@ bool isDBase4Memo(const u8* prefix) { return loadLe<u32>(prefix) == 0x0008FFFF; 
 char* memoOfBlock(const Table& table, MemoReference reference, u32* length) {
     DbfBase* const base = table.base.get();
     *length = reference.length;
-    switch (memoFormat(table)) {
+    switch (table.memoFormat) {
         case MemoFormat::Smt:
             return Get_SMTBuf(base, reference.block, length);
         case MemoFormat::FoxPro:
@@ -56,19 +55,21 @@ MemoResult readDBase3(MemoReader& reader, u64 offset, std::string_view* bytes) {
     return std::ferror(reader.file.get()) != 0 ? MemoResult::Failed : MemoResult::Found;
 }
 
-/// Whether a memo begins here; *end becomes the place behind its bytes.
-bool prefixedEnd(MemoReader& reader, const Table& table, u64 offset, u64* end) {
+/// The place after the bytes of a memo whose length stands before them.
+std::optional<u64> prefixedEnd(MemoReader& reader, const Table& table, u64 offset) {
     u8 prefix[kPrefix] = {};
     const u32 got = readFileAt(reader.file.get(), static_cast<u32>(offset), prefix, sizeof prefix);
-    if (memoFormat(table) == MemoFormat::FoxPro) {
-        *end = offset + kPrefix + loadBe32(prefix + 4);
-        return got == kPrefix && (prefix[0] | prefix[1] | prefix[2]) == 0;
+    if (got != kPrefix) return std::nullopt;
+    if (table.memoFormat == MemoFormat::FoxPro) {
+        if ((prefix[0] | prefix[1] | prefix[2]) != 0) return std::nullopt;
+        return offset + kPrefix + loadBe32(prefix + 4);
     }
-    *end = offset + loadLe<u32>(prefix + 4);
-    return got == kPrefix && isDBase4Memo(prefix) && *end >= offset + kPrefix;
+    const u32 length = loadLe<u32>(prefix + 4);
+    if (!isDBase4Memo(prefix) || length < kPrefix) return std::nullopt;
+    return offset + length;
 }
 
-/// The place behind the first end byte; that of the file without one.
+/// The place after the first end byte; that of the file without one.
 u64 markedEnd(MemoReader& reader, u64 offset) {
     char chunk[kChunk];
     for (;; offset += kChunk) {
@@ -80,56 +81,24 @@ u64 markedEnd(MemoReader& reader, u64 offset) {
 }
 
 bool isCut(MemoReader& reader, const Table& table, MemoReference reference, u64 got) {
-    if (memoFormat(table) == MemoFormat::Smt) return got < reference.length;
+    if (table.memoFormat == MemoFormat::Smt) return got < reference.length;
     const u64 offset = u64{reader.unit} * reference.block;
-    u64 end = 0;
-    return offset + kPrefix + got >= reader.size && prefixedEnd(reader, table, offset, &end) &&
-           end > offset + kPrefix + got;
+    return offset + kPrefix + got >= reader.size &&
+           prefixedEnd(reader, table, offset).value_or(0) > offset + kPrefix + got;
 }
 
 }  // namespace
 
-u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {
-    if (offset > 0x7FFFFFFF) return 0;
-    if (SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) != offset) return 0;
-    return ReadFile(file, to, static_cast<i32>(count));
-}
-
-MemoFormat memoFormat(const Table& table) {
-    if (table.visual) return MemoFormat::FoxPro;
-    switch (table.base->Header.Version) {
-        case 0x03:
-        case 0x83:
-            return MemoFormat::DBase3;
-        case 0x04:
-        case 0x8B:
-        case 0x8C:
-            return MemoFormat::DBase4;
-        case 0xF5:
-            return MemoFormat::FoxPro;
-        case 0xE5:
-            return MemoFormat::Smt;
-        default:
-            return MemoFormat::None;
-    }
-}
-
 bool holdsReference(const Column& column) {
-    switch (column.type) {
-        case 'M':
-        case 'G':
-            return true;
-        case 'W':
-        case 'P':
-            return column.length == 4 || column.length == 10;
-        default:
-            return column.type == 'B' && column.length == 10;
-    }
+    if (column.type == 'M' || column.type == 'G') return true;
+    if (column.type == 'B') return column.length == 10;
+    return (column.type == 'W' || column.type == 'P') &&
+           (column.length == 4 || column.length == 10);
 }
 
 MemoReference memoReference(const Table& table, const Column& column) {
     const std::string_view stored = storedBytes(table, column);
-    if (memoFormat(table) == MemoFormat::Smt) {
+    if (table.memoFormat == MemoFormat::Smt) {
         if (stored.size() < 10) return {false};
         return {true, loadLe<u32>(stored.data() + 6), loadLe<u32>(stored.data() + 2)};
     }
@@ -144,6 +113,10 @@ MemoReference memoReference(const Table& table, const Column& column) {
     return reference;
 }
 
+u32 memoUnit(const Table& table) {
+    return table.memoFormat == MemoFormat::DBase3 ? kDBase3Unit : GetBlockSize(table.base.get());
+}
+
 bool openMemos(MemoReader& reader, const Table& table) {
     if (!reader.measured) {
         reader.measured = true;
@@ -151,31 +124,28 @@ bool openMemos(MemoReader& reader, const Table& table) {
             reader.file.reset(Open_FileRO(table.base->MemoFileName));
         }
         if (reader.file) {
-            reader.unit = hasDBase3Memos(table) ? kDBase3Unit : GetBlockSize(table.base.get());
+            reader.unit = memoUnit(table);
             reader.size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);
         }
     }
     return reader.file != nullptr;
 }
 
-bool memoEnd(MemoReader& reader, const Table& table, MemoReference reference, u64* end) {
+std::optional<u64> memoEnd(MemoReader& reader, const Table& table, MemoReference reference) {
     const u64 offset = u64{reader.unit} * reference.block;
-    switch (memoFormat(table)) {
-        case MemoFormat::DBase3: {
-            u8 start[4] = {};
+    u8 start[4] = {};
+    switch (table.memoFormat) {
+        case MemoFormat::DBase3:
             readFileAt(reader.file.get(), static_cast<u32>(offset), start, sizeof start);
-            if (isDBase4Memo(start)) return false;
-            *end = markedEnd(reader, offset);
-            return true;
-        }
+            if (isDBase4Memo(start)) return std::nullopt;
+            return markedEnd(reader, offset);
         case MemoFormat::DBase4:
         case MemoFormat::FoxPro:
-            return prefixedEnd(reader, table, offset, end);
+            return prefixedEnd(reader, table, offset);
         case MemoFormat::Smt:
-            *end = offset + reference.length;
-            return true;
+            return offset + reference.length;
         default:
-            return false;
+            return std::nullopt;
     }
 }
 
@@ -186,7 +156,9 @@ MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column
     if (!reference.isReference) return MemoResult::Failed;
     if (reference.block == 0 && reference.length == 0) return MemoResult::None;
     if (!openMemos(reader, table)) return MemoResult::Failed;
-    if (hasDBase3Memos(table)) return readDBase3(reader, u64{kDBase3Unit} * reference.block, bytes);
+    if (table.memoFormat == MemoFormat::DBase3) {
+        return readDBase3(reader, u64{reader.unit} * reference.block, bytes);
+    }
     u32 length = 0;
     SetFilePointer(reader.file.get(), 0, nullptr, SEEK_SET);  // a failure shows in the next read
     table.base->MemoFile = reader.file.get();

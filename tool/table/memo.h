@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,11 +27,6 @@ struct MemoReference {
     u32 block = 0;            // 0: no memo
     u32 length = 0;           // of an SMT memo
 };
-/// What the memo file of a table looks like, by its version.
-enum class MemoFormat : u8 { None, DBase3, DBase4, FoxPro, Smt };
-MemoFormat memoFormat(const Table& table);
-/// Whether memos end at a byte 1A, in blocks of 512.
-inline bool hasDBase3Memos(const Table& table) { return memoFormat(table) == MemoFormat::DBase3; }
 /// Whether the column is a memo field whose length can hold a reference.
 bool holdsReference(const Column& column);
 MemoReference memoReference(const Table& table, const Column& column);
@@ -47,11 +43,14 @@ struct MemoReader {
     std::string text{};
 };
 
+/// Bytes per block of the memo file.
+u32 memoUnit(const Table& table);
 /// Opens the memo file, once, and takes its measures; false when there is none.
 bool openMemos(MemoReader& reader, const Table& table);
-/// Whether the block begins as memos of the format do. *end becomes the place in the file behind
-/// the memo's last byte, end mark included, as far as it says itself; it may lie past the file's.
-bool memoEnd(MemoReader& reader, const Table& table, MemoReference reference, u64* end);
+/// The place in the file after the memo's last byte, end mark included, as far as the memo says
+/// itself; it may lie past the file's. Nothing when the block does not begin as memos of the
+/// format.
+std::optional<u64> memoEnd(MemoReader& reader, const Table& table, MemoReference reference);
 
 /// Reads a memo of the current record; *bytes last until the next one is read.
 MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column,

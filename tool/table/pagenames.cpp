@@ -3,7 +3,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <string_view>
+
+#include "table/text.h"
 
 namespace mira::tool {
 namespace {
@@ -89,23 +90,9 @@ constexpr const char* kNamedPages[][2] = {
     {"KAMENICKY", "895"},
 };
 
-bool isIgnored(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == 0; }
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && isIgnored(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isIgnored(text.back())) text.remove_suffix(1);
-    return text;
-}
-
 bool dropPrefix(std::string_view* text, std::string_view prefix) {
     if (!text->starts_with(prefix)) return false;
     text->remove_prefix(prefix.size());
-    return true;
-}
-
-bool dropOneOf(std::string_view* text, std::string_view letters) {
-    if (text->empty() || letters.find(text->front()) == std::string_view::npos) return false;
-    text->remove_prefix(1);
     return true;
 }
 
@@ -127,35 +114,27 @@ std::string numberedPage(std::string_view text) {
     }
     const int number = wholeNumber(text);
     const bool known = (number >= 437 && number <= 950) || (number >= 1250 && number <= 1258);
-    return known ? "CP" + std::to_string(number) : "";
+    return known ? textOf("CP", number) : "";
 }
 
 /// ["ISO" ["-" | "_" | " "]] "8859" ["-" | "_" | " "] number
 std::string isoPage(std::string_view text) {
-    if (dropPrefix(&text, "ISO")) dropOneOf(&text, "-_ ");
+    if (dropPrefix(&text, "ISO")) takeOneOf(&text, "-_ ");
     if (!dropPrefix(&text, "8859")) return "";
-    dropOneOf(&text, "-_ ");
+    takeOneOf(&text, "-_ ");
     const int part = wholeNumber(text);
-    return part >= 1 && part <= 16 ? "ISO-8859-" + std::to_string(part) : "";
+    return part >= 1 && part <= 16 ? textOf("ISO-8859-", part) : "";
 }
 
 /// A name that may go to the C library: there "/" begins an option, and no name is the locale's.
 bool isPlainName(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-        return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+        return (c >= 'A' && c <= 'Z') || isDigit(c) ||
                std::string_view("-_.:+()").find(c) != std::string_view::npos;
     });
 }
 
 }  // namespace
-
-std::string upperAscii(std::string_view text) {
-    std::string upper(text);
-    for (char& c : upper) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    }
-    return upper;
-}
 
 const char* pageOfMark(u8 mark) {
     for (const PageMarks& row : kMarks) {
@@ -194,7 +173,7 @@ bool isThaiDriver(std::string_view driver) {
 }
 
 std::string pageOfSpelling(std::string_view spelling) {
-    const std::string upper = upperAscii(trimmed(spelling));
+    const std::string upper = upperAscii(trimmed(spelling, std::string_view(" \t\r\n\0", 5)));
     std::string_view text = upper;
     if (dropPrefix(&text, "LDID/")) {
         const int mark = wholeNumber(text);

@@ -8,9 +8,6 @@
 
 namespace mira::tool {
 
-/// ASCII letters in upper case, whatever the locale.
-std::string upperAscii(std::string_view text);
-
 /// The page of a mark, by the name that the C library or an own table has; null: no such mark.
 const char* pageOfMark(u8 mark);
 /// The mark to write for a page of that name; 0: none.

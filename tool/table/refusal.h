@@ -3,10 +3,18 @@
 
 #include <stdexcept>
 
+#include "table/text.h"
+
 namespace mira::tool {
 
 struct Refusal : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+
+/// Throws the sentence that the parts make.
+template <typename... Part>
+[[noreturn]] void refuse(const Part&... parts) {
+    throw Refusal(textOf(parts...));
+}
 
 }  // namespace mira::tool

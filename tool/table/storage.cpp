@@ -16,9 +16,8 @@ Stored ofBytes(Storage storage, std::string_view bytes) {
 
 Stored ofDigits(const Column& column, std::string_view digits) {
     constexpr double kLimit = 9223372036854775808.0;  // 2^63
-    i64 whole = 0;
     if (column.kind != Kind::Decimal || column.decimals != 0) return ofReal(toReal(digits));
-    if (toInteger(digits, &whole)) return ofInteger(whole);
+    if (const std::optional<i64> whole = toInteger(digits)) return ofInteger(*whole);
     const double value = toReal(digits);  // 1e3 is whole, too
     const bool integer = std::trunc(value) == value && value >= -kLimit && value < kLimit;
     return integer ? ofInteger(static_cast<i64>(value)) : ofReal(value);
@@ -83,13 +82,13 @@ const char* storageName(Storage storage) {
     return kNames[static_cast<std::size_t>(storage)];
 }
 
-std::string quotedName(std::string_view name) {
-    std::string quoted = "\"";
-    for (const char c : name) {
-        if (c == '"') quoted += '"';
+std::string quotedBy(char quote, std::string_view text) {
+    std::string quoted(1, quote);
+    for (const char c : text) {
+        if (c == quote) quoted += quote;
         quoted += c;
     }
-    return quoted + '"';
+    return quoted + quote;
 }
 
 }  // namespace mira::tool

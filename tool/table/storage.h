@@ -31,7 +31,9 @@ Stored storedAs(const Column& column, const Value& value);
 Storage declaredStorage(const Column& column);
 /// Its name in SQL.
 const char* storageName(Storage storage);
-/// A name in SQL.
-std::string quotedName(std::string_view name);
+/// A name or a text in SQL.
+std::string quotedBy(char quote, std::string_view text);
+inline std::string quotedName(std::string_view name) { return quotedBy('"', name); }
+inline std::string quotedText(std::string_view text) { return quotedBy('\'', text); }
 
 }  // namespace mira::tool

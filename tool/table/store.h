@@ -11,6 +11,8 @@
 //   finishAppend once, or takeBack
 #pragma once
 
+#include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -64,7 +66,15 @@ std::string encodeValue(Table& table, const Column& column, const Given& given, 
 /// memo file. Throws a Refusal when the memo cannot be written.
 void putValue(Table& table, const Column& column, const Encoded& encoded);
 
-/// "C(20)", "N(10,2)", "I": type and length as a person writes them.
+struct Moment {
+    std::tm time{};  // tm_year is the full year, tm_mon 0 to 11
+    int milliseconds = 0;
+};
+/// A date, and after a blank, a "T" or nothing a time. Nothing when there is no such moment.
+std::optional<Moment> readMoment(std::string_view text);
+
+/// "C(20)", "N(10,2)", "I": type and length as a person writes them. Length 0: the type alone.
+std::string typeLabel(char type, u32 length, u32 decimals);
 std::string typeLabel(const Column& column);
 
 /// Whether the column counts by itself.
@@ -77,12 +87,12 @@ void advanceCounters(Table& table);
 
 /// Clears RecordBuffer for a new record; every column then needs a putValue.
 void newRecord(Table& table);
-/// Writes RecordBuffer behind the last record; the header in the file still counts the old ones.
+/// Writes RecordBuffer after the last record; the header in the file still counts the old ones.
 /// Throws a Refusal.
 void appendRecord(Table& table);
 /// Makes the appended records count: next values, date, record count, end byte. Throws a Refusal.
 void finishAppend(Table& table);
-/// Cuts the table back to a number of records after a failure, what is left of a record behind them
+/// Cuts the table back to a number of records after a failure, what is left of a record after them
 /// included; false when that fails, too.
 bool takeBack(Table& table, u32 records);
 /// Stamps today's date into the header, which otherwise stays as it is. Throws a Refusal.

@@ -19,10 +19,11 @@
 #include "table/find.h"
 #include "table/memo.h"
 #include "table/refusal.h"
-#include "table/text.h"
 
 namespace mira::tool {
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr u32 kFlagPlace = 18;
 constexpr u32 kNextPlace = 19;
@@ -30,6 +31,19 @@ constexpr u32 kStepPlace = 23;
 constexpr u32 kDescriptor = 32;
 constexpr u32 kLibraryName = 10;  // characters that a name has in an expression
 constexpr char kTerminator = 0x0D;
+
+constexpr std::string_view kVisualFoxPro = "Visual FoxPro";
+struct Version {
+    u8 byte;
+    std::string_view flavour;
+    MemoFormat memos;
+};
+constexpr Version kVersions[] = {
+    {0x03, "dBase III", MemoFormat::DBase3},   {0x83, "dBase III", MemoFormat::DBase3},
+    {0x04, "dBase IV", MemoFormat::DBase4},    {0x8B, "dBase IV", MemoFormat::DBase4},
+    {0x8C, "level 7", MemoFormat::DBase4},     {0x30, kVisualFoxPro, MemoFormat::FoxPro},
+    {0x31, kVisualFoxPro, MemoFormat::FoxPro}, {0x32, kVisualFoxPro, MemoFormat::FoxPro},
+    {0xF5, "FoxPro", MemoFormat::FoxPro},      {0xE5, "SMT", MemoFormat::Smt}};
 
 constexpr u32 kVersionRepaired = 1;
 constexpr u32 kTypesUnknown = 2;
@@ -49,8 +63,20 @@ std::string whyNotOpened(const std::string& path) {
 
 Base openBase(const std::string& path, bool writable) {
     Base base(writable ? OpenBase(path.c_str()) : OpenBaseRO(path.c_str()));
-    if (!base) throw Refusal(path + ": " + whyNotOpened(path));
+    if (!base) refuse(path, ": ", whyNotOpened(path));
     return base;
+}
+
+/// What the version byte says, as the library repaired it.
+void readVersion(Table& table) {
+    const DbfBase& base = *table.base;
+    const auto* const row =
+        std::find_if(std::begin(kVersions), std::end(kVersions),
+                     [&](const Version& version) { return version.byte == base.Header.Version; });
+    const bool known = row != std::end(kVersions);
+    table.memoFormat = known ? row->memos : MemoFormat::None;
+    table.flavour = base.Level7 != 0 ? "level 7" : known ? row->flavour : "dBase family";
+    table.visual = table.flavour == kVisualFoxPro;
 }
 
 /// What the file says before the library's repairs.
@@ -63,42 +89,19 @@ void readStoredHeader(Table& table) {
     table.storedLength = loadLe<u16>(header + 10);
     table.tableFlags = header[28];
     std::error_code ignored;
-    table.fileSize = std::filesystem::file_size(table.path, ignored);
+    table.fileSize = fs::file_size(table.path, ignored);
 }
 
 Kind kindOf(const Column& column) {
-    switch (column.type) {
-        case 'C':
-            return Kind::Text;
-        case 'V':
-            return Kind::Varchar;
-        case 'Q':
-            return Kind::Varbinary;
-        case 'N':
-        case 'F':
-            return Kind::Decimal;
-        case 'I':
-        case '+':
-            return Kind::Integer;
-        case 'O':
-            return Kind::Double;
-        case 'Y':
-            return Kind::Currency;
-        case 'D':
-            return Kind::Date;
-        case 'T':
-        case '@':
-            return Kind::Moment;
-        case 'L':
-            return Kind::Logical;
-        case 'M':
-            return Kind::Memo;
-        case 'B':
-            if (column.length == 8) return Kind::Double;
-            break;
-        default:
-            break;
+    constexpr std::pair<char, Kind> kKinds[] = {
+        {'C', Kind::Text},     {'V', Kind::Varchar}, {'Q', Kind::Varbinary}, {'N', Kind::Decimal},
+        {'F', Kind::Decimal},  {'I', Kind::Integer}, {'+', Kind::Integer},   {'O', Kind::Double},
+        {'Y', Kind::Currency}, {'D', Kind::Date},    {'T', Kind::Moment},    {'@', Kind::Moment},
+        {'L', Kind::Logical},  {'M', Kind::Memo}};
+    for (const auto& [type, kind] : kKinds) {
+        if (type == column.type) return kind;
     }
+    if (column.type == 'B' && column.length == 8) return Kind::Double;
     return holdsReference(column) ? Kind::Blob : Kind::Bytes;
 }
 
@@ -179,11 +182,10 @@ void assignNullBits(Table& table, std::vector<Column>& all) {
 void makeUnique(std::vector<Column>& columns) {
     std::set<std::string> taken;
     for (Column& column : columns) {
-        if (column.name.empty()) column.name = "field_" + std::to_string(column.field + 1);
-        const std::string name = column.name;
-        for (int n = 2; !taken.insert(foldCase(column.name)).second; ++n) {
-            column.name = name + "_" + std::to_string(n);
-        }
+        if (column.name.empty()) column.name = textOf("field_", column.field + 1);
+        column.name = freeName(column.name, [&](const std::string& name) {
+            return taken.insert(foldCase(name)).second;
+        });
     }
 }
 
@@ -193,14 +195,9 @@ void takeLongNames(Table& table) {
         if (!names[i].empty()) table.columns[i].name = names[i];
     }
     if (names.size() != table.columns.size()) {
-        table.notes.push_back("the database container names " + std::to_string(names.size()) +
-                              " fields, the table has " + std::to_string(table.columns.size()));
+        table.notes.push_back(textOf("the database container names ", names.size(),
+                                     " fields, the table has ", table.columns.size()));
     }
-}
-
-bool isWordByte(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
-           static_cast<u8>(c) >= 0x80;
 }
 
 /// Fields whose name an expression cannot hold, or which has changed, get one that it can.
@@ -213,21 +210,19 @@ void nameForLibrary(Table& table) {
         const bool plain = shown == column.name && length <= kLibraryName &&
                            std::all_of(name, name + length, isWordByte);
         if (plain) continue;
-        std::string other = "_F" + std::to_string(column.field + 1);
-        while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount)
-            other = "_" + other;
+        std::string other = textOf("_F", column.field + 1);
+        while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount) {
+            other.insert(0, 1, '_');
+        }
         std::memset(name, 0, sizeof(DbfField::Name));
         std::memcpy(name, other.data(), other.size());
     }
 }
 
-std::size_t indexOf(const Table& table, const Column& column) {
-    return static_cast<std::size_t>(&column - table.columns.data());
-}
-
 void readAsText(Table& table) {
     for (const std::string& name : table.options.asText) {
-        Column& column = table.columns[indexOf(table, columnNamed(table, name))];
+        const auto index = &columnNamed(table, name) - table.columns.data();
+        Column& column = table.columns[static_cast<std::size_t>(index)];
         column.untranslated = false;
         if (column.kind == Kind::Blob) column.kind = Kind::Memo;
         if (column.kind == Kind::Varbinary) column.kind = Kind::Varchar;
@@ -238,8 +233,8 @@ void readAsText(Table& table) {
 void noteUnknownTypes(Table& table) {
     for (const Column& column : table.columns) {
         if (ValidField(column.type) != 0 || column.kind != Kind::Bytes) continue;
-        table.notes.push_back("field " + column.name + ": type \"" + std::string(1, column.type) +
-                              "\" is unknown, its bytes are shown as stored");
+        table.notes.push_back(textOf("field ", column.name, ": type \"", column.type,
+                                     "\" is unknown, its bytes are shown as stored"));
     }
 }
 
@@ -260,12 +255,9 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     table->base = openBase(table->path, options.writable);
     DbfBase* const base = table->base.get();
     readStoredHeader(*table);
-    const u8 version = base->Header.Version;
-    table->visual = version >= 0x30 && version <= 0x32 && base->Level7 == 0;
+    readVersion(*table);
     table->page = choosePage(base, options.codePage);
-    if (!table->page.page) {
-        throw Refusal("--code-page " + options.codePage + ": no such code page");
-    }
+    if (!table->page.page) refuse("--code-page ", options.codePage, ": no such code page");
     table->notes = table->page.notes;
     std::vector<Column> all;
     for (int field = 0; field < base->FieldCount; ++field) all.push_back(columnOf(*table, field));
@@ -290,7 +282,7 @@ std::unique_ptr<Table> openAgain(const Table& table) {
     again->base = openBase(table.path, false);
     DbfBase* const base = again->base.get();
     if (!sameStructure(*table.base, *base)) {
-        throw Refusal(table.path + ": its fields have changed since it was opened");
+        refuse(table.path, ": its fields have changed since it was opened");
     }
     // As openTable has left them: names for the library, and which fields are memos.
     std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
@@ -304,8 +296,7 @@ const Column* findColumn(const Table& table, std::string_view name) {
     for (const Column& column : table.columns) {
         if (foldCase(column.name) == wanted) return &column;
     }
-    const bool number = !wanted.empty() && wanted.size() < 6 &&
-                        wanted.find_first_not_of("0123456789") == std::string::npos;
+    const bool number = !wanted.empty() && wanted.size() < 6 && areDigits(wanted);
     const auto field = number ? static_cast<std::size_t>(std::stoul(wanted)) : 0;
     return field >= 1 && field <= table.columns.size() ? &table.columns[field - 1] : nullptr;
 }
@@ -315,79 +306,61 @@ const Column& columnNamed(const Table& table, std::string_view name) {
     std::vector<std::string> names;
     for (const Column& column : table.columns) names.push_back(column.name);
     const std::string nearest = nearestName(name, names);
-    throw Refusal(
-        table.path + ": no field \"" + std::string(name) + "\"" +
-        (nearest.empty() ? "; `mira info` lists them" : "; did you mean " + nearest + "?"));
+    refuse(table.path, ": no field \"", name, "\"",
+           nearest.empty() ? "; `mira info` lists them" : "; did you mean " + nearest + "?");
 }
 
 std::string_view libraryName(const Table& table, const Column& column) {
     return GetFieldName(table.base.get(), column.field);
 }
 
-std::string_view flavourOf(const Table& table) {
-    if (table.base->Level7 != 0) return "level 7";
-    switch (table.base->Header.Version) {
-        case 0x03:
-        case 0x83:
-            return "dBase III";
-        case 0x04:
-        case 0x8B:
-            return "dBase IV";
-        case 0x8C:
-            return "level 7";
-        case 0x30:
-        case 0x31:
-        case 0x32:
-            return "Visual FoxPro";
-        case 0xF5:
-            return "FoxPro";
-        case 0xE5:
-            return "SMT";
-        default:
-            return "dBase family";
-    }
+Column extraColumn(const Table& table, std::string name, Kind kind) {
+    while (findColumn(table, name) != nullptr) name.insert(0, 1, '_');
+    Column column;
+    column.name = std::move(name);
+    column.kind = kind;
+    return column;
 }
 
-bool hasSoftBreaks(const Table& table) {
-    const char* const memo = table.base->MemoFileName;
-    return memo != nullptr && sameText(std::filesystem::path(memo).extension().string(), ".dbt");
+void readRecord(const Table& table, u32 record) {
+    if (ReadRecord(table.base.get(), record) != 0) return;
+    refuse(table.path, ": record ", u64{record} + 1, " cannot be read");
+}
+
+std::string memoFileOf(const Table& table) {
+    const DbfBase& base = *table.base;
+    return base.FirstMemoField != -1 && base.MemoFileName != nullptr ? base.MemoFileName : "";
 }
 
 std::string missingMemos(const Table& table) {
-    const DbfBase& base = *table.base;
-    if (base.FirstMemoField == -1 || base.MemoFileName == nullptr) return "";
+    const fs::path memos = memoFileOf(table);
     std::error_code ignored;
-    if (std::filesystem::exists(base.MemoFileName, ignored)) return "";
-    return "its memo file " + std::filesystem::path(base.MemoFileName).filename().string() +
-           " is missing";
+    if (memos.empty() || fs::exists(memos, ignored)) return "";
+    return textOf("its memo file ", memos.filename().string(), " is missing");
 }
 
 std::string countRepair(const Table& table) {
     const DbfBase& base = *table.base;
     if ((base.Status & kCountRepaired) == 0) return "";
-    return "the header counts " + std::to_string(table.storedCount) + " records, the file holds " +
-           std::to_string(base.Header.RecordCount);
+    return textOf("the header counts ", counted(table.storedCount, "record"), ", the file holds ",
+                  base.Header.RecordCount);
 }
 
 std::vector<std::string> repairsOf(const Table& table) {
     std::vector<std::string> repairs;
     const DbfBase& base = *table.base;
-    const auto hex = [](unsigned byte) {
-        constexpr char kDigits[] = "0123456789ABCDEF";
-        return std::string{'0', 'x', kDigits[byte / 16], kDigits[byte % 16]};
-    };
     if ((base.Status & kVersionRepaired) != 0) {
-        repairs.push_back("version " + hex(table.storedVersion) + " is unknown; read as " +
-                          hex(base.Header.Version));
+        repairs.push_back(textOf("version ", hexByte(table.storedVersion), " is unknown; read as ",
+                                 hexByte(base.Header.Version)));
     }
-    if ((base.Status & kTypesUnknown) != 0 && base.FieldCount == 0)
-        repairs.push_back("there are no fields");
+    if ((base.Status & kTypesUnknown) != 0 && base.FieldCount == 0) {
+        repairs.emplace_back("there are no fields");
+    }
     const std::string count = countRepair(table);
     if (!count.empty()) repairs.push_back(count);
     if (table.storedLength != base.Header.RecordLength) {
-        repairs.push_back("the header gives records of " + std::to_string(table.storedLength) +
-                          " bytes, the fields add up to " +
-                          std::to_string(base.Header.RecordLength));
+        repairs.push_back(textOf("the header gives records of ", table.storedLength,
+                                 " bytes, the fields add up to ", base.Header.RecordLength));
     }
     const u32 end = base.HeaderSize + base.DescriptorSize * base.FieldCount;
     char terminator = 0;
@@ -395,6 +368,17 @@ std::vector<std::string> repairsOf(const Table& table) {
         repairs.emplace_back("the field list has no end mark; it ends with the header");
     }
     return repairs;
+}
+
+u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {
+    if (offset > 0x7FFFFFFF) return 0;
+    if (SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) != offset) return 0;
+    return ReadFile(file, to, static_cast<i32>(count));
+}
+
+bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count) {
+    return SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) == offset &&
+           WriteFile(file, bytes, static_cast<i32>(count)) == count;
 }
 
 }  // namespace mira::tool

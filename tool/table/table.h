@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "mira.h"
@@ -42,6 +43,14 @@ enum class Kind : u8 {
     Deletion,      // whether it is deleted
 };
 
+/// What the memo file of a table looks like. dBase III's memos end at a byte 1A, in blocks of 512.
+enum class MemoFormat : u8 { None, DBase3, DBase4, FoxPro, Smt };
+
+/// Which records are shown.
+enum class Deleted : u8 { Skip, Include, Only };
+constexpr std::pair<const char*, Deleted> kDeletedWords[] = {
+    {"skip", Deleted::Skip}, {"include", Deleted::Include}, {"only", Deleted::Only}};
+
 constexpr i32 kNoBit = -1;
 constexpr int kNoField = -1;
 
@@ -70,10 +79,10 @@ constexpr u8 kBinary = 4;
 constexpr u8 kCounting = 8;
 
 struct TableOptions {
-    std::string codePage;             // empty: what the table says
-    std::vector<std::string> asText;  // names of binary fields that hold text after all
-    bool longNames = false;           // names from the database container
-    bool raw = false;                 // texts and numbers as stored
+    std::string codePage{};             // empty: what the table says
+    std::vector<std::string> asText{};  // names of binary fields that hold text after all
+    bool longNames = false;             // names from the database container
+    bool raw = false;                   // texts and numbers as stored
     bool writable = false;
 };
 
@@ -82,7 +91,9 @@ struct TableFacts {
     std::string path;
     TableOptions options;
     PageChoice page;
-    bool visual = false;   // Visual FoxPro: descriptor flags and null flags count
+    std::string_view flavour;  // "Visual FoxPro", by the repaired version byte
+    bool visual = false;       // Visual FoxPro: descriptor flags and null flags count
+    MemoFormat memoFormat = MemoFormat::None;
     u8 storedVersion = 0;  // version byte as it stands in the file
     u8 tableFlags = 0;     // header byte 28
     u32 storedCount = 0;   // records by the header, before repairs
@@ -121,10 +132,16 @@ std::string forLibrary(const Table& table, std::string_view expression);
 /// The name under which the library finds a column: at most ten letters, digits, "_".
 std::string_view libraryName(const Table& table, const Column& column);
 
-/// "Visual FoxPro", by the repaired version byte.
-std::string_view flavourOf(const Table& table);
-/// Whether memo texts may hold soft line breaks (8D 0A), as those of ".dbt" files do.
-bool hasSoftBreaks(const Table& table);
+/// A column that is no field; the name gets underscores in front while a field has it.
+Column extraColumn(const Table& table, std::string name, Kind kind);
+
+/// Reads a physical record, from 0, into RecordBuffer. Throws a Refusal.
+void readRecord(const Table& table, u32 record);
+/// Whether the record in RecordBuffer is marked deleted.
+inline bool isDeleted(const Table& table) { return table.base->RecordBuffer[0] == '*'; }
+
+/// The memo file, there or not; empty when no field needs one.
+std::string memoFileOf(const Table& table);
 /// "its memo file stock.dbt is missing"; empty when it is there, or there is none to be.
 std::string missingMemos(const Table& table);
 /// "the header counts 2 records, the file holds 3"; empty when they agree.
@@ -132,7 +149,9 @@ std::string countRepair(const Table& table);
 /// What opening repaired, a sentence each.
 std::vector<std::string> repairsOf(const Table& table);
 
-/// Bytes of the table file, through the library's wrappers; how many were read.
+/// Bytes of a file, through the library's wrappers; how many were read.
 u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count);
+/// False when not all of them could be written.
+bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count);
 
 }  // namespace mira::tool

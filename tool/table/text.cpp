@@ -12,10 +12,6 @@
 namespace mira::tool {
 namespace {
 
-struct Free {
-    void operator()(void* memory) const { std::free(memory); }
-};
-
 std::string foldAscii(std::string_view text) {
     std::string folded(text);
     for (char& c : folded) {
@@ -48,27 +44,41 @@ std::string foldCase(std::string_view utf8) {
         reinterpret_cast<const utf8proc_uint8_t*>(utf8.data()),
         static_cast<utf8proc_ssize_t>(utf8.size()), &folded,
         static_cast<utf8proc_option_t>(UTF8PROC_CASEFOLD | UTF8PROC_STABLE | UTF8PROC_COMPOSE));
-    const std::unique_ptr<utf8proc_uint8_t, Free> owner(folded);
+    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, std::free);
     if (length < 0) return foldAscii(utf8);
     return {reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length)};
 }
 
-bool isAscii(std::string_view text) { return asciiRun(text) == text.size(); }
-
-bool isUtf8(std::string_view text) {
-    while (true) {
-        text.remove_prefix(asciiRun(text));
-        if (text.empty()) return true;
-        const Utf8Step step = stepUtf8(text);
-        if (!step.valid) return false;
-        text.remove_prefix(step.length);
+std::string upperAscii(std::string_view text) {
+    std::string upper(text);
+    for (char& c : upper) {
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
     }
+    return upper;
 }
 
-std::string_view trimmed(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(' ');
+bool isAscii(std::string_view text) { return asciiRun(text) == text.size(); }
+
+bool isUtf8(std::string_view text) { return validRun(text) == text.size(); }
+
+bool isWordByte(char c) {
+    return isDigit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' ||
+           (c & 0x80) != 0;
+}
+
+std::string_view trimmed(std::string_view text, std::string_view of) {
+    const std::size_t first = text.find_first_not_of(of);
     if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(' ') - first + 1);
+    return text.substr(first, text.find_last_not_of(of) - first + 1);
+}
+
+std::string joined(const std::vector<std::string>& parts, std::string_view between) {
+    std::string list;
+    for (const std::string& part : parts) {
+        if (&part != parts.data()) list += between;
+        list += part;
+    }
+    return list;
 }
 
 std::vector<std::string> splitList(std::string_view list) {

@@ -81,4 +81,15 @@ inline std::size_t asciiRun(std::string_view text) {
     return run;
 }
 
+/// Bytes at the start of a text that are valid.
+inline std::size_t validRun(std::string_view text) {
+    for (std::size_t run = 0;;) {
+        run += asciiRun(text.substr(run));
+        if (run == text.size()) return run;
+        const Utf8Step step = stepUtf8(text.substr(run));
+        if (!step.valid) return run;
+        run += step.length;
+    }
+}
+
 }  // namespace mira::tool

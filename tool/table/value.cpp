@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 
 #include "table/bytes.h"
@@ -21,7 +22,6 @@ constexpr i64 kLastDay = 5373484;           // 9999-12-31
 constexpr i64 kDayBeforeYear1 = 1721425;
 constexpr i64 kDayMilliseconds = 86400000;
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isPadding(char c) { return c == ' ' || c == '\0'; }
 bool isAll(std::string_view bytes, char c) {
     return bytes.find_first_not_of(c) == std::string_view::npos;
@@ -76,16 +76,11 @@ std::string_view withoutBlanks(std::string_view text) {
     return text;
 }
 
-std::string_view untilNul(std::string_view text) {
-    const void* nul = std::memchr(text.data(), 0, text.size());
-    if (nul == nullptr) return text;
-    return text.substr(0, static_cast<std::size_t>(static_cast<const char*>(nul) - text.data()));
-}
-
 /// Bytes that are in no code page: UTF-8 without a zero byte is text, all else stays bytes.
 void giveUntranslated(Value& value, std::string_view bytes, std::string_view text) {
-    if (bytes.find('\0') != std::string_view::npos || !isUtf8(bytes))
+    if (bytes.find('\0') != std::string_view::npos || !isUtf8(bytes)) {
         return giveBytes(value, bytes);
+    }
     value.kind = ValueKind::Text;
     value.text = text;
 }
@@ -96,7 +91,7 @@ void giveCharacters(CellReader& reader, const Column& column, Value& value,
     if (column.untranslated) {
         return giveUntranslated(value, bytes, raw ? bytes : withoutBlanks(bytes));
     }
-    const std::string_view text = untilNul(bytes);
+    const std::string_view text = bytes.substr(0, bytes.find('\0'));
     giveText(reader, value, raw ? text : withoutBlanks(text));
 }
 
@@ -128,7 +123,7 @@ void giveVarbinary(const Table& table, const Column& column, Value& value) {
 // Memos
 // --------------------------------------------------------------------------------------------
 
-/// Soft line breaks, 8D 0A, become 0A. Behind a byte above 7F in a multi-byte page 8D may end a
+/// Soft line breaks, 8D 0A, become 0A. After a byte above 7F in a multi-byte page 8D may end a
 /// character and stays. The text is rewritten where it lies.
 std::string_view withoutSoftBreaks(const CodePage& page, std::string_view text,
                                    std::string& storage) {
@@ -143,6 +138,11 @@ std::string_view withoutSoftBreaks(const CodePage& page, std::string_view text,
     }
     storage = std::move(changed);
     return storage;
+}
+
+/// Whether memo texts may hold soft line breaks, as those of ".dbt" files do.
+bool hasSoftBreaks(const Table& table) {
+    return sameText(std::filesystem::path(memoFileOf(table)).extension().string(), ".dbt");
 }
 
 void giveMemoText(CellReader& reader, const Column& column, Value& value, std::string_view bytes) {
@@ -178,15 +178,18 @@ void giveMemo(CellReader& reader, const Column& column, Value& value) {
 // Numbers
 // --------------------------------------------------------------------------------------------
 
-void giveDecimal(const Table& table, const Column& column, Value& value) {
-    const std::string_view digits = withoutPadding(storedBytes(table, column));
-    if (digits.empty()) return;
+void giveDigits(Value& value, std::string_view digits) {
     if (!isNumber(digits)) {
         value.fault = Fault::NoNumber;
         return;
     }
     value.kind = ValueKind::Digits;
     value.text = digits;
+}
+
+void giveDecimal(const Table& table, const Column& column, Value& value) {
+    const std::string_view digits = withoutPadding(storedBytes(table, column));
+    if (!digits.empty()) giveDigits(value, digits);
 }
 
 void giveInteger(Value& value, i64 integer) {
@@ -231,18 +234,13 @@ void giveCurrency(CellReader& reader, const Column& column, Value& value) {
 
 int twoDigits(const char* at) { return (at[0] - '0') * 10 + (at[1] - '0'); }
 
-bool isDay(int year, int month, int day) {
-    constexpr int kLast[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    if (month < 1 || month > 12 || day < 1 || day > kLast[month - 1]) return false;
-    return month != 2 || day != 29 || if_leap_year(year) != 0;
-}
-
 /// Digits yyyymmdd to "yyyy-mm-dd"; false when they are no day.
 bool putDate(char* to, const char* digits) {
-    if (!isDay(twoDigits(digits) * 100 + twoDigits(digits + 2), twoDigits(digits + 4),
-               twoDigits(digits + 6))) {
-        return false;
-    }
+    using namespace std::chrono;
+    const auto at = [&](int i) { return twoDigits(digits + i); };
+    const year_month_day date{year{at(0) * 100 + at(2)}, month{static_cast<unsigned>(at(4))},
+                              day{static_cast<unsigned>(at(6))}};
+    if (!date.ok()) return false;
     std::memcpy(to, digits, 4);
     to[4] = '-';
     std::memcpy(to + 5, digits + 4, 2);
@@ -250,8 +248,6 @@ bool putDate(char* to, const char* digits) {
     std::memcpy(to + 8, digits + 6, 2);
     return true;
 }
-
-bool areDigits(std::string_view text) { return std::all_of(text.begin(), text.end(), isDigit); }
 
 /// Blank, zeros included; else bad.
 void giveNoDate(Value& value, std::string_view stored) {
@@ -275,7 +271,7 @@ void putTwo(char* to, unsigned number) {
     to[1] = static_cast<char>('0' + number % 10);
 }
 
-/// "yyyy-mm-dd hh:mm:ss", ".sss" behind it when not zero; false when there is no such moment.
+/// "yyyy-mm-dd hh:mm:ss", ".sss" after it when not zero; false when there is no such moment.
 bool putMoment(CellReader& reader, i64 day, i64 milliseconds, Value& value) {
     if (day < kFirstDay || day > kLastDay) return false;
     if (milliseconds < 0 || milliseconds >= kDayMilliseconds) return false;
@@ -356,18 +352,8 @@ void giveLogical(const Table& table, const Column& column, Value& value) {
 
 void giveCalculated(CellReader& reader, const Column& column, Value& value) {
     const char* const text = GetCalcStringI(reader.table->base.get(), column.field);
-    if (text == nullptr) {
-        value.fault = Fault::NoNumber;
-        return;
-    }
-    if (!column.numeric) return giveText(reader, value, withoutBlanks(text));
-    const std::string_view digits = trimmed(text);
-    if (!isNumber(digits)) {
-        value.fault = Fault::NoNumber;
-        return;
-    }
-    value.kind = ValueKind::Digits;
-    value.text = digits;
+    if (text != nullptr && !column.numeric) return giveText(reader, value, withoutBlanks(text));
+    giveDigits(value, text != nullptr ? trimmed(text) : "");
 }
 
 }  // namespace
@@ -426,48 +412,45 @@ void readCell(CellReader& reader, const Column& column, Value& value) {
         case Kind::RecordNumber:
             return giveInteger(value, i64{reader.record} + 1);
         case Kind::Deletion:
-            giveInteger(value, table.base->RecordBuffer[0] == '*' ? 1 : 0);
+            giveInteger(value, isDeleted(table) ? 1 : 0);
             value.kind = ValueKind::Logical;
             return;
     }
 }
 
 bool isNumber(std::string_view text) {
-    const char* at = text.data();
-    const char* const end = at + text.size();
-    const auto digits = [&] {
-        const char* const start = at;
-        while (at != end && isDigit(*at)) ++at;
-        return at - start;
+    const auto takeDigits = [&text] {
+        std::size_t count = 0;
+        while (count < text.size() && isDigit(text[count])) ++count;
+        text.remove_prefix(count);
+        return count;
     };
-    if (at != end && (*at == '+' || *at == '-')) ++at;
-    auto count = digits();
-    if (at != end && *at == '.') {
-        ++at;
-        count += digits();
-    }
+    takeOneOf(&text, "+-");
+    std::size_t count = takeDigits();
+    if (takeOneOf(&text, ".")) count += takeDigits();
     if (count == 0) return false;
-    if (at != end && (*at == 'e' || *at == 'E')) {
-        ++at;
-        if (at != end && (*at == '+' || *at == '-')) ++at;
-        if (digits() == 0) return false;
+    if (takeOneOf(&text, "eE")) {
+        takeOneOf(&text, "+-");
+        if (takeDigits() == 0) return false;
     }
-    return at == end;
+    return text.empty();
 }
 
-bool toInteger(std::string_view digits, i64* value) {
-    if (!digits.empty() && digits.front() == '+') digits.remove_prefix(1);
+std::optional<i64> toInteger(std::string_view digits) {
+    takeOneOf(&digits, "+");
     const char* const end = digits.data() + digits.size();
-    auto [next, error] = std::from_chars(digits.data(), end, *value);
-    if (error != std::errc()) return false;
-    // Zeros behind a point are no decimals.
-    if (next != end && *next == '.')
+    i64 value = 0;
+    auto [next, error] = std::from_chars(digits.data(), end, value);
+    if (error != std::errc()) return std::nullopt;
+    // Zeros after a point are no decimals.
+    if (next != end && *next == '.') {
         next = std::find_if(next + 1, end, [](char c) { return c != '0'; });
-    return next == end;
+    }
+    return next == end ? std::optional(value) : std::nullopt;
 }
 
 double toReal(std::string_view digits) {
-    if (!digits.empty() && digits.front() == '+') digits.remove_prefix(1);
+    takeOneOf(&digits, "+");
     double value = 0;
     const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
     if (result.ec == std::errc::result_out_of_range) {
@@ -493,11 +476,8 @@ u64 faultCount(const Faults& faults) {
 }
 
 std::string faultSentence(Fault fault, u64 count) {
-    struct Words {
-        const char* one;
-        const char* many;
-    };
-    constexpr Words kWords[kFaults] = {
+    // For one, for more.
+    constexpr const char* kWords[kFaults][2] = {
         {"", ""},
         {"value that is no number came out empty", "values that are no numbers came out empty"},
         {"value that is no date came out empty", "values that are no dates came out empty"},
@@ -509,8 +489,7 @@ std::string faultSentence(Fault fault, u64 count) {
         {"memo is cut: the memo file does not hold all of it",
          "memos are cut: the memo file does not hold all of them"},
     };
-    const Words& words = kWords[static_cast<std::size_t>(fault)];
-    return std::to_string(count) + " " + (count == 1 ? words.one : words.many);
+    return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
 }
 
 }  // namespace mira::tool

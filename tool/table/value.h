@@ -7,7 +7,7 @@
 //   B of 8 bytes, O   Real
 //   Y                 Currency: text with four decimals, integer in ten-thousandths
 //   D                 Date: text "2024-01-31"
-//   T, @              Moment: text "2024-01-31 23:59:59", ".sss" behind it when not zero
+//   T, @              Moment: text "2024-01-31 23:59:59", ".sss" after it when not zero
 //   L                 Logical: integer 1 or 0
 //   G, P, Q, W, B     Bytes
 //   other letters     Bytes, as stored
@@ -18,7 +18,7 @@
 #pragma once
 
 #include <array>
-#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -84,8 +84,8 @@ bool isNull(const Table& table, const Column& column);
 /// The stored bytes of the column in the current record.
 std::string_view storedBytes(const Table& table, const Column& column);
 
-/// Digits to a whole number of 64 bits; false when they are none or the number has decimals.
-bool toInteger(std::string_view digits, i64* value);
+/// Digits to a whole number of 64 bits; nothing when they are none or the number has decimals.
+std::optional<i64> toInteger(std::string_view digits);
 /// Digits to the nearest double.
 double toReal(std::string_view digits);
 /// Whether the digits are a number: sign, digits with at most one point, exponent.

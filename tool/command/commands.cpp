@@ -1,0 +1,32 @@
+#include "command/commands.h"
+
+#include "message.h"
+#include "table/refusal.h"
+
+namespace mira::tool {
+
+CLI::Option* addTableNames(CLI::App& command, TableNames& names) {
+    command.add_flag("-R,--recursive", names.recursive, "Folders with those below them");
+    return command.add_option("tables", names.names, "Tables and folders")
+        ->type_name("TABLE|FOLDER");
+}
+
+Status eachTable(const std::vector<std::string>& tables,
+                 const std::function<Status(const std::string&)>& work, Output* out) {
+    Status status = kDone;
+    bool any = false;
+    for (const std::string& name : tables) {
+        leaveIfStopped();
+        try {
+            status = worse(status, work(name));
+            any = true;
+        } catch (const Refusal& refusal) {
+            if (out != nullptr) out->flush();
+            tellError(refusal.what());
+            status = kFound;
+        }
+    }
+    return any ? status : kFailed;
+}
+
+}  // namespace mira::tool
