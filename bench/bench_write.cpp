@@ -106,7 +106,7 @@ void plainSetMemo(benchmark::State& state) {
         std::FILE* file = openPlain(sample.memoPath());
         char header[24];
         std::fread(header, 1, sizeof header, file);
-        writeAt(file, 512L * next, header, 8);
+        writeAt(file, static_cast<long>(512 * next), header, 8);
         std::fwrite(text.data(), 1, text.size(), file);
         next += static_cast<u32>((text.size() + 8 + 511) / 512);
         writeAt(file, 0, &next, sizeof next);

@@ -117,9 +117,9 @@ std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size
     return n;
 }
 
-int seekStream(Stream* s, long offset, int whence) {
+int seekStream(Stream* s, off_t offset, int whence) {
     const std::size_t base = whence == SEEK_CUR ? s->at : whence == SEEK_END ? s->file->size() : 0;
-    const long to = static_cast<long>(base) + offset;
+    const off_t to = static_cast<off_t>(base) + offset;
     if (to >= 0) s->at = static_cast<std::size_t>(to);
     return to >= 0 ? 0 : -1;
 }
@@ -170,28 +170,36 @@ std::string_view test::contentsOf(const std::string& path) {
     return file != nullptr ? std::string_view(*file) : "";
 }
 
-#define WRAP(result, name, ours, answer, parameters, arguments) \
-    result __real_##name parameters;                            \
+// The C library has calls for large files under names of their own where a long has 32 bits.
+#ifdef _FILE_OFFSET_BITS
+#define LARGE(name) name##64
+#else
+#define LARGE(name) name
+#endif
+
+#define WRAP(...) WRAP_NAMED(__VA_ARGS__)
+#define WRAP_NAMED(result, name, ours, answer, parameters, arguments) \
+    result __real_##name parameters;                                  \
     result __wrap_##name parameters { return (ours) ? answer : __real_##name arguments; }
 
 extern "C" {
 WRAP(char*, mkdtemp, true, nextFolder(), (char* pattern), (pattern))
 WRAP(DIR*, opendir, inMemory(path), nullptr, (const char* path), (path))
-WRAP(int, open, inMemory(path), openFile(path, flags), (const char* path, int flags, ...),
+WRAP(int, LARGE(open), inMemory(path), openFile(path, flags), (const char* path, int flags, ...),
      (path, flags, 0666))
 WRAP(int, close, of(fd), closeStream(of(fd)), (int fd), (fd))
 WRAP(std::FILE*, fdopen, of(fd), openStream(fd, mode), (int fd, const char* mode), (fd, mode))
-WRAP(std::FILE*, fopen, inMemory(path), openStream(openFile(path, flagsOf(mode)), mode),
+WRAP(std::FILE*, LARGE(fopen), inMemory(path), openStream(openFile(path, flagsOf(mode)), mode),
      (const char* path, const char* mode), (path, mode))
 WRAP(std::size_t, fread, of(file), readStream(of(file), to, size, n),
      (void* to, std::size_t size, std::size_t n, std::FILE* file), (to, size, n, file))
 WRAP(std::size_t, fwrite, of(file), writeStream(of(file), from, size, n),
      (const void* from, std::size_t size, std::size_t n, std::FILE* file), (from, size, n, file))
-WRAP(ssize_t, pread, of(fd), readAt(of(fd), to, count, from),
+WRAP(ssize_t, LARGE(pread), of(fd), readAt(of(fd), to, count, from),
      (int fd, void* to, std::size_t count, off_t from), (fd, to, count, from))
-WRAP(int, fseek, of(file), seekStream(of(file), to, whence),
-     (std::FILE * file, long to, int whence), (file, to, whence))
-WRAP(long, ftell, of(file), static_cast<long>(of(file)->at), (std::FILE * file), (file))
+WRAP(int, LARGE(fseeko), of(file), seekStream(of(file), to, whence),
+     (std::FILE * file, off_t to, int whence), (file, to, whence))
+WRAP(off_t, LARGE(ftello), of(file), static_cast<off_t>(of(file)->at), (std::FILE * file), (file))
 WRAP(int, remove, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
 WRAP(int, unlink, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
 WRAP(int, link, inMemory(from), giveName(find(from), to), (const char* from, const char* to),
@@ -199,19 +207,20 @@ WRAP(int, link, inMemory(from), giveName(find(from), to), (const char* from, con
 WRAP(int, flock, of(fd), 0, (int fd, int operation), (fd, operation))
 WRAP(int, fsync, of(fd), 0, (int fd), (fd))
 WRAP(int, fchmod, of(fd), 0, (int fd, mode_t mode), (fd, mode))
-WRAP(int, lstat, inMemory(path), describe(find(path), info), (const char* path, struct stat* info),
-     (path, info))
+WRAP(int, LARGE(lstat), inMemory(path), describe(find(path), info),
+     (const char* path, struct stat* info), (path, info))
 WRAP(int, rename, inMemory(from), renameFile(from, to), (const char* from, const char* to),
      (from, to))
 WRAP(int, access, inMemory(path), find(path) != nullptr ? 0 : -1, (const char* path, int mode),
      (path, mode))
-WRAP(int, stat, inMemory(path), describe(find(path), info), (const char* path, struct stat* info),
-     (path, info))
-WRAP(int, fstat, of(fd), describe(of(fd)->file, info), (int fd, struct stat* info), (fd, info))
+WRAP(int, LARGE(stat), inMemory(path), describe(find(path), info),
+     (const char* path, struct stat* info), (path, info))
+WRAP(int, LARGE(fstat), of(fd), describe(of(fd)->file, info), (int fd, struct stat* info),
+     (fd, info))
 WRAP(int, fileno, of(file), descriptorOf(of(file)), (std::FILE * file), (file))
-WRAP(int, fcntl, of(fd), of(fd)->access, (int fd, int command, ...),
+WRAP(int, LARGE(fcntl), of(fd), of(fd)->access, (int fd, int command, ...),
      (fd, command))  // asked for F_GETFL only
-WRAP(int, truncate, inMemory(path), cut(find(path), size), (const char* path, off_t size),
+WRAP(int, LARGE(truncate), inMemory(path), cut(find(path), size), (const char* path, off_t size),
      (path, size))
-WRAP(int, ftruncate, of(fd), cut(of(fd)->file, size), (int fd, off_t size), (fd, size))
+WRAP(int, LARGE(ftruncate), of(fd), cut(of(fd)->file, size), (int fd, off_t size), (fd, size))
 }

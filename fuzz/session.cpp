@@ -217,7 +217,7 @@ struct Session {
                                 : Truncate(h, at)) != 0,
                     possible);
         if (!possible) return;
-        if (way == 0) rows.erase(rows.begin() + at);
+        if (way == 0) rows.erase(rows.begin() + static_cast<int>(at));
         while (way == 2 && rows.size() < at) {  // the end-of-file byte, then zeros
             rows.push_back({std::string(h->Header.RecordLength, '\0'), {}});
             if (std::exchange(endByte, false)) rows.back().bytes[0] = '\x1A';
@@ -254,7 +254,7 @@ struct Session {
         CHECK_EQUAL(Insert(h, at, clear) != 0, possible);
         if (!possible) return;
         if (clear) buffer = blank();
-        rows.insert(rows.begin() + (reversed ? count - 1 - at : at), buffer);
+        rows.insert(rows.begin() + static_cast<int>(reversed ? count - 1 - at : at), buffer);
         touchAll();
         setStamped();
     }

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <iostream>
@@ -59,21 +60,30 @@ std::size_t onOther(int mode, std::FILE* file, Call call) {
 
 }  // namespace
 
-#define WRAP(result, name, failed, failure, parameters, arguments) \
-    result __real_##name parameters;                               \
+// The C library has calls for large files under names of their own where a long has 32 bits.
+#ifdef _FILE_OFFSET_BITS
+#define LARGE(name) name##64
+#else
+#define LARGE(name) name
+#endif
+
+#define WRAP(...) WRAP_NAMED(__VA_ARGS__)
+#define WRAP_NAMED(result, name, failed, failure, parameters, arguments) \
+    result __real_##name parameters;                                     \
     result __wrap_##name parameters { return (failed) ? failure : __real_##name arguments; }
 
 extern "C" {
 WRAP(void*, malloc, size > fault.most || fails(kAllocate), nullptr, (std::size_t size), (size))
 WRAP(void*, calloc, fails(kAllocate), nullptr, (std::size_t n, std::size_t size), (n, size))
 WRAP(void*, realloc, fails(kAllocate), nullptr, (void* block, std::size_t size), (block, size))
-WRAP(std::FILE*, fopen, fails(kOpen), nullptr, (const char* path, const char* mode), (path, mode))
+WRAP(std::FILE*, LARGE(fopen), fails(kOpen), nullptr, (const char* path, const char* mode),
+     (path, mode))
 WRAP(std::FILE*, fdopen, fails(kOpen), nullptr, (int fd, const char* mode), (fd, mode))
-WRAP(int, fseek, fails(kSeek), -1, (std::FILE * file, long to, int from), (file, to, from))
+WRAP(int, LARGE(fseeko), fails(kSeek), -1, (std::FILE * file, off_t to, int from), (file, to, from))
 WRAP(std::size_t, fread, fails(kRead),
      onOther(O_WRONLY, file, [&] { return __real_fread(to, size, n, file); }),
      (void* to, std::size_t size, std::size_t n, std::FILE* file), (to, size, n, file))
-WRAP(int, ftruncate, endsOrFails(kCut), -1, (int fd, off_t size), (fd, size))
+WRAP(int, LARGE(ftruncate), endsOrFails(kCut), -1, (int fd, off_t size), (fd, size))
 WRAP(int, rename, endsOrFails(kName), -1, (const char* from, const char* to), (from, to))
 WRAP(int, link, endsOrFails(kName), -1, (const char* from, const char* to), (from, to))
 WRAP(int, fsync, fails(kName), -1, (int fd), (fd))
@@ -98,8 +108,9 @@ using namespace test;
 /// What the files hold: a text for each record, its bytes but for the reference and its memo.
 using Rows = std::vector<std::string>;
 
-u64 number(std::string_view bytes, bool bigEndian = false) {
-    u64 value = 0;
+/// Of up to four bytes.
+std::size_t number(std::string_view bytes, bool bigEndian = false) {
+    std::size_t value = 0;
     for (std::size_t i = 0; i < bytes.size(); ++i)
         value = value << 8 | static_cast<u8>(bytes[bigEndian ? i : bytes.size() - 1 - i]);
     return value;
@@ -107,9 +118,11 @@ u64 number(std::string_view bytes, bool bigEndian = false) {
 
 /// The memo that a reference leads to.
 std::string memoAt(u32 kind, const std::string& reference, const std::string& file) {
-    const auto at = [&](u64 place) { return place < file.size() ? file.substr(place) : ""; };
+    const auto at = [&](u64 place) {
+        return place < file.size() ? file.substr(static_cast<std::size_t>(place)) : "";
+    };
     if (kind == 4) {
-        const u64 place = number(reference.substr(6, 4)) * number(file.substr(4, 2));
+        const u64 place = u64{number(reference.substr(6, 4))} * number(file.substr(4, 2));
         return at(place).substr(0, number(reference.substr(2, 4)));
     }
     const u64 block = kind == 3 ? number(reference) : std::strtoull(reference.c_str(), nullptr, 10);

@@ -3,6 +3,7 @@
 // options and hooks.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>

@@ -91,7 +91,7 @@ struct BadEnd {
             0x30, {{"A", 'C', 5}, {"B", 'N', 6, 2}, {"D", 'D', 8}}, {}, level7 ? kLevel7 : kPlain};
         layout.records.assign(4, " Anna   1.5020240229");
         std::string out = layout.bytes();
-        const std::size_t end = load(out, 8, 2) - 1;
+        const auto end = static_cast<std::size_t>(load(out, 8, 2)) - 1;
         out.insert(end + 1, backLink, 0);
         out.replace(8, 2, le(end + 1 + backLink + static_cast<unsigned>(headerChange), 2));
         out.erase(end, headerChange == 0 ? 0 : 1);

@@ -64,7 +64,8 @@ struct Walk {
         return static_cast<u32>((place & kRecordMask) / references.columns.size());
     }
     const Column& columnOf(u64 place) const {
-        return *references.columns[(place & kRecordMask) % references.columns.size()];
+        const u64 column = (place & kRecordMask) % references.columns.size();
+        return *references.columns[static_cast<std::size_t>(column)];
     }
     u64 offsetOf(u64 place) const { return (place >> kRecordBits) * memos().unit; }
     std::string nameOf(u64 place) const {
@@ -108,11 +109,12 @@ bool goesOn(const Walk& walk, u64 offset, u64 end, u64 limit) {
     const u64 blockEnd = roundedUp(end, walk.memos().unit);
     if (limit <= blockEnd || end == blockEnd) return false;
     const u64 start = std::max(offset, blockEnd - walk.memos().unit);
-    std::string block(blockEnd - start, '\0');
+    const auto used = static_cast<std::size_t>(end - start);
+    std::string block(static_cast<std::size_t>(blockEnd - start), '\0');
     readFileAt(walk.memos().file.get(), static_cast<u32>(start), block.data(),
                static_cast<u32>(block.size()));
-    const std::string_view before = std::string_view(block).substr(0, end - 1 - start);
-    const std::string_view rest = std::string_view(block).substr(end - start);
+    const std::string_view before = std::string_view(block).substr(0, used - 1);
+    const std::string_view rest = std::string_view(block).substr(used);
     if (rest.back() == '\0' || rest.find(kMemoEnd) != std::string::npos) return false;
     return isBinary(before) || !isBinary(rest);
 }

@@ -55,15 +55,14 @@ bool forceLength(DbfField* f, const Flavour& flavour) {
 
 /// What a new table's fields come to.
 struct Layout {
-    u64 headerLength;
+    u32 headerLength;
     u64 recordLength = 1;
     bool memos = false;
 };
 
 /// Completes the fields. Offsets are right when the record turns out to be no longer than it may.
 Layout layOut(DbfField* fields, u32 count, const Flavour& flavour) {
-    Layout layout{u64{flavour.headerSize} + u64{flavour.descriptorSize} * count + 1 +
-                  flavour.backLinkSize};
+    Layout layout{flavour.headerSize + flavour.descriptorSize * count + 1 + flavour.backLinkSize};
     for (u32 i = 0; i < count; ++i) {
         fields[i].Offset = static_cast<u16>(layout.recordLength);
         layout.memos = forceLength(&fields[i], flavour) || layout.memos;
@@ -125,7 +124,7 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
     OwnedFile file(openEmptied(path, {}));
     if (!file) return 0;
     std::copy_n(complete.get(), total, fields);
-    bool written = writeExact(file.get(), image.get(), static_cast<u32>(layout.headerLength));
+    bool written = writeExact(file.get(), image.get(), layout.headerLength);
     changesOf(file.get()).fetch_add(1, std::memory_order_acq_rel);
     written = std::fclose(file.release()) == 0 && written;
     if (createMemo != 0 && layout.memos) CreateMemoFile(path, kind, blockSize);

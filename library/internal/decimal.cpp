@@ -14,8 +14,6 @@
 namespace mira {
 namespace {
 
-__extension__ using Wide = unsigned __int128;
-
 constexpr unsigned kMantissaBits = 52;
 constexpr unsigned kExponentBias = 1075;  // of the mantissa taken as an integer
 constexpr unsigned kExactDecimals = 19;   // 10^19 is the largest power of ten in 64 bits
@@ -34,6 +32,9 @@ std::size_t alignRight(char* to, std::string_view body, unsigned width) {
     to[pad + body.size()] = 0;
     return pad + body.size();
 }
+
+#ifdef __SIZEOF_INT128__
+__extension__ using Wide = unsigned __int128;
 
 /// |value| * 10^decimals rounded to an integer, half to even, from the exact binary value. None
 /// when that does not fit 64 bits.
@@ -59,6 +60,10 @@ std::optional<u64> scaleExactly(double value, unsigned decimals) {
     const bool up = rest > half || (rest == half && (quotient & 1) != 0);
     return static_cast<u64>(quotient) + (up ? 1 : 0);
 }
+#else
+/// Left to the standard library.
+std::optional<u64> scaleExactly(double /*value*/, unsigned /*decimals*/) { return std::nullopt; }
+#endif
 
 std::size_t printSpecial(char* to, double value, unsigned width) {
     const bool negative = std::signbit(value);

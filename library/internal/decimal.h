@@ -2,6 +2,7 @@
 // the "C" locale but without their cost.
 #pragma once
 
+#include <cfloat>
 #include <cstddef>
 #include <string_view>
 
@@ -48,6 +49,9 @@ inline bool areDigits(u64 word) {
 
 /// A decimal of up to this many digits comes back from a double unchanged.
 inline constexpr std::size_t kExactDigits = 15;
+
+static_assert(FLT_EVAL_METHOD == 0 || FLT_EVAL_METHOD == 1,
+              "results in more than double precision would be rounded twice");
 
 /// Whether exactValue can tell the value: digits and power of ten are exact as doubles, so that one
 /// division rounds as any correct reader does; or an integer of 64 bits is rounded once.

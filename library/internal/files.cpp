@@ -82,7 +82,7 @@ std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<Fil
 
 bool seekTo(std::FILE* file, u64 offset) {
     return file != nullptr && offset <= kReachable &&
-           std::fseek(file, static_cast<long>(offset), SEEK_SET) == 0;
+           fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0;
 }
 
 bool readExact(std::FILE* file, void* buffer, u32 count) {
@@ -94,8 +94,8 @@ bool writeExact(std::FILE* file, const void* buffer, u32 count) {
 }
 
 std::optional<u64> fileSize(std::FILE* file) {
-    if (file == nullptr || std::fseek(file, 0, SEEK_END) != 0) return std::nullopt;
-    const long end = std::ftell(file);
+    if (file == nullptr || fseeko(file, 0, SEEK_END) != 0) return std::nullopt;
+    const off_t end = ftello(file);
     return end >= 0 ? std::optional(static_cast<u64>(end)) : std::nullopt;
 }
 
@@ -116,8 +116,8 @@ std::FILE* Open_File(const char* path) { return openFile(path, false); }
 std::FILE* Open_FileRO(const char* path) { return openFile(path, true); }
 
 u32 SetFilePointer(std::FILE* file, i32 offset, i32* /*high*/, int whence) {
-    if (file == nullptr || std::fseek(file, offset, whence) != 0) return kNowhere;
-    const long position = std::ftell(file);
+    if (file == nullptr || fseeko(file, offset, whence) != 0) return kNowhere;
+    const off_t position = ftello(file);
     return position >= 0 && i64{position} < i64{kNowhere} ? static_cast<u32>(position) : kNowhere;
 }
 

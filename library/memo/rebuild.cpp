@@ -98,7 +98,8 @@ bool MemoBuilder::put(const void* bytes, std::size_t count) {
 bool MemoBuilder::padTo(u64 offset) {
     constexpr u8 kZeros[512] = {};
     while (end_ < offset) {
-        if (!put(kZeros, std::min<u64>(sizeof kZeros, offset - end_))) return false;
+        const u64 part = std::min<u64>(sizeof kZeros, offset - end_);
+        if (!put(kZeros, static_cast<std::size_t>(part))) return false;
     }
     return true;
 }

@@ -61,11 +61,13 @@ std::optional<std::string> memo(const Row& row, int field, std::string_view file
                      : whole            ? load(file, format->unitAt, 2, format->bigEndian)
                                         : 256;
     if (unit * block > 0x7FFFFFFF) return std::nullopt;
-    const std::string_view at = file.substr(std::min<u64>(unit * block, file.size()));
-    if (smt) return std::string(at.substr(0, load(row.from(field), 2, 4)));
+    const auto place = static_cast<std::size_t>(unit * block);
+    const std::string_view at = file.substr(std::min(place, file.size()));
+    if (smt) return std::string(at.substr(0, static_cast<u32>(load(row.from(field), 2, 4))));
     if (format == &kDBase3) return cString(at.substr(0, std::min(at.find('\x1A'), kTextMost)));
     if (at.size() < 8 || !at.starts_with(format->mark)) return std::nullopt;
-    const u64 length = load(at, 4, 4, format->bigEndian), prefix = format->bigEndian ? 0 : 8;
+    const auto length = static_cast<u32>(load(at, 4, 4, format->bigEndian));
+    const u32 prefix = format->bigEndian ? 0 : 8;
     if (length < prefix) return std::nullopt;
     return std::string(at.substr(8, length - prefix));
 }

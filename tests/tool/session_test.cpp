@@ -2,6 +2,7 @@
 // and what they print. Every line "$ ..." is run by the shell in a folder of its own that holds the
 // samples and the tables of tables.h; what follows must be its output, and "[N]" its exit status
 // when that is not 0. With MIRA_UPDATE_SESSIONS set, session files are written anew.
+#include <algorithm>
 #include <cstdio>
 
 #include "support.h"

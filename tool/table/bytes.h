@@ -1,6 +1,8 @@
 // Numbers in the bytes of files, whatever the order of the machine.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 
@@ -11,10 +13,12 @@ namespace mira::tool {
 /// The first sizeof(T) bytes at from, little-endian.
 template <typename T>
 T loadLe(const void* from) {
-    static_assert(std::endian::native == std::endian::little, "write a swap first");
-    T value;
-    std::memcpy(&value, from, sizeof value);
-    return value;
+    std::array<u8, sizeof(T)> bytes;
+    std::memcpy(bytes.data(), from, sizeof bytes);
+    if constexpr (std::endian::native == std::endian::big) {
+        std::reverse(bytes.begin(), bytes.end());
+    }
+    return std::bit_cast<T>(bytes);
 }
 
 inline u32 loadBe32(const u8* from) {

@@ -92,7 +92,7 @@ bool rescale(Decimal& number, int scale, bool mayRound) {
             return false;
         }
         const bool up = number.digits[kept] >= '5';
-        number.digits.resize(kept);
+        number.digits.erase(kept);
         if (up) addOne(&number.digits);
     }
     number.scale = scale;

@@ -77,7 +77,8 @@ void ReadAhead::wrote(std::FILE* file, u64 offset, const void* from, u32 count) 
     const u64 end = std::min(offset + count, offset_ + length_);
     if (start < end) {
         std::memcpy(buffer_.get() + (start - offset_),
-                    static_cast<const u8*>(from) + (start - offset), end - start);
+                    static_cast<const u8*>(from) + (start - offset),
+                    static_cast<std::size_t>(end - start));
     }
 }
 
