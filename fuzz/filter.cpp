@@ -50,6 +50,9 @@ struct Open {
         CHECK(table != nullptr && table->Header.RecordCount == kRows);
         CHECK(GetMemCalcField(table.get()) == 1);
     }
+    ~Open() { FreeMemCalcField(table.get()); }
+    Open(const Open&) = delete;
+    Open& operator=(const Open&) = delete;
 };
 
 int invertCase(char* text, DbfBase*, int) {
