@@ -257,7 +257,8 @@ char FieldBlankChar(DbfBase*, int field);
 u32 reccount(DbfBase*);
 /// Record at a filtered position; the position itself without a filter; 4294967295 beyond it.
 u32 recno(DbfBase*, u32 position);
-/// Filtered position at a sorted position; the position itself when unsorted.
+/// Filtered position at a sorted position, 4294967295 from reccount() on; the position itself when
+/// unsorted.
 u32 GetOrder(DbfBase*, u32 position);
 /// FieldTotal of the calculated fields when positive, else the number of table fields.
 u32 fieldcount(DbfBase*);
