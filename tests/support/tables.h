@@ -43,9 +43,9 @@ inline std::string readAll(const std::string& path) {
     std::string bytes;
     std::FILE* const file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) return bytes;
-    std::fseek(file, 0, SEEK_END);
-    bytes.resize(static_cast<std::size_t>(std::ftell(file)));
-    std::fseek(file, 0, SEEK_SET);
+    fseeko(file, 0, SEEK_END);
+    bytes.resize(static_cast<std::size_t>(ftello(file)));
+    fseeko(file, 0, SEEK_SET);
     bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
     std::fclose(file);
     return bytes;
