@@ -321,8 +321,8 @@ Reason encodeCurrency(Table&, const Column& column, const Given& given, Encoded&
     }
     const std::optional<i64> units = unitsOf(*number);
     if (!units || column.length != sizeof *units) return noFit(column, given);
-    encoded.bytes.resize(sizeof *units);
-    std::memcpy(encoded.bytes.data(), &*units, sizeof *units);
+    const auto bytes = bytesLe(*units);
+    encoded.bytes.assign(bytes.begin(), bytes.end());
     return "";
 }
 
@@ -416,8 +416,8 @@ void addMilliseconds(const Column& column, int milliseconds, std::string& bytes)
         }
         return;
     }
-    const u32 stored = loadLe<u32>(bytes.data() + 4) + static_cast<u32>(milliseconds);
-    std::memcpy(bytes.data() + 4, &stored, sizeof stored);
+    const auto stored = bytesLe(loadLe<u32>(bytes.data() + 4) + static_cast<u32>(milliseconds));
+    std::copy(stored.begin(), stored.end(), bytes.begin() + 4);
 }
 
 Reason encodeMoment(Table& table, const Column& column, const Given& given, Encoded& encoded) {
