@@ -1,7 +1,8 @@
-// Filters over a small table of every field type, by set_filter, by ValidRecord and as the rule has
-// it. The same text is then a calculated field.
+// Filters over small tables of every field type, by set_filter and as the rule has it; then, as the
+// length of the text decides, one record by ValidRecord or the text as a calculated field.
 //
-//   0  1  switches      1  1  TrimMode and DateFormat      2  1  NoBracketCheck      then the text
+//   0  1  switches and table      1  1  TrimMode and DateFormat      2  1  NoBracketCheck      then
+//   the text
 #include <cmath>
 #include <ostream>
 
@@ -18,8 +19,10 @@ const std::vector<Column> kColumns = {
     {"DBL", 'B', 8, 2},  {"ORD", 'O', 8},       {"BORN", 'D', 8}, {"SEEN", 'T', 8},
     {"FLAG", 'L', 1},    {"MEMO", 'M', 10},     {"BIN", 'Q', 4},  {"NOTE", 'C', 44, 1}};
 
-/// A row of values for every column; what is missing is blank.
-const std::vector<std::vector<std::string>> kRows = {
+constexpr u32 kRows = 3;
+
+/// A row of values for every column; what is missing is blank. Each half is a table.
+const std::vector<std::vector<std::string>> kValues = {
     {"Ann", "     12.50", "    1", "      12345.678901234", ".50", "1.5", "\1", "\x10\x27", "\1",
      "\xBF\xF0", "20240305", "\xF7\x8A\x25", "T", "        12", "ab", "a longer note"},
     {"Andrew (x", "     -5.00", "    2", "  1234567890.1234567", "1.5", "-7"},
@@ -33,19 +36,19 @@ struct Open {
     Layout layout{0x03, kColumns};
     Table table;
 
-    Open() {
-        for (const auto& row : kRows) {
-            std::string& record =
-                layout.records.emplace_back(layout.records.size() == 1 ? "*" : " ");
-            for (std::size_t i = 0; i < kColumns.size(); ++i) {
-                const bool binary = std::strchr("IYBOT", kColumns[i].type) != nullptr;
-                record +=
-                    padded(i < row.size() ? row[i] : "", kColumns[i].width(), binary ? '\0' : ' ');
+    explicit Open(std::size_t first) {
+        for (std::size_t i = first; i < first + kRows; ++i) {
+            std::string& record = layout.records.emplace_back(i % kRows == 1 ? "*" : " ");
+            for (std::size_t k = 0; k < kColumns.size(); ++k) {
+                const bool binary = std::strchr("IYBOT", kColumns[k].type) != nullptr;
+                record += padded(k < kValues[i].size() ? kValues[i][k] : "", kColumns[k].width(),
+                                 binary ? '\0' : ' ');
             }
         }
         largestFile = 16 << 20;
         table = openLayout(folder, layout);
-        CHECK(table != nullptr && table->Header.RecordCount == kRows.size());
+        CHECK(table != nullptr && table->Header.RecordCount == kRows);
+        CHECK(GetMemCalcField(table.get()) == 1);
     }
 };
 
@@ -54,8 +57,7 @@ int invertCase(char* text, DbfBase*, int) {
     return 0;
 }
 
-void setOptions(DbfBase* h, Input& input) {
-    const u8 switches = input.byte(), modes = input.byte();
+void setOptions(DbfBase* h, u8 switches, u8 modes) {
     h->CaseInsensitive = switches & 1;
     h->RawNumeric = switches >> 1 & 1;
     h->OemConvert = switches >> 2 & 1;
@@ -65,24 +67,16 @@ void setOptions(DbfBase* h, Input& input) {
     h->UpperCaseCallback = (switches & 0x40) != 0 ? invertCase : nullptr;
     h->TrimMode = modes % 4;
     h->DateFormat = modes / 4 % 5;
-    h->NoBracketCheck = input.byte() % 3;
 }
 
 using Records = std::vector<u32>;
 
-void checkFilter(const Open& open, DbfBase* h, const std::string& text) {
+void checkFilter(const Open& open, const std::string& text, bool refused) {
+    DbfBase* const h = open.table.get();
     Records expected;
-    const bool refused = isRefused(h, text);
-    const auto work = std::make_unique<FilterWork>();
-    for (u32 i = 0; i < kRows.size(); ++i) {
-        const u32 record = h->Reverse != 0 ? static_cast<u32>(kRows.size()) - 1 - i : i;
-        const bool wanted = passes({h, open.layout.records[record]}, text);
-        if (wanted) expected.push_back(record);
-        if (i != text.size() % kRows.size()) continue;
-        CHECK(ReadRecord(h, i) == 1);
-        h->FilterState = work.get();
-        CHECK_EQUAL(ValidRecord(h, text.c_str()), wanted && !refused);
-        h->FilterState = nullptr;
+    for (u32 i = 0; i < kRows; ++i) {
+        const u32 record = h->Reverse != 0 ? kRows - 1 - i : i;
+        if (passes({h, open.layout.records[record]}, text)) expected.push_back(record);
     }
     CHECK_EQUAL(set_filter(h, text.c_str(), nullptr) != h, refused);
     if (refused) return CHECK(h->FilterIndex == nullptr && h->FilterText == nullptr);
@@ -91,29 +85,43 @@ void checkFilter(const Open& open, DbfBase* h, const std::string& text) {
     ClearAllFilter(h);
 }
 
+/// The current record.
+void checkValid(const Row& row, const std::string& text, bool refused) {
+    FilterWork work;
+    row.h->FilterState = &work;
+    CHECK_EQUAL(ValidRecord(row.h, text.c_str()), !refused && passes(row, text));
+    row.h->FilterState = nullptr;
+}
+
 void checkCalculated(const Row& row, const std::string& text) {
     DbfBase* const h = row.h;
     const std::optional<std::string> wanted = calculated(row, text);
-    CHECK(GetMemCalcField(h) == 1 && AddCalcField(h, "X", text.c_str()) == 1);
+    CHECK(AddCalcField(h, "X", text.c_str()) == 1);
     const char* const got = GetStr(h, h->FieldCount);
     CHECK_EQUAL(got == nullptr, !wanted);
     if (wanted) CHECK_EQUAL(got, *wanted);
     const double value = GetCalcValue(h, "x"), number = calculatedValue(row, text);
     CHECK(value == number || (std::isnan(value) && std::isnan(number)));
     CHECK(if_digit_type(h, h->FieldCount) != 0 || GetValue(h, h->FieldCount) == 0.0);
-    FreeMemCalcField(h);
+    DelCalcField(h, "x");
 }
 
 void check(Input& input) {
-    static Open open;
+    static const Open tables[2] = {Open(0), Open(kRows)};
+    const u8 switches = input.byte(), modes = input.byte();
+    const Open& open = tables[switches >> 7];
     DbfBase* const h = open.table.get();
-    setOptions(h, input);
+    setOptions(h, switches, modes);
+    h->NoBracketCheck = input.byte() % 3;
     const std::string text = input.rest();
-    checkFilter(open, h, text);
-    const std::size_t record = text.size() % kRows.size();
+    const bool refused = isRefused(h, text);
+    checkFilter(open, text, refused);
+    const std::size_t record = text.size() % kRows;
     h->Reverse = 0;
     CHECK(ReadRecord(h, static_cast<u32>(record)) == 1);
-    checkCalculated({h, open.layout.records[record]}, text);
+    const Row row{h, open.layout.records[record]};
+    if (text.size() % 2 == 0) checkValid(row, text, refused);
+    if (text.size() % 2 != 0) checkCalculated(row, text);
 }
 
 }  // namespace

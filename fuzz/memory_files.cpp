@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "property.h"
@@ -36,7 +36,11 @@ struct Stream {
     std::FILE* handle = nullptr;
 };
 
-std::map<std::string, Bytes, std::less<>> files;
+/// The engine looks into comparisons that fail, which a hash has few of.
+struct Hash : std::hash<std::string_view> {
+    using is_transparent = void;
+};
+std::unordered_map<std::string, Bytes, Hash, std::equal_to<>> files;
 std::vector<std::unique_ptr<Stream>> streams;
 
 bool inMemory(const char* path) { return std::string_view(path).starts_with(kFolder); }

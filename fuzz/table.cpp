@@ -109,16 +109,18 @@ void setFields(DbfBase* h, const std::string& text, double number) {
     }
 }
 
-/// The memos of the first records that stay when the table is packed. A field too short for its
-/// reference shows what its neighbours lead to, so it is left out.
+/// The memos of the first records that stay when the table is packed. Left out are fields of a
+/// length at which they hold no reference: packing leaves them as they are, so they may lead
+/// anywhere.
 std::vector<std::string> memosToKeep(DbfBase* h) {
     std::vector<std::string> memos;
     for (u32 i = 0; i < std::min(h->Header.RecordCount, kRecords); ++i) {
         InternalSeekRecord(h, i);
         CHECK(ReadFile(h->TableFile, h->RecordBuffer, h->Header.RecordLength) != 0);
         for (int field = 0; field < h->FieldCount && h->RecordBuffer[0] != '*'; ++field) {
-            const bool fits = h->Header.Version != 0xE5 || GetLenField(h, field) >= 10;
-            if (fits) memos.push_back(readMemo(h, field).value_or(""));
+            const unsigned length = GetLenField(h, field);
+            if (length == 10 || (length == 4 && h->Header.Version != 0xE5))
+                memos.push_back(readMemo(h, field).value_or(""));
         }
     }
     return memos;

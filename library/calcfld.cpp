@@ -39,8 +39,8 @@ CalcFieldSlot* filledSlot(const DbfBase* h, int slot) {
 }
 
 void clearSlot(CalcFieldSlot& slot) {
-    std::free(slot.Name);
-    std::free(slot.Expression);
+    replace(slot.Name);
+    replace(slot.Expression);
     slot = {};
 }
 
@@ -138,24 +138,26 @@ bool expand(DbfBase* h, const PreparedSlot& p, char* buffer) {
     return !out.cut();
 }
 
-bool writtenValue(DbfBase* h, const PreparedSlot& p, double* value) {
+std::optional<double> writtenValue(DbfBase* h, const PreparedSlot& p) {
     char buffer[kExpansionSize];
     int status = 1;
-    if (!expand(h, p, buffer)) return false;
-    *value = parseSqueezed(buffer, &status);
-    return status != 0;
+    if (!expand(h, p, buffer)) return std::nullopt;
+    const double value = parseSqueezed(buffer, &status);
+    return status != 0 ? std::optional(value) : std::nullopt;
 }
 
-/// False when the arithmetic fails.
-bool valueOf(DbfBase* h, const PreparedSlot& p, double* value) {
-    const Outcome outcome = outcomeOf(h, p.arithmetic, value);
-    return outcome == Outcome::Unknown ? writtenValue(h, p, value) : outcome == Outcome::Value;
+/// None when the arithmetic fails.
+std::optional<double> valueOf(DbfBase* h, const PreparedSlot& p) {
+    double value = 0;
+    const Outcome outcome = outcomeOf(h, p.arithmetic, &value);
+    if (outcome == Outcome::Unknown) return writtenValue(h, p);
+    return outcome == Outcome::Value ? std::optional(value) : std::nullopt;
 }
 
 const char* numberText(DbfBase* h, const PreparedSlot& p) {
-    double value = 0;
-    if (!valueOf(h, p, &value)) return nullptr;
-    printFixed(h->TextBuffer, value, kCalculatedWidth, kValueDecimals);
+    const std::optional<double> value = valueOf(h, p);
+    if (!value) return nullptr;
+    printFixed(h->TextBuffer, *value, kCalculatedWidth, kValueDecimals);
     return h->TextBuffer;
 }
 
@@ -192,8 +194,8 @@ int AddCalcField(DbfBase* h, const char* name, const char* expression) {
     for (int i = h->FieldCount; i < kSlots; ++i) {
         CalcFieldSlot& slot = h->CalcFields->Slots[i];
         if (slot.Name != nullptr) continue;
-        Block<char> nameCopy = copyText(name);
-        Block<char> expressionCopy = copyText(expression);
+        Owned<char> nameCopy = copyText(name);
+        Owned<char> expressionCopy = copyText(expression);
         if (!nameCopy || !expressionCopy) return 0;
         slot = {{1, 1, 1}, nameCopy.release(), expressionCopy.release()};
         ++h->CalcFields->Count;
@@ -245,8 +247,7 @@ double GetCalcValue(DbfBase* h, const char* name) { return GetCalcValueI(h, GetC
 double GetCalcValueI(DbfBase* h, int slot) {
     std::unique_ptr<PreparedSlot> own;
     const PreparedSlot* const p = prepared(h, slot, own);
-    double value = 0;
-    return p != nullptr && p->expression.numeric && valueOf(h, *p, &value) ? value : 0.0;
+    return p != nullptr && p->expression.numeric ? valueOf(h, *p).value_or(0.0) : 0.0;
 }
 
 int makecalcstring(DbfBase* h, const char* expression, char* output, int* numeric) {

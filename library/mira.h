@@ -53,7 +53,7 @@ using CompareFunction = int (*)(const void* a, const void* b, DbfBase* base);
 /// The fixed header of a table file, byte for byte (little-endian, 32 or 68 bytes used).
 struct DbfHeader {
     u8 Version;        ///< version byte
-    u8 UpdateYear;     ///< year of the last update, last two digits
+    u8 UpdateYear;     ///< year of the last update: two digits, or years since 1900
     u8 UpdateMonth;    ///< month of the last update, 1 to 12
     u8 UpdateDay;      ///< day of the last update, 1 to 31
     u32 RecordCount;   ///< number of records
@@ -116,12 +116,12 @@ struct DbfBase {
     u8 SortDescending;   ///< sorting is descending
     i32 UseAliases;      ///< headings come from AliasNames
     i32 TrimMode;        ///< character values: 1 trims the end, 2 the beginning, 3 both
-    i32 SkipDeleted;     ///< filters reject deleted records
+    i32 SkipDeleted;     ///< filters leave out deleted records
     i32 Reverse;         ///< positions count from the last record
     i32 BackupEnabled;   ///< the first write makes a backup copy
     i32 BackupDone;      ///< a whole backup copy has been made
     char* BackupName;    ///< path of the backup copy, 260 bytes; owned; null: none can be made
-    i32 NoBracketCheck;  ///< filters do not balance parentheses
+    i32 NoBracketCheck;  ///< parentheses in filters and calculated texts need not balance
     i32 RawNumeric;      ///< N and F fields show exactly as stored
     CharToOemHook CharToOemCallback;  ///< replaces the built-in OEM conversion
     UpperCaseHook UpperCaseCallback;  ///< replaces the built-in case folding
@@ -306,7 +306,7 @@ int DupRecord(DbfBase*);
 void DupToRecord(DbfBase*);
 /// Copies the table file to BackupName when BackupEnabled is set and no copy has been made, or
 /// when force is non-zero. 0 when there is no usable backup name; 1 also when copying failed, which
-/// BackupDone tells: the copy takes its name only when it is whole, an earlier one stays till then.
+/// BackupDone tells. The copy takes its name when it is whole; an earlier one stays till then.
 int MakeBakFile(DbfBase*, char force);
 ///@}
 
@@ -318,7 +318,8 @@ int MakeBakFile(DbfBase*, char force);
 
 /// Writes a new, empty table over path, and its memo file when createMemo is non-zero and it has
 /// memo fields. Completes fields in place: offsets, and the lengths of fixed-size types.
-/// blockSize is the memo block unit, 1 to 65535, 0 for 512. 1 when the whole table was written.
+/// blockSize is the memo block unit, 1 to 65535, 0 for 512. 1 when the whole table was written; 0,
+/// with no file touched, when count is negative or the header or a record would exceed 65535 bytes.
 char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32 blockSize,
                     char createMemo);
 /// Fills a field definition: name (at most 31 characters), type, 16-bit length.
@@ -353,7 +354,8 @@ int Zap(DbfBase*);
 /// Mode 0 drops deleted records and rebuilds the memo file, 1 only drops records, 2 only rebuilds
 /// the memo file; others do nothing. The old memo file stays under its name with "~" for the
 /// extension's first letter. dBase III memos are copied up to their first 0x1A. 0 on failure, after
-/// which Pack may be called again.
+/// which Pack may be called again. An interrupted Pack may leave its log in the memo file: until
+/// Pack has finished that work, no memo is read or written, and Insert, Delete and Truncate fail.
 int Pack(DbfBase*, u32 mode);
 ///@}
 
@@ -518,7 +520,7 @@ char SetBool(DbfBase*, int field, u32 flag);
 /// every comparison and stops the sort, leaving the table unsorted. 0 when the first name is
 /// unknown or memory runs out; 1 otherwise, also when stopped.
 int SortBase(DbfBase*, const char* fields, StopCallback callback);
-/// Returns to the unsorted view.
+/// Goes back to the unsorted view.
 void ClearSort(DbfBase*);
 /// Parses a list of at most 21 field names into slots; 1 when the first is unknown, else 0.
 int get_fields(DbfBase*, const char* text, u32* count, i32* slots);
@@ -553,7 +555,7 @@ i32 SeekValue(DbfBase*, int field, const char* text, char exact);
 char* GetMemoName(const char* tablePath, u32 kind);
 /// Memo kind of the table; sets MemoFileName.
 u32 GetMemoType(DbfBase*);
-/// Block unit of the memo file in bytes; 0 when it cannot be opened.
+/// Block unit of the memo file in bytes; 0 when it cannot be opened or waits for Pack to finish.
 u32 GetBlockSize(DbfBase*);
 /// Block unit from a dBase IV header; 256 when the header is short.
 u32 dBase4_BlockSize(DbfBase*);
@@ -722,7 +724,7 @@ int analizator(DbfBase*, const char* text);
 void eval(DbfBase*, char connective);
 /// '1' when the current record satisfies one condition, else '0'.
 char cnd(DbfBase*, const char* condition);
-/// Returns to the unfiltered, unsorted view; FilterText stays.
+/// Goes back to the unfiltered, unsorted view; FilterText stays.
 void ClearFilter(DbfBase*);
 /// ClearFilter, and forgets FilterText.
 void ClearAllFilter(DbfBase*);

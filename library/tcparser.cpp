@@ -30,6 +30,7 @@
 #include <limits>
 
 #include "arithmetic.h"
+#include "internal/ascii.h"
 
 namespace mira {
 namespace {
@@ -53,7 +54,7 @@ enum Kind : int {
 
 enum Side : u8 { kExpression, kTerm, kPowerOf, kSigned, kOperand, kAtom, kSides };
 
-constexpr int kLineSize = 80;
+constexpr std::size_t kLineSize = kParseLength + 1;
 constexpr int kStackSize = 30;
 constexpr u8 kAfterMinus = 5;
 constexpr u8 kErrorState = 30;
@@ -223,16 +224,6 @@ bool hasTwoOperands(Operation operation) {
     return operation >= Operation::Add && operation <= Operation::Raise;
 }
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-/// Upper-cases A to Z in place, whatever the locale; null is left alone.
-char* strupr(char* text) {
-    for (char* c = text; c != nullptr && *c != 0; ++c) {
-        if (*c >= 'a' && *c <= 'z') *c = static_cast<char>(*c - 'a' + 'A');
-    }
-    return text;
-}
-
 bool isfunc(Parser& p, const Function& function) {
     const std::size_t length = std::strlen(function.name);
     if (std::strncmp(p.input, function.name, length) != 0) return false;
@@ -357,7 +348,8 @@ bool step(Parser& p) {
 
 /// Parses a text, upper-cased in place; false when it fails.
 bool run(Parser& p, char* line) {
-    p.input = strupr(line);
+    for (char* c = line; *c != 0; ++c) *c = upperAscii(*c);
+    p.input = line;
     push(p, Entry{});
     p.tokentype = nexttoken(p);
     while (!p.error && step(p)) {
@@ -369,26 +361,23 @@ bool run(Parser& p, char* line) {
 
 double parse(char* text, int* status) {
     char line[kLineSize];
-    const void* end = text == nullptr ? nullptr : std::memchr(text, 0, kLineSize);
-    const std::size_t size =
-        end == nullptr ? 0 : static_cast<std::size_t>(static_cast<const char*>(end) - text) + 1;
-    if (size != 0) std::memcpy(line, text, size);
+    const std::size_t length = text != nullptr ? strnlen(text, kLineSize) : kLineSize;
+    if (length < kLineSize) std::memcpy(line, text, length + 1);
     Parser p;
-    if (size == 0 || !run(p, line)) {
+    if (length == kLineSize || !run(p, line)) {
         if (status != nullptr) *status = 0;
         return 0.0;
     }
-    std::memcpy(text, line, size);
+    std::memcpy(text, line, length + 1);
     return p.stack[p.stacktop].value;
 }
 
 double Evaluate(char* text, int* status) { return parse(text, status); }
 
 bool prepareProgram(std::string_view text, Program* program) {
-    char line[kLineSize];
+    char line[kLineSize] = {};
     if (text.size() > kParseLength) return false;
     std::memcpy(line, text.data(), text.size());
-    line[text.size()] = 0;
     Parser p;
     p.program = program;
     return run(p, line) && p.deepest < kStackSize - 1;

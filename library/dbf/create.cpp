@@ -95,10 +95,11 @@ void encodeTable(const DbfField* fields, u32 count, const Layout& layout, const 
     *to = kTerminator;
 }
 
-/// Where the backlink area starts; false when the header is too short to hold one.
-bool findBackLink(const DbfBase* h, u64* offset) {
-    *offset = u64{h->HeaderSize} + u64{h->DescriptorSize} * h->FieldCount + 1;
-    return *offset + kBackLinkSize <= h->Header.HeaderLength;
+/// Where the backlink area starts; none when the header is too short to hold one.
+std::optional<u64> backLinkOffset(const DbfBase* h) {
+    const u64 offset = u64{h->HeaderSize} + u64{h->DescriptorSize} * h->FieldCount + 1;
+    const bool fits = offset + kBackLinkSize <= h->Header.HeaderLength;
+    return fits ? std::optional(offset) : std::nullopt;
 }
 
 }  // namespace
@@ -111,12 +112,12 @@ char CreateDatabase(const char* path, DbfField* fields, int count, u32 kind, u32
     const Flavour& flavour = flavourOfKind(kind);
 
     // The caller's fields are completed only once the file is there.
-    const Block<DbfField> complete = allocate<DbfField>(std::max(total, 1u));
+    const Owned<DbfField> complete = allocate<DbfField>(std::max(total, 1u));
     if (!complete) return 0;
     std::copy_n(fields, total, complete.get());
     const Layout layout = layOut(complete.get(), total, flavour);
     if (layout.headerLength > kSizeLimit || layout.recordLength > kSizeLimit) return 0;
-    const Block<u8> image = allocate<u8>(layout.headerLength);
+    const Owned<u8> image = allocate<u8>(layout.headerLength);
     if (!image) return 0;
     encodeTable(complete.get(), total, layout, flavour, image.get());
 
@@ -138,15 +139,13 @@ void CreateField(DbfField* field, const char* name, char type, int length) {
 }
 
 void WriteBackLink(DbfBase* destination, DbfBase* source) {
-    u64 to = 0;
-    u64 from = 0;
-    if (destination == source || !findBackLink(destination, &to) || !findBackLink(source, &from)) {
-        return;
-    }
+    const std::optional<u64> to = backLinkOffset(destination);
+    const std::optional<u64> from = backLinkOffset(source);
+    if (destination == source || !to || !from) return;
     u8 area[kBackLinkSize] = {};
     // What cannot be read is written as zeros, and there is nobody to tell of a failed write.
-    if (seekTo(source->TableFile, from)) ReadFile(source->TableFile, area, kBackLinkSize);
-    writeTable(destination, to, area, kBackLinkSize);
+    if (seekTo(source->TableFile, *from)) ReadFile(source->TableFile, area, kBackLinkSize);
+    writeTable(destination, *to, area, kBackLinkSize);
 }
 
 }  // namespace mira

@@ -1,8 +1,6 @@
 // Structural edits: deletion flags, removing and inserting records, cutting the table. An edit that
 // fails on the way puts the table back as it was. Where that fails as well it stops, with every
 // record still in the file.
-#include "dbf/edit.h"
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,8 +14,6 @@
 namespace mira {
 
 namespace {
-
-constexpr u8 kPresent = ' ';
 
 int writeFlag(DbfBase* h, u32 position, u8 flag) {
     h->DeleteFlag = flag;
@@ -41,7 +37,9 @@ public:
         const u32 length = h_->Header.RecordLength;
         const u64 end = offsetOf(h_, header_.RecordCount);
         tail_ = allocate<u8>(std::size_t{length} + 1);
-        if (!move.ready() || !tail_ || !fileSize(h_->TableFile, &size_)) return false;
+        const std::optional<u64> size = fileSize(h_->TableFile);
+        if (!move.ready() || !tail_ || !size) return false;
+        size_ = *size;
         tailLength_ = size_ > end ? static_cast<u32>(std::min<u64>(size_ - end, length + 1)) : 0;
         return readAt(end, tail_.get(), tailLength_) && readAt(0, image_, h_->HeaderSize);
     }
@@ -67,9 +65,9 @@ public:
     /// Leaves the table as it stands. Every record stays within the count, so that none is
     /// overwritten by what is appended next.
     void stop(u32 atLeast) {
-        u64 size = 0;
+        const std::optional<u64> size = fileSize(h_->TableFile);
         h_->Header = header_;
-        h_->Header.RecordCount = fileSize(h_->TableFile, &size) ? recordsInFile(h_, size) : atLeast;
+        h_->Header.RecordCount = size ? recordsInFile(h_, *size) : atLeast;
     }
 
     Mover move;
@@ -83,7 +81,7 @@ private:
     DbfHeader header_;
     u8 image_[sizeof(DbfHeader)];  // the header in the file
     u64 size_ = 0;                 // of the file
-    Block<u8> tail_;  // from the end of the last record on, as far as edits overwrite it
+    Owned<u8> tail_;  // from the end of the last record on, as far as edits overwrite it
     u32 tailLength_ = 0;
 };
 
@@ -128,7 +126,7 @@ int Delete(DbfBase* h, u32 record) {
     if (hasView(h) || h->Reverse != 0 || record >= count || isPackUnfinished(h)) return 0;
     backUp(h);
     Edit edit(h, count - record);
-    const Block<u8> removed = allocate<u8>(h->Header.RecordLength);
+    const Owned<u8> removed = allocate<u8>(h->Header.RecordLength);
     if (!removed || !edit.begin() || !edit.move.read(record, removed.get())) return 0;
     const u32 spare = edit.spare(count);
     // The record stays on the disk until the edit is done, unless there is no room for one more.

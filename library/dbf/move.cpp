@@ -10,7 +10,6 @@
 
 #include <algorithm>
 
-#include "dbf/edit.h"
 #include "dbf/table/table.h"
 
 namespace mira {

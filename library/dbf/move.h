@@ -8,6 +8,8 @@
 
 namespace mira {
 
+inline constexpr u32 kTransferSize = 131072;  // bytes moved at a time
+
 enum class MoveState : u8 {
     Done,
     Failed,  ///< every record is whole, at its old place or at its new one
@@ -43,7 +45,7 @@ private:
     DbfBase* h_;
     u32 chunk_;  ///< records at a time
     bool usedSpare_ = false;
-    Block<u8> buffer_;
+    Owned<u8> buffer_;
 };
 
 }  // namespace mira

@@ -12,9 +12,8 @@ namespace {
 /// Everything between an empty handle and a readable table.
 bool openTable(DbfBase* h, const char* path) {
     if (!setDefaults(h) || keepPrivate(h) == nullptr) return false;
-    h->TableFile = h->ReadOnly != 0 ? Open_FileRO(path) : Open_File(path);
+    h->TableFile = openFile(path, h->ReadOnly != 0, &h->Private->file.emplace());
     if (h->TableFile == nullptr || ReadHeader(h) == 0) return false;
-    h->Private->file = fileId(h->TableFile);
     h->FileName = copyText(path).release();
     if (h->FileName == nullptr || readFields(h, true) == 0) return false;
     GetMemoType(h);

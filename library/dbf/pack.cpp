@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "dbf/edit.h"
+#include "dbf/move.h"
 #include "dbf/packmemos.h"
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
@@ -80,7 +80,7 @@ private:
 
     DbfBase* h_;
     bool gather_;
-    Block<u8> buffer_;
+    Owned<u8> buffer_;
     u32 used_ = 0;
     u32 first_ = 0;  ///< place of the first gathered record
     u32 next_ = 0;

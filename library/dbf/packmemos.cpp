@@ -2,8 +2,7 @@
 // are two passes with the change of names between them:
 //
 //   1. each record is read, and its memos are copied into a new file of another name; the
-//   references
-//      it is to get, and those it has, go into the file's log;
+//      references it is to get, and those it has, go into the file's log;
 //   2. the old file takes its "~" name and the new one that of the old;
 //   3. the records get their references, and the log is cut off.
 //
@@ -12,7 +11,6 @@
 // again at any time; until then no memo is read through it.
 #include "dbf/packmemos.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -136,7 +134,7 @@ struct OldMemos {
 /// to no memo. False when a memo would be lost.
 bool copyMemo(DbfBase* h, int field, const OldMemos& from, MemoBuilder* to) {
     const MemoReference old = memoReference(h, field);
-    Block<char> memo;
+    Owned<char> memo;
     u32 length = 0;
     MemoRead found = MemoRead::None;
     if (old.block != 0 || old.length != 0) {
@@ -236,20 +234,18 @@ bool mayReplace(const DbfBase* h, const char* oldName) {
            !isSameFile(replaced, fileId(h->AliasFileName));
 }
 
-/// Exchanges the files, each of which is on the disk by then. False with *result set when neither
-/// has another name.
-bool takeNames(DbfBase* h, const OldMemos& old, const char* oldName, NewFile* file, int* result) {
-    *result = 0;
-    if (!file->synchronise() || fsync(fileno(old.file)) != 0) return false;
-    *result = 1;  // a "~" name that cannot be had is no failure
-    if (!mayReplace(h, oldName) || !addName(h->MemoFileName, oldName)) return false;
-    *result = 0;
-    if (file->take(h->MemoFileName)) return true;
+/// Exchanges the files, each of which is on the disk by then. Nothing when that is done, else, with
+/// every file under the name it had, what packing comes to.
+std::optional<int> takeNames(DbfBase* h, const OldMemos& old, const char* oldName, NewFile* file) {
+    if (!file->synchronise() || fsync(fileno(old.file)) != 0) return 0;
+    // A "~" name that cannot be had is no failure.
+    if (!mayReplace(h, oldName) || !addName(h->MemoFileName, oldName)) return 1;
+    if (file->take(h->MemoFileName)) return std::nullopt;
     // Where it could not have two names the old file has lost its first.
     if (access(h->MemoFileName, F_OK) != 0 && std::rename(oldName, h->MemoFileName) != 0) {
         file->abandon();  // for restoreName
     }
-    return false;
+    return 0;
 }
 
 int rebuild(DbfBase* h, const OldMemos& old, const char* oldName) {
@@ -265,8 +261,7 @@ int rebuild(DbfBase* h, const OldMemos& old, const char* oldName) {
         !memos.complete(bytes, count)) {
         return 0;
     }
-    int result = 0;
-    if (!takeNames(h, old, oldName, &file, &result)) return result;
+    if (const std::optional<int> ended = takeNames(h, old, oldName, &file)) return *ended;
     const Log log{fields, bytes.data(), count};
     const u32 done = writeReferences(h, log, [&](u32 record) { return records.readAgain(record); });
     if (done == count && releaseRebuild(file.stream())) {
@@ -296,9 +291,9 @@ int packMemos(DbfBase* h, bool writable) {
     if (h->FirstMemoField == -1 || family == nullptr) return 1;
     errno = 0;
     FileId id{};
-    const OwnedFile file(openUnbuffered(h->MemoFileName, O_RDONLY, "rb", &id));
+    const OwnedFile file(openFile(h->MemoFileName, true, &id));
     if (!file) return errno == ENOENT ? 1 : 0;  // no memo file, no memos
-    const Block<char> oldName = tildeName(h->MemoFileName);
+    const Owned<char> oldName = tildeName(h->MemoFileName);
     if (!writable || !oldName || isTable(h, id)) return 0;
     OldMemos old{file.get(), *family, 0};
     readMemoUnit(file.get(), *family, &old.unit);  // has a value for a short header, too
@@ -309,7 +304,7 @@ int packMemos(DbfBase* h, bool writable) {
 int finishPackMemos(DbfBase* h, bool writable) {
     const MemoFamily* family = memoFamily(h->Header.Version);
     if (h->FirstMemoField == -1 || family == nullptr) return 1;
-    const Block<char> oldName = tildeName(h->MemoFileName);
+    const Owned<char> oldName = tildeName(h->MemoFileName);
     if (!oldName) return 0;
     if (writable) restoreName(h, oldName.get());
     const OwnedFile file(Open_File(h->MemoFileName));

@@ -1,4 +1,5 @@
-// Digits, and comparing texts without regard to the case of A to Z, whatever the locale.
+// Classes and cases of characters and comparing texts without regard to case: those of the "C"
+// locale, whatever the locale is.
 #pragma once
 
 #include <cstddef>
@@ -8,10 +9,14 @@
 namespace mira {
 
 inline bool isDigit(char c) { return c >= '0' && c <= '9'; }
+inline bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 inline u8 lowerAscii(char c) { return static_cast<u8>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); }
+inline char upperAscii(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
 
-/// strncasecmp of the "C" locale.
+/// strncasecmp.
 inline int compareIgnoringCase(const char* a, const char* b, std::size_t count) {
     for (; count != 0; ++a, ++b, --count) {
         const int difference = lowerAscii(*a) - lowerAscii(*b);
@@ -20,7 +25,7 @@ inline int compareIgnoringCase(const char* a, const char* b, std::size_t count) 
     return 0;
 }
 
-/// True when strcasecmp of the "C" locale is 0.
+/// True when strcasecmp is 0.
 inline bool sameIgnoringCase(const char* a, const char* b) {
     return compareIgnoringCase(a, b, static_cast<std::size_t>(-1)) == 0;
 }

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <limits>
+#include <optional>
 
 #include "mira.h"
 
@@ -16,12 +17,11 @@ inline i32 clampToI32(double value) {
     return static_cast<i32>(value);
 }
 
-/// Truncated toward zero; false for NaN and for values that do not fit.
-inline bool toI64(double value, i64* result) {
+/// Truncated toward zero; none for NaN and for values that do not fit.
+inline std::optional<i64> toI64(double value) {
     constexpr double limit = 9223372036854775808.0;  // 2^63
-    if (!(value >= -limit && value < limit)) return false;
-    *result = static_cast<i64>(value);
-    return true;
+    if (!(value >= -limit && value < limit)) return std::nullopt;
+    return static_cast<i64>(value);
 }
 
 }  // namespace mira

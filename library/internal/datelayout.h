@@ -12,6 +12,10 @@ inline constexpr std::size_t kDateTimeDigits = 14;  // yyyymmddhhmmss
 inline constexpr std::size_t kDottedDate = 10;      // with separators
 inline constexpr std::size_t kDottedDateTime = 19;
 
+// Dates and moments as digits, for printf.
+inline constexpr char kDatePattern[] = "%04d%02d%02d";
+inline constexpr char kMomentPattern[] = "%04d%02d%02d%02d%02d%02d";
+
 struct DateLayout {
     u8 year, month, day, hour, minute, second;
     std::size_t dateEnd, timeEnd;  ///< length of a date and of a date-time

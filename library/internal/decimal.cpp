@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 namespace mira {
 namespace {
@@ -23,8 +24,6 @@ constexpr std::array<u64, kExactDecimals + 1> kPowersOfTen = [] {
     return powers;
 }();
 
-bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
 /// Right-aligns body after blanks.
 std::size_t alignRight(char* to, std::string_view body, unsigned width) {
     const std::size_t pad = body.size() < width ? width - body.size() : 0;
@@ -37,37 +36,33 @@ std::size_t alignRight(char* to, std::string_view body, unsigned width) {
 #ifdef __SIZEOF_INT128__
 __extension__ using Wide = unsigned __int128;
 
-/// Rounds |value| * 10^decimals to an integer, half to even, from the exact binary value. False
+/// |value| * 10^decimals rounded to an integer, half to even, from the exact binary value. None
 /// when that does not fit 64 bits.
-bool scaleExactly(double value, unsigned decimals, u64* scaled) {
+std::optional<u64> scaleExactly(double value, unsigned decimals) {
     const u64 bits = std::bit_cast<u64>(value);
     const auto exponent = static_cast<unsigned>(bits >> kMantissaBits & 0x7FF);
     const u64 fraction = bits & ((u64{1} << kMantissaBits) - 1);
-    if (exponent == 0x7FF || decimals > kExactDecimals) return false;
+    if (exponent == 0x7FF || decimals > kExactDecimals) return std::nullopt;
     // |value| = mantissa * 2^(exponent - kExponentBias); the product has at most 53 + 64 bits.
     const u64 mantissa = exponent == 0 ? fraction : fraction | u64{1} << kMantissaBits;
     const Wide product = Wide{mantissa} * kPowersOfTen[decimals];
     if (exponent >= kExponentBias) {
         const unsigned shift = exponent - kExponentBias;
-        if (shift > 10 || (product << shift) > std::numeric_limits<u64>::max()) return false;
-        *scaled = static_cast<u64>(product << shift);
-        return true;
+        if (shift > 10 || (product << shift) > std::numeric_limits<u64>::max()) return std::nullopt;
+        return static_cast<u64>(product << shift);
     }
     const unsigned shift = kExponentBias - std::max(exponent, 1u);
-    if (shift >= 128) {
-        *scaled = 0;
-        return true;
-    }
+    if (shift >= 128) return 0;
     const Wide quotient = product >> shift;
-    if (quotient >= std::numeric_limits<u64>::max()) return false;
+    if (quotient >= std::numeric_limits<u64>::max()) return std::nullopt;
     const Wide rest = product & ((Wide{1} << shift) - 1);
     const Wide half = Wide{1} << (shift - 1);
-    *scaled = static_cast<u64>(quotient);
-    if (rest > half || (rest == half && (*scaled & 1) != 0)) ++*scaled;
-    return true;
+    const bool up = rest > half || (rest == half && (quotient & 1) != 0);
+    return static_cast<u64>(quotient) + (up ? 1 : 0);
 }
 #else
-bool scaleExactly(double, unsigned, u64*) { return false; }  // left to the standard library
+/// Left to the standard library.
+std::optional<u64> scaleExactly(double /*value*/, unsigned /*decimals*/) { return std::nullopt; }
 #endif
 
 std::size_t printSpecial(char* to, double value, unsigned width) {
@@ -124,6 +119,17 @@ double readDecimal(std::string_view text) {
     return std::strtod(copy, nullptr);
 }
 
+i32 readInteger(std::string_view text) {
+    constexpr i64 limit = 0x80000000;
+    const char* at = std::find_if_not(text.begin(), text.end(), isSpace);
+    const bool negative = at != text.end() && *at == '-';
+    if (at != text.end() && (*at == '-' || *at == '+')) ++at;
+    i64 value = 0;
+    for (; at != text.end() && isDigit(*at) && value < limit; ++at)
+        value = value * 10 + (*at - '0');
+    return static_cast<i32>(negative ? -std::min(value, limit) : std::min(value, limit - 1));
+}
+
 std::size_t printScaled(char* to, bool negative, u64 magnitude, unsigned width, unsigned decimals) {
     const unsigned digits = std::max(countDigits(magnitude), decimals + 1);
     const unsigned length = (negative ? 1 : 0) + digits + (decimals != 0 ? 1 : 0);
@@ -158,20 +164,19 @@ std::size_t printInteger(char* to, i32 value, unsigned width) {
 
 bool printedValue(double value, unsigned decimals, double* printed) {
     constexpr u64 exactIntegers = u64{1} << (kMantissaBits + 1);
-    u64 scaled = 0;
-    if (!scaleExactly(value, decimals, &scaled) || scaled > exactIntegers) return false;
+    const std::optional<u64> scaled = scaleExactly(value, decimals);
+    if (!scaled || *scaled > exactIntegers) return false;
     // Both are exact, so the quotient is rounded once, as a reader rounds.
     const double magnitude =
-        static_cast<double>(scaled) / static_cast<double>(kPowersOfTen[decimals]);
+        static_cast<double>(*scaled) / static_cast<double>(kPowersOfTen[decimals]);
     *printed = std::copysign(magnitude, value);
     return true;
 }
 
 std::size_t printFixed(char* to, double value, unsigned width, unsigned decimals) {
     if (!std::isfinite(value)) return printSpecial(to, value, width);
-    u64 scaled = 0;
-    if (scaleExactly(value, decimals, &scaled)) {
-        return printScaled(to, std::signbit(value), scaled, width, decimals);
+    if (const std::optional<u64> scaled = scaleExactly(value, decimals)) {
+        return printScaled(to, std::signbit(value), *scaled, width, decimals);
     }
     char body[kFixedTextSize];
     const std::to_chars_result result = std::to_chars(

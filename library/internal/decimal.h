@@ -41,6 +41,12 @@ inline StoredDecimal scanDecimal(std::string_view text) {
     return {first, at, digits, whole, static_cast<std::size_t>(at - decimals), negative, point};
 }
 
+/// Whether all eight bytes of a word are numbers from 0 to 9.
+inline bool areDigits(u64 word) {
+    // A byte above 9 reaches the top bit by this sum, if it does not have it already.
+    return ((word | (word + 0x7676767676767676)) & 0x8080808080808080) == 0;
+}
+
 /// A decimal of up to this many digits comes back from a double unchanged.
 inline constexpr std::size_t kExactDigits = 15;
 
@@ -71,6 +77,9 @@ inline bool isWhole(const StoredDecimal& d, std::string_view text) {
 
 /// atof of a text that ends where the view ends, if not at a zero byte.
 double readDecimal(std::string_view text);
+
+/// atoi, clamped to 32 bits.
+i32 readInteger(std::string_view text);
 
 /// printf("%*.*f", width, decimals, value) into to; returns the length of the text, which ends with
 /// a zero byte. to holds kFixedTextSize bytes.

@@ -12,32 +12,39 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "mira.h"
 
 namespace mira {
 
 struct FreeDeleter {
-    void operator()(void* block) const { std::free(block); }
+    void operator()(void* memory) const { std::free(memory); }
 };
 struct CloseDeleter {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-/// A malloc block that frees itself; release() hands it to a handle or a caller.
+/// Memory of malloc that frees itself; release() hands it to a handle or a caller.
 template <typename T>
-using Block = std::unique_ptr<T, FreeDeleter>;
+using Owned = std::unique_ptr<T, FreeDeleter>;
 using OwnedFile = std::unique_ptr<std::FILE, CloseDeleter>;
 
 /// count elements of T, uninitialised; null when there is no memory.
 template <typename T>
-Block<T> allocate(std::size_t count) {
+Owned<T> allocate(std::size_t count) {
     if (count > SIZE_MAX / sizeof(T)) return nullptr;
-    return Block<T>(static_cast<T*>(std::malloc(count * sizeof(T))));
+    return Owned<T>(static_cast<T*>(std::malloc(count * sizeof(T))));
 }
 
 /// A malloc copy of a text; null for null or without memory.
-Block<char> copyText(const char* text);
+Owned<char> copyText(const char* text);
+
+/// Gives a member of a handle memory to own, or none, in place of what it owned.
+template <typename T>
+void replace(T*& member, Owned<T> memory = nullptr) {
+    std::free(std::exchange(member, memory.release()));
+}
 
 /// What a file is under all its names: links, other spellings of the path.
 struct FileId {
@@ -59,8 +66,8 @@ bool isSameFile(std::optional<FileId> a, std::optional<FileId> b);
 std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileId* id = nullptr);
 /// The same for an open descriptor, which is closed on failure.
 std::FILE* openUnbuffered(int fd, const char* mode, FileId* id = nullptr);
-/// Open_File.
-std::FILE* openFile(const char* path, FileId* id);
+/// Open_File, or Open_FileRO.
+std::FILE* openFile(const char* path, bool readOnly, FileId* id = nullptr);
 /// Creates a file, or opens one and empties it unless it is one of the files to keep.
 std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<FileId>> keep);
 
@@ -72,8 +79,8 @@ bool seekTo(std::FILE*, u64 offset);
 /// All count bytes, or false.
 bool readExact(std::FILE*, void* buffer, u32 count);
 bool writeExact(std::FILE*, const void* buffer, u32 count);
-/// Size of the file; leaves the position at its end. False when it cannot be told.
-bool fileSize(std::FILE*, u64* size);
+/// Size of the file, if it can be told; leaves the position at its end.
+std::optional<u64> fileSize(std::FILE*);
 
 /// Changes that the process has made to a file, by whatever name and stream. Bytes read ahead are
 /// true only while it stands, so that one handle sees at once what another has written. WriteFile

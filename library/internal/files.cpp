@@ -26,10 +26,10 @@ u32 put(std::FILE* file, const void* buffer, u32 count) {
 
 }  // namespace
 
-Block<char> copyText(const char* text) {
+Owned<char> copyText(const char* text) {
     if (text == nullptr) return nullptr;
     const std::size_t size = std::strlen(text) + 1;
-    Block<char> copy = allocate<char>(size);
+    Owned<char> copy = allocate<char>(size);
     if (copy) std::memcpy(copy.get(), text, size);
     return copy;
 }
@@ -93,12 +93,10 @@ bool writeExact(std::FILE* file, const void* buffer, u32 count) {
     return count <= kReachable && put(file, buffer, count) == count;
 }
 
-bool fileSize(std::FILE* file, u64* size) {
-    if (file == nullptr || fseeko(file, 0, SEEK_END) != 0) return false;
+std::optional<u64> fileSize(std::FILE* file) {
+    if (file == nullptr || fseeko(file, 0, SEEK_END) != 0) return std::nullopt;
     const off_t end = ftello(file);
-    if (end < 0) return false;
-    *size = static_cast<u64>(end);
-    return true;
+    return end >= 0 ? std::optional(static_cast<u64>(end)) : std::nullopt;
 }
 
 std::atomic<u64>& changesOf(std::FILE* file) {
@@ -108,14 +106,14 @@ std::atomic<u64>& changesOf(std::FILE* file) {
     return counters[(u64{info.st_ino} + u64{info.st_dev}) % kCounters];
 }
 
-std::FILE* openFile(const char* path, FileId* id) {
-    std::FILE* file = openUnbuffered(path, O_RDWR, "rb+", id);
+std::FILE* openFile(const char* path, bool readOnly, FileId* id) {
+    std::FILE* file = readOnly ? nullptr : openUnbuffered(path, O_RDWR, "rb+", id);
     return file != nullptr ? file : openUnbuffered(path, O_RDONLY, "rb", id);
 }
 
-std::FILE* Open_File(const char* path) { return openFile(path, nullptr); }
+std::FILE* Open_File(const char* path) { return openFile(path, false); }
 
-std::FILE* Open_FileRO(const char* path) { return openUnbuffered(path, O_RDONLY, "rb"); }
+std::FILE* Open_FileRO(const char* path) { return openFile(path, true); }
 
 u32 SetFilePointer(std::FILE* file, i32 offset, i32* /*high*/, int whence) {
     if (file == nullptr || fseeko(file, offset, whence) != 0) return kNowhere;

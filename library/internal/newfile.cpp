@@ -32,16 +32,16 @@ bool giveOwnName(char* name, Make make) {
 
 }  // namespace
 
-Block<char> tildeName(const char* path) {
-    Block<char> name = copyText(path);
+Owned<char> tildeName(const char* path) {
+    Owned<char> name = copyText(path);
     char* ext = name != nullptr ? extensionOf(name.get()) : nullptr;
     if (ext == nullptr) return nullptr;
     *ext = '~';
     return name;
 }
 
-Block<char> firstOwnName(const char* path) {
-    Block<char> name = tildeName(path);
+Owned<char> firstOwnName(const char* path) {
+    Owned<char> name = tildeName(path);
     if (name != nullptr) name.get()[std::strlen(name.get()) - 1] = '0';
     return name;
 }
@@ -58,15 +58,14 @@ OwnedFile openAbandoned(const char* name) {
 }
 
 bool NewFile::create(const char* path) {
-    Block<char> name = firstOwnName(path);
+    Owned<char> name = firstOwnName(path);
     int fd = -1;
     const auto make = [&fd](const char* own) {
         return (fd = open(own, O_RDWR | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR)) >= 0;
     };
     if (name == nullptr || !giveOwnName(name.get(), make)) return false;
     name_ = std::move(name);
-    flock(fd,
-          LOCK_EX | LOCK_NB);  // not abandoned; on file systems that know no locks it may seem so
+    flock(fd, LOCK_EX | LOCK_NB);  // not abandoned, as it may seem where there are no locks
     file_.reset(openUnbuffered(fd, "rb+"));
     return file_ != nullptr;
 }
@@ -79,7 +78,7 @@ bool NewFile::take(const char* path) {
 
 bool addName(const char* path, const char* second) {
     if (isSameFile(nameId(path), nameId(second))) return true;  // renaming would do nothing
-    const Block<char> name = firstOwnName(path);
+    const Owned<char> name = firstOwnName(path);
     const auto make = [path](const char* own) { return link(path, own) == 0; };
     if (name == nullptr) return false;
     if (!giveOwnName(name.get(), make)) return std::rename(path, second) == 0;

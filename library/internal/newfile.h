@@ -13,7 +13,7 @@ namespace mira {
 
 /// A path with "~" for the first character of its extension; null for a path without one, and when
 /// there is no memory.
-Block<char> tildeName(const char* path);
+Owned<char> tildeName(const char* path);
 
 /// A new file for a path.
 class NewFile {
@@ -36,7 +36,7 @@ public:
     NewFile& operator=(const NewFile&) = delete;
 
 private:
-    Block<char> name_;  ///< while the file bears a name of its own
+    Owned<char> name_;  ///< while the file bears a name of its own
     OwnedFile file_;
 };
 
@@ -45,7 +45,7 @@ private:
 bool addName(const char* path, const char* second);
 
 /// The names that files for a path may have while they are built; null when there are none.
-Block<char> firstOwnName(const char* path);
+Owned<char> firstOwnName(const char* path);
 bool nextOwnName(char* name);
 
 /// The file of a name, if no other process is building it.
@@ -54,7 +54,7 @@ OwnedFile openAbandoned(const char* name);
 /// Removes what killed programs have left of files for a path; isLeft decides for each.
 template <typename Test>
 void removeAbandoned(const char* path, Test isLeft) {
-    const Block<char> name = firstOwnName(path);
+    const Owned<char> name = firstOwnName(path);
     bool more = name != nullptr;
     for (; more; more = nextOwnName(name.get())) {
         const OwnedFile file = openAbandoned(name.get());

@@ -74,10 +74,10 @@ struct DirCloser {
 /// Counts the files beside path that have its name in any letter case, up to 2. *found becomes the
 /// path of the only one. (Reads the directory itself: the iterator of the standard library ends the
 /// program when memory runs out.)
-u32 findInAnyCase(const char* path, Block<char>* found) {
+u32 findInAnyCase(const char* path, Owned<char>* found) {
     const PathParts parts = splitPath(path);
     const char* wanted = path + parts.dir.size();
-    const Block<char> dirName = parts.dir.empty() ? copyText(".") : copyText(path);
+    const Owned<char> dirName = parts.dir.empty() ? copyText(".") : copyText(path);
     if (!dirName) return 0;
     if (!parts.dir.empty()) dirName.get()[parts.dir.size()] = 0;
     const std::unique_ptr<DIR, DirCloser> dir(opendir(dirName.get()));
@@ -97,12 +97,12 @@ u32 findInAnyCase(const char* path, Block<char>* found) {
 
 /// Sources of Visual FoxPro (forms, classes, reports, labels, menus, projects) are tables whose
 /// memo file has their own extension with a "t" at its end. Null for other tables.
-Block<char> sourceMemoName(const char* tablePath) {
+Owned<char> sourceMemoName(const char* tablePath) {
     static constexpr const char* sources[] = {".scx", ".vcx", ".frx", ".lbx", ".mnx", ".pjx"};
     const PathParts parts = splitPath(tablePath);
     for (const char* source : sources) {
         if (parts.ext.empty() || !sameIgnoringCase(parts.ext.data(), source)) continue;
-        Block<char> name = copyText(tablePath);
+        Owned<char> name = copyText(tablePath);
         if (name) name.get()[std::strlen(tablePath) - 1] = parts.ext.back() == 'X' ? 'T' : 't';
         return name;
     }
@@ -112,18 +112,16 @@ Block<char> sourceMemoName(const char* tablePath) {
 /// Names the memo file that is there where none is under the usual name.
 void lookForMemoFile(DbfBase* h) {
     if (access(h->MemoFileName, F_OK) == 0) return;
-    Block<char> found;
+    Owned<char> found;
     if (findInAnyCase(h->MemoFileName, &found) == 0) {
-        Block<char> source = sourceMemoName(h->FileName);
+        Owned<char> source = sourceMemoName(h->FileName);
         if (source && access(source.get(), F_OK) == 0) {
             found = std::move(source);
         } else if (source) {
             findInAnyCase(source.get(), &found);
         }
     }
-    if (!found) return;
-    std::free(h->MemoFileName);
-    h->MemoFileName = found.release();
+    if (found) replace(h->MemoFileName, std::move(found));
 }
 
 }  // namespace
@@ -141,7 +139,7 @@ char* GetMemoName(const char* tablePath, u32 kind) {
                            sameIgnoringCase(parts.ext.data(), ".dbc");
     const std::string_view extension = container ? ".dct" : flavour.extension;
     const std::size_t stem = parts.dir.size() + parts.name.size();
-    Block<char> name = allocate<char>(stem + extension.size() + 1);
+    Owned<char> name = allocate<char>(stem + extension.size() + 1);
     if (name == nullptr) return nullptr;
     // The stem is the beginning of the path: name follows dir there, too.
     std::memcpy(name.get(), tablePath, stem);
@@ -153,8 +151,7 @@ char* GetMemoName(const char* tablePath, u32 kind) {
 u32 GetMemoType(DbfBase* h) {
     const u32 kind =
         h->HeaderSize == kHeaderSize7 ? kLevel7Kind : flavourOf(h->Header.Version).kind;
-    std::free(h->MemoFileName);
-    h->MemoFileName = GetMemoName(h->FileName, kind);
+    replace(h->MemoFileName, Owned<char>(GetMemoName(h->FileName, kind)));
     if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) lookForMemoFile(h);
     noteUnfinishedPack(h);
     FreeMemo(h);

@@ -19,9 +19,7 @@ inline constexpr u32 kMissingMemoUnit = 256;  // stands in for a unit that a sho
 inline constexpr u32 kMemoHeaderMin = 512;  // bytes of a new memo file, when its unit is no larger
 inline constexpr u32 kMemoHeaderRead = 24;  // the most that a family reads of the header
 inline constexpr u32 kMemoPrefixSize = 8;   // mark and length before the data
-inline constexpr u64 kMemoReach =
-    0x7FFFFFFF;                       // the last offset and the largest size of a memo file
-inline constexpr u8 kMemoEnd = 0x1A;  // ends a dBase III memo
+inline constexpr u8 kMemoEnd = 0x1A;        // ends a dBase III memo
 
 /// One memo file format. A memo of n bytes is [prefix] data [end byte] from the start of a block;
 /// block b starts at byte b * unit. The header begins with the number of the next free block.
@@ -63,7 +61,7 @@ bool readMemoUnit(std::FILE*, const MemoFamily&, u32* unit);
 /// Reads the memo of a reference; *memo holds *length bytes and a zero byte. limit cuts memos that
 /// have an end byte in place of a length.
 MemoRead readMemo(std::FILE*, const MemoFamily&, u32 unit, MemoReference, u32 limit,
-                  Block<char>* memo, u32* length);
+                  Owned<char>* memo, u32* length);
 
 // create.cpp
 /// Bytes of a new memo file before its first memo, or up to a unit more.
@@ -110,7 +108,7 @@ class OpenMemoFile {
 public:
     explicit OpenMemoFile(DbfBase* h) : handle_(h) {
         FileId id{};
-        h->MemoFile = openFile(h->MemoFileName, &id);
+        h->MemoFile = openFile(h->MemoFileName, false, &id);
         if (isTable(h, id) || (isPackUnfinished(h) && !isPacking(h))) close();
     }
     ~OpenMemoFile() { close(); }

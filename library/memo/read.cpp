@@ -13,9 +13,9 @@ namespace {
 constexpr u32 kFirstRead = 4096;
 
 /// Data from the file's place up to the end byte, at most limit bytes; at the end of the file none.
-MemoRead readToEnd(std::FILE* file, u32 limit, Block<char>* memo, u32* length) {
+MemoRead readToEnd(std::FILE* file, u32 limit, Owned<char>* memo, u32* length) {
     std::size_t capacity = kMemoTextMax;
-    Block<char> text = allocate<char>(capacity + 1);
+    Owned<char> text = allocate<char>(capacity + 1);
     if (!text) return MemoRead::Failed;
     std::size_t used = 0;
     for (std::size_t want = kFirstRead; used < limit; want = capacity - used) {
@@ -40,36 +40,40 @@ MemoRead readToEnd(std::FILE* file, u32 limit, Block<char>* memo, u32* length) {
     return MemoRead::Found;
 }
 
-/// Length of the data after a prefix; false when it is not a memo prefix.
-bool decodePrefix(const MemoFamily& family, const u8* prefix, u32* length) {
-    if (std::memcmp(prefix, family.mark, family.markChecked) != 0) return false;
+/// Length of the data after a prefix; none when it is not a memo prefix.
+std::optional<u32> decodePrefix(const MemoFamily& family, const u8* prefix) {
     const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
-    *length = stored - family.lengthBias;
-    return stored >= family.lengthBias;
+    const bool marked = std::memcmp(prefix, family.mark, family.markChecked) == 0;
+    if (!marked || stored < family.lengthBias) return std::nullopt;
+    return stored - family.lengthBias;
 }
 
 /// Cuts a length to what the file holds from offset on, and places the file there.
 bool capToFile(std::FILE* file, u64 offset, u32* length) {
-    u64 size = 0;
-    if (!fileSize(file, &size) || !seekTo(file, offset)) return false;
-    const u64 left = size > offset ? size - offset : 0;
+    const std::optional<u64> size = fileSize(file);
+    if (!size || !seekTo(file, offset)) return false;
+    const u64 left = *size > offset ? *size - offset : 0;
     *length = static_cast<u32>(std::min({u64{*length}, left, u64{kMemoNoLimit}}));
     return true;
 }
 
 /// The memo whose block starts at offset, where the file stands.
 MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 length,
-                   Block<char>* memo, u32* lengthRead) {
+                   Owned<char>* memo, u32* lengthRead) {
     u8 start[kFirstRead];
     const u32 want = family.prefixSize != 0 ? kFirstRead : std::min(length, kFirstRead);
     const u32 got = ReadFile(file, start, static_cast<i32>(want));
     if (got < family.prefixSize) return MemoRead::None;
-    if (family.prefixSize != 0 && !decodePrefix(family, start, &length)) return MemoRead::None;
+    if (family.prefixSize != 0) {
+        const std::optional<u32> said = decodePrefix(family, start);
+        if (!said) return MemoRead::None;
+        length = *said;
+    }
 
     const u32 have = std::min(length, got - family.prefixSize);
     u32 rest = got == want ? length - have : 0;
     if (rest != 0 && !capToFile(file, offset + got, &rest)) return MemoRead::Failed;
-    Block<char> data = allocate<char>(std::size_t{have} + rest + 1);
+    Owned<char> data = allocate<char>(std::size_t{have} + rest + 1);
     if (!data) return MemoRead::Failed;
     std::memcpy(data.get(), start + family.prefixSize, have);
     *lengthRead = have + ReadFile(file, data.get() + have, static_cast<i32>(rest));
@@ -82,7 +86,7 @@ MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 le
 char* getMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
     u32 unit = 0;
     u32 got = 0;
-    Block<char> memo;
+    Owned<char> memo;
     if (!readMemoUnit(h->MemoFile, family, &unit) && !family.shortHeaderReads) return nullptr;
     if (readMemo(h->MemoFile, family, unit, reference, kMemoTextMax, &memo, &got) !=
         MemoRead::Found) {
@@ -143,9 +147,9 @@ bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
 }
 
 MemoRead readMemo(std::FILE* file, const MemoFamily& family, u32 unit, MemoReference reference,
-                  u32 limit, Block<char>* memo, u32* length) {
+                  u32 limit, Owned<char>* memo, u32* length) {
     const u64 offset = u64{unit} * reference.block;
-    if (offset > kMemoReach) return MemoRead::None;
+    if (offset > kReachable) return MemoRead::None;
     if (!seekTo(file, offset)) return MemoRead::Failed;
     const MemoRead result = family.endSize != 0
                                 ? readToEnd(file, limit, memo, length)
@@ -170,10 +174,7 @@ int SeekMemo(DbfBase* h, u32 unit, u32 block) {
 
 int SeekMemoZero(DbfBase* h) { return seekTo(h->MemoFile, 0) ? 1 : 0; }
 
-void FreeMemo(DbfBase* h) {
-    std::free(h->MemoBuffer);
-    h->MemoBuffer = nullptr;
-}
+void FreeMemo(DbfBase* h) { replace(h->MemoBuffer); }
 
 char* GetMemo(DbfBase* h, i32 field) {
     char* memo = getFieldText(h, field);

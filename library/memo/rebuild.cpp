@@ -108,7 +108,7 @@ u32 MemoBuilder::append(const char* bytes, u32 length) {
     const u64 offset = u64{unit_} * next_;
     const u64 end = offset + family_.prefixSize + length + family_.endSize;
     u8 prefix[kMemoPrefixSize];
-    if (end > kMemoReach || !padTo(offset) ||
+    if (end > kReachable || !padTo(offset) ||
         !put(prefix, encodeMemoPrefix(family_, length, prefix)) || !put(bytes, length) ||
         !put(&kMemoEnd, family_.endSize)) {
         return 0;
@@ -120,7 +120,7 @@ u32 MemoBuilder::append(const char* bytes, u32 length) {
 
 bool MemoBuilder::complete(const Bytes& log, u32 records) {
     const u64 end = std::max<u64>(end_, headerSize_);
-    if (end + log.size() + unit_ > kMemoReach) return false;
+    if (end + log.size() + unit_ > kReachable) return false;
     u8 head[kHeadSize] = {};
     std::memcpy(head, header_, sizeof header_);
     storeMemo32(family_, head, blocksUpTo(end + log.size(), unit_));
@@ -141,7 +141,7 @@ bool isUnfinished(std::FILE* file) {
 void noteUnfinishedPack(DbfBase* h) {
     if (h->FirstMemoField == -1 || h->Private == nullptr) return;
     // The old file is always there; usually this ends here.
-    const Block<char> oldName = tildeName(h->MemoFileName);
+    const Owned<char> oldName = tildeName(h->MemoFileName);
     h->Private->unfinished = oldName != nullptr && access(oldName.get(), F_OK) == 0;
     isPackUnfinished(h);
 }
@@ -154,12 +154,11 @@ bool isPackUnfinished(DbfBase* h) {
 
 bool readRebuildLog(std::FILE* file, RebuildLog* log) {
     u8 head[kHeadSize];
-    u64 size = 0;
-    if (!isSigned(head, readHead(file, head)) || !fileSize(file, &size)) return false;
+    if (!isSigned(head, readHead(file, head))) return false;
     const u32 end = loadLe32(head + kEndPlace);
     log->size = loadLe32(head + kLogSizePlace);
     log->records = loadLe32(head + kRecordsPlace);
-    if (u64{end} + log->size > size) return false;
+    if (u64{end} + log->size > fileSize(file).value_or(0)) return false;
     log->bytes = allocate<u8>(std::max(log->size, 1u));
     return log->bytes && seekTo(file, end) && readExact(file, log->bytes.get(), log->size) &&
            checksum(log->bytes.get(), log->size) == loadLe32(head + kChecksumPlace);

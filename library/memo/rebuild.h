@@ -27,7 +27,7 @@ public:
     std::size_t size() const { return size_; }
 
 private:
-    Block<u8> bytes_;
+    Owned<u8> bytes_;
     std::size_t size_ = 0;
     std::size_t room_ = 0;
 };
@@ -50,7 +50,7 @@ private:
 
     std::FILE* file_;
     const MemoFamily& family_;
-    Block<u8> buffer_;
+    Owned<u8> buffer_;
     u32 used_ = 0;
     u64 end_ = 0;  ///< offset after everything put
     u32 unit_ = 0;
@@ -64,7 +64,7 @@ bool isUnfinished(std::FILE*);
 
 /// The log of an unfinished rebuild.
 struct RebuildLog {
-    Block<u8> bytes;
+    Owned<u8> bytes;
     u32 size = 0;
     u32 records = 0;
 };

@@ -8,8 +8,8 @@ namespace mira {
 
 namespace {
 
-constexpr u32 kOneWrite =
-    4096;  // memos up to this size go out with prefix and end byte in one write
+// Memos up to this size go out with prefix and end byte in one write.
+constexpr u32 kOneWrite = 4096;
 
 /// Where a memo goes.
 struct Place {
@@ -27,7 +27,7 @@ bool findPlace(std::FILE* file, const MemoFamily& family, u64 size, Place* place
     if (unit == 0) return false;
     place->block = loadMemo32(family, header);
     place->offset = u64{unit} * place->block;
-    if (place->offset < family.headerSize || place->offset + size > kMemoReach) return false;
+    if (place->offset < family.headerSize || place->offset + size > kReachable) return false;
     place->next = place->block + static_cast<u32>((size + unit - 1) / unit);
     return true;
 }
@@ -56,7 +56,7 @@ bool writeCounter(std::FILE* file, const MemoFamily& family, u32 next) {
 /// Length of a text; 0, which stores nothing, for one that no memo file can hold.
 u32 textLength(const char* text) {
     const std::size_t length = text != nullptr ? std::strlen(text) : 0;
-    return length <= kMemoReach ? static_cast<u32>(length) : 0;
+    return length <= kReachable ? static_cast<u32>(length) : 0;
 }
 
 }  // namespace

@@ -6,12 +6,12 @@
 
 #include "internal/ascii.h"
 #include "internal/datelayout.h"
+#include "internal/decimal.h"
 #include "streval/streval.h"
 
 namespace mira {
 namespace {
 
-char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 char lower(char c) { return static_cast<char>(lowerAscii(c)); }
 
 std::string_view textOf(const Piece& p) { return {p.begin, p.length}; }
@@ -32,21 +32,6 @@ void trimRight(Piece& p, const DbfBase* /*h*/) { p.length = textOf(p).find_last_
 void trimBoth(Piece& p, const DbfBase* h) {
     trimRight(p, h);
     trimLeft(p, h);
-}
-
-/// atoi, clamped to 32 bits.
-i64 number(std::string_view text) {
-    constexpr i64 limit = 0x80000000;
-    constexpr std::string_view spaces = " \t\n\v\f\r";
-    text.remove_prefix(std::min(text.find_first_not_of(spaces), text.size()));
-    const bool negative = text.starts_with('-');
-    if (negative || text.starts_with('+')) text.remove_prefix(1);
-    i64 value = 0;
-    for (const char c : text) {
-        if (!isDigit(c) || value >= limit) break;
-        value = value * 10 + (c - '0');
-    }
-    return negative ? -std::min(value, limit) : std::min(value, limit - 1);
 }
 
 /// Splits "text,numbers" at the first comma: the piece becomes the text. False without a comma.
@@ -72,13 +57,13 @@ void subStr(Piece& p, const DbfBase* /*h*/) {
     if (!splitNumbers(p, &numbers)) return;
     const std::size_t comma = numbers.find(',');
     const bool whole = comma == std::string_view::npos;
-    cut(p, number(numbers), whole ? -1 : number(numbers.substr(comma + 1)));
+    cut(p, readInteger(numbers), whole ? -1 : readInteger(numbers.substr(comma + 1)));
 }
 
 // text,count
 void strLeft(Piece& p, const DbfBase* /*h*/) {
     std::string_view numbers;
-    if (splitNumbers(p, &numbers)) cut(p, 0, number(numbers));
+    if (splitNumbers(p, &numbers)) cut(p, 0, readInteger(numbers));
 }
 
 // text,count
@@ -86,7 +71,7 @@ void strRight(Piece& p, const DbfBase* /*h*/) {
     std::string_view numbers;
     if (!splitNumbers(p, &numbers)) return;
     const auto length = static_cast<i64>(p.length);
-    cut(p, length - std::clamp<i64>(number(numbers), 0, length), -1);
+    cut(p, length - std::clamp<i64>(readInteger(numbers), 0, length), -1);
 }
 
 void dateToText(Piece& p, const DbfBase* h) {
@@ -110,7 +95,7 @@ void dateToText(Piece& p, const DbfBase* h) {
 void unchanged(Piece& /*p*/, const DbfBase* /*h*/) {}
 
 void toUpper(Piece& p, const DbfBase* /*h*/) {
-    std::transform(p.begin, p.begin + p.length, p.begin, upper);
+    std::transform(p.begin, p.begin + p.length, p.begin, upperAscii);
 }
 
 void toLower(Piece& p, const DbfBase* /*h*/) {
@@ -120,7 +105,7 @@ void toLower(Piece& p, const DbfBase* /*h*/) {
 void capitalize(Piece& p, const DbfBase* /*h*/) {
     char previous = ' ';
     for (char* c = p.begin; c != p.begin + p.length; previous = *c++) {
-        *c = previous == ' ' || previous == '\t' ? upper(*c) : lower(*c);
+        *c = previous == ' ' || previous == '\t' ? upperAscii(*c) : lower(*c);
     }
 }
 
@@ -146,11 +131,20 @@ constexpr StringFunction kStringFunctions[] = {
     row("UPPER(", toUpper, true), row("LOWER(", toLower, true), row("CAP(", capitalize, true),
 };
 
+/// The letters that names begin with, as bits from A on. Texts are searched at every character.
+constexpr u32 kInitials = [] {
+    u32 bits = 0;
+    for (const StringFunction& f : kStringFunctions) bits |= u32{1} << (*f.opener - 'A');
+    return bits;
+}();
+
 }  // namespace
 
 const StringFunction* functionAt(const char* text) {
+    const int letter = upperAscii(*text) - 'A';
+    if (letter < 0 || letter > 25 || (kInitials >> letter & 1) == 0) return nullptr;
     for (const StringFunction& f : kStringFunctions) {
-        if (upper(*text) == *f.opener && compareIgnoringCase(text, f.opener, f.length) == 0) {
+        if (upperAscii(*text) == *f.opener && compareIgnoringCase(text, f.opener, f.length) == 0) {
             return &f;
         }
     }

@@ -101,7 +101,7 @@ char* StrEval(char* text, DbfBase* h) {
     if (text == nullptr || std::strchr(text, '(') == nullptr) return text;
     const std::size_t calls = countCalls(text);
     if (calls == 0) return text;
-    const Block<Frame> frames = allocate<Frame>(calls + 1);
+    const Owned<Frame> frames = allocate<Frame>(calls + 1);
     if (!frames) return text;
     Evaluation e{.text = text, .handle = h, .top = frames.get()};
     *e.top = {nullptr, 0, 0, kNoComma, 0};

@@ -20,6 +20,7 @@ constexpr std::size_t kExpansion = 32767;   // characters of an expansion
 constexpr std::size_t kCondition = 511;     // of a condition's
 constexpr std::size_t kPiece = 1023;        // of a filter between connectives
 constexpr std::size_t kConnectives = 1023;  // in a filter
+constexpr std::string_view kOperators = "><=~^+-/*()";
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 /// Letters from one on, of the alphabet's 26, in the other case.
@@ -451,7 +452,7 @@ Expansion expanded(const Row& row, const std::string& expression) {
             continue;
         }
         length = 1;
-        if (quote == 0 && !out.operatorAt && "><=~^+-/*()"s.find(c) != std::string::npos)
+        if (quote == 0 && !out.operatorAt && kOperators.find(c) != kOperators.npos)
             out.operatorAt = out.text.size();
         out.text += c;
     }

@@ -14,6 +14,7 @@ namespace {
 constexpr i64 kDayBeforeYear0 = 1721059;
 constexpr i64 kLastDay = 5373484;  // 9999-12-31
 constexpr i64 kDayBeforeYear1 = 1721425;
+constexpr i64 kCycleDays = 146097;       // in 400 years
 constexpr double kDayLength = 86400000;  // milliseconds
 constexpr u64 kTopBit = u64{1} << 63;
 constexpr u8 kSmt = 0xE5;
@@ -268,7 +269,9 @@ bool isValid(const Moment& m) {
 
 i64 dayNumber(const Moment& m) {
     i64 number = kDayBeforeYear0 + m.day;
-    for (int year = 0; year < m.year; ++year) number += 365 + isLeap(year);
+    const int cycles = std::max(m.year, 0) / 400;  // before the rest is counted year by year
+    number += i64{cycles} * kCycleDays;
+    for (int year = 400 * cycles; year < m.year; ++year) number += 365 + isLeap(year);
     for (int month = 0; month < m.month; ++month) number += monthDays(m.year, month);
     return number;
 }

@@ -27,7 +27,7 @@ private:
     const u8* held(u64 offset, u32 count) const;
     bool fill(std::FILE*, u64 offset, u32 count);
 
-    Block<u8> buffer_;                     // allocated by the first read that continues
+    Owned<u8> buffer_;                     // allocated by the first read that continues
     std::FILE* file_ = nullptr;            // the last table read or written
     std::atomic<u64>* changes_ = nullptr;  // to that file, by whatever handle
     u64 version_ = 0;                      // *changes_ for which the bytes held are true

@@ -1,8 +1,7 @@
-// Alias file: alternative column headings in a small file beside the table.
+// Alias file: headings for the fields, in a small file beside the table.
 //
 //   0    32      "Header file MIRA", zero bytes to the end
 //   32   32 * n  one heading per field: text of at most 31 characters, zero bytes to the end
-#include <cstdlib>
 #include <cstring>
 
 #include "dbf/table/table.h"
@@ -31,8 +30,7 @@ void terminateHeadings(DbfBase* h, u32 bytesRead) {
 void SetAliasName(DbfBase* h, const char* name) {
     char path[kBackupNameSize];
     MakeExt(path, h->FileName, ".hdr", name);
-    std::free(h->AliasFileName);
-    h->AliasFileName = path[0] != 0 ? copyText(path).release() : nullptr;
+    replace(h->AliasFileName, path[0] != 0 ? copyText(path) : nullptr);
 }
 
 void WriteAlias(DbfBase* h) {

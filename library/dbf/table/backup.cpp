@@ -39,7 +39,7 @@ bool beginsWith(DbfBase* h, std::FILE* file, u8* buffer) {
 
 /// The copy bears the backup's name only when it is whole.
 bool makeCopy(DbfBase* h) {
-    const Block<u8> buffer = allocate<u8>(std::size_t{2} * kCopyChunk);
+    const Owned<u8> buffer = allocate<u8>(std::size_t{2} * kCopyChunk);
     if (!buffer) return false;
     removeAbandoned(h->BackupName,
                     [&](std::FILE* left) { return beginsWith(h, left, buffer.get()); });

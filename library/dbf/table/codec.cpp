@@ -15,6 +15,7 @@
 //   terminator       0x0D
 //   records          from the header length on; byte 0 is the deletion flag
 //   end of file      0x1A
+#include <algorithm>
 #include <cstring>
 
 #include "dbf/table/table.h"
@@ -24,25 +25,18 @@
 namespace mira {
 namespace {
 
-constexpr u32 kTypePlace = 11;
-constexpr u32 kOffsetPlace = 12;
-constexpr u32 kLengthPlace = 16;
-constexpr u32 kDecimalsPlace = 17;
+/// Bytes of the name, and where a descriptor has what follows it.
+struct DescriptorPlaces {
+    u32 nameSize, type, length, decimals, offset;
+};
+constexpr DescriptorPlaces kPlaces = {10, 11, 16, 17, 12};
+constexpr DescriptorPlaces kPlaces7 = {32, 32, 34, 35, 36};
+constexpr DescriptorPlaces kForeignPlaces7 = {32, 32, 33, 34, 36};
 constexpr u32 kWorkAreaPlace = 20;
-constexpr u32 kTypePlace7 = 32;
-constexpr u32 kForeignLengthPlace7 = 33;
-constexpr u32 kLengthPlace7 = 34;
-constexpr u32 kDecimalsPlace7 = 35;
-constexpr u32 kOffsetPlace7 = 36;
 
-constexpr u32 kNameLength = 10;
-constexpr u32 kNameLength7 = 31;
-
-void copyName(char* to, const u8* from, u32 limit) {
-    const void* end = std::memchr(from, 0, limit);
-    const std::size_t length =
-        end != nullptr ? static_cast<std::size_t>(static_cast<const u8*>(end) - from) : limit;
-    std::memcpy(to, from, length);
+const DescriptorPlaces& placesOf(u32 descriptorSize, bool foreign) {
+    if (descriptorSize != kDescriptorSize7) return kPlaces;
+    return foreign ? kForeignPlaces7 : kPlaces7;
 }
 
 }  // namespace
@@ -80,37 +74,25 @@ void encodeHeader(const DbfHeader& header, u8* to) {
 }
 
 void encodeDescriptor(const DbfField& f, u32 descriptorSize, u8* to) {
+    const DescriptorPlaces& at = placesOf(descriptorSize, false);
     std::memset(to, 0, descriptorSize);
-    if (descriptorSize == kDescriptorSize7) {
-        std::memcpy(to, f.Name, sizeof f.Name);
-        to[kTypePlace7] = static_cast<u8>(f.Type);
-        to[kLengthPlace7] = f.Length;
-        to[kDecimalsPlace7] = f.Decimals;
-        storeLe16(to + kOffsetPlace7, f.Offset);
-    } else {
-        std::memcpy(to, f.Name, kNameLength);
-        to[kTypePlace] = static_cast<u8>(f.Type);
-        to[kLengthPlace] = f.Length;
-        to[kDecimalsPlace] = f.Decimals;
-        storeLe16(to + kOffsetPlace, f.Offset);
-        to[kWorkAreaPlace] = f.WorkArea;
-    }
+    std::memcpy(to, f.Name, at.nameSize);
+    to[at.type] = static_cast<u8>(f.Type);
+    to[at.length] = f.Length;
+    to[at.decimals] = f.Decimals;
+    storeLe16(to + at.offset, f.Offset);
+    if (descriptorSize == kDescriptorSize) to[kWorkAreaPlace] = f.WorkArea;
 }
 
 DbfField decodeDescriptor(const u8* from, u32 descriptorSize, bool foreign) {
+    const DescriptorPlaces& at = placesOf(descriptorSize, foreign);
     DbfField f{};
-    if (descriptorSize == kDescriptorSize7) {
-        copyName(f.Name, from, kNameLength7);
-        f.Type = static_cast<char>(from[kTypePlace7]);
-        f.Length = from[foreign ? kForeignLengthPlace7 : kLengthPlace7];
-        f.Decimals = from[foreign ? kLengthPlace7 : kDecimalsPlace7];
-    } else {
-        copyName(f.Name, from, kNameLength);
-        f.Type = static_cast<char>(from[kTypePlace]);
-        f.Length = from[kLengthPlace];
-        f.Decimals = from[kDecimalsPlace];
-        f.WorkArea = from[kWorkAreaPlace];
-    }
+    const std::size_t longest = std::min<std::size_t>(at.nameSize, sizeof f.Name - 1);
+    std::memcpy(f.Name, from, strnlen(reinterpret_cast<const char*>(from), longest));
+    f.Type = static_cast<char>(from[at.type]);
+    f.Length = from[at.length];
+    f.Decimals = from[at.decimals];
+    if (descriptorSize == kDescriptorSize) f.WorkArea = from[kWorkAreaPlace];
     return f;
 }
 

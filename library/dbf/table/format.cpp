@@ -1,6 +1,5 @@
 // Reading header and descriptors of a table file, and the repairs made to what does not add up.
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include "dbf/table/private.h"
@@ -30,7 +29,7 @@ bool detectLevel7(DbfBase* h) {
 
 /// Raw descriptors, whole ones only.
 struct Descriptors {
-    Block<u8> bytes;
+    Owned<u8> bytes;
     u32 size;  ///< of one
     u32 count = 0;
     bool anyRead = false;
@@ -184,12 +183,10 @@ void repairRecordCount(DbfBase* h, u64 fileSize) {
 }
 
 void nameBackup(DbfBase* h) {
-    Block<char> name = allocate<char>(kBackupNameSize);
+    Owned<char> name = allocate<char>(kBackupNameSize);
     if (!name) return;
     MakeExt(name.get(), h->FileName, ".bak", nullptr);
-    if (name.get()[0] == 0) return;
-    std::free(h->BackupName);
-    h->BackupName = name.release();
+    if (name.get()[0] != 0) replace(h->BackupName, std::move(name));
 }
 
 }  // namespace
@@ -199,12 +196,12 @@ char readFields(DbfBase* h, bool fresh) {
     if (h->Private != nullptr) h->Private->expressions.reset();  // they name the old fields
     const Descriptors list = readDescriptors(h);
     // What an error cuts short is not taken for a shorter table: the next write would ruin it.
-    u64 size = 0;
-    const bool readable = fileSize(h->TableFile, &size) && std::ferror(h->TableFile) == 0;
+    const std::optional<u64> size = fileSize(h->TableFile);
+    const bool readable = size && std::ferror(h->TableFile) == 0;
     const bool opens =
-        readable && list.anyRead && decodeFields(h, list, size) && allocateBuffers(h);
+        readable && list.anyRead && decodeFields(h, list, *size) && allocateBuffers(h);
     repairVersion(h);
-    repairRecordCount(h, size);
+    repairRecordCount(h, size.value_or(0));
     nameBackup(h);
     return opens ? 1 : 0;
 }

@@ -1,12 +1,12 @@
 // The handle: its defaults and what it owns.
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
 
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
+#include "internal/datelayout.h"
 #include "internal/file.h"
 
 namespace mira {
@@ -14,20 +14,14 @@ namespace {
 
 // d_fmt and t_fmt, in the order of DateFormat. Formats 1 and 2 differ in the order of the values.
 constexpr const char* kDateFormats[] = {"%10s", "%02d.%02d.%04d", "%02d.%02d.%04d",
-                                        "%04d.%02d.%02d", "%04d%02d%02d"};
-constexpr const char* kDateTimeFormats[] = {
-    "%14s", "%02d.%02d.%04d %02d:%02d:%02d", "%02d.%02d.%04d %02d:%02d:%02d",
-    "%04d.%02d.%02d %02d:%02d:%02d", "%04d%02d%02d%02d%02d%02d"};
+                                        "%04d.%02d.%02d", kDatePattern};
+constexpr const char* kDateTimeFormats[] = {"%14s", "%02d.%02d.%04d %02d:%02d:%02d",
+                                            "%02d.%02d.%04d %02d:%02d:%02d",
+                                            "%04d.%02d.%02d %02d:%02d:%02d", kMomentPattern};
 
 // A dotted format begins with two numbers of the shape "%02d"; a separator follows each.
 constexpr std::size_t kSeparatorPlaces[] = {4, 9};
 constexpr std::size_t kDottedFormats[] = {1, 2, 3};
-
-template <typename T>
-void release(T*& owned) {
-    std::free(owned);
-    owned = nullptr;
-}
 
 void setSeparators(char* format, char separator) {
     if (format == nullptr) return;
@@ -54,14 +48,14 @@ bool setDefaults(DbfBase* h) {
 }
 
 void releaseBuffers(DbfBase* h) {
-    release(h->BackupName);
-    release(h->AliasFileName);
-    release(h->RecordBuffer);
-    release(h->TextBuffer);
-    release(h->SavedRecord);
-    release(h->MemoFileName);
-    for (char*& format : h->DateFormats) release(format);
-    for (char*& format : h->DateTimeFormats) release(format);
+    replace(h->BackupName);
+    replace(h->AliasFileName);
+    replace(h->RecordBuffer);
+    replace(h->TextBuffer);
+    replace(h->SavedRecord);
+    replace(h->MemoFileName);
+    for (char*& format : h->DateFormats) replace(format);
+    for (char*& format : h->DateTimeFormats) replace(format);
     delete std::exchange(h->Private, nullptr);
 }
 

@@ -1,32 +1,33 @@
 // From the caller's position to the physical record, and from a record to its file offset.
 #pragma once
 
+#include <optional>
+
 #include "internal/file.h"
 #include "mira.h"
 
 namespace mira {
 
-/// Sort order, then filter, for a position that counts from the start of the view. False for one
+/// Sort order, then filter, for a position that counts from the start of the view. None for one
 /// beyond the view while a sort order or a filter is in force.
-inline bool recordFromStart(DbfBase* h, u32 position, u32* record) {
+inline std::optional<u32> recordFromStart(DbfBase* h, u32 position) {
     const bool filtered = h->FilterIndex != nullptr && h->UseFilterIndex != 0;
     if (h->SortOrder != nullptr || filtered) {
-        if (position >= reccount(h)) return false;
+        if (position >= reccount(h)) return std::nullopt;
         position = GetOrder(h, position);
     }
-    *record = filtered ? recno(h, position) : position;
-    return true;
+    return filtered ? recno(h, position) : position;
 }
 
-/// Reverse, then sort order, then filter. False for a position beyond the view while one of them
-/// is in force.
-inline bool recordAt(DbfBase* h, u32 position, u32* record) {
+/// Reverse, then sort order, then filter. None for a position beyond the view while one of them is
+/// in force.
+inline std::optional<u32> recordAt(DbfBase* h, u32 position) {
     if (h->Reverse != 0) {
         const u32 count = reccount(h);
-        if (position >= count) return false;
+        if (position >= count) return std::nullopt;
         position = count - 1 - position;
     }
-    return recordFromStart(h, position, record);
+    return recordFromStart(h, position);
 }
 
 /// File offset of a column (byte) of a physical record.

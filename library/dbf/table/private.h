@@ -42,5 +42,10 @@ inline u32 sortOrderCount(const DbfBase* h) {
 inline void setSortOrderCount(DbfBase* h, u32 count) {
     if (h->Private != nullptr) h->Private->sortOrderCount = count;
 }
+/// Gives the view a sort order, or none, in place of the one it has.
+inline void setSortOrder(DbfBase* h, Owned<u32> order = nullptr, u32 count = 0) {
+    replace(h->SortOrder, std::move(order));
+    setSortOrderCount(h, count);
+}
 
 }  // namespace mira

@@ -75,8 +75,8 @@ i32 fieldno(DbfBase* h, int index) {
 }
 
 int SeekRecord(DbfBase* h, u32 position) {
-    u32 record = 0;
-    return recordAt(h, position, &record) && seekTo(h->TableFile, offsetOf(h, record)) ? 1 : 0;
+    const std::optional<u32> record = recordAt(h, position);
+    return record && seekTo(h->TableFile, offsetOf(h, *record)) ? 1 : 0;
 }
 
 int InternalSeekRecord(DbfBase* h, u32 record) {
@@ -85,9 +85,9 @@ int InternalSeekRecord(DbfBase* h, u32 record) {
 
 int SeekField(DbfBase* h, u32 position, int field) {
     const DbfField* f = tableField(h, field);
-    u32 record = 0;
-    if (f == nullptr || !recordAt(h, position, &record)) return 0;
-    return seekTo(h->TableFile, offsetOf(h, record, f->Offset)) ? 1 : 0;
+    const std::optional<u32> record = recordAt(h, position);
+    if (f == nullptr || !record) return 0;
+    return seekTo(h->TableFile, offsetOf(h, *record, f->Offset)) ? 1 : 0;
 }
 
 bool readPhysicalRecord(DbfBase* h, u32 record) {
@@ -99,8 +99,8 @@ bool readPhysicalRecord(DbfBase* h, u32 record) {
 }
 
 int ReadRecord(DbfBase* h, u32 position) {
-    u32 record = 0;
-    return recordAt(h, position, &record) && readPhysicalRecord(h, record) ? 1 : 0;
+    const std::optional<u32> record = recordAt(h, position);
+    return record && readPhysicalRecord(h, *record) ? 1 : 0;
 }
 
 int GetRecord(DbfBase* h, u32 position) {
@@ -111,12 +111,10 @@ int GetRecord(DbfBase* h, u32 position) {
 }
 
 bool readFlag(DbfBase* h, u32 position, bool fresh) {
-    u32 record = 0;
+    const std::optional<u32> record = recordAt(h, position);
     u32 got = 0;
-    if (!recordAt(h, position, &record) ||
-        !readTable(h, offsetOf(h, record), &h->DeleteFlag, 1, &got, fresh)) {
+    if (!record || !readTable(h, offsetOf(h, *record), &h->DeleteFlag, 1, &got, fresh))
         return false;
-    }
     if (h->AfterReadByte != nullptr) h->AfterReadByte(h);
     return got == 1;
 }
@@ -125,22 +123,21 @@ int ReadByte(DbfBase* h, u32 position) { return readFlag(h, position, false) ? 1
 
 int ReadField(DbfBase* h, u32 position, int field) {
     const DbfField* f = tableField(h, field);
-    u32 record = 0;
+    if (f == nullptr || isClosed(h)) return 0;
+    const std::optional<u32> record = recordAt(h, position);
+    if (!record) return 0;
     u32 got = 0;
-    if (f == nullptr || isClosed(h) || !recordAt(h, position, &record)) return 0;
     const std::span<u8> bytes = fieldBytes(h, field);
     const auto length = static_cast<u32>(bytes.size());
-    if (!readTable(h, offsetOf(h, record, f->Offset), bytes.data(), length, &got)) {
-        return 0;
-    }
-    return got == length ? 1 : 0;
+    const bool read = readTable(h, offsetOf(h, *record, f->Offset), bytes.data(), length, &got);
+    return read && got == length ? 1 : 0;
 }
 
 int RefreshDatabase(DbfBase* h) {
     if (h->Private != nullptr) h->Private->ahead.drop();
-    u64 size = 0;
-    if (!fileSize(h->TableFile, &size)) return 0;
-    const u32 count = recordsInFile(h, size);
+    const std::optional<u64> size = fileSize(h->TableFile);
+    if (!size) return 0;
+    const u32 count = recordsInFile(h, *size);
     if (count == h->Header.RecordCount) return 0;
     h->Header.RecordCount = count;
     return 1;

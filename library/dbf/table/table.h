@@ -21,10 +21,18 @@ inline constexpr u32 kStatusVersion = 1;
 inline constexpr u32 kStatusFieldTypes = 2;
 inline constexpr u32 kStatusRecordCount = 4;
 
+// The first byte of a record; every other value counts as kPresent.
+inline constexpr u8 kPresent = ' ';
+inline constexpr u8 kDeleted = '*';
+
 /// A handle after Close_File, or one that never had a table.
 inline bool isClosed(const DbfBase* h) { return h->TableFile == nullptr; }
 /// A handle after Close_File, which leaves it its name.
 inline bool wasClosed(const DbfBase* h) { return isClosed(h) && h->FileName != nullptr; }
+/// Whether positions go through a filter or a sort order.
+inline bool hasView(const DbfBase* h) {
+    return h->FilterIndex != nullptr || h->SortOrder != nullptr;
+}
 
 inline constexpr i32 kDigitsFormat = 4;  // the DateFormat whose texts sort as dates do
 

@@ -53,7 +53,7 @@ void ClearField(DbfBase* h, int field) {
 }
 
 void ClearRecord(DbfBase* h) {
-    h->RecordBuffer[0] = ' ';
+    h->RecordBuffer[0] = kPresent;
     for (int field = 0; field < h->FieldCount; ++field) ClearField(h, field);
 }
 

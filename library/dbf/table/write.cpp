@@ -33,9 +33,8 @@ int writeAt(DbfBase* h, u32 record, u32 column, RecordHook hook, const void* byt
 int writeMapped(DbfBase* h, u32 position, u32 column, RecordHook hook, const void* bytes,
                 u32 count) {
     backUp(h);
-    u32 record = 0;
-    if (!recordAt(h, position, &record)) return 0;
-    return writeAt(h, record, column, hook, bytes, count);
+    const std::optional<u32> record = recordAt(h, position);
+    return record ? writeAt(h, *record, column, hook, bytes, count) : 0;
 }
 
 /// Room for an entry beyond count in a view's index; the old entries stay.

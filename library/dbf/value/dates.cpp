@@ -17,10 +17,10 @@
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/value/value.h"
-#include "internal/ascii.h"
 #include "internal/bytes.h"
 #include "internal/clock.h"
 #include "internal/datelayout.h"
+#include "internal/decimal.h"
 
 namespace mira {
 namespace {
@@ -47,19 +47,9 @@ bool isBinary(const DbfField& f) { return hasTime(f) && f.Length == 8; }
 bool isTimestamp(const DbfField& f) { return f.Type == '@'; }
 bool isForeign(const DbfBase* h, const DbfField& f) { return isTimestamp(f) && isForeignLevel7(h); }
 
-/// atoi of at most four characters; 0 for a piece beyond the end of the text.
+/// 0 for a piece beyond the end of the text.
 int readPiece(std::string_view text, std::size_t start, std::size_t length) {
-    if (start >= text.size()) return 0;
-    text = text.substr(start, length);
-    std::size_t i = 0;
-    while (i < text.size() && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) ++i;
-    const bool negative = i < text.size() && text[i] == '-';
-    if (i < text.size() && (text[i] == '-' || text[i] == '+')) ++i;
-    int value = 0;
-    for (; i < text.size() && isDigit(text[i]); ++i) {
-        value = value * 10 + (text[i] - '0');
-    }
-    return negative ? -value : value;
+    return start < text.size() ? readInteger(text.substr(start, length)) : 0;
 }
 
 /// Days of the years from 0 to year - 1; none for a year at or before 0.
@@ -127,8 +117,7 @@ DateTime decodeForeign(const std::array<u8, 8>& bytes) {
 /// Reads eight digits at once. False, with nothing read, when a byte is no digit.
 bool readEightDigits(const char* text, DateTime* v) {
     const u64 word = loadLe64(reinterpret_cast<const u8*>(text)) ^ 0x3030303030303030;
-    // A byte above 9 reaches the top bit by this sum, if it does not have it already.
-    if (((word | (word + 0x7676767676767676)) & 0x8080808080808080) != 0) return false;
+    if (!areDigits(word)) return false;
     const u64 pairs = word * 10 + (word >> 8);  // a number of two digits in every other byte
     const auto pairAt = [pairs](int byte) { return static_cast<int>(pairs >> 8 * byte & 0xFF); };
     v->year = pairAt(0) * 100 + pairAt(2);
@@ -250,8 +239,8 @@ const char* render(DbfBase* h, int field, const DateTime& v, const char* pattern
 /// Stores the digits of a date, and of a time where the field has one.
 void storeDigits(DbfBase* h, int field, const DateTime& v) {
     char text[80];
-    const int printed = std::snprintf(text, sizeof text, "%04d%02d%02d%02d%02d%02d", v.year,
-                                      v.month, v.day, v.hour, v.minute, v.second);
+    const int printed = std::snprintf(text, sizeof text, kMomentPattern, v.year, v.month, v.day,
+                                      v.hour, v.minute, v.second);
     if (!hasTime(h->Fields[field])) {
         text[kDateDigits] = 0;
     } else if (printed != static_cast<int>(kDateTimeDigits)) {

@@ -91,11 +91,9 @@ double GetCurrency(DbfBase* h, int field) {
 }
 
 void SetCurrency(DbfBase* h, int field, double value) {
-    i64 scaled = 0;
     u8* to = fieldRoom<8>(h, field);
-    if (to != nullptr && toI64(cutCurrency(value), &scaled)) {
-        storeLe64(to, static_cast<u64>(scaled));
-    }
+    const std::optional<i64> scaled = toI64(cutCurrency(value));
+    if (to != nullptr && scaled) storeLe64(to, static_cast<u64>(*scaled));
 }
 
 double GetNumeric(DbfBase* h, int field) {

@@ -23,8 +23,7 @@ bool readDigits(const u8* text, unsigned count, u64* value) {
     if (rest == 0) return true;
     const int blanks = std::countr_zero(rest) & ~7;
     const u64 digits = (rest ^ ones * (' ' ^ '0')) >> blanks << blanks;
-    // A byte above 9 reaches the top bit by this sum, if it does not have it already.
-    if (((digits | (digits + ones * 0x76)) & ones * 0x80) != 0) return false;
+    if (!areDigits(digits)) return false;
     // Neighbours are joined three times: to pairs, to fours, to eight digits.
     const u64 pairs = digits * (1 + (10 << 8)) >> 8 & 0x00FF00FF00FF00FF;
     const u64 fours = pairs * (1 + (u64{100} << 16)) >> 16 & 0x0000FFFF0000FFFF;
@@ -104,15 +103,15 @@ std::size_t storedNumberWidth(const DbfField& f) {
                                                 : f.Length + 1u;
 }
 
-bool storedDate(DbfBase* h, int field, std::string_view* text) {
+std::optional<std::string_view> storedDate(DbfBase* h, int field) {
     const DbfField& f = h->Fields[field];
     const bool timed = valueClass(f) == ValueClass::Moment;
-    *text = storedText(h, field);
-    if (text->size() != (timed ? kDateTimeDigits : kDateDigits)) return false;
-    if (!std::all_of(text->begin(), text->end(), isDigit)) return false;
-    if (GetDateTime(h, field) != 0) return false;
-    return timed ? isFormat(h->DateTimeFormats[kDigitsFormat], "%04d%02d%02d%02d%02d%02d")
-                 : isFormat(h->DateFormats[kDigitsFormat], "%04d%02d%02d");
+    const bool usual = timed ? isFormat(h->DateTimeFormats[kDigitsFormat], kMomentPattern)
+                             : isFormat(h->DateFormats[kDigitsFormat], kDatePattern);
+    const std::string_view text = storedText(h, f);
+    const bool digits = text.size() == (timed ? kDateTimeDigits : kDateDigits) &&
+                        std::all_of(text.begin(), text.end(), isDigit);
+    return usual && digits && GetDateTime(h, field) == 0 ? std::optional(text) : std::nullopt;
 }
 
 }  // namespace mira

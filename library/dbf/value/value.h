@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 #include "dbf/table/types.h"
@@ -46,11 +47,12 @@ const char* renderMoment(DbfBase*, int field);
 // stored.cpp: what rendering a value and reading its text would lead to, told without either.
 /// The number that the text of a numeric field stands for in arithmetic: one token, after a minus
 /// when its sign bit is set, and blanks. False where only the text can tell.
+/// (An optional in its place costs filters 7%.)
 bool storedNumber(DbfBase*, int field, double*);
 /// Characters of that text at most; no more than kSqueezedNumber without superfluous blanks.
 std::size_t storedNumberWidth(const DbfField&);
 inline constexpr std::size_t kSqueezedNumber = 24;
-/// The text of a date or moment in kDigitsFormat. False where it has to be rendered.
-bool storedDate(DbfBase*, int field, std::string_view*);
+/// The text of a date or moment in kDigitsFormat. None where it has to be rendered.
+std::optional<std::string_view> storedDate(DbfBase*, int field);
 
 }  // namespace mira

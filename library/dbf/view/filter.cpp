@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "arithmetic.h"
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
@@ -33,7 +34,6 @@ namespace {
 constexpr std::size_t kConnectives = 1023;  // as many as Cuts holds, and the length
 constexpr std::size_t kPieceLength = 1023;
 constexpr std::size_t kLogicLength = 1023;
-constexpr std::size_t kParseLength = 79;
 
 /// Stands for a filter that every record satisfies.
 bool takesEvery(const char* text) { return reinterpret_cast<std::intptr_t>(text) == -1; }
@@ -54,33 +54,28 @@ struct Piece {
     std::string after;  ///< parentheses that close groups, and the connective
 };
 
-/// The ")" from which on the text stays unbalanced.
-std::size_t closingFrom(std::string_view piece) {
+/// The bracket from which on a text stays unbalanced.
+std::size_t unbalancedFrom(std::string_view text, char opening, char closing) {
     std::size_t found = 0;
     i64 depth = 0;
-    for (std::size_t i = 0; i < piece.size(); ++i) {
-        if (piece[i] == ')' && depth-- == 0) found = i;
-        if (piece[i] == '(') ++depth;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == closing && depth-- == 0) found = i;
+        if (text[i] == opening) ++depth;
     }
     return found;
 }
 
-/// The "(" up to which the text stays unbalanced, seen from its end.
-std::size_t openingTo(std::string_view piece) {
-    std::size_t found = 0;
-    i64 depth = 0;
-    for (std::size_t i = piece.size(); i-- > 0;) {
-        if (piece[i] == '(' && depth++ == 0) found = i;
-        if (piece[i] == ')') --depth;
-    }
-    return found;
+/// Characters up to the "(" before which a text stays unbalanced, seen from its end.
+std::size_t unbalancedTo(std::string_view text) {
+    const std::string backwards(text.rbegin(), text.rend());
+    return text.size() - unbalancedFrom(backwards, ')', '(');
 }
 
 /// A piece that closes or opens groups is cut where they begin or end.
 Piece preparePiece(DbfBase* h, std::string_view text, char connective) {
     const i64 open = h->NoBracketCheck != 0 ? 0 : surplus(text);
-    const std::size_t start = open > 0 ? openingTo(text) + 1 : 0;
-    const std::size_t end = open < 0 ? closingFrom(text) : text.size();
+    const std::size_t start = open > 0 ? unbalancedTo(text) : 0;
+    const std::size_t end = open < 0 ? unbalancedFrom(text, '(', ')') : text.size();
     Piece piece{std::string(text.substr(0, start)),
                 prepareCondition(h, text.substr(start, end - start)),
                 std::string(text.substr(end))};
@@ -132,17 +127,17 @@ struct PreparedFilter {
     std::string logic;  // the arithmetic text, a 1 for every condition
 };
 
-/// Records where the connectives stand, and the length after them. False when there are too many.
-bool cutText(std::string_view text, FilterWork& work, u32* pieces) {
+/// Records where the connectives stand, and the length after them. The number of pieces; 0 when
+/// there are too many.
+u32 cutText(std::string_view text, FilterWork& work) {
     u32 found = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (!isConnective(text[i])) continue;
-        if (found == kConnectives) return false;
+        if (found == kConnectives) return 0;
         work.Cuts[found++] = static_cast<u32>(i);
     }
     work.Cuts[found] = static_cast<u32>(text.size());
-    *pieces = found + 1;
-    return true;
+    return found + 1;
 }
 
 bool isBalanced(const DbfBase* h, std::string_view text) {
@@ -157,8 +152,8 @@ bool prepareFilter(DbfBase* h, const char* text, PreparedFilter& f) {
     f.text = text;
     f.noBracketCheck = h->NoBracketCheck;
     const u32* const cuts = h->FilterState->Cuts;
-    u32 pieces = 0;
-    if (!cutText(f.text, *h->FilterState, &pieces)) return false;
+    const u32 pieces = cutText(f.text, *h->FilterState);
+    if (pieces == 0) return false;
     u32 start = 0;
     for (u32 k = 0; k < pieces; ++k) {
         const u32 length = cuts[k] - start;
@@ -228,7 +223,7 @@ private:
 
 /// Tests the record in RecordBuffer.
 bool passes(DbfBase* h, const PreparedFilter& f) {
-    if (h->SkipDeleted != 0 && h->RecordBuffer[0] == '*') return false;
+    if (h->SkipDeleted != 0 && h->RecordBuffer[0] == kDeleted) return false;
     if (f.every) return true;
     if (h->NoBracketCheck != f.noBracketCheck) return ValidRecord(h, f.text.c_str()) != 0;
     if (f.andOr) return AndOrReader(h, f).sum(true);
@@ -243,10 +238,10 @@ bool passes(DbfBase* h, const PreparedFilter& f) {
 // --------------------------------------------------------------------------------------------
 
 /// Old and new filter text joined with "&"; null without memory.
-Block<char> joinTexts(const char* old, const char* text) {
+Owned<char> joinTexts(const char* old, const char* text) {
     const std::size_t before = old != nullptr ? std::strlen(old) + 1 : 0;
     const std::size_t length = std::strlen(text);
-    Block<char> joined = allocate<char>(before + length + 1);
+    Owned<char> joined = allocate<char>(before + length + 1);
     if (!joined) return joined;
     if (before != 0) {
         std::memcpy(joined.get(), old, before - 1);
@@ -257,19 +252,12 @@ Block<char> joinTexts(const char* old, const char* text) {
 }
 
 void dropIndex(DbfBase* h) {
-    std::free(h->FilterIndex);
-    h->FilterIndex = nullptr;
+    replace(h->FilterIndex);
     h->FilterCount = 0;
 }
 
-void dropSortOrder(DbfBase* h) {
-    std::free(h->SortOrder);
-    h->SortOrder = nullptr;
-    setSortOrderCount(h, 0);
-}
-
 /// Takes a new index, given back what it does not use.
-void takeIndex(DbfBase* h, Block<u32> index, u32 count) {
+void takeIndex(DbfBase* h, Owned<u32> index, u32 count) {
     u32* const all = index.release();
     void* const used = std::realloc(all, std::max<std::size_t>(count, 1) * sizeof(u32));
     h->FilterIndex = used != nullptr ? static_cast<u32*>(used) : all;
@@ -279,18 +267,17 @@ void takeIndex(DbfBase* h, Block<u32> index, u32 count) {
 /// Tests every record of the view and makes those that pass the view, or all records of the table
 /// when the callback stops.
 void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callback, u32 count,
-                   Block<u32> index) {
+                   Owned<u32> index) {
     bool stopped = false;
     u32 selected = 0;
     for (u32 position = 0; position < count && !stopped; ++position) {
-        u32 record = 0;
-        const bool inView = recordAt(h, position, &record);
-        if (inView) readPhysicalRecord(h, record);  // what cannot be read is tested as it stands
-        if (passes(h, filter) && inView) index.get()[selected++] = record;
+        const std::optional<u32> record = recordAt(h, position);
+        if (record) readPhysicalRecord(h, *record);  // what cannot be read is tested as it stands
+        if (passes(h, filter) && record) index.get()[selected++] = *record;
         stopped = callback != nullptr && callback() != 0;
     }
     dropIndex(h);
-    dropSortOrder(h);  // of the old view, if a hook or the callback has sorted it
+    setSortOrder(h);  // of the old view, if a hook or the callback has sorted it
     if (!stopped) takeIndex(h, std::move(index), selected);
 }
 
@@ -298,8 +285,8 @@ void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callba
 bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
     const char* const applied = text != nullptr ? text : h->FilterText;
     const u32 count = reccount(h);
-    Block<u32> index = allocate<u32>(std::size_t{count} + 1);
-    const Block<FilterWork> work = allocate<FilterWork>(1);
+    Owned<u32> index = allocate<u32>(std::size_t{count} + 1);
+    const Owned<FilterWork> work = allocate<FilterWork>(1);
     if (applied == nullptr || !index || !work) return false;
     std::memset(work.get(), 0, sizeof *work);
     const Restore state(h->FilterState, work.get());
@@ -307,11 +294,11 @@ bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
     if (!prepareFilter(h, applied, filter)) return false;
     prepareShortcuts(h, filter);
     if (applied == text && !filter.every) {
-        Block<char> joined = joinTexts(h->FilterText, text);
+        Owned<char> joined = joinTexts(h->FilterText, text);
         if (!joined) return false;
-        std::free(std::exchange(h->FilterText, joined.release()));
+        replace(h->FilterText, std::move(joined));
     }
-    dropSortOrder(h);
+    setSortOrder(h);
     selectRecords(h, filter, callback, count, std::move(index));
     return true;
 }
@@ -332,8 +319,8 @@ int ValidRecord(DbfBase* h, const char* text) {
 }
 
 int analizator(DbfBase* h, const char* text) {
-    u32 pieces = 0;
-    if (h->FilterState == nullptr || !cutText(text, *h->FilterState, &pieces)) return 0;
+    if (h->FilterState == nullptr) return 0;
+    const u32 pieces = cutText(text, *h->FilterState);
     return isBalanced(h, text) ? static_cast<int>(pieces) : 0;
 }
 
@@ -358,8 +345,7 @@ void ClearFilter(DbfBase* h) {
 
 void ClearAllFilter(DbfBase* h) {
     ClearFilter(h);
-    std::free(h->FilterText);
-    h->FilterText = nullptr;
+    replace(h->FilterText);
 }
 
 void* ExternalFilter(DbfBase* /*h*/, u32 count) {

@@ -71,7 +71,7 @@ bool liesInTextBuffer(const DbfBase* h, const char* text) {
 int get_fields(DbfBase* h, const char* text, u32* count, i32* slots) {
     *count = 0;
     std::fill_n(slots, kPresetSlots, kNoField);
-    const Block<char> names = copyText(text);
+    const Owned<char> names = copyText(text);
     if (!names) return 1;
     char* name = names.get();
     while (*count < kSortFieldMax) {
@@ -89,7 +89,7 @@ int get_fields(DbfBase* h, const char* text, u32* count, i32* slots) {
 }
 
 i32 SeekValue(DbfBase* h, int field, const char* text, char exact) {
-    Block<char> copy;
+    Owned<char> copy;
     if (liesInTextBuffer(h, text)) {  // where the values of the records go
         copy = copyText(text);
         if (!copy) return -1;

@@ -66,22 +66,22 @@ u32 fourCharacters(const char* text) {
     return number;
 }
 
-/// Loads the characters from a column on; false when all keys have the same.
-bool loadCharacters(const KeyStore& keys, std::span<Element> elements, std::size_t column) {
+/// Loads the characters from a depth on; false when all keys have the same.
+bool loadCharacters(const KeyStore& keys, std::span<Element> elements, std::size_t depth) {
     u32 differences = 0;
     for (Element& e : elements) {
-        e = Element{fourCharacters(keys.at(placeOf(e)) + column)} << 32 | placeOf(e);
+        e = Element{fourCharacters(keys.at(placeOf(e)) + depth)} << 32 | placeOf(e);
         differences |= charactersOf(e) ^ charactersOf(elements[0]);
     }
     return differences != 0;
 }
 
-/// Sorts keys that agree in all characters before a column. Elements are sorted as numbers, by four
-/// characters; runs that agree in these too are sorted from the next column on. The longest run is
-/// left to the loop, so that a recursive call gets half of the elements at most.
-void sortFrom(const KeyStore& keys, std::span<Element> elements, std::size_t column) {
-    for (; elements.size() > kFew; column += 4) {
-        if (!loadCharacters(keys, elements, column)) continue;
+/// Sorts keys that agree in as many characters as the depth is. Elements are sorted as numbers, by
+/// the next four characters; runs that agree in these too are sorted from there on. The longest run
+/// is left to the loop, so that a recursive call gets half of the elements at most.
+void sortFrom(const KeyStore& keys, std::span<Element> elements, std::size_t depth) {
+    for (; elements.size() > kFew; depth += 4) {
+        if (!loadCharacters(keys, elements, depth)) continue;
         std::sort(elements.begin(), elements.end());
         std::span<Element> longest;
         for (auto first = elements.begin(); first != elements.end();) {
@@ -91,22 +91,26 @@ void sortFrom(const KeyStore& keys, std::span<Element> elements, std::size_t col
             });
             std::span<Element> run(first, last);
             if (run.size() > longest.size()) std::swap(run, longest);
-            if (run.size() > 1) sortFrom(keys, run, column + 4);
+            if (run.size() > 1) sortFrom(keys, run, depth + 4);
             first = last;
         }
         elements = longest;
     }
     std::sort(elements.begin(), elements.end(), [&](Element a, Element b) {
-        return std::strcmp(keys.at(placeOf(a)) + column, keys.at(placeOf(b)) + column) < 0;
+        return std::strcmp(keys.at(placeOf(a)) + depth, keys.at(placeOf(b)) + depth) < 0;
     });
 }
 
-/// Reads every record of the view. False when the keys do not fit.
-bool readKeys(DbfBase* h, u32 count, char* key, KeyStore& keys) {
-    for (u32 position = 0; position < count; ++position) {
+/// Reads every record of the view; places gets where its key is. False when the keys do not fit.
+bool readKeys(DbfBase* h, char* key, KeyStore& keys, std::span<u32> places) {
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        const auto position = static_cast<u32>(i);
         const std::size_t length = readSortKey(h, position, key);
-        if (position == 0 && u64{count} * (length + 1) > KeyStore::kBudget) return false;
-        if (!keys.add(key, length)) return false;
+        const u64 all = places.size() * (length + KeyStore::kBesides);
+        if (position == 0 && all > KeyStore::kBudget) return false;
+        const std::optional<u32> place = keys.add(key, length, position);
+        if (!place) return false;
+        places[position] = *place;
     }
     return true;
 }
@@ -120,40 +124,36 @@ bool someKeyBeginsAnother(const KeyStore& keys, std::span<const Element> element
     return std::adjacent_find(elements.begin(), elements.end(), begins) != elements.end();
 }
 
-/// False when there is no total order, or no memory.
-bool sortTotally(DbfBase* h, const KeyStore& keys, std::span<u32> positions) {
-    const Block<Element> block = allocate<Element>(positions.size());
-    if (!block) return false;
-    const std::span<Element> elements(block.get(), positions.size());
-    keys.forEach([next = block.get()](u32 place) mutable { *next++ = place; });
+/// Makes the positions of keys in order of the places of keys in any. False, with nothing changed,
+/// when there is no total order, or no memory.
+bool sortTotally(const DbfBase* h, const KeyStore& keys, std::span<u32> places) {
+    const Owned<Element> memory = allocate<Element>(places.size());
+    if (!memory) return false;
+    const std::span<Element> elements(memory.get(), places.size());
+    std::copy(places.begin(), places.end(), elements.begin());
     sortFrom(keys, elements, 0);
-    if (keys.sameLength()) {  // saves looking for the end of every key
-        std::transform(elements.begin(), elements.end(), positions.begin(),
-                       [&](Element e) { return keys.indexOf(placeOf(e)); });
-    } else if (someKeyBeginsAnother(keys, elements)) {
-        return false;
-    } else {
-        std::transform(elements.begin(), elements.end(), positions.begin(),
-                       [&](Element e) { return positionOfKey(keys.at(placeOf(e))); });
-    }
-    if (h->SortDescending != 0) std::reverse(positions.begin(), positions.end());
+    if (!keys.sameLength() && someKeyBeginsAnother(keys, elements)) return false;
+    std::transform(elements.begin(), elements.end(), places.begin(),
+                   [&](Element e) { return positionOf(keys.at(placeOf(e))); });
+    if (h->SortDescending != 0) std::reverse(places.begin(), places.end());
     return true;
 }
 
 /// Sorts as the plain way does, only that the keys are there. False without memory.
-bool sortHeld(DbfBase* h, const KeyStore& keys, std::span<u32> positions) {
-    const Block<const char*> block = allocate<const char*>(positions.size());
-    if (!block) return false;
-    keys.forEach([&, next = block.get()](u32 place) mutable { *next++ = keys.at(place); });
-    myqsort(block.get(), static_cast<u32>(positions.size()), sizeof(const char*), compareHeld, h);
-    std::transform(block.get(), block.get() + positions.size(), positions.begin(), positionOfKey);
+bool sortHeld(DbfBase* h, const KeyStore& keys, std::span<u32> places) {
+    const std::size_t count = places.size();
+    const Owned<const char*> held = allocate<const char*>(count);
+    if (!held) return false;
+    std::transform(places.begin(), places.end(), held.get(), [&](u32 p) { return keys.at(p); });
+    myqsort(held.get(), static_cast<u32>(count), sizeof(const char*), compareHeld, h);
+    std::transform(held.get(), held.get() + count, places.begin(), positionOf);
     return true;
 }
 
 /// False, with nothing compared, when the keys do not fit.
 bool sortInMemory(DbfBase* h, char* key, std::span<u32> positions) {
     KeyStore keys;
-    if (!readKeys(h, static_cast<u32>(positions.size()), key, keys)) return false;
+    if (!readKeys(h, key, keys, positions)) return false;
     return (h->SortCallback == nullptr && sortTotally(h, keys, positions)) ||
            sortHeld(h, keys, positions);
 }
@@ -166,11 +166,9 @@ void sortByReading(DbfBase* h, std::span<u32> positions) {
 
 /// Takes an order of count positions, unless there is nothing to map, or a hook has left fewer
 /// records in the view.
-void takeOrder(DbfBase* h, Block<u32> order, u32 count) {
+void takeOrder(DbfBase* h, Owned<u32> order, u32 count) {
     const bool taken = order && count != 0 && count <= reccount(h);
-    std::free(h->SortOrder);  // of a hook that has sorted, too
-    h->SortOrder = taken ? order.release() : nullptr;
-    setSortOrderCount(h, taken ? count : 0);
+    setSortOrder(h, taken ? std::move(order) : nullptr, taken ? count : 0);
 }
 
 }  // namespace
@@ -184,22 +182,22 @@ int Compare(const void* a, const void* b, DbfBase* h) {
 
 void real_sort(DbfBase* h, u32** order, StopCallback callback) {
     const u32 count = reccount(h);
-    const Block<char> keyA = allocate<char>(kSortKeySize);
-    const Block<char> keyB = allocate<char>(kSortKeySize);
-    Block<u32> block = allocate<u32>(std::max(count, u32{1}));
+    const Owned<char> keyA = allocate<char>(kSortKeySize);
+    const Owned<char> keyB = allocate<char>(kSortKeySize);
+    Owned<u32> sorted = allocate<u32>(std::max(count, u32{1}));
     h->SortRecA = kNoKey;
     h->SortRecB = kNoKey;
     *order = nullptr;
-    if (!keyA || !keyB || !block) return;
+    if (!keyA || !keyB || !sorted) return;
     // A hook may sort while a sort runs.
     StopCallback const outer = h->SortKeyA != nullptr ? h->SortCallback : nullptr;
     const Restore outerA(h->SortKeyA, keyA.get());
     const Restore outerB(h->SortKeyB, keyB.get());
     h->SortCallback = callback;
-    const std::span<u32> positions(block.get(), count);
+    const std::span<u32> positions(sorted.get(), count);
     if (count < 2 || !sortInMemory(h, keyA.get(), positions)) sortByReading(h, positions);
     h->SortCallback = outer;
-    if (h->SortRecA != kStopped) *order = block.release();
+    if (h->SortRecA != kStopped) *order = sorted.release();
 }
 
 int SortBase(DbfBase* h, const char* fields, StopCallback callback) {
@@ -209,26 +207,22 @@ int SortBase(DbfBase* h, const char* fields, StopCallback callback) {
     h->SortKeyFields = reinterpret_cast<u32*>(h->SortFields);
     // Positions are those of the unsorted view now. The order there was comes back when there is no
     // memory for a new one.
-    Block<u32> previous(std::exchange(h->SortOrder, nullptr));
+    Owned<u32> previous(std::exchange(h->SortOrder, nullptr));
     const u32 previousCount = sortOrderCount(h);
     setSortOrderCount(h, 0);
     const u32 count = reccount(h);
     u32* order = nullptr;
     real_sort(h, &order, callback);
     if (order == nullptr && h->SortRecA != kStopped) {
-        std::free(h->SortOrder);
-        h->SortOrder = previous.release();
-        setSortOrderCount(h, previousCount);
+        setSortOrder(h, std::move(previous), previousCount);
         return 0;
     }
-    takeOrder(h, Block<u32>(order), count);
+    takeOrder(h, Owned<u32>(order), count);
     return 1;
 }
 
 void ClearSort(DbfBase* h) {
-    std::free(h->SortOrder);
-    h->SortOrder = nullptr;
-    setSortOrderCount(h, 0);
+    setSortOrder(h);
     h->SortFieldCount = 0;
 }
 

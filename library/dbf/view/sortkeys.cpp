@@ -109,26 +109,14 @@ void putPosition(char* to, u32 position) {
 }  // namespace
 
 std::size_t readSortKey(DbfBase* h, u32 position, char* key) {
-    u32 record = 0;
-    const bool read = recordFromStart(h, position, &record) && readPhysicalRecord(h, record);
-    if (!read) ClearRecord(h);  // sorts as a blank one, not by what the buffer happens to hold
+    const std::optional<u32> record = recordFromStart(h, position);
+    if (!record || !readPhysicalRecord(h, *record))
+        ClearRecord(h);  // sorts as a blank one, not by what the buffer happens to hold
     GetCompStr(position, key, h);
     IgnoreCase(h, key, h->OemConvert);
-    const void* end = std::memchr(key, 0, kPartsSize);  // an UpperCaseCallback may have moved it
-    const std::size_t length = end != nullptr
-                                   ? static_cast<std::size_t>(static_cast<const char*>(end) - key)
-                                   : kPartsSize - 1;
+    const std::size_t length = strnlen(key, kPartsSize - 1);  // a callback may have moved the end
     putPosition(key + length, position);
     return length + kPositionWidth;
-}
-
-u32 positionOfKey(const char* key) {
-    u32 position = 0;
-    const std::string_view text(key);
-    for (const char c : text.substr(text.size() - kPositionWidth)) {
-        if (c != ' ') position = position * 10 + static_cast<u32>(c - '0');
-    }
-    return position;
 }
 
 void GetCompStr(u32 /*record*/, char* key, DbfBase* h) {

@@ -5,8 +5,9 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
-#include <utility>
+#include <optional>
 
+#include "internal/bytes.h"
 #include "internal/file.h"
 #include "mira.h"
 
@@ -18,82 +19,59 @@ inline constexpr std::size_t kSortKeySize = 65536;
 /// (kSortKeySize bytes); returns its length. Overwrites RecordBuffer and TextBuffer.
 std::size_t readSortKey(DbfBase*, u32 position, char* key);
 
-/// The position that ends a key.
-u32 positionOfKey(const char* key);
-
-/// Copies of keys, made one by one and released together. A key has a place, which fits 32 bits
-/// and grows from key to key. Nothing moves, so that growing never needs the room twice.
+/// Copies of keys, made one by one and released together; before each stands its position. A key
+/// has a place, which fits 32 bits. Nothing moves, so that growing never needs the room twice.
 class KeyStore {
 public:
     static constexpr u64 kBudget = u64{1} << 28;
+    static constexpr u32 kBesides = sizeof(u32) + 1;  // bytes kept for a key: position, zero byte
 
-    /// Copies a key and its zero byte; false when the budget or the memory is used up.
-    bool add(const char* key, std::size_t length) {
-        const u32 size = static_cast<u32>(length) + 1;
-        if (chunkCount_ == 0) commonSize_ = size;
-        if (commonSize_ != size) commonSize_ = 0;
-        if (size > room_ && !addChunk()) return false;
-        Chunk& last = chunks_[chunkCount_ - 1];
-        std::memcpy(last.bytes.get() + last.used, key, size);
-        last.used += size;
+    /// Copies a key; none when the budget or the memory is used up.
+    std::optional<u32> add(const char* key, std::size_t length, u32 position) {
+        const u32 size = static_cast<u32>(length) + kBesides;
+        if (chunkCount_ == 0) firstSize_ = size;
+        sameLength_ = sameLength_ && size == firstSize_;
+        if (size > room_ && !addChunk()) return std::nullopt;
+        u8* const to = chunks_[chunkCount_ - 1].get() + used_;
+        storeLe32(to, position);
+        std::memcpy(to + sizeof position, key, length + 1);
+        const u32 place = (chunkCount_ - 1) * kChunkSize + used_ + u32{sizeof position};
+        used_ += size;
         room_ -= size;
-        return true;
+        return place;
     }
 
     const char* at(u32 place) const {
-        return chunks_[place / kChunkSize].bytes.get() + place % kChunkSize;
+        return reinterpret_cast<const char*>(chunks_[place / kChunkSize].get()) +
+               place % kChunkSize;
     }
 
-    /// Calls visit(place) for every key in the order in which they were added.
-    template <typename Visit>
-    void forEach(Visit visit) const {
-        for (u32 i = 0; i < chunkCount_; ++i) {
-            const Chunk& chunk = chunks_[i];
-            for (u32 column = 0; column < chunk.used; column += sizeAt(chunk, column)) {
-                visit(i * kChunkSize + column);
-            }
-        }
-    }
-
-    bool sameLength() const { return commonSize_ != 0; }
-
-    /// How many keys were added before the one at a place; all have the same length.
-    u32 indexOf(u32 place) const {
-        const u32 inChunk = place % kChunkSize / commonSize_;
-        if (place < kChunkSize) return inChunk;
-        return kFirstSize / commonSize_ + (place / kChunkSize - 1) * (kChunkSize / commonSize_) +
-               inChunk;
-    }
+    bool sameLength() const { return sameLength_; }
 
 private:
-    static constexpr u32 kFirstSize = kSortKeySize;  // enough for one key, and for small tables
+    // The first is enough for one key, and for small tables.
+    static constexpr u32 kFirstSize = kSortKeySize + kBesides;
     static constexpr u32 kChunkSize = 1 << 20;
     static constexpr u32 kChunkMax = kBudget / kChunkSize + 1;
 
-    struct Chunk {
-        Block<char> bytes;
-        u32 used = 0;
-    };
-
-    u32 sizeAt(const Chunk& chunk, u32 column) const {
-        if (commonSize_ != 0) return commonSize_;
-        return static_cast<u32>(std::strlen(chunk.bytes.get() + column)) + 1;
-    }
-
     bool addChunk() {
         if (chunkCount_ == kChunkMax) return false;
-        const u32 size = chunkCount_ == 0 ? kFirstSize : kChunkSize;
-        Block<char> bytes = allocate<char>(size);
-        if (!bytes) return false;
-        chunks_[chunkCount_++].bytes = std::move(bytes);
-        room_ = size;
-        return true;
+        room_ = chunkCount_ == 0 ? kFirstSize : kChunkSize;
+        used_ = 0;
+        return (chunks_[chunkCount_++] = allocate<u8>(room_)) != nullptr;
     }
 
-    std::array<Chunk, kChunkMax> chunks_;
+    std::array<Owned<u8>, kChunkMax> chunks_;
     u32 chunkCount_ = 0;
-    u32 room_ = 0;        ///< bytes left in the last chunk
-    u32 commonSize_ = 0;  ///< bytes of every key with its zero byte; 0 once they differ
+    u32 used_ = 0;       ///< bytes of the last chunk
+    u32 room_ = 0;       ///< left in it
+    u32 firstSize_ = 0;  ///< of the first key
+    bool sameLength_ = true;
 };
+
+/// The position of a key in a store.
+inline u32 positionOf(const char* kept) {
+    return loadLe32(reinterpret_cast<const u8*>(kept) - sizeof(u32));
+}
 
 }  // namespace mira

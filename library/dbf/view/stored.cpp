@@ -116,8 +116,9 @@ std::string_view trimmed(std::string_view text, i32 mode) {
 
 /// The text of a field as the record or, after rendering, TextBuffer holds it.
 std::string_view fieldText(DbfBase* h, const StoredText& t) {
-    std::string_view text;
-    if (t.kind == StoredText::Date && storedDate(h, t.field, &text)) return text;
+    if (t.kind == StoredText::Date) {
+        if (const std::optional<std::string_view> stored = storedDate(h, t.field)) return *stored;
+    }
     if (t.kind >= StoredText::Date) return valueText(h, t.field);
     const DbfField& f = h->Fields[t.field];
     const std::size_t length = t.kind == StoredText::Letter ? 1 : fieldBytes(h, t.field).size();
