@@ -85,7 +85,8 @@ void addSet(CLI::App& program, Job& job) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = *program.add_subcommand("set", "Change fields of records");
     command.add_option("TABLE", options->name, "The table")->required();
-    command.add_option("FIELD=VALUE", options->assignments, "Fields and their new values")
+    // CLI11 takes no "=" in a name since 2.4.
+    command.add_option("CHANGES", options->assignments, "Fields and their new values, FIELD=VALUE")
         ->required();
     addWhichOptions(command, options->which);
     addChangeOptions(command, options->change);
