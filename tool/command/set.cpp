@@ -66,7 +66,8 @@ void addSet(CLI::App& program, Job& job) {
                    "  mira set stock PRICE=12.50 'NAME=Bolt M8' -w 'CODE=4711'\n"
                    "  mira set stock QTY= --all");
     command.add_option("TABLE", options.name, "The table")->required();
-    command.add_option("FIELD=VALUE", options.assignments, "Fields and their new values")
+    // CLI11 takes no "=" in a name since 2.4.
+    command.add_option("CHANGES", options.assignments, "Fields and their new values, FIELD=VALUE")
         ->required();
     addWhichOptions(command, options.which);
     addChangeOptions(command, options.change);

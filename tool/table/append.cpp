@@ -74,9 +74,8 @@ void finishAppend(Table& table) {
     for (const Column& column : table.columns) {
         const u32 place = isCounting(column) ? nextPlace(table, column) : 0;
         if (place == 0) continue;
-        written =
-            writeFileAt(table.base->TableFile, place, &column.nextValue, sizeof column.nextValue) &&
-            written;
+        const auto next = bytesLe(column.nextValue);
+        written = writeFileAt(table.base->TableFile, place, next.data(), next.size()) && written;
     }
     if (!written || WriteHeader(table.base.get()) == 0) {
         refuse(table.path, ": the header cannot be written");

@@ -11,15 +11,24 @@
 
 namespace mira::tool {
 
+/// From the order of the machine to little-endian, or back.
+template <std::size_t N>
+std::array<u8, N> turned(std::array<u8, N> bytes) {
+    if (std::endian::native == std::endian::big) std::reverse(bytes.begin(), bytes.end());
+    return bytes;
+}
+
 /// The first sizeof(T) bytes at from, little-endian.
 template <typename T>
 T loadLe(const void* from) {
     std::array<u8, sizeof(T)> bytes;
     std::memcpy(bytes.data(), from, sizeof bytes);
-    if constexpr (std::endian::native == std::endian::big) {
-        std::reverse(bytes.begin(), bytes.end());
-    }
-    return std::bit_cast<T>(bytes);
+    return std::bit_cast<T>(turned(bytes));
+}
+
+template <typename T>
+std::array<u8, sizeof(T)> bytesLe(T value) {
+    return turned(std::bit_cast<std::array<u8, sizeof(T)>>(value));
 }
 
 inline u32 loadBe32(const u8* from) {

@@ -291,7 +291,8 @@ void encodeCurrency(const Column& column, const Given& given, Encoded& encoded) 
     }
     const std::optional<i64> units = unitsOf(number);
     if (!units || column.length != sizeof *units) rejectSize(column, given);
-    encoded.bytes.assign(reinterpret_cast<const char*>(&*units), sizeof *units);
+    const auto bytes = bytesLe(*units);
+    encoded.bytes.assign(bytes.begin(), bytes.end());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -358,8 +359,8 @@ void addMilliseconds(const Column& column, int milliseconds, std::string& bytes)
         }
         return;
     }
-    const u32 stored = loadLe<u32>(bytes.data() + 4) + static_cast<u32>(milliseconds);
-    std::memcpy(bytes.data() + 4, &stored, sizeof stored);
+    const auto stored = bytesLe(loadLe<u32>(bytes.data() + 4) + static_cast<u32>(milliseconds));
+    std::copy(stored.begin(), stored.end(), bytes.begin() + 4);
 }
 
 void encodeMoment(const Table& table, const Column& column, const Given& given, Encoded& encoded) {
