@@ -120,7 +120,7 @@ int Pack(DbfBase* h, u32 mode) {
     h->UseFilterIndex = 0;
     const int result = pack(h, mode);
     h->UseFilterIndex = 1;
-    if (result == 0) noteUnfinishedPack(h);
+    if (result == 0 && h->Private != nullptr) h->Private->unfinished = true;
     return result;
 }
 

@@ -100,8 +100,6 @@ inline bool isTable(const DbfBase* h, FileId file) {
 /// until it is finished nobody can tell which memo a reference means, and records must keep their
 /// places.
 bool isPackUnfinished(DbfBase*);
-/// Looks whether it has, when the memo file has been named or Pack has failed.
-void noteUnfinishedPack(DbfBase*);
 
 /// MemoFile, open for as long as this lives; null also while a rebuild is unfinished.
 class OpenMemoFile {

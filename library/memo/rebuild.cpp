@@ -138,18 +138,10 @@ bool isUnfinished(std::FILE* file) {
     return isSigned(head, readHead(file, head));
 }
 
-void noteUnfinishedPack(DbfBase* h) {
-    if (h->FirstMemoField == -1 || h->Private == nullptr) return;
-    // The old file is always there; usually this ends here.
-    const Owned<char> oldName = tildeName(h->MemoFileName);
-    h->Private->unfinished = oldName != nullptr && access(oldName.get(), F_OK) == 0;
-    isPackUnfinished(h);
-}
-
 bool isPackUnfinished(DbfBase* h) {
-    if (h->Private == nullptr || !h->Private->unfinished) return false;
+    if (h->Private == nullptr || h->FirstMemoField == -1 || !h->Private->unfinished) return false;
     const OwnedFile file(Open_FileRO(h->MemoFileName));  // another handle may have finished it
-    return h->Private->unfinished = isUnfinished(file.get());
+    return file && (h->Private->unfinished = isUnfinished(file.get()));
 }
 
 bool readRebuildLog(std::FILE* file, RebuildLog* log) {

@@ -35,7 +35,10 @@ void packSteps(const Table& table) {
         leaveIfStopped();
         const HoldSignals held;
         if (Pack(table.base.get(), step) != 0) continue;
-        refuse(table.path, ": cannot be packed; is the disk full? No record and no memo is lost");
+        refuse(
+            table.path,
+            ": cannot be packed: the disk may be full, or the log of an interrupted pack damaged. "
+            "No record and no memo is lost");
     }
 }
 

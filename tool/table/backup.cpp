@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
 #include "table/memo.h"
@@ -42,6 +43,15 @@ fs::path presentMemos(const Table& table) {
     return fs::is_regular_file(memos, ignored) ? memos : fs::path();
 }
 
+/// Whether an interrupted pack has left its log in the memo file. Copies made before it are the
+/// good ones then.
+bool isHalfPacked(const fs::path& memos) {
+    constexpr std::string_view sign = "Pack unfinished";
+    char head[24 + sign.size()] = {};
+    std::ifstream(memos, std::ios::binary).read(head, sizeof head);
+    return std::string_view(head, sizeof head).ends_with(sign);
+}
+
 void checkWritable(const fs::path& path) {
     const File file(std::fopen(path.c_str(), "r+be"));
     if (!file) refuse(path.string(), ": cannot be written: ", std::strerror(errno));
@@ -55,8 +65,9 @@ void checkWritable(const Table& table) {
 }
 
 void makeBackups(const Table& table) {
-    copyTo(table.path, fs::path(table.path).replace_extension(".bak"));
     const fs::path memos = presentMemos(table);
+    if (!memos.empty() && isHalfPacked(memos)) return;
+    copyTo(table.path, fs::path(table.path).replace_extension(".bak"));
     if (!memos.empty()) copyTo(memos, fs::path(memos).replace_extension(".tbk"));
 }
 
