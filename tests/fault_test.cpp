@@ -106,6 +106,9 @@ std::size_t __wrap_fwrite(const void* from, std::size_t size, std::size_t n, std
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return malloc(size);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
     free(memory);
