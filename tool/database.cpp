@@ -105,6 +105,7 @@ void Database::addTable(const std::string& name, const std::vector<Column>& colu
     }
     if (!present) run(createTable(name, columns));
     std::vector<std::string> names;
+    names.reserve(columns.size());
     for (const Column& column : columns) names.push_back(quotedName(column.name));
     const std::vector<std::string> places(columns.size(), "?");
     const std::string sql = textOf("INSERT INTO ", quotedName(name), " (", joined(names),

@@ -20,7 +20,8 @@ constexpr std::array<bool, 256> kSpecial = [] {
 void putEscape(std::string& out, char32_t letter) {
     constexpr std::string_view kNamed = "\"\\\b\f\n\r\t";
     constexpr std::string_view kNames = "\"\\bfnrt";
-    const std::size_t named = letter < 0x80 ? kNamed.find(static_cast<char>(letter)) : kNamed.npos;
+    const std::size_t named =
+        letter < 0x80 ? kNamed.find(static_cast<char>(letter)) : std::string_view::npos;
     if (named != std::string_view::npos) {
         out += '\\';
         out += kNames[named];

@@ -191,7 +191,7 @@ std::string memoFileFault(const MemoReferences& references, CellReader& cells) {
     const Table& table = *cells.table;
     if (!openMemos(cells.memos, table)) {
         const std::string missing = missingMemos(table);
-        const std::string fault = missing.empty() ? "its memo file cannot be opened" : missing;
+        std::string fault = missing.empty() ? "its memo file cannot be opened" : missing;
         if (references.count == 0) return fault;
         return fmt::format("{}; {} {} to memos", fault, references.count,
                            references.count == 1 ? "field refers" : "fields refer");

@@ -58,7 +58,7 @@ std::string backLinkOf(const Table& table) {
     std::replace(link.begin(), link.end(), '\\', '/');
     const fs::path folder = fs::path(table.path).parent_path();
     const std::string path = (folder / link).lexically_normal().string();
-    const std::string found = inAnyCase(path);
+    std::string found = inAnyCase(path);
     if (!found.empty()) return found;
     // A folder that was moved keeps its container beside the tables, as a rule.
     const std::string near = inAnyCase((folder / fs::path(link).filename()).string());
@@ -76,7 +76,7 @@ std::vector<std::string> longNamesOf(const Table& table) {
         if (object.type == "Table" && sameText(object.name, name)) id = object.id;
     });
     std::map<i64, std::string> names;
-    eachObject(*container, [&](Object object) {
+    eachObject(*container, [&](const Object& object) {
         if (object.type == "Field" && object.parent == id) names[object.id] = object.name;
     });
     if (id == 0 || names.empty()) {
@@ -84,6 +84,7 @@ std::vector<std::string> longNamesOf(const Table& table) {
                " knows no table of this name");
     }
     std::vector<std::string> ordered;
+    ordered.reserve(names.size());
     for (auto& [key, text] : names) ordered.push_back(std::move(text));
     return ordered;
 }
