@@ -44,7 +44,7 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
 }  // namespace
 
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options) {
-    const std::string name = tool::freeName(
+    std::string name = tool::freeName(
         tool::stemOf(path), [&](const std::string& free) { return !isTaken(connection, free); });
     const std::string statement =
         tool::textOf("CREATE VIRTUAL TABLE temp.", tool::quotedName(name), " USING mira(",

@@ -88,7 +88,7 @@ u64 CsvReader::countLines() {
 /// Reads more after what is not parsed yet; false at the end of the file.
 bool CsvReader::fill() {
     if (fileEnded_) return false;
-    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    if (begin_ != 0) std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
     end_ -= begin_;
     begin_ = 0;
     if (buffer_.size() < end_ + kChunk) buffer_.resize(std::max(2 * end_, end_ + kChunk));
