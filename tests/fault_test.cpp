@@ -428,6 +428,7 @@ int view(Sample&, Table& h) {
     EXPECT_TRUE(sorted || h->SortOrder == kept);
     const bool filtered = sorted && set_filter(h.get(), "NAME>\"n102\"", nullptr) != nullptr;
     EXPECT_TRUE(filtered || !sorted || (h->SortOrder != nullptr && h->FilterText == nullptr));
+    EXPECT_TRUE(!filtered || h->FilterText != nullptr);
     return first && filtered;
 }
 
@@ -488,7 +489,9 @@ int writeAlias(Sample&, Table& h) {
 int create(Sample& sample, Table&) {
     DbfField fields[1] = {};
     CreateField(&fields[0], "NOTE", 'M', 10);
-    return CreateDatabase(sample.otherPath().c_str(), fields, 1, sample.kind, 64, 0);
+    const int made = CreateDatabase(sample.otherPath().c_str(), fields, 1, sample.kind, 64, 0);
+    EXPECT_TRUE(made == 0 || access(sample.otherPath().c_str(), F_OK) == 0);
+    return made;
 }
 
 /// The copy made before is there, or a whole new one.
