@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "property.h"
+#include "support/wrap.h"
 
 namespace {
 
@@ -169,18 +170,6 @@ std::string_view test::contentsOf(const std::string& path) {
     const Bytes file = find(path);
     return file != nullptr ? std::string_view(*file) : "";
 }
-
-// The C library has calls for large files under names of their own where a long has 32 bits.
-#ifdef _FILE_OFFSET_BITS
-#define LARGE(name) name##64
-#else
-#define LARGE(name) name
-#endif
-
-#define WRAP(...) WRAP_NAMED(__VA_ARGS__)
-#define WRAP_NAMED(result, name, ours, answer, parameters, arguments) \
-    result __real_##name parameters;                                  \
-    result __wrap_##name parameters { return (ours) ? answer : __real_##name arguments; }
 
 extern "C" {
 WRAP(char*, mkdtemp, true, nextFolder(), (char* pattern), (pattern))

@@ -106,7 +106,15 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
 
 void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
     prepare();
-    const Row row = rowOf(values);
+    const std::size_t heldValues = values_.size(), heldBytes = bytes_.size();
+    Row row;
+    try {
+        row = rowOf(values);
+    } catch (...) {
+        values_.resize(heldValues);
+        bytes_.resize(heldBytes);
+        throw;
+    }
     if (row.isNew) {
         tool::advanceCounters(table_);
         ++added_;

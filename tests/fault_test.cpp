@@ -16,6 +16,7 @@
 #include <set>
 
 #include "support.h"
+#include "support/wrap.h"
 
 namespace {
 
@@ -60,18 +61,6 @@ std::size_t onOther(int mode, std::FILE* file, Call call) {
 }
 
 }  // namespace
-
-// The C library has calls for large files under names of their own where a long has 32 bits.
-#ifdef _FILE_OFFSET_BITS
-#define LARGE(name) name##64
-#else
-#define LARGE(name) name
-#endif
-
-#define WRAP(...) WRAP_NAMED(__VA_ARGS__)
-#define WRAP_NAMED(result, name, failed, failure, parameters, arguments) \
-    result __real_##name parameters;                                     \
-    result __wrap_##name parameters { return (failed) ? failure : __real_##name arguments; }
 
 extern "C" {
 WRAP(void*, malloc, size > fault.most || fails(kAllocate), nullptr, (std::size_t size), (size))

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 
 #include "table/refusal.h"
 
@@ -16,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kPrefix = ".mira.";
+constexpr const char* kMark = "unfinished import";  // a file in each: no other folder is ours
 
 /// Locks a folder until the descriptor is closed; -1 when somebody else has it.
 int lockFolder(const fs::path& folder) {
@@ -36,7 +38,7 @@ void removeAbandoned(const fs::path& parent) {
         if (at->last_write_time(ignored) > old) continue;
         const int lock = lockFolder(path);
         if (lock < 0) continue;
-        fs::remove_all(path, ignored);
+        if (fs::exists(path / kMark, ignored)) fs::remove_all(path, ignored);
         close(lock);
     }
 }
@@ -52,6 +54,7 @@ WorkFolder::WorkFolder(const fs::path& beside) {
     }
     path_ = name;
     lock_ = lockFolder(path_);
+    std::ofstream(path_ / kMark);  // without it the folder would only stay
 }
 
 WorkFolder::~WorkFolder() {

@@ -234,8 +234,8 @@ bool mayReplace(const DbfBase* h, const char* oldName) {
            !isSameFile(replaced, fileId(h->AliasFileName));
 }
 
-/// Exchanges the files, each of which is on the disk by then. Nothing when that is done, else, with
-/// every file under the name it had, what packing comes to.
+/// Exchanges the files, each of which is on the disk by then. Nothing when that is done, else what
+/// packing comes to; the files have the names they had, or restoreName can give them back.
 std::optional<int> takeNames(DbfBase* h, const OldMemos& old, const char* oldName, NewFile* file) {
     if (!file->synchronise() || fsync(fileno(old.file)) != 0) return 0;
     // A "~" name that cannot be had is no failure.

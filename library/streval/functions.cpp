@@ -141,12 +141,10 @@ constexpr u32 kInitials = [] {
 }  // namespace
 
 const StringFunction* functionAt(const char* text) {
-    const int letter = upperAscii(*text) - 'A';
-    if (letter < 0 || letter > 25 || (kInitials >> letter & 1) == 0) return nullptr;
+    const char initial = upperAscii(*text);
+    if (initial < 'A' || initial > 'Z' || (kInitials >> (initial - 'A') & 1) == 0) return nullptr;
     for (const StringFunction& f : kStringFunctions) {
-        if (upperAscii(*text) == *f.opener && compareIgnoringCase(text, f.opener, f.length) == 0) {
-            return &f;
-        }
+        if (initial == *f.opener && compareIgnoringCase(text, f.opener, f.length) == 0) return &f;
     }
     return nullptr;
 }

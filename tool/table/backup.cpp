@@ -43,8 +43,7 @@ fs::path presentMemos(const Table& table) {
     return fs::is_regular_file(memos, ignored) ? memos : fs::path();
 }
 
-/// Whether an interrupted pack has left its log in the memo file. Copies made before it are the
-/// good ones then.
+/// Whether an interrupted pack has left its log in the memo file.
 bool isHalfPacked(const fs::path& memos) {
     constexpr std::string_view sign = "Pack unfinished";
     char head[24 + sign.size()] = {};
@@ -66,8 +65,11 @@ void checkWritable(const Table& table) {
 
 void makeBackups(const Table& table) {
     const fs::path memos = presentMemos(table);
-    if (!memos.empty() && isHalfPacked(memos)) return;
-    copyTo(table.path, fs::path(table.path).replace_extension(".bak"));
+    const fs::path copy = fs::path(table.path).replace_extension(".bak");
+    std::error_code ignored;
+    // Copies made before a pack that was interrupted are better than what it has left.
+    if (!memos.empty() && isHalfPacked(memos) && fs::exists(copy, ignored)) return;
+    copyTo(table.path, copy);
     if (!memos.empty()) copyTo(memos, fs::path(memos).replace_extension(".tbk"));
 }
 
