@@ -148,6 +148,20 @@ TEST(Write, BackupIsMadeOnceAndWhole) {
     EXPECT_TRUE(readAll(own->FileName) == bytes);
 }
 
+TEST(Write, ARecordThatCannotBeRemovedIsPutBack) {
+    const Folder folder;
+    Layout layout = kMany;
+    int n = 1000;
+    for (std::string& record : layout.records) record.replace(1, 4, std::to_string(n++));
+    const Table h = openLayout(folder, layout);
+    {
+        const FileSizeLimit limit(200000);  // no room behind the records, nor in the second chunk
+        EXPECT_EQ(Delete(h.get(), 0), 0);
+    }
+    EXPECT_EQ(h->Header.RecordCount, 1000u);
+    EXPECT_TRUE(readAll(h->FileName) == layout.bytes());
+}
+
 TEST(Write, HeaderHasTheDateAndTheLastByte) {
     const Folder folder;
     const Table h = openBytes(folder, kMany.bytes().substr(0, 97 + 3 * 305));

@@ -108,7 +108,8 @@ TEST(Types, Store) {
             if (std::strchr(types, row[0][0]) == nullptr) continue;
             f.put(std::string(600, '.'));
             if (setNumber != nullptr) setNumber(h, 0, number);
-            if (setText != nullptr) setText(h, 0, row[3].c_str());
+            for (const char* text : {row[3].c_str(), static_cast<const char*>(nullptr)})
+                if (setText != nullptr) setText(h, 0, text);
             EXPECT_EQ(recordOf(h), " " + row[5] + repeat(".", 9));
         }
     }

@@ -170,6 +170,7 @@ TEST_F(View, FieldLists) {
     EXPECT_EQ(h->SortFieldCount, 1u);
     const Order before = found();
     for (const char* none : {"UNKNOWN,F0", ";"}) EXPECT_EQ(SortBase(h, none, nullptr), 0);
+    EXPECT_EQ(SeekValue(h, 0, nullptr, 0), -1);
     EXPECT_EQ(found(), before);
     EXPECT_EQ(SortBase(h, repeat("F0 ", 40).c_str(), nullptr), 1);
     EXPECT_EQ(h->SortKeyCount, 21u);

@@ -137,7 +137,7 @@ int Delete(DbfBase* h, u32 record) {
     if (down.state == MoveState::Done && finishDelete(h, count - 1)) return 1;
     if (down.state == MoveState::Stuck ||
         edit.move.up(record, down.reached - 1, spare + 1).state != MoveState::Done ||
-        !edit.move.write(record, removed.get()) || !edit.putBack()) {
+        !edit.move.place(record, removed.get()) || !edit.putBack()) {
         edit.stop(spare + 1);
     }
     return 0;

@@ -9,6 +9,7 @@
 #include "dbf/move.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "dbf/table/table.h"
 
@@ -36,13 +37,30 @@ bool Mover::write(u32 record, const u8* from, u32 records) const {
     return writeTable(h_, offsetOf(h_, record), from, records * h_->Header.RecordLength);
 }
 
+bool Mover::place(u32 record, const u8* from) const {
+    return write(record, from) || standing(record, from, 1) == 1;
+}
+
+std::optional<u32> Mover::standing(u32 record, const u8* from, u32 records) const {
+    const u32 length = h_->Header.RecordLength;
+    const Owned<u8> found = allocate<u8>(length);
+    for (u32 i = 0; i < records; ++i) {
+        if (!found || !read(record + i, found.get())) return std::nullopt;
+        if (std::memcmp(found.get(), from + std::size_t{i} * length, length) != 0) return i;
+    }
+    return records;
+}
+
 Moved Mover::down(u32 first, u32 end) {
     while (first < end) {
         const u32 count = std::min(chunk_, end - first);
         if (!read(first, buffer_.get(), count)) return {first, MoveState::Failed};
         if (!write(first - 1, buffer_.get(), count)) {
-            if (!write(first - 1, buffer_.get(), count)) return {first, MoveState::Stuck};
-            return {first + count, MoveState::Failed};
+            const bool again = write(first - 1, buffer_.get(), count);
+            const std::optional<u32> moved =
+                again ? count : standing(first - 1, buffer_.get(), count);
+            if (!moved) return {first, MoveState::Stuck};
+            return {first + *moved, MoveState::Failed};
         }
         first += count;
     }
@@ -64,8 +82,9 @@ Moved Mover::up(u32 first, u32 end, u32 spare) {
                 continue;
             }
         }
-        if (!write(from + 1, buffer_.get(), count)) {
-            if (count == 1) return {end, MoveState::Failed};
+        if (count == 1) {
+            if (!place(from + 1, buffer_.get())) return {end, MoveState::Failed};
+        } else if (!write(from + 1, buffer_.get(), count)) {
             if (!write(from + 1, buffer_.get(), count)) return {end, MoveState::Stuck};
             return {from, MoveState::Failed};
         }

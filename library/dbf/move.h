@@ -2,6 +2,8 @@
 // is never finished loses none of them.
 #pragma once
 
+#include <optional>
+
 #include "dbf/table/position.h"
 #include "internal/file.h"
 #include "mira.h"
@@ -13,7 +15,7 @@ inline constexpr u32 kTransferSize = 131072;  // bytes moved at a time
 enum class MoveState : u8 {
     Done,
     Failed,  ///< every record is whole, at its old place or at its new one
-    Stuck,   ///< a chunk is torn, but each of its records is in the file once more
+    Stuck,   ///< a chunk is torn, but each of its records is in the file whole
 };
 
 struct Moved {
@@ -40,8 +42,14 @@ public:
 
     bool read(u32 record, u8* to, u32 records = 1) const;
     bool write(u32 record, const u8* from, u32 records = 1) const;
+    /// Writes a record, unless it cannot be written but stands there already.
+    bool place(u32 record, const u8* from) const;
 
 private:
+    /// How many of these records, from the first on, are in the file already; none when it cannot
+    /// be read.
+    std::optional<u32> standing(u32 record, const u8* from, u32 records) const;
+
     DbfBase* h_;
     u32 chunk_;  ///< records at a time
     bool usedSpare_ = false;

@@ -332,6 +332,7 @@ void SetDateTimeI(DbfBase* h, int field, i32 seconds) {
 }
 
 void SetDateS(DbfBase* h, int field, const char* text) {
+    if (text == nullptr) return;
     constexpr std::size_t longest = 10;
     char date[longest + 1] = {};
     std::memcpy(date, text, strnlen(text, h->DateFormat != 0 ? longest : kDateDigits));
@@ -340,7 +341,7 @@ void SetDateS(DbfBase* h, int field, const char* text) {
 
 void SetDateTimeS(DbfBase* h, int field, const char* text) {
     const DbfField* f = tableField(h, field);
-    if (f == nullptr) return;
+    if (f == nullptr || text == nullptr) return;
     const DateTime v = readText(text, dateLayout(h->DateFormat), hasTime(*f));
     if (v.month == 0 || v.day == 0) {
         ClearField(h, field);

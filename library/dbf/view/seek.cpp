@@ -89,6 +89,7 @@ int get_fields(DbfBase* h, const char* text, u32* count, i32* slots) {
 }
 
 i32 SeekValue(DbfBase* h, int field, const char* text, char exact) {
+    if (text == nullptr) return -1;
     Owned<char> copy;
     if (liesInTextBuffer(h, text)) {  // where the values of the records go
         copy = copyText(text);
