@@ -98,6 +98,12 @@ bool takeBack(Table& table, u32 records);
 /// Stamps today's date into the header, which otherwise stays as it is. Throws a Refusal.
 void stampDate(Table& table);
 
+/// That index files are not kept up, where there are some; else empty.
+std::string staleIndexes(const Table& table);
+/// Throws a Refusal beside a ".shp" file, whose shapes go by record number; it ends with the way
+/// out.
+void refuseBesideShapes(const Table& table, const char* wayOut);
+
 /// Throws a Refusal when the table, or the memo file that one of its fields needs, cannot be
 /// written.
 void checkWritable(const Table& table);
