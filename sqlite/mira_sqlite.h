@@ -10,7 +10,7 @@
 
 namespace mira::sql {
 
-/// Told what a write leaves stale.
+/// Told what is odd about a table that is read, and what a write leaves stale.
 using Warn = void (*)(const std::string& sentence);
 /// Into SQLite's error log.
 void logWarning(const std::string& sentence);

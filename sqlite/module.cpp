@@ -2,6 +2,8 @@
 // throw into a result and a message.
 #include "module.h"
 
+#include <utility>
+
 #include "attach.h"
 #include "guard.h"
 #include "mira_sqlite.h"
@@ -53,6 +55,7 @@ int connect(sqlite3* connection, void* warn, int count, const char* const* texts
     return guarded(message, [&] {
         auto made = std::make_unique<VirtualTable>();
         made->connection = connection;
+        made->warn = reinterpret_cast<Warn>(warn);
         made->arguments = readArguments(count - kNames, texts + kNames);
         made->table = tool::openTable(made->arguments.path, made->arguments.table);
         if (made->table->columns.size() > kColumnMax) {
@@ -61,7 +64,7 @@ int connect(sqlite3* connection, void* warn, int count, const char* const* texts
         }
         made->columns = declaredColumns(*made->table);
         if (made->arguments.table.writable) {
-            made->changes.emplace(*made->table, made->columns, reinterpret_cast<Warn>(warn));
+            made->changes.emplace(*made->table, made->columns, made->warn);
         }
         made->utf8 = isUtf8(connection);
         const int declared = sqlite3_declare_vtab(connection, declaration(made->columns).c_str());
@@ -93,8 +96,16 @@ int bestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
     });
 }
 
+/// What is odd about a table is told when it is first read.
+void tellNotes(VirtualTable& of) {
+    for (const std::string& note : std::exchange(of.table->notes, {})) {
+        of.warn(of.table->path + ": " + note);
+    }
+}
+
 int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
     return guarded(&table->zErrMsg, [&] {
+        tellNotes(tableOf(table));
         auto cursor = std::make_unique<Cursor>();
         cursor->table = tool::openAgain(*tableOf(table).table);
         cursor->cells.emplace(*cursor->table);
