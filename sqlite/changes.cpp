@@ -80,6 +80,9 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
     constexpr std::size_t kBeforeColumns = 2;  // old and new rowid
     Row row;
     row.isNew = isNull(values[0]);
+    if (row.isNew && added_ == 0) {
+        tool::refuseBesideShapes(table_, "`mira import --append --force` appends all the same");
+    }
     const u32 count = reccount(table_.base.get());
     row.record = row.isNew ? count + added_ : static_cast<u32>(sqlite3_value_int64(values[0]) - 1);
     if (values.size() == 1) {
@@ -155,7 +158,10 @@ void Changes::writeRow(const Row& row) {
 
 void Changes::write() {
     if (rows_.empty()) return;
-    if (!backedUp_) tool::makeBackups(table_);
+    if (!backedUp_) {
+        tool::makeBackups(table_);
+        if (const std::string stale = tool::staleIndexes(table_); !stale.empty()) warn_(stale);
+    }
     backedUp_ = true;
     const u32 before = reccount(table_.base.get());
     std::size_t written = 0;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "api.h"
+#include "mira_sqlite.h"
 #include "table/store.h"
 #include "table/table.h"
 
@@ -16,8 +17,8 @@ namespace mira::sql {
 class Changes {
 public:
     /// columns as declared: those of the table, then record number and deletion.
-    Changes(tool::Table& table, const std::vector<tool::Column>& columns)
-        : table_(table), columns_(columns) {}
+    Changes(tool::Table& table, const std::vector<tool::Column>& columns, Warn warn)
+        : table_(table), columns_(columns), warn_(warn) {}
 
     /// Takes a row of xUpdate: the old rowid or null, the new one, then the columns. Of an inserted
     /// row *rowid becomes the new record, from 1. Throws a Refusal that names column and value.
@@ -52,6 +53,7 @@ private:
 
     tool::Table& table_;
     const std::vector<tool::Column>& columns_;
+    const Warn warn_;
     // A statement may change a million rows, so they are held with little around their bytes: the
     // values of all rows one after the other, and each one's field and memo bytes likewise.
     std::vector<Row> rows_;

@@ -4,11 +4,18 @@
 //   SELECT mira_attach('samples');
 #pragma once
 
+#include <string>
+
 #include "api.h"
 
 namespace mira::sql {
 
+/// Told what is odd about a table that is read, and what a write leaves stale.
+using Warn = void (*)(const std::string& sentence);
+/// Into SQLite's error log.
+void logWarning(const std::string& sentence);
+
 /// Makes the module `mira` and the function `mira_attach` known to a connection. An SQLite result.
-int registerMira(sqlite3* connection);
+int registerMira(sqlite3* connection, Warn warn = logWarning);
 
 }  // namespace mira::sql

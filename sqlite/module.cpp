@@ -2,6 +2,8 @@
 // throw into a result and a message.
 #include "module.h"
 
+#include <utility>
+
 #include "attach.h"
 #include "guard.h"
 #include "mira_sqlite.h"
@@ -46,13 +48,14 @@ bool isUtf8(sqlite3* connection) {
     return utf8;
 }
 
-int connect(sqlite3* connection, void* /*module*/, int count, const char* const* texts,
+int connect(sqlite3* connection, void* warn, int count, const char* const* texts,
             sqlite3_vtab** result, char** message) {
     // The first three are the names of module, database and table.
     constexpr int kNames = 3;
     return guarded(message, [&] {
         auto made = std::make_unique<VirtualTable>();
         made->connection = connection;
+        made->warn = reinterpret_cast<Warn>(warn);
         made->arguments = readArguments(count - kNames, texts + kNames);
         made->table = tool::openTable(made->arguments.path, made->arguments.table);
         if (made->table->columns.size() > kColumnMax) {
@@ -60,7 +63,9 @@ int connect(sqlite3* connection, void* /*module*/, int count, const char* const*
                          " fields, but a virtual table has at most ", kColumnMax);
         }
         made->columns = declaredColumns(*made->table);
-        if (made->arguments.table.writable) made->changes.emplace(*made->table, made->columns);
+        if (made->arguments.table.writable) {
+            made->changes.emplace(*made->table, made->columns, made->warn);
+        }
         made->utf8 = isUtf8(connection);
         const int declared = sqlite3_declare_vtab(connection, declaration(made->columns).c_str());
         if (declared != SQLITE_OK) {
@@ -74,9 +79,9 @@ int connect(sqlite3* connection, void* /*module*/, int count, const char* const*
 }
 
 /// Another function than connect, so that the module's own name is no table.
-int create(sqlite3* connection, void* module, int count, const char* const* texts,
+int create(sqlite3* connection, void* warn, int count, const char* const* texts,
            sqlite3_vtab** result, char** message) {
-    return connect(connection, module, count, texts, result, message);
+    return connect(connection, warn, count, texts, result, message);
 }
 
 int disconnect(sqlite3_vtab* table) {
@@ -91,8 +96,16 @@ int bestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
     });
 }
 
+/// What is odd about a table is told when it is first read.
+void tellNotes(VirtualTable& of) {
+    for (const std::string& note : std::exchange(of.table->notes, {})) {
+        of.warn(of.table->path + ": " + note);
+    }
+}
+
 int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
     return guarded(&table->zErrMsg, [&] {
+        tellNotes(tableOf(table));
         auto cursor = std::make_unique<Cursor>();
         cursor->table = tool::openAgain(*tableOf(table).table);
         cursor->cells.emplace(*cursor->table);
@@ -229,8 +242,13 @@ constexpr sqlite3_module kModule = [] {
 
 }  // namespace
 
-int registerMira(sqlite3* connection) {
-    const int result = sqlite3_create_module(connection, "mira", &kModule, nullptr);
+void logWarning(const std::string& sentence) {
+    sqlite3_log(SQLITE_WARNING, "%s", sentence.c_str());
+}
+
+int registerMira(sqlite3* connection, Warn warn) {
+    const int result =
+        sqlite3_create_module(connection, "mira", &kModule, reinterpret_cast<void*>(warn));
     return result == SQLITE_OK ? registerAttach(connection) : result;
 }
 

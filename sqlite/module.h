@@ -25,6 +25,7 @@ namespace mira::sql {
 struct VirtualTable : sqlite3_vtab {
     sqlite3* connection = nullptr;
     bool utf8 = true;  ///< encoding of the connection's database
+    Warn warn = nullptr;
     Arguments arguments;
     std::unique_ptr<tool::Table> table;
     std::vector<tool::Column> columns;  ///< as declared: those of the table, _record, _deleted

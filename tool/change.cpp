@@ -9,8 +9,6 @@
 namespace mira::tool {
 namespace {
 
-constexpr u8 kIndexFlag = 1;  // header byte 28
-
 void changeAll(Selection& selection, const char* verb, const ChangeOptions& options,
                const std::function<bool(u32)>& change) {
     while (nextRow(selection)) {
@@ -50,19 +48,11 @@ std::unique_ptr<Table> openToChange(const std::string& name, const TableOptions&
 }
 
 void refuseBesideShapes(const Table& table, const ChangeOptions& options) {
-    const std::string shapes = beside(table.path, ".shp");
-    if (shapes.empty() || options.force) return;
-    refuse(table.path, ": its records belong to the shapes of ", shapes,
-           ", one to one, and would no longer fit; --force changes them all the same");
+    if (!options.force) refuseBesideShapes(table, "--force changes them all the same");
 }
 
 void beginChange(const Table& table, const ChangeOptions& options) {
-    const std::vector<std::string> indexes = indexFilesBeside(table.path);
-    if (!indexes.empty()) {
-        note("{}: index files are not kept up and need a reindex: {}", table.path, joined(indexes));
-    } else if ((table.tableFlags & kIndexFlag) != 0) {
-        note("{}: its index file is not kept up and needs a reindex", table.path);
-    }
+    if (const std::string stale = staleIndexes(table); !stale.empty()) note("{}", stale);
     if (!options.noBackup) makeBackups(table);
 }
 

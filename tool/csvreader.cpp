@@ -13,6 +13,7 @@ namespace mira::tool {
 namespace {
 
 constexpr std::size_t kChunk = 1 << 16;
+constexpr unsigned char kLenient = CSV_EMPTY_IS_NULL;
 constexpr std::string_view kMark = "\xEF\xBB\xBF";
 
 int noSpace(unsigned char) { return 0; }
@@ -52,7 +53,7 @@ CsvReader::CsvReader(const std::string& name, const CsvOptions& options)
         page_ = openPage(options.codePage);
         if (!page_) refuse("--csv-code-page ", options.codePage, ": no such code page");
     }
-    if (csv_init(&parser_, CSV_EMPTY_IS_NULL) != 0) throw std::bad_alloc();
+    if (csv_init(&parser_, kLenient) != 0) throw std::bad_alloc();
     csv_set_delim(&parser_, static_cast<unsigned char>(options.delimiter));
     csv_set_space_func(&parser_, noSpace);  // blanks around a cell belong to it
     csv_set_blk_size(&parser_, kChunk);
@@ -152,6 +153,24 @@ std::string_view CsvReader::takeLine() {
     return {buffer_.data() + begin_ - length, length};
 }
 
+/// A lone quote in a cell without quotes is a quote. In a cell with quotes it is refused: taken as
+/// one, it would draw the lines up to the next quote into the cell.
+void CsvReader::parseQuoted(std::string_view line) {
+    while (true) {
+        line.remove_prefix(csv_parse(&parser_, line.data(), line.size(), takeCell, takeRow, this));
+        if (line.empty()) return;
+        const int error = csv_error(&parser_);
+        if (error != CSV_EPARSE) refuse(name_, ": line ", line_, ": ", csv_strerror(error));
+        if (parser_.quoted != 0) {
+            refuse(name_, ": line ", line_, ": a quote inside a quoted text must be doubled");
+        }
+        csv_set_opts(&parser_, kLenient);
+        csv_parse(&parser_, line.data(), 1, takeCell, takeRow, this);
+        csv_set_opts(&parser_, kLenient | CSV_STRICT);
+        line.remove_prefix(1);
+    }
+}
+
 /// Parses the next line; false when there is none.
 bool CsvReader::parseLine() {
     const std::string_view line = takeLine();
@@ -168,9 +187,7 @@ bool CsvReader::parseLine() {
         rowDone_ = true;
         return true;
     }
-    if (csv_parse(&parser_, line.data(), line.size(), takeCell, takeRow, this) != line.size()) {
-        refuse(name_, ": line ", line_, ": ", csv_strerror(csv_error(&parser_)));
-    }
+    parseQuoted(line);
     rowOpen_ = !rowDone_ && !(empty && spans_.empty() && !rowOpen_);
     return true;
 }
@@ -202,7 +219,7 @@ void CsvReader::give(CsvRow& row) {
 }
 
 bool CsvReader::next(CsvRow& row) {
-    csv_set_opts(&parser_, CSV_EMPTY_IS_NULL);
+    csv_set_opts(&parser_, kLenient | CSV_STRICT);
     cells_.clear();
     spans_.clear();
     rowDone_ = rowOpen_ = false;
@@ -210,7 +227,7 @@ bool CsvReader::next(CsvRow& row) {
         if (parseLine()) continue;
         if (finished_) return false;
         finished_ = true;
-        csv_set_opts(&parser_, CSV_EMPTY_IS_NULL | CSV_STRICT | CSV_STRICT_FINI);
+        csv_set_opts(&parser_, kLenient | CSV_STRICT | CSV_STRICT_FINI);
         if (!options_.tsv && csv_fini(&parser_, takeCell, takeRow, this) != 0) {
             refuse(name_, ": line ", rowLine_, ": a quoted text does not end");
         }

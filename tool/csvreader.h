@@ -55,6 +55,7 @@ private:
     static void takeCell(void* text, std::size_t length, void* reader);
     static void takeRow(int end, void* reader);
     std::string_view takeLine();
+    void parseQuoted(std::string_view line);
     bool parseLine();
     bool fill();
     void parseTsv(std::string_view line);

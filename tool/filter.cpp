@@ -234,9 +234,7 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
         refuseFilter(table, "field ", column.name, " is too wide for a filter; try `mira query`");
     }
     const std::string_view left = condition.substr(0, place);
-    const std::size_t blanks = std::min(left.find_first_not_of(' '), left.size());
-    return textOf(left.substr(0, blanks), libraryName(table, column),
-                  left.substr(left.find_last_not_of(' ') + 1),
+    return textOf(libraryName(table, column), left.substr(left.find_last_not_of(' ') + 1),
                   condition.substr(place, after - place), translated);
 }
 
@@ -263,7 +261,12 @@ std::string checkedFilter(const Table& table, std::string_view filter) {
         const std::size_t end = std::min(filter.find_first_of("&|", start), filter.size());
         const Piece piece = cutPiece(filter.substr(start, end - start));
         checked += piece.opening;
-        checked += checkedCondition(table, piece.condition);
+        // Blanks beside a connective are no part of the texts, as they are for the library.
+        std::string_view condition = piece.condition;
+        const bool goesOn = end != filter.size() || !piece.closing.empty();
+        while (goesOn && condition.ends_with(' ')) condition.remove_suffix(1);
+        while (condition.starts_with(' ')) condition.remove_prefix(1);
+        checked += checkedCondition(table, condition);
         checked += piece.closing;
         if (end == filter.size()) return checked;
         checked += filter[end];

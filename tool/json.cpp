@@ -1,6 +1,7 @@
 // JSON: an object per row, as one array or a line each.
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 #include "message.h"
 #include "table/utf8.h"
@@ -90,6 +91,9 @@ public:
                 putBase64(text_, value.text);
                 out_.put(text_);
                 return out_.put("\"}");
+            case ValueKind::Real:
+                if (!std::isfinite(value.real)) return out_.put("null");
+                [[fallthrough]];
             default:
                 text_.clear();
                 putPlain(text_, value);

@@ -1,6 +1,7 @@
 // The program mira: what people with a folder of old tables need, as commands.
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <iostream>
 #include <string>
 
 #include "command/commands.h"
@@ -73,7 +74,11 @@ int runProgram(int argc, char** argv) {
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        if (e.get_exit_code() == 0) return program.exit(e);  // help, version
+        if (e.get_exit_code() == 0) {  // help, version
+            program.exit(e);
+            if (!std::cout.flush()) refuse("standard output: cannot be written");
+            return kDone;
+        }
         return refuseLine(program, e, argc > 1 ? argv[1] : "");
     }
     apply(common);

@@ -178,7 +178,8 @@ void addValue(std::string_view text, const CodePage& page, std::string* scratch,
     common->number = common->number && addNumber(text, common);
     common->date = common->date && isDate(text);
     common->logical = common->logical && (sameText(text, "true") || sameText(text, "false"));
-    common->base64 = common->base64 && text.starts_with("base64:");
+    common->base64 = common->base64 && text.starts_with(kBase64) &&
+                     decodeBase64(text.substr(kBase64.size())).has_value();
     scratch->clear();
     // What the page lacks is told later; until then its UTF-8 gives the width.
     const bool known = fromUtf8(page, text, *scratch);

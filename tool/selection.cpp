@@ -50,6 +50,7 @@ std::vector<Column> chosenColumns(const Table& table, const SelectOptions& optio
         if (wanted && !holds(columns, column)) columns.push_back(column);
     }
     std::erase_if(columns, [&](const Column& column) { return holds(excluded, column); });
+    if (columns.empty() && !excluded.empty()) refuse(table.path, ": no column is left");
     return columns;
 }
 

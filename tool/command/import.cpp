@@ -78,22 +78,29 @@ Mapping mapColumns(const Table& table, const std::vector<std::string>& headings,
     const std::size_t count = table.columns.size();
     Mapping mapping{std::vector<std::size_t>(count, kNoCell), kNoCell, headings.size()};
     std::vector<std::string> strangers;
+    std::vector<std::string> repeated;
     std::vector<std::string> missing;
     for (std::size_t i = 0; i < headings.size(); ++i) {
         const std::size_t column = columnOf(table, headings[i]);
         if (column < count && mapping.cells[column] == kNoCell) {
             mapping.cells[column] = i;
+        } else if (column < count) {
+            repeated.push_back('"' + headings[i] + '"');
         } else if (headings[i] == "_deleted") {
             mapping.deletion = i;
         } else if (headings[i] != "_record") {
             strangers.push_back('"' + headings[i] + '"');
         }
     }
+    if (strangers.size() == headings.size()) {
+        refuse(csv, ": no heading is a field of ", table.path, ": ", joined(strangers));
+    }
     for (std::size_t i = 0; i < count; ++i) {
         const bool left = mapping.cells[i] == kNoCell && !isCounting(table.columns[i]);
         if (left) missing.push_back(table.columns[i].name);
     }
     if (!strangers.empty()) note("{}: left out, no such field: {}", csv, joined(strangers));
+    if (!repeated.empty()) note("{}: left out, there before: {}", csv, joined(repeated));
     if (!missing.empty()) note("{}: no heading, so blank: {}", csv, joined(missing));
     return mapping;
 }

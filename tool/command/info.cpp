@@ -25,9 +25,9 @@ std::string typeOf(const Table& table, const Column& column) {
                                             : GetTypeName(table.base.get(), column.field));
 }
 
-/// The next value of a counting field, where the descriptor keeps it.
-std::string nextValue(const Table& table, const Column& column) {
-    return isCounting(column) && table.visual ? std::to_string(column.nextValue) : "";
+/// The next value of a counting field.
+std::string nextValue(const Column& column) {
+    return isCounting(column) ? std::to_string(column.nextValue) : "";
 }
 
 // --------------------------------------------------------------------------------------------
@@ -56,7 +56,7 @@ void putFields(Output& out, const Table& table) {
         rows.push_back({std::to_string(column.field + 1), escaped(column.name),
                         typeOf(table, column), std::to_string(column.length),
                         std::to_string(column.decimals), column.mayBeNull() ? "yes" : "",
-                        column.untranslated ? "yes" : "", nextValue(table, column)});
+                        column.untranslated ? "yes" : "", nextValue(column)});
     }
     putGrid(out, grid, rows);
 }
@@ -96,7 +96,7 @@ std::string fieldJson(const Table& table, const Column& column) {
     field.number("decimals", column.decimals);
     field.truth("may_be_null", column.mayBeNull());
     field.truth("binary", column.untranslated);
-    const std::string next = nextValue(table, column);
+    const std::string next = nextValue(column);
     field.raw("next", next.empty() ? "null" : next);
     return field.whole();
 }
@@ -134,6 +134,7 @@ Status run(const Options& options) {
     const auto show = [&](const std::string& name) {
         const auto table = openTable(name, options.table);
         const Facts facts = factsOf(*table, true);
+        loadCounters(*table);
         if (!std::exchange(first, false) && !options.json) out.put('\n');
         (options.json ? putJson : putText)(out, *table, facts);
         tellPage(*table);

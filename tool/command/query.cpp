@@ -37,12 +37,14 @@ struct Options {
     refuse(sqlite3_errmsg(connection));
 }
 
+void tellWarning(const std::string& sentence) { tell(sentence); }
+
 /// A database in memory that nothing stays of, with the module in it.
 Connection openConnection() {
     sqlite3* opened = nullptr;
     const int result = sqlite3_open(":memory:", &opened);
     Connection connection(opened);
-    if (result != SQLITE_OK || sql::registerMira(opened) != SQLITE_OK) fail(opened);
+    if (result != SQLITE_OK || sql::registerMira(opened, tellWarning) != SQLITE_OK) fail(opened);
     watchStops(opened);
     return connection;
 }

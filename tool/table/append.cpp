@@ -16,6 +16,7 @@ namespace {
 constexpr u32 kNextPlace = 19;
 constexpr u32 kStepPlace = 23;
 constexpr u32 kNextPlace7 = 42;
+constexpr u64 kTableMost = 0x7FFFFFFF;
 constexpr u32 kDatePlace = 1;  // in the header: year, month, day
 
 /// Where the file keeps the next value; 0 for nowhere.
@@ -64,7 +65,11 @@ void appendRecord(Table& table) {
     DbfBase* const base = table.base.get();
     const u32 record = base->Header.RecordCount;
     if (InternalWriteRecord(base, record) == 0) {
-        refuse(table.path, ": record ", record + 1, " cannot be written; is the disk full?");
+        const DbfHeader& header = base->Header;
+        const u64 end = header.HeaderLength + (u64{record} + 1) * header.RecordLength;
+        refuse(table.path, ": record ", record + 1,
+               end > kTableMost ? " would reach past 2 GiB, where tables end"
+                                : " cannot be written; is the disk full?");
     }
     ++base->Header.RecordCount;
 }

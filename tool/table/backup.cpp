@@ -1,4 +1,4 @@
-// Backup copies, and whether a table can be written at all.
+// Backup copies, whether a table can be written at all, and what a write leaves stale beside it.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,6 +8,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "table/find.h"
 #include "table/memo.h"
 #include "table/refusal.h"
 #include "table/store.h"
@@ -33,6 +34,7 @@ void copyTo(const fs::path& original, const fs::path& copy) {
     if (!error) return;
     if (descriptor >= 0) unlink(made.c_str());
     refuse(copy.string(), ": the backup copy cannot be written: ", error.message(),
+           error == std::errc::io_error ? "; is the disk full?" : "",
            " (--no-backup goes without)");
 }
 
@@ -61,6 +63,24 @@ void checkWritable(const fs::path& path) {
 void checkWritable(const Table& table) {
     checkWritable(fs::path(table.path));
     if (const fs::path memos = presentMemos(table); !memos.empty()) checkWritable(memos);
+}
+
+std::string staleIndexes(const Table& table) {
+    constexpr u8 kIndexFlag = 1;  // header byte 28
+    const std::vector<std::string> indexes = indexFilesBeside(table.path);
+    if (!indexes.empty()) {
+        return textOf(table.path,
+                      ": index files are not kept up and need a reindex: ", joined(indexes));
+    }
+    if ((table.tableFlags & kIndexFlag) == 0) return {};
+    return table.path + ": its index file is not kept up and needs a reindex";
+}
+
+void refuseBesideShapes(const Table& table, const char* wayOut) {
+    const std::string shapes = beside(table.path, ".shp");
+    if (shapes.empty()) return;
+    refuse(table.path, ": its records belong to the shapes of ", shapes,
+           ", one to one, and would no longer fit; ", wayOut);
 }
 
 void makeBackups(const Table& table) {

@@ -75,7 +75,12 @@ void refuseUnknownWords(const Table& table, std::string_view name, std::string_v
     eachWord(
         expression,
         [&](std::string_view word, std::string_view rest) {
-            if (isDigit(word.front()) || columnOfWord(table, word) != nullptr) return;
+            if (isDigit(word.front())) return;
+            if (const Column* column = columnOfWord(table, word)) {
+                if (column->kind != Kind::Calculated) return;
+                refuse(table.path, ": --calc ", name, ": ", column->name,
+                       " is a calculated field; expressions know those of the table only");
+            }
             if (startsCall(word, rest)) return;
             std::vector<std::string> names(kFunctions.begin(), kFunctions.end());
             for (const Column& column : table.columns) names.push_back(column.name);

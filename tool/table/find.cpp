@@ -47,6 +47,9 @@ std::string checked(const std::string& path) {
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     if (fs::is_directory(status)) refuse(path, ": is a folder, not a table");
+    if (!fs::exists(status) && fs::is_symlink(fs::symlink_status(path, error))) {
+        refuse(path, ": is a link that leads nowhere");
+    }
     if (!fs::is_regular_file(status)) {
         refuse(path, ": a table cannot come from a pipe; store it in a file first");
     }

@@ -18,7 +18,6 @@
 namespace mira::tool {
 namespace {
 
-constexpr std::string_view kBase64 = "base64:";
 constexpr char kMemoEnd = 0x1A;
 constexpr std::size_t kQuoted = 40;  // bytes of a value that a message shows
 constexpr int kCurrencyDecimals = 4;
@@ -77,23 +76,6 @@ int base64Digit(char c) {
     if (c >= 'a' && c <= 'z') return c - 'a' + 26;
     if (isDigit(c)) return c - '0' + 52;
     return c == '+' ? 62 : c == '/' ? 63 : -1;
-}
-
-std::optional<std::string> decodeBase64(std::string_view text) {
-    std::string bytes;
-    for (int pads = 0; pads < 2 && text.ends_with('='); ++pads) text.remove_suffix(1);
-    u32 bits = 0;
-    int held = 0;
-    for (const char c : text) {
-        const int digit = base64Digit(c);
-        if (digit < 0) return std::nullopt;
-        bits = bits << 6 | static_cast<u32>(digit);
-        held += 6;
-        if (held < 8) continue;
-        held -= 8;
-        bytes.push_back(static_cast<char>(bits >> held & 0xFF));
-    }
-    return text.size() % 4 != 1 ? std::optional(bytes) : std::nullopt;
 }
 
 Decimal numberOf(const Given& given) {
@@ -478,6 +460,23 @@ void setBit(const Table& table, i32 bit, bool value) {
 }
 
 }  // namespace
+
+std::optional<std::string> decodeBase64(std::string_view text) {
+    std::string bytes;
+    for (int pads = 0; pads < 2 && text.ends_with('='); ++pads) text.remove_suffix(1);
+    u32 bits = 0;
+    int held = 0;
+    for (const char c : text) {
+        const int digit = base64Digit(c);
+        if (digit < 0) return std::nullopt;
+        bits = bits << 6 | static_cast<u32>(digit);
+        held += 6;
+        if (held < 8) continue;
+        held -= 8;
+        bytes.push_back(static_cast<char>(bits >> held & 0xFF));
+    }
+    return text.size() % 4 != 1 ? std::optional(bytes) : std::nullopt;
+}
 
 std::optional<Moment> readMoment(std::string_view text) {
     Moment moment;

@@ -66,6 +66,11 @@ std::string encodeValue(Table& table, const Column& column, const Given& given, 
 /// memo file. Throws a Refusal when the memo cannot be written.
 void putValue(Table& table, const Column& column, const Encoded& encoded);
 
+/// Before bytes that are given as text.
+inline constexpr std::string_view kBase64 = "base64:";
+/// The bytes that a text in base64 stands for; nothing when it is none.
+std::optional<std::string> decodeBase64(std::string_view text);
+
 struct Moment {
     std::tm time{};  // tm_year is the full year, tm_mon 0 to 11
     int milliseconds = 0;
@@ -97,6 +102,12 @@ void finishAppend(Table& table);
 bool takeBack(Table& table, u32 records);
 /// Stamps today's date into the header, which otherwise stays as it is. Throws a Refusal.
 void stampDate(Table& table);
+
+/// That index files are not kept up, where there are some; else empty.
+std::string staleIndexes(const Table& table);
+/// Throws a Refusal beside a ".shp" file, whose shapes go by record number; it ends with the way
+/// out.
+void refuseBesideShapes(const Table& table, const char* wayOut);
 
 /// Throws a Refusal when the table, or the memo file that one of its fields needs, cannot be
 /// written.

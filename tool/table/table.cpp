@@ -257,7 +257,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     readStoredHeader(*table);
     readVersion(*table);
     table->page = choosePage(base, options.codePage);
-    if (!table->page.page) refuse("--code-page ", options.codePage, ": no such code page");
+    if (!table->page.page) refuse(table->path, ": no such code page: ", options.codePage);
     table->notes = table->page.notes;
     std::vector<Column> all;
     for (int field = 0; field < base->FieldCount; ++field) all.push_back(columnOf(*table, field));
