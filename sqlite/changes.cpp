@@ -49,6 +49,7 @@ void Changes::prepare() {
     tool::checkWritable(table_);
     RefreshDatabase(table_.base.get());
     tool::loadCounters(table_);
+    table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
     added_ = 0;
 }
 
@@ -155,6 +156,10 @@ void Changes::writeRow(const Row& row) {
 
 void Changes::write() {
     if (rows_.empty()) return;
+    if (table_.page.uncertain) {
+        sqlite3_log(SQLITE_WARNING, "%s: %s", table_.path.c_str(),
+                    tool::pageDoubt(table_.page, "code_page=NAME").c_str());
+    }
     if (!backedUp_) tool::makeBackups(table_);
     backedUp_ = true;
     const u32 before = reccount(table_.base.get());
