@@ -49,6 +49,7 @@ void Changes::prepare() {
     tool::checkWritable(table_);
     RefreshDatabase(table_.base.get());
     tool::loadCounters(table_);
+    table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
     added_ = 0;
 }
 
@@ -158,6 +159,9 @@ void Changes::writeRow(const Row& row) {
 
 void Changes::write() {
     if (rows_.empty()) return;
+    if (table_.page.uncertain) {
+        warn_(table_.path + ": " + tool::pageDoubt(table_.page, "code_page=NAME"));
+    }
     if (!backedUp_) {
         tool::makeBackups(table_);
         if (const std::string stale = tool::staleIndexes(table_); !stale.empty()) warn_(stale);

@@ -30,9 +30,9 @@ void checkHeader(const Table& table, const Report& report) {
     for (const std::string& repair : repairsOf(table)) {
         report({.isNote = stale && repair == count, .what = repair});
     }
-    const std::string missing = missingMemos(table);
+    const std::string fault = memoFileFault(table);  // a finding, told with the memos
     for (const std::string& sentence : table.notes) {
-        if (sentence != missing) report({.isNote = true, .what = sentence});
+        if (sentence != fault) report({.isNote = true, .what = sentence});
     }
 }
 

@@ -187,11 +187,11 @@ void walkMemos(Walk& walk) {
 }
 
 /// Why the references cannot be followed at all; empty when they can.
-std::string memoFileFault(const MemoReferences& references, CellReader& cells) {
+std::string obstacle(const MemoReferences& references, CellReader& cells) {
     const Table& table = *cells.table;
     if (!openMemos(cells.memos, table)) {
-        const std::string missing = missingMemos(table);
-        std::string fault = missing.empty() ? "its memo file cannot be opened" : missing;
+        std::string fault = memoFileFault(table);
+        if (fault.empty()) fault = "its memo file cannot be opened";
         if (references.count == 0) return fault;
         return fmt::format("{}; {} {} to memos", fault, references.count,
                            references.count == 1 ? "field refers" : "fields refer");
@@ -243,7 +243,7 @@ void addReferences(MemoReferences& references, CellReader& cells, const Report& 
 void checkMemos(MemoReferences& references, CellReader& cells, Faults& faults,
                 const Report& report) {
     if (references.columns.empty()) return;
-    const std::string fault = memoFileFault(references, cells);
+    const std::string fault = obstacle(references, cells);
     if (!fault.empty()) return report({.what = fault});
     Walk walk{references, cells, faults, report};
     walkMemos(walk);

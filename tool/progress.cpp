@@ -26,6 +26,8 @@ ProgressMode progressMode = ProgressMode::OnTerminal;
 
 /// The bar that all pieces of work share.
 struct Bar {
+    Bar() noexcept = default;  // before main() nothing may throw
+
     std::mutex mutex;
     std::atomic<u64> done = 0;
     u64 total = 0;

@@ -210,8 +210,7 @@ bool nextRow(Selection& s) {
 
 void tellPage(const Table& table) {
     if (!table.page.uncertain) return;
-    note("{}: code page {} is only a {}; --code-page NAME says which it is", table.path,
-         pageName(*table.page.page), table.page.from);
+    note("{}: {}", table.path, pageDoubt(table.page, "--code-page NAME"));
 }
 
 bool tellFaults(const Selection& selection) {

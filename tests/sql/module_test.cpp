@@ -16,6 +16,14 @@ using Rows = std::vector<std::string>;
 
 const Rows kNone = {};
 
+std::string warnings;  // in SQLite's log, a line each
+const int kLogging = sqlite3_config(
+    SQLITE_CONFIG_LOG,
+    +[](void*, int code, const char* text) {
+        if (code == SQLITE_WARNING) warnings += std::string(text) + "\n";
+    },
+    nullptr);
+
 Layout goods(std::size_t records = 3) {
     Layout layout{0x03, {{"CODE", 'C', 4}, {"PRICE", 'N', 6, 2}, {"QTY", 'N', 3}}};
     for (std::size_t i = 0; i < records; ++i) {
@@ -178,6 +186,15 @@ TEST_F(SqlWriting, SaysHowMuchAFullDiskHasTaken) {
     ASSERT_EQ(rows.size(), 1U);
     EXPECT_NE(rows[0].find("0 records of 3 are written"), std::string::npos) << rows[0];
     EXPECT_EQ(answer(connection, "SELECT count(*) FROM goods"), Rows{"3"});
+}
+
+TEST_F(SqlWriting, LogsOnceForAStatementThatItsCodePageIsADefault) {
+    ASSERT_EQ(kLogging, SQLITE_OK);
+    warnings.clear();
+    answer(connection, "INSERT INTO goods(CODE) VALUES ('\xC3\xA9'), ('\xC3\xA8')");
+    answer(connection, "UPDATE goods SET QTY = 1");
+    EXPECT_EQ(warnings,
+              path + ": code page CP437 is only a default; code_page=NAME says which it is\n");
 }
 
 TEST_F(SqlWriting, KeepsLargeMemos) {

@@ -91,6 +91,16 @@ std::string_view bytesOf(CellReader& cells, const Column& column) {
     return bytes;
 }
 
+/// Into the file of -o.
+void putBytes(const Options& options, const Table& table, std::string_view bytes) {
+    const Target target = targetOf(options.output);
+    checkTargets({target}, options.force, inputsOf(table));
+    Output out(target, options.force);
+    out.put(bytes);
+    out.finish();
+    if (!target.path.empty()) note("{}: {}", target.name, counted(bytes.size(), "byte"));
+}
+
 /// The memo as a value or, for -o, its bytes.
 Status takeOut(const Options& options) {
     const auto table = openTable(options.table, options.select.table);
@@ -108,16 +118,14 @@ Status takeOut(const Options& options) {
         return kDone;
     }
     const bool bytes = !options.output.empty();
-    const Target target = targetOf(bytes ? options.output : "-");
-    checkTargets({target}, options.force, inputsOf(*table));
-    Output out(target, options.force);
     if (bytes) {
-        out.put(bytesOf(cells, column));
+        putBytes(options, *table, bytesOf(cells, column));
     } else {
+        Output out(targetOf("-"), false);
         putMemo(out, value);
+        out.finish();
+        tellPage(*table);
     }
-    out.finish();
-    if (!bytes) tellPage(*table);
     const bool matters = value.fault != Fault::None && (!bytes || value.fault == Fault::MemoCut);
     if (matters) note("{}: {}", name, faultSentence(value.fault, 1));
     return matters ? kFound : kDone;

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 #include "table/find.h"
@@ -45,14 +44,6 @@ fs::path presentMemos(const Table& table) {
     return fs::is_regular_file(memos, ignored) ? memos : fs::path();
 }
 
-/// Whether an interrupted pack has left its log in the memo file.
-bool isHalfPacked(const fs::path& memos) {
-    constexpr std::string_view sign = "Pack unfinished";
-    char head[24 + sign.size()] = {};
-    std::ifstream(memos, std::ios::binary).read(head, sizeof head);
-    return std::string_view(head, sizeof head).ends_with(sign);
-}
-
 void checkWritable(const fs::path& path) {
     const File file(std::fopen(path.c_str(), "r+be"));
     if (!file) refuse(path.string(), ": cannot be written: ", std::strerror(errno));
@@ -88,7 +79,8 @@ void makeBackups(const Table& table) {
     const fs::path copy = fs::path(table.path).replace_extension(".bak");
     std::error_code ignored;
     // Copies made before a pack that was interrupted are better than what it has left.
-    if (!memos.empty() && isHalfPacked(memos) && fs::exists(copy, ignored)) return;
+    const bool halfPacked = isHalfPacked(File(Open_FileRO(memos.c_str())).get());
+    if (halfPacked && fs::exists(copy, ignored)) return;
     copyTo(table.path, copy);
     if (!memos.empty()) copyTo(memos, fs::path(memos).replace_extension(".tbk"));
 }

@@ -78,5 +78,8 @@ struct PageChoice {
 /// stretches that lie evenly in the table, so that a late part of a long table counts, too. A
 /// sample without a byte above 7F ends in the default, not uncertain. Overwrites RecordBuffer.
 PageChoice choosePage(DbfBase*, std::string_view option);
+/// "code page CP437 is only a default; --code-page NAME says which it is", with the option as
+/// given.
+std::string pageDoubt(const PageChoice&, std::string_view option);
 
 }  // namespace mira::tool

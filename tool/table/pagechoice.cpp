@@ -278,4 +278,9 @@ PageChoice choosePage(DbfBase* h, std::string_view option) {
     return choice;
 }
 
+std::string pageDoubt(const PageChoice& choice, std::string_view option) {
+    return textOf("code page ", pageName(*choice.page), " is only a ", choice.from, "; ", option,
+                  " says which it is");
+}
+
 }  // namespace mira::tool

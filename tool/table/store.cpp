@@ -532,8 +532,9 @@ void putValue(Table& table, const Column& column, const Encoded& encoded) {
     if (encoded.memo.empty()) return;
     if (SetMemoBuf(base, static_cast<u32>(column.field), encoded.memo.data(),
                    static_cast<u32>(encoded.memo.size())) == 0) {
+        const std::string fault = memoFileFault(table);
         refuse(table.path, ": ", column.name, ": the memo cannot be written to ",
-               base->MemoFileName);
+               base->MemoFileName, fault.empty() ? "" : ": ", fault);
     }
 }
 

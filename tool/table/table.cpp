@@ -271,8 +271,8 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     nameForLibrary(*table);
     readAsText(*table);
     noteUnknownTypes(*table);
-    const std::string missing = missingMemos(*table);
-    if (!missing.empty()) table->notes.push_back(missing);
+    const std::string fault = memoFileFault(*table);
+    if (!fault.empty()) table->notes.push_back(fault);
     return table;
 }
 
@@ -332,11 +332,16 @@ std::string memoFileOf(const Table& table) {
     return base.FirstMemoField != -1 && base.MemoFileName != nullptr ? base.MemoFileName : "";
 }
 
-std::string missingMemos(const Table& table) {
+std::string memoFileFault(const Table& table) {
     const fs::path memos = memoFileOf(table);
+    if (memos.empty()) return "";
     std::error_code ignored;
-    if (memos.empty() || fs::exists(memos, ignored)) return "";
-    return textOf("its memo file ", memos.filename().string(), " is missing");
+    if (!fs::exists(memos, ignored)) {
+        return textOf("its memo file ", memos.filename().string(), " is missing");
+    }
+    if (!isHalfPacked(File(Open_FileRO(memos.c_str())).get())) return "";
+    return "a pack was interrupted, and until `mira pack` has finished it no memo can be read or "
+           "written";
 }
 
 std::string countRepair(const Table& table) {

@@ -142,8 +142,9 @@ inline bool isDeleted(const Table& table) { return table.base->RecordBuffer[0] =
 
 /// The memo file, there or not; empty when no field needs one.
 std::string memoFileOf(const Table& table);
-/// "its memo file stock.dbt is missing"; empty when it is there, or there is none to be.
-std::string missingMemos(const Table& table);
+/// Why no memo can be read: "its memo file stock.dbt is missing", or half packed; empty when
+/// nothing is in the way.
+std::string memoFileFault(const Table& table);
 /// "the header counts 2 records, the file holds 3"; empty when they agree.
 std::string countRepair(const Table& table);
 /// What opening repaired, a sentence each.
