@@ -82,7 +82,7 @@ struct Selection {
 /// Opens a table and applies everything. Throws a Refusal, or Stopped.
 std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options);
 /// The same for a table that is open already (for writing).
-std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> table, const SelectOptions& options);
+std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options);
 
 /// Reads the next row into RecordBuffer; false after the last one. Its record, from 0, is
 /// cells.record, its position for WriteRecord position - 1. Throws a Refusal for a record that

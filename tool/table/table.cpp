@@ -260,6 +260,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     if (!table->page.page) refuse(table->path, ": no such code page: ", options.codePage);
     table->notes = table->page.notes;
     std::vector<Column> all;
+    all.reserve(static_cast<std::size_t>(base->FieldCount));
     for (int field = 0; field < base->FieldCount; ++field) all.push_back(columnOf(*table, field));
     assignNullBits(*table, all);
     for (Column& column : all) {

@@ -88,8 +88,8 @@ std::string_view storedBytes(const Table& table, const Column& column);
 std::optional<i64> toInteger(std::string_view digits);
 /// Digits to the nearest double.
 double toReal(std::string_view digits);
-/// Whether the digits are a number: sign, digits with at most one point, exponent.
-bool isNumber(std::string_view digits);
+/// Whether a text is a number: sign, digits with at most one point, exponent.
+bool isNumber(std::string_view text);
 
 /// How often each fault was met, and where first.
 struct FaultTally {
