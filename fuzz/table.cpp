@@ -187,7 +187,8 @@ void check(Input& input) {
     if (reccount(h.get()) != 0)
         SeekValue(h.get(), field, cString(table.substr(4, 2)).c_str(), exact);
     CHECK_EQUAL(RefreshDatabase(h.get()), 0);
-    if (writable) edit(h.get(), path, static_cast<double>(options) / 256);
+    const bool halfPacked = memoFile.find("Pack unfinished") == 24;  // which refuses most edits
+    if (writable && !halfPacked) edit(h.get(), path, static_cast<double>(options) / 256);
     for (const std::string& name :
          {memoPath, std::string(memoPath).replace(memoPath.rfind('.') + 1, 1, "~")})
         std::remove(name.c_str());
