@@ -46,8 +46,8 @@ public:
     bool place(u32 record, const u8* from) const;
 
 private:
-    /// How many of these records, from the first on, are in the file already; none when it cannot
-    /// be read.
+    /// How many of these records, from the first on, are in the file already; nothing when one
+    /// cannot be read.
     std::optional<u32> standing(u32 record, const u8* from, u32 records) const;
 
     DbfBase* h_;
