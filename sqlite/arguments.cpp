@@ -1,13 +1,13 @@
 #include "arguments.h"
 
-#include "table/refusal.h"
+#include "tables/page/refusal.h"
 
 namespace mira::sql {
 namespace {
 
 /// Without the quotes of SQL around it, if it has some: 'it''s', "a", [a], `a`.
 std::string unquoted(std::string_view text) {
-    text = tool::trimmed(text);
+    text = tables::trimmed(text);
     constexpr std::string_view kOpening = "'\"`[";
     if (text.size() < 2 || kOpening.find(text.front()) == std::string_view::npos) {
         return std::string(text);
@@ -25,24 +25,24 @@ std::string unquoted(std::string_view text) {
 
 bool isOn(const std::string& path, std::string_view name, const std::string& value) {
     for (const char* yes : {"1", "yes", "true", "on"}) {
-        if (tool::sameText(value, yes)) return true;
+        if (tables::sameText(value, yes)) return true;
     }
     for (const char* no : {"0", "no", "false", "off"}) {
-        if (tool::sameText(value, no)) return false;
+        if (tables::sameText(value, no)) return false;
     }
-    tool::refuse(path, ": ", name, " is 1 or 0, not \"", value, "\"");
+    tables::refuse(path, ": ", name, " is 1 or 0, not \"", value, "\"");
 }
 
-tool::Deleted deletedOption(const std::string& path, const std::string& value) {
-    for (const auto& [word, deleted] : tool::kDeletedWords) {
-        if (tool::sameText(value, word)) return deleted;
+tables::Deleted deletedOption(const std::string& path, const std::string& value) {
+    for (const auto& [word, deleted] : tables::kDeletedWords) {
+        if (tables::sameText(value, word)) return deleted;
     }
-    tool::refuse(path, ": deleted is skip, include or only, not \"", value, "\"");
+    tables::refuse(path, ": deleted is skip, include or only, not \"", value, "\"");
 }
 
 void readOption(Arguments& arguments, std::string_view text) {
     const std::size_t equals = text.find('=');
-    const std::string name = tool::foldCase(tool::trimmed(text.substr(0, equals)));
+    const std::string name = tables::foldCase(tables::trimmed(text.substr(0, equals)));
     const std::string value =
         equals == std::string_view::npos ? std::string("1") : unquoted(text.substr(equals + 1));
     const std::string& path = arguments.path;
@@ -55,10 +55,10 @@ void readOption(Arguments& arguments, std::string_view text) {
     } else if (name == "long_names") {
         arguments.table.longNames = isOn(path, name, value);
     } else if (name == "as_text") {
-        arguments.table.asText = tool::splitList(value);
+        arguments.table.asText = tables::splitList(value);
     } else {
-        tool::refuse(path, ": there is no option \"", name,
-                     "\"; those there are: code_page, deleted, writable, long_names, as_text");
+        tables::refuse(path, ": there is no option \"", name,
+                       "\"; those there are: code_page, deleted, writable, long_names, as_text");
     }
 }
 
@@ -67,7 +67,7 @@ void readOption(Arguments& arguments, std::string_view text) {
 Arguments readArguments(int count, const char* const* texts) {
     Arguments arguments;
     if (count > 0) arguments.path = unquoted(texts[0]);
-    if (arguments.path.empty()) tool::refuse("USING mira('PATH') needs the path of a table");
+    if (arguments.path.empty()) tables::refuse("USING mira('PATH') needs the path of a table");
     for (int i = 1; i < count; ++i) readOption(arguments, texts[i]);
     return arguments;
 }

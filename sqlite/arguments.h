@@ -3,14 +3,14 @@
 
 #include <string>
 
-#include "table/table.h"
+#include "tables/column/column.h"
 
 namespace mira::sql {
 
 struct Arguments {
     std::string path;
-    tool::TableOptions table;
-    tool::Deleted deleted = tool::Deleted::Skip;
+    tables::TableOptions table;
+    tables::Deleted deleted = tables::Deleted::Skip;
 };
 
 /// Throws a Refusal that names the path, for an option that nobody knows or that has no such value.

@@ -1,9 +1,9 @@
 #include "attach.h"
 
 #include "guard.h"
-#include "table/find.h"
-#include "table/refusal.h"
-#include "table/storage.h"
+#include "tables/open/find.h"
+#include "tables/page/refusal.h"
+#include "tables/value/storage.h"
 
 namespace mira::sql {
 namespace {
@@ -18,20 +18,20 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
     char* message = nullptr;
     const int result = guarded(&message, [&] {
         const auto* const folder = reinterpret_cast<const char*>(sqlite3_value_text(values[0]));
-        if (folder == nullptr) tool::refuse("mira_attach needs a folder");
+        if (folder == nullptr) tables::refuse("mira_attach needs a folder");
         const bool writable = count > 1 && sqlite3_value_int(values[1]) != 0;
         sqlite3* const connection = sqlite3_context_db_handle(context);
         std::string failures;
         std::size_t attached = 0;
-        for (const std::string& path : tool::tablesIn(folder, false)) {
+        for (const std::string& path : tables::tablesIn(folder, false)) {
             try {
                 attachTable(connection, path, writable ? ", writable=1" : "");
                 ++attached;
-            } catch (const tool::Refusal& refusal) {
+            } catch (const tables::Refusal& refusal) {
                 failures += "\n" + std::string(refusal.what());
             }
         }
-        const std::string report = tool::counted(attached, "table") + failures;
+        const std::string report = tables::counted(attached, "table") + failures;
         sqlite3_result_text64(context, report.data(), report.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
         return SQLITE_OK;
     });
@@ -44,16 +44,16 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
 }  // namespace
 
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options) {
-    std::string name = tool::freeName(
-        tool::stemOf(path), [&](const std::string& free) { return !isTaken(connection, free); });
+    std::string name = tables::freeName(
+        tables::stemOf(path), [&](const std::string& free) { return !isTaken(connection, free); });
     const std::string statement =
-        tool::textOf("CREATE VIRTUAL TABLE temp.", tool::quotedName(name), " USING mira(",
-                     tool::quotedText(path), options, ')');
+        tables::textOf("CREATE VIRTUAL TABLE temp.", tables::quotedName(name), " USING mira(",
+                       tables::quotedText(path), options, ')');
     char* message = nullptr;
     if (sqlite3_exec(connection, statement.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
         const std::string why = message != nullptr ? message : "out of memory";
         sqlite3_free(message);
-        throw tool::Refusal(why);
+        throw tables::Refusal(why);
     }
     return name;
 }

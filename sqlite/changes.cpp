@@ -1,13 +1,16 @@
 #include "changes.h"
 
-#include "table/refusal.h"
+#include "tables/change/append.h"
+#include "tables/change/backup.h"
+#include "tables/open/open.h"
+#include "tables/page/refusal.h"
 
 namespace mira::sql {
 namespace {
 
-using tool::Column;
-using tool::Given;
-using tool::Refusal;
+using tables::Column;
+using tables::Given;
+using tables::Refusal;
 
 constexpr const char* kFixed = "a record's number is its place in the file and cannot be given";
 
@@ -39,23 +42,24 @@ Given givenOf(sqlite3_value* value) {
 }  // namespace
 
 void Changes::refuse(const Row& row, const std::string& what) const {
-    tool::refuse(table_.path, ": ",
-                 row.isNew ? "new record" : tool::textOf("record ", row.record + 1), ", ", what);
+    tables::refuse(table_.path, ": ",
+                   row.isNew ? "new record" : tables::textOf("record ", row.record + 1), ", ",
+                   what);
 }
 
 /// Before the first row of a statement: another program may have written meanwhile.
 void Changes::prepare() {
     if (!rows_.empty()) return;
-    tool::checkWritable(table_);
+    tables::checkWritable(table_);
     RefreshDatabase(table_.base.get());
-    tool::loadCounters(table_);
+    tables::loadCounters(table_);
     table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
     added_ = 0;
 }
 
 void Changes::encode(Row& row, std::size_t column, sqlite3_value* value) {
     const Column& of = columns_[column];
-    const std::string reason = tool::encodeValue(table_, of, givenOf(value), row.isNew, encoded_);
+    const std::string reason = tables::encodeValue(table_, of, givenOf(value), row.isNew, encoded_);
     if (!reason.empty()) refuse(row, of.name + ": " + reason);
     values_.push_back({static_cast<u16>(column), encoded_.isNull, encoded_.partial,
                        static_cast<u32>(encoded_.memo.size())});
@@ -82,7 +86,7 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
     Row row;
     row.isNew = isNull(values[0]);
     if (row.isNew && added_ == 0) {
-        tool::refuseBesideShapes(table_, "`mira import --append --force` appends all the same");
+        tables::refuseBesideShapes(table_, "`mira import --append --force` appends all the same");
     }
     const u32 count = reccount(table_.base.get());
     row.record = row.isNew ? count + added_ : static_cast<u32>(sqlite3_value_int64(values[0]) - 1);
@@ -97,9 +101,9 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
         const Column& column = columns_[i];
         sqlite3_value* const value = values[i + kBeforeColumns];
         if (!row.isNew && sqlite3_value_nochange(value) != 0) continue;
-        if (column.kind == tool::Kind::RecordNumber) {
+        if (column.kind == tables::Kind::RecordNumber) {
             checkNumber(row, column, value);
-        } else if (column.kind == tool::Kind::Deletion) {
+        } else if (column.kind == tables::Kind::Deletion) {
             row.mark = markOf(row, column, value);
         } else {
             encode(row, i, value);
@@ -120,7 +124,7 @@ void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
         throw;
     }
     if (row.isNew) {
-        tool::advanceCounters(table_);
+        tables::advanceCounters(table_);
         ++added_;
         *rowid = i64{row.record} + 1;
     }
@@ -137,21 +141,21 @@ void Changes::putValues(const Row& row) {
         encoded_.isNull = value.isNull;
         encoded_.partial = value.partial;
         nextByte_ += column.length + value.memoSize;
-        tool::putValue(table_, column, encoded_);
+        tables::putValue(table_, column, encoded_);
     }
 }
 
 void Changes::writeRow(const Row& row) {
     DbfBase* const base = table_.base.get();
     if (row.isNew) {
-        tool::newRecord(table_);
+        tables::newRecord(table_);
     } else if (ReadRecord(base, row.record) == 0) {
         refuse(row, "which cannot be read");
     }
     putValues(row);
     if (row.mark != Mark::Keep) base->RecordBuffer[0] = row.mark == Mark::Deleted ? '*' : ' ';
     if (row.isNew) {
-        tool::appendRecord(table_);
+        tables::appendRecord(table_);
     } else if (WriteRecord(base, row.record) == 0) {
         refuse(row, "which cannot be written");
     }
@@ -160,11 +164,11 @@ void Changes::writeRow(const Row& row) {
 void Changes::write() {
     if (rows_.empty()) return;
     if (table_.page.uncertain) {
-        warn_(table_.path + ": " + tool::pageDoubt(table_.page, "code_page=NAME"));
+        warn_(table_.path + ": " + tables::pageDoubt(table_.page, "code_page=NAME"));
     }
     if (!backedUp_) {
-        tool::makeBackups(table_);
-        if (const std::string stale = tool::staleIndexes(table_); !stale.empty()) warn_(stale);
+        tables::makeBackups(table_);
+        if (const std::string stale = tables::staleIndexes(table_); !stale.empty()) warn_(stale);
     }
     backedUp_ = true;
     const u32 before = reccount(table_.base.get());
@@ -174,13 +178,13 @@ void Changes::write() {
             writeRow(row);
             ++written;
         }
-        added_ != 0 ? tool::finishAppend(table_) : tool::stampDate(table_);
+        added_ != 0 ? tables::finishAppend(table_) : tables::stampDate(table_);
     } catch (const Refusal& refusal) {
-        if (added_ != 0 && tool::takeBack(table_, before)) written = 0;
+        if (added_ != 0 && tables::takeBack(table_, before)) written = 0;
         const std::size_t rows = rows_.size();
         drop();
-        tool::refuse(refusal.what(), "; ", tool::counted(written, "record"), " of ", rows,
-                     written == 1 ? " is written" : " are written");
+        tables::refuse(refusal.what(), "; ", tables::counted(written, "record"), " of ", rows,
+                       written == 1 ? " is written" : " are written");
     }
     drop();
 }

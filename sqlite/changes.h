@@ -9,15 +9,15 @@
 
 #include "api.h"
 #include "mira_sqlite.h"
-#include "table/store.h"
-#include "table/table.h"
+#include "tables/column/column.h"
+#include "tables/store/store.h"
 
 namespace mira::sql {
 
 class Changes {
 public:
     /// columns as declared: those of the table, then record number and deletion.
-    Changes(tool::Table& table, const std::vector<tool::Column>& columns, Warn warn)
+    Changes(tables::Table& table, const std::vector<tables::Column>& columns, Warn warn)
         : table_(table), columns_(columns), warn_(warn) {}
 
     /// Takes a row of xUpdate: the old rowid or null, the new one, then the columns. Of an inserted
@@ -45,14 +45,14 @@ private:
     void prepare();
     Row rowOf(std::span<sqlite3_value*> values);
     void encode(Row& row, std::size_t column, sqlite3_value* value);
-    Mark markOf(const Row& row, const tool::Column& column, sqlite3_value* value) const;
-    void checkNumber(const Row& row, const tool::Column& column, sqlite3_value* value) const;
+    Mark markOf(const Row& row, const tables::Column& column, sqlite3_value* value) const;
+    void checkNumber(const Row& row, const tables::Column& column, sqlite3_value* value) const;
     void putValues(const Row& row);
     void writeRow(const Row& row);
     [[noreturn]] void refuse(const Row& row, const std::string& what) const;
 
-    tool::Table& table_;
-    const std::vector<tool::Column>& columns_;
+    tables::Table& table_;
+    const std::vector<tables::Column>& columns_;
     const Warn warn_;
     // A statement may change a million rows, so they are held with little around their bytes: the
     // values of all rows one after the other, and each one's field and memo bytes likewise.
@@ -60,7 +60,7 @@ private:
     std::vector<HeldValue> values_;
     std::string bytes_;
     std::size_t nextValue_ = 0, nextByte_ = 0;  ///< to be written
-    tool::Encoded encoded_;
+    tables::Encoded encoded_;
     u32 added_ = 0;
     bool backedUp_ = false;
 };

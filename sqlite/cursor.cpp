@@ -6,24 +6,24 @@
 namespace mira::sql {
 namespace {
 
-using tool::Column;
-using tool::Deleted;
-using tool::Value;
+using tables::Column;
+using tables::Deleted;
+using tables::Value;
 
 Stored cellOf(Cursor& cursor, int column) {
     Value value;
     const Column& of = tableOf(cursor).columns[static_cast<std::size_t>(column)];
-    tool::readCell(*cursor.cells, of, value);
-    return tool::storedAs(of, value);
+    tables::readCell(*cursor.cells, of, value);
+    return tables::storedAs(of, value);
 }
 
 /// Reads a record; false when it is not one of those the table shows.
 bool readShown(Cursor& cursor, u32 record) {
-    tool::readRecord(*cursor.table, record);
+    tables::readRecord(*cursor.table, record);
     cursor.cells->record = record;
     const Deleted deleted = tableOf(cursor).arguments.deleted;
     return deleted == Deleted::Include ||
-           tool::isDeleted(*cursor.table) == (deleted == Deleted::Only);
+           tables::isDeleted(*cursor.table) == (deleted == Deleted::Only);
 }
 
 bool mayPass(Cursor& cursor) {
@@ -100,7 +100,7 @@ std::optional<u32> advance(Cursor& cursor) {
 }  // namespace
 
 void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants) {
-    const std::vector<tool::Column>& columns = tableOf(cursor).columns;
+    const std::vector<tables::Column>& columns = tableOf(cursor).columns;
     const int recordColumn = static_cast<int>(columns.size()) - kHiddenColumns;
     const bool repeated = !cursor.plan.empty() && cursor.plan == plan;
     cursor.plan = plan;

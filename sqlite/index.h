@@ -5,12 +5,12 @@
 #include <span>
 #include <vector>
 
-#include "table/storage.h"
+#include "tables/value/storage.h"
 
 namespace mira::sql {
 
-using tool::Storage;
-using tool::Stored;
+using tables::Storage;
+using tables::Stored;
 
 class KeyIndex {
 public:

@@ -7,20 +7,21 @@
 #include "attach.h"
 #include "guard.h"
 #include "mira_sqlite.h"
-#include "table/refusal.h"
+#include "tables/open/open.h"
+#include "tables/page/refusal.h"
 
 namespace mira::sql {
 namespace {
 
-using tool::Column;
+using tables::Column;
 
 /// A virtual table has at most 2000 columns.
 constexpr std::size_t kColumnMax = 2000 - kHiddenColumns;
 
-std::vector<Column> declaredColumns(const tool::Table& table) {
+std::vector<Column> declaredColumns(const tables::Table& table) {
     std::vector<Column> columns = table.columns;
-    columns.push_back(tool::extraColumn(table, "_record", tool::Kind::RecordNumber));
-    columns.push_back(tool::extraColumn(table, "_deleted", tool::Kind::Deletion));
+    columns.push_back(tables::extraColumn(table, "_record", tables::Kind::RecordNumber));
+    columns.push_back(tables::extraColumn(table, "_deleted", tables::Kind::Deletion));
     return columns;
 }
 
@@ -28,8 +29,8 @@ std::string declaration(const std::vector<Column>& columns) {
     std::string text = "CREATE TABLE x(";
     for (std::size_t i = 0; i < columns.size(); ++i) {
         if (i != 0) text += ", ";
-        text += tool::quotedName(columns[i].name) + " " +
-                tool::storageName(tool::declaredStorage(columns[i]));
+        text += tables::quotedName(columns[i].name) + " " +
+                tables::storageName(tables::declaredStorage(columns[i]));
         if (i + kHiddenColumns >= columns.size()) text += " HIDDEN";
     }
     return text + ")";
@@ -57,10 +58,10 @@ int connect(sqlite3* connection, void* warn, int count, const char* const* texts
         made->connection = connection;
         made->warn = reinterpret_cast<Warn>(warn);
         made->arguments = readArguments(count - kNames, texts + kNames);
-        made->table = tool::openTable(made->arguments.path, made->arguments.table);
+        made->table = tables::openTable(made->arguments.path, made->arguments.table);
         if (made->table->columns.size() > kColumnMax) {
-            tool::refuse(made->table->path, ": ", made->table->columns.size(),
-                         " fields, but a virtual table has at most ", kColumnMax);
+            tables::refuse(made->table->path, ": ", made->table->columns.size(),
+                           " fields, but a virtual table has at most ", kColumnMax);
         }
         made->columns = declaredColumns(*made->table);
         if (made->arguments.table.writable) {
@@ -107,7 +108,7 @@ int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
     return guarded(&table->zErrMsg, [&] {
         tellNotes(tableOf(table));
         auto cursor = std::make_unique<Cursor>();
-        cursor->table = tool::openAgain(*tableOf(table).table);
+        cursor->table = tables::openAgain(*tableOf(table).table);
         cursor->cells.emplace(*cursor->table);
         *result = cursor.release();
         return SQLITE_OK;
@@ -160,14 +161,14 @@ int column(sqlite3_vtab_cursor* cursor, sqlite3_context* context, int number) {
         if (sqlite3_vtab_nochange(context) != 0) return SQLITE_OK;
         Cursor& of = cursorOf(cursor);
         const Column& wanted = tableOf(of).columns[static_cast<std::size_t>(number)];
-        tool::Value value;
-        tool::readCell(*of.cells, wanted, value);
-        if (value.fault == tool::Fault::NoMemo || value.fault == tool::Fault::MemoCut) {
+        tables::Value value;
+        tables::readCell(*of.cells, wanted, value);
+        if (value.fault == tables::Fault::NoMemo || value.fault == tables::Fault::MemoCut) {
             sqlite3_log(SQLITE_WARNING, "%s: record %u, %s: %s", of.table->path.c_str(),
                         of.cells->record + 1, wanted.name.c_str(),
-                        tool::faultSentence(value.fault, 1).c_str());
+                        tables::faultSentence(value.fault, 1).c_str());
         }
-        putResult(context, tool::storedAs(wanted, value));
+        putResult(context, tables::storedAs(wanted, value));
         return SQLITE_OK;
     });
 }
@@ -180,18 +181,18 @@ int rowid(sqlite3_vtab_cursor* cursor, sqlite3_int64* result) {
 /// There is no rollback, so nothing is written inside a transaction.
 void refuseTransaction(const VirtualTable& table) {
     if (sqlite3_get_autocommit(table.connection) != 0) return;
-    tool::refuse(table.table->path,
-                 ": tables cannot be written inside a transaction, since they know no "
-                 "ROLLBACK: COMMIT first (in Python, connect with isolation_level=None)");
+    tables::refuse(table.table->path,
+                   ": tables cannot be written inside a transaction, since they know no "
+                   "ROLLBACK: COMMIT first (in Python, connect with isolation_level=None)");
 }
 
 int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64* rowid) {
     return guarded(&table->zErrMsg, [&] {
         VirtualTable& of = tableOf(table);
         if (!of.changes) {
-            tool::refuse(of.table->path,
-                         ": is open for reading only; USING mira(PATH, writable=1), "
-                         "mira_attach(FOLDER, 1) and `mira query --write` open for writing");
+            tables::refuse(of.table->path,
+                           ": is open for reading only; USING mira(PATH, writable=1), "
+                           "mira_attach(FOLDER, 1) and `mira query --write` open for writing");
         }
         refuseTransaction(of);
         of.changes->take({values, static_cast<std::size_t>(count)}, rowid);

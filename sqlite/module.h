@@ -17,8 +17,8 @@
 #include "index.h"
 #include "plan.h"
 #include "shortcut.h"
-#include "table/table.h"
-#include "table/value.h"
+#include "tables/column/column.h"
+#include "tables/value/value.h"
 
 namespace mira::sql {
 
@@ -27,15 +27,15 @@ struct VirtualTable : sqlite3_vtab {
     bool utf8 = true;  ///< encoding of the connection's database
     Warn warn = nullptr;
     Arguments arguments;
-    std::unique_ptr<tool::Table> table;
-    std::vector<tool::Column> columns;  ///< as declared: those of the table, _record, _deleted
-    std::optional<Changes> changes;     ///< of a writable table
+    std::unique_ptr<tables::Table> table;
+    std::vector<tables::Column> columns;  ///< as declared: those of the table, _record, _deleted
+    std::optional<Changes> changes;       ///< of a writable table
 };
 
 /// A scan: all records of a range, those an index gives, or one.
 struct Cursor : sqlite3_vtab_cursor {
-    std::unique_ptr<tool::Table> table;
-    std::optional<tool::CellReader> cells;
+    std::unique_ptr<tables::Table> table;
+    std::optional<tables::CellReader> cells;
     std::string plan;  ///< of the scan before; the same one again makes an index
     std::vector<Shortcut> shortcuts;
     u32 record = 0, end = 0;  ///< physical, from 0; the record read, and where the range ends

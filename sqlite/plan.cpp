@@ -31,8 +31,8 @@ std::optional<Operator> operatorOf(int code) {
 }
 
 /// LIKE and GLOB have no collation; IS NULL compares nothing.
-bool comparesTexts(const tool::Column& column, Operator op) {
-    return tool::declaredStorage(column) == Storage::Text && op != Operator::IsNull &&
+bool comparesTexts(const tables::Column& column, Operator op) {
+    return tables::declaredStorage(column) == Storage::Text && op != Operator::IsNull &&
            op != Operator::Like && op != Operator::Glob;
 }
 
@@ -71,7 +71,7 @@ int choosePlan(const PlanTable& table, sqlite3_index_info* info) {
         if (constraint.usable == 0 || !known) continue;
         const Operator op = *known;
         const int column = constraint.iColumn == kRowid ? recordColumn : constraint.iColumn;
-        const tool::Column& of = (*table.columns)[static_cast<std::size_t>(column)];
+        const tables::Column& of = (*table.columns)[static_cast<std::size_t>(column)];
         if (comparesTexts(of, op) && (!table.utf8 || !isBinary(info, i))) continue;
         info->aConstraintUsage[i].argvIndex = ++arguments;
         plan << column << ' ' << static_cast<char>(op) << '\n';

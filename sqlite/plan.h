@@ -11,7 +11,7 @@ namespace mira::sql {
 constexpr int kHiddenColumns = 2;  // _record, _deleted: the last ones
 
 struct PlanTable {
-    const std::vector<tool::Column>* columns;
+    const std::vector<tables::Column>* columns;
     u32 records;
     bool utf8;  ///< texts of the database are UTF-8, so that BINARY is their order byte by byte
 };

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <compare>
 
-#include "table/text.h"
+#include "tables/page/text.h"
 
 namespace mira::sql {
 namespace {
@@ -63,7 +63,7 @@ bool sameClass(Storage a, Storage b) {
 
 /// A text that SQLite takes for a number when the other side of the comparison is a column of
 /// numbers; the order is then another one.
-bool looksNumeric(std::string_view text) { return tool::isNumber(tool::trimmed(text)); }
+bool looksNumeric(std::string_view text) { return tables::isNumber(tables::trimmed(text)); }
 
 double asDouble(const Stored& value) {
     return value.storage == Storage::Integer ? static_cast<double>(value.integer) : value.real;
@@ -108,7 +108,7 @@ bool containsFolded(std::string_view text, std::string_view part) {
 
 bool mayMatch(const Shortcut& s, const Stored& value) {
     // Letters above 7F may fold to anything.
-    if (value.storage != Storage::Text || !tool::isAscii(value.bytes)) return true;
+    if (value.storage != Storage::Text || !tables::isAscii(value.bytes)) return true;
     std::string_view text = value.bytes;
     if (s.atStart) text = text.substr(0, s.text.size());
     return s.condition.op == Operator::Like ? containsFolded(text, s.text)
@@ -117,7 +117,7 @@ bool mayMatch(const Shortcut& s, const Stored& value) {
 
 }  // namespace
 
-Shortcut shortcutOf(Condition condition, const tool::Column& column, sqlite3_value* constant) {
+Shortcut shortcutOf(Condition condition, const tables::Column& column, sqlite3_value* constant) {
     Shortcut s;
     s.condition = condition;
     if (condition.op == Operator::IsNull) {
@@ -125,10 +125,10 @@ Shortcut shortcutOf(Condition condition, const tool::Column& column, sqlite3_val
         return s;
     }
     s.constant = constantOf(constant);
-    if (!sameClass(s.constant.storage, tool::declaredStorage(column))) return s;
+    if (!sameClass(s.constant.storage, tables::declaredStorage(column))) return s;
     const bool text = s.constant.storage == Storage::Text;
     if (condition.op == Operator::Like || condition.op == Operator::Glob) {
-        if (text && tool::isAscii(bytesOf(constant))) takePattern(s, bytesOf(constant));
+        if (text && tables::isAscii(bytesOf(constant))) takePattern(s, bytesOf(constant));
         return s;
     }
     if (text) s.text = bytesOf(constant);

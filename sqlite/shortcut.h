@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "api.h"
-#include "table/storage.h"
+#include "tables/value/storage.h"
 
 namespace mira::sql {
 
-using tool::Storage;
-using tool::Stored;
+using tables::Storage;
+using tables::Stored;
 
 enum class Operator : char {
     Equal = '=',
@@ -44,7 +44,7 @@ struct Shortcut {
 };
 
 /// column is that of the condition; the constant of IsNull does not count.
-Shortcut shortcutOf(Condition condition, const tool::Column& column, sqlite3_value* constant);
+Shortcut shortcutOf(Condition condition, const tables::Column& column, sqlite3_value* constant);
 
 /// False when the value is certain to fail the condition.
 bool mayHold(const Shortcut& shortcut, const Stored& value);

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "command/commands.h"
-#include "message.h"
-#include "progress.h"
-#include "status.h"
-#include "table/refusal.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
+#include "terminal/progress.h"
+#include "terminal/status.h"
 
 namespace {
 

@@ -1,13 +1,14 @@
 // Code pages: names, conversion both ways, and which page a table is in.
-#include "table/codepage.h"
+#include "tables/page/codepage.h"
 
 #include "support.h"
-#include "table/pagenames.h"
+#include "tables/open/open.h"
+#include "tables/page/pagenames.h"
 
 namespace {
 
 using namespace test;
-using namespace mira::tool;
+using namespace mira::tables;
 
 std::string decoded(const CodePage& page, std::string_view bytes, std::size_t* bad = nullptr) {
     std::string out;

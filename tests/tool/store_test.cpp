@@ -1,41 +1,44 @@
 // Values into fields: what fits, byte for byte, and why the rest does not.
-#include "table/store.h"
+#include "tables/store/store.h"
 
 #include "support.h"
-#include "table/refusal.h"
+#include "tables/change/append.h"
+#include "tables/change/backup.h"
+#include "tables/open/open.h"
+#include "tables/page/refusal.h"
 
 namespace {
 
 using namespace test;
-namespace tool = mira::tool;
-using tool::Encoded;
-using tool::encodeValue;
-using tool::Given;
+namespace tables = mira::tables;
+using tables::Encoded;
+using tables::encodeValue;
+using tables::Given;
 
 /// A table of these columns without records, open for writing. flags: descriptor bytes 18 and on of
 /// each column.
-std::unique_ptr<tool::Table> emptyTable(const TempDir& dir, unsigned char version,
-                                        std::vector<Column> columns,
-                                        const std::vector<std::string>& flags = {},
-                                        Flavour flavour = kPlain) {
+std::unique_ptr<tables::Table> emptyTable(const TempDir& dir, unsigned char version,
+                                          std::vector<Column> columns,
+                                          const std::vector<std::string>& flags = {},
+                                          Flavour flavour = kPlain) {
     const Layout layout{version, std::move(columns), {}, flavour};
     std::string bytes = layout.bytes();
     for (std::size_t i = 0; i < flags.size(); ++i)
         bytes.replace(32 + 32 * i + 18, flags[i].size(), flags[i]);
     writeAll(dir.file("t.dbf"), bytes);
-    tool::TableOptions options;
+    tables::TableOptions options;
     options.codePage = "1252";
     options.writable = true;
-    return tool::openTable(dir.file("t.dbf"), options);
+    return tables::openTable(dir.file("t.dbf"), options);
 }
 
 /// The bytes that a value becomes, or "!" and why it does not fit.
-std::string stored(tool::Table& table, std::string_view name, const Given& given,
+std::string stored(tables::Table& table, std::string_view name, const Given& given,
                    bool isNew = true) {
     Encoded encoded;
     const std::string before = recordOf(table.base.get());
     const std::string reason =
-        encodeValue(table, tool::columnNamed(table, name), given, isNew, encoded);
+        encodeValue(table, tables::columnNamed(table, name), given, isNew, encoded);
     EXPECT_EQ(recordOf(table.base.get()), before) << "encoding leaves the record alone";
     return reason.empty() ? encoded.bytes : "!" + reason;
 }
@@ -132,9 +135,9 @@ TEST(Store, Level7Numbers) {
     EXPECT_EQ(stored(*table, "I", Given::cell("258")), "\0\0\1\2"s);
     EXPECT_EQ(stored(*table, "I", Given::cell("-1")), "!\"-1\" does not fit I") << "no sign there";
     EXPECT_EQ(stored(*table, "O", Given::cell("1.5")), "\xBF\xF8\0\0\0\0\0\0"s);
-    tool::loadCounters(*table);
+    tables::loadCounters(*table);
     EXPECT_EQ(stored(*table, "A", Given{}), "\0\0\0\1"s);
-    tool::advanceCounters(*table);
+    tables::advanceCounters(*table);
     EXPECT_EQ(stored(*table, "A", Given::cell("2")), "\0\0\0\2"s);
     EXPECT_EQ(stored(*table, "A", Given::cell("5")), "!\"5\" is not the next value, 2");
     EXPECT_EQ(stored(*table, "A", Given{}, false), "!counts by itself and takes no value");
@@ -149,12 +152,12 @@ TEST(Store, NullFlagsAndLengths) {
         {"\2", "\2", "", "", "\5"});
     const auto put = [&](std::string_view name, const Given& given) {
         Encoded encoded;
-        const tool::Column& column = tool::columnNamed(*table, name);
+        const tables::Column& column = tables::columnNamed(*table, name);
         EXPECT_EQ(encodeValue(*table, column, given, true, encoded), "");
-        tool::putValue(*table, column, encoded);
+        tables::putValue(*table, column, encoded);
         return recordOf(table->base.get());
     };
-    tool::newRecord(*table);
+    tables::newRecord(*table);
     EXPECT_EQ(put("V", Given::cell("ab")), " ab  \2   "s + "\0\0\0\0"s + "  \1");
     EXPECT_EQ(put("V", Given::cell("abcde")), " abcde   "s + "\0\0\0\0"s + "  "s + "\0"s);
     EXPECT_EQ(put("V", Given::cell("")), " "s + "    \0"s + "   " + "\0\0\0\0"s + "  \3") << "null";
@@ -174,24 +177,24 @@ TEST(Store, AppendsAndCounts) {
     const TempDir dir;
     // Next value 7, step 5.
     const auto table = emptyTable(dir, 0x30, {{"ID", 'I', 4}, {"C", 'C', 2}}, {"\x0C\7\0\0\0\5"s});
-    tool::loadCounters(*table);
+    tables::loadCounters(*table);
     for (const char* text : {"a", "b"}) {
         std::vector<Encoded> values(2);
         EXPECT_EQ(encodeValue(*table, table->columns[0], Given{}, true, values[0]), "");
         EXPECT_EQ(encodeValue(*table, table->columns[1], Given::cell(text), true, values[1]), "");
-        tool::advanceCounters(*table);
-        tool::newRecord(*table);
-        for (std::size_t i = 0; i < 2; ++i) tool::putValue(*table, table->columns[i], values[i]);
-        tool::appendRecord(*table);
+        tables::advanceCounters(*table);
+        tables::newRecord(*table);
+        for (std::size_t i = 0; i < 2; ++i) tables::putValue(*table, table->columns[i], values[i]);
+        tables::appendRecord(*table);
         EXPECT_EQ(readAll(dir.file("t.dbf")).substr(4, 4), "\0\0\0\0"s) << "not counted yet";
     }
-    tool::finishAppend(*table);
+    tables::finishAppend(*table);
     const std::string file = readAll(dir.file("t.dbf"));
     EXPECT_EQ(file.substr(4, 4), "\2\0\0\0"s);
     EXPECT_EQ(file.substr(32 + 19, 5), "\x11\0\0\0\5"s);
     EXPECT_EQ(file.substr(97), " \7\0\0\0a  \x0C\0\0\0b \x1A"s);
-    tool::appendRecord(*table);
-    EXPECT_TRUE(tool::takeBack(*table, 2));
+    tables::appendRecord(*table);
+    EXPECT_TRUE(tables::takeBack(*table, 2));
     EXPECT_EQ(readAll(dir.file("t.dbf")).size(), file.size());
 }
 
@@ -204,7 +207,7 @@ TEST(Store, MemosAndBackups) {
     Encoded encoded;
     EXPECT_EQ(encodeValue(*table, table->columns[0], Given::cell("é\n"), true, encoded), "");
     EXPECT_EQ(readAll(dir.file("t.dbt")).size(), 512u) << "encoding writes nothing";
-    tool::putValue(*table, table->columns[0], encoded);
+    tables::putValue(*table, table->columns[0], encoded);
     EXPECT_EQ(recordOf(table->base.get()).substr(1, 10), "         1");
     EXPECT_EQ(readAll(dir.file("t.dbt")).substr(512, 3), "\xE9\n\x1A");
     EXPECT_EQ(stored(*table, "M", Given::cell("base64:Gg==")),
@@ -212,13 +215,13 @@ TEST(Store, MemosAndBackups) {
     EXPECT_EQ(stored(*table, "G", Given::cell("")), "          ");
 
     writeAll(dir.file("t.bak"), "old");
-    tool::makeBackups(*table);
+    tables::makeBackups(*table);
     EXPECT_EQ(readAll(dir.file("t.bak")), readAll(dir.file("t.dbf")));
     EXPECT_EQ(readAll(dir.file("t.tbk")), readAll(dir.file("t.dbt")));
     writeAll(dir.file("t.bak"), "old");
     {
         const FileSizeLimit full(20);
-        EXPECT_THROW(tool::makeBackups(*table), tool::Refusal);
+        EXPECT_THROW(tables::makeBackups(*table), tables::Refusal);
     }
     EXPECT_EQ(readAll(dir.file("t.bak")), "old") << "an older copy outlives a failure";
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(

@@ -1,10 +1,11 @@
 // mira check: what is damaged in tables, a line each.
+#include "check/damage.h"
 #include "command/commands.h"
-#include "damage.h"
-#include "message.h"
-#include "selection.h"
-#include "table/find.h"
-#include "writer.h"
+#include "rows/writer.h"
+#include "select/selection.h"
+#include "tables/open/find.h"
+#include "tables/open/open.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

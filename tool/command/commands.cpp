@@ -1,7 +1,7 @@
 #include "command/commands.h"
 
-#include "message.h"
-#include "table/refusal.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 

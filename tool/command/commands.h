@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "output.h"
-#include "status.h"
+#include "rows/output.h"
+#include "terminal/status.h"
 
 namespace mira::tool {
 

@@ -1,5 +1,5 @@
 // mira delete, mira recall: deletion marks.
-#include "change.h"
+#include "command/change.h"
 #include "command/commands.h"
 
 namespace mira::tool {

@@ -9,12 +9,12 @@
 #include <thread>
 
 #include "command/commands.h"
-#include "database.h"
-#include "message.h"
-#include "selection.h"
-#include "table/find.h"
-#include "table/refusal.h"
-#include "writer.h"
+#include "rows/database.h"
+#include "rows/writer.h"
+#include "select/selection.h"
+#include "tables/open/find.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

@@ -4,9 +4,10 @@
 
 #include <filesystem>
 
-#include "records.h"
-#include "table/find.h"
-#include "table/memo.h"
+#include "select/records.h"
+#include "tables/open/find.h"
+#include "tables/open/open.h"
+#include "tables/value/memo.h"
 
 namespace mira::tool {
 namespace {

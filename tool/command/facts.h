@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "table/table.h"
+#include "tables.h"
+#include "tables/column/column.h"
 
 namespace mira::tool {
 

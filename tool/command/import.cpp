@@ -5,15 +5,18 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "change.h"
+#include "command/change.h"
 #include "command/commands.h"
-#include "csvreader.h"
-#include "message.h"
-#include "schema.h"
-#include "table/find.h"
-#include "table/refusal.h"
-#include "table/store.h"
-#include "workfolder.h"
+#include "input/csvreader.h"
+#include "input/schema.h"
+#include "input/workfolder.h"
+#include "tables/change/append.h"
+#include "tables/change/backup.h"
+#include "tables/open/find.h"
+#include "tables/open/open.h"
+#include "tables/page/refusal.h"
+#include "tables/store/store.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

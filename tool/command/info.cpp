@@ -1,12 +1,14 @@
 // mira info: everything about a table but its values.
 #include "command/commands.h"
 #include "command/facts.h"
-#include "grid.h"
-#include "message.h"
-#include "selection.h"
-#include "table/find.h"
-#include "table/store.h"
-#include "writer.h"
+#include "rows/grid.h"
+#include "rows/writer.h"
+#include "select/selection.h"
+#include "tables/change/append.h"
+#include "tables/open/find.h"
+#include "tables/open/open.h"
+#include "tables/store/store.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

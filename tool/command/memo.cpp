@@ -1,15 +1,17 @@
 // mira memo: one memo out of a table or into it, or all memos of a field into a folder.
-#include "table/memo.h"
+#include "tables/value/memo.h"
 
 #include <filesystem>
 
-#include "change.h"
+#include "command/change.h"
 #include "command/commands.h"
-#include "message.h"
-#include "output.h"
-#include "table/refusal.h"
-#include "table/store.h"
-#include "writer.h"
+#include "rows/output.h"
+#include "rows/writer.h"
+#include "tables/change/append.h"
+#include "tables/open/open.h"
+#include "tables/page/refusal.h"
+#include "tables/store/store.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

@@ -1,11 +1,12 @@
 // mira pack: deleted records go, and what the memo file holds for nobody.
 #include <filesystem>
 
-#include "change.h"
+#include "command/change.h"
 #include "command/commands.h"
 #include "command/facts.h"
-#include "message.h"
-#include "table/refusal.h"
+#include "tables/change/backup.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

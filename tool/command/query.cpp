@@ -4,15 +4,15 @@
 #include <set>
 
 #include "command/commands.h"
-#include "database.h"
-#include "grid.h"
-#include "message.h"
-#include "selection.h"
+#include "rows/database.h"
+#include "rows/grid.h"
+#include "rows/writer.h"
+#include "select/selection.h"
 #include "sqlite/attach.h"
 #include "sqlite/mira_sqlite.h"
-#include "table/find.h"
-#include "table/refusal.h"
-#include "writer.h"
+#include "tables/open/find.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

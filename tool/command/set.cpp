@@ -1,8 +1,8 @@
 // mira set: values into the fields of chosen records.
-#include "change.h"
+#include "command/change.h"
 #include "command/commands.h"
-#include "table/refusal.h"
-#include "table/store.h"
+#include "tables/page/refusal.h"
+#include "tables/store/store.h"
 
 namespace mira::tool {
 namespace {

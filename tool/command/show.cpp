@@ -2,10 +2,10 @@
 #include <unistd.h>
 
 #include "command/commands.h"
-#include "grid.h"
-#include "message.h"
-#include "selection.h"
-#include "writer.h"
+#include "rows/grid.h"
+#include "rows/writer.h"
+#include "select/selection.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

@@ -3,10 +3,11 @@
 
 #include "command/commands.h"
 #include "command/facts.h"
-#include "grid.h"
-#include "message.h"
-#include "table/find.h"
-#include "table/refusal.h"
+#include "rows/grid.h"
+#include "tables/open/find.h"
+#include "tables/open/open.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

@@ -3,10 +3,11 @@
 
 #include <cstdio>
 
-#include "change.h"
+#include "command/change.h"
 #include "command/commands.h"
-#include "message.h"
-#include "table/refusal.h"
+#include "tables/change/backup.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {

@@ -1,0 +1,111 @@
+// New records, counting fields, and the marks that a change leaves in the header.
+//
+//   level 7   descriptor 42   4 bytes, next value of a "+" field; the step is 1
+//   others    descriptor 19   4 bytes, next value; 23: step (Visual FoxPro)
+#include "tables/change/append.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+
+#include "tables/page/bytes.h"
+#include "tables/page/refusal.h"
+
+namespace mira::tables {
+namespace {
+
+constexpr u32 kNextPlace = 19;
+constexpr u32 kStepPlace = 23;
+constexpr u32 kNextPlace7 = 42;
+constexpr u64 kTableMost = 0x7FFFFFFF;
+constexpr u32 kDatePlace = 1;  // in the header: year, month, day
+
+/// Where the file keeps the next value; 0 for nowhere.
+u32 nextPlace(const Table& table, const Column& column) {
+    const DbfBase& base = *table.base;
+    if (base.Level7 == 0 && !table.visual) return 0;
+    const u32 descriptor = base.HeaderSize + base.DescriptorSize * static_cast<u32>(column.field);
+    return descriptor + (base.Level7 != 0 ? kNextPlace7 : kNextPlace);
+}
+
+/// The value after the largest of a field. The record buffer holds the last record then.
+u32 afterLargest(Table& table, const Column& column) {
+    DbfBase* const base = table.base.get();
+    i64 largest = 0;
+    for (u32 i = 0; i < base->Header.RecordCount; ++i) {
+        if (ReadRecord(base, i) == 0) break;
+        largest = std::max<i64>(largest, static_cast<i32>(GetInt(base, column.field)));
+    }
+    return static_cast<u32>(largest + 1);
+}
+
+}  // namespace
+
+void loadCounters(Table& table) {
+    std::FILE* const file = table.base->TableFile;
+    for (Column& column : table.columns) {
+        if (!isCounting(column)) continue;
+        const u32 place = nextPlace(table, column);
+        u8 bytes[5] = {};
+        if (place != 0) readFileAt(file, place, bytes, sizeof bytes);
+        column.nextValue = loadLe<u32>(bytes);
+        column.step = table.visual ? std::max<u32>(bytes[kStepPlace - kNextPlace], 1) : 1;
+        if (column.nextValue == 0 && !table.visual) column.nextValue = afterLargest(table, column);
+    }
+}
+
+void advanceCounters(Table& table) {
+    for (Column& column : table.columns) {
+        if (isCounting(column)) column.nextValue += column.step;
+    }
+}
+
+void newRecord(Table& table) { ClearRecord(table.base.get()); }
+
+void appendRecord(Table& table) {
+    DbfBase* const base = table.base.get();
+    const u32 record = base->Header.RecordCount;
+    if (InternalWriteRecord(base, record) == 0) {
+        const DbfHeader& header = base->Header;
+        const u64 end = header.HeaderLength + (u64{record} + 1) * header.RecordLength;
+        refuse(table.path, ": record ", record + 1,
+               end > kTableMost ? " would reach past 2 GiB, where tables end"
+                                : " cannot be written; is the disk full?");
+    }
+    ++base->Header.RecordCount;
+}
+
+void finishAppend(Table& table) {
+    bool written = true;
+    for (const Column& column : table.columns) {
+        const u32 place = isCounting(column) ? nextPlace(table, column) : 0;
+        if (place == 0) continue;
+        const auto next = bytesLe(column.nextValue);
+        written = writeFileAt(table.base->TableFile, place, next.data(), next.size()) && written;
+    }
+    if (!written || WriteHeader(table.base.get()) == 0) {
+        refuse(table.path, ": the header cannot be written");
+    }
+}
+
+bool takeBack(Table& table, u32 records) {
+    // Also where no record counts as appended: the end byte may be written over.
+    return Truncate(table.base.get(), records) != 0;
+}
+
+void stampDate(Table& table) {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    if (localtime_r(&now, &local) == nullptr) return;
+    const u8 date[] = {static_cast<u8>(local.tm_year % 100), static_cast<u8>(local.tm_mon + 1),
+                       static_cast<u8>(local.tm_mday)};
+    DbfHeader& header = table.base->Header;
+    header.UpdateYear = date[0];
+    header.UpdateMonth = date[1];
+    header.UpdateDay = date[2];
+    if (!writeFileAt(table.base->TableFile, kDatePlace, date, sizeof date)) {
+        refuse(table.path, ": the date of the change cannot be written");
+    }
+}
+
+}  // namespace mira::tables

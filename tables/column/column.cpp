@@ -1,0 +1,63 @@
+#include "tables/column/column.h"
+
+#include "tables/page/refusal.h"
+
+namespace mira::tables {
+
+bool isCounting(const Column& column) {
+    return column.type == '+' || (column.kind == Kind::Integer && (column.flags & kCounting) != 0);
+}
+
+const Column* findColumn(const Table& table, std::string_view name) {
+    const std::string wanted = foldCase(trimmed(name));
+    for (const Column& column : table.columns) {
+        if (foldCase(column.name) == wanted) return &column;
+    }
+    const bool number = !wanted.empty() && wanted.size() < 6 && areDigits(wanted);
+    const auto field = number ? static_cast<std::size_t>(std::stoul(wanted)) : 0;
+    return field >= 1 && field <= table.columns.size() ? &table.columns[field - 1] : nullptr;
+}
+
+const Column& columnNamed(const Table& table, std::string_view name) {
+    if (const Column* column = findColumn(table, name)) return *column;
+    std::vector<std::string> names;
+    for (const Column& column : table.columns) names.push_back(column.name);
+    const std::string nearest = nearestName(name, names);
+    refuse(table.path, ": no field \"", name, "\"",
+           nearest.empty() ? "; `mira info` lists them" : "; did you mean " + nearest + "?");
+}
+
+std::string_view libraryName(const Table& table, const Column& column) {
+    return GetFieldName(table.base.get(), column.field);
+}
+
+Column extraColumn(const Table& table, std::string name, Kind kind) {
+    while (findColumn(table, name) != nullptr) name.insert(0, 1, '_');
+    Column column;
+    column.name = std::move(name);
+    column.kind = kind;
+    return column;
+}
+
+void readRecord(const Table& table, u32 record) {
+    if (ReadRecord(table.base.get(), record) != 0) return;
+    refuse(table.path, ": record ", u64{record} + 1, " cannot be read");
+}
+
+std::string memoFileOf(const Table& table) {
+    const DbfBase& base = *table.base;
+    return base.FirstMemoField != -1 && base.MemoFileName != nullptr ? base.MemoFileName : "";
+}
+
+u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {
+    if (offset > 0x7FFFFFFF) return 0;
+    if (SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) != offset) return 0;
+    return ReadFile(file, to, static_cast<i32>(count));
+}
+
+bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count) {
+    return SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) == offset &&
+           WriteFile(file, bytes, static_cast<i32>(count)) == count;
+}
+
+}  // namespace mira::tables

@@ -1,0 +1,140 @@
+// An open table and its columns: what the header, the descriptors and the container say, in UTF-8.
+//
+// The library opens, repairs and decodes; what it does not tell (descriptor flags, null flags, the
+// back link) is read here from the same file.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "mira.h"
+#include "tables/page/codepage.h"
+
+namespace mira::tables {
+
+struct BaseCloser {
+    void operator()(DbfBase* base) const {
+        FreeMemCalcField(base);
+        CloseBase(base);
+    }
+};
+using Base = std::unique_ptr<DbfBase, BaseCloser>;
+
+/// What a field holds, and so how its value is read; see value.h.
+enum class Kind : u8 {
+    Text,       // C
+    Varchar,    // V
+    Varbinary,  // Q
+    Decimal,    // N, F
+    Integer,    // I, +
+    Double,     // B of 8 bytes, O
+    Currency,   // Y
+    Date,       // D
+    Moment,     // T, @
+    Logical,    // L
+    Memo,       // M
+    Blob,       // G, P, W and B as memos
+    Bytes,      // any other letter: the stored bytes
+    Calculated,
+    RecordNumber,  // the record, from 1
+    Deletion,      // whether it is deleted
+};
+
+/// What the memo file of a table looks like. dBase III's memos end at a byte 1A, in blocks of 512.
+enum class MemoFormat : u8 { None, DBase3, DBase4, FoxPro, Smt };
+
+/// Which records are shown.
+enum class Deleted : u8 { Skip, Include, Only };
+constexpr std::pair<const char*, Deleted> kDeletedWords[] = {
+    {"skip", Deleted::Skip}, {"include", Deleted::Include}, {"only", Deleted::Only}};
+
+constexpr i32 kNoBit = -1;
+constexpr int kNoField = -1;
+
+/// One column. Names are UTF-8 and differ from each other, also with letter case aside.
+struct Column {
+    std::string name;
+    int field = kNoField;  // number for the library; also that of a calculated field
+    Kind kind = Kind::Bytes;
+    char type = 0;               // letter
+    u32 offset = 0, length = 0;  // bytes in RecordBuffer
+    u8 decimals = 0;
+    u8 flags = 0;                // descriptor byte 18 in Visual FoxPro, else 0; kSystem and others
+    bool untranslated = false;   // C, V or M whose bytes are in no code page
+    bool numeric = false;        // a calculated field that is arithmetic
+    bool foreignMoment = false;  // "@" as other makers of level-7 tables store it: a double
+    i32 lengthBit = kNoBit;      // bits in the null flags
+    i32 nullBit = kNoBit;
+    u32 nextValue = 0, step = 0;  // of a counting field
+    bool mayBeNull() const { return nullBit != kNoBit; }
+};
+
+// Descriptor byte 18.
+constexpr u8 kSystem = 1;
+constexpr u8 kNullable = 2;
+constexpr u8 kBinary = 4;
+constexpr u8 kCounting = 8;
+
+struct TableOptions {
+    std::string codePage{};             // empty: what the table says
+    std::vector<std::string> asText{};  // names of binary fields that hold text after all
+    bool longNames = false;             // names from the database container
+    bool raw = false;                   // texts and numbers as stored
+    bool writable = false;
+};
+
+/// What is known of a table besides its handle.
+struct TableFacts {
+    std::string path;
+    TableOptions options;
+    PageChoice page;
+    std::string_view flavour;  // "Visual FoxPro", by the repaired version byte
+    bool visual = false;       // Visual FoxPro: descriptor flags and null flags count
+    MemoFormat memoFormat = MemoFormat::None;
+    u8 storedVersion = 0;  // version byte as it stands in the file
+    u8 tableFlags = 0;     // header byte 28
+    u32 storedCount = 0;   // records by the header, before repairs
+    u32 storedLength = 0;  // record length by the header, likewise
+    u64 fileSize = 0;
+    std::vector<Column> columns;  // those that are shown, in field order, calculated ones last
+    std::vector<Column> system;   // the others: system fields and those of type 0
+    u32 nullOffset = 0, nullLength = 0;  // the null flags in the record; length 0: none
+    std::string container;               // database container of the back link; empty: none
+    std::vector<std::string> notes;      // what the user should know, a sentence each
+};
+
+struct Table : TableFacts {
+    Base base;
+};
+
+/// Whether the column counts by itself.
+bool isCounting(const Column& column);
+
+/// The column of a name in any letter case, or of a number (fields from 1) where no name fits.
+const Column* findColumn(const Table& table, std::string_view name);
+/// The same; throws a Refusal with the nearest name.
+const Column& columnNamed(const Table& table, std::string_view name);
+
+/// The name under which the library finds a column: at most ten letters, digits, "_".
+std::string_view libraryName(const Table& table, const Column& column);
+
+/// A column that is no field; the name gets underscores in front while a field has it.
+Column extraColumn(const Table& table, std::string name, Kind kind);
+
+/// Reads a physical record, from 0, into RecordBuffer. Throws a Refusal.
+void readRecord(const Table& table, u32 record);
+/// Whether the record in RecordBuffer is marked deleted.
+inline bool isDeleted(const Table& table) { return table.base->RecordBuffer[0] == '*'; }
+
+/// The memo file, there or not; empty when no field needs one.
+std::string memoFileOf(const Table& table);
+
+/// Bytes of a file, through the library's wrappers; how many were read.
+u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count);
+/// False when not all of them could be written.
+bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count);
+
+}  // namespace mira::tables

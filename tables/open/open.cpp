@@ -1,0 +1,326 @@
+// Bytes that the library leaves to its callers:
+//
+//   descriptor 18   flags of a field: 1 system, 2 may be null, 4 binary, 8 counts by itself
+//   descriptor 19   4 bytes, next value of a counting field
+//   descriptor 23   its step
+//   header 28       bit 0: a structural index file belongs to the table
+//
+// In tables other than Visual FoxPro's the descriptor bytes are junk.
+#include "tables/open/open.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <set>
+
+#include "tables/open/container.h"
+#include "tables/open/find.h"
+#include "tables/page/bytes.h"
+#include "tables/page/refusal.h"
+#include "tables/value/memo.h"
+
+namespace mira::tables {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr u32 kFlagPlace = 18;
+constexpr u32 kNextPlace = 19;
+constexpr u32 kStepPlace = 23;
+constexpr u32 kDescriptor = 32;
+constexpr u32 kLibraryName = 10;  // characters that a name has in an expression
+constexpr char kTerminator = 0x0D;
+
+constexpr std::string_view kVisualFoxPro = "Visual FoxPro";
+struct Version {
+    u8 byte;
+    std::string_view flavour;
+    MemoFormat memos;
+};
+constexpr Version kVersions[] = {
+    {0x03, "dBase III", MemoFormat::DBase3},   {0x83, "dBase III", MemoFormat::DBase3},
+    {0x04, "dBase IV", MemoFormat::DBase4},    {0x8B, "dBase IV", MemoFormat::DBase4},
+    {0x8C, "level 7", MemoFormat::DBase4},     {0x30, kVisualFoxPro, MemoFormat::FoxPro},
+    {0x31, kVisualFoxPro, MemoFormat::FoxPro}, {0x32, kVisualFoxPro, MemoFormat::FoxPro},
+    {0xF5, "FoxPro", MemoFormat::FoxPro},      {0xE5, "SMT", MemoFormat::Smt}};
+
+constexpr u32 kVersionRepaired = 1;
+constexpr u32 kTypesUnknown = 2;
+constexpr u32 kCountRepaired = 4;
+
+std::string whyNotOpened(const std::string& path) {
+    const File file(std::fopen(path.c_str(), "rb"));
+    if (!file) return std::strerror(errno);
+    unsigned char start[kDescriptor] = {};
+    const std::size_t got = std::fread(start, 1, sizeof start, file.get());
+    if (std::ferror(file.get()) != 0) return "cannot be read";
+    if (got == 0) return "the file is empty";
+    if (got < sizeof start) return "no table: shorter than a table's header";
+    if (start[0] == 0x02) return "tables of dBase II are not supported";
+    return "no table, or its header is damaged beyond repair";
+}
+
+Base openBase(const std::string& path, bool writable) {
+    Base base(writable ? OpenBase(path.c_str()) : OpenBaseRO(path.c_str()));
+    if (!base) refuse(path, ": ", whyNotOpened(path));
+    return base;
+}
+
+/// What the version byte says, as the library repaired it.
+void readVersion(Table& table) {
+    const DbfBase& base = *table.base;
+    const auto* const row =
+        std::find_if(std::begin(kVersions), std::end(kVersions),
+                     [&](const Version& version) { return version.byte == base.Header.Version; });
+    const bool known = row != std::end(kVersions);
+    table.memoFormat = known ? row->memos : MemoFormat::None;
+    table.flavour = base.Level7 != 0 ? "level 7" : known ? row->flavour : "dBase family";
+    table.visual = table.flavour == kVisualFoxPro;
+}
+
+/// What the file says before the library's repairs.
+void readStoredHeader(Table& table) {
+    u8 header[kDescriptor] = {};
+    std::FILE* const file = table.base->TableFile;
+    readFileAt(file, 0, header, sizeof header);
+    table.storedVersion = header[0];
+    table.storedCount = loadLe<u32>(header + 4);
+    table.storedLength = loadLe<u16>(header + 10);
+    table.tableFlags = header[28];
+    std::error_code ignored;
+    table.fileSize = fs::file_size(table.path, ignored);
+}
+
+Kind kindOf(const Column& column) {
+    constexpr std::pair<char, Kind> kKinds[] = {
+        {'C', Kind::Text},     {'V', Kind::Varchar}, {'Q', Kind::Varbinary}, {'N', Kind::Decimal},
+        {'F', Kind::Decimal},  {'I', Kind::Integer}, {'+', Kind::Integer},   {'O', Kind::Double},
+        {'Y', Kind::Currency}, {'D', Kind::Date},    {'T', Kind::Moment},    {'@', Kind::Moment},
+        {'L', Kind::Logical},  {'M', Kind::Memo}};
+    for (const auto& [type, kind] : kKinds) {
+        if (type == column.type) return kind;
+    }
+    if (column.type == 'B' && column.length == 8) return Kind::Double;
+    return holdsReference(column) ? Kind::Blob : Kind::Bytes;
+}
+
+/// Values that are characters in the record, which can be shown as they are.
+bool isStoredText(const Column& column) {
+    return column.kind == Kind::Decimal || column.kind == Kind::Date ||
+           (column.kind == Kind::Moment && column.length != 8);
+}
+
+/// Pictures refer to memos as general fields do; the library takes only the letter of those.
+void makePictureMemo(DbfBase* base, const Column& column) {
+    if (column.type != 'P' || column.kind != Kind::Blob) return;
+    base->Fields[column.field].Type = 'G';
+    if (base->FirstMemoField == -1) base->FirstMemoField = column.field;
+    GetMemoType(base);
+}
+
+void readFlags(const Table& table, Column& column) {
+    const u32 place = table.base->HeaderSize + kDescriptor * static_cast<u32>(column.field);
+    u8 descriptor[kDescriptor] = {};
+    readFileAt(table.base->TableFile, place, descriptor, sizeof descriptor);
+    column.flags = descriptor[kFlagPlace];
+    column.nextValue = loadLe<u32>(descriptor + kNextPlace);
+    column.step = descriptor[kStepPlace];
+    column.untranslated = (column.flags & kBinary) != 0 &&
+                          (column.type == 'C' || column.type == 'V' || column.type == 'M');
+}
+
+/// Other makers of level-7 tables keep a length one byte earlier, and moments as a double.
+bool isForeignMoment(const Table& table, const Column& column) {
+    constexpr u32 kDescriptor7 = 48;
+    constexpr u32 kLengthPlace7 = 34;
+    if (table.base->Level7 == 0 || column.type != '@' || column.length != 8) return false;
+    u8 length = 0;
+    const u32 place = table.base->HeaderSize + kDescriptor7 * static_cast<u32>(column.field);
+    return readFileAt(table.base->TableFile, place + kLengthPlace7, &length, 1) == 1 &&
+           length != column.length;
+}
+
+Column columnOf(const Table& table, int field) {
+    DbfBase* const base = table.base.get();
+    Column column;
+    column.field = field;
+    column.type = base->Fields[field].Type;
+    column.offset = base->Fields[field].Offset;
+    column.length = GetLenField(base, field);
+    column.decimals = column.type == 'C' ? u8{0} : base->Fields[field].Decimals;
+    toUtf8(*table.page.page, base->Fields[field].Name, column.name);
+    while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
+    if (table.visual) readFlags(table, column);
+    column.foreignMoment = isForeignMoment(table, column);
+    column.kind = kindOf(column);
+    if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
+    makePictureMemo(base, column);
+    return column;
+}
+
+bool isHidden(const Column& column) { return column.type == '0' || (column.flags & kSystem) != 0; }
+
+/// Hands out the bits of the null flags in field order: a length bit to V and Q, then a null bit to
+/// what may be null. Bits past the end of the flags are none.
+void assignNullBits(Table& table, std::vector<Column>& all) {
+    const auto flags =
+        std::find_if(all.begin(), all.end(), [](const Column& c) { return c.type == '0'; });
+    if (!table.visual || flags == all.end()) return;
+    table.nullOffset = flags->offset;
+    table.nullLength = flags->length;
+    const auto limit = static_cast<i32>(8 * table.nullLength);
+    i32 next = 0;
+    const auto take = [&] { return next < limit ? next++ : kNoBit; };
+    for (Column& column : all) {
+        if (column.type == 'V' || column.type == 'Q') column.lengthBit = take();
+        if ((column.flags & kNullable) != 0) column.nullBit = take();
+    }
+}
+
+/// Makes every name differ from those before it, letter case aside.
+void makeUnique(std::vector<Column>& columns) {
+    std::set<std::string> taken;
+    for (Column& column : columns) {
+        if (column.name.empty()) column.name = textOf("field_", column.field + 1);
+        column.name = freeName(column.name, [&](const std::string& name) {
+            return taken.insert(foldCase(name)).second;
+        });
+    }
+}
+
+void takeLongNames(Table& table) {
+    const std::vector<std::string> names = longNamesOf(table);
+    for (std::size_t i = 0; i < std::min(names.size(), table.columns.size()); ++i) {
+        if (!names[i].empty()) table.columns[i].name = names[i];
+    }
+    if (names.size() != table.columns.size()) {
+        table.notes.push_back(textOf("the database container names ", names.size(),
+                                     " fields, the table has ", table.columns.size()));
+    }
+}
+
+/// Fields whose name an expression cannot hold, or which has changed, get one that it can.
+void nameForLibrary(Table& table) {
+    for (const Column& column : table.columns) {
+        char* const name = table.base->Fields[column.field].Name;
+        std::string shown;
+        toUtf8(*table.page.page, name, shown);
+        const std::size_t length = std::strlen(name);
+        const bool plain = shown == column.name && length <= kLibraryName &&
+                           std::all_of(name, name + length, isWordByte);
+        if (plain) continue;
+        std::string other = textOf("_F", column.field + 1);
+        while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount) {
+            other.insert(0, 1, '_');
+        }
+        std::memset(name, 0, sizeof(DbfField::Name));
+        std::memcpy(name, other.data(), other.size());
+    }
+}
+
+void readAsText(Table& table) {
+    for (const std::string& name : table.options.asText) {
+        const auto index = &columnNamed(table, name) - table.columns.data();
+        Column& column = table.columns[static_cast<std::size_t>(index)];
+        column.untranslated = false;
+        if (column.kind == Kind::Blob) column.kind = Kind::Memo;
+        if (column.kind == Kind::Varbinary) column.kind = Kind::Varchar;
+        if (column.kind == Kind::Bytes) column.kind = Kind::Text;
+    }
+}
+
+void noteUnknownTypes(Table& table) {
+    for (const Column& column : table.columns) {
+        if (ValidField(column.type) != 0 || column.kind != Kind::Bytes) continue;
+        table.notes.push_back(textOf("field ", column.name, ": type \"", column.type,
+                                     "\" is unknown, its bytes are shown as stored"));
+    }
+}
+
+bool sameStructure(const DbfBase& a, const DbfBase& b) {
+    const auto same = [](const DbfField& x, const DbfField& y) {
+        return x.Offset == y.Offset && x.Length == y.Length && x.Decimals == y.Decimals;
+    };
+    return a.FieldCount == b.FieldCount && a.Header.RecordLength == b.Header.RecordLength &&
+           std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
+}
+
+}  // namespace
+
+std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
+    auto table = std::make_unique<Table>();
+    table->path = findTable(name);
+    table->options = options;
+    table->base = openBase(table->path, options.writable);
+    DbfBase* const base = table->base.get();
+    readStoredHeader(*table);
+    readVersion(*table);
+    table->page = choosePage(base, options.codePage);
+    if (!table->page.page) refuse(table->path, ": no such code page: ", options.codePage);
+    table->notes = table->page.notes;
+    std::vector<Column> all;
+    all.reserve(static_cast<std::size_t>(base->FieldCount));
+    for (int field = 0; field < base->FieldCount; ++field) all.push_back(columnOf(*table, field));
+    assignNullBits(*table, all);
+    for (Column& column : all) {
+        (isHidden(column) ? table->system : table->columns).push_back(std::move(column));
+    }
+    table->container = backLinkOf(*table);
+    if (options.longNames) takeLongNames(*table);
+    makeUnique(table->columns);
+    nameForLibrary(*table);
+    readAsText(*table);
+    noteUnknownTypes(*table);
+    const std::string fault = memoFileFault(*table);
+    if (!fault.empty()) table->notes.push_back(fault);
+    return table;
+}
+
+std::unique_ptr<Table> openAgain(const Table& table) {
+    auto again = std::make_unique<Table>();
+    static_cast<TableFacts&>(*again) = table;
+    again->base = openBase(table.path, false);
+    DbfBase* const base = again->base.get();
+    if (!sameStructure(*table.base, *base)) {
+        refuse(table.path, ": its fields have changed since it was opened");
+    }
+    // As openTable has left them: names for the library, and which fields are memos.
+    std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
+    base->FirstMemoField = table.base->FirstMemoField;
+    GetMemoType(base);
+    return again;
+}
+
+std::string countRepair(const Table& table) {
+    const DbfBase& base = *table.base;
+    if ((base.Status & kCountRepaired) == 0) return "";
+    return textOf("the header counts ", counted(table.storedCount, "record"), ", the file holds ",
+                  base.Header.RecordCount);
+}
+
+std::vector<std::string> repairsOf(const Table& table) {
+    std::vector<std::string> repairs;
+    const DbfBase& base = *table.base;
+    if ((base.Status & kVersionRepaired) != 0) {
+        repairs.push_back(textOf("version ", hexByte(table.storedVersion), " is unknown; read as ",
+                                 hexByte(base.Header.Version)));
+    }
+    if ((base.Status & kTypesUnknown) != 0 && base.FieldCount == 0) {
+        repairs.emplace_back("there are no fields");
+    }
+    const std::string count = countRepair(table);
+    if (!count.empty()) repairs.push_back(count);
+    if (table.storedLength != base.Header.RecordLength) {
+        repairs.push_back(textOf("the header gives records of ", table.storedLength,
+                                 " bytes, the fields add up to ", base.Header.RecordLength));
+    }
+    const u32 end = base.HeaderSize + base.DescriptorSize * base.FieldCount;
+    char terminator = 0;
+    if (readFileAt(base.TableFile, end, &terminator, 1) != 1 || terminator != kTerminator) {
+        repairs.emplace_back("the field list has no end mark; it ends with the header");
+    }
+    return repairs;
+}
+
+}  // namespace mira::tables

@@ -1,0 +1,20 @@
+// What cannot be done is thrown as a Refusal: a sentence for the user, which names the file.
+#pragma once
+
+#include <stdexcept>
+
+#include "tables/page/text.h"
+
+namespace mira::tables {
+
+struct Refusal : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// Throws the sentence that the parts make.
+template <typename... Part>
+[[noreturn]] void refuse(const Part&... parts) {
+    throw Refusal(textOf(parts...));
+}
+
+}  // namespace mira::tables

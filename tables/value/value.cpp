@@ -1,0 +1,495 @@
+#include "tables/value/value.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+
+#include "tables/page/bytes.h"
+#include "tables/page/text.h"
+#include "tables/page/utf8.h"
+
+namespace mira::tables {
+namespace {
+
+constexpr std::size_t kRecordSize = 65535;  // of RecordBuffer
+constexpr i64 kUnixDay = 2440588;           // day number of 1970-01-01
+constexpr i64 kFirstDay = 1721060;          // 0000-01-01
+constexpr i64 kLastDay = 5373484;           // 9999-12-31
+constexpr i64 kDayBeforeYear1 = 1721425;
+constexpr i64 kDayMilliseconds = 86400000;
+
+bool isPadding(char c) { return c == ' ' || c == '\0'; }
+bool isAll(std::string_view bytes, char c) {
+    return bytes.find_first_not_of(c) == std::string_view::npos;
+}
+
+std::string_view withoutPadding(std::string_view text) {
+    const char* first = text.data();
+    const char* last = first + text.size();
+    while (last != first && isPadding(last[-1])) --last;
+    while (first != last && isPadding(*first)) ++first;
+    return {first, static_cast<std::size_t>(last - first)};
+}
+
+/// The first count bytes at the field's place, zeros beyond the end of the buffer.
+template <std::size_t count>
+std::array<u8, count> prefixOf(const Table& table, const Column& column) {
+    std::array<u8, count> bytes{};
+    const std::size_t left = kRecordSize - std::min<std::size_t>(column.offset, kRecordSize);
+    std::memcpy(bytes.data(), table.base->RecordBuffer + column.offset, std::min(count, left));
+    return bytes;
+}
+
+bool bitOf(const Table& table, i32 bit) {
+    const auto place = static_cast<u32>(bit);
+    return (table.base->RecordBuffer[table.nullOffset + place / 8] >> (place % 8) & 1) != 0;
+}
+
+// --------------------------------------------------------------------------------------------
+// Texts and bytes
+// --------------------------------------------------------------------------------------------
+
+void giveBytes(Value& value, std::string_view bytes) {
+    value.kind = ValueKind::Bytes;
+    value.text = bytes;
+}
+
+/// Bytes of the table's page as text.
+void giveText(CellReader& reader, Value& value, std::string_view bytes) {
+    value.kind = ValueKind::Text;
+    const CodePage& page = *reader.table->page.page;
+    if (page.asciiClean && asciiRun(bytes) == bytes.size()) {
+        value.text = bytes;
+        return;
+    }
+    reader.scratch.clear();
+    if (toUtf8(page, bytes, reader.scratch) != 0) value.fault = Fault::NoCharacter;
+    value.text = reader.scratch;
+}
+
+std::string_view withoutBlanks(std::string_view text) {
+    while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+    return text;
+}
+
+/// Bytes that are in no code page: UTF-8 without a zero byte is text, all else stays bytes.
+void giveUntranslated(Value& value, std::string_view bytes, std::string_view text) {
+    if (bytes.find('\0') != std::string_view::npos || !isUtf8(bytes)) {
+        return giveBytes(value, bytes);
+    }
+    value.kind = ValueKind::Text;
+    value.text = text;
+}
+
+void giveCharacters(CellReader& reader, const Column& column, Value& value,
+                    std::string_view bytes) {
+    const bool raw = reader.table->options.raw;
+    if (column.untranslated) {
+        return giveUntranslated(value, bytes, raw ? bytes : withoutBlanks(bytes));
+    }
+    const std::string_view text = bytes.substr(0, bytes.find('\0'));
+    giveText(reader, value, raw ? text : withoutBlanks(text));
+}
+
+/// V and Q with null flags: the bytes that count.
+std::string_view variableBytes(const Table& table, const Column& column, Value& value) {
+    const std::string_view bytes = storedBytes(table, column);
+    if (bytes.empty() || !bitOf(table, column.lengthBit)) return bytes;
+    const std::size_t length = static_cast<u8>(bytes.back());
+    if (length >= bytes.size()) value.fault = Fault::LengthPastEnd;
+    return bytes.substr(0, std::min(length, bytes.size() - 1));
+}
+
+void giveVarchar(CellReader& reader, const Column& column, Value& value) {
+    const Table& table = *reader.table;
+    if (column.lengthBit == kNoBit) {
+        return giveCharacters(reader, column, value, storedBytes(table, column));
+    }
+    const std::string_view bytes = variableBytes(table, column, value);
+    if (column.untranslated) return giveUntranslated(value, bytes, bytes);
+    giveText(reader, value, bytes);
+}
+
+void giveVarbinary(const Table& table, const Column& column, Value& value) {
+    giveBytes(value, column.lengthBit == kNoBit ? storedBytes(table, column)
+                                                : variableBytes(table, column, value));
+}
+
+// --------------------------------------------------------------------------------------------
+// Memos
+// --------------------------------------------------------------------------------------------
+
+/// Soft line breaks, 8D 0A, become 0A. After a byte above 7F in a multi-byte page 8D may end a
+/// character and stays. The text is rewritten where it lies.
+std::string_view withoutSoftBreaks(const CodePage& page, std::string_view text,
+                                   std::string& storage) {
+    constexpr std::string_view kSoftBreak = "\x8D\n";
+    if (text.find(kSoftBreak) == std::string_view::npos) return text;
+    const bool single = page.kind == CodePage::Kind::SingleByte;
+    std::string changed;
+    changed.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool alone = single || i == 0 || static_cast<u8>(text[i - 1]) < 0x80;
+        if (!alone || text.compare(i, 2, kSoftBreak) != 0) changed += text[i];
+    }
+    storage = std::move(changed);
+    return storage;
+}
+
+/// Whether memo texts may hold soft line breaks, as those of ".dbt" files do.
+bool hasSoftBreaks(const Table& table) {
+    return sameText(std::filesystem::path(memoFileOf(table)).extension().string(), ".dbt");
+}
+
+void giveMemoText(CellReader& reader, const Column& column, Value& value, std::string_view bytes) {
+    const std::string_view text = bytes.substr(0, bytes.find_last_not_of('\0') + 1);
+    if (text.find('\0') != std::string_view::npos) return giveBytes(value, bytes);
+    if (column.untranslated) return giveUntranslated(value, text, text);
+    const bool soft = hasSoftBreaks(*reader.table) && !reader.table->options.raw;
+    giveText(reader, value,
+             soft ? withoutSoftBreaks(*reader.table->page.page, text, reader.memos.text) : text);
+}
+
+void giveMemo(CellReader& reader, const Column& column, Value& value) {
+    std::string_view bytes;
+    const MemoResult result = readMemo(reader.memos, *reader.table, column, &bytes);
+    if (result == MemoResult::Failed) {
+        value.fault = Fault::NoMemo;
+        return;
+    }
+    if (result == MemoResult::None) {
+        // What may be null and is not is an empty text.
+        if (column.kind == Kind::Memo && column.mayBeNull()) value.kind = ValueKind::Text;
+        return;
+    }
+    if (column.kind == Kind::Memo) {
+        giveMemoText(reader, column, value, bytes);
+    } else {
+        giveBytes(value, bytes);
+    }
+    if (result == MemoResult::Cut) value.fault = Fault::MemoCut;
+}
+
+// --------------------------------------------------------------------------------------------
+// Numbers
+// --------------------------------------------------------------------------------------------
+
+void giveDigits(Value& value, std::string_view digits) {
+    if (!isNumber(digits)) {
+        value.fault = Fault::NoNumber;
+        return;
+    }
+    value.kind = ValueKind::Digits;
+    value.text = digits;
+}
+
+void giveDecimal(const Table& table, const Column& column, Value& value) {
+    const std::string_view digits = withoutPadding(storedBytes(table, column));
+    if (!digits.empty()) giveDigits(value, digits);
+}
+
+void giveInteger(Value& value, i64 integer) {
+    value.kind = ValueKind::Integer;
+    value.integer = integer;
+}
+
+void giveReal(Value& value, double real) {
+    if (!std::isfinite(real)) {
+        value.fault = Fault::NoNumber;
+        return;
+    }
+    value.kind = ValueKind::Real;
+    value.real = real;
+}
+
+void giveDouble(const Table& table, const Column& column, Value& value) {
+    DbfBase* const base = table.base.get();
+    giveReal(value, column.type == 'O' ? GetInvertedDouble(base, column.field)
+                                       : GetDouble(base, column.field));
+}
+
+void giveCurrency(CellReader& reader, const Column& column, Value& value) {
+    constexpr u64 kScale = 10000;
+    value.kind = ValueKind::Currency;
+    value.integer = loadLe<i64>(prefixOf<8>(*reader.table, column).data());
+    const bool negative = value.integer < 0;
+    const auto bits = static_cast<u64>(value.integer);
+    const u64 size = negative ? 0 - bits : bits;
+    char* to = reader.digits;
+    if (negative) *to++ = '-';
+    to = std::to_chars(to, std::end(reader.digits), size / kScale).ptr;
+    *to++ = '.';
+    u64 rest = size % kScale;
+    for (int i = 3; i >= 0; --i, rest /= 10) to[i] = static_cast<char>('0' + rest % 10);
+    value.text = {reader.digits, static_cast<std::size_t>(to + 4 - reader.digits)};
+}
+
+// --------------------------------------------------------------------------------------------
+// Dates, moments, logicals
+// --------------------------------------------------------------------------------------------
+
+int twoDigits(const char* at) { return (at[0] - '0') * 10 + (at[1] - '0'); }
+
+/// Digits yyyymmdd to "yyyy-mm-dd"; false when they are no day.
+bool putDate(char* to, const char* digits) {
+    using namespace std::chrono;
+    const auto at = [&](int i) { return twoDigits(digits + i); };
+    const year_month_day date{year{at(0) * 100 + at(2)}, month{static_cast<unsigned>(at(4))},
+                              day{static_cast<unsigned>(at(6))}};
+    if (!date.ok()) return false;
+    std::memcpy(to, digits, 4);
+    to[4] = '-';
+    std::memcpy(to + 5, digits + 4, 2);
+    to[7] = '-';
+    std::memcpy(to + 8, digits + 6, 2);
+    return true;
+}
+
+/// Blank, zeros included; else bad.
+void giveNoDate(Value& value, std::string_view stored) {
+    constexpr std::string_view kNothing(" 0\0", 3);
+    if (stored.find_first_not_of(kNothing) != std::string_view::npos) value.fault = Fault::NoDate;
+}
+
+void giveDate(CellReader& reader, const Column& column, Value& value) {
+    constexpr std::size_t kDigits = 8;
+    std::string_view stored = storedBytes(*reader.table, column);
+    if (stored.size() != kDigits) stored = withoutPadding(stored);
+    if (stored.size() != kDigits || !areDigits(stored) || !putDate(reader.digits, stored.data())) {
+        return giveNoDate(value, stored);
+    }
+    value.kind = ValueKind::Date;
+    value.text = {reader.digits, 10};
+}
+
+void putTwo(char* to, unsigned number) {
+    to[0] = static_cast<char>('0' + number / 10);
+    to[1] = static_cast<char>('0' + number % 10);
+}
+
+/// "yyyy-mm-dd hh:mm:ss", ".sss" after it when not zero; false when there is no such moment.
+bool putMoment(CellReader& reader, i64 day, i64 milliseconds, Value& value) {
+    if (day < kFirstDay || day > kLastDay) return false;
+    if (milliseconds < 0 || milliseconds >= kDayMilliseconds) return false;
+    const std::chrono::year_month_day date{
+        std::chrono::sys_days{std::chrono::days{day - kUnixDay}}};
+    const auto year = static_cast<unsigned>(static_cast<int>(date.year()));
+    const auto seconds = static_cast<unsigned>(milliseconds / 1000);
+    const auto rest = static_cast<unsigned>(milliseconds % 1000);
+    char* const to = reader.digits;
+    std::memcpy(to, "0000-00-00 00:00:00.000", 23);
+    putTwo(to, year / 100);
+    putTwo(to + 2, year % 100);
+    putTwo(to + 5, static_cast<unsigned>(date.month()));
+    putTwo(to + 8, static_cast<unsigned>(date.day()));
+    putTwo(to + 11, seconds / 3600);
+    putTwo(to + 14, seconds / 60 % 60);
+    putTwo(to + 17, seconds % 60);
+    to[20] = static_cast<char>('0' + rest / 100);
+    putTwo(to + 21, rest % 100);
+    value.kind = ValueKind::Moment;
+    value.text = {to, rest != 0 ? 23U : 19U};
+    return true;
+}
+
+bool putMomentDigits(CellReader& reader, std::string_view stored, Value& value) {
+    constexpr std::size_t kDigits = 14;
+    if (stored.size() != kDigits || !areDigits(stored)) return false;
+    const char* const at = stored.data();
+    char* const to = reader.digits;
+    if (twoDigits(at + 8) > 23 || twoDigits(at + 10) > 59 || twoDigits(at + 12) > 59) return false;
+    if (!putDate(to, at)) return false;
+    std::memcpy(to + 10, " 00:00:00", 9);
+    for (std::size_t i = 0; i < 3; ++i) std::memcpy(to + 11 + 3 * i, at + 8 + 2 * i, 2);
+    value.kind = ValueKind::Moment;
+    value.text = {to, 19};
+    return true;
+}
+
+void giveMoment(CellReader& reader, const Column& column, Value& value) {
+    const Table& table = *reader.table;
+    if (column.length != 8) {
+        const std::string_view stored = withoutPadding(storedBytes(table, column));
+        if (!putMomentDigits(reader, stored, value)) giveNoDate(value, stored);
+        return;
+    }
+    const std::array<u8, 8> bytes = prefixOf<8>(table, column);
+    i64 day = loadLe<i32>(bytes.data());
+    i64 milliseconds = loadLe<i32>(bytes.data() + 4);
+    if (column.foreignMoment) {
+        const double stored = loadBeDouble(bytes.data());
+        constexpr auto kEnd =
+            static_cast<double>((kLastDay - kDayBeforeYear1 + 1) * kDayMilliseconds);
+        const i64 whole = stored >= 0 && stored < kEnd ? static_cast<i64>(stored) : -1;
+        day = whole < kDayMilliseconds ? 0 : kDayBeforeYear1 + whole / kDayMilliseconds;
+        milliseconds = whole % kDayMilliseconds;
+    }
+    if (putMoment(reader, day, milliseconds, value)) return;
+    const std::string_view stored = storedBytes(table, column);
+    if (!isAll(stored, '\0') && !isAll(stored, ' ')) value.fault = Fault::NoDate;
+}
+
+void giveLogical(const Table& table, const Column& column, Value& value) {
+    constexpr std::string_view kTrue = "TtYy";
+    constexpr std::string_view kFalse = "FfNn";
+    constexpr std::string_view kOpen(" ?\0", 3);
+    const std::string_view stored = storedBytes(table, column);
+    const char letter = stored.empty() ? ' ' : stored[0];
+    if (kTrue.find(letter) != std::string_view::npos) {
+        giveInteger(value, 1);
+    } else if (kFalse.find(letter) != std::string_view::npos) {
+        giveInteger(value, 0);
+    } else {
+        if (kOpen.find(letter) == std::string_view::npos) value.fault = Fault::NoLogical;
+        return;
+    }
+    value.kind = ValueKind::Logical;
+}
+
+void giveCalculated(CellReader& reader, const Column& column, Value& value) {
+    const char* const text = GetCalcStringI(reader.table->base.get(), column.field);
+    if (text != nullptr && !column.numeric) return giveText(reader, value, withoutBlanks(text));
+    giveDigits(value, text != nullptr ? trimmed(text) : "");
+}
+
+}  // namespace
+
+std::string_view storedBytes(const Table& table, const Column& column) {
+    return {reinterpret_cast<const char*>(table.base->RecordBuffer) + column.offset, column.length};
+}
+
+bool lastsForRecord(const Table& table, std::string_view text) {
+    const auto* const record = reinterpret_cast<const char*>(table.base->RecordBuffer);
+    const std::less<> before;
+    return !before(text.data(), record) && before(text.data(), record + kRecordSize);
+}
+
+bool isNull(const Table& table, const Column& column) {
+    return column.nullBit != kNoBit && bitOf(table, column.nullBit);
+}
+
+void readCell(CellReader& reader, const Column& column, Value& value) {
+    const Table& table = *reader.table;
+    value.kind = ValueKind::Blank;
+    value.fault = Fault::None;
+    value.text = {};
+    if (isNull(table, column)) {
+        value.kind = ValueKind::Null;
+        return;
+    }
+    switch (column.kind) {
+        case Kind::Text:
+            return giveCharacters(reader, column, value, storedBytes(table, column));
+        case Kind::Varchar:
+            return giveVarchar(reader, column, value);
+        case Kind::Varbinary:
+            return giveVarbinary(table, column, value);
+        case Kind::Decimal:
+            return giveDecimal(table, column, value);
+        case Kind::Integer:
+            return giveInteger(value, static_cast<i32>(GetInt(table.base.get(), column.field)));
+        case Kind::Double:
+            return giveDouble(table, column, value);
+        case Kind::Currency:
+            return giveCurrency(reader, column, value);
+        case Kind::Date:
+            return giveDate(reader, column, value);
+        case Kind::Moment:
+            return giveMoment(reader, column, value);
+        case Kind::Logical:
+            return giveLogical(table, column, value);
+        case Kind::Memo:
+        case Kind::Blob:
+            return giveMemo(reader, column, value);
+        case Kind::Bytes:
+            return giveBytes(value, storedBytes(table, column));
+        case Kind::Calculated:
+            return giveCalculated(reader, column, value);
+        case Kind::RecordNumber:
+            return giveInteger(value, i64{reader.record} + 1);
+        case Kind::Deletion:
+            giveInteger(value, isDeleted(table) ? 1 : 0);
+            value.kind = ValueKind::Logical;
+            return;
+    }
+}
+
+bool isNumber(std::string_view text) {
+    const auto takeDigits = [&text] {
+        std::size_t count = 0;
+        while (count < text.size() && isDigit(text[count])) ++count;
+        text.remove_prefix(count);
+        return count;
+    };
+    takeOneOf(&text, "+-");
+    std::size_t count = takeDigits();
+    if (takeOneOf(&text, ".")) count += takeDigits();
+    if (count == 0) return false;
+    if (takeOneOf(&text, "eE")) {
+        takeOneOf(&text, "+-");
+        if (takeDigits() == 0) return false;
+    }
+    return text.empty();
+}
+
+std::optional<i64> toInteger(std::string_view digits) {
+    takeOneOf(&digits, "+");
+    const char* const end = digits.data() + digits.size();
+    i64 value = 0;
+    auto [next, error] = std::from_chars(digits.data(), end, value);
+    if (error != std::errc()) return std::nullopt;
+    // Zeros after a point are no decimals.
+    if (next != end && *next == '.') {
+        next = std::find_if(next + 1, end, [](char c) { return c != '0'; });
+    }
+    return next == end ? std::optional(value) : std::nullopt;
+}
+
+double toReal(std::string_view digits) {
+    takeOneOf(&digits, "+");
+    double value = 0;
+    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (result.ec == std::errc::result_out_of_range) {
+        const std::size_t exponent = digits.find_first_of("eE");
+        const bool tiny = exponent != std::string_view::npos &&
+                          digits.find('-', exponent) != std::string_view::npos;
+        value = tiny ? 0.0 : digits.front() == '-' ? -HUGE_VAL : HUGE_VAL;
+    }
+    return value;
+}
+
+void countFault(Faults& faults, Fault fault, u32 record, const Column& column) {
+    FaultTally& tally = faults[static_cast<std::size_t>(fault)];
+    if (tally.count++ != 0) return;
+    tally.record = record;
+    tally.column = column.name;
+}
+
+u64 faultCount(const Faults& faults) {
+    u64 count = 0;
+    for (const FaultTally& tally : faults) count += tally.count;
+    return count;
+}
+
+std::string faultSentence(Fault fault, u64 count) {
+    // For one, for more.
+    constexpr const char* kWords[kFaults][2] = {
+        {"", ""},
+        {"value that is no number came out empty", "values that are no numbers came out empty"},
+        {"value that is no date came out empty", "values that are no dates came out empty"},
+        {"value that is no logical came out empty", "values that are no logicals came out empty"},
+        {"text has bytes that the code page lacks, now U+FFFD",
+         "texts have bytes that the code page lacks, now U+FFFD"},
+        {"length reaches past its field", "lengths reach past their fields"},
+        {"memo cannot be read and came out empty", "memos cannot be read and came out empty"},
+        {"memo is cut: the memo file does not hold all of it",
+         "memos are cut: the memo file does not hold all of them"},
+    };
+    return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
+}
+
+}  // namespace mira::tables

@@ -1,0 +1,206 @@
+#include "check/damage.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "check/memodamage.h"
+#include "select/records.h"
+#include "tables/open/open.h"
+
+namespace mira::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kEndByte = 0x1A;
+constexpr std::string_view kPadding(" \0", 2);
+
+bool isUpper(const std::string& text) {
+    return std::none_of(text.begin(), text.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+}
+
+// --------------------------------------------------------------------------------------------
+// The table as a whole
+// --------------------------------------------------------------------------------------------
+
+void checkHeader(const Table& table, const Report& report) {
+    const bool stale = table.storedCount < table.base->Header.RecordCount;
+    const std::string count = countRepair(table);
+    for (const std::string& repair : repairsOf(table)) {
+        report({.isNote = stale && repair == count, .what = repair});
+    }
+    const std::string fault = memoFileFault(table);  // a finding, told with the memos
+    for (const std::string& sentence : table.notes) {
+        if (sentence != fault) report({.isNote = true, .what = sentence});
+    }
+}
+
+/// Every varying length and every null takes a bit, in field order.
+void checkNullFlags(const Table& table, const Report& report) {
+    if (table.nullLength == 0) return;
+    u32 bits = 0;
+    for (const auto* columns : {&table.columns, &table.system}) {
+        for (const Column& column : *columns) {
+            bits += column.type == 'V' || column.type == 'Q' ? 1 : 0;
+            bits += (column.flags & kNullable) != 0 ? 1 : 0;
+        }
+    }
+    if (bits <= 8 * table.nullLength) return;
+    report({.what = fmt::format("the null flags hold {} bits, the fields need {}",
+                                8 * table.nullLength, bits)});
+}
+
+bool hasEndByte(const Table& table, u32 records) {
+    const DbfHeader& header = table.base->Header;
+    const u64 end = Calc64(header.RecordLength, records, header.HeaderLength);
+    char byte = 0;
+    return end <= 0x7FFFFFFF &&
+           readFileAt(table.base->TableFile, static_cast<u32>(end), &byte, 1) == 1 &&
+           byte == kEndByte;
+}
+
+/// After the records that the header counts, or all that the file holds.
+void checkEndByte(const Table& table, const Report& report) {
+    const u32 held = table.base->Header.RecordCount;
+    if (table.storedCount > held) return;  // cut, which is said
+    if (hasEndByte(table, table.storedCount) || hasEndByte(table, held)) return;
+    report({.isNote = true, .what = "there is no end byte (1A) after the records"});
+}
+
+/// Other systems look for the table's own name with an extension in small letters, or in capitals
+/// where the table's is.
+void checkMemoName(const Table& table, const Report& report) {
+    const fs::path memos = memoFileOf(table);
+    if (memos.empty()) return;
+    const std::string extension = memos.extension().string();
+    const bool upper = isUpper(fs::path(table.path).extension().string());
+    const bool lower = std::none_of(extension.begin(), extension.end(),
+                                    [](char c) { return c >= 'A' && c <= 'Z'; });
+    const bool same = memos.stem() == fs::path(table.path).stem();
+    if (same && (lower || (upper && isUpper(extension)))) return;
+    report({.isNote = true,
+            .what = "its memo file " + memos.filename().string() +
+                    " is in other letter case, and not found by every program"});
+}
+
+// --------------------------------------------------------------------------------------------
+// Records
+// --------------------------------------------------------------------------------------------
+
+bool mayLackLetters(const CodePage& page) {
+    return page.kind != CodePage::Kind::SingleByte ||
+           std::any_of(page.letters.begin(), page.letters.end(),
+                       [](const Letter& letter) { return letter.missing != 0; });
+}
+
+/// Whether some bytes are no value of the column. Memos are looked at one by one later.
+bool canFail(const Table& table, const Column& column) {
+    switch (column.kind) {
+        case Kind::Text:
+            return !column.untranslated && mayLackLetters(*table.page.page);
+        case Kind::Varchar:
+        case Kind::Varbinary:
+        case Kind::Decimal:
+        case Kind::Double:
+        case Kind::Date:
+        case Kind::Moment:
+        case Kind::Logical:
+            return true;
+        default:
+            return false;
+    }
+}
+
+std::string faultText(const Table& table, const Column& column, Fault fault) {
+    const char* const what = fault == Fault::NoNumber    ? "no number"
+                             : fault == Fault::NoDate    ? "no date"
+                             : fault == Fault::NoLogical ? "no logical value"
+                                                         : "the length reaches past the field";
+    std::string_view stored = storedBytes(table, column);
+    if (fault == Fault::LengthPastEnd) {
+        return fmt::format("{}: {} of {} bytes", what, static_cast<u8>(stored.back()),
+                           stored.size());
+    }
+    const bool binary = column.kind == Kind::Double || stored.size() == 8;
+    if (!(binary && column.type != 'D' && column.kind != Kind::Decimal)) {
+        return fmt::format("{}: \"{}\"", what,
+                           stored.substr(0, stored.find_last_not_of(kPadding) + 1));
+    }
+    std::string bytes;
+    for (const char byte : stored) bytes += fmt::format(" {:02X}", static_cast<u8>(byte));
+    return what + (":" + bytes);
+}
+
+struct RecordCheck {
+    CellReader cells;
+    MemoReferences memos;
+    std::vector<const Column*> columns{};  // that can fail
+    Faults faults{};                       // letters that the code page lacks
+};
+
+void checkCells(RecordCheck& check, const Report& report) {
+    const Table& table = *check.cells.table;
+    const u32 record = check.cells.record;
+    Value value;
+    for (const Column* column : check.columns) {
+        readCell(check.cells, *column, value);
+        if (value.fault == Fault::None) continue;
+        if (value.fault == Fault::NoCharacter) {
+            countFault(check.faults, value.fault, record, *column);
+        } else {
+            report({.record = u64{record} + 1,
+                    .field = column->name,
+                    .what = faultText(table, *column, value.fault)});
+        }
+    }
+}
+
+/// The current record; false when it is none any more: left over after those that the header
+/// counts.
+bool checkRecord(RecordCheck& check, const Report& report) {
+    const Table& table = *check.cells.table;
+    const u8 mark = table.base->RecordBuffer[0];
+    if (mark != ' ' && mark != '*') {
+        if (check.cells.record >= table.storedCount) return false;
+        report({.record = u64{check.cells.record} + 1,
+                .what = fmt::format("the deletion byte is {:02X}, neither blank nor \"*\"", mark)});
+    }
+    checkCells(check, report);
+    addReferences(check.memos, check.cells, report);
+    return true;
+}
+
+void reportLetters(const Faults& faults, const Report& report) {
+    const FaultTally& tally = faults[static_cast<std::size_t>(Fault::NoCharacter)];
+    if (tally.count == 0) return;
+    report({.isNote = true,
+            .record = u64{tally.record} + 1,
+            .field = tally.column,
+            .what = tally.count == 1
+                        ? "bytes that the code page lacks"
+                        : fmt::format("bytes that the code page lacks, the first of {} such texts",
+                                      tally.count)});
+}
+
+}  // namespace
+
+void checkTable(Table& table, const Report& report) {
+    checkHeader(table, report);
+    checkNullFlags(table, report);
+    checkEndByte(table, report);
+    checkMemoName(table, report);
+    RecordCheck check{CellReader(table), memoReferencesOf(table)};
+    for (const Column& column : table.columns) {
+        if (canFail(table, column)) check.columns.push_back(&column);
+    }
+    eachRecord(table, [&](u32 record) {
+        check.cells.record = record;
+        return checkRecord(check, report);
+    });
+    checkMemos(check.memos, check.cells, check.faults, report);
+    reportLetters(check.faults, report);
+}
+
+}  // namespace mira::tool

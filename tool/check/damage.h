@@ -1,0 +1,26 @@
+// What is wrong with a table: everything that makes a value, a record or a memo doubtful, found by
+// reading it once from beginning to end.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "tables.h"
+#include "tables/column/column.h"
+
+namespace mira::tool {
+
+struct Finding {
+    bool isNote = false;  // worth knowing, but nothing is lost
+    u64 record = 0;       // from 1; 0: the table as a whole
+    std::string field{};  // empty: the record as a whole
+    std::string what{};   // may hold control characters of the table
+};
+using Report = std::function<void(const Finding&)>;
+
+/// Reports header, records, then memos. Memory is that of the references to memos, 8 bytes each,
+/// and of the longest memo. Throws a Refusal when a record cannot be read, or Stopped.
+void checkTable(Table& table, const Report& report);
+
+}  // namespace mira::tool

@@ -1,0 +1,71 @@
+// Tables into a SQLite database. A new one is written beside its name and gets it when whole; one
+// that is there is added to in one transaction.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "rows/output.h"
+#include "tables.h"
+#include "tables/value/storage.h"
+
+namespace mira::tool {
+
+struct SqliteCloser {
+    void operator()(sqlite3* database) const { sqlite3_close(database); }
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Connection = std::unique_ptr<sqlite3, SqliteCloser>;
+using Statement = std::unique_ptr<sqlite3_stmt, SqliteCloser>;
+
+/// Lets Ctrl-C end long statements of a connection.
+void watchStops(sqlite3* connection);
+
+enum class Present : u8 { Refuse, Replace, Append };  // what to do with a table that is there
+
+/// CREATE TABLE without a semicolon.
+std::string createTable(std::string_view name, const std::vector<Column>& columns);
+/// Binds a value by the storage classes of tables; places count from 1. A text that does not last
+/// until the statement runs is copied.
+int bindValue(sqlite3_stmt* statement, int place, const Column& column, const Value& value,
+              bool lasts);
+
+class Database {
+public:
+    Database(const Target& target, bool force, Present present);
+    ~Database();
+    Database(const Database&) = delete;
+
+    /// A name that no table written so far has.
+    std::string freeName(const std::string& wanted);
+    /// Creates a table, and with rows prepares for them.
+    void addTable(const std::string& name, const std::vector<Column>& columns);
+    void cell(std::size_t place, const Column& column, const Value& value, bool lasts) {
+        check(bindValue(insert_.get(), static_cast<int>(place) + 1, column, value, lasts));
+    }
+    void endRow();
+    /// Everything is written. Throws a Refusal when it could not be.
+    void finish();
+
+private:
+    void check(int result) {
+        if (result != SQLITE_OK) fail();
+    }
+    [[noreturn]] void fail();
+    void run(const std::string& sql);
+    bool hasTable(const std::string& name);
+
+    Target target_;
+    bool force_;
+    Present present_;
+    std::unique_ptr<TemporaryFile> file_;
+    Connection database_;
+    Statement insert_;
+    std::set<std::string> names_;
+};
+
+}  // namespace mira::tool

@@ -1,0 +1,32 @@
+// Aligned columns of texts, for eyes.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "rows/output.h"
+
+namespace mira::tool {
+
+/// A grid whose rows are written one by one, once the widths are known.
+struct Grid {
+    struct GridColumn {
+        std::string heading;
+        bool right = false;  // numbers stand on the right
+        int width = 0;
+    };
+    std::vector<GridColumn> columns;
+    int lineWidth = 0;  // cut lines to it with an ellipsis; 0: never
+    std::string indent;
+};
+
+/// Widens a column for a text.
+void widen(Grid& grid, std::size_t column, std::string_view text);
+void putHeadings(Output& out, const Grid& grid);
+/// Texts are free of control characters. The last one is not padded.
+void putRow(Output& out, const Grid& grid, const std::vector<std::string>& texts);
+/// A small grid at once: widths, headings, rows.
+void putGrid(Output& out, Grid& grid, const std::vector<std::vector<std::string>>& rows);
+
+}  // namespace mira::tool

@@ -1,0 +1,25 @@
+// All records of a table, one after the other.
+#pragma once
+
+#include "tables.h"
+#include "tables/column/column.h"
+#include "terminal/progress.h"
+#include "terminal/status.h"
+
+namespace mira::tool {
+
+/// Reads the records of a table one by one, deleted ones, too, and calls take with the number of
+/// each, from 0, until it returns false. Throws a Refusal, or Stopped.
+template <typename Take>
+void eachRecord(const Table& table, Take take) {
+    const u32 count = table.base->Header.RecordCount;
+    Progress progress(table.path, count);
+    for (u32 record = 0; record < count; ++record) {
+        leaveIfStopped();
+        readRecord(table, record);
+        if (!take(record)) return;
+        progress.add(1);
+    }
+}
+
+}  // namespace mira::tool

@@ -1,0 +1,225 @@
+#include "select/selection.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+
+#include "select/filter.h"
+#include "tables/open/open.h"
+#include "tables/page/refusal.h"
+#include "terminal/message.h"
+#include "terminal/status.h"
+
+namespace mira::tool {
+namespace {
+
+constexpr u32 kSortFields = 21;
+
+// --------------------------------------------------------------------------------------------
+// Columns
+// --------------------------------------------------------------------------------------------
+
+void addCalculatedColumns(Table& table, const std::vector<std::string>& definitions) {
+    for (const std::string& definition : definitions) {
+        const std::size_t equals = definition.find('=');
+        if (equals == std::string::npos) {
+            refuse("--calc ", definition, ": NAME=EXPRESSION, such as TOTAL=PRICE*QTY");
+        }
+        addCalculated(table, trimmed(std::string_view(definition).substr(0, equals)),
+                      std::string_view(definition).substr(equals + 1));
+    }
+}
+
+bool holds(const std::vector<Column>& columns, const Column& column) {
+    return std::any_of(columns.begin(), columns.end(),
+                       [&](const Column& c) { return c.name == column.name; });
+}
+
+std::vector<Column> chosenColumns(const Table& table, const SelectOptions& options) {
+    std::vector<Column> named;
+    for (const std::string& name : options.fields) {
+        const Column& column = columnNamed(table, name);
+        if (!holds(named, column)) named.push_back(column);
+    }
+    std::vector<Column> excluded;
+    for (const std::string& name : options.exclude) {
+        excluded.push_back(columnNamed(table, name));
+    }
+    std::vector<Column> columns = named;
+    for (const Column& column : table.columns) {
+        const bool wanted = named.empty() || column.kind == Kind::Calculated;
+        if (wanted && !holds(columns, column)) columns.push_back(column);
+    }
+    std::erase_if(columns, [&](const Column& column) { return holds(excluded, column); });
+    if (columns.empty() && !excluded.empty()) refuse(table.path, ": no column is left");
+    return columns;
+}
+
+// --------------------------------------------------------------------------------------------
+// Records
+// --------------------------------------------------------------------------------------------
+
+struct Range {
+    u32 first, end;
+};
+
+Range shardRange(const std::string& shard, u32 count) {
+    if (shard.empty()) return {0, count};
+    u64 k = 0;
+    u64 n = 0;
+    const char* const end = shard.data() + shard.size();
+    const auto [slash, error] = std::from_chars(shard.data(), end, k);
+    const bool whole = error == std::errc() && slash != end && *slash == '/' &&
+                       std::from_chars(slash + 1, end, n).ptr == end;
+    if (!whole || k < 1 || k > n || n > 0xFFFFFFFF) {
+        refuse("--shard ", shard, ": K/N, with K from 1 to N, such as 1/4");
+    }
+    return {static_cast<u32>(count * (k - 1) / n), static_cast<u32>(count * k / n)};
+}
+
+/// Makes a range of records the view that filter and sort start from.
+void viewRange(DbfBase* base, Range range) {
+    const u32 count = range.end - range.first;
+    auto* const index = static_cast<u32*>(std::malloc((std::size_t{count} + 1) * sizeof(u32)));
+    if (index == nullptr) throw std::bad_alloc();
+    for (u32 i = 0; i < count; ++i) index[i] = range.first + i;
+    std::free(base->FilterIndex);
+    base->FilterIndex = index;
+    base->FilterCount = count;
+}
+
+int stopSort() { return stopped() ? 1 : 0; }
+
+void sortView(Table& table, const SelectOptions& options) {
+    if (options.sort.size() > kSortFields) {
+        refuse(table.path, ": at most ", kSortFields, " fields to sort by");
+    }
+    std::string list;
+    for (const std::string& name : options.sort) {
+        (list += libraryName(table, columnNamed(table, name))) += ',';
+    }
+    table.base->SortDescending = options.descending ? 1 : 0;
+    const bool done = SortBase(table.base.get(), list.c_str(), stopSort) != 0;
+    leaveIfStopped();
+    if (!done) refuse(table.path, ": no memory to sort it");
+}
+
+void tellFault(const Selection& selection, Fault fault) {
+    const FaultTally& tally = selection.faults[static_cast<std::size_t>(fault)];
+    if (tally.count == 0) return;
+    note("{}: {}, first in record {}, field {}", selection.table->path,
+         faultSentence(fault, tally.count), u64{tally.record} + 1, tally.column);
+}
+
+void addList(CLI::App& command, const char* name, std::vector<std::string>& list,
+             const char* help) {
+    const auto take = [&list](const std::string& given) { list = splitList(given); };
+    command.add_option_function<std::string>(name, take, help)->type_name("A,B,...");
+}
+
+}  // namespace
+
+void addFilterOptions(CLI::App& command, SelectOptions& options) {
+    command.add_option("-w,--where", options.where, "Only records that satisfy the filter")
+        ->type_name("FILTER");
+    command.add_flag("-i,--ignore-case", options.ignoreCase, "Filters ignore letter case");
+}
+
+void addTableOptions(CLI::App& command, TableOptions& options) {
+    command.add_option("--code-page", options.codePage, "Code page of the texts, such as CP866")
+        ->type_name("NAME");
+    addList(command, "--as-text", options.asText, "Binary fields that hold text after all");
+    command.add_flag("--long-names", options.longNames, "Field names from the database container");
+}
+
+void addSelectOptions(CLI::App& command, SelectOptions& options) {
+    addFilterOptions(command, options);
+    addList(command, "-s,--sort", options.sort, "Sort by these fields");
+    command.add_flag("--descending", options.descending, "Sort from the greatest down");
+    addList(command, "-f,--fields", options.fields, "These columns, in this order");
+    addList(command, "-x,--exclude", options.exclude, "All columns but these");
+    command.add_option("--calc", options.calculated, "Add a calculated column; may be given again")
+        ->type_name("NAME=EXPRESSION")
+        ->allow_extra_args(false);
+    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
+              kDeletedWords, options.deleted);
+    command.add_flag("--record", options.recordColumn, "A first column _record with the number");
+    addCount(command, "-n,--limit", "At most N records, 0 for all", options.limit);
+    addCount(command, "--offset", "Leave out the first N records", options.offset);
+    command.add_option("--shard", options.shard, "The K-th of N equal ranges of records")
+        ->type_name("K/N");
+    addTableOptions(command, options.table);
+    command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
+}
+
+std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options) {
+    return selectFrom(openTable(path, options.table), options);
+}
+
+std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options) {
+    Table& table = *opened;
+    DbfBase* const base = table.base.get();
+    addCalculatedColumns(table, options.calculated);
+    auto selection = std::make_unique<Selection>(
+        Selection{std::move(opened), chosenColumns(table, options), CellReader(table)});
+    std::vector<Column>& columns = selection->columns;
+    if (options.recordColumn) {
+        columns.insert(columns.begin(), extraColumn(table, "_record", Kind::RecordNumber));
+    }
+    if (options.deleted == Deleted::Include) {
+        columns.push_back(extraColumn(table, "_deleted", Kind::Deletion));
+    }
+
+    base->SkipDeleted = options.deleted == Deleted::Skip ? 1 : 0;
+    const Range range = shardRange(options.shard, base->Header.RecordCount);
+    const bool reordered = !options.where.empty() || !options.sort.empty();
+    if (!options.shard.empty() && reordered) viewRange(base, range);
+    if (!options.where.empty()) applyFilter(table, options.where, options.ignoreCase);
+    if (!options.sort.empty()) sortView(table, options);
+    selection->position = reordered ? 0 : range.first;
+    selection->end = reordered ? reccount(base) : range.end;
+    selection->deleted = options.deleted;
+    selection->limit = options.limit.value_or(0);
+    selection->offset = options.offset;
+    return selection;
+}
+
+bool nextRow(Selection& s) {
+    DbfBase* const base = s.table->base.get();
+    if (!s.progress) {
+        s.progress = std::make_unique<Progress>(s.table->path, s.end - s.position);
+    }
+    while (s.position < s.end && (s.limit == 0 || s.rows < s.limit)) {
+        leaveIfStopped();
+        const u32 position = s.position++;
+        s.cells.record = recno(base, GetOrder(base, position));
+        if (ReadRecord(base, position) == 0) {
+            refuse(s.table->path, ": record ", u64{s.cells.record} + 1, " cannot be read");
+        }
+        s.progress->add(1);
+        if (s.deleted == (isDeleted(*s.table) ? Deleted::Skip : Deleted::Only)) continue;
+        if (s.offset != 0) {
+            --s.offset;
+            continue;
+        }
+        ++s.rows;
+        return true;
+    }
+    s.progress.reset();
+    return false;
+}
+
+void tellPage(const Table& table) {
+    if (!table.page.uncertain) return;
+    note("{}: {}", table.path, pageDoubt(table.page, "--code-page NAME"));
+}
+
+bool tellFaults(const Selection& selection) {
+    const Table& table = *selection.table;
+    for (const std::string& sentence : table.notes) note("{}: {}", table.path, sentence);
+    tellPage(table);
+    for (std::size_t i = 1; i < kFaults; ++i) tellFault(selection, static_cast<Fault>(i));
+    return faultCount(selection.faults) != 0;
+}
+
+}  // namespace mira::tool

@@ -1,0 +1,123 @@
+#include "terminal/message.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <utf8proc.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "tables/page/utf8.h"
+#include "terminal/progress.h"
+
+namespace mira::tool {
+namespace {
+
+bool quietly = false;
+std::mutex oneLine;
+
+bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
+bool isTwoWay(char32_t c) { return (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069); }
+
+void putByte(std::string& out, unsigned char byte) {
+    fmt::format_to(std::back_inserter(out), "\\x{:02X}", byte);
+}
+
+/// Length of the printable ASCII at the start of a text.
+std::size_t printableRun(std::string_view text) {
+    const auto end =
+        std::find_if_not(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
+    return static_cast<std::size_t>(end - text.begin());
+}
+
+void writeLine(std::string_view sentence) {
+    std::string line = "mira: ";
+    putEscaped(line, sentence);
+    line += '\n';
+    const std::lock_guard lock(oneLine);
+    hideProgress();
+    for (std::string_view rest = line; !rest.empty();) {
+        const ssize_t written = write(STDERR_FILENO, rest.data(), rest.size());
+        if (written < 0) return;  // nobody listens
+        rest.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+}  // namespace
+
+bool needsEscape(std::string_view text) {
+    while (true) {
+        text.remove_prefix(printableRun(text));
+        if (text.empty()) return false;
+        const Utf8Step step = stepUtf8(text);
+        if (!step.valid || isControl(step.letter) || isTwoWay(step.letter)) return true;
+        text.remove_prefix(step.length);
+    }
+}
+
+void putEscaped(std::string& out, std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t run = printableRun(text);
+        out += text.substr(0, run);
+        text.remove_prefix(run);
+        if (text.empty()) return;
+        const Utf8Step step = stepUtf8(text);
+        if (!step.valid) {
+            for (const char c : text.substr(0, step.length)) putByte(out, static_cast<u8>(c));
+        } else if (isControl(step.letter)) {
+            putByte(out, static_cast<u8>(step.letter));
+        } else if (isTwoWay(step.letter)) {
+            fmt::format_to(std::back_inserter(out), "\\u{:04X}",
+                           static_cast<unsigned>(step.letter));
+        } else {
+            out += text.substr(0, step.length);
+        }
+        text.remove_prefix(step.length);
+    }
+}
+
+std::string escaped(std::string_view text) {
+    std::string out;
+    putEscaped(out, text);
+    return out;
+}
+
+void setQuiet(bool quiet) { quietly = quiet; }
+bool isQuiet() { return quietly; }
+
+void tellError(std::string_view sentence) { writeLine(sentence); }
+void tell(std::string_view sentence) {
+    if (!quietly) writeLine(sentence);
+}
+
+int widthOf(std::string_view utf8) {
+    int width = 0;
+    while (!utf8.empty()) {
+        const Utf8Step step = stepUtf8(utf8);
+        width +=
+            step.letter < 0x80 ? 1 : utf8proc_charwidth(static_cast<utf8proc_int32_t>(step.letter));
+        utf8.remove_prefix(step.length);
+    }
+    return width;
+}
+
+std::string_view cutToWidth(std::string_view utf8, int width) {
+    std::size_t length = 0;
+    while (length < utf8.size()) {
+        const Utf8Step step = stepUtf8(utf8.substr(length));
+        width -= widthOf(utf8.substr(length, step.length));
+        if (width < 0) break;
+        length += step.length;
+    }
+    return utf8.substr(0, length);
+}
+
+int terminalWidth(int descriptor) {
+    constexpr int kUsual = 80;
+    winsize size{};
+    if (isatty(descriptor) == 0) return 0;
+    if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kUsual;
+    return size.ws_col;
+}
+
+}  // namespace mira::tool

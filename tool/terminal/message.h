@@ -1,0 +1,48 @@
+// What the user is told: on standard error, a line each, control characters escaped.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "tables.h"
+#include "tables/page/text.h"
+
+namespace mira::tool {
+
+/// Control characters (below 20, 7F, 80 to 9F), bytes that are no UTF-8 and two-way marks as "\x1B"
+/// or "\u202E".
+std::string escaped(std::string_view text);
+/// Appends it.
+void putEscaped(std::string& out, std::string_view text);
+/// Whether escaping would change anything.
+bool needsEscape(std::string_view text);
+
+/// With quiet, only errors are told.
+void setQuiet(bool quiet);
+bool isQuiet();
+
+/// Errors: always told. Lines of different threads do not mix.
+void tellError(std::string_view sentence);
+/// Warnings, notes and counts: not when quiet.
+void tell(std::string_view sentence);
+
+template <typename... T>
+void error(fmt::format_string<T...> text, T&&... values) {
+    tellError(fmt::format(text, std::forward<T>(values)...));
+}
+template <typename... T>
+void note(fmt::format_string<T...> text, T&&... values) {
+    tell(fmt::format(text, std::forward<T>(values)...));
+}
+
+/// Columns that a text takes on a terminal.
+int widthOf(std::string_view utf8);
+/// The beginning of a text that takes at most width columns.
+std::string_view cutToWidth(std::string_view utf8, int width);
+/// Columns of the terminal of a file descriptor; 0 when it is none.
+int terminalWidth(int descriptor);
+
+}  // namespace mira::tool
