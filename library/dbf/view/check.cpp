@@ -1,6 +1,6 @@
 // Why a filter does not run, and what its conditions are, told by what set_filter makes of it.
 #include <algorithm>
-#include <cstring>
+#include <iterator>
 #include <new>
 #include <optional>
 
@@ -67,6 +67,21 @@ Signs readSigns(std::string_view text) {
     return signs;
 }
 
+/// The parentheses that have to be paired: those in quotes only where they do not balance within
+/// their condition, for only then they group.
+std::vector<Sign> parenthesesOf(const std::vector<Sign>& signs) {
+    std::vector<Sign> all;
+    for (auto next = signs.begin(); next != signs.end();) {
+        const auto end = std::find_if(next, signs.end(), [](Sign s) { return isConnective(s.c); });
+        const auto opening = std::count_if(next, end, [](Sign s) { return s.c == '('; });
+        const bool balanced = 2 * opening == end - next;
+        std::copy_if(next, end, std::back_inserter(all),
+                     [balanced](Sign s) { return !balanced || s.quote == kNowhere; });
+        next = end != signs.end() ? end + 1 : end;
+    }
+    return all;
+}
+
 /// The place of a parenthesis without a partner.
 std::size_t unpaired(const std::vector<Sign>& signs) {
     std::size_t depth = 0;
@@ -90,10 +105,11 @@ Finding findInQuotes(std::string_view text, const Signs& signs) {
 }
 
 Finding findUnpaired(std::string_view text, const Signs& signs) {
-    const std::size_t place = unpaired(signs.all);
+    const std::vector<Sign> parentheses = parenthesesOf(signs.all);
+    const std::size_t place = unpaired(parentheses);
     if (place == kNowhere) return {};
-    for (const Sign& sign : signs.all) {
-        if (sign.quote == kNowhere || !isParenthesis(sign.c)) continue;
+    for (const Sign& sign : parentheses) {
+        if (sign.quote == kNowhere) continue;
         const std::size_t last = text.find(text[sign.quote], sign.quote + 1);
         return {FilterFault::Brackets, {sign.quote, last + 1}};
     }
