@@ -191,8 +191,8 @@ TEST(Memo, SpansOfLongMemosAndOpenFiles) {
     for (const auto& [version, file] : files) {
         const Table h = openTable(folder, version);
         writeAll(h->MemoFileName, file);
-        const std::unique_ptr<std::FILE, decltype(&std::fclose)> memos(
-            Open_FileRO(h->MemoFileName), std::fclose);
+        const std::unique_ptr<std::FILE, decltype(&std::fclose)> memos(Open_FileRO(h->MemoFileName),
+                                                                       std::fclose);
         for (std::FILE* const kept : {memos.get(), static_cast<std::FILE*>(nullptr)}) {
             h->MemoFile = kept;
             u64 first = 0, end = 0;

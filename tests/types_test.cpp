@@ -27,8 +27,8 @@ struct OneField {
     Table h;
 };
 
-constexpr const char* kClasses[] = {"None",    "Text",    "System",  "Logical",  "Date", "Moment",
-                                    "Decimal", "Integer", "Double",  "Currency", "Memo"};
+constexpr const char* kClasses[] = {"None",    "Text",    "System", "Logical",  "Date", "Moment",
+                                    "Decimal", "Integer", "Double", "Currency", "Memo"};
 
 TEST(Types, Facts) {
     for (const auto& row : cases("types")) {
@@ -78,7 +78,8 @@ TEST(Types, EveryAcceptedLetterHasAClassACaseAndALineInTheDocuments) {
         });
         EXPECT_TRUE(ValidField(letter) == 0 || classed) << letter;
         if (c > ' ' && c != ',') {
-            EXPECT_EQ(documented.find(letter) != std::string::npos, ValidField(letter) != 0) << letter;
+            EXPECT_EQ(documented.find(letter) != std::string::npos, ValidField(letter) != 0)
+                << letter;
         }
     }
 }
@@ -238,11 +239,11 @@ TEST(Types, ExactValuesThatAFieldCannotHold) {
     const struct {
         OneField& f;
         i32 day, milliseconds;
-    } refused[] = {{digits, day, 1},     {digits, lastDay + 1, 0}, {binary, 1721059, 0},
-                   {binary, day, -1},    {binary, day, 86400000},  {small, day, 0},
+    } refused[] = {{digits, day, 1},      {digits, lastDay + 1, 0}, {binary, 1721059, 0},
+                   {binary, day, -1},     {binary, day, 86400000},  {small, day, 0},
                    {foreign, 1721425, 0}, {date, day, 0},           {currency, day, 0}};
     for (const auto& [f, wanted, milliseconds] : refused) {
-        DbfBase* const h = f.put(std::string(20, '?'));
+        DbfBase* const h = f.put(std::string(40, '?'));
         EXPECT_EQ(SetMoment(h, 0, wanted, milliseconds), 0);
         EXPECT_EQ(recordOf(h), " " + std::string(recordOf(h).size() - 1, '?'));
     }

@@ -501,8 +501,8 @@ std::vector<ConditionPlaces> conditionPlaces(const Row& row, const std::string& 
         const Expansion e = expanded(row, condition);
         const std::size_t sign = e.operatorAt ? e.operatorPlace : condition.size();
         const std::string op = condition.substr(sign, 2);
-        const bool two = op.size() == 2 && "=~><"s.find(op[0]) != op.npos &&
-                         "><="s.find(op[1]) != op.npos;
+        const bool two =
+            op.size() == 2 && "=~><"s.find(op[0]) != op.npos && "><="s.find(op[1]) != op.npos;
         const std::size_t right = sign + (e.operatorAt ? two ? 2 : 1 : 0);
         const std::size_t at = start + first;
         all.push_back({e.operatorAt ? e.leftField : -1, at + sign, at + right, start + end});
