@@ -1,5 +1,6 @@
 // Where the data of a memo lies in the memo file, found without reading it.
 #include <cstring>
+#include <optional>
 
 #include "memo/memo.h"
 
@@ -68,13 +69,11 @@ int GetMemoSpan(DbfBase* h, u32 block, u32 length, u64* first, u64* end) {
     const MemoFamily* const family = memoFamily(h->Header.Version);
     const bool isReference = block != 0 || (flavour.lengthInReference && length != 0);
     if (family == nullptr || !isReference) return 0;
+    std::optional<OpenMemoFile> open;
+    if (h->MemoFile == nullptr) open.emplace(h);  // else the caller keeps it open
+    if (h->MemoFile == nullptr) return 0;
     Span span;
-    int result = 0;
-    if (h->MemoFile != nullptr) {  // the caller keeps it open
-        result = findSpan(h->MemoFile, *family, {block, length}, &span);
-    } else if (const OpenMemoFile open(h); open) {
-        result = findSpan(h->MemoFile, *family, {block, length}, &span);
-    }
+    const int result = findSpan(h->MemoFile, *family, {block, length}, &span);
     *first = span.first;
     *end = span.end;
     return result;
