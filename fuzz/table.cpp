@@ -26,6 +26,8 @@ void askAbout(DbfBase* h, int field) {
                 header != nullptr ? static_cast<int>(std::strlen(header)) : 0);
     CHECK(GetLenMax(h, field) >= GetLenView(h, field) && GetTypeName(h, field) != nullptr);
     CHECK_EQUAL(static_cast<unsigned>(GetAllLen(h, field)), GetLenField(h, field));
+    CHECK(isIn(h, field) || GetFieldClass(h, field) == FieldClass::None);
+    CHECK(GetFieldFlags(h, field) <= (isIn(h, field) ? 0xFFu : 0u));
 }
 
 using Block = std::unique_ptr<char, decltype(&std::free)>;

@@ -735,8 +735,8 @@ void* ExternalFilter(DbfBase*, u32 count);
 
 // --------------------------------------------------------------------------------------------
 /// @name Exact facts and values
-/// What the texts and results above cannot carry. Values are those of the record in RecordBuffer;
-/// places are stored only when the result is not 0, where nothing else is said.
+/// What the texts and results above cannot carry. Values are those of the record in RecordBuffer.
+/// What pointers lead to is filled in only when the result is not 0, unless said otherwise.
 ///@{
 // --------------------------------------------------------------------------------------------
 
