@@ -1,5 +1,5 @@
-// The string functions as they work on a piece of a larger text. Shared by the
-// streval files, but for the question whether a name is one of theirs.
+// The string functions as they work on a piece of a larger text. Shared by the streval files, but
+// for the question whether a name is one of theirs.
 #pragma once
 
 #include <cstddef>
