@@ -26,6 +26,8 @@ void askAbout(DbfBase* h, int field) {
                 header != nullptr ? static_cast<int>(std::strlen(header)) : 0);
     CHECK(GetLenMax(h, field) >= GetLenView(h, field) && GetTypeName(h, field) != nullptr);
     CHECK_EQUAL(static_cast<unsigned>(GetAllLen(h, field)), GetLenField(h, field));
+    CHECK(isIn(h, field) || GetFieldClass(h, field) == FieldClass::None);
+    CHECK(GetFieldFlags(h, field) <= (isIn(h, field) ? 0xFFu : 0u));
 }
 
 using Block = std::unique_ptr<char, decltype(&std::free)>;
@@ -35,6 +37,29 @@ std::optional<std::string> readMemo(DbfBase* h, int field) {
     const Block memo(GetMemoBuf(h, field, &length), std::free);
     CHECK(memo == nullptr || memo.get()[length] == 0);
     return memo != nullptr ? std::optional(std::string(memo.get(), length)) : std::nullopt;
+}
+
+/// What is said of the place of a memo fits what is read.
+void checkSpan(DbfBase* h, int field, std::string_view memoFile, const std::string& memo) {
+    u32 block = 0, length = 0;
+    u64 first = 0, end = 0;
+    if (GetMemoReference(h, field, &block, &length) == 0 || GetBlockSize(h) == 0) return;
+    const int result = GetMemoSpan(h, block, length, &first, &end);
+    CHECK(first <= end && (result != 0 || end == 0));
+    if (result == 0) return CHECK(memo.empty());
+    CHECK_EQUAL(result == 2, end > memoFile.size());
+    first = std::min<u64>(first, memoFile.size());
+    const std::string_view bytes = memoFile.substr(first, end - first);
+    CHECK_EQUAL(GetMemoKind(h) != 0 ? std::string(bytes) : cString(bytes.substr(0, 65535)), memo);
+}
+
+void checkMoment(DbfBase* h, int field) {
+    i32 day = 0, milliseconds = 0;
+    if (GetMoment(h, field, &day, &milliseconds) == 0) return;
+    const Moment m = moment(current(h), field);
+    CHECK(isValid(m) && GetFieldClass(h, field) == FieldClass::Moment);
+    CHECK_EQUAL(dayNumber(m), i64{day});
+    CHECK_EQUAL((m.hour * 60 + m.minute) * 60 + m.second, milliseconds / 1000);
 }
 
 /// Every value of a field of the current record.
@@ -59,6 +84,8 @@ void readField(DbfBase* h, int field, std::string_view memoFile) {
     const std::optional<std::string> expected =
         isMemo ? memo(current(h), field, memoFile) : std::nullopt;
     CHECK(readMemo(h, field) == expected);
+    if (isMemo) checkSpan(h, field, memoFile, expected.value_or(""));
+    checkMoment(h, field);
     const Block whole(GetMemo(h, field), std::free);
     if (whole != nullptr) CHECK_EQUAL(whole.get(), cString(*expected));
     CHECK(h->MemoFile == nullptr && h->MemoBuffer == nullptr);

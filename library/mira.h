@@ -733,6 +733,92 @@ void ClearAllFilter(DbfBase*);
 void* ExternalFilter(DbfBase*, u32 count);
 ///@}
 
+// --------------------------------------------------------------------------------------------
+/// @name Exact facts and values
+/// What the texts and results above cannot carry. Values are those of the record in RecordBuffer.
+/// What pointers lead to is filled in only when the result is not 0, unless said otherwise.
+///@{
+// --------------------------------------------------------------------------------------------
+
+/// How the values of a field are encoded.
+enum class FieldClass : u8 {
+    None,      ///< bytes of unknown meaning
+    Text,      ///< C, V, Q: characters
+    System,    ///< 0: bits that belong to other fields
+    Logical,   ///< L
+    Date,      ///< D
+    Moment,    ///< T, @: see GetMoment
+    Decimal,   ///< N, F: decimal text
+    Integer,   ///< I, +
+    Double,    ///< O, and B of length 8
+    Currency,  ///< Y
+    Memo       ///< M, G, B of length 10, W and P of length 4 or 10: see GetMemoReference
+};
+
+/// The class of a field by its letter and length; None also for calculated fields.
+FieldClass GetFieldClass(DbfBase*, int field);
+/// Descriptor byte 18 as the file has it: in Visual FoxPro 1 system field, 2 may be null, 4 binary,
+/// 12 counts by itself; in other tables it means nothing. 0 in level 7, whose descriptors have no
+/// flags, and when it cannot be read.
+u32 GetFieldFlags(DbfBase*, int field);
+/// "dBase III", "FoxPro", "dBase IV", "Visual FoxPro", "SMT", "level 7", or "dBase family" for
+/// every other version. A constant, never null.
+const char* GetFlavourName(DbfBase*);
+/// The kind of CreateDatabase that the flavour has; 4294967295 for a version that has none.
+u32 GetFlavourKind(DbfBase*);
+/// The kind whose memos are stored as the table's are: 0, 1 (also for Visual FoxPro), 2 or 4;
+/// 4294967295 when memos of its version are neither read nor written.
+u32 GetMemoKind(DbfBase*);
+/// Day number (1721060 for 0000-01-01, 5373484 for 9999-12-31) and milliseconds since midnight of a
+/// T or "@" field in any encoding. 0 when it is blank or its bytes are no moment of these years;
+/// of digits, all 14 have to be there.
+int GetMoment(DbfBase*, int field, i32* day, i32* milliseconds);
+/// Stores a moment in a T or "@" field. 0, with nothing stored, when it is none, or one that the
+/// field cannot hold: parts of a second in digits, year 0 in level-7 tables of other makers.
+int SetMoment(DbfBase*, int field, i32 day, i32 milliseconds);
+/// A Y field in ten-thousandths; 0 for other fields.
+int GetCurrencyUnits(DbfBase*, int field, i64* tenThousandths);
+/// Stores ten-thousandths in a Y field; 0 for other fields and one shorter than 8 bytes.
+int SetCurrencyUnits(DbfBase*, int field, i64 tenThousandths);
+/// The block that a field of class Memo refers to and, in SMT tables, the length of the memo, else
+/// 0. The result is 0 when there is no reference: *block is 0 where the field is blank, and
+/// 4294967295 where its bytes are no reference.
+int GetMemoReference(DbfBase*, int field, u32* block, u32* length);
+/// Where the data of a memo lies in the memo file: its first byte, and the one after its last as
+/// the memo says, without prefix and end mark. 1 when the file holds all of it, 2 when the end of
+/// the file cuts it (*end is past it then), 0, with both places 0, when the reference leads to no
+/// memo or it cannot be read. A dBase III memo without an end mark ends with the file. Looks into
+/// MemoFile where the caller keeps it open.
+int GetMemoSpan(DbfBase*, u32 block, u32 length, u64* first, u64* end);
+
+/// Why a filter does not run as it is meant, and where that is in its text.
+enum class FilterFault : u8 {
+    None,
+    NoOperator,          ///< the condition, empty beside a connective without one
+    UnknownField,        ///< what stands left of an operator and is no table field; may be empty
+    ComposedLeft,        ///< the condition that has more than one bare name left of its operator
+    Brackets,            ///< the parenthesis without a partner, the quoted text with one in it that
+                         ///< counts, too, or the text whose groups cannot be computed
+    Quotes,              ///< from the quote that is not closed to the end
+    ConnectiveInQuotes,  ///< "&" or "|", which connect conditions inside quotes, too
+    TooLong,             ///< the condition that is too long with its values, or the whole text
+    Memory
+};
+/// Checks a filter without running it: text as for set_filter. 1, with fault None, when nothing is
+/// wrong with it; else 0, with the first fault and the bytes from *first up to *end that it is
+/// about. A constant left of an operator is no fault.
+int CheckFilter(DbfBase*, const char* filter, FilterFault* fault, u32* first, u32* end);
+/// A condition of a filter, numbered from 0 from left to right: the field that its left side names,
+/// a calculated one, which filters do not know, included, and -1 for any other left side; the place
+/// of its operator, of what follows that, and of its end (signFirst, rightFirst and end are the
+/// same without an operator). 0 when there is no condition of that number.
+int GetFilterCondition(DbfBase*, const char* filter, u32 number, int* field, u32* signFirst,
+                       u32* rightFirst, u32* end);
+/// 1 when a name, in any letter case and without a parenthesis, is that of a function in texts or
+/// arithmetic.
+int IsFunction(const char* name);
+///@}
+
 }  // namespace mira
 
 #if defined(__GNUC__)

@@ -421,6 +421,21 @@ int view(Sample&, Table& h) {
     return first && filtered;
 }
 
+/// What fails is not taken for an answer.
+int ask(Sample&, Table& h) {
+    constexpr const char* filter = "NAME>\"n102\"";
+    u32 block = 0, length = 0, at = 0;
+    u64 first = 0, end = 0;
+    int field = 0;
+    FilterFault found{};
+    if (ReadRecord(h.get(), 0) == 0 || GetMemoReference(h.get(), 2, &block, &length) == 0) return 0;
+    const bool spanned = GetMemoSpan(h.get(), block, length, &first, &end) == 1;
+    const bool checked = CheckFilter(h.get(), filter, &found, &at, &at) != 0;
+    EXPECT_EQ(found, checked ? FilterFault::None : FilterFault::Memory);
+    EXPECT_TRUE(spanned || first + end == 0);
+    return spanned && checked && GetFilterCondition(h.get(), filter, 0, &field, &at, &at, &at) == 1;
+}
+
 int writeThird(Sample&, Table& h) {
     if (ReadRecord(h.get(), 2) == 0) return 0;
     h->RecordBuffer[5] = 'W';
@@ -437,6 +452,7 @@ const Operation kMoves[] = {
     {"open", [](Sample& f, Table& h) { return h = f.open(), h != nullptr ? 1 : 0; }, kNothing,
      true},
     {"view", view, kNothing, true},
+    {"ask", ask, kNothing, true},
     {"append", append, kAppended},
     {"append to a sort order", append, kAppended, false,
      [](DbfBase* h) { return SortBase(h, "NAME", nullptr); }},

@@ -56,6 +56,8 @@ enum class MemoRead {
 };
 inline constexpr u32 kMemoTextMax = 65535;  // the most that a dBase III memo read as text holds
 inline constexpr u32 kMemoNoLimit = 0x7FFFFFFE;
+/// Length of the data after a prefix; none when the bytes are not the prefix of a memo.
+std::optional<u32> decodeMemoPrefix(const MemoFamily&, const u8* prefix);
 /// Block unit from a memo file at its start; kMissingMemoUnit and false when the header is short.
 bool readMemoUnit(std::FILE*, const MemoFamily&, u32* unit);
 /// Reads the memo of a reference; *memo holds *length bytes and a zero byte. limit cuts memos that

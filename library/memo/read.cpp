@@ -40,14 +40,6 @@ MemoRead readToEnd(std::FILE* file, u32 limit, Owned<char>* memo, u32* length) {
     return MemoRead::Found;
 }
 
-/// Length of the data after a prefix; none when it is not a memo prefix.
-std::optional<u32> decodePrefix(const MemoFamily& family, const u8* prefix) {
-    const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
-    const bool marked = std::memcmp(prefix, family.mark, family.markChecked) == 0;
-    if (!marked || stored < family.lengthBias) return std::nullopt;
-    return stored - family.lengthBias;
-}
-
 /// Cuts a length to what the file holds from offset on, and places the file there.
 bool capToFile(std::FILE* file, u64 offset, u32* length) {
     const std::optional<u64> size = fileSize(file);
@@ -65,7 +57,7 @@ MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 le
     const u32 got = ReadFile(file, start, static_cast<i32>(want));
     if (got < family.prefixSize) return MemoRead::None;
     if (family.prefixSize != 0) {
-        const std::optional<u32> said = decodePrefix(family, start);
+        const std::optional<u32> said = decodeMemoPrefix(family, start);
         if (!said) return MemoRead::None;
         length = *said;
     }
@@ -138,6 +130,13 @@ char* getFieldBytes(DbfBase* h, i32 field, u32* length) {
 }
 
 }  // namespace
+
+std::optional<u32> decodeMemoPrefix(const MemoFamily& family, const u8* prefix) {
+    const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
+    const bool marked = std::memcmp(prefix, family.mark, family.markChecked) == 0;
+    if (!marked || stored < family.lengthBias) return std::nullopt;
+    return stored - family.lengthBias;
+}
 
 bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
     u8 header[kMemoHeaderRead];
