@@ -53,7 +53,9 @@ Status refuseLine(const CLI::App& program, const CLI::ParseError& reason,
     } else if (first.empty() || first.front() == '-') {
         error("{}; `mira --help` lists the commands", first.empty() ? "no command" : reason.what());
     } else {
-        error("{}: no such command; `mira --help` lists them", first);
+        const std::string nearest = nearestCommand(program, first);
+        error("{}: no such command; {}", first,
+              nearest.empty() ? "`mira --help` lists them" : "did you mean " + nearest + "?");
     }
     return kFailed;
 }
@@ -65,10 +67,7 @@ int runProgram(int argc, char** argv) {
     program.set_version_flag("--version", "mira " MIRA_VERSION);
     program.require_subcommand(1);
     program.footer(kFooter);
-    for (const auto add : {addInfo, addTables, addShow, addExport, addQuery, addMemo, addImport,
-                           addSet, addDelete, addRecall, addPack, addZap, addCheck}) {
-        add(program, job);
-    }
+    addCommands(program, job);
     addCommonOptions(program, common);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {
