@@ -257,7 +257,7 @@ u64 writeTree(Output& output, const Entries& entries, char filler) {
 void putHeader(Output& output, const IndexFile& old, u64 oldPlace, u64 place, u64 root) {
     std::string header = index::bytesAt(old, oldPlace, kHeader);
     putLe(header, kRootPlace, root, 4);
-    putLe(header, kFreePlace, kNone, 4);
+    putLe(header, kFreePlace, 0, 4);
     output.put(place, header);
 }
 
