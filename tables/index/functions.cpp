@@ -238,10 +238,18 @@ void padText(const Scene& scene, const Node& node, KeyValue& value) {
     value.text.resize(width, with);
 }
 
+/// Half away from zero, where printf would take the even digit.
+double rounded(double number, double decimals) {
+    constexpr double kExact = 9007199254740992;  // beyond it doubles are whole
+    const double power = std::pow(10.0, decimals);
+    return std::fabs(number * power) < kExact ? std::round(number * power) / power : number;
+}
+
 /// A number that does not fit is shown with fewer decimals, and then as asterisks.
-std::string printed(double number, std::size_t width, u32 decimals) {
+std::string printed(double value, std::size_t width, u32 decimals) {
     char digits[400];
     for (u32 shown = decimals + 1; shown-- > 0;) {
+        const double number = rounded(value, shown);
         const int length =
             std::snprintf(digits, sizeof digits, "%.*f", static_cast<int>(shown), number);
         const auto size = static_cast<std::size_t>(length);
@@ -323,8 +331,7 @@ void oneNumber(const Scene& scene, const Node& node, KeyValue& value) {
 
 void roundNumber(const Scene& scene, const Node& node, KeyValue& value) {
     const double number = argument(scene, node, 0, value).number;
-    const double power = std::pow(10.0, std::trunc(argument(scene, node, 1, value).number));
-    value.number = std::round(number * power) / power;
+    value.number = rounded(number, std::trunc(argument(scene, node, 1, value).number));
 }
 
 void iifValue(const Scene& scene, const Node& node, KeyValue& value) {

@@ -142,11 +142,11 @@ std::string indexJson(const IndexFacts& index) {
         JsonObject object;
         object.text("name", tag.name);
         object.text("expression", tag.expression);
-        object.textOrNull("for", tag.condition);
+        object.text("for", tag.condition);
         object.truth("unique", tag.unique);
         object.truth("candidate", tag.candidate);
         object.truth("descending", tag.descending);
-        object.textOrNull("collation", tag.collation);
+        object.text("collation", tag.collation);
         object.raw("keys", tag.bitmap ? "null" : std::to_string(index.keys[i]));
         tags.push_back(object.whole());
     }
