@@ -84,6 +84,9 @@ bool isNull(const Table& table, const Column& column);
 /// The stored bytes of the column in the current record.
 std::string_view storedBytes(const Table& table, const Column& column);
 
+/// The bytes of a V or Q field that count by the null flags; fault says when their length does not fit.
+std::string_view variableBytes(const Table& table, const Column& column, Fault& fault);
+
 /// Digits to a whole number of 64 bits; nothing when they are none or the number has decimals.
 std::optional<i64> toInteger(std::string_view digits);
 /// Digits to the nearest double.

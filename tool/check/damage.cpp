@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "check/indexdamage.h"
 #include "check/memodamage.h"
 #include "select/records.h"
 #include "tables/open/open.h"
@@ -201,6 +202,7 @@ void checkTable(Table& table, const Report& report) {
     });
     checkMemos(check.memos, check.cells, check.faults, report);
     reportLetters(check.faults, report);
+    checkIndexes(table, report);
 }
 
 }  // namespace mira::tool

@@ -5,8 +5,10 @@
 #include <filesystem>
 
 #include "select/records.h"
+#include "tables/index/compare.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
+#include "tables/page/refusal.h"
 #include "tables/value/memo.h"
 
 namespace mira::tool {
@@ -33,6 +35,31 @@ u64 countDeleted(const Table& table) {
     return deleted;
 }
 
+std::string inUtf8(const Table& table, std::string_view bytes) {
+    std::string text;
+    toUtf8(*table.page.page, bytes, text);
+    return text;
+}
+
+IndexFacts indexFacts(const Table& table, const std::string& path) {
+    IndexFacts facts;
+    facts.path = path;
+    try {
+        const IndexFile file = openIndex(path);
+        for (const Tag& tag : file.tags) {
+            facts.keys.push_back(countKeys(file, tag));
+            Tag& shown = facts.tags.emplace_back(tag);
+            for (std::string* text : {&shown.name, &shown.expression, &shown.condition}) {
+                *text = inUtf8(table, *text);
+            }
+        }
+        facts.kind = kindName(file.kind);
+    } catch (const Refusal& damage) {
+        facts.fault = damage.what();
+    }
+    return facts;
+}
+
 }  // namespace
 
 Facts factsOf(Table& table, bool countRecords) {
@@ -48,6 +75,11 @@ Facts factsOf(Table& table, bool countRecords) {
         facts.memoUnit = memoUnit(table);
     }
     facts.indexFiles = indexFilesBeside(table.path);
+    if (countRecords) {
+        for (const std::string& path : facts.indexFiles) {
+            facts.indexes.push_back(indexFacts(table, path));
+        }
+    }
     facts.indexFlag = (table.tableFlags & 1) != 0;
     facts.repairs = repairsOf(table);
     if (countRecords) facts.deleted = countDeleted(table);

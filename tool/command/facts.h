@@ -6,8 +6,18 @@
 
 #include "tables.h"
 #include "tables/column/column.h"
+#include "tables/index/index.h"
 
 namespace mira::tool {
+
+/// An index file and what its tags hold.
+struct IndexFacts {
+    std::string path;
+    std::string kind;       // "cdx"; empty when it cannot be read
+    std::string fault;      // why not
+    std::vector<Tag> tags;  // texts in UTF-8
+    std::vector<u64> keys;  // entries of each
+};
 
 struct Facts {
     std::string updated;  // "2024-03-05"; empty when the header has no date
@@ -17,11 +27,12 @@ struct Facts {
     u32 memoUnit = 0;
     u64 memoSize = 0;
     std::vector<std::string> indexFiles;
+    std::vector<IndexFacts> indexes;
     bool indexFlag = false;  // header byte 28 says that there is a structural index
     std::vector<std::string> repairs;
 };
 
-/// Reads every record to count the deleted ones when countRecords is set.
+/// Reads every record to count the deleted ones, and the index files, when countRecords is set.
 Facts factsOf(Table& table, bool countRecords);
 
 }  // namespace mira::tool

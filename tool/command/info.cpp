@@ -63,6 +63,37 @@ void putFields(Output& out, const Table& table) {
     putGrid(out, grid, rows);
 }
 
+/// "unique, descending"
+std::string flagsOf(const Tag& tag) {
+    std::vector<std::string> flags;
+    if (tag.unique) flags.emplace_back("unique");
+    if (tag.candidate) flags.emplace_back("candidate");
+    if (tag.descending) flags.emplace_back("descending");
+    if (tag.bitmap) flags.emplace_back("bitmap");
+    return joined(flags);
+}
+
+void putIndexes(Output& out, const Facts& facts) {
+    for (const IndexFacts& index : facts.indexes) {
+        if (!index.fault.empty()) {
+            out.put(fmt::format("\n  {}\n", escaped(index.fault)));
+            continue;
+        }
+        Grid grid;
+        grid.indent = "  ";
+        grid.columns = {{"tag"}, {"expression"}, {"for"}, {"flags"}, {"collation"}, {"keys", true}};
+        std::vector<std::vector<std::string>> rows;
+        for (std::size_t i = 0; i < index.tags.size(); ++i) {
+            const Tag& tag = index.tags[i];
+            rows.push_back({escaped(tag.name), escaped(tag.expression), escaped(tag.condition),
+                            flagsOf(tag), escaped(tag.collation),
+                            tag.bitmap ? "" : std::to_string(index.keys[i])});
+        }
+        out.put(fmt::format("\n  {} ({})\n", escaped(index.path), index.kind));
+        putGrid(out, grid, rows);
+    }
+}
+
 void putText(Output& out, const Table& table, const Facts& facts) {
     const auto line = [&](std::string_view name, std::string_view text) {
         out.put(fmt::format("  {:<13}{}\n", name, text));
@@ -83,6 +114,7 @@ void putText(Output& out, const Table& table, const Facts& facts) {
     for (const std::string& sentence : table.notes) line("note", escaped(sentence));
     out.put("\n");
     putFields(out, table);
+    putIndexes(out, facts);
 }
 
 // --------------------------------------------------------------------------------------------
@@ -103,6 +135,29 @@ std::string fieldJson(const Table& table, const Column& column) {
     return field.whole();
 }
 
+std::string indexJson(const IndexFacts& index) {
+    std::vector<std::string> tags;
+    for (std::size_t i = 0; i < index.tags.size(); ++i) {
+        const Tag& tag = index.tags[i];
+        JsonObject object;
+        object.text("name", tag.name);
+        object.text("expression", tag.expression);
+        object.text("for", tag.condition);
+        object.truth("unique", tag.unique);
+        object.truth("candidate", tag.candidate);
+        object.truth("descending", tag.descending);
+        object.text("collation", tag.collation);
+        object.raw("keys", tag.bitmap ? "null" : std::to_string(index.keys[i]));
+        tags.push_back(object.whole());
+    }
+    JsonObject object;
+    object.text("file", index.path);
+    object.textOrNull("kind", index.kind);
+    object.raw("tags", textOf('[', joined(tags, ","), ']'));
+    object.textOrNull("fault", index.fault);
+    return object.whole();
+}
+
 void putJson(Output& out, const Table& table, const Facts& facts) {
     JsonObject object;
     object.text("file", table.path);
@@ -120,6 +175,9 @@ void putJson(Output& out, const Table& table, const Facts& facts) {
     object.number("memo_block", facts.memoUnit);
     object.number("memo_bytes", facts.memoSize);
     object.texts("index_files", facts.indexFiles);
+    std::vector<std::string> indexes;
+    for (const IndexFacts& index : facts.indexes) indexes.push_back(indexJson(index));
+    object.raw("indexes", textOf('[', joined(indexes, ","), ']'));
     object.textOrNull("container", table.container);
     std::vector<std::string> fields;
     for (const Column& column : table.columns) fields.push_back(fieldJson(table, column));
