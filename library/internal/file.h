@@ -79,6 +79,14 @@ bool seekTo(std::FILE*, u64 offset);
 /// All count bytes, or false.
 bool readExact(std::FILE*, void* buffer, u32 count);
 bool writeExact(std::FILE*, const void* buffer, u32 count);
+/// Reads up to count bytes at an offset of a stream with nothing in its buffer, whose position
+/// stays; *got becomes their number. False on an error.
+bool readPlaced(std::FILE*, u64 offset, void* buffer, u32 count, u32* got);
+/// Has the operating system put a file on the disk, or a folder's names. Where a file system knows
+/// no such call, that counts as done.
+bool synchronise(int descriptor);
+/// The same for the folder in which a path is.
+bool synchroniseFolder(const char* path);
 /// Size of the file, if it can be told; leaves the position at its end.
 std::optional<u64> fileSize(std::FILE*);
 

@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 #include "internal/file.h"
+#include "internal/paths.h"
 
 namespace mira {
 namespace {
@@ -91,6 +93,37 @@ bool readExact(std::FILE* file, void* buffer, u32 count) {
 
 bool writeExact(std::FILE* file, const void* buffer, u32 count) {
     return count <= kReachable && put(file, buffer, count) == count;
+}
+
+bool readPlaced(std::FILE* file, u64 offset, void* buffer, u32 count, u32* got) {
+    *got = 0;
+    while (*got < count) {
+        const ssize_t more = pread(fileno(file), static_cast<char*>(buffer) + *got, count - *got,
+                                   static_cast<off_t>(offset + *got));
+        if (more < 0) return false;
+        if (more == 0) break;
+        *got += static_cast<u32>(more);
+    }
+    return true;
+}
+
+bool synchronise(int descriptor) {
+    return fsync(descriptor) == 0 || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+}
+
+bool synchroniseFolder(const char* path) {
+    const Owned<char> name = copyText(path);
+    if (!name) return false;
+    const std::size_t length = splitPath(path).dir.size();
+    name.get()[length] = 0;
+    const int fd = open(length != 0 ? name.get() : ".", O_RDONLY | O_DIRECTORY);
+    if (fd < 0 && errno == EACCES) {  // one that may be changed but not read
+        sync();
+        return true;
+    }
+    const bool done = fd >= 0 && synchronise(fd);
+    if (fd >= 0) close(fd);
+    return done;
 }
 
 std::optional<u64> fileSize(std::FILE* file) {

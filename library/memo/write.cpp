@@ -20,12 +20,11 @@ struct Place {
 
 /// False when the header is short, or leads to a place where no memo may be: the header itself, or
 /// beyond what a memo file can hold.
-bool findPlace(std::FILE* file, const MemoFamily& family, u64 size, Place* place) {
-    u8 header[kMemoHeaderRead];
-    if (!readExact(file, header, family.headerSize)) return false;
-    const u32 unit = memoUnit(family, header);
+bool findPlace(const MemoHead& head, const MemoFamily& family, u64 size, Place* place) {
+    if (head.size < family.headerSize) return false;
+    const u32 unit = memoUnit(family, head.bytes);
     if (unit == 0) return false;
-    place->block = loadMemo32(family, header);
+    place->block = loadMemo32(family, head.bytes);
     place->offset = u64{unit} * place->block;
     if (place->offset < family.headerSize || place->offset + size > kReachable) return false;
     place->next = place->block + static_cast<u32>((size + unit - 1) / unit);
@@ -59,6 +58,13 @@ u32 textLength(const char* text) {
     return length <= kReachable ? static_cast<u32>(length) : 0;
 }
 
+/// For a caller who has opened MemoFile himself.
+u32 appendBlock(DbfBase* h, const MemoFamily& family, const char* bytes, u32 length) {
+    MemoHead head;
+    return readMemoHead(h->MemoFile, &head) ? appendMemo(h->MemoFile, head, family, bytes, length)
+                                            : 0;
+}
+
 }  // namespace
 
 u32 encodeMemoPrefix(const MemoFamily& family, u32 length, u8* to) {
@@ -68,11 +74,12 @@ u32 encodeMemoPrefix(const MemoFamily& family, u32 length, u8* to) {
     return family.prefixSize;
 }
 
-u32 appendMemo(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
+u32 appendMemo(std::FILE* file, const MemoHead& head, const MemoFamily& family, const char* bytes,
+               u32 length) {
     if (bytes == nullptr && length != 0) return 0;
     const u64 size = u64{family.prefixSize} + length + family.endSize;
     Place place;
-    if (!findPlace(file, family, size, &place) || !seekTo(file, place.offset) ||
+    if (!findPlace(head, family, size, &place) || !seekTo(file, place.offset) ||
         !writeData(file, family, bytes, length) || !writeCounter(file, family, place.next)) {
         return 0;
     }
@@ -85,7 +92,7 @@ int SetMemoBuf(DbfBase* h, u32 field, const char* bytes, u32 length) {
     if (family == nullptr || bytes == nullptr || length == 0) return 0;
     if (if_memo_type(h, number) == 0 || !hasRoomForReference(h, number)) return 0;
     const OpenMemoFile open(h);
-    const u32 block = open ? appendMemo(h->MemoFile, *family, bytes, length) : 0;
+    const u32 block = open ? appendMemo(h->MemoFile, open.head(), *family, bytes, length) : 0;
     if (block == 0) return 0;
     setMemoReference(h, number, {block, length});
     return 1;
@@ -96,19 +103,19 @@ int SetMemo(DbfBase* h, u32 field, const char* text) {
 }
 
 u32 Set_dBase3Buf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kDBase3Memo, bytes, length);
+    return appendBlock(h, kDBase3Memo, bytes, length);
 }
 
 u32 Set_dBase4Buf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kDBase4Memo, bytes, length);
+    return appendBlock(h, kDBase4Memo, bytes, length);
 }
 
 u32 Set_FoxProBuf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kFoxProMemo, bytes, length);
+    return appendBlock(h, kFoxProMemo, bytes, length);
 }
 
 u32 Set_SMTBuf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kSmtMemo, bytes, length);
+    return appendBlock(h, kSmtMemo, bytes, length);
 }
 
 u32 Set_dBase3(DbfBase* h, const char* text) { return Set_dBase3Buf(h, text, textLength(text)); }

@@ -19,7 +19,6 @@ struct PrivateState {
     ReadAhead ahead;
     u32 sortOrderCount = 0;      ///< entries in SortOrder; 0 for as many as reccount()
     std::optional<FileId> file;  ///< the table's, which none of its other files may be
-    bool unfinished = true;      ///< a rebuild of the memo file may have stopped half-way
     bool packing = false;        ///< Pack is giving records their new memo references
     bool foreignLevel7 = false;  ///< level-7 table of another maker: signed integers
     /// Prepared expressions, as the modules that prepare them keep them.

@@ -1,0 +1,14 @@
+// The record step of packing.
+#pragma once
+
+#include "mira.h"
+
+namespace mira {
+
+class ChangedRecords;
+
+/// Moves the records that are not marked deleted to the front and cuts the table after them. They
+/// are read as they were before, where that has been kept.
+int packRecords(DbfBase*, bool writable, ChangedRecords* readBefore = nullptr);
+
+}  // namespace mira
