@@ -1,14 +1,17 @@
-// What fails on the way, and what is killed: each allocation, open, seek, read, write, cut and
-// change of names of an operation in turn, once or from then on, and the end of the process at each
-// change of a file or inside it. The linker sends those calls of this program and of the library to
-// the wrappers below (--wrap).
+// What fails on the way, and what is killed: each allocation, open, seek, read, write, cut, change
+// of names and look at a file of an operation in turn, or all that takes room on a full disk, once
+// or from then on; and the end of the process at each change of a file or inside it. The linker
+// sends those calls of this program and of the library to the wrappers below (--wrap).
 //
 // A part of all this takes some seconds; MIRA_FAULT_ALL=1 runs it whole and tells how much it was.
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <iostream>
@@ -20,7 +23,20 @@
 
 namespace {
 
-enum Kind { kShortWrite, kAllocate, kOpen, kSeek, kRead, kWrite, kCut, kName, kKinds };
+enum Kind {
+    kShortWrite,
+    kAllocate,
+    kOpen,
+    kSeek,
+    kRead,
+    kWrite,
+    kCut,
+    kName,
+    kLook,
+    kFull,
+    kKinds
+};
+constexpr int kErrors[] = {EIO, ENOMEM, EMFILE, EIO, EIO, EIO, EIO, EIO, EIO, ENOSPC};
 
 struct {
     int kind = kKinds;
@@ -37,6 +53,7 @@ bool noLinks = false;  // files have one name only
 bool fails(Kind kind) {
     if (fault.kind != kind || --fault.countdown > 0) return false;
     if (fault.countdown < 0 && !fault.lasting) return false;
+    errno = kErrors[kind];
     return fault.met = true;
 }
 
@@ -46,6 +63,16 @@ bool isKilled() { return fault.changesLeft > 0 && --fault.changesLeft == 0; }
 bool endsOrFails(Kind kind) {
     if (isKilled()) _exit(0);
     return fails(kind);
+}
+
+/// A call that creates a file or gives one a second name.
+bool failsOnFull(Kind kind) { return fails(kind) || fails(kFull); }
+
+/// A write at a place of a file.
+bool failsToExtend(int fd, off_t at, std::size_t count) {
+    struct stat info;
+    return fault.kind == kFull && fstat(fd, &info) == 0 &&
+           at + static_cast<off_t>(count) > info.st_size && fails(kFull);
 }
 
 /// Puts another file under a stream for one call, so that it fails as in real life.
@@ -68,6 +95,9 @@ WRAP(void*, calloc, fails(kAllocate), nullptr, (std::size_t n, std::size_t size)
 WRAP(void*, realloc, fails(kAllocate), nullptr, (void* block, std::size_t size), (block, size))
 WRAP(std::FILE*, LARGE(fopen), fails(kOpen), nullptr, (const char* path, const char* mode),
      (path, mode))
+WRAP(int, LARGE(open),
+     (flags & O_CREAT) != 0 && access(path, F_OK) != 0 ? failsOnFull(kOpen) : fails(kOpen), -1,
+     (const char* path, int flags, ...), (path, flags, 0600))
 WRAP(std::FILE*, fdopen, fails(kOpen), nullptr, (int fd, const char* mode), (fd, mode))
 WRAP(int, LARGE(fseeko), fails(kSeek), -1, (std::FILE * file, off_t to, int from), (file, to, from))
 WRAP(std::size_t, fread, fails(kRead),
@@ -75,8 +105,14 @@ WRAP(std::size_t, fread, fails(kRead),
      (void* to, std::size_t size, std::size_t n, std::FILE* file), (to, size, n, file))
 WRAP(int, LARGE(ftruncate), endsOrFails(kCut), -1, (int fd, off_t size), (fd, size))
 WRAP(int, rename, endsOrFails(kName), -1, (const char* from, const char* to), (from, to))
-WRAP(int, link, noLinks || endsOrFails(kName), -1, (const char* from, const char* to), (from, to))
+WRAP(int, link, noLinks || endsOrFails(kName) || fails(kFull), -1,
+     (const char* from, const char* to), (from, to))
 WRAP(int, fsync, fails(kName), -1, (int fd), (fd))
+WRAP(int, flock, fails(kLook), -1, (int fd, int operation), (fd, operation))
+WRAP(int, fchmod, fails(kLook), -1, (int fd, mode_t mode), (fd, mode))
+WRAP(int, LARGE(lstat), fails(kLook), -1, (const char* path, struct stat* info), (path, info))
+WRAP(ssize_t, LARGE(pread), fails(kRead), -1, (int fd, void* to, std::size_t count, off_t at),
+     (fd, to, count, at))
 
 std::size_t __real_fwrite(const void* from, std::size_t size, std::size_t n, std::FILE* file);
 std::size_t __wrap_fwrite(const void* from, std::size_t size, std::size_t n, std::FILE* file) {
@@ -86,7 +122,9 @@ std::size_t __wrap_fwrite(const void* from, std::size_t size, std::size_t n, std
     }
     const std::size_t half = fails(kShortWrite) ? __real_fwrite(from, size, n / 2, file) : 0;
     const auto call = [&] { return __real_fwrite(from, size, n, file); };
-    return half != 0 || fails(kWrite) ? onOther(O_RDONLY, file, call) + half : call();
+    return half != 0 || fails(kWrite) || failsToExtend(fileno(file), ftello(file), size * n)
+               ? onOther(O_RDONLY, file, call) + half
+               : call();
 }
 }
 
@@ -343,7 +381,8 @@ private:
         const bool judged = result != 0 || !operation_.packs;
         if (judged) expectNothingLost(where, torn, done);
         if (operation_.inspect) operation_.inspect(sample_);
-        expectNoTemporaryFile(where);
+        // One that bears the only name that can be had stays for the next call.
+        if (!noLinks || !lasting || kind != kName) expectNoTemporaryFile(where);
         runs.faults += met;
         const std::string again = where + ", once more";
         if (lasting) {
