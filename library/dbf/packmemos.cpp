@@ -181,14 +181,6 @@ struct Log {
     const u8* becomes(u32 record) const { return was(record) + fields.width; }
 };
 
-/// Writes a record while the log is there. BeforeWrite sees it as it is to be.
-bool writePacked(DbfBase* h, u32 record) {
-    PrivateState* const state = keepPrivate(h);
-    if (state == nullptr) return false;
-    const Restore packing(state->packing, true);
-    return InternalWriteRecord(h, record) != 0;
-}
-
 /// Second pass: gives the records their new references. The number of records done.
 template <typename Read>
 u32 writeReferences(DbfBase* h, const Log& log, bool sure, Read read) {

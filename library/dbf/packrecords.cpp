@@ -6,8 +6,10 @@
 #include "dbf/changedrecords.h"
 #include "dbf/move.h"
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
+#include "internal/restore.h"
 
 namespace mira {
 
@@ -34,7 +36,7 @@ public:
     bool add(u32 from) {
         const u32 record = next_++;
         if (record == from) return true;
-        if (!gather_) return WriteRecord(h_, record) != 0 || drop(record);
+        if (!gather_) return writePacked(h_, record) || drop(record);
         const u32 length = h_->Header.RecordLength;
         if (used_ == 0) first_ = record;
         std::memcpy(buffer_.get() + used_, h_->RecordBuffer, length);
@@ -108,6 +110,13 @@ bool ChangedRecords::readAgain(u32 record) {
     std::memcpy(h_->RecordBuffer, changed_.data() + place_ + sizeof next, length);
     place_ += sizeof next + length;
     return true;
+}
+
+bool writePacked(DbfBase* h, u32 record) {
+    PrivateState* const state = keepPrivate(h);
+    if (state == nullptr) return false;
+    const Restore packing(state->packing, true);
+    return InternalWriteRecord(h, record) != 0;
 }
 
 int packRecords(DbfBase* h, bool writable, ChangedRecords* readBefore) {

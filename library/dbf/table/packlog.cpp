@@ -54,7 +54,7 @@ bool isBlankReference(const DbfBase* h, const DbfField& field, std::span<const u
 bool mayWriteMemoFields(DbfBase* h, u32 record, u32 column, u32 count) {
     int field = h->FirstMemoField;
     while (field < h->FieldCount && !isNewReference(h, field, column, count)) ++field;
-    if (field == h->FieldCount || isPacking(h) || IsPackUnfinished(h) == 0) return true;
+    if (field == h->FieldCount || IsPackUnfinished(h) == 0) return true;
     u32 got = 0;
     const Owned<u8> stored = allocate<u8>(count);
     if (!stored || !readTable(h, offsetOf(h, record, column), stored.get(), count, &got, true) ||

@@ -46,7 +46,8 @@ bool mayWriteMemoFields(DbfBase*, u32 record, u32 column, u32 count);
 /// Whether RecordBuffer may go into a record of the file, count bytes from a column on: while there
 /// is a log, references may be cleared or written over themselves, not changed.
 inline bool mayWriteReferences(DbfBase* h, u32 record, u32 column, u32 count) {
-    return h->FirstMemoField == -1 || count == 1 || mayWriteMemoFields(h, record, column, count);
+    return h->FirstMemoField == -1 || count == 1 || isPacking(h) ||
+           mayWriteMemoFields(h, record, column, count);
 }
 
 }  // namespace mira
