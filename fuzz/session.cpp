@@ -286,12 +286,14 @@ struct Session {
         CHECK_EQUAL(Pack(h, drop ? 0 : 2), 1);
         goBack();
         open();
-        for (u32 left = input.below(8); left > 0 && !rows.empty(); --left) {
-            DbfBase* const editor = input.below(2) == 0 ? h : before.get();
-            RefreshDatabase(editor);
-            editMemos(editor, input);
-        }
-        CHECK_EQUAL(Pack(input.below(2) == 0 ? h : before.get(), 2), 1);
+        const auto editor = [&] {
+            DbfBase* const either = input.below(2) == 0 ? h : before.get();
+            RefreshDatabase(either);
+            return either;
+        };
+        for (u32 left = input.below(8); left > 0 && !rows.empty(); --left)
+            editMemos(editor(), input);
+        CHECK_EQUAL(Pack(editor(), 2), 1);
         open();
         touchAll();
     }
