@@ -117,21 +117,13 @@ u32 memoUnit(const Table& table) {
     return table.memoFormat == MemoFormat::DBase3 ? kDBase3Unit : GetBlockSize(table.base.get());
 }
 
-bool isHalfPacked(std::FILE* memos) {
-    constexpr std::string_view kSign = "Pack unfinished";
-    constexpr u32 kSignPlace = 24;
-    char sign[kSign.size()];
-    return memos != nullptr && readFileAt(memos, kSignPlace, sign, sizeof sign) == sizeof sign &&
-           std::string_view(sign, sizeof sign) == kSign;
-}
-
 bool openMemos(MemoReader& reader, const Table& table) {
     if (!reader.measured) {
         reader.measured = true;
         if (table.base->MemoFileName != nullptr) {
             reader.file.reset(Open_FileRO(table.base->MemoFileName));
         }
-        if (isHalfPacked(reader.file.get())) reader.file.reset();
+        if (IsPackUnfinished(table.base.get()) != 0) reader.file.reset();
         if (reader.file) {
             reader.unit = memoUnit(table);
             reader.size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);

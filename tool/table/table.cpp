@@ -340,7 +340,7 @@ std::string memoFileFault(const Table& table) {
     if (!fs::exists(memos, ignored)) {
         return textOf("its memo file ", memos.filename().string(), " is missing");
     }
-    if (!isHalfPacked(File(Open_FileRO(memos.c_str())).get())) return "";
+    if (IsPackUnfinished(table.base.get()) != 1) return "";
     return "a pack was interrupted, and until `mira pack` has finished it no memo can be read or "
            "written";
 }
