@@ -151,6 +151,12 @@ std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size
     return n;
 }
 
+ssize_t pwriteStream(Stream* s, const void* from, std::size_t count, off_t at) {
+    const bool done =
+        s->access != O_RDONLY && writeAt(*s->file, static_cast<std::size_t>(at), from, count);
+    return done ? static_cast<ssize_t>(count) : -1;
+}
+
 int seekStream(Stream* s, off_t offset, int whence) {
     const std::size_t base = whence == SEEK_CUR ? s->at : whence == SEEK_END ? s->file->size() : 0;
     const off_t to = static_cast<off_t>(base) + offset;
@@ -238,6 +244,8 @@ WRAP(std::size_t, fwrite, of(file), writeStream(of(file), from, size, n),
      (const void* from, std::size_t size, std::size_t n, std::FILE* file), (from, size, n, file))
 WRAP(ssize_t, LARGE(pread), of(fd), readAt(of(fd), to, count, from),
      (int fd, void* to, std::size_t count, off_t from), (fd, to, count, from))
+WRAP(ssize_t, LARGE(pwrite), of(fd), pwriteStream(of(fd), from, count, at),
+     (int fd, const void* from, std::size_t count, off_t at), (fd, from, count, at))
 WRAP(int, LARGE(fseeko), of(file), seekStream(of(file), to, whence),
      (std::FILE * file, off_t to, int whence), (file, to, whence))
 WRAP(off_t, LARGE(ftello), of(file), static_cast<off_t>(of(file)->at), (std::FILE * file), (file))

@@ -89,6 +89,31 @@ bool failsToExtend(int fd, off_t at, std::size_t count) {
            at + static_cast<off_t>(count) > info.st_size && fails(kFull);
 }
 
+/// A write at a place of a file; put does the first bytes of it. Nothing when it fails without a
+/// byte.
+template <typename Put>
+std::optional<std::size_t> write(int fd, off_t at, std::size_t count, Put put) {
+    note('w', fd);
+    if (isKilled()) {
+        put(count * static_cast<std::size_t>(fault.eighths) / 8);
+        _exit(0);
+    }
+    if (fails(kShortWrite) && count > 1) return put(count / 2);
+    if (fails(kWrite) || failsToExtend(fd, at, count)) return std::nullopt;
+    return put(count);
+}
+
+/// The same for a caller who goes on after a write that was cut short: that fails then.
+template <typename Put>
+ssize_t placed(int fd, off_t at, std::size_t count, Put put) {
+    static bool cut = false;
+    if (std::exchange(cut, false)) return -1;
+    const auto first = [&](std::size_t bytes) { return static_cast<std::size_t>(put(bytes)); };
+    const std::optional<std::size_t> done = write(fd, at, count, first);
+    cut = done && *done < count;
+    return done ? static_cast<ssize_t>(*done) : -1;
+}
+
 /// Puts another file under a stream for one call, so that it fails as in real life.
 template <typename Call>
 std::size_t onOther(int mode, std::FILE* file, Call call) {
@@ -130,17 +155,14 @@ WRAP(ssize_t, LARGE(pread), fails(kRead), -1, (int fd, void* to, std::size_t cou
 
 std::size_t __real_fwrite(const void* from, std::size_t size, std::size_t n, std::FILE* file);
 std::size_t __wrap_fwrite(const void* from, std::size_t size, std::size_t n, std::FILE* file) {
-    note('w', fileno(file));
-    if (isKilled()) {
-        __real_fwrite(from, size, n * static_cast<std::size_t>(fault.eighths) / 8, file);
-        _exit(0);
-    }
-    const std::size_t half = fails(kShortWrite) ? __real_fwrite(from, size, n / 2, file) : 0;
-    const auto call = [&] { return __real_fwrite(from, size, n, file); };
-    return half != 0 || fails(kWrite) || failsToExtend(fileno(file), ftello(file), size * n)
-               ? onOther(O_RDONLY, file, call) + half
-               : call();
+    const auto put = [&](std::size_t count) { return __real_fwrite(from, 1, count, file); };
+    const std::size_t done = write(fileno(file), ftello(file), size * n, put).value_or(0) / size;
+    if (done < n) onOther(O_RDONLY, file, [&] { return __real_fwrite(from, size, n, file); });
+    return done;
 }
+WRAP(ssize_t, LARGE(pwrite), true,
+     placed(fd, at, count, [&](std::size_t n) { return REAL(LARGE(pwrite))(fd, from, n, at); }),
+     (int fd, const void* from, std::size_t count, off_t at), (fd, from, count, at))
 }
 
 [[gnu::noinline]] void* operator new(std::size_t size) {

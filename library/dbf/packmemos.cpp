@@ -142,7 +142,8 @@ bool copyMemo(DbfBase* h, int field, const OldMemos& from, MemoBuilder* to) {
     MemoRead found = MemoRead::None;
     if (old.block != 0 || old.length != 0) {
         if (from.unit == 0) return false;  // nobody can tell where it leads
-        found = readMemo(from.file, from.family, from.unit, old, kMemoNoLimit, &memo, &length);
+        found =
+            readMemo(fileno(from.file), from.family, from.unit, old, kMemoNoLimit, &memo, &length);
     }
     ClearField(h, field);
     if (found != MemoRead::Found || length == 0) return found != MemoRead::Failed;

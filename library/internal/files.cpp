@@ -56,6 +56,18 @@ std::optional<FileId> nameId(const char* path) {
 
 bool isSameFile(std::optional<FileId> a, std::optional<FileId> b) { return a && a == b; }
 
+int openRegular(const char* path, int flags, FileId* id) {
+    const int fd = path != nullptr ? open(path, flags | O_NONBLOCK | O_NOCTTY) : -1;
+    struct stat info;
+    if (fd < 0) return fd;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        *id = {info.st_dev, info.st_ino};
+        return fd;
+    }
+    close(fd);
+    return -1;
+}
+
 std::FILE* openUnbuffered(int fd, const char* mode, FileId* id) {
     struct stat info;
     const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
@@ -95,16 +107,33 @@ bool writeExact(std::FILE* file, const void* buffer, u32 count) {
     return count <= kReachable && put(file, buffer, count) == count;
 }
 
-bool readPlaced(std::FILE* file, u64 offset, void* buffer, u32 count, u32* got) {
+bool readPlaced(int descriptor, u64 offset, void* buffer, u32 count, u32* got) {
     *got = 0;
     while (*got < count) {
-        const ssize_t more = pread(fileno(file), static_cast<char*>(buffer) + *got, count - *got,
+        const ssize_t more = pread(descriptor, static_cast<char*>(buffer) + *got, count - *got,
                                    static_cast<off_t>(offset + *got));
         if (more < 0) return false;
         if (more == 0) break;
         *got += static_cast<u32>(more);
     }
     return true;
+}
+
+bool writePlaced(int descriptor, u64 offset, const void* buffer, u32 count) {
+    const auto* from = static_cast<const char*>(buffer);
+    for (u32 done = 0; done < count;) {
+        const ssize_t more =
+            pwrite(descriptor, from + done, count - done, static_cast<off_t>(offset + done));
+        if (more <= 0) return false;
+        done += static_cast<u32>(more);
+    }
+    return true;
+}
+
+std::optional<u64> sizeOf(int descriptor) {
+    struct stat info;
+    if (fstat(descriptor, &info) != 0) return std::nullopt;
+    return static_cast<u64>(info.st_size);
 }
 
 bool synchronise(int descriptor) {

@@ -61,7 +61,7 @@ inline constexpr u32 kMemoNoLimit = 0x7FFFFFFE;
 bool readMemoUnit(const MemoHead&, const MemoFamily&, u32* unit);
 /// Reads the memo of a reference; *memo holds *length bytes and a zero byte. Blocks of no bytes
 /// hold none. limit cuts memos that have an end byte in place of a length.
-MemoRead readMemo(std::FILE*, const MemoFamily&, u32 unit, MemoReference, u32 limit,
+MemoRead readMemo(int descriptor, const MemoFamily&, u32 unit, MemoReference, u32 limit,
                   Owned<char>* memo, u32* length);
 
 // create.cpp
@@ -75,7 +75,7 @@ void buildMemoHeader(const MemoFamily&, u32 unit, u8* header);
 /// The bytes before a memo's data; their number.
 u32 encodeMemoPrefix(const MemoFamily&, u32 length, u8* to);
 /// Appends a memo to a memo file and advances the counter. The block; 0 on failure.
-u32 appendMemo(std::FILE*, const MemoHead&, const MemoFamily&, const char* bytes, u32 length);
+u32 appendMemo(int descriptor, const MemoHead&, const MemoFamily&, const char* bytes, u32 length);
 
 inline u32 loadMemo32(const MemoFamily& family, const u8* from) {
     return family.bigEndian ? loadBe32(from) : loadLe32(from);
@@ -96,32 +96,23 @@ inline bool isTable(const DbfBase* h, FileId file) {
     return file == (h->Private != nullptr ? h->Private->file : fileId(h->TableFile));
 }
 
-/// MemoFile, open for as long as this lives, and its beginning. Null also when it has the log of an
-/// interrupted Pack, or that cannot be told.
+/// The memo file, open for as long as this lives, and its beginning. Not open also when it has the
+/// log of an interrupted Pack, or that cannot be told.
 class OpenMemoFile {
 public:
-    explicit OpenMemoFile(DbfBase* h) : handle_(h) {
-        FileId id{};
-        h->MemoFile = openFile(h->MemoFileName, false, &id);
-        if (isTable(h, id) || !readMemoHead(h->MemoFile, &head_) ||
-            (head_.hasLog() && !isPacking(h))) {
-            close();
-        }
-    }
-    ~OpenMemoFile() { close(); }
+    explicit OpenMemoFile(DbfBase*);
+    ~OpenMemoFile() { shut(); }
     OpenMemoFile(const OpenMemoFile&) = delete;
     OpenMemoFile& operator=(const OpenMemoFile&) = delete;
 
-    explicit operator bool() const { return handle_->MemoFile != nullptr; }
+    explicit operator bool() const { return descriptor_ >= 0; }
+    int descriptor() const { return descriptor_; }
     const MemoHead& head() const { return head_; }
 
 private:
-    void close() {
-        if (handle_->MemoFile != nullptr) std::fclose(handle_->MemoFile);
-        handle_->MemoFile = nullptr;
-    }
+    void shut();
 
-    DbfBase* handle_;
+    int descriptor_;
     MemoHead head_;
 };
 

@@ -1,5 +1,8 @@
 // Reading memos. One reader follows the rows of the family table. Lengths in block headers and
 // references are untrusted: no more is allocated than the file holds.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -13,7 +16,7 @@ namespace {
 constexpr u32 kFirstRead = 4096;
 
 /// Data from an offset up to the end byte, at most limit bytes; at the end of the file none.
-MemoRead readToEnd(std::FILE* file, u64 offset, u32 limit, Owned<char>* memo, u32* length) {
+MemoRead readToEnd(int file, u64 offset, u32 limit, Owned<char>* memo, u32* length) {
     std::size_t capacity = kMemoTextMax;
     Owned<char> text = allocate<char>(capacity + 1);
     if (!text) return MemoRead::Failed;
@@ -52,8 +55,8 @@ std::optional<u32> decodePrefix(const MemoFamily& family, const u8* prefix) {
 }
 
 /// Cuts a length to what the file holds from offset on.
-bool capToFile(std::FILE* file, u64 offset, u32* length) {
-    const std::optional<u64> size = fileSize(file);
+bool capToFile(int file, u64 offset, u32* length) {
+    const std::optional<u64> size = sizeOf(file);
     if (!size) return false;
     const u64 left = *size > offset ? *size - offset : 0;
     *length = static_cast<u32>(std::min({u64{*length}, left, u64{kMemoNoLimit}}));
@@ -61,8 +64,8 @@ bool capToFile(std::FILE* file, u64 offset, u32* length) {
 }
 
 /// The memo whose block starts at offset.
-MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 length,
-                   Owned<char>* memo, u32* lengthRead) {
+MemoRead readBlock(int file, const MemoFamily& family, u64 offset, u32 length, Owned<char>* memo,
+                   u32* lengthRead) {
     u8 start[kFirstRead];
     const u32 want = family.prefixSize != 0 ? kFirstRead : std::min(length, kFirstRead);
     u32 got = 0;
@@ -90,15 +93,14 @@ MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 le
     return MemoRead::Found;
 }
 
-/// A memo of MemoFile, by the rules of one family.
-char* getMemo(DbfBase* h, const MemoHead& head, const MemoFamily& family, MemoReference reference,
+/// A memo by the rules of one family.
+char* getMemo(int file, const MemoHead& head, const MemoFamily& family, MemoReference reference,
               u32* length) {
     u32 unit = 0;
     u32 got = 0;
     Owned<char> memo;
     if (!readMemoUnit(head, family, &unit) && !family.shortHeaderReads) return nullptr;
-    if (readMemo(h->MemoFile, family, unit, reference, kMemoTextMax, &memo, &got) !=
-        MemoRead::Found) {
+    if (readMemo(file, family, unit, reference, kMemoTextMax, &memo, &got) != MemoRead::Found) {
         return nullptr;
     }
     if (length != nullptr) *length = got;
@@ -108,7 +110,9 @@ char* getMemo(DbfBase* h, const MemoHead& head, const MemoFamily& family, MemoRe
 /// The same for a caller who has opened MemoFile himself.
 char* getBlock(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
     MemoHead head;
-    return readMemoHead(h->MemoFile, &head) ? getMemo(h, head, family, reference, length) : nullptr;
+    return readMemoHead(h->MemoFile, &head)
+               ? getMemo(fileno(h->MemoFile), head, family, reference, length)
+               : nullptr;
 }
 
 char* getText(DbfBase* h, const MemoFamily& family, u32 block) {
@@ -127,10 +131,10 @@ u32 blockUnit(DbfBase* h, const MemoFamily& family) {
     return blockUnit(head, family);
 }
 
-/// The same with the memo file open just for this.
+/// The memo of a field, with the memo file open just for this.
 char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
     const OpenMemoFile open(h);
-    return open ? getMemo(h, open.head(), family, reference, length) : nullptr;
+    return open ? getMemo(open.descriptor(), open.head(), family, reference, length) : nullptr;
 }
 
 char* getFieldText(DbfBase* h, i32 field) {
@@ -166,12 +170,26 @@ bool readMemoUnit(const MemoHead& head, const MemoFamily& family, u32* unit) {
     return whole;
 }
 
-MemoRead readMemo(std::FILE* file, const MemoFamily& family, u32 unit, MemoReference reference,
-                  u32 limit, Owned<char>* memo, u32* length) {
+MemoRead readMemo(int file, const MemoFamily& family, u32 unit, MemoReference reference, u32 limit,
+                  Owned<char>* memo, u32* length) {
     const u64 offset = u64{unit} * reference.block;
     if (unit == 0 || offset > kReachable) return MemoRead::None;
     return family.endSize != 0 ? readToEnd(file, offset, limit, memo, length)
                                : readBlock(file, family, offset, reference.length, memo, length);
+}
+
+OpenMemoFile::OpenMemoFile(DbfBase* h) {
+    FileId id{};
+    descriptor_ = openRegular(h->MemoFileName, O_RDWR, &id);
+    if (descriptor_ < 0) descriptor_ = openRegular(h->MemoFileName, O_RDONLY, &id);
+    if (descriptor_ < 0) return;
+    const bool looked = readMemoHead(descriptor_, &head_);
+    if (!looked || (head_.hasLog() && !isPacking(h)) || isTable(h, id)) shut();
+}
+
+void OpenMemoFile::shut() {
+    if (descriptor_ >= 0) close(descriptor_);
+    descriptor_ = -1;
 }
 
 u32 GetBlockSize(DbfBase* h) {

@@ -12,12 +12,6 @@ namespace mira {
 
 namespace {
 
-bool readHead(int fd, MemoHead* head) {
-    const ssize_t got = pread(fd, head->bytes, kMemoHeadSize, 0);
-    head->size = got > 0 ? static_cast<u32>(got) : 0;
-    return got >= 0;
-}
-
 /// Whether a call has failed because there is no memo file, or something else in its place.
 bool isNoFile(int error) {
     return error == ENOENT || error == ENOTDIR || error == EISDIR || error == ESPIPE ||
@@ -34,9 +28,15 @@ bool isNewReference(DbfBase* h, int field, u32 column, u32 count) {
 
 }  // namespace
 
+bool readMemoHead(int descriptor, MemoHead* head) {
+    const ssize_t got = pread(descriptor, head->bytes, kMemoHeadSize, 0);
+    head->size = got > 0 ? static_cast<u32>(got) : 0;
+    return got >= 0;
+}
+
 bool readMemoHead(std::FILE* file, MemoHead* head) {
     head->size = 0;
-    return file != nullptr && readHead(fileno(file), head);
+    return file != nullptr && readMemoHead(fileno(file), head);
 }
 
 bool holdsReference(DbfBase* h, int field) {
@@ -76,7 +76,7 @@ int IsPackUnfinished(DbfBase* h) {
     const int fd = open(h->MemoFileName, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) return isNoFile(errno) ? 0 : -1;
     MemoHead head;
-    const bool looked = readHead(fd, &head) || isNoFile(errno);
+    const bool looked = readMemoHead(fd, &head) || isNoFile(errno);
     close(fd);
     if (!looked) return -1;
     return head.hasLog() ? 1 : 0;

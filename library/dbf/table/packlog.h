@@ -32,7 +32,8 @@ struct MemoHead {
                std::memcmp(bytes + kPackSignPlace, kPackSign, sizeof kPackSign) == 0;
     }
 };
-/// Reads it, wherever the file stands. False when it could not be read.
+/// Reads it. False when it could not be read.
+bool readMemoHead(int descriptor, MemoHead*);
 bool readMemoHead(std::FILE*, MemoHead*);
 
 /// Whether a field holds memo references: wide text in a memo field does not.
