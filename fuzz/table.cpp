@@ -62,6 +62,12 @@ void checkMoment(DbfBase* h, int field) {
     CHECK_EQUAL((m.hour * 60 + m.minute) * 60 + m.second, milliseconds / 1000);
 }
 
+/// Whether a memo file has the log of an interrupted Pack, while which no memo can be read, and
+/// most edits are refused.
+bool isHalfPacked(std::string_view memoFile) {
+    return memoFile.size() >= 64 && memoFile.find("Pack unfinished\0"s) == 24;
+}
+
 /// Every value of a field of the current record.
 void readField(DbfBase* h, int field, std::string_view memoFile) {
     const bool inTable = isIn(h, field);
@@ -80,7 +86,7 @@ void readField(DbfBase* h, int field, std::string_view memoFile) {
     CHECK_EQUAL(GetDateTime(h, field), mymktime(&time));
     GetTm(h, field);
 
-    const bool isMemo = if_memo_type(h, field) != 0;
+    const bool isMemo = if_memo_type(h, field) != 0 && !isHalfPacked(memoFile);
     const std::optional<std::string> expected =
         isMemo ? memo(current(h), field, memoFile) : std::nullopt;
     CHECK(readMemo(h, field) == expected);
@@ -153,13 +159,15 @@ std::vector<std::string> memosToKeep(DbfBase* h) {
     return memos;
 }
 
-/// Packing shows no memo in another field's place.
+/// Packing shows no memo in another field's place. What a log says that packing finds, its writer
+/// has to answer for.
 void packMemos(DbfBase* h) {
+    const bool halfPacked = isHalfPacked(contentsOf(h->MemoFileName));
     const std::vector<std::string> before = memosToKeep(h);
     const int whole = Pack(h, 0);
     const std::vector<std::string> after = memosToKeep(h);
     for (std::size_t i = 0; i < std::min(before.size(), after.size()); ++i)
-        CHECK(after[i] == before[i] || (whole == 0 && after[i].empty()));
+        CHECK(halfPacked || after[i] == before[i] || (whole == 0 && after[i].empty()));
 }
 
 /// Edits of a table that was not made by the library.
@@ -168,13 +176,16 @@ void edit(DbfBase* h, const std::string& path, double number) {
     const u32 count = reccount(h);
     WriteRecord(h, 0);
     WriteField(h, 0, 0);
-    CHECK_EQUAL(AppendBlank(h, 0), 1);
-    CHECK_EQUAL(Insert(h, 0, 1), 1);
+    const auto refused = [h] { return IsPackUnfinished(h) != 0; };
+    CHECK_EQUAL(refused(), h->FirstMemoField != -1 && GetBlockSize(h) == 0 &&
+                               isHalfPacked(contentsOf(h->MemoFileName)));
+    CHECK(AppendBlank(h, 0) == 1 || refused());
+    CHECK_EQUAL(Insert(h, 0, 1) == 1, !refused());
     InverseRecord(h, 1);
     packMemos(h);
     const bool reversed = h->Reverse != 0, removes = !reversed && reccount(h) != 0;
-    CHECK_EQUAL(Delete(h, 0), removes ? 1 : 0);
-    CHECK_EQUAL(Truncate(h, count), reversed ? 0 : 1);
+    CHECK_EQUAL(Delete(h, 0) == 1, removes && !refused());
+    CHECK_EQUAL(Truncate(h, count) == 1, !reversed && !refused());
     CHECK(MakeBakFile(h, 1) == 1 && readAll(h->BackupName) == readAll(path));
 }
 
@@ -214,8 +225,7 @@ void check(Input& input) {
     if (reccount(h.get()) != 0)
         SeekValue(h.get(), field, cString(table.substr(4, 2)).c_str(), exact);
     CHECK_EQUAL(RefreshDatabase(h.get()), 0);
-    const bool halfPacked = memoFile.find("Pack unfinished") == 24;  // which refuses most edits
-    if (writable && !halfPacked) edit(h.get(), path, static_cast<double>(options) / 256);
+    if (writable) edit(h.get(), path, static_cast<double>(options) / 256);
     for (const std::string& name :
          {memoPath, std::string(memoPath).replace(memoPath.rfind('.') + 1, 1, "~")})
         std::remove(name.c_str());

@@ -9,7 +9,6 @@
 #include "dbf/table/position.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
-#include "memo/memo.h"
 
 namespace mira {
 
@@ -111,7 +110,7 @@ int InverseRecord(DbfBase* h, u32 position) {
 }
 
 int Truncate(DbfBase* h, u32 count) {
-    if (hasView(h) || h->Reverse != 0 || isClosed(h) || isPackUnfinished(h)) return 0;
+    if (hasView(h) || h->Reverse != 0 || isClosed(h) || IsPackUnfinished(h) != 0) return 0;
     backUp(h);
     if (InternalSeekRecord(h, count) == 0) return 0;
     if (!cutAt(h, offsetOf(h, count))) return 0;
@@ -123,7 +122,8 @@ int Zap(DbfBase* h) { return Truncate(h, 0); }
 
 int Delete(DbfBase* h, u32 record) {
     const u32 count = h->Header.RecordCount;
-    if (hasView(h) || h->Reverse != 0 || record >= count || isPackUnfinished(h)) return 0;
+    if (hasView(h) || h->Reverse != 0 || record >= count) return 0;
+    if (IsPackUnfinished(h) != 0) return 0;
     backUp(h);
     Edit edit(h, count - record);
     const Owned<u8> removed = allocate<u8>(h->Header.RecordLength);
@@ -146,7 +146,7 @@ int Delete(DbfBase* h, u32 record) {
 int Insert(DbfBase* h, u32 position, char blank) {
     const u32 count = h->Header.RecordCount;
     if (hasView(h) || position > count || (h->Reverse != 0 && position == count)) return 0;
-    if (!isWithinReach(h, count) || isPackUnfinished(h)) return 0;
+    if (!isWithinReach(h, count) || IsPackUnfinished(h) != 0) return 0;
     backUp(h);
     const u32 record = h->Reverse != 0 ? count - 1 - position : position;
     Edit edit(h, count - record);

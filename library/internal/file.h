@@ -60,6 +60,10 @@ std::optional<FileId> fileId(const char* path);
 std::optional<FileId> nameId(const char* path);
 bool isSameFile(std::optional<FileId> a, std::optional<FileId> b);
 
+/// Opens a regular file with the flags of open(2); -1 on failure, and for anything else: a
+/// directory holds no bytes, and reads from a FIFO or a terminal may never return. Never waits. *id
+/// tells what has been opened.
+int openRegular(const char* path, int flags, FileId* id);
 /// Opens with the flags of open(2) and the mode that fdopen gives them, unbuffered. Null on
 /// failure, and for what is no regular file: a directory holds no bytes, and reads from a FIFO or a
 /// terminal may never return. Never waits. *id tells what has been opened.
@@ -79,6 +83,18 @@ bool seekTo(std::FILE*, u64 offset);
 /// All count bytes, or false.
 bool readExact(std::FILE*, void* buffer, u32 count);
 bool writeExact(std::FILE*, const void* buffer, u32 count);
+/// Reads up to count bytes at an offset of a descriptor, whose position stays; *got becomes their
+/// number. False on an error.
+bool readPlaced(int descriptor, u64 offset, void* buffer, u32 count, u32* got);
+/// Writes all count bytes at an offset, or returns false. Does not count as a change.
+bool writePlaced(int descriptor, u64 offset, const void* buffer, u32 count);
+/// Size of a file, if it can be told.
+std::optional<u64> sizeOf(int descriptor);
+/// Has the operating system put a file on the disk, or a folder's names. Where a file system knows
+/// no such call, that counts as done.
+bool synchronise(int descriptor);
+/// The same for the folder in which a path is.
+bool synchroniseFolder(const char* path);
 /// Size of the file, if it can be told; leaves the position at its end.
 std::optional<u64> fileSize(std::FILE*);
 

@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
 #include "internal/file.h"
+#include "internal/paths.h"
 
 namespace mira {
 namespace {
@@ -54,6 +56,18 @@ std::optional<FileId> nameId(const char* path) {
 
 bool isSameFile(std::optional<FileId> a, std::optional<FileId> b) { return a && a == b; }
 
+int openRegular(const char* path, int flags, FileId* id) {
+    const int fd = path != nullptr ? open(path, flags | O_NONBLOCK | O_NOCTTY) : -1;
+    struct stat info;
+    if (fd < 0) return fd;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        *id = {info.st_dev, info.st_ino};
+        return fd;
+    }
+    close(fd);
+    return -1;
+}
+
 std::FILE* openUnbuffered(int fd, const char* mode, FileId* id) {
     struct stat info;
     const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
@@ -91,6 +105,54 @@ bool readExact(std::FILE* file, void* buffer, u32 count) {
 
 bool writeExact(std::FILE* file, const void* buffer, u32 count) {
     return count <= kReachable && put(file, buffer, count) == count;
+}
+
+bool readPlaced(int descriptor, u64 offset, void* buffer, u32 count, u32* got) {
+    *got = 0;
+    while (*got < count) {
+        const ssize_t more = pread(descriptor, static_cast<char*>(buffer) + *got, count - *got,
+                                   static_cast<off_t>(offset + *got));
+        if (more < 0) return false;
+        if (more == 0) break;
+        *got += static_cast<u32>(more);
+    }
+    return true;
+}
+
+bool writePlaced(int descriptor, u64 offset, const void* buffer, u32 count) {
+    const auto* from = static_cast<const char*>(buffer);
+    for (u32 done = 0; done < count;) {
+        const ssize_t more =
+            pwrite(descriptor, from + done, count - done, static_cast<off_t>(offset + done));
+        if (more <= 0) return false;
+        done += static_cast<u32>(more);
+    }
+    return true;
+}
+
+std::optional<u64> sizeOf(int descriptor) {
+    struct stat info;
+    if (fstat(descriptor, &info) != 0) return std::nullopt;
+    return static_cast<u64>(info.st_size);
+}
+
+bool synchronise(int descriptor) {
+    return fsync(descriptor) == 0 || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+}
+
+bool synchroniseFolder(const char* path) {
+    const Owned<char> name = copyText(path);
+    if (!name) return false;
+    const std::size_t length = splitPath(path).dir.size();
+    name.get()[length] = 0;
+    const int fd = open(length != 0 ? name.get() : ".", O_RDONLY | O_DIRECTORY);
+    if (fd < 0 && errno == EACCES) {  // one that may be changed but not read
+        sync();
+        return true;
+    }
+    const bool done = fd >= 0 && synchronise(fd);
+    if (fd >= 0) close(fd);
+    return done;
 }
 
 std::optional<u64> fileSize(std::FILE* file) {

@@ -21,7 +21,7 @@ public:
     /// Creates the file, for its owner alone; false where that is not possible.
     bool create(const char* path);
     /// To be called before take: a name must not stand for bytes that are not on the disk.
-    bool synchronise() { return fsync(fileno(file_.get())) == 0; }
+    bool synchronise() { return mira::synchronise(fileno(file_.get())); }
     /// Gives the file a name, which a file that has it gives up.
     bool take(const char* path);
     /// Lets the file stay under its own name.

@@ -153,7 +153,6 @@ u32 GetMemoType(DbfBase* h) {
         h->HeaderSize == kHeaderSize7 ? kLevel7Kind : flavourOf(h->Header.Version).kind;
     replace(h->MemoFileName, Owned<char>(GetMemoName(h->FileName, kind)));
     if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) lookForMemoFile(h);
-    if (h->Private != nullptr) h->Private->unfinished = true;
     FreeMemo(h);
     return kind;
 }

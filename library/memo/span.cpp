@@ -17,12 +17,13 @@ struct Span {
     u64 end = 0;  ///< as the memo says
 };
 
-/// The place of the first end byte from an offset on, where the file stands; the end of the file
-/// without one.
-u64 findMemoEnd(std::FILE* file, u64 offset) {
+/// The place of the first end byte from an offset on; the end of the file without one; nothing when
+/// the file cannot be read.
+std::optional<u64> findMemoEnd(int file, u64 offset) {
     u8 chunk[kChunk];
     for (;;) {
-        const u32 got = ReadFile(file, chunk, kChunk);
+        u32 got = 0;
+        if (!readPlaced(file, offset, chunk, kChunk, &got)) return std::nullopt;
         const void* const mark = std::memchr(chunk, kMemoEnd, got);
         if (mark != nullptr) {
             return offset + static_cast<u64>(static_cast<const u8*>(mark) - chunk);
@@ -32,12 +33,17 @@ u64 findMemoEnd(std::FILE* file, u64 offset) {
     }
 }
 
-/// The span of the memo whose block starts at an offset, where the file stands.
-std::optional<Span> spanAt(std::FILE* file, const MemoFamily& family, u64 offset, u32 length) {
-    if (family.endSize != 0) return Span{offset, findMemoEnd(file, offset)};
+/// The span of the memo whose block starts at an offset.
+std::optional<Span> spanAt(int file, const MemoFamily& family, u64 offset, u32 length) {
+    if (family.endSize != 0) {
+        const std::optional<u64> end = findMemoEnd(file, offset);
+        return end ? std::optional(Span{offset, *end}) : std::nullopt;
+    }
     if (family.prefixSize != 0) {
         u8 prefix[kMemoPrefixSize];
-        if (!readExact(file, prefix, sizeof prefix)) return std::nullopt;
+        u32 got = 0;
+        const bool read = readPlaced(file, offset, prefix, sizeof prefix, &got);
+        if (!read || got < sizeof prefix) return std::nullopt;
         const std::optional<u32> said = decodeMemoPrefix(family, prefix);
         if (!said) return std::nullopt;
         length = *said;
@@ -47,18 +53,30 @@ std::optional<Span> spanAt(std::FILE* file, const MemoFamily& family, u64 offset
 }
 
 /// Whole, cut, or 0 as GetMemoSpan has it.
-int findSpan(std::FILE* file, const MemoFamily& family, MemoReference reference, Span* span) {
+int findSpan(int file, const MemoHead& head, const MemoFamily& family, MemoReference reference,
+             Span* span) {
     u32 unit = 0;
-    if (!seekTo(file, 0)) return 0;
-    if (!readMemoUnit(file, family, &unit) && !family.shortHeaderReads) return 0;
+    if (!readMemoUnit(head, family, &unit) && !family.shortHeaderReads) return 0;
     const u64 offset = u64{unit} * reference.block;
-    const std::optional<u64> size = fileSize(file);
-    if (unit == 0 || offset > kReachable || !size || !seekTo(file, offset)) return 0;
+    const std::optional<u64> size = sizeOf(file);
+    if (unit == 0 || offset > kReachable || !size) return 0;
     if (family.endSize != 0 && offset >= *size) return 0;
     const std::optional<Span> found = spanAt(file, family, offset, reference.length);
-    if (!found || std::ferror(file) != 0) return 0;
+    if (!found) return 0;
     *span = *found;
     return found->end <= *size ? kWhole : kCut;
+}
+
+/// In the memo file that the caller keeps open, or in one opened for this.
+int findSpan(DbfBase* h, const MemoFamily& family, MemoReference reference, Span* span) {
+    if (h->MemoFile != nullptr) {
+        MemoHead head;
+        return readMemoHead(h->MemoFile, &head)
+                   ? findSpan(fileno(h->MemoFile), head, family, reference, span)
+                   : 0;
+    }
+    const OpenMemoFile open(h);
+    return open ? findSpan(open.descriptor(), open.head(), family, reference, span) : 0;
 }
 
 }  // namespace
@@ -69,11 +87,8 @@ int GetMemoSpan(DbfBase* h, u32 block, u32 length, u64* first, u64* end) {
     const MemoFamily* const family = memoFamily(h->Header.Version);
     const bool isReference = block != 0 || (flavour.lengthInReference && length != 0);
     if (family == nullptr || !isReference) return 0;
-    std::optional<OpenMemoFile> open;
-    if (h->MemoFile == nullptr) open.emplace(h);  // else the caller keeps it open
-    if (h->MemoFile == nullptr) return 0;
     Span span;
-    const int result = findSpan(h->MemoFile, *family, {block, length}, &span);
+    const int result = findSpan(h, *family, {block, length}, &span);
     *first = span.first;
     *end = span.end;
     return result;

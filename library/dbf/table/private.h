@@ -19,8 +19,7 @@ struct PrivateState {
     ReadAhead ahead;
     u32 sortOrderCount = 0;      ///< entries in SortOrder; 0 for as many as reccount()
     std::optional<FileId> file;  ///< the table's, which none of its other files may be
-    bool unfinished = true;      ///< a rebuild of the memo file may have stopped half-way
-    bool packing = false;        ///< Pack is giving records their new memo references
+    bool packing = false;        ///< Pack is writing a record
     bool foreignLevel7 = false;  ///< level-7 table of another maker: signed integers
     /// Prepared expressions, as the modules that prepare them keep them.
     std::unique_ptr<void, void (*)(void*)> expressions{nullptr, releaseNothing};

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dbf/table/packlog.h"
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
@@ -20,13 +21,11 @@ constexpr int kTwoDigitYears = 100;
 /// that cannot be reached stops it before the hook is called and Modified is set.
 int writeAt(DbfBase* h, u32 record, u32 column, RecordHook hook, const void* bytes, u32 count) {
     const u64 offset = offsetOf(h, record, column);
-    if (!isWithinReach(h, record) || !seekTo(h->TableFile, offset)) return 0;
+    if (isClosed(h) || !isWithinReach(h, record)) return 0;
     if (hook != nullptr) hook(h);
+    if (!mayWriteReferences(h, record, column, count)) return 0;
     h->Modified = 1;
-    // The hook may have read other records, so the place is looked up anew after it.
-    const bool written = hook != nullptr ? writeTable(h, offset, bytes, count)
-                                         : writeTableHere(h, offset, bytes, count);
-    return written ? 1 : 0;
+    return writeTable(h, offset, bytes, count) ? 1 : 0;
 }
 
 /// writeAt for a column of the record that a position designates.
@@ -74,6 +73,7 @@ bool writeLast(DbfBase* h) {
     if (h->BeforeWrite != nullptr) h->BeforeWrite(h);
     const u32 record = h->Header.RecordCount;
     if (isClosed(h) || !isWithinReach(h, record) || !growView(h)) return false;
+    if (!mayWriteReferences(h, record, 0, h->Header.RecordLength)) return false;
     h->Modified = 1;
     return writeTable(h, offsetOf(h, record), h->RecordBuffer, h->Header.RecordLength);
 }
