@@ -29,6 +29,7 @@ struct {
     int changesLeft = 0;                 // the process ends with the last of these; 0 for never
     int eighths = 0;                     // of that write, done before the end
     bool met = false;                    // a call has failed
+    bool half = false;                   // half of a write is done, the rest fails
     std::size_t most = std::size_t(-1);  // bytes that one allocation may take
 } fault;
 
@@ -87,6 +88,19 @@ std::size_t __wrap_fwrite(const void* from, std::size_t size, std::size_t n, std
     const std::size_t half = fails(kShortWrite) ? __real_fwrite(from, size, n / 2, file) : 0;
     const auto call = [&] { return __real_fwrite(from, size, n, file); };
     return half != 0 || fails(kWrite) ? onOther(O_RDONLY, file, call) + half : call();
+}
+
+ssize_t LARGE(__real_pwrite)(int fd, const void* from, std::size_t n, off_t at);
+ssize_t LARGE(__wrap_pwrite)(int fd, const void* from, std::size_t n, off_t at) {
+    if (isKilled()) {
+        const std::size_t done = n * static_cast<std::size_t>(fault.eighths) / 8;
+        if (done != 0) LARGE(__real_pwrite)(fd, from, done, at);
+        _exit(0);
+    }
+    if (std::exchange(fault.half, false) || fails(kWrite)) return -1;
+    if (!fails(kShortWrite)) return LARGE(__real_pwrite)(fd, from, n, at);
+    fault.half = n > 1;
+    return fault.half ? LARGE(__real_pwrite)(fd, from, n / 2, at) : -1;
 }
 }
 
@@ -318,7 +332,9 @@ private:
     /// What is appended next overwrites nothing.
     void expectRoomBehind(const std::string& where, Table h) const {
         if (h) ClearAllFilter(h.get());
-        EXPECT_TRUE(h && AppendBlank(h.get(), 1) == 1) << where;
+        const bool whole = h && AppendBlank(h.get(), 1) == 1;
+        if (h && !whole) RefreshDatabase(h.get());  // copies stand behind the records
+        EXPECT_TRUE(whole || (h && AppendBlank(h.get(), 1) == 1)) << where;
         expectNothingLost(where + ", appended", 1);
     }
 
@@ -536,22 +552,19 @@ TEST(Fault, NoFailureOrKillLosesARecord) {
 
 TEST(Fault, ATableThatCannotBeReadDoesNotOpen) {
     const TempDir dir;
-    for (const int kind : {kSeek, kRead}) {
+    for (const Flavour flavour : {kPlain, kLevel7}) {
+        Layout layout{0x03, {}, {}, flavour};
+        layout.columns.assign(100, {"F", 'L', 1});  // more than one read gets
+        writeAll(dir.file("t.dbf"), layout.bytes());
         int n = 1;
-        for (; n < 20; ++n) {
-            Layout layout{0x03,
-                          {{"A", 'C', 9}, {"B", 'C', 9}},
-                          {padded(" x", 19)},
-                          n % 2 == 0 ? kLevel7 : kPlain};
-            writeAll(dir.file("t.dbf"), layout.bytes());
-            fault = {kind, (n + 1) / 2};
+        for (bool met = true; met; ++n) {
+            fault = {kRead, n};
             const Table h(OpenBase(dir.file("t.dbf").c_str()));
-            const bool met = fault.met;
+            met = fault.met;
             fault = {};
-            EXPECT_EQ(h == nullptr, met) << kind << ' ' << n;
-            if (!met) break;
+            EXPECT_EQ(h == nullptr, met) << n;
         }
-        EXPECT_TRUE(n > 4 && n < 20);
+        EXPECT_GT(n, 3);
     }
 }
 

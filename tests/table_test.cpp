@@ -121,7 +121,7 @@ TEST(Format, ListsWithoutASoundTerminatorEndWithTheHeader) {
     // Where the header does not fit the file the list goes on into the records.
     for (const std::size_t place : {4u, 8u, 10u}) {  // record count, header and record length
         std::string bytes = cases[1].table();
-        --bytes[place];
+        bytes[place] = static_cast<char>(bytes[place] + 3);
         EXPECT_EQ(openBytes(dir, bytes)->FieldCount, 5) << place;
     }
 }
@@ -206,8 +206,8 @@ TEST(Opening, OnlyRegularFilesAndNoneForTwoPurposes) {
     EXPECT_EQ(readAll(outer.file("t.dbt")), kMemo.bytes()) << "is not its own memo file";
 }
 
-TEST(Opening, BeyondWhat31BitsReach) {
-    constexpr u32 size = (1u << 31) + 4096;
+TEST(Opening, TablesBeyond2GiBAreReadAndNotWrittenThere) {
+    constexpr u64 size = (u64{3} << 31) + 4096;
     const FileSizeLimit none(RLIM_INFINITY);
     if (none.saved.rlim_cur < size) GTEST_SKIP() << "files may not be that long";
     const Folder folder;
@@ -216,9 +216,21 @@ TEST(Opening, BeyondWhat31BitsReach) {
     std::filesystem::resize_file(folder.file("t.dbf"), size, refused);
     if (refused) GTEST_SKIP() << refused.message();
     const Table h(OpenBase(folder.file("t.dbf").c_str()));
-    EXPECT_EQ(reccount(h.get()), (size - 65) / 6);
-    EXPECT_EQ(ReadRecord(h.get(), 1), 1);
-    EXPECT_EQ(ReadRecord(h.get(), reccount(h.get()) - 1), 0);
+    const u32 last = static_cast<u32>((size - 65) / 6) - 1;
+    std::FILE* const file = std::fopen(h->FileName, "rb+");
+    fseeko(file, static_cast<off_t>(65 + u64{last} * 6), SEEK_SET);
+    std::fwrite(" Clara", 1, 6, file);
+    std::fclose(file);
+    EXPECT_EQ(reccount(h.get()), last + 1);
+    EXPECT_EQ(ReadRecord(h.get(), last) + ReadField(h.get(), last, 0) + ReadByte(h.get(), last), 3);
+    EXPECT_EQ(recordOf(h.get()), " Clara");
+    EXPECT_EQ(WriteRecord(h.get(), last) + WriteField(h.get(), last, 0) + WriteByte(h.get(), last) +
+                  AppendBlank(h.get(), 1) + Delete(h.get(), 0) + Insert(h.get(), 0, 1) +
+                  Truncate(h.get(), last),
+              0);
+    EXPECT_EQ(WriteRecord(h.get(), 1) + WriteHeader(h.get()), 2);
+    EXPECT_EQ(std::filesystem::file_size(h->FileName), size);
+    EXPECT_EQ(Zap(h.get()), 1);
 }
 
 TEST(Records, ReadsRecordsBytesAndFields) {

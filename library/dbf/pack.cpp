@@ -8,6 +8,7 @@
 #include "dbf/move.h"
 #include "dbf/packmemos.h"
 #include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
 #include "internal/restore.h"
@@ -116,10 +117,10 @@ int pack(DbfBase* h, u32 mode) {
 
 int Pack(DbfBase* h, u32 mode) {
     if (isClosed(h) || hasView(h)) return 0;
-    const Restore physical(h->Reverse, 0);
-    h->UseFilterIndex = 0;
-    const int result = pack(h, mode);
-    h->UseFilterIndex = 1;
+    const Editing editing(h);
+    const Restore forwards(h->Reverse, 0);
+    const Restore physical(h->UseFilterIndex, u8{0}, u8{1});
+    const int result = editing.ready() ? pack(h, mode) : 0;
     if (result == 0 && h->Private != nullptr) h->Private->unfinished = true;
     return result;
 }
