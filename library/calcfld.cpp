@@ -55,8 +55,22 @@ struct PreparedSlot {
     Expression expression;
     Arithmetic arithmetic;  // of a numeric expression
     bool digit;             // what if_digit_calci says
+    int uses = 0;           // evaluations that are running
+    bool given = false;     // up: the last evaluation releases it
 };
-using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kSlots>;
+
+/// Hooks may change a slot, or all of them, while it is evaluated.
+struct GiveUp {
+    void operator()(PreparedSlot* p) const {
+        if (p->uses == 0) {
+            delete p;
+        } else {
+            p->given = true;
+        }
+    }
+};
+using OwnedSlot = std::unique_ptr<PreparedSlot, GiveUp>;
+using PreparedSlots = std::array<OwnedSlot, kSlots>;
 
 /// Whether a numeric field is named in a text between the characters of chrdigit.
 bool namesNumber(const DbfBase* h, std::string_view text) {
@@ -109,23 +123,39 @@ PreparedSlots* keepSlots(DbfBase* h) {
     return keptSlots(h);
 }
 
-/// The prepared expression of a slot; null when it is empty or there is no memory. Where nothing
-/// can be kept, it is the caller's own.
-const PreparedSlot* prepared(DbfBase* h, int slot, std::unique_ptr<PreparedSlot>& own) {
-    const CalcFieldSlot* const filled = filledSlot(h, slot);
-    if (filled == nullptr || filled->Expression == nullptr) return nullptr;
-    try {
-        PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
-        std::unique_ptr<PreparedSlot>& kept =
-            all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own;
-        if (kept == nullptr || !isCurrent(h, *kept, filled->Expression)) {
-            kept = std::make_unique<PreparedSlot>(prepareSlot(h, filled->Expression));
+/// The prepared expression of a slot, for as long as this lives; null when the slot is empty or
+/// there is no memory. Where nothing can be kept, it is this one's own.
+class InUse {
+public:
+    InUse(DbfBase* h, int slot) {
+        const CalcFieldSlot* const filled = filledSlot(h, slot);
+        if (filled == nullptr || filled->Expression == nullptr) return;
+        try {
+            PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
+            OwnedSlot& kept = all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own_;
+            if (kept == nullptr || !isCurrent(h, *kept, filled->Expression)) {
+                kept.reset(new PreparedSlot(prepareSlot(h, filled->Expression)));
+            }
+            slot_ = kept.get();
+            ++slot_->uses;
+        } catch (const std::bad_alloc&) {
+            slot_ = nullptr;
         }
-        return kept.get();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
     }
-}
+    ~InUse() {
+        if (slot_ != nullptr && --slot_->uses == 0 && slot_->given) delete slot_;
+    }
+    InUse(const InUse&) = delete;
+    InUse& operator=(const InUse&) = delete;
+
+    explicit operator bool() const { return slot_ != nullptr; }
+    const PreparedSlot& operator*() const { return *slot_; }
+    const PreparedSlot* operator->() const { return slot_; }
+
+private:
+    OwnedSlot own_;
+    PreparedSlot* slot_ = nullptr;
+};
 
 // --------------------------------------------------------------------------------------------
 // Values
@@ -226,9 +256,8 @@ int GetCalcI(DbfBase* h, const char* name) {
 char if_digit_calc(DbfBase* h, const char* name) { return if_digit_calci(h, GetCalcI(h, name)); }
 
 char if_digit_calci(DbfBase* h, int slot) {
-    std::unique_ptr<PreparedSlot> own;
-    const PreparedSlot* const p = prepared(h, slot, own);
-    return p != nullptr && p->digit ? 1 : 0;
+    const InUse p(h, slot);
+    return p && p->digit ? 1 : 0;
 }
 
 const char* GetCalcString(DbfBase* h, const char* name) {
@@ -236,18 +265,16 @@ const char* GetCalcString(DbfBase* h, const char* name) {
 }
 
 const char* GetCalcStringI(DbfBase* h, int slot) {
-    std::unique_ptr<PreparedSlot> own;
-    const PreparedSlot* const p = prepared(h, slot, own);
-    if (p == nullptr) return nullptr;
+    const InUse p(h, slot);
+    if (!p) return nullptr;
     return p->expression.numeric ? numberText(h, *p) : textOf(h, *p);
 }
 
 double GetCalcValue(DbfBase* h, const char* name) { return GetCalcValueI(h, GetCalcI(h, name)); }
 
 double GetCalcValueI(DbfBase* h, int slot) {
-    std::unique_ptr<PreparedSlot> own;
-    const PreparedSlot* const p = prepared(h, slot, own);
-    return p != nullptr && p->expression.numeric ? valueOf(h, *p).value_or(0.0) : 0.0;
+    const InUse p(h, slot);
+    return p && p->expression.numeric ? valueOf(h, *p).value_or(0.0) : 0.0;
 }
 
 int makecalcstring(DbfBase* h, const char* expression, char* output, int* numeric) {

@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "internal/file.h"
 
 namespace mira {
@@ -15,13 +17,18 @@ namespace mira {
 /// there is no memory.
 Owned<char> tildeName(const char* path);
 
+/// fsync. A file system that cannot synchronise has done what it can.
+inline bool synchronise(int fd) {
+    return fsync(fd) == 0 || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+}
+
 /// A new file for a path.
 class NewFile {
 public:
     /// Creates the file, for its owner alone; false where that is not possible.
     bool create(const char* path);
     /// To be called before take: a name must not stand for bytes that are not on the disk.
-    bool synchronise() { return fsync(fileno(file_.get())) == 0; }
+    bool synchronise() { return mira::synchronise(fileno(file_.get())); }
     /// Gives the file a name, which a file that has it gives up.
     bool take(const char* path);
     /// Lets the file stay under its own name.
