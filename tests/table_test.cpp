@@ -126,6 +126,43 @@ TEST(Format, ListsWithoutASoundTerminatorEndWithTheHeader) {
     }
 }
 
+TEST(Format, OddTablesThatProgramsHaveWritten) {
+    const Column one{"A", 'C', 4}, two{"B", 'N', 4};
+    const std::string longer = " abcd  12?";
+    const auto with = [](const Layout& layout, std::size_t at, std::string_view by,
+                         std::size_t erased = std::string::npos) {
+        std::string bytes = layout.bytes().replace(at, by.size(), by);
+        return erased < bytes.size() ? bytes.erase(erased, 1) : bytes;
+    };
+    // Fields, record length, the first record; null where it does not open.
+    const std::tuple<const char*, std::string, std::string> cases[] = {
+        {"longer records", with({3, {one, two}, {longer, longer}}, 10, "\x0A"), "2, 10:" + longer},
+        {"no record to be longer", with({3, {one, two}, {}}, 10, "\x0A"), "2, 9:" + padded("", 9)},
+        {"two end bytes, a bad terminator", with({3, {one, two}, {" abcd  12"}}, 96, "\n") + '\0',
+         "2, 9: abcd  12"},
+        {"a short header with byte 64 zero",
+         with({3, {one}, std::vector(8, " abcd"s), kPlain, std::string(31, 0)}, 64, "\0"s),
+         "1, 5: abcd"},
+        {"no terminator", with({3, {one}, {" abcd"}}, 8, "\x40", 64), "1, 5: abcd"},
+        {"no terminator, two fields", with({3, {one, two}, {" abcd  12"}}, 8, "\x60", 96),
+         "2, 9: abcd  12"},
+        {"no terminator, a bad letter", with({3, {{"A", 'P', 4}}, {" abcd"}}, 8, "\x40", 64),
+         "null"},
+        {"no terminator, a bad count", with({3, {one}, {" abcd"}}, 4, "\5\0\0\0\x40"s, 64), "null"},
+        {"lengths of level 7 told by the file",
+         with({3, {one, {"B", 'C', 5}}, {" abcdefghi"}, kForeignLevel7}, 10, "\x77"),
+         "2, 10: abcdefghi"},
+        {"no table", "These forty bytes are no table. Not one.", "null"}};
+    for (const auto& [name, bytes, found] : cases) {
+        const Folder folder;
+        const Table h = openBytes(folder, bytes);
+        if (h && reccount(h.get()) != 0) ReadRecord(h.get(), 0);
+        const int fields = h ? h->FieldCount : 0, length = h ? h->Header.RecordLength : 0;
+        const std::string record = h ? recordOf(h.get()) : "";
+        EXPECT_EQ(h ? printed("%d, %d:%s", fields, length, record.c_str()) : "null", found) << name;
+    }
+}
+
 TEST(Opening, DefaultsAndClosing) {
     const Folder folder;
     const Table h = openLayout(folder, kTwo);

@@ -45,8 +45,8 @@ public:
         return readAt(end, tail_.get(), tailLength_) && readAt(0, image_, h_->HeaderSize);
     }
 
-    /// Whether the file can be cut, tried at its end: copies past it would stay otherwise, and count
-    /// as records when the table is opened next.
+    /// Whether the file can be cut, tried at its end: copies past it would stay otherwise, and
+    /// count as records when the table is opened next.
     bool canCut() { return cutAt(h_, size_); }
 
     /// The first record number, not below another one, that the file does not hold.

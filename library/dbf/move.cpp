@@ -68,7 +68,8 @@ Moved Mover::down(u32 first, u32 end) {
 }
 
 Moved Mover::up(u32 first, u32 end, std::optional<u32> spare) {
-    const bool oneByOne = !spare || h_->Header.RecordLength >= kWideRecord || end - first <= kFewRecords;
+    const bool oneByOne =
+        !spare || h_->Header.RecordLength >= kWideRecord || end - first <= kFewRecords;
     u32 chunk = 1;  // the first record makes the file longer: a full disk is met here
     u32 next = oneByOne ? 1 : chunk_;
     while (end > first) {

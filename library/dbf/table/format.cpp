@@ -103,9 +103,9 @@ FieldList measure(const DbfBase* h, const Descriptors& list, u32 count) {
     const FieldList fields = addUp(list, count, false);
     if (list.size != kDescriptorSize7 || fitsHeader(h, fields)) return fields;
     const FieldList foreign = addUp(list, count, true);
-    const bool fits = h->Header.RecordLength == foreign.low ||
-                      (fitsFile(h, foreign.low, list.fileSize) &&
-                       !fitsFile(h, fields.full, list.fileSize));
+    const bool fits =
+        h->Header.RecordLength == foreign.low ||
+        (fitsFile(h, foreign.low, list.fileSize) && !fitsFile(h, fields.full, list.fileSize));
     return foreign.low > 1 && fits ? foreign : fields;
 }
 

@@ -67,7 +67,8 @@ void joinView(DbfBase* h) {
 /// Writes RecordBuffer and the end-of-file byte, which does not count, in one.
 bool writeWithEnd(DbfBase* h, u32 record) {
     const u32 length = h->Header.RecordLength;
-    const Restore end(h->RecordBuffer[length], kEndOfFile);  // in the bytes after the buffer at most
+    const Restore end(h->RecordBuffer[length],
+                      kEndOfFile);  // in the bytes after the buffer at most
     return putTable(h, offsetOf(h, record), h->RecordBuffer, length + 1) >= length;
 }
 
