@@ -51,7 +51,7 @@ void clearSlot(CalcFieldSlot& slot) {
 struct PreparedSlot {
     std::string text;
     int fieldCount;
-    std::vector<DbfField> fields;  // of the parts, as they were described
+    std::vector<std::pair<int, DbfField>> fields;  // of the parts, as they were described
     Expression expression;
     Arithmetic arithmetic;  // of a numeric expression
     bool digit;             // what if_digit_calci says
@@ -88,22 +88,34 @@ bool namesNumber(const DbfBase* h, std::string_view text) {
 PreparedSlot prepareSlot(DbfBase* h, const char* text) {
     PreparedSlot p{text, h->FieldCount, {}, readExpression(h, text), {}, namesNumber(h, text)};
     for (const ExpressionPart& part : p.expression.parts) {
-        if (part.field >= 0) p.fields.push_back(h->Fields[part.field]);
+        if (part.field >= 0) p.fields.emplace_back(part.field, h->Fields[part.field]);
     }
     if (p.expression.numeric) p.arithmetic = prepareArithmetic(h, p.expression.parts, false);
     return p;
 }
 
+/// Eight bytes that differ in two names are other than zero.
+u64 differences(const char* a, const char* b) {
+    u64 left = 0;
+    u64 right = 0;
+    std::memcpy(&left, a, sizeof left);
+    std::memcpy(&right, b, sizeof right);
+    return left ^ right;
+}
+
+/// Asked for every record, so the names are compared as words, without a call.
 bool isSameField(const DbfField& a, const DbfField& b) {
-    return a.Type == b.Type && a.Length == b.Length && a.Decimals == b.Decimals &&
-           std::memcmp(a.Name, b.Name, sizeof a.Name) == 0;
+    static_assert(sizeof a.Name == 4 * sizeof(u64));
+    const u64 different = differences(a.Name, b.Name) | differences(a.Name + 8, b.Name + 8) |
+                          differences(a.Name + 16, b.Name + 16) |
+                          differences(a.Name + 24, b.Name + 24);
+    return different == 0 && a.Type == b.Type && a.Length == b.Length && a.Decimals == b.Decimals;
 }
 
 bool isCurrent(const DbfBase* h, const PreparedSlot& p, const char* text) {
-    if (p.fieldCount != h->FieldCount || p.text != text) return false;
-    const DbfField* described = p.fields.data();
-    for (const ExpressionPart& part : p.expression.parts) {
-        if (part.field >= 0 && !isSameField(*described++, h->Fields[part.field])) return false;
+    if (p.fieldCount != h->FieldCount || std::strcmp(p.text.c_str(), text) != 0) return false;
+    for (const auto& [field, described] : p.fields) {
+        if (!isSameField(described, h->Fields[field])) return false;
     }
     return true;
 }
@@ -130,17 +142,12 @@ public:
     InUse(DbfBase* h, int slot) {
         const CalcFieldSlot* const filled = filledSlot(h, slot);
         if (filled == nullptr || filled->Expression == nullptr) return;
-        try {
-            PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
-            OwnedSlot& kept = all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own_;
-            if (kept == nullptr || !isCurrent(h, *kept, filled->Expression)) {
-                kept.reset(new PreparedSlot(prepareSlot(h, filled->Expression)));
-            }
-            slot_ = kept.get();
-            ++slot_->uses;
-        } catch (const std::bad_alloc&) {
-            slot_ = nullptr;
+        const PreparedSlots* const all = keptSlots(h);
+        if (all != nullptr) slot_ = (*all)[static_cast<std::size_t>(slot)].get();
+        if (slot_ == nullptr || !isCurrent(h, *slot_, filled->Expression)) {
+            slot_ = prepare(h, slot, filled->Expression);
         }
+        if (slot_ != nullptr) ++slot_->uses;
     }
     ~InUse() {
         if (slot_ != nullptr && --slot_->uses == 0 && slot_->given) delete slot_;
@@ -153,6 +160,17 @@ public:
     const PreparedSlot* operator->() const { return slot_; }
 
 private:
+    [[gnu::noinline]] PreparedSlot* prepare(DbfBase* h, int slot, const char* text) {
+        try {
+            PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
+            OwnedSlot& kept = all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own_;
+            kept.reset(new PreparedSlot(prepareSlot(h, text)));
+            return kept.get();
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
+    }
+
     OwnedSlot own_;
     PreparedSlot* slot_ = nullptr;
 };

@@ -2,6 +2,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef STATX_SIZE
+#include <sys/sysmacros.h>  // makedev
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -49,11 +52,24 @@ std::optional<FileFacts> factsOf(std::FILE* file) {
     return facts(info);
 }
 
+// Edits ask this every time. The times are left out where that is possible: file systems that have
+// told them stamp the next write anew, which takes half as long again.
+#ifdef STATX_SIZE
+std::optional<FileFacts> factsOf(const char* path) {
+    struct statx info;
+    if (path == nullptr || statx(AT_FDCWD, path, 0, STATX_INO | STATX_SIZE, &info) != 0) {
+        return std::nullopt;
+    }
+    return FileFacts{{makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino},
+                     info.stx_size};
+}
+#else
 std::optional<FileFacts> factsOf(const char* path) {
     struct stat info;
     if (path == nullptr || stat(path, &info) != 0) return std::nullopt;
     return facts(info);
 }
+#endif
 
 std::optional<FileId> fileId(std::FILE* file) { return idOf(factsOf(file)); }
 
