@@ -109,12 +109,16 @@ std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
     return got / size;
 }
 
+ssize_t writeAt(const Stream* s, const void* from, std::size_t count, std::size_t at) {
+    if (at + count > test::largestFile || s->access == O_RDONLY) return -1;
+    s->file->resize(std::max(s->file->size(), at + count));
+    s->file->replace(at, count, static_cast<const char*>(from), count);
+    return static_cast<ssize_t>(count);
+}
+
 std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size_t n) {
-    const std::size_t end = s->at + size * n;
-    if (end > test::largestFile) return 0;
-    s->file->resize(std::max(s->file->size(), end));
-    s->file->replace(s->at, size * n, static_cast<const char*>(from), size * n);
-    s->at = end;
+    if (writeAt(s, from, size * n, s->at) < 0) return 0;
+    s->at += size * n;
     return n;
 }
 
@@ -142,6 +146,16 @@ int describe(const Bytes& file, struct stat* info) {
     info->st_size = static_cast<off_t>(file->size());
     return 0;
 }
+
+#ifdef STATX_SIZE
+int describe(const Bytes& file, struct statx* info) {
+    if (file == nullptr) return -1;
+    *info = {};
+    info->stx_ino = reinterpret_cast<ino_t>(file.get());
+    info->stx_size = file->size();
+    return 0;
+}
+#endif
 
 int cut(const Bytes& file, off_t size) {
     if (file != nullptr) file->resize(static_cast<std::size_t>(size));
@@ -186,6 +200,8 @@ WRAP(std::size_t, fwrite, of(file), writeStream(of(file), from, size, n),
      (const void* from, std::size_t size, std::size_t n, std::FILE* file), (from, size, n, file))
 WRAP(ssize_t, LARGE(pread), of(fd), readAt(of(fd), to, count, from),
      (int fd, void* to, std::size_t count, off_t from), (fd, to, count, from))
+WRAP(ssize_t, LARGE(pwrite), of(fd), writeAt(of(fd), from, count, static_cast<std::size_t>(at)),
+     (int fd, const void* from, std::size_t count, off_t at), (fd, from, count, at))
 WRAP(int, LARGE(fseeko), of(file), seekStream(of(file), to, whence),
      (std::FILE * file, off_t to, int whence), (file, to, whence))
 WRAP(off_t, LARGE(ftello), of(file), static_cast<off_t>(of(file)->at), (std::FILE * file), (file))
@@ -204,6 +220,11 @@ WRAP(int, access, inMemory(path), find(path) != nullptr ? 0 : -1, (const char* p
      (path, mode))
 WRAP(int, LARGE(stat), inMemory(path), describe(find(path), info),
      (const char* path, struct stat* info), (path, info))
+#ifdef STATX_SIZE
+WRAP(int, statx, inMemory(path), describe(find(path), info),
+     (int folder, const char* path, int flags, unsigned mask, struct statx* info),
+     (folder, path, flags, mask, info))
+#endif
 WRAP(int, LARGE(fstat), of(fd), describe(of(fd)->file, info), (int fd, struct stat* info),
      (fd, info))
 WRAP(int, fileno, of(file), descriptorOf(of(file)), (std::FILE * file), (file))

@@ -138,9 +138,10 @@ void packMemos(DbfBase* h) {
 /// Edits of a table that was not made by the library.
 void edit(DbfBase* h, const std::string& path, double number) {
     setFields(h, "20240229 with a text", number);
-    const u32 count = reccount(h);
     WriteRecord(h, 0);
     WriteField(h, 0, 0);
+    RefreshDatabase(h);  // in an empty table that was behind the last record
+    const u32 count = reccount(h);
     CHECK_EQUAL(AppendBlank(h, 0), 1);
     CHECK_EQUAL(Insert(h, 0, 1), 1);
     InverseRecord(h, 1);
