@@ -106,7 +106,7 @@ TEST(Handle, AnExceptionOfAHookPutsOptionsBack) {
     for (const auto& [name, call] : calls) {
         const TempDir dir;
         const Table h = openLayout(dir, numbered(9));
-        if (name == "sort"s) SortBase(h.get(), "NO", nullptr);
+        if (name == "sort"s || name == "filter"s) SortBase(h.get(), "NO", nullptr);
         const u32* const order = h->SortOrder;
         h->DateFormat = 3;
         h->Reverse = name != "insert"s && order == nullptr;
@@ -118,6 +118,7 @@ TEST(Handle, AnExceptionOfAHookPutsOptionsBack) {
         EXPECT_EQ(h->Reverse, reverse) << name;
         EXPECT_TRUE(h->SortCallback == nullptr && h->SortKeyA == nullptr) << name;
         EXPECT_TRUE(h->FilterState == nullptr && h->SortOrder == order) << name;
+        EXPECT_EQ(h->FilterText, nullptr) << name;
         EXPECT_EQ(readAll(h->FileName), numbered(9).bytes()) << name;
         EXPECT_EQ(h->Header.RecordCount, 9u) << name;
     }

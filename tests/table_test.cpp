@@ -235,6 +235,14 @@ TEST(Opening, OnlyRegularFilesAndNoneForTwoPurposes) {
         EXPECT_EQ(MakeBakFile(h.get(), 1), 1) << "takes the place of a link";
         EXPECT_EQ(readAll(folder.file("t.bak")), kMemo.bytes());
     }
+    const Table table = openLayout(outer, kMemo);
+    for (const char* needed : {"t.bak", "./t.dbt", "./././t.dbf"}) {
+        SetAliasName(table.get(), needed);
+        WriteAlias(table.get());
+        EXPECT_FALSE(std::filesystem::exists(outer.file("t.bak")));
+        EXPECT_FALSE(std::filesystem::exists(outer.file("t.dbt")));
+        EXPECT_EQ(readAll(outer.file("t.dbf")), kMemo.bytes());
+    }
     const Table own = openLayout(outer, kMemo, "t.dbt");
     EXPECT_EQ(ReadRecord(own.get(), 0), 1);
     EXPECT_EQ(SetMemo(own.get(), 0, "text"), 0);

@@ -297,13 +297,20 @@ bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
         return true;
     };
     if (!withMemory(prepare)) return false;
-    if (applied == text && !filter.every) {
-        Owned<char> joined = joinTexts(h->FilterText, text);
-        if (!joined) return false;
-        replace(h->FilterText, std::move(joined));
+    const bool adds = applied == text && !filter.every;
+    Owned<char> other = adds ? joinTexts(h->FilterText, text) : nullptr;
+    if (adds && !other) return false;
+    if (adds) other.reset(std::exchange(h->FilterText, other.release()));
+    Owned<u32> order(std::exchange(h->SortOrder, nullptr));
+    const u32 orderCount = sortOrderCount(h);
+    setSortOrderCount(h, 0);
+    try {
+        selectRecords(h, filter, callback, count, std::move(index));
+    } catch (...) {
+        if (adds) replace(h->FilterText, std::move(other));
+        setSortOrder(h, std::move(order), orderCount);
+        throw;
     }
-    setSortOrder(h);
-    selectRecords(h, filter, callback, count, std::move(index));
     return true;
 }
 
