@@ -45,7 +45,8 @@ const std::pair<const char*, int (*)(DbfBase*)> kEdits[] = {
     {"insert", [](DbfBase* h) { return Insert(h, 1, 1); }},
     {"delete", [](DbfBase* h) { return Delete(h, 1); }},
     {"truncate", [](DbfBase* h) { return Truncate(h, 1); }},
-    {"zap", Zap}};
+    {"zap", Zap},
+    {"pack", [](DbfBase* h) { return Pack(h, 0); }}};
 
 TEST(Handle, EditsLeaveAloneWhatAnotherProgramHasChanged) {
     enum Change { Appended, Cut, Removed, Replaced };
@@ -99,7 +100,7 @@ TEST(Handle, AnExceptionOfAHookPutsOptionsBack) {
     const std::pair<const char*, int (*)(DbfBase*)> calls[] = {
         kEdits[0],
         kEdits[1],
-        {"pack", [](DbfBase* h) { return Pack(h, 0); }},
+        kEdits[5],
         {"sort", [](DbfBase* h) { return SortBase(h, "REST", [] { return 0; }); }},
         {"filter",
          [](DbfBase* h) { return set_filter(h, "NO>\"102\"", nullptr) != nullptr ? 1 : 0; }}};

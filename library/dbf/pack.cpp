@@ -106,6 +106,7 @@ int packRecords(DbfBase* h, bool writable) {
 
 int pack(DbfBase* h, u32 mode) {
     if (mode > kPackMemos) return 1;
+    if (!unchangedSize(h, true)) return 0;
     const bool writable = isWritable(h);
     // Before records move: the log of a rebuild goes by their places.
     if (finishPackMemos(h, writable) == 0) return 0;

@@ -50,7 +50,7 @@ u32 recordsInFile(const DbfBase* h, u64 size) {
     return static_cast<u32>(std::min<u64>(count, kNoPosition - 1));
 }
 
-std::optional<u64> unchangedSize(const DbfBase* h) {
+std::optional<u64> unchangedSize(const DbfBase* h, bool mayBeShort) {
     const bool known = h->Private != nullptr && h->Private->file.has_value();
     const std::optional<FileId> own = known ? h->Private->file : fileId(h->TableFile);
     std::optional<FileFacts> facts = factsOf(h->FileName);
@@ -61,7 +61,8 @@ std::optional<u64> unchangedSize(const DbfBase* h) {
     const u64 end = h->Header.RecordCount != 0 ? offsetOf(h, h->Header.RecordCount) : 0;
     const u64 room = std::max<u64>(h->Header.RecordLength, 2);  // an end byte is no record
     const bool holdsMore = facts->size >= offsetOf(h, h->Header.RecordCount) + room;
-    return facts->size >= end && !holdsMore ? std::optional(facts->size) : std::nullopt;
+    const bool whole = mayBeShort || facts->size >= end;
+    return whole && !holdsMore ? std::optional(facts->size) : std::nullopt;
 }
 
 u32 reccount(DbfBase* h) {

@@ -89,7 +89,8 @@ void tableChanged(DbfBase*);
 /// Size of the table file as long as it is what the handle knows: it holds the records that are
 /// counted and less than one more, and its name leads to no other file. None when another program,
 /// or another handle, has changed it: what an edit moved, cut or wrote over would not be its own.
-std::optional<u64> unchangedSize(const DbfBase*);
+/// Some edits find out themselves that records are missing: mayBeShort.
+std::optional<u64> unchangedSize(const DbfBase*, bool mayBeShort = false);
 /// (size - HeaderLength) / RecordLength, 0 for a file shorter than its header.
 u32 recordsInFile(const DbfBase*, u64 size);
 
