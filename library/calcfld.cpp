@@ -55,22 +55,10 @@ struct PreparedSlot {
     Expression expression;
     Arithmetic arithmetic;  // of a numeric expression
     bool digit;             // what if_digit_calci says
-    int uses = 0;           // evaluations that are running
-    bool given = false;     // up: the last evaluation releases it
 };
-
-/// Hooks may change a slot, or all of them, while it is evaluated.
-struct GiveUp {
-    void operator()(PreparedSlot* p) const {
-        if (p->uses == 0) {
-            delete p;
-        } else {
-            p->given = true;
-        }
-    }
-};
-using OwnedSlot = std::unique_ptr<PreparedSlot, GiveUp>;
-using PreparedSlots = std::array<OwnedSlot, kSlots>;
+/// An evaluation holds its slot, too: hooks may change it, or all of them, meanwhile.
+using HeldSlot = std::shared_ptr<const PreparedSlot>;
+using PreparedSlots = std::array<HeldSlot, kSlots>;
 
 /// Whether a numeric field is named in a text between the characters of chrdigit.
 bool namesNumber(const DbfBase* h, std::string_view text) {
@@ -135,45 +123,27 @@ PreparedSlots* keepSlots(DbfBase* h) {
     return keptSlots(h);
 }
 
-/// The prepared expression of a slot, for as long as this lives; null when the slot is empty or
-/// there is no memory. Where nothing can be kept, it is this one's own.
-class InUse {
-public:
-    InUse(DbfBase* h, int slot) {
-        const CalcFieldSlot* const filled = filledSlot(h, slot);
-        if (filled == nullptr || filled->Expression == nullptr) return;
-        const PreparedSlots* const all = keptSlots(h);
-        if (all != nullptr) slot_ = (*all)[static_cast<std::size_t>(slot)].get();
-        if (slot_ == nullptr || !isCurrent(h, *slot_, filled->Expression)) {
-            slot_ = prepare(h, slot, filled->Expression);
-        }
-        if (slot_ != nullptr) ++slot_->uses;
+/// Prepares a slot anew, and keeps it where that is possible. Null without memory.
+[[gnu::noinline]] HeldSlot prepareAnew(DbfBase* h, int slot, const char* text) {
+    try {
+        HeldSlot made = std::make_shared<PreparedSlot>(prepareSlot(h, text));
+        if (h->Private != nullptr) (*keepSlots(h))[static_cast<std::size_t>(slot)] = made;
+        return made;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
     }
-    ~InUse() {
-        if (slot_ != nullptr && --slot_->uses == 0 && slot_->given) delete slot_;
+}
+
+/// The prepared expression of a slot; null when it is empty or there is no memory.
+HeldSlot prepared(DbfBase* h, int slot) {
+    const CalcFieldSlot* const filled = filledSlot(h, slot);
+    if (filled == nullptr || filled->Expression == nullptr) return nullptr;
+    if (const PreparedSlots* const all = keptSlots(h)) {
+        const HeldSlot& kept = (*all)[static_cast<std::size_t>(slot)];
+        if (kept != nullptr && isCurrent(h, *kept, filled->Expression)) return kept;
     }
-    InUse(const InUse&) = delete;
-    InUse& operator=(const InUse&) = delete;
-
-    explicit operator bool() const { return slot_ != nullptr; }
-    const PreparedSlot& operator*() const { return *slot_; }
-    const PreparedSlot* operator->() const { return slot_; }
-
-private:
-    [[gnu::noinline]] PreparedSlot* prepare(DbfBase* h, int slot, const char* text) {
-        try {
-            PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
-            OwnedSlot& kept = all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own_;
-            kept.reset(new PreparedSlot(prepareSlot(h, text)));
-            return kept.get();
-        } catch (const std::bad_alloc&) {
-            return nullptr;
-        }
-    }
-
-    OwnedSlot own_;
-    PreparedSlot* slot_ = nullptr;
-};
+    return prepareAnew(h, slot, filled->Expression);
+}
 
 // --------------------------------------------------------------------------------------------
 // Values
@@ -274,8 +244,8 @@ int GetCalcI(DbfBase* h, const char* name) {
 char if_digit_calc(DbfBase* h, const char* name) { return if_digit_calci(h, GetCalcI(h, name)); }
 
 char if_digit_calci(DbfBase* h, int slot) {
-    const InUse p(h, slot);
-    return p && p->digit ? 1 : 0;
+    const HeldSlot p = prepared(h, slot);
+    return p != nullptr && p->digit ? 1 : 0;
 }
 
 const char* GetCalcString(DbfBase* h, const char* name) {
@@ -283,16 +253,16 @@ const char* GetCalcString(DbfBase* h, const char* name) {
 }
 
 const char* GetCalcStringI(DbfBase* h, int slot) {
-    const InUse p(h, slot);
-    if (!p) return nullptr;
+    const HeldSlot p = prepared(h, slot);
+    if (p == nullptr) return nullptr;
     return p->expression.numeric ? numberText(h, *p) : textOf(h, *p);
 }
 
 double GetCalcValue(DbfBase* h, const char* name) { return GetCalcValueI(h, GetCalcI(h, name)); }
 
 double GetCalcValueI(DbfBase* h, int slot) {
-    const InUse p(h, slot);
-    return p && p->expression.numeric ? valueOf(h, *p).value_or(0.0) : 0.0;
+    const HeldSlot p = prepared(h, slot);
+    return p != nullptr && p->expression.numeric ? valueOf(h, *p).value_or(0.0) : 0.0;
 }
 
 int makecalcstring(DbfBase* h, const char* expression, char* output, int* numeric) {

@@ -68,11 +68,11 @@ bool isSameFile(std::optional<FileId> a, std::optional<FileId> b);
 
 /// Opens with the flags of open(2) and the mode that fdopen gives them, unbuffered. Null on
 /// failure, and for what is no regular file: a directory holds no bytes, and reads from a FIFO or a
-/// terminal may never return. Never waits. *facts tells what has been opened.
+/// terminal may never return. Never waits. *opened tells what has been opened.
 std::FILE* openUnbuffered(const char* path, int flags, const char* mode,
-                          FileFacts* facts = nullptr);
+                          FileFacts* opened = nullptr);
 /// The same for an open descriptor, which is closed on failure.
-std::FILE* openUnbuffered(int fd, const char* mode, FileFacts* facts = nullptr);
+std::FILE* openUnbuffered(int fd, const char* mode, FileFacts* opened = nullptr);
 /// Open_File, or Open_FileRO.
 std::FILE* openFile(const char* path, bool readOnly, FileId* id = nullptr);
 /// Creates a file, or opens one and empties it unless it is one of the files to keep.
