@@ -182,6 +182,16 @@ int describe(const Bytes& file, struct stat* info) {
     return 0;
 }
 
+#ifdef STATX_SIZE
+int describe(const Bytes& file, struct statx* info) {
+    if (file == nullptr) return -1;
+    *info = {};
+    info->stx_ino = reinterpret_cast<ino_t>(file.get());
+    info->stx_size = file->size();
+    return 0;
+}
+#endif
+
 int cut(const Bytes& file, off_t size) {
     if (file == nullptr) return -1;
     file->resize(static_cast<std::size_t>(size));
@@ -264,6 +274,11 @@ WRAP(int, access, inMemory(path), find(path) != nullptr ? 0 : -1, (const char* p
      (path, mode))
 WRAP(int, LARGE(stat), inMemory(path), describe(find(path), info),
      (const char* path, struct stat* info), (path, info))
+#ifdef STATX_SIZE
+WRAP(int, statx, inMemory(path), describe(find(path), info),
+     (int folder, const char* path, int flags, unsigned mask, struct statx* info),
+     (folder, path, flags, mask, info))
+#endif
 WRAP(int, LARGE(fstat), of(fd), describe(of(fd)->file, info), (int fd, struct stat* info),
      (fd, info))
 WRAP(int, fileno, of(file), descriptorOf(of(file)), (std::FILE * file), (file))

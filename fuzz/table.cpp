@@ -173,9 +173,10 @@ void packMemos(DbfBase* h) {
 /// Edits of a table that was not made by the library.
 void edit(DbfBase* h, const std::string& path, double number) {
     setFields(h, "20240229 with a text", number);
-    const u32 count = reccount(h);
     WriteRecord(h, 0);
     WriteField(h, 0, 0);
+    RefreshDatabase(h);  // in an empty table that was behind the last record
+    const u32 count = reccount(h);
     const auto refused = [h] { return IsPackUnfinished(h) != 0; };
     CHECK_EQUAL(refused(), h->FirstMemoField != -1 && GetBlockSize(h) == 0 &&
                                isHalfPacked(contentsOf(h->MemoFileName)));

@@ -173,8 +173,9 @@ struct DbfBase {
 ///@{
 // --------------------------------------------------------------------------------------------
 
-/// Opens a table for reading and writing, or only for reading where the file permits no more.
-/// Null when it cannot be opened or is no usable table.
+/// Opens a table for reading and writing, or only for reading where the file or the file system
+/// permits no more (not after other failures, such as too many open files). Null when it cannot be
+/// opened or is no usable table.
 DbfBase* OpenBase(const char* path);
 /// Opens a table for reading only; null as for OpenBase.
 DbfBase* OpenBaseRO(const char* path);
@@ -279,7 +280,7 @@ int ReadByte(DbfBase*, u32 position);
 /// Reads one field into its place in RecordBuffer.
 int ReadField(DbfBase*, u32 position, int field);
 /// Counts the records again from the file size and forgets bytes read ahead; 1 when the count
-/// has changed.
+/// has changed. What another program has changed can be edited then.
 int RefreshDatabase(DbfBase*);
 ///@}
 
@@ -299,7 +300,9 @@ int WriteByte(DbfBase*, u32 position);
 int WriteField(DbfBase*, u32 position, int field);
 /// Stamps today's date into the header, writes it, and an end-of-file byte after the last record.
 int WriteHeader(DbfBase*);
-/// Appends RecordBuffer, cleared first when clear is non-zero, as a new last record.
+/// Appends RecordBuffer, cleared first when clear is non-zero, as a new last record. 0 and nothing
+/// changed, as of Insert, Delete, Truncate, Zap and Pack, when another program or handle has added
+/// or cut off records, or the table's name leads to another file now.
 int AppendBlank(DbfBase*, char clear);
 /// Copies RecordBuffer into SavedRecord.
 int DupRecord(DbfBase*);
@@ -343,7 +346,8 @@ int RecallRecord(DbfBase*, u32 position);
 /// Toggles the deletion mark.
 int InverseRecord(DbfBase*, u32 position);
 /// Removes a physical record from the file. On failure 0, the table as it was; where that fails
-/// too, every record is still there, one perhaps twice.
+/// too, every record is still there, one perhaps twice, and Delete and Insert give 0 until
+/// RefreshDatabase.
 int Delete(DbfBase*, u32 record);
 /// Inserts a record, blank or a copy of RecordBuffer, before position (0 to RecordCount). Failures
 /// as for Delete.
@@ -566,7 +570,8 @@ u32 dBase4_BlockSize(DbfBase*);
 u32 FoxPro_BlockSize(DbfBase*);
 /// Block unit from an SMT header; 256 when the header is short.
 u32 SMT_BlockSize(DbfBase*);
-/// Writes an empty memo file over the one of a table. blockSize in bytes, at most 65535, 0 for 512.
+/// Writes an empty memo file over the one of a table, for a source of Visual FoxPro (.scx and the
+/// like) under its own extension. blockSize in bytes, at most 65535, 0 for 512.
 int CreateMemoFile(const char* tablePath, u32 kind, u32 blockSize);
 /// Places MemoFile at byte unit * block.
 int SeekMemo(DbfBase*, u32 unit, u32 block);

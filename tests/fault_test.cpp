@@ -393,7 +393,9 @@ private:
     /// What is appended next overwrites nothing.
     void expectRoomBehind(const std::string& where, Table h) const {
         if (h) ClearAllFilter(h.get());
-        EXPECT_TRUE(h && AppendBlank(h.get(), 1) == 1) << where;
+        const bool whole = h && AppendBlank(h.get(), 1) == 1;
+        if (h && !whole) RefreshDatabase(h.get());  // copies stand behind the records
+        EXPECT_TRUE(whole || (h && AppendBlank(h.get(), 1) == 1)) << where;
         expectNothingLost(where + ", appended", 1);
     }
 
@@ -425,6 +427,13 @@ private:
         if (lasting) {
             if (!h) h = sample_.open();
             if (!judged) callAgain(again, h, torn);
+            if (kind == kCut && operation_.putsBack && result == 0) {
+                EXPECT_EQ(h->Header.RecordCount, sample_.count) << where;
+            }
+            if (operation_.putsBack && result == 0) {
+                operation_.call(sample_, h);  // may be refused now
+                expectNothingLost(again, torn);
+            }
             expectRoomBehind(where, std::move(h));
         } else if (result == 0) {
             callAgain(again, h, operation_.packs ? torn : 0);
@@ -728,22 +737,21 @@ TEST(Fault, NoFailureOrKillLosesARecord) {
 
 TEST(Fault, ATableThatCannotBeReadDoesNotOpen) {
     const TempDir dir;
-    for (const int kind : {kSeek, kRead}) {
-        int n = 1;
-        for (; n < 20; ++n) {
-            Layout layout{0x03,
-                          {{"A", 'C', 9}, {"B", 'C', 9}},
-                          {padded(" x", 19)},
-                          n % 2 == 0 ? kLevel7 : kPlain};
+    for (const int kind : {kOpen, kRead}) {
+        for (const Flavour flavour : {kPlain, kLevel7}) {
+            Layout layout{0x03, {}, {}, flavour};
+            layout.columns.assign(100, {"F", 'L', 1});  // more than one read gets
             writeAll(dir.file("t.dbf"), layout.bytes());
-            fault = {kind, (n + 1) / 2};
-            const Table h(OpenBase(dir.file("t.dbf").c_str()));
-            const bool met = fault.met;
-            fault = {};
-            EXPECT_EQ(h == nullptr, met) << kind << ' ' << n;
-            if (!met) break;
+            int calls = -1;
+            for (bool met = true; met; ++calls) {
+                fault = {kind, calls + 2};
+                const Table h(OpenBase(dir.file("t.dbf").c_str()));
+                met = fault.met;
+                fault = {};
+                EXPECT_EQ(h == nullptr, met) << kind << ' ' << calls;
+            }
+            EXPECT_EQ(calls, kind == kOpen ? 1 : 2);
         }
-        EXPECT_TRUE(n > 4 && n < 20);
     }
 }
 

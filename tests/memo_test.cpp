@@ -231,8 +231,8 @@ TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
     const std::vector<std::string> folders[] = {
         {"f.scx", "f.sct", "", "f.sct"},      {"F.FRX", "F.FRT", "", "F.FRT"},
         {"f.VcX", "f.Vct", "", "f.Vct"},      {"f.lbx", "f.LBT", "f.lbT", "f.fpt"},
-        {"f.mnx", "f.mnt", "F.fpT", "F.fpT"}, {"f.pjx", "f.pjt", "f.Fpt", "f.Fpt"},
-        {"f.dbf", "f.dbt", "", "f.fpt"}};
+        {"f.mnx", "f.MNT", "f.fpt", "f.MNT"}, {"f.pjx", "F.fpT", "", "F.fpT"},
+        {"f.pjx", "f.fpt", "F.DBF", "f.pjt"}, {"f.dbf", "f.dbt", "", "f.fpt"}};
     for (const auto& names : folders) {
         const Folder folder;
         for (const std::string& name : {names[1], names[2]})
@@ -240,6 +240,14 @@ TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
         const Table h = openLayout(folder, {0x30, {{"NOTE", 'M', 4}}}, names[0]);
         EXPECT_EQ(h->MemoFileName, folder.file(names[3])) << names[0];
     }
+    const Folder folder;
+    DbfField field{"NOTE", 'M', 4, 0, 0, 0};
+    writeAll(folder.file("f.fpt"), "a table's");
+    EXPECT_EQ(CreateDatabase(folder.file("f.scx").c_str(), &field, 1, 3, 64, 1), 1);
+    const Table h(OpenBase(folder.file("f.scx").c_str()));
+    EXPECT_EQ(SetMemo(h.get(), 0, "text") + AppendBlank(h.get(), 0) + Pack(h.get(), 0), 3);
+    EXPECT_EQ(readAll(folder.file("f.sct")).substr(520), "text");
+    EXPECT_EQ(readAll(folder.file("f.fpt")), "a table's");
 }
 
 TEST(Memo, EveryReadReleasesTheLastText) {

@@ -3,6 +3,8 @@
 
 #include "dbf/packmemos.h"
 #include "dbf/packrecords.h"
+#include "dbf/table/position.h"
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
 #include "internal/restore.h"
@@ -18,15 +20,9 @@ bool isWritable(const DbfBase* h) {
     return flags != -1 && (flags & O_ACCMODE) != O_RDONLY;
 }
 
-/// Whether the table's name leads to another file by now, whose memos the memo file holds.
-bool isReplaced(const DbfBase* h) {
-    const std::optional<FileId> named = fileId(h->FileName);
-    return named && named != fileId(h->TableFile);
-}
-
 int pack(DbfBase* h, u32 mode) {
     if (mode > kPackMemos) return 1;
-    if (isReplaced(h)) return 0;
+    if (!unchangedSize(h, true)) return 0;
     const bool writable = isWritable(h);
     // Before records move: the log of a rebuild goes by their places.
     if (finishPackMemos(h, writable) == 0) return 0;
@@ -38,9 +34,10 @@ int pack(DbfBase* h, u32 mode) {
 
 int Pack(DbfBase* h, u32 mode) {
     if (isClosed(h) || hasView(h)) return 0;
+    const Editing editing(h);
     const Restore forwards(h->Reverse, 0);
     const Restore physical(h->UseFilterIndex, u8{0}, u8{1});
-    return pack(h, mode);
+    return editing.ready() ? pack(h, mode) : 0;
 }
 
 }  // namespace mira

@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "internal/file.h"
 
 namespace mira {

@@ -95,8 +95,39 @@ u32 findInAnyCase(const char* path, Owned<char>* found) {
     return count;
 }
 
-/// Sources of Visual FoxPro (forms, classes, reports, labels, menus, projects) are tables whose
-/// memo file has their own extension with a "t" at its end. Null for other tables.
+bool exists(const char* path) { return access(path, F_OK) == 0; }
+
+/// The file of a path, or the only one beside it that differs in letter case; null when there is
+/// none.
+Owned<char> lookFor(const char* path) {
+    Owned<char> found;
+    if (exists(path)) return copyText(path);
+    findInAnyCase(path, &found);
+    return found;
+}
+
+/// Whether a table of the same name, which has memos of its own, stands beside a source.
+bool standsBesideTable(const char* sourcePath) {
+    const Owned<char> table = copyText(sourcePath);
+    if (!table) return false;
+    char* const ext = table.get() + std::strlen(sourcePath) - 4;
+    std::memcpy(ext, ".dbf", 4);
+    Owned<char> found;
+    return exists(table.get()) || findInAnyCase(table.get(), &found) != 0;
+}
+
+/// Names the memo file that is there where none is under the usual name. A source looks for its own
+/// first.
+void lookForMemoFile(DbfBase* h) {
+    Owned<char> source = sourceMemoName(h->FileName);
+    Owned<char> found = source ? lookFor(source.get()) : nullptr;
+    if (!found && source && standsBesideTable(h->FileName)) found = std::move(source);
+    if (!found && !exists(h->MemoFileName)) findInAnyCase(h->MemoFileName, &found);
+    if (found) replace(h->MemoFileName, std::move(found));
+}
+
+}  // namespace
+
 Owned<char> sourceMemoName(const char* tablePath) {
     static constexpr const char* sources[] = {".scx", ".vcx", ".frx", ".lbx", ".mnx", ".pjx"};
     const PathParts parts = splitPath(tablePath);
@@ -108,23 +139,6 @@ Owned<char> sourceMemoName(const char* tablePath) {
     }
     return nullptr;
 }
-
-/// Names the memo file that is there where none is under the usual name.
-void lookForMemoFile(DbfBase* h) {
-    if (access(h->MemoFileName, F_OK) == 0) return;
-    Owned<char> found;
-    if (findInAnyCase(h->MemoFileName, &found) == 0) {
-        Owned<char> source = sourceMemoName(h->FileName);
-        if (source && access(source.get(), F_OK) == 0) {
-            found = std::move(source);
-        } else if (source) {
-            findInAnyCase(source.get(), &found);
-        }
-    }
-    if (found) replace(h->MemoFileName, std::move(found));
-}
-
-}  // namespace
 
 const MemoFamily* memoFamily(u8 version) { return familyOf(flavourOf(version).memos); }
 

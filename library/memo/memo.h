@@ -48,6 +48,9 @@ extern const MemoFamily kSmtMemo;
 const MemoFamily* memoFamily(u8 version);
 /// The family that a memo file of a kind is created in; null: no memo format.
 const MemoFamily* memoFamilyOfKind(u32 kind);
+/// Sources of Visual FoxPro (forms, classes, reports, labels, menus, projects) are tables whose
+/// memo file has their own extension with a "t" at its end. Null for other tables.
+Owned<char> sourceMemoName(const char* tablePath);
 
 // read.cpp
 enum class MemoRead {

@@ -86,7 +86,15 @@ void ClearField(DbfBase* h, int field) {
 
 void ClearRecord(DbfBase* h) {
     h->RecordBuffer[0] = kPresent;
-    for (int field = 0; field < h->FieldCount; ++field) ClearField(h, field);
+    u32 end = 1;
+    for (int field = 0; field < h->FieldCount; ++field) {
+        ClearField(h, field);
+        end += fieldLength(h->Fields[field]);
+    }
+    // A record may be longer than its fields.
+    if (end < h->Header.RecordLength) {
+        std::memset(h->RecordBuffer + end, kPresent, h->Header.RecordLength - end);
+    }
 }
 
 int fieldNamed(const DbfBase* h, std::string_view name, int from) {

@@ -41,7 +41,8 @@ void putPiece(DbfBase* h, const FilterPiece& piece) {
     putLogic(work, piece.after);
 }
 
-/// Runs what allocates; false without memory.
+/// Runs what prepares; false without memory. What hooks throw while records are tested passes
+/// through, be it for want of memory.
 template <typename Work>
 bool withMemory(const Work& work) {
     try {
@@ -192,7 +193,6 @@ void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callba
     if (!stopped) takeIndex(h, std::move(index), selected);
 }
 
-/// set_filter but for the exceptions of the standard library.
 bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
     const char* const applied = text != nullptr ? text : h->FilterText;
     const u32 count = reccount(h);
@@ -202,31 +202,39 @@ bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
     std::memset(work.get(), 0, sizeof *work);
     const Restore state(h->FilterState, work.get());
     PreparedFilter filter;
-    if (!prepareFilter(h, applied, filter)) return false;
-    prepareShortcuts(h, filter);
-    if (applied == text && !filter.every) {
-        Owned<char> joined = joinTexts(h->FilterText, text);
-        if (!joined) return false;
-        replace(h->FilterText, std::move(joined));
+    const auto prepare = [&] {
+        if (!prepareFilter(h, applied, filter)) return false;
+        prepareShortcuts(h, filter);
+        return true;
+    };
+    if (!withMemory(prepare)) return false;
+    const bool adds = applied == text && !filter.every;
+    Owned<char> other = adds ? joinTexts(h->FilterText, text) : nullptr;
+    if (adds && !other) return false;
+    if (adds) other.reset(std::exchange(h->FilterText, other.release()));
+    Owned<u32> order(std::exchange(h->SortOrder, nullptr));
+    const u32 orderCount = sortOrderCount(h);
+    setSortOrderCount(h, 0);
+    try {
+        selectRecords(h, filter, callback, count, std::move(index));
+    } catch (...) {
+        if (adds) replace(h->FilterText, std::move(other));
+        setSortOrder(h, std::move(order), orderCount);
+        throw;
     }
-    setSortOrder(h);
-    selectRecords(h, filter, callback, count, std::move(index));
     return true;
 }
 
 }  // namespace
 
 DbfBase* set_filter(DbfBase* h, const char* text, StopCallback callback) {
-    const bool applied = h != nullptr && withMemory([&] { return applyFilter(h, text, callback); });
-    return applied ? h : nullptr;
+    return h != nullptr && applyFilter(h, text, callback) ? h : nullptr;
 }
 
 int ValidRecord(DbfBase* h, const char* text) {
     if (text == nullptr || (h->FilterState == nullptr && !takesEvery(text))) return 0;
-    return withMemory([&] {
-        PreparedFilter filter;
-        return prepareFilter(h, text, filter) && passes(h, filter);
-    });
+    PreparedFilter filter;
+    return withMemory([&] { return prepareFilter(h, text, filter); }) && passes(h, filter);
 }
 
 int analizator(DbfBase* h, const char* text) {
@@ -237,16 +245,22 @@ int analizator(DbfBase* h, const char* text) {
 
 void eval(DbfBase* h, char connective) {
     if (h->FilterState == nullptr) return;
-    withMemory([&] {
-        putPiece(h, preparePiece(h, h->FilterState->PieceText, connective));
+    FilterPiece piece;
+    const auto prepare = [&] {
+        piece = preparePiece(h, h->FilterState->PieceText, connective);
         return true;
-    });
+    };
+    if (withMemory(prepare)) putPiece(h, piece);
 }
 
 char cnd(DbfBase* h, const char* condition) {
     if (condition == nullptr || h->FilterState == nullptr) return '0';
-    const auto holds = [&] { return conditionHolds(h, prepareCondition(h, condition)); };
-    return withMemory(holds) ? '1' : '0';
+    Condition prepared;
+    const auto prepare = [&] {
+        prepared = prepareCondition(h, condition);
+        return true;
+    };
+    return withMemory(prepare) && conditionHolds(h, prepared) ? '1' : '0';
 }
 
 void ClearFilter(DbfBase* h) {
