@@ -258,6 +258,7 @@ TEST_F(Interrupted, PackLetsNoReferenceIntoAnotherRecord) {
         EXPECT_EQ(WriteRecord(looked.get(), 1), 1);
     }
     EXPECT_EQ(AppendBlank(looked.get(), 0), 1);
+    RefreshDatabase(h.get());
     EXPECT_EQ(Pack(h.get(), 2), 1);
     EXPECT_EQ(memos(), "a-c") << "what is cleared stays cleared";
 }
