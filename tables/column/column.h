@@ -115,6 +115,11 @@ struct Table : TableFacts {
 /// Whether the column counts by itself.
 bool isCounting(const Column& column);
 
+/// What a column holds, also where it is shown as stored.
+Kind heldKind(const Column& column);
+/// Whether that is numbers.
+bool isOfNumbers(const Column& column);
+
 /// The column of a name in any letter case, or of a number (fields from 1) where no name fits.
 const Column* findColumn(const Table& table, std::string_view name);
 /// The same; throws a Refusal with the nearest name.
