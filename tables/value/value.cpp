@@ -95,28 +95,18 @@ void giveCharacters(CellReader& reader, const Column& column, Value& value,
     giveText(reader, value, raw ? text : withoutBlanks(text));
 }
 
-/// V and Q with null flags: the bytes that count.
-std::string_view variableBytes(const Table& table, const Column& column, Value& value) {
-    const std::string_view bytes = storedBytes(table, column);
-    if (bytes.empty() || !bitOf(table, column.lengthBit)) return bytes;
-    const std::size_t length = static_cast<u8>(bytes.back());
-    if (length >= bytes.size()) value.fault = Fault::LengthPastEnd;
-    return bytes.substr(0, std::min(length, bytes.size() - 1));
-}
-
 void giveVarchar(CellReader& reader, const Column& column, Value& value) {
     const Table& table = *reader.table;
     if (column.lengthBit == kNoBit) {
         return giveCharacters(reader, column, value, storedBytes(table, column));
     }
-    const std::string_view bytes = variableBytes(table, column, value);
+    const std::string_view bytes = variableBytes(table, column, &value.fault);
     if (column.untranslated) return giveUntranslated(value, bytes, bytes);
     giveText(reader, value, bytes);
 }
 
 void giveVarbinary(const Table& table, const Column& column, Value& value) {
-    giveBytes(value, column.lengthBit == kNoBit ? storedBytes(table, column)
-                                                : variableBytes(table, column, value));
+    giveBytes(value, variableBytes(table, column, &value.fault));
 }
 
 // --------------------------------------------------------------------------------------------
@@ -361,6 +351,16 @@ void giveCalculated(CellReader& reader, const Column& column, Value& value) {
 
 std::string_view storedBytes(const Table& table, const Column& column) {
     return {reinterpret_cast<const char*>(table.base->RecordBuffer) + column.offset, column.length};
+}
+
+std::string_view variableBytes(const Table& table, const Column& column, Fault* fault) {
+    const std::string_view bytes = storedBytes(table, column);
+    if (column.lengthBit == kNoBit || bytes.empty() || !bitOf(table, column.lengthBit)) {
+        return bytes;
+    }
+    const std::size_t length = static_cast<u8>(bytes.back());
+    if (length >= bytes.size() && fault != nullptr) *fault = Fault::LengthPastEnd;
+    return bytes.substr(0, std::min(length, bytes.size() - 1));
 }
 
 bool lastsForRecord(const Table& table, std::string_view text) {

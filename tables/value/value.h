@@ -84,6 +84,8 @@ bool lastsForRecord(const Table& table, std::string_view text);
 bool isNull(const Table& table, const Column& column);
 /// The stored bytes of the column in the current record.
 std::string_view storedBytes(const Table& table, const Column& column);
+/// Those that count: of V and Q with null flags as many as their length says.
+std::string_view variableBytes(const Table& table, const Column& column, Fault* fault = nullptr);
 
 /// Digits to a whole number of 64 bits; nothing when they are none or the number has decimals.
 std::optional<i64> toInteger(std::string_view digits);

@@ -131,8 +131,8 @@ const Column& leftColumn(const Table& table, std::string_view condition, std::si
     }
     const Column& column = columnNamed(table, left);
     if (column.kind == Kind::Calculated) {
-        refuseFilterPart(table, column.name,
-                         " is a calculated field; filters know those of the table only");
+        refuseFilter(table, textOf(column.name,
+                                   " is a calculated field; filters know those of the table only"));
     }
     return column;
 }
@@ -203,10 +203,14 @@ int foldText(char* text, DbfBase* /*base*/, int /*mode*/) {
     return 0;
 }
 
-/// Zero bytes in place of a value are a blank, which the library would take for equal to anything.
-void blankZeros(DbfBase* base, const Column& column) {
-    u8* const bytes = base->RecordBuffer + column.offset;
-    if (column.length != 0 && bytes[0] == 0) std::memset(bytes, ' ', column.length);
+/// Makes the library see the characters that count: those of V and Q end with their length, and
+/// zero bytes in place of a value are a blank, not a text equal to anything.
+void bareCharacters(const Table& table, const Column& column) {
+    if (column.length == 0) return;
+    u8* const bytes = table.base->RecordBuffer + column.offset;
+    const std::size_t length = variableBytes(table, column).size();
+    if (length < column.length) bytes[length] = 0;
+    if (bytes[0] == 0) std::memset(bytes, ' ', column.length);
 }
 
 int afterRead(DbfBase* base) {
@@ -214,7 +218,7 @@ int afterRead(DbfBase* base) {
     run.read = true;
     u8* answer = base->RecordBuffer + base->Header.RecordLength;
     for (const FieldTest& test : run.filter.tests) *answer++ = passes(run.cells, test) ? '1' : '0';
-    for (const Column* column : run.filter.compared) blankZeros(base, *column);
+    for (const Column* column : run.filter.compared) bareCharacters(run.table, *column);
     return 0;
 }
 
