@@ -63,7 +63,9 @@ std::string whyNotOpened(const std::string& path) {
 }
 
 Base openBase(const std::string& path, bool writable) {
+    errno = 0;
     Base base(writable ? OpenBase(path.c_str()) : OpenBaseRO(path.c_str()));
+    if (!base && errno == ENOMEM) throw std::bad_alloc();
     if (!base) refuse(path, ": ", whyNotOpened(path));
     return base;
 }

@@ -49,6 +49,7 @@ enum class Stop {
 Converter openConverter(const char* to, const char* from) {
     iconv_t converter = iconv_open(to, from);
     const bool failed = reinterpret_cast<std::intptr_t>(converter) == -1;
+    if (failed && errno == ENOMEM) throw std::bad_alloc();
     return Converter(failed ? nullptr : converter);
 }
 

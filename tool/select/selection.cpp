@@ -185,6 +185,13 @@ std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const Selec
     return selection;
 }
 
+void requireColumns(const Selection& selection) {
+    if (!selection.columns.empty()) return;
+    refuse(selection.table->path,
+           ": no field of it can be shown; --record gives the numbers of its "
+           "records");
+}
+
 bool nextRow(Selection& s) {
     DbfBase* const base = s.table->base.get();
     if (!s.progress) {
