@@ -208,6 +208,7 @@ int foldText(char* text, DbfBase* /*base*/, int /*mode*/) {
 void bareCharacters(const Table& table, const Column& column) {
     if (column.length == 0) return;
     u8* const bytes = table.base->RecordBuffer + column.offset;
+    if (column.lengthBit == kNoBit && bytes[0] != 0) return;
     const std::size_t length = variableBytes(table, column).size();
     if (length < column.length) bytes[length] = 0;
     if (bytes[0] == 0) std::memset(bytes, ' ', column.length);
