@@ -65,12 +65,10 @@ void computeField(const Scene& scene, const Column& column, KeyValue& value) {
             value.truth = !stored.empty() &&
                           std::string_view("TtYy").find(stored[0]) != std::string_view::npos;
             return;
-        case Kind::Varchar: {
-            Fault ignored = Fault::None;
-            value.text = variableBytes(scene.table, column, ignored);
+        case Kind::Varchar:
+            value.text = variableBytes(scene.table, column);
             value.text.resize(stored.size(), ' ');
             return;
-        }
         default:
             value.text = stored;
             return;

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <set>
 
 #include "tables/open/container.h"
@@ -19,6 +20,7 @@
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
+#include "tables/value/storage.h"
 
 namespace mira::tables {
 namespace {
@@ -62,7 +64,9 @@ std::string whyNotOpened(const std::string& path) {
 }
 
 Base openBase(const std::string& path, bool writable) {
+    errno = 0;
     Base base(writable ? OpenBase(path.c_str()) : OpenBaseRO(path.c_str()));
+    if (!base && errno == ENOMEM) throw std::bad_alloc();
     if (!base) refuse(path, ": ", whyNotOpened(path));
     return base;
 }
@@ -156,6 +160,7 @@ Column columnOf(const Table& table, int field) {
     column.kind = kindOf(column);
     if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
     makePictureMemo(base, column);
+    column.exactText = table.options.exact && mayBeRounded(column);
     return column;
 }
 

@@ -280,7 +280,10 @@ PageChoice choosePage(DbfBase* h, std::string_view option) {
 }
 
 std::string pageDoubt(const PageChoice& choice, std::string_view option) {
-    return textOf("code page ", pageName(*choice.page), " is only a ", choice.from, "; ", option,
+    const bool marked = choice.from.starts_with("mark");
+    return textOf("code page ", pageName(*choice.page),
+                  marked ? " follows only from " : " is only a ", choice.from,
+                  marked ? ", which many programs set by default; " : "; ", option,
                   " says which it is");
 }
 

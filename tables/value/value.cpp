@@ -100,13 +100,13 @@ void giveVarchar(CellReader& reader, const Column& column, Value& value) {
     if (column.lengthBit == kNoBit) {
         return giveCharacters(reader, column, value, storedBytes(table, column));
     }
-    const std::string_view bytes = variableBytes(table, column, value.fault);
+    const std::string_view bytes = variableBytes(table, column, &value.fault);
     if (column.untranslated) return giveUntranslated(value, bytes, bytes);
     giveText(reader, value, bytes);
 }
 
 void giveVarbinary(const Table& table, const Column& column, Value& value) {
-    giveBytes(value, variableBytes(table, column, value.fault));
+    giveBytes(value, variableBytes(table, column, &value.fault));
 }
 
 // --------------------------------------------------------------------------------------------
@@ -179,7 +179,8 @@ void giveDigits(Value& value, std::string_view digits) {
 
 void giveDecimal(const Table& table, const Column& column, Value& value) {
     const std::string_view digits = withoutPadding(storedBytes(table, column));
-    if (!digits.empty()) giveDigits(value, digits);
+    // Some programs leave the point of a blank number.
+    if (!digits.empty() && digits != ".") giveDigits(value, digits);
 }
 
 void giveInteger(Value& value, i64 integer) {
@@ -352,18 +353,20 @@ std::string_view storedBytes(const Table& table, const Column& column) {
     return {reinterpret_cast<const char*>(table.base->RecordBuffer) + column.offset, column.length};
 }
 
+std::string_view variableBytes(const Table& table, const Column& column, Fault* fault) {
+    const std::string_view bytes = storedBytes(table, column);
+    if (column.lengthBit == kNoBit || bytes.empty() || !bitOf(table, column.lengthBit)) {
+        return bytes;
+    }
+    const std::size_t length = static_cast<u8>(bytes.back());
+    if (length >= bytes.size() && fault != nullptr) *fault = Fault::LengthPastEnd;
+    return bytes.substr(0, std::min(length, bytes.size() - 1));
+}
+
 bool lastsForRecord(const Table& table, std::string_view text) {
     const auto* const record = reinterpret_cast<const char*>(table.base->RecordBuffer);
     const std::less<> before;
     return !before(text.data(), record) && before(text.data(), record + kRecordSize);
-}
-
-std::string_view variableBytes(const Table& table, const Column& column, Fault& fault) {
-    const std::string_view bytes = storedBytes(table, column);
-    if (bytes.empty() || column.lengthBit == kNoBit || !bitOf(table, column.lengthBit)) return bytes;
-    const std::size_t length = static_cast<u8>(bytes.back());
-    if (length >= bytes.size()) fault = Fault::LengthPastEnd;
-    return bytes.substr(0, std::min(length, bytes.size() - 1));
 }
 
 bool isNull(const Table& table, const Column& column) {
@@ -486,6 +489,7 @@ std::string faultSentence(Fault fault, u64 count) {
         {"memo cannot be read and came out empty", "memos cannot be read and came out empty"},
         {"memo is cut: the memo file does not hold all of it",
          "memos are cut: the memo file does not hold all of them"},
+        {"number of more than 15 digits is rounded", "numbers of more than 15 digits are rounded"},
     };
     return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
 }

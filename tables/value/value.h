@@ -51,8 +51,9 @@ enum class Fault : u8 {
     LengthPastEnd,  // V, Q: the length reaches the last byte
     NoMemo,         // a memo that cannot be read
     MemoCut,        // a memo that the file does not hold whole
+    Rounded,        // a number that a database keeps only to the nearest double
 };
-constexpr std::size_t kFaults = 8;
+constexpr std::size_t kFaults = 9;
 
 /// Texts lie in the record buffer or in the reader and last until the next cell is read.
 struct Value {
@@ -83,9 +84,8 @@ bool lastsForRecord(const Table& table, std::string_view text);
 bool isNull(const Table& table, const Column& column);
 /// The stored bytes of the column in the current record.
 std::string_view storedBytes(const Table& table, const Column& column);
-
-/// The bytes of a V or Q field that count by the null flags; fault says when their length does not fit.
-std::string_view variableBytes(const Table& table, const Column& column, Fault& fault);
+/// Those that count: of V and Q with null flags as many as their length says.
+std::string_view variableBytes(const Table& table, const Column& column, Fault* fault = nullptr);
 
 /// Digits to a whole number of 64 bits; nothing when they are none or the number has decimals.
 std::optional<i64> toInteger(std::string_view digits);

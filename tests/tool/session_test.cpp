@@ -14,14 +14,17 @@ using namespace test;
 
 constexpr std::string_view kPrompt = "$ ";
 
-/// Words for sessions: mira, and a terminal of some columns.
+/// Words for sessions: mira, a terminal of some columns, and what a table's filters find in a
+/// field.
 std::string prologue() {
     const std::string folder = std::filesystem::path(MIRA_PROGRAM).parent_path();
     return "PATH=" + folder +
            ":$PATH; LC_ALL=C; export PATH LC_ALL; "
            "terminal() { stty=$1; shift; script -qec \"stty cols $stty; $*\" /dev/null </dev/null "
            "| "
-           "tr -d '\\r'; }; ";
+           "tr -d '\\r'; }; "
+           "found() { table=$1; field=$2; shift 2; for filter; do echo \"$filter:\" "
+           "$(mira export $table --no-heading -f $field -w \"$filter\"); done; }; ";
 }
 
 std::string run(const std::string& folder, const std::string& command) {

@@ -146,6 +146,8 @@ void layTables(const std::string& folder) {
     lay(folder, "unmarked.dbf", cyrillic);
     lay(folder, "short.dbf", {.columns = {{"C", 'C', 3}}, .records = {" one", " two"}}, le(7, 4),
         4);
+    lay(folder, "bare.dbf",
+        {.version = 0x30, .columns = {{"_NullFlags", '0', 1}}, .records = {" x"}});
     writeAll(folder + "/junk.dbf", "junk");
     lay(folder, "-x.dbf", {.columns = {{"C", 'C', 3}}, .records = {" one"}});
     lay(folder, "evil\x1B[2J.dbf", {.columns = {{"A\x1B[1m", 'C', 3}}, .records = {" \x1B[m"}});

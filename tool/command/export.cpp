@@ -132,6 +132,7 @@ void writeText(Work& work, Selection& selection, const Target& target) {
 void exportText(Work& work, std::size_t index) {
     try {
         const auto selection = selectFrom(work.tables[index], work.options.select);
+        requireColumns(*selection);
         writeText(work, *selection, work.targets[index]);
         countTable(work, *selection);
         tellRows(work, *selection, work.targets[index]);
@@ -225,7 +226,11 @@ void exportTable(Work& work, Selection& selection, Database& database) {
     while (nextRow(selection)) {
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
-            database.cell(i, columns[i], value, lastsForRecord(*selection.table, value.text));
+            const Stored stored = storedAs(columns[i], value);
+            if (stored.rounded) {
+                countFault(selection.faults, Fault::Rounded, selection.cells.record, columns[i]);
+            }
+            database.cell(i, stored, lastsForRecord(*selection.table, value.text));
         }
         database.endRow();
     }
@@ -247,6 +252,7 @@ void exportDatabase(Work& work) {
     for (const std::string& table : work.tables) {
         try {
             selection = selectFrom(table, options.select);
+            requireColumns(*selection);
         } catch (const Refusal& refusal) {
             addRefusal(work, refusal.what());
             continue;
@@ -269,6 +275,7 @@ void exportSchema(Work& work) {
     for (const std::string& path : work.tables) {
         try {
             const auto selection = selectFrom(path, options.select);
+            requireColumns(*selection);
             const std::string name = freeName(
                 stemOf(selection->table->path),
                 [&](const std::string& free) { return names.insert(foldCase(free)).second; });
@@ -285,6 +292,26 @@ void exportSchema(Work& work) {
 // --------------------------------------------------------------------------------------------
 // The command
 // --------------------------------------------------------------------------------------------
+
+/// Throws a Refusal for options that mean nothing to the format.
+void refuseMeaningless(const Options& options) {
+    const Format format = options.writer.format;
+    const bool csv = format == Format::Csv && !options.schema;
+    const bool lines = csv || (format == Format::Tsv && !options.schema);
+    const bool sqlite = format == Format::Sqlite || options.schema;
+    const auto check = [](bool given, bool meant, const char* option, const char* formats) {
+        if (given && !meant) refuse(option, " is for ", formats, " only");
+    };
+    check(options.noHeading, lines, "--no-heading", "CSV and TSV");
+    check(options.writer.bom, lines, "--bom", "CSV and TSV");
+    check(options.writer.crlf, lines, "--crlf", "CSV and TSV");
+    check(!options.delimiter.empty(), csv, "-d", "CSV");
+    check(options.writer.excel, csv, "--excel", "CSV");
+    check(options.replace, sqlite, "--replace", "SQLite");
+    check(options.append, sqlite, "--append", "SQLite");
+    check(options.select.table.exact, sqlite, "--exact", "SQLite");
+    check(options.jobs != 0, !sqlite, "-j", "text formats");
+}
 
 /// Completes the options of a writer.
 void chooseFormat(Work& work) {
@@ -304,6 +331,7 @@ void chooseFormat(Work& work) {
         refuse(options.out, ": several tables go into a folder or a database");
     }
     options.writer.format = format;
+    refuseMeaningless(options);
     options.writer.heading = !options.noHeading;
     if (!options.delimiter.empty()) options.writer.delimiter = delimiterOf(options.delimiter);
 }
@@ -367,6 +395,8 @@ void addExport(CLI::App& program, Job& job) {
     command.add_flag("--append", options.append, "Add to tables that the database has")
         ->excludes(replace);
     command.add_flag("--schema", options.schema, "CREATE TABLE only");
+    command.add_flag("--exact", options.select.table.exact,
+                     "SQLite: numbers that may have more than 15 digits as text, all digits kept");
     addSelectOptions(command, options.select);
 }
 

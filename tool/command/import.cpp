@@ -58,6 +58,35 @@ CsvOptions csvOptions(const Options& options) {
     return csv;
 }
 
+/// Whether a delimiter parts the first two lines into as many cells, more than one.
+bool partsLines(CsvReader& csv, char delimiter) {
+    try {
+        csv.rewind(delimiter);
+        const std::size_t cells = readHeadings(csv).size();
+        CsvRow row;
+        return cells > 1 && (!csv.next(row) || row.cells.size() == cells);
+    } catch (const Refusal&) {
+        return false;  // by this delimiter it is no CSV
+    }
+}
+
+/// The headings; what is one column by commas may be several by another delimiter.
+std::vector<std::string> findHeadings(CsvReader& csv, const Options& options) {
+    std::vector<std::string> headings = readHeadings(csv);
+    const CsvOptions format = csvOptions(options);
+    if (headings.size() != 1 || !options.delimiter.empty() || format.tsv) return headings;
+    char chosen = format.delimiter;
+    if (partsLines(csv, ';')) {
+        chosen = ';';
+        note("{}: taken as parted by \";\"; -d says what parts it", csv.name());
+    } else if (partsLines(csv, '\t')) {
+        chosen = '\t';
+        note("{}: taken as parted by tabs; -d says what parts it", csv.name());
+    }
+    csv.rewind(chosen);
+    return readHeadings(csv);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Rows into records
 // ---------------------------------------------------------------------------------------------
@@ -350,7 +379,7 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
 
 Status run(const Options& options) {
     CsvReader csv(options.csv, csvOptions(options));
-    const std::vector<std::string> headings = readHeadings(csv);
+    const std::vector<std::string> headings = findHeadings(csv, options);
     return options.append ? append(options, csv, headings) : create(options, csv, headings);
 }
 

@@ -18,6 +18,22 @@ constexpr std::array<bool, 256> kSpecial = [] {
     return special;
 }();
 
+/// The same and those that begin a letter which it can, but should not: U+0085, U+2028 and U+2029
+/// end lines for some readers.
+constexpr std::array<bool, 256> kUnusual = [] {
+    std::array<bool, 256> unusual = kSpecial;
+    unusual[0xC2] = unusual[0xE2] = true;
+    return unusual;
+}();
+
+/// The length of such a letter at the start of a text; 0 where there is another one.
+std::size_t lineEndLength(std::string_view text) {
+    for (const std::string_view end : {"\xC2\x85", "\xE2\x80\xA8", "\xE2\x80\xA9"}) {
+        if (text.starts_with(end)) return end.size();
+    }
+    return 0;
+}
+
 void putEscape(std::string& out, char32_t letter) {
     constexpr std::string_view kNamed = "\"\\\b\f\n\r\t";
     constexpr std::string_view kNames = "\"\\bfnrt";
@@ -126,7 +142,7 @@ private:
         char* const to = out_.room(text.size() + 2);
         to[0] = '"';
         for (std::size_t i = 0; i < text.size(); ++i) {
-            if (kSpecial[static_cast<u8>(text[i])]) return false;
+            if (kUnusual[static_cast<u8>(text[i])]) return false;
             to[i + 1] = text[i];
         }
         to[text.size() + 1] = '"';
@@ -150,14 +166,19 @@ void putJsonString(std::string& out, std::string_view utf8, bool terminal) {
         utf8 = {};
     }
     while (!utf8.empty()) {
-        const auto special = std::find_if(utf8.begin(), utf8.end(),
-                                          [](char c) { return kSpecial[static_cast<u8>(c)]; });
-        const auto run = static_cast<std::size_t>(special - utf8.begin());
+        const auto unusual = std::find_if(utf8.begin(), utf8.end(),
+                                          [](char c) { return kUnusual[static_cast<u8>(c)]; });
+        const auto run = static_cast<std::size_t>(unusual - utf8.begin());
         out += utf8.substr(0, run);
         utf8.remove_prefix(run);
         if (utf8.empty()) break;
-        putEscape(out, static_cast<u8>(utf8.front()));
-        utf8.remove_prefix(1);
+        const std::size_t lineEnd = lineEndLength(utf8);
+        if (lineEnd != 0 || kSpecial[static_cast<u8>(utf8.front())]) {
+            putEscape(out, stepUtf8(utf8).letter);
+        } else {
+            out += utf8.front();
+        }
+        utf8.remove_prefix(std::max<std::size_t>(lineEnd, 1));
     }
     out += '"';
 }

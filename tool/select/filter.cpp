@@ -8,7 +8,8 @@
 #include <cstring>
 #include <vector>
 
-#include "tables/open/open.h"
+#include "select/foreign.h"
+#include "tables/open/words.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
 #include "terminal/progress.h"
@@ -19,17 +20,9 @@ namespace {
 
 constexpr std::string_view kOperators = "><=~^+-/*()";
 constexpr std::string_view kComparing = "><=~^";
-constexpr std::size_t kConditionLength = 511;
 
-template <typename... Part>
-[[noreturn]] void refuseFilter(const Table& table, const Part&... why) {
-    refuse(table.path, ": the filter cannot be run: ", why...);
-}
-
-/// One of its conditions cannot be run.
-[[noreturn]] void refuseCondition(const Table& table, std::string_view condition,
-                                  std::string_view why) {
-    refuseFilter(table, '"', trimmed(condition), '"', why);
+[[noreturn]] void refuseFilter(const Table& table, std::string_view why) {
+    refuse(table.path, ": the filter cannot be run: ", why);
 }
 
 /// Walks over a text and knows what is in quotes.
@@ -125,170 +118,202 @@ std::size_t operatorPlace(const Table& table, std::string_view condition) {
 const Column& leftColumn(const Table& table, std::string_view condition, std::size_t place) {
     const std::string_view left = trimmed(condition.substr(0, place));
     if (kComparing.find(condition[place]) == std::string_view::npos) {
-        refuseCondition(table, condition,
-                        ": left of the operator stands one bare field name, no computation, sign, "
-                        "call or parenthesis");
+        refuseFilterPart(table, condition,
+                         ": left of the operator stands one bare field name, no computation, sign, "
+                         "call or parenthesis");
     }
     if (left.empty()) {
-        refuseCondition(table, condition, ": nothing stands left of the operator");
+        refuseFilterPart(table, condition, ": nothing stands left of the operator");
     }
     if (left.find_first_of("\"'") != std::string_view::npos) {
-        refuseCondition(table, condition,
-                        ": left of the operator stands a bare field name, no text");
+        refuseFilterPart(table, condition,
+                         ": left of the operator stands a bare field name, no text");
     }
     const Column& column = columnNamed(table, left);
     if (column.kind == Kind::Calculated) {
-        refuseFilter(table, column.name,
-                     " is a calculated field; filters know those of the table only");
+        refuseFilter(table, textOf(column.name,
+                                   " is a calculated field; filters know those of the table only"));
     }
     return column;
 }
 
-/// Bytes of a right side that is a literal, as they are compared; npos when it holds a field or a
-/// call.
-std::size_t literalLength(const Table& table, const std::string& translated) {
-    QuoteScanner scanner;
-    std::size_t length = 0;
-    std::string plain;
-    for (const char c : translated) {
-        const bool wasQuoted = scanner.quote != 0;
-        if (scanner.outside(c)) {
-            if (c == '(') return std::string::npos;
-            plain += c;
-            ++length;
-        } else {
-            plain += ' ';
-            if (wasQuoted && scanner.quote != 0) ++length;
-        }
+/// Whether the library compares a column by the characters that the record holds.
+bool isOfCharacters(const Column& column) {
+    switch (heldKind(column)) {
+        case Kind::Text:
+        case Kind::Varchar:
+        case Kind::Varbinary:
+        case Kind::Bytes:
+        case Kind::Date:
+            return true;
+        case Kind::Moment:
+            return column.length != 8;
+        default:
+            return false;
     }
-    std::replace_if(
-        plain.begin(), plain.end(),
-        [](char c) { return kOperators.find(c) != std::string_view::npos; }, ' ');
-    while (!plain.empty()) {
-        const std::size_t blank = std::min(plain.find(' '), plain.size());
-        const std::string word = plain.substr(0, blank);
-        if (!word.empty() && GetFieldNum(table.base.get(), word.c_str()) < table.base->FieldCount) {
-            return std::string::npos;
-        }
-        plain.erase(0, blank + 1);
-    }
-    return length;
 }
 
-/// Whether the library compares the stored characters.
-bool isTextColumn(const Column& column) {
-    return column.type == 'C' || column.type == 'V' || column.type == 'Q';
-}
-
-/// A blank left of the operator, or after one that does not search inside texts, is hardly meant.
-void noteBlanks(const Column& column, std::string_view condition, std::size_t place,
-                std::string_view right) {
-    constexpr std::string_view kSearching = "~^";
-    if (!isTextColumn(column) && column.type != 'L' && column.type != 'D') return;
-    const std::string_view left = condition.substr(0, place);
-    const bool searching = kSearching.find(condition[place]) != std::string_view::npos;
-    if (left == trimmed(left) && (searching || !right.starts_with(' '))) return;
-    note("\"{}\": blanks beside the operator belong to the compared texts", trimmed(condition));
-}
-
-/// A date as it is shown, "2024-01-31", or a moment, as the library compares it: by its digits.
-std::string plainMoment(const Column& column, std::string right) {
-    constexpr std::string_view kShown = "dddd-dd-dd";
-    const auto fits = [](char c, char pattern) {
-        return pattern == 'd' ? isDigit(c) : c == pattern;
+void noteCompared(const Table& table, const FilterCondition& condition, LibraryFilter& filter) {
+    const auto add = [&](const Column* column) {
+        if (column != nullptr && isOfCharacters(*column)) filter.compared.push_back(column);
     };
-    if (column.type != 'D' && column.type != 'T' && column.type != '@') return right;
-    if (right.size() < kShown.size() ||
-        !std::equal(kShown.begin(), kShown.end(), right.begin(),
-                    [&](char pattern, char c) { return fits(c, pattern); })) {
-        return right;
-    }
-    std::erase_if(right, [](char c) { return c == '-' || c == ':' || c == ' ' || c == 'T'; });
-    return right;
+    add(condition.column);
+    eachWord(
+        condition.right,
+        [&](std::string_view word, std::string_view) { add(columnOfWord(table, word)); },
+        [](char) {});
 }
 
-std::string checkedCondition(const Table& table, std::string_view condition) {
-    if (trimmed(condition).empty())
-        refuseFilter(table, "there is no condition beside \"&\" or \"|\"");
-    const std::size_t place = operatorPlace(table, condition);
+std::string checkedCondition(const Table& table, std::string_view text, LibraryFilter& filter) {
+    if (trimmed(text).empty()) refuseFilter(table, "there is no condition beside \"&\" or \"|\"");
+    const std::size_t place = operatorPlace(table, text);
     if (place == std::string_view::npos) {
-        refuseCondition(table, condition, " has no operator, such as = <> < > ~");
+        refuseFilterPart(table, text, " has no operator, such as = <> < > ~");
     }
-    const Column& column = leftColumn(table, condition, place);
-    const bool exact = condition.substr(place, 2) == "==";
-    const bool twoSigns = exact || (place + 1 < condition.size() &&
-                                    placeOf(condition.substr(place + 1, 1), "<>=") == 0);
-    const std::size_t after = place + (twoSigns ? 2 : 1);
-    const std::string right = plainMoment(column, std::string(condition.substr(after)));
-    noteBlanks(column, condition, place, right);
-    if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
-        note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
-             column.name);
-    }
-
-    std::string translated = forLibrary(table, right);
-    const std::size_t literal = literalLength(table, translated);
-    if (exact && column.type == 'C' && literal != std::string::npos && literal < column.length) {
-        translated.append(column.length - literal, ' ');
-    }
-    if (isTextColumn(column) && column.length + translated.size() + 2 > kConditionLength) {
-        refuseFilter(table, "field ", column.name, " is too wide for a filter; try `mira query`");
-    }
-    const std::string_view left = condition.substr(0, place);
-    return textOf(libraryName(table, column), left.substr(left.find_last_not_of(' ') + 1),
-                  condition.substr(place, after - place), translated);
+    const Column& column = leftColumn(table, text, place);
+    const bool two = text[place] != '^' && text.find_first_of("<>=", place + 1) == place + 1;
+    const std::size_t after = place + (two ? 2 : 1);
+    const FilterCondition condition{.column = &column,
+                                    .text = text,
+                                    .sign = text.substr(place, after - place),
+                                    .right = text.substr(after),
+                                    .spaced = text.substr(0, place).ends_with(' ')};
+    noteCompared(table, condition, filter);
+    return libraryCondition(table, condition, filter.tests);
 }
 
-thread_local const Table* foldedTable = nullptr;
-thread_local Progress* filterProgress = nullptr;
+// --------------------------------------------------------------------------------------------
+// Running it
+// --------------------------------------------------------------------------------------------
+
+/// A filter that runs, and what it does at each record.
+struct Run {
+    Table& table;
+    const LibraryFilter& filter;
+    Progress progress;
+    CellReader cells;
+    u32 tested = 0;     // records
+    bool read = false;  // whether the one that is tested has been
+    bool unread = false;
+};
+thread_local Run* running = nullptr;
 
 int foldText(char* text, DbfBase* /*base*/, int /*mode*/) {
-    foldCase(*foldedTable->page.page, {text, std::strlen(text)});
+    foldCase(*running->table.page.page, {text, std::strlen(text)});
     return 0;
 }
 
-int afterRecord() {
-    filterProgress->add(1);
-    return stopped() ? 1 : 0;
+/// Makes the library see the characters that count: those of V and Q end with their length, and
+/// zero bytes in place of a value are a blank, not a text equal to anything.
+void bareCharacters(const Table& table, const Column& column) {
+    if (column.length == 0) return;
+    u8* const bytes = table.base->RecordBuffer + column.offset;
+    if (column.lengthBit == kNoBit && bytes[0] != 0) return;
+    const std::size_t length = variableBytes(table, column).size();
+    if (length < column.length) bytes[length] = 0;
+    if (bytes[0] == 0) std::memset(bytes, ' ', column.length);
+}
+
+int afterRead(DbfBase* base) {
+    Run& run = *running;
+    run.read = true;
+    u8* answer = base->RecordBuffer + base->Header.RecordLength;
+    for (const FieldTest& test : run.filter.tests) *answer++ = passes(run.cells, test) ? '1' : '0';
+    for (const Column* column : run.filter.compared) bareCharacters(run.table, *column);
+    return 0;
+}
+
+int afterTest() {
+    Run& run = *running;
+    run.unread = !run.read;
+    if (run.unread || stopped()) return 1;
+    run.read = false;
+    ++run.tested;
+    run.progress.add(1);
+    return 0;
+}
+
+/// Gives the table the fields for the answers of tests, for as long as it lives, and the library
+/// what it calls.
+class Hooks {
+public:
+    Hooks(Run& run, bool ignoreCase) : base_(run.table.base.get()), fields_(base_->FieldCount) {
+        u16 offset = base_->Header.RecordLength;
+        for (const FieldTest& test : run.filter.tests) {
+            DbfField field{};
+            std::memcpy(field.Name, test.name.data(), test.name.size());
+            field.Type = 'C';
+            field.Length = 1;
+            field.Offset = offset++;
+            base_->Fields[base_->FieldCount++] = field;
+        }
+        running = &run;
+        base_->AfterRead = afterRead;
+        base_->TrimMode = 0;
+        base_->CaseInsensitive = ignoreCase ? 1 : 0;
+        base_->UpperCaseCallback = ignoreCase ? foldText : nullptr;
+    }
+    ~Hooks() {
+        base_->FieldCount = fields_;
+        base_->AfterRead = nullptr;
+        base_->CaseInsensitive = 0;
+        base_->UpperCaseCallback = nullptr;
+        running = nullptr;
+    }
+    Hooks(const Hooks&) = delete;
+
+private:
+    DbfBase* base_;
+    u16 fields_;
+};
+
+bool hasRoom(const DbfBase& base, std::size_t tests) {
+    constexpr std::size_t kRecordSize = 65535;  // of RecordBuffer
+    return base.FieldCount + tests <= std::size(base.Fields) &&
+           base.Header.RecordLength + tests <= kRecordSize;
 }
 
 }  // namespace
 
-std::string checkedFilter(const Table& table, std::string_view filter) {
+LibraryFilter checkedFilter(const Table& table, std::string_view filter) {
     checkQuotesAndParentheses(table, filter);
-    std::string checked;
+    refuseForeignWords(table, filter);
+    LibraryFilter checked;
     std::size_t start = 0;
     while (true) {
         const std::size_t end = std::min(filter.find_first_of("&|", start), filter.size());
         const Piece piece = cutPiece(filter.substr(start, end - start));
-        checked += piece.opening;
         // Blanks beside a connective are no part of the texts, as they are for the library.
         std::string_view condition = piece.condition;
         const bool goesOn = end != filter.size() || !piece.closing.empty();
         while (goesOn && condition.ends_with(' ')) condition.remove_suffix(1);
         while (condition.starts_with(' ')) condition.remove_prefix(1);
-        checked += checkedCondition(table, condition);
-        checked += piece.closing;
+        checked.text += piece.opening;
+        checked.text += checkedCondition(table, condition, checked);
+        checked.text += piece.closing;
         if (end == filter.size()) return checked;
-        checked += filter[end];
+        checked.text += filter[end];
         start = end + 1;
     }
 }
 
 void applyFilter(Table& table, std::string_view filter, bool ignoreCase) {
-    const std::string checked = checkedFilter(table, filter);
+    const LibraryFilter checked = checkedFilter(table, filter);
     DbfBase* const base = table.base.get();
-    base->TrimMode = 0;
-    base->CaseInsensitive = ignoreCase ? 1 : 0;
-    base->UpperCaseCallback = ignoreCase ? foldText : nullptr;
-    foldedTable = &table;
-    Progress progress("filter " + table.path, reccount(base));
-    filterProgress = &progress;
-    const bool done = set_filter(base, checked.c_str(), afterRecord) != nullptr;
-    filterProgress = nullptr;
-    base->CaseInsensitive = 0;
+    if (!hasRoom(*base, checked.tests.size()))
+        refuseFilter(table, "it is too long; try `mira query`");
+    Run run{table, checked, Progress("filter " + table.path, reccount(base)), CellReader(table)};
+    bool done = false;
+    {
+        const Hooks hooks(run, ignoreCase);
+        done = set_filter(base, checked.text.c_str(), afterTest) != nullptr;
+    }
     leaveIfStopped();
     if (!done) refuseFilter(table, "it is too long; try `mira query`");
+    if (run.unread) {
+        refuse(table.path, ": record ", u64{recno(base, GetOrder(base, run.tested))} + 1,
+               " cannot be read");
+    }
 }
 
 }  // namespace mira::tool

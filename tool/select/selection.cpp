@@ -107,8 +107,9 @@ void sortView(Table& table, const SelectOptions& options) {
 void tellFault(const Selection& selection, Fault fault) {
     const FaultTally& tally = selection.faults[static_cast<std::size_t>(fault)];
     if (tally.count == 0) return;
-    note("{}: {}, first in record {}, field {}", selection.table->path,
-         faultSentence(fault, tally.count), u64{tally.record} + 1, tally.column);
+    note("{}: {}, first in record {}, field {}{}", selection.table->path,
+         faultSentence(fault, tally.count), u64{tally.record} + 1, tally.column,
+         fault == Fault::Rounded ? "; --exact keeps all digits" : "");
 }
 
 void addList(CLI::App& command, const char* name, std::vector<std::string>& list,
@@ -182,6 +183,13 @@ std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const Selec
     selection->limit = options.limit.value_or(0);
     selection->offset = options.offset;
     return selection;
+}
+
+void requireColumns(const Selection& selection) {
+    if (!selection.columns.empty()) return;
+    refuse(selection.table->path,
+           ": no field of it can be shown; --record gives the numbers of its "
+           "records");
 }
 
 bool nextRow(Selection& s) {

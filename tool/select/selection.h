@@ -85,6 +85,9 @@ std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptio
 /// The same for a table that is open already (for writing).
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options);
 
+/// Throws a Refusal when there is nothing of a row to show.
+void requireColumns(const Selection& selection);
+
 /// Reads the next row into RecordBuffer; false after the last one. Its record, from 0, is
 /// cells.record, its position for WriteRecord position - 1. Throws a Refusal for a record that
 /// cannot be read.

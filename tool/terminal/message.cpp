@@ -17,7 +17,11 @@ bool quietly = false;
 std::mutex oneLine;
 
 bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
-bool isTwoWay(char32_t c) { return (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069); }
+/// Marks of two-way texts, and line ends that are no control characters.
+bool isHidden(char32_t c) {
+    return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x2028 && c <= 0x202E) ||
+           (c >= 0x2066 && c <= 0x2069);
+}
 
 void putByte(std::string& out, unsigned char byte) {
     fmt::format_to(std::back_inserter(out), "\\x{:02X}", byte);
@@ -50,7 +54,7 @@ bool needsEscape(std::string_view text) {
         text.remove_prefix(printableRun(text));
         if (text.empty()) return false;
         const Utf8Step step = stepUtf8(text);
-        if (!step.valid || isControl(step.letter) || isTwoWay(step.letter)) return true;
+        if (!step.valid || isControl(step.letter) || isHidden(step.letter)) return true;
         text.remove_prefix(step.length);
     }
 }
@@ -66,7 +70,7 @@ void putEscaped(std::string& out, std::string_view text) {
             for (const char c : text.substr(0, step.length)) putByte(out, static_cast<u8>(c));
         } else if (isControl(step.letter)) {
             putByte(out, static_cast<u8>(step.letter));
-        } else if (isTwoWay(step.letter)) {
+        } else if (isHidden(step.letter)) {
             fmt::format_to(std::back_inserter(out), "\\u{:04X}",
                            static_cast<unsigned>(step.letter));
         } else {
