@@ -31,6 +31,7 @@ constexpr u32 kStepPlace = 23;
 constexpr u32 kDescriptor = 32;
 constexpr u32 kLibraryName = 10;  // characters that a name has in an expression
 constexpr char kTerminator = 0x0D;
+constexpr u64 kReachable = 0x7FFFFFFF;  // of a table file
 
 constexpr std::string_view kVisualFoxPro = "Visual FoxPro";
 struct Version {
@@ -90,6 +91,45 @@ void readStoredHeader(Table& table) {
     table.tableFlags = header[28];
     std::error_code ignored;
     table.fileSize = fs::file_size(table.path, ignored);
+}
+
+/// The first record from one on whose first byte no record has; end when there is none.
+u32 firstStray(const DbfBase& base, u32 first, u32 end) {
+    constexpr u32 kChunk = 1 << 16;
+    const u32 length = base.Header.RecordLength;
+    const u32 most = std::max<u32>(kChunk / length, 1);
+    std::string chunk(std::size_t{most} * length, '\0');
+    for (u32 at = first; at < end; at += most) {
+        const u64 place = Calc64(length, at, base.Header.HeaderLength);
+        const u32 count = std::min(most, end - at);
+        if (place > kReachable || readFileAt(base.TableFile, static_cast<u32>(place), chunk.data(),
+                                             count * length) != count * length) {
+            return end;
+        }
+        for (u32 i = 0; i < count; ++i) {
+            const char mark = chunk[std::size_t{i} * length];
+            if (mark != ' ' && mark != '*') return at + i;
+        }
+    }
+    return end;
+}
+
+/// Behind the records that the header counts there may be others, but where the first byte of one
+/// is neither blank nor "*" none follow. While a pack is unfinished, its log goes by all of them.
+void leaveOutStray(Table& table) {
+    DbfBase& base = *table.base;
+    const u32 held = base.Header.RecordCount;
+    table.heldRecords = held;
+    table.strayBytes = 0;
+    if (table.storedCount >= held || base.Header.RecordLength == 0) return;
+    const u32 first = firstStray(base, table.storedCount, held);
+    if (first == held) return;
+    if (base.FirstMemoField != -1 && isHalfPacked(File(Open_FileRO(base.MemoFileName)).get())) {
+        return;
+    }
+    base.Header.RecordCount = first;
+    const u64 end = Calc64(base.Header.RecordLength, first, base.Header.HeaderLength);
+    table.strayBytes = SetFilePointer(base.TableFile, 0, nullptr, SEEK_END) - end;
 }
 
 Kind kindOf(const Column& column) {
@@ -189,8 +229,8 @@ void makeUnique(std::vector<Column>& columns) {
     }
 }
 
-void takeLongNames(Table& table) {
-    const std::vector<std::string> names = longNamesOf(table);
+void takeLongNames(Table& table, Listing* listing) {
+    const std::vector<std::string> names = longNamesOf(table, listing);
     for (std::size_t i = 0; i < std::min(names.size(), table.columns.size()); ++i) {
         if (!names[i].empty()) table.columns[i].name = names[i];
     }
@@ -248,7 +288,10 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
 
 }  // namespace
 
-std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
+std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options,
+                                 Listing* listing) {
+    Listing own;
+    if (listing == nullptr) listing = &own;
     auto table = std::make_unique<Table>();
     table->path = findTable(name);
     table->options = options;
@@ -256,7 +299,8 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     DbfBase* const base = table->base.get();
     readStoredHeader(*table);
     readVersion(*table);
-    table->page = choosePage(base, options.codePage);
+    leaveOutStray(*table);
+    table->page = choosePage(base, options.codePage, listing);
     if (!table->page.page) refuse(table->path, ": no such code page: ", options.codePage);
     table->notes = table->page.notes;
     std::vector<Column> all;
@@ -266,8 +310,8 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     for (Column& column : all) {
         (isHidden(column) ? table->system : table->columns).push_back(std::move(column));
     }
-    table->container = backLinkOf(*table);
-    if (options.longNames) takeLongNames(*table);
+    table->container = backLinkOf(*table, listing);
+    if (options.longNames) takeLongNames(*table, listing);
     makeUnique(table->columns);
     nameForLibrary(*table);
     readAsText(*table);
@@ -289,14 +333,23 @@ std::unique_ptr<Table> openAgain(const Table& table) {
     std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
     base->FirstMemoField = table.base->FirstMemoField;
     GetMemoType(base);
+    leaveOutStray(*again);
     return again;
 }
 
 std::string countRepair(const Table& table) {
     const DbfBase& base = *table.base;
-    if ((base.Status & kCountRepaired) == 0) return "";
+    if ((base.Status & kCountRepaired) == 0 || table.storedCount == base.Header.RecordCount) {
+        return "";
+    }
     return textOf("the header counts ", counted(table.storedCount, "record"), ", the file holds ",
                   base.Header.RecordCount);
+}
+
+std::string strayRepair(const Table& table) {
+    if (table.strayBytes == 0) return "";
+    return textOf("the last ", counted(table.strayBytes, "byte"),
+                  " of the file are no records and are left out");
 }
 
 std::vector<std::string> repairsOf(const Table& table) {
@@ -311,6 +364,8 @@ std::vector<std::string> repairsOf(const Table& table) {
     }
     const std::string count = countRepair(table);
     if (!count.empty()) repairs.push_back(count);
+    const std::string stray = strayRepair(table);
+    if (!stray.empty()) repairs.push_back(stray);
     if (table.storedLength != base.Header.RecordLength) {
         repairs.push_back(textOf("the header gives records of ", table.storedLength,
                                  " bytes, the fields add up to ", base.Header.RecordLength));

@@ -28,14 +28,13 @@ u64 countDeleted(const Table& table) {
     u64 deleted = 0;
     eachRecord(table, [&](u32) {
         if (isDeleted(table)) ++deleted;
-        return true;
     });
     return deleted;
 }
 
 }  // namespace
 
-Facts factsOf(Table& table, bool countRecords) {
+Facts factsOf(Table& table, bool countRecords, Listing* listing) {
     Facts facts;
     facts.updated = updateDate(table.base->Header);
     const std::string memos = memoFileOf(table);
@@ -47,7 +46,7 @@ Facts factsOf(Table& table, bool countRecords) {
         facts.memoSize = size;
         facts.memoUnit = memoUnit(table);
     }
-    facts.indexFiles = indexFilesBeside(table.path);
+    facts.indexFiles = indexFilesBeside(table.path, listing);
     facts.indexFlag = (table.tableFlags & 1) != 0;
     facts.repairs = repairsOf(table);
     if (countRecords) facts.deleted = countDeleted(table);

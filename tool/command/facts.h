@@ -6,6 +6,7 @@
 
 #include "tables.h"
 #include "tables/column/column.h"
+#include "tables/open/find.h"
 
 namespace mira::tool {
 
@@ -22,6 +23,6 @@ struct Facts {
 };
 
 /// Reads every record to count the deleted ones when countRecords is set.
-Facts factsOf(Table& table, bool countRecords);
+Facts factsOf(Table& table, bool countRecords, Listing* listing = nullptr);
 
 }  // namespace mira::tool

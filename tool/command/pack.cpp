@@ -1,9 +1,11 @@
 // mira pack: deleted records go, and what the memo file holds for nobody.
 #include <filesystem>
 
+#include "check/memoloss.h"
 #include "command/change.h"
 #include "command/commands.h"
 #include "command/facts.h"
+#include "tables/change/append.h"
 #include "tables/change/backup.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
@@ -16,6 +18,7 @@ namespace fs = std::filesystem;
 struct Options {
     std::vector<std::string> names;
     ChangeOptions change;
+    bool dropMemos = false;
 };
 
 /// The library leaves the old memo file beside the new one, "~" for the first letter of its
@@ -30,7 +33,8 @@ void removeOldMemos(const Table& table) {
 }
 
 /// Ctrl-C waits until a step is done: half of one is nothing to leave behind.
-void packSteps(const Table& table) {
+void packSteps(Table& table) {
+    cutStray(table);
     enum : u32 { kRecords = 1, kMemos = 2 };
     for (const u32 step : {kRecords, kMemos}) {
         leaveIfStopped();
@@ -43,15 +47,25 @@ void packSteps(const Table& table) {
     }
 }
 
-Status packTable(const std::string& name, const ChangeOptions& options) {
+void tellStray(const Table& table, u64 bytes, const char* would) {
+    if (bytes == 0) return;
+    note("{}: {} behind the last record, which are none, {}cut off", table.path,
+         counted(bytes, "byte"), would);
+}
+
+Status packTable(const std::string& name, const Options& packing) {
+    const ChangeOptions& options = packing.change;
     const auto table = openToChange(name, {});
+    const u64 lost = tellLostMemos(*table, packing.dropMemos);
+    const u64 stray = table->strayBytes;
     const Facts before = factsOf(*table, true);
     const std::string records = counted(table->base->Header.RecordCount, "record");
     if (before.deleted != 0) refuseBesideShapes(*table, options);
     if (options.dryRun) {
         note("{}: {} of {} would go, and the memo file ({} bytes) be rebuilt", table->path,
              before.deleted, records, before.memoSize);
-        return kDone;
+        tellStray(*table, stray, "would be ");
+        return lost != 0 ? kFound : kDone;
     }
     beginChange(*table, options);
     packSteps(*table);
@@ -59,12 +73,13 @@ Status packTable(const std::string& name, const ChangeOptions& options) {
     const u64 after = factsOf(*table, false).memoSize;
     note("{}: {} of {} and {} of {} memo bytes freed", table->path, before.deleted, records,
          before.memoSize > after ? before.memoSize - after : 0, before.memoSize);
-    return kDone;
+    tellStray(*table, stray, "");
+    return lost != 0 ? kFound : kDone;
 }
 
 Status run(const Options& options) {
     return eachTable(options.names,
-                     [&](const std::string& name) { return packTable(name, options.change); });
+                     [&](const std::string& name) { return packTable(name, options); });
 }
 
 }  // namespace
@@ -77,6 +92,8 @@ void addPack(CLI::App& program, Job& job) {
                    "  mira pack *.dbf");
     command.add_option("TABLE", options.names, "The tables")->required();
     addChangeOptions(command, options.change);
+    command.add_flag("--drop-memos", options.dropMemos,
+                     "Also where memos are lost that are damaged or lead nowhere");
     addForceOption(command, options.change);
 }
 

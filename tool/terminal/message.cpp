@@ -15,6 +15,7 @@ namespace {
 
 bool quietly = false;
 std::mutex oneLine;
+thread_local std::vector<std::string>* gathered = nullptr;  // the thread's GatheredMessages
 
 bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
 bool isTwoWay(char32_t c) { return (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069); }
@@ -31,6 +32,10 @@ std::size_t printableRun(std::string_view text) {
 }
 
 void writeLine(std::string_view sentence) {
+    if (gathered != nullptr) {
+        gathered->emplace_back(sentence);
+        return;
+    }
     std::string line = "mira: ";
     putEscaped(line, sentence);
     line += '\n';
@@ -88,6 +93,13 @@ bool isQuiet() { return quietly; }
 void tellError(std::string_view sentence) { writeLine(sentence); }
 void tell(std::string_view sentence) {
     if (!quietly) writeLine(sentence);
+}
+
+GatheredMessages::GatheredMessages() { gathered = &sentences_; }
+GatheredMessages::~GatheredMessages() { gathered = nullptr; }
+std::vector<std::string> GatheredMessages::take() { return std::exchange(sentences_, {}); }
+void tellGathered(const std::vector<std::string>& sentences) {
+    for (const std::string& sentence : sentences) writeLine(sentence);
 }
 
 int widthOf(std::string_view utf8) {
