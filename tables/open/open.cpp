@@ -337,6 +337,12 @@ std::unique_ptr<Table> openAgain(const Table& table) {
     return again;
 }
 
+void refreshTable(Table& table) {
+    RefreshDatabase(table.base.get());
+    readStoredHeader(table);
+    leaveOutStray(table);
+}
+
 std::string countRepair(const Table& table) {
     const DbfBase& base = *table.base;
     if ((base.Status & kCountRepaired) == 0 || table.storedCount == base.Header.RecordCount) {

@@ -23,6 +23,9 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
 /// changed.
 std::unique_ptr<Table> openAgain(const Table& table);
 
+/// Looks again at how many records a table has, which another program may have written meanwhile.
+void refreshTable(Table& table);
+
 /// Adds a calculated column; expression in UTF-8. Throws a Refusal for a name it does not know.
 void addCalculated(Table& table, std::string_view name, std::string_view expression);
 

@@ -8,6 +8,7 @@
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
 #include "tables/page/refusal.h"
+#include "tables/value/memo.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -32,13 +33,32 @@ void removeOldMemos(const Table& table) {
     fs::remove(old.replace_extension(extension), ignored);
 }
 
+/// A memo file whose header gives no block size holds no memo that can be found, and is rebuilt only
+/// when nothing refers to it.
+void clearReferences(const Table& table) {
+    DbfBase* const base = table.base.get();
+    const u32 count = base->Header.RecordCount;
+    for (u32 record = 0; record < count; ++record) {
+        readRecord(table, record);
+        for (const auto* columns : {&table.columns, &table.system}) {
+            for (const Column& column : *columns) {
+                if (holdsReference(column)) ClearField(base, column.field);
+            }
+        }
+        if (WriteRecord(base, record) == 0) {
+            refuse(table.path, ": record ", u64{record} + 1, " cannot be written");
+        }
+    }
+}
+
 /// Ctrl-C waits until a step is done: half of one is nothing to leave behind.
-void packSteps(Table& table) {
+void packSteps(Table& table, bool losesMemos) {
     cutStray(table);
     enum : u32 { kRecords = 1, kMemos = 2 };
     for (const u32 step : {kRecords, kMemos}) {
         leaveIfStopped();
         const HoldSignals held;
+        if (step == kMemos && losesMemos && memoUnit(table) == 0) clearReferences(table);
         if (Pack(table.base.get(), step) != 0) continue;
         refuse(
             table.path,
@@ -68,7 +88,7 @@ Status packTable(const std::string& name, const Options& packing) {
         return lost != 0 ? kFound : kDone;
     }
     beginChange(*table, options);
-    packSteps(*table);
+    packSteps(*table, lost != 0);
     removeOldMemos(*table);
     const u64 after = factsOf(*table, false).memoSize;
     note("{}: {} of {} and {} of {} memo bytes freed", table->path, before.deleted, records,
