@@ -57,10 +57,11 @@ std::string checked(const std::string& path) {
 
 const Listing::Folder& Listing::folder(const fs::path& path) {
     const std::lock_guard lock(mutex_);
-    const auto [at, isNew] = folders_.try_emplace(path.string());
+    const fs::path plain = (path / ".").parent_path();  // without a slash at its end
+    const auto [at, isNew] = folders_.try_emplace(plain.string());
     Folder& folder = at->second;
     if (!isNew) return folder;
-    fs::directory_iterator entries(path.empty() ? fs::path(".") : path, folder.error);
+    fs::directory_iterator entries(plain.empty() ? fs::path(".") : plain, folder.error);
     for (; !folder.error && entries != fs::directory_iterator(); entries.increment(folder.error)) {
         std::string name = entries->path().filename().string();
         folder.names[foldCase(name)].push_back(std::move(name));

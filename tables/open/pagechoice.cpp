@@ -217,7 +217,8 @@ const char* guessByNeighbours(std::string_view texts) {
     };
     for (std::size_t i = 0; i < texts.size(); ++i) {
         const auto byte = static_cast<u8>(texts[i]);
-        if (byte < 0x80 || !(isLetter(i + 1) || (i != 0 && isLetter(i - 1)))) continue;
+        const bool softBreak = texts.substr(i).starts_with("\x8D\n");
+        if (byte < 0x80 || softBreak || !(isLetter(i + 1) || (i != 0 && isLetter(i - 1)))) continue;
         ++letters;
         ansi += byte >= 0xC0 ? 1 : 0;
         dos += byte <= 0xA5 ? 1 : 0;

@@ -38,7 +38,9 @@ std::string eachLetter(std::string_view utf8, Change change) {
     return changed;
 }
 
+/// The sharp s stays: its capital is hardly ever meant.
 char32_t upperLetter(char32_t letter) {
+    if (letter == U'ß') return letter;
     return static_cast<char32_t>(utf8proc_toupper(static_cast<utf8proc_int32_t>(letter)));
 }
 

@@ -235,11 +235,12 @@ TEST(Listing, ReadsAFolderOnce) {
         writeAll(dir.file(name), "x");
     }
     Listing listing;
-    EXPECT_EQ(tablesIn(dir.file("."), false, &listing), std::vector{dir.file("./stock.DBF")});
+    EXPECT_EQ(tablesIn(dir.file(""), false, &listing), std::vector{dir.file("stock.DBF")});
     std::filesystem::rename(dir.file("stock.DBF"), dir.file("other.dbf"));
     EXPECT_EQ(inAnyCase(dir.file("STOCK.dbf"), &listing), dir.file("stock.DBF"));
     EXPECT_EQ(inAnyCase(dir.file("STOCK.dbf")), "");
-    EXPECT_EQ(indexFilesBeside(dir.file("stock.DBF"), &listing), std::vector{dir.file("Stock.CDX")});
+    EXPECT_EQ(indexFilesBeside(dir.file("stock.DBF"), &listing),
+              std::vector{dir.file("Stock.CDX")});
     EXPECT_EQ(beside(dir.file("both.dbf"), ".ndx", &listing), dir.file("both.ndx"));
     EXPECT_EQ(beside(dir.file("Both.dbf"), ".ndx", &listing), "") << "which one?";
 }

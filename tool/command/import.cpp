@@ -120,7 +120,7 @@ struct Importer {
     bool isNew = false;      ///< counting columns of a new table keep the values that are given
     bool asWritten = false;  ///< numbers stay as they are written
     std::vector<Encoded> values{};
-    std::set<int> counted{};  ///< fields of counting columns that were given values
+    std::set<int> counted{};  ///< fields of counting columns that have values
 };
 
 void tellCell(Importer& importer, u64 line, const std::string& what) {
@@ -145,9 +145,9 @@ std::string encodeCell(Importer& importer, Column& column, const Given& given, E
     std::string reason = encodeValue(importer.table, as, given, true, encoded);
     if (!counting || !reason.empty()) return reason;
     const i64 value = kept ? toInteger(trimmed(given.text)).value_or(0) : column.nextValue;
-    const bool first = kept && importer.counted.insert(column.field).second;
-    column.nextValue =
-        static_cast<u32>(std::max<i64>(value + column.step, first ? 1 : column.nextValue));
+    const bool first = importer.counted.insert(column.field).second;
+    const i64 least = first && kept ? 1 : column.nextValue;
+    column.nextValue = static_cast<u32>(std::max(value + column.step, least));
     return reason;
 }
 

@@ -32,10 +32,6 @@ std::size_t printableRun(std::string_view text) {
 }
 
 void writeLine(std::string_view sentence) {
-    if (gathered != nullptr) {
-        gathered->emplace_back(sentence);
-        return;
-    }
     std::string line = "mira: ";
     putEscaped(line, sentence);
     line += '\n';
@@ -90,9 +86,15 @@ std::string escaped(std::string_view text) {
 void setQuiet(bool quiet) { quietly = quiet; }
 bool isQuiet() { return quietly; }
 
-void tellError(std::string_view sentence) { writeLine(sentence); }
+void tellError(std::string_view sentence) {
+    if (gathered != nullptr) {
+        gathered->emplace_back(sentence);
+    } else {
+        writeLine(sentence);
+    }
+}
 void tell(std::string_view sentence) {
-    if (!quietly) writeLine(sentence);
+    if (!quietly) tellError(sentence);
 }
 
 GatheredMessages::GatheredMessages() { gathered = &sentences_; }
