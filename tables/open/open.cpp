@@ -62,8 +62,26 @@ std::string whyNotOpened(const std::string& path) {
     return "no table, or its header is damaged beyond repair";
 }
 
-Base openBase(const std::string& path, bool writable) {
-    Base base(writable ? OpenBase(path.c_str()) : OpenBaseRO(path.c_str()));
+/// For the library: names in other letter case by a Listing.
+u32 findName(const char* path, char* name, void* listing) {
+    u32 count = 0;
+    try {
+        const std::string wanted = fs::path(path).filename().string();
+        for (const std::string& found : static_cast<Listing*>(listing)->sameNames(path)) {
+            const std::string other = fs::path(found).filename().string();
+            if (upperAscii(other) != upperAscii(wanted)) continue;
+            other.copy(name, wanted.size());
+            ++count;
+        }
+    } catch (const std::exception&) {
+        return 0;  // as when the folder cannot be read
+    }
+    return std::min<u32>(count, 2);
+}
+
+Base openBase(const std::string& path, bool writable, Listing* listing) {
+    Base base(OpenBaseListed(path.c_str(), writable ? 0 : 1,
+                             listing != nullptr ? findName : nullptr, listing));
     if (!base) refuse(path, ": ", whyNotOpened(path));
     return base;
 }
@@ -295,7 +313,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     auto table = std::make_unique<Table>();
     table->path = findTable(name);
     table->options = options;
-    table->base = openBase(table->path, options.writable);
+    table->base = openBase(table->path, options.writable, listing);
     DbfBase* const base = table->base.get();
     readStoredHeader(*table);
     readVersion(*table);
@@ -324,7 +342,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
 std::unique_ptr<Table> openAgain(const Table& table) {
     auto again = std::make_unique<Table>();
     static_cast<TableFacts&>(*again) = table;
-    again->base = openBase(table.path, false);
+    again->base = openBase(table.path, false, nullptr);
     DbfBase* const base = again->base.get();
     if (!sameStructure(*table.base, *base)) {
         refuse(table.path, ": its fields have changed since it was opened");

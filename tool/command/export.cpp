@@ -249,14 +249,14 @@ void exportTexts(Work& work) {
 // --------------------------------------------------------------------------------------------
 
 /// Says which file a table is whose name another one has.
-void tellOtherName(const std::string& where, const std::string& name, const std::string& path) {
-    if (name != stemOf(path)) note("{}: {} is {}", where, name, path);
+void tellOtherName(const std::string& name, const std::string& path) {
+    if (name != stemOf(path)) note("{} is {}", name, path);
 }
 
 void exportTable(Work& work, Selection& selection, Database& database) {
     const std::string& path = selection.table->path;
     const std::string name = database.freeName(stemOf(path));
-    tellOtherName(work.options.out, name, path);
+    tellOtherName(name, path);
     database.addTable(name, selection.columns);
     const std::vector<Column>& columns = selection.columns;
     Value value;
@@ -310,7 +310,7 @@ void exportSchema(Work& work) {
             const std::string name = freeName(
                 stemOf(selection->table->path),
                 [&](const std::string& free) { return names.insert(foldCase(free)).second; });
-            tellOtherName(work.targets[0].name, name, selection->table->path);
+            tellOtherName(name, selection->table->path);
             const std::string sql = createTable(name, selection->columns) + ";\n";
             out.put(out.isTerminal() ? escaped(sql) : sql);
             ++work.done;

@@ -7,6 +7,7 @@
 #include "command/facts.h"
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
+#include "tables/open/find.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
 #include "terminal/message.h"
@@ -17,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Options {
-    std::vector<std::string> names;
+    TableNames tables;
     ChangeOptions change;
     bool dropMemos = false;
 };
@@ -33,8 +34,8 @@ void removeOldMemos(const Table& table) {
     fs::remove(old.replace_extension(extension), ignored);
 }
 
-/// A memo file whose header gives no block size holds no memo that can be found, and is rebuilt only
-/// when nothing refers to it.
+/// A memo file whose header gives no block size holds no memo that can be found, and is rebuilt
+/// only when nothing refers to it.
 void clearReferences(const Table& table) {
     DbfBase* const base = table.base.get();
     const u32 count = base->Header.RecordCount;
@@ -98,7 +99,7 @@ Status packTable(const std::string& name, const Options& packing) {
 }
 
 Status run(const Options& options) {
-    return eachTable(options.names,
+    return eachTable(findTables(options.tables.names, options.tables.recursive),
                      [&](const std::string& name) { return packTable(name, options); });
 }
 
@@ -110,7 +111,7 @@ void addPack(CLI::App& program, Job& job) {
                    "Examples:\n"
                    "  mira pack stock --dry-run\n"
                    "  mira pack *.dbf");
-    command.add_option("TABLE", options.names, "The tables")->required();
+    addTableNames(command, options.tables)->required();
     addChangeOptions(command, options.change);
     command.add_flag("--drop-memos", options.dropMemos,
                      "Also where memos are lost that are damaged or lead nowhere");
