@@ -92,8 +92,11 @@ INSTANTIATE_TEST_SUITE_P(Tool, Session, testing::ValuesIn(sessionNames()), [](co
 });
 
 /// Every table of a folder and below goes through CSV into a new one, which gives the same CSV.
-void bringBack(const std::string& folder, const std::string& tables) {
+void bringBack(const std::string& tables) {
     namespace fs = std::filesystem;
+    const TempDir dir;
+    const std::string folder = dir.file("here");
+    fs::create_directory(folder);
     for (const auto& entry : fs::recursive_directory_iterator(tables)) {
         const std::string extension = entry.path().extension();
         if (extension != ".dbf" && extension != ".DBF") continue;
@@ -118,8 +121,8 @@ TEST(Session, BringsTablesBack) {
     const Folder folder;
     const char* const corpus = std::getenv("MIRA_CORPUS");
     std::filesystem::remove(folder.path + "/huge.dbf");
-    bringBack(folder.path, folder.path);
-    if (corpus != nullptr) bringBack(folder.path, corpus);
+    bringBack(folder.path);
+    if (corpus != nullptr) bringBack(corpus);
 }
 
 /// The documents are one session each, told in blocks.
