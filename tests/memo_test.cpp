@@ -193,7 +193,7 @@ TEST(MemoName, AskedForInAListedFolder) {
     writeAll(folder.file("t.FPT"), "");
     const FindNameHook find = [](const char* wanted, char* name, void* context) -> u32 {
         EXPECT_TRUE(std::string_view(wanted).ends_with("/t.fpt"));
-        std::memcpy(name, "T.fPt", 5);
+        std::string_view("T.fPt").copy(name, 5);
         return *static_cast<u32*>(context);
     };
     for (const auto& [count, expected] : {std::pair(0u, "t.fpt"), {1u, "T.fPt"}, {2u, "t.fpt"}}) {
