@@ -181,6 +181,14 @@ DbfBase* OpenBase(const char* path);
 DbfBase* OpenBaseRO(const char* path);
 /// OpenBase (readOnly 0) or OpenBaseRO (any other value).
 DbfBase* OpenBaseCommon(const char* path, int readOnly);
+/// Looks for files beside path whose names differ from its own in the case of ASCII letters only:
+/// how many there are, 2 for more. When there is one, name gets its name, which is as long as that
+/// in path and needs no zero byte.
+using FindNameHook = u32 (*)(const char* path, char* name, void* context);
+/// OpenBaseCommon for programs that open many tables of a folder and have listed it: a memo file in
+/// other letter case is looked for by find, which is called with the context, not by reading the
+/// folder again. find is not kept. Null for find: as OpenBaseCommon.
+DbfBase* OpenBaseListed(const char* path, int readOnly, FindNameHook find, void* context);
 /// Zeroes the record and sets every default; what it owned before is not released.
 void SetDefOptions(DbfBase*);
 /// Closes the table and releases the handle; null is ignored.

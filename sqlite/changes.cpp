@@ -51,7 +51,7 @@ void Changes::refuse(const Row& row, const std::string& what) const {
 void Changes::prepare() {
     if (!rows_.empty()) return;
     tables::checkWritable(table_);
-    RefreshDatabase(table_.base.get());
+    tables::refreshTable(table_);
     tables::loadCounters(table_);
     table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
     added_ = 0;
@@ -138,6 +138,7 @@ void Changes::putValues(const Row& row) {
         const Column& column = columns_[value.column];
         encoded_.bytes.assign(bytes_, nextByte_, column.length);
         encoded_.memo.assign(bytes_, nextByte_ + column.length, value.memoSize);
+        encoded_.hasMemo = value.memoSize != 0;
         encoded_.isNull = value.isNull;
         encoded_.partial = value.partial;
         nextByte_ += column.length + value.memoSize;

@@ -264,4 +264,25 @@ TEST(Memo, EveryReadReleasesTheLastText) {
 }
 
 }  // namespace
+/// A memo file that is not there by its usual name is asked for; the folder is not read.
+TEST(MemoName, AskedForInAListedFolder) {
+    const Folder folder;
+    const std::string path = folder.file("t.dbf");
+    openTable(folder, 0xF5);
+    std::filesystem::remove(folder.file("t.fpt"));
+    writeAll(folder.file("t.FPT"), "");
+    const FindNameHook find = [](const char* wanted, char* name, void* context) -> u32 {
+        EXPECT_TRUE(std::string_view(wanted).ends_with("/t.fpt"));
+        std::string_view("T.fPt").copy(name, 5);
+        return *static_cast<u32*>(context);
+    };
+    for (const auto& [count, expected] : {std::pair(0u, "t.fpt"), {1u, "T.fPt"}, {2u, "t.fpt"}}) {
+        u32 context = count;
+        const Table table(OpenBaseListed(path.c_str(), 1, find, &context));
+        EXPECT_EQ(table->MemoFileName, folder.file(expected));
+    }
+    EXPECT_EQ(Table(OpenBaseListed(path.c_str(), 1, nullptr, nullptr))->MemoFileName,
+              folder.file("t.FPT"));
+}
+
 }  // namespace test

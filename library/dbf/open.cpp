@@ -7,6 +7,7 @@
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
+#include "memo/memo.h"
 
 namespace mira {
 
@@ -61,6 +62,11 @@ DbfBase* OpenBaseCommon(const char* path, int readOnly) {
     if (openTable(h, path)) return h;
     releaseHandle(h);
     return nullptr;
+}
+
+DbfBase* OpenBaseListed(const char* path, int readOnly, FindNameHook find, void* context) {
+    const FindingNames finding(find, context);
+    return OpenBaseCommon(path, readOnly);
 }
 
 DbfBase* OpenBase(const char* path) { return OpenBaseCommon(path, 0); }

@@ -19,6 +19,7 @@
 
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "dbf/table/table.h"
 #include "internal/ascii.h"
@@ -71,12 +72,23 @@ struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 
+// Of the FindingNames that lives.
+thread_local FindNameHook findName = nullptr;
+thread_local void* findContext = nullptr;
+
 /// Counts the files beside path that have its name in any letter case, up to 2. *found becomes the
 /// path of the only one. (Reads the directory itself: the iterator of the standard library ends the
 /// program when memory runs out.)
 u32 findInAnyCase(const char* path, Owned<char>* found) {
     const PathParts parts = splitPath(path);
     const char* wanted = path + parts.dir.size();
+    if (findName != nullptr) {
+        *found = copyText(path);
+        if (!*found) return 0;
+        const u32 named = findName(path, found->get() + parts.dir.size(), findContext);
+        if (named != 1) found->reset();
+        return named;
+    }
     const Owned<char> dirName = parts.dir.empty() ? copyText(".") : copyText(path);
     if (!dirName) return 0;
     if (!parts.dir.empty()) dirName.get()[parts.dir.size()] = 0;
@@ -138,6 +150,15 @@ Owned<char> sourceMemoName(const char* tablePath) {
         return name;
     }
     return nullptr;
+}
+
+FindingNames::FindingNames(FindNameHook find, void* context)
+    : findBefore_(std::exchange(findName, find)),
+      contextBefore_(std::exchange(findContext, context)) {}
+
+FindingNames::~FindingNames() {
+    findName = findBefore_;
+    findContext = contextBefore_;
 }
 
 const MemoFamily* memoFamily(u8 version) { return familyOf(flavourOf(version).memos); }

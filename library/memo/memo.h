@@ -69,6 +69,20 @@ bool readMemoUnit(const MemoHead&, const MemoFamily&, u32* unit);
 MemoRead readMemo(int descriptor, const MemoFamily&, u32 unit, MemoReference, u32 limit,
                   Owned<char>* memo, u32* length);
 
+// family.cpp
+/// While one lives, this thread looks for memo files in other letter case by a hook. Null for the
+/// hook: by reading the folder.
+class FindingNames {
+public:
+    FindingNames(FindNameHook find, void* context);
+    ~FindingNames();
+    FindingNames(const FindingNames&) = delete;
+
+private:
+    FindNameHook findBefore_;
+    void* contextBefore_;
+};
+
 // create.cpp
 /// Bytes of a new memo file before its first memo, or up to a unit more.
 u32 memoHeaderSize(u32 blockSize);

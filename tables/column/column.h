@@ -101,6 +101,8 @@ struct TableFacts {
     u32 storedCount = 0;   // records by the header, before repairs
     u32 storedLength = 0;  // record length by the header, likewise
     u64 fileSize = 0;
+    u32 heldRecords = 0;  // that the file has room for; the handle counts those that are some
+    u64 strayBytes = 0;   // from the first that is none to the end of the file; 0: all are some
     std::vector<Column> columns;  // those that are shown, in field order, calculated ones last
     std::vector<Column> system;   // the others: system fields and those of type 0
     u32 nullOffset = 0, nullLength = 0;  // the null flags in the record; length 0: none

@@ -137,7 +137,8 @@ bool hasSoftBreaks(const Table& table) {
 
 void giveMemoText(CellReader& reader, const Column& column, Value& value, std::string_view bytes) {
     const std::string_view text = bytes.substr(0, bytes.find_last_not_of('\0') + 1);
-    if (text.find('\0') != std::string_view::npos) return giveBytes(value, bytes);
+    const bool onlyZeros = text.empty() && !bytes.empty();
+    if (onlyZeros || text.find('\0') != std::string_view::npos) return giveBytes(value, bytes);
     if (column.untranslated) return giveUntranslated(value, text, text);
     const bool soft = hasSoftBreaks(*reader.table) && !reader.table->options.raw;
     giveText(reader, value,

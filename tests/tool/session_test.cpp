@@ -94,6 +94,40 @@ INSTANTIATE_TEST_SUITE_P(Tool, Session, testing::ValuesIn(sessionNames()), [](co
     return session.param.substr(0, session.param.find('.'));
 });
 
+/// Every table of a folder and below goes through CSV into a new one, which gives the same CSV.
+void bringBack(const std::string& tables) {
+    namespace fs = std::filesystem;
+    const TempDir dir;
+    const std::string folder = dir.file("here");
+    fs::create_directory(folder);
+    for (const auto& entry : fs::recursive_directory_iterator(tables)) {
+        const std::string extension = entry.path().extension();
+        if (extension != ".dbf" && extension != ".DBF") continue;
+        const std::string table = "'" + entry.path().string() + "'";
+        const std::string exported = "mira export -q --deleted include " + table + " 2>/dev/null";
+        // Without those that cannot be read, and those with bytes that stand for no character.
+        const char* const whole =
+            " > a.csv; test -s a.csv && ! grep -q $(printf '\\357\\277\\275') a.csv";
+        if (run(folder, exported + whole) != "") continue;
+        EXPECT_EQ(run(folder, "mira import -q --force --no-backup a.csv new --like " + table), "");
+        // A table like another has its mark, but not its .cpg file or what its texts look like.
+        EXPECT_EQ(run(folder, "page=$(mira info --json " + table +
+                                  " 2>/dev/null | sed 's/.*\"code_page\":\"//; s/\".*//'); "
+                                  "mira export -q --deleted include --code-page $page new "
+                                  "2>/dev/null | cmp - a.csv"),
+                  "")
+            << table;
+    }
+}
+
+TEST(Session, BringsTablesBack) {
+    const Folder folder;
+    const char* const corpus = std::getenv("MIRA_CORPUS");
+    std::filesystem::remove(folder.path + "/huge.dbf");
+    bringBack(folder.path);
+    if (corpus != nullptr) bringBack(corpus);
+}
+
 /// The documents are one session each, told in blocks.
 TEST(Session, OfTheDocuments) {
     for (const std::string& path : split(MIRA_DOCUMENTS, ':')) {

@@ -21,16 +21,8 @@ struct Counts {
     u64 findings = 0, notes = 0;
 };
 
-/// "stock.dbf: record 3, field PRICE: no number: \"***\""
 void putText(Output& out, const Table& table, const Finding& finding) {
-    std::string line = table.path + ": ";
-    if (finding.isNote) line += "note: ";
-    if (finding.record != 0) {
-        line += fmt::format("record {}", finding.record);
-        if (!finding.field.empty()) line += ", field " + finding.field;
-        line += ": ";
-    }
-    out.put(escaped(line + finding.what) + "\n");
+    out.put(escaped(lineOf(table, finding)) + "\n");
 }
 
 void putJson(Output& out, const Table& table, const Finding& finding) {
@@ -59,8 +51,8 @@ void putSummary(Output& out, const Table& table, const Counts& counts, bool json
     out.put(object.whole() + "\n");
 }
 
-Status checkOne(Output& out, const std::string& name, const Options& options) {
-    const auto table = openTable(name, options.table);
+Status checkOne(Output& out, const std::string& name, const Options& options, Listing& listing) {
+    const auto table = openTable(name, options.table, &listing);
     tellPage(*table);
     Counts counts;
     checkTable(*table, [&](const Finding& finding) {
@@ -75,9 +67,10 @@ Status checkOne(Output& out, const std::string& name, const Options& options) {
 
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
+    Listing listing;
     const Status status = eachTable(
-        findTables(options.tables.names, options.tables.recursive),
-        [&](const std::string& name) { return checkOne(out, name, options); }, &out);
+        findTables(options.tables.names, options.tables.recursive, &listing),
+        [&](const std::string& name) { return checkOne(out, name, options, listing); }, &out);
     out.finish();
     return status;
 }

@@ -30,7 +30,6 @@ u64 countDeleted(const Table& table) {
     u64 deleted = 0;
     eachRecord(table, [&](u32) {
         if (isDeleted(table)) ++deleted;
-        return true;
     });
     return deleted;
 }
@@ -62,7 +61,7 @@ IndexFacts indexFacts(const Table& table, const std::string& path) {
 
 }  // namespace
 
-Facts factsOf(Table& table, bool countRecords) {
+Facts factsOf(Table& table, bool countRecords, Listing* listing) {
     Facts facts;
     facts.updated = updateDate(table.base->Header);
     const std::string memos = memoFileOf(table);
@@ -74,7 +73,7 @@ Facts factsOf(Table& table, bool countRecords) {
         facts.memoSize = size;
         facts.memoUnit = memoUnit(table);
     }
-    facts.indexFiles = indexFilesBeside(table.path);
+    facts.indexFiles = indexFilesBeside(table.path, listing);
     if (countRecords) {
         for (const std::string& path : facts.indexFiles) {
             facts.indexes.push_back(indexFacts(table, path));

@@ -7,6 +7,7 @@
 #include "tables.h"
 #include "tables/column/column.h"
 #include "tables/index/index.h"
+#include "tables/open/find.h"
 
 namespace mira::tool {
 
@@ -33,6 +34,6 @@ struct Facts {
 };
 
 /// Reads every record to count the deleted ones, and the index files, when countRecords is set.
-Facts factsOf(Table& table, bool countRecords);
+Facts factsOf(Table& table, bool countRecords, Listing* listing = nullptr);
 
 }  // namespace mira::tool

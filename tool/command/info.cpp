@@ -191,9 +191,10 @@ void putJson(Output& out, const Table& table, const Facts& facts) {
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
     bool first = true;
+    Listing listing;
     const auto show = [&](const std::string& name) {
-        const auto table = openTable(name, options.table);
-        const Facts facts = factsOf(*table, true);
+        const auto table = openTable(name, options.table, &listing);
+        const Facts facts = factsOf(*table, true, &listing);
         loadCounters(*table);
         if (!std::exchange(first, false) && !options.json) out.put('\n');
         (options.json ? putJson : putText)(out, *table, facts);
@@ -201,7 +202,7 @@ Status run(const Options& options) {
         return kDone;
     };
     const Status status =
-        eachTable(findTables(options.tables.names, options.tables.recursive), show, &out);
+        eachTable(findTables(options.tables.names, options.tables.recursive, &listing), show, &out);
     out.finish();
     return status;
 }

@@ -64,11 +64,12 @@ std::string moduleOptions(const Options& options) {
 Status attachTables(sqlite3* connection, const Options& options) {
     const auto& [names, recursive] = options.tables;
     const std::vector<std::string> here{"."};
-    return eachTable(findTables(names.empty() ? here : names, recursive),
-                     [&](const std::string& path) {
-                         sql::attachTable(connection, path, moduleOptions(options));
-                         return kDone;
-                     });
+    return eachTable(
+        findTables(names.empty() ? here : names, recursive), [&](const std::string& path) {
+            const std::string name = sql::attachTable(connection, path, moduleOptions(options));
+            if (name != stemOf(path)) note("{} is {}", name, path);
+            return kDone;
+        });
 }
 
 /// Names of the columns of an answer, each another one.

@@ -153,8 +153,9 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
     command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
 }
 
-std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options) {
-    return selectFrom(openTable(path, options.table), options);
+std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options,
+                                      Listing* listing) {
+    return selectFrom(openTable(path, options.table, listing), options);
 }
 
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options) {

@@ -15,6 +15,7 @@ namespace {
 
 bool quietly = false;
 std::mutex oneLine;
+thread_local std::vector<std::string>* gathered = nullptr;  // the thread's GatheredMessages
 
 bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
 /// Marks of two-way texts, and line ends that are no control characters.
@@ -89,9 +90,22 @@ std::string escaped(std::string_view text) {
 void setQuiet(bool quiet) { quietly = quiet; }
 bool isQuiet() { return quietly; }
 
-void tellError(std::string_view sentence) { writeLine(sentence); }
+void tellError(std::string_view sentence) {
+    if (gathered != nullptr) {
+        gathered->emplace_back(sentence);
+    } else {
+        writeLine(sentence);
+    }
+}
 void tell(std::string_view sentence) {
-    if (!quietly) writeLine(sentence);
+    if (!quietly) tellError(sentence);
+}
+
+GatheredMessages::GatheredMessages() { gathered = &sentences_; }
+GatheredMessages::~GatheredMessages() { gathered = nullptr; }
+std::vector<std::string> GatheredMessages::take() { return std::exchange(sentences_, {}); }
+void tellGathered(const std::vector<std::string>& sentences) {
+    for (const std::string& sentence : sentences) writeLine(sentence);
 }
 
 int widthOf(std::string_view utf8) {
