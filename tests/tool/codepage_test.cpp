@@ -4,6 +4,8 @@
 #include "support.h"
 #include "tables/open/open.h"
 #include "tables/page/pagenames.h"
+#include "tables/page/text.h"
+#include "tables/page/utf8.h"
 
 namespace {
 
@@ -160,6 +162,16 @@ TEST(CodePage, UpperCase) {
     std::string broken = "a\x93\xFA\x93";
     foldCase(*openPage("932"), broken);
     EXPECT_EQ(broken, "A\x93\xFA\x93");
+}
+
+TEST(Letters, UpperAndLowerCase) {
+    const std::string mixed = "Дым ςΣ Straße ÿ İ \xE4\xFF a1\xC3";
+    EXPECT_EQ(upperText(mixed), "ДЫМ ΣΣ STRAßE Ÿ İ \xE4\xFF A1\xC3");
+    EXPECT_EQ(lowerText(mixed), "дым ςσ straße ÿ i \xE4\xFF a1\xC3");
+    for (const auto& [one, other] : rows("A=a;Ж=ж;ς=Σ;ß=ẞ;ÿ=Ÿ;µ=Μ")) {
+        EXPECT_EQ(foldLetter(stepUtf8(one).letter), foldLetter(stepUtf8(other).letter)) << one;
+    }
+    EXPECT_NE(foldLetter(U'е'), foldLetter(U'ё'));
 }
 
 // ---------------------------------------------------------------------------------------------
