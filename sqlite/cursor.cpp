@@ -2,18 +2,45 @@
 #include <cmath>
 
 #include "module.h"
+#include "tables/page/refusal.h"
 
 namespace mira::sql {
 namespace {
 
 using tables::Column;
 using tables::Deleted;
+using tables::Fault;
 using tables::Value;
 
+bool isMemoFault(Fault fault) { return fault == Fault::NoMemo || fault == Fault::MemoCut; }
+
+/// Whether a statement of the connection that changes something is running.
+bool isWriting(sqlite3* connection) {
+    sqlite3_stmt* statement = sqlite3_next_stmt(connection, nullptr);
+    for (; statement != nullptr; statement = sqlite3_next_stmt(connection, statement)) {
+        if (sqlite3_stmt_busy(statement) != 0 && sqlite3_stmt_readonly(statement) == 0) return true;
+    }
+    return false;
+}
+
+/// What is built on a memo that cannot be read must not replace anything.
+void note(Cursor& cursor, const Column& column, Fault fault) {
+    VirtualTable& of = tableOf(cursor);
+    const u32 record = cursor.cells->record;
+    if (isMemoFault(fault) && isWriting(of.connection)) {
+        tables::refuse(of.table->path, ": record ", u64{record} + 1, ", ", column.name,
+                       ": the memo cannot be read whole, so nothing is changed by it");
+    }
+    of.losses.add(fault, record, column);
+}
+
+/// For a shortcut or an index. That a memo which cannot be read decides is told here, since SQLite
+/// may never see it.
 Stored cellOf(Cursor& cursor, int column) {
     Value value;
-    const Column& of = tableOf(cursor).columns[static_cast<std::size_t>(column)];
+    const Column& of = (*tableOf(cursor).columns)[static_cast<std::size_t>(column)];
     tables::readCell(*cursor.cells, of, value);
+    if (isMemoFault(value.fault)) note(cursor, of, value.fault);
     return tables::storedAs(of, value);
 }
 
@@ -100,8 +127,8 @@ std::optional<u32> advance(Cursor& cursor) {
 }  // namespace
 
 void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants) {
-    const std::vector<tables::Column>& columns = tableOf(cursor).columns;
-    const int recordColumn = static_cast<int>(columns.size()) - kHiddenColumns;
+    const Columns& columns = *tableOf(cursor).columns;
+    const int recordColumn = static_cast<int>(columns.recordNumber());
     const bool repeated = !cursor.plan.empty() && cursor.plan == plan;
     cursor.plan = plan;
     cursor.shortcuts.clear();
@@ -130,6 +157,14 @@ void nextRecord(Cursor& cursor) {
         if (readShown(cursor, *record) && mayPass(cursor)) return;
     }
     cursor.atEnd = true;
+}
+
+Stored valueOf(Cursor& cursor, std::size_t column) {
+    Value value;
+    const Column& of = (*tableOf(cursor).columns)[column];
+    tables::readCell(*cursor.cells, of, value);
+    if (value.fault != Fault::None) note(cursor, of, value.fault);
+    return tables::storedAs(of, value);
 }
 
 }  // namespace mira::sql

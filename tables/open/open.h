@@ -14,10 +14,13 @@ namespace mira::tables {
 /// Opens a table. Throws a Refusal that names the path: no such file, no table, unknown code page,
 /// unknown name in asText, no container for longNames.
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options);
-/// The same table for reading, through a handle of its own, for the same thread; without looking
+/// The same table, through a handle of its own, for the same thread; without looking
 /// for code page and names again. Throws a Refusal when it cannot be opened or its fields have
 /// changed.
-std::unique_ptr<Table> openAgain(const Table& table);
+std::unique_ptr<Table> openAgain(const Table& table, bool writable = false);
+/// Whether the table's name leads to another file by now, or to none: what is written through the
+/// handle would be lost.
+bool isReplaced(const Table& table);
 
 /// Adds a calculated column; expression in UTF-8. Throws a Refusal for a name it does not know.
 void addCalculated(Table& table, std::string_view name, std::string_view expression);

@@ -9,6 +9,7 @@
 #include "rows/writer.h"
 #include "select/selection.h"
 #include "sqlite/attach.h"
+#include "sqlite/letters.h"
 #include "sqlite/mira_sqlite.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
@@ -34,17 +35,42 @@ struct Options {
 
 [[noreturn]] void fail(sqlite3* connection) {
     leaveIfStopped();
+    if (sqlite3_errcode(connection) == SQLITE_AUTH) {
+        refuse("ATTACH and VACUUM INTO are refused: nothing is written without --write");
+    }
     refuse(sqlite3_errmsg(connection));
 }
 
-void tellWarning(const std::string& sentence) { tell(sentence); }
+/// Without --write nothing is, whatever the statement says: ATTACH, of which VACUUM INTO is made,
+/// would make files.
+int refuseAttach(void* /*nothing*/, int action, const char* /*first*/, const char* /*second*/,
+                 const char* /*database*/, const char* /*inner*/) {
+    return action == SQLITE_ATTACH ? SQLITE_DENY : SQLITE_OK;
+}
+
+/// *lost becomes true when a value could not be kept.
+sql::Host hostFor(const Options& options, bool* lost) {
+    sql::Host host;
+    host.tell = [lost](sql::Notice notice, const std::string& sentence) {
+        tell(sentence);
+        *lost = *lost || notice == sql::Notice::Loss;
+    };
+    host.pageOption = "--code-page NAME";
+    host.readOnly = !options.write;
+    host.outerJoins = upperAscii(options.sql).find("JOIN") != std::string::npos;
+    return host;
+}
 
 /// A database in memory that nothing stays of, with the module in it.
-Connection openConnection() {
+Connection openConnection(const Options& options, bool* lost) {
     sqlite3* opened = nullptr;
     const int result = sqlite3_open(":memory:", &opened);
     Connection connection(opened);
-    if (result != SQLITE_OK || sql::registerMira(opened, tellWarning) != SQLITE_OK) fail(opened);
+    if (result != SQLITE_OK || sql::registerLetters(opened) != SQLITE_OK ||
+        sql::registerMira(opened, hostFor(options, lost)) != SQLITE_OK) {
+        fail(opened);
+    }
+    if (!options.write) sqlite3_set_authorizer(opened, refuseAttach, nullptr);
     watchStops(opened);
     return connection;
 }
@@ -197,12 +223,13 @@ void runAll(Output& out, Format format, sqlite3* connection, const std::string& 
 }
 
 Status run(const Options& options) {
-    const Connection connection = openConnection();
+    bool lost = false;
+    const Connection connection = openConnection(options, &lost);
     const Status attached = attachTables(connection.get(), options);
     Output out(targetOf("-"), false);
     runAll(out, options.format, connection.get(), options.sql);
     out.finish();
-    return attached == kDone ? kDone : kFound;
+    return attached == kDone && !lost ? kDone : kFound;
 }
 
 }  // namespace

@@ -1,0 +1,147 @@
+#include "letters.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "guard.h"
+#include "tables/page/text.h"
+#include "tables/page/utf8.h"
+
+namespace mira::sql {
+namespace {
+
+/// Takes a letter off the front of a text that is not empty. Bytes that are no UTF-8 are letters
+/// past all others, each equal to itself.
+char32_t takeLetter(std::string_view* text) {
+    constexpr char32_t kPastLetters = 0x110000;
+    const auto first = static_cast<unsigned char>(text->front());
+    if (first < 0x80) {
+        text->remove_prefix(1);
+        return first;
+    }
+    const tables::Utf8Step step = tables::stepUtf8(*text);
+    text->remove_prefix(step.valid ? step.length : 1);
+    return step.valid ? step.letter : kPastLetters + first;
+}
+
+char32_t folded(char32_t letter) {
+    if (letter < 0x80) return letter >= 'A' && letter <= 'Z' ? letter - 'A' + 'a' : letter;
+    return tables::foldLetter(letter);
+}
+
+char32_t takeFolded(std::string_view* text) { return folded(takeLetter(text)); }
+
+/// Whether a text is what LIKE looks for. Only the last "%" is gone back to: what those before it
+/// have matched need never be looked at again.
+bool isLike(std::string_view pattern, std::string_view text, std::optional<char32_t> escape) {
+    std::optional<std::string_view> afterAny;  // the pattern behind the last "%"
+    std::string_view from;                     // where in the text it is tried next
+    while (true) {
+        std::string_view rest = pattern;
+        const char32_t wanted = rest.empty() ? 0 : takeLetter(&rest);
+        const bool escaped = !pattern.empty() && escape == wanted;
+        if (!pattern.empty() && !escaped && wanted == '%') {
+            if (rest.empty()) return true;
+            pattern = rest;
+            afterAny = pattern;
+            from = text;
+            continue;
+        }
+        if (escaped && rest.empty()) return false;  // nothing behind the escape matches nothing
+        const char32_t letter = escaped ? takeLetter(&rest) : wanted;
+        if (pattern.empty() && text.empty()) return true;
+        if (!pattern.empty() && !text.empty()) {
+            std::string_view behind = text;
+            const char32_t given = takeFolded(&behind);
+            if ((!escaped && letter == '_') || given == folded(letter)) {
+                pattern = rest;
+                text = behind;
+                continue;
+            }
+        }
+        if (!afterAny || from.empty() || text.empty()) return false;
+        takeLetter(&from);
+        pattern = *afterAny;
+        text = from;
+    }
+}
+
+std::string_view textOf(sqlite3_value* value) {
+    const unsigned char* const text = sqlite3_value_text(value);
+    if (text == nullptr) return {};
+    return {reinterpret_cast<const char*>(text),
+            static_cast<std::size_t>(sqlite3_value_bytes(value))};
+}
+
+bool isNull(sqlite3_value* value) { return sqlite3_value_type(value) == SQLITE_NULL; }
+
+/// X LIKE Y is like(Y, X), with an ESCAPE like(Y, X, Z).
+void like(sqlite3_context* context, int count, sqlite3_value** values) {
+    const auto limit = static_cast<std::size_t>(sqlite3_limit(
+        sqlite3_context_db_handle(context), SQLITE_LIMIT_LIKE_PATTERN_LENGTH, -1));
+    for (int i = 0; i < count; ++i) {
+        if (isNull(values[i])) return;
+    }
+    const std::string_view pattern = textOf(values[0]);
+    if (pattern.size() > limit) {
+        return sqlite3_result_error(context, "LIKE or GLOB pattern too complex", -1);
+    }
+    std::optional<char32_t> escape;
+    if (count > 2) {
+        std::string_view text = textOf(values[2]);
+        if (!text.empty()) escape = takeLetter(&text);
+        if (!escape || !text.empty()) {
+            return sqlite3_result_error(context, "ESCAPE expression must be a single character",
+                                        -1);
+        }
+    }
+    sqlite3_result_int(context, isLike(pattern, textOf(values[1]), escape) ? 1 : 0);
+}
+
+template <std::string (*change)(std::string_view)>
+void changeCase(sqlite3_context* context, int /*count*/, sqlite3_value** values) {
+    if (isNull(values[0])) return;
+    char* message = nullptr;
+    const int result = guarded(&message, [&] {
+        const std::string changed = change(textOf(values[0]));
+        sqlite3_result_text64(context, changed.data(), changed.size(), SQLITE_TRANSIENT,
+                              SQLITE_UTF8);
+        return SQLITE_OK;
+    });
+    if (result != SQLITE_OK) sqlite3_result_error_code(context, result);
+    sqlite3_free(message);
+}
+
+int compareFolded(void* /*nothing*/, int size, const void* a, int otherSize, const void* b) {
+    std::string_view text(static_cast<const char*>(a), static_cast<std::size_t>(size));
+    std::string_view other(static_cast<const char*>(b), static_cast<std::size_t>(otherSize));
+    while (!text.empty() && !other.empty()) {
+        const char32_t x = takeFolded(&text);
+        const char32_t y = takeFolded(&other);
+        if (x != y) return x < y ? -1 : 1;
+    }
+    return text.empty() ? (other.empty() ? 0 : -1) : 1;
+}
+
+}  // namespace
+
+int registerLetters(sqlite3* connection) {
+    constexpr int kFlags = SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS;
+    const struct {
+        const char* name;
+        int arguments;
+        void (*function)(sqlite3_context*, int, sqlite3_value**);
+    } functions[] = {{"like", 2, like},
+                     {"like", 3, like},
+                     {"lower", 1, changeCase<tables::lowerText>},
+                     {"upper", 1, changeCase<tables::upperText>}};
+    for (const auto& f : functions) {
+        const int result = sqlite3_create_function(connection, f.name, f.arguments, kFlags, nullptr,
+                                                   f.function, nullptr, nullptr);
+        if (result != SQLITE_OK) return result;
+    }
+    return sqlite3_create_collation(connection, "NOCASE", SQLITE_UTF8, nullptr, compareFolded);
+}
+
+}  // namespace mira::sql
