@@ -65,6 +65,7 @@ struct Column {
     u8 flags = 0;                // descriptor byte 18 in Visual FoxPro, else 0; kSystem and others
     bool untranslated = false;   // C, V or M whose bytes are in no code page
     bool numeric = false;        // a calculated field that is arithmetic
+    bool exactText = false;      // numbers go into a database as text; see TableOptions::exact
     bool foreignMoment = false;  // "@" as other makers of level-7 tables store it: a double
     i32 lengthBit = kNoBit;      // bits in the null flags
     i32 nullBit = kNoBit;
@@ -83,6 +84,7 @@ struct TableOptions {
     std::vector<std::string> asText{};  // names of binary fields that hold text after all
     bool longNames = false;             // names from the database container
     bool raw = false;                   // texts and numbers as stored
+    bool exact = false;  // what may have more digits than a double goes into a database as text
     bool writable = false;
 };
 

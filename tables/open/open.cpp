@@ -21,6 +21,7 @@
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
+#include "tables/value/storage.h"
 
 namespace mira::tables {
 namespace {
@@ -158,6 +159,7 @@ Column columnOf(const Table& table, int field) {
     column.kind = kindOf(column);
     if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
     makePictureMemo(base, column);
+    column.exactText = table.options.exact && mayBeRounded(column);
     return column;
 }
 

@@ -189,7 +189,8 @@ void giveDigits(Value& value, std::string_view digits) {
 
 void giveDecimal(const Table& table, const Column& column, Value& value) {
     const std::string_view digits = withoutPadding(storedBytes(table, column));
-    if (!digits.empty()) giveDigits(value, digits);
+    // Some programs leave the point of a blank number.
+    if (!digits.empty() && digits != ".") giveDigits(value, digits);
 }
 
 void giveInteger(Value& value, i64 integer) {
@@ -488,6 +489,7 @@ std::string faultSentence(Fault fault, u64 count) {
         {"memo cannot be read and came out empty", "memos cannot be read and came out empty"},
         {"memo is cut: the memo file does not hold all of it",
          "memos are cut: the memo file does not hold all of them"},
+        {"number of more than 15 digits is rounded", "numbers of more than 15 digits are rounded"},
     };
     return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
 }

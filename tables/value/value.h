@@ -51,8 +51,9 @@ enum class Fault : u8 {
     LengthPastEnd,  // V, Q: the length reaches the last byte
     NoMemo,         // a memo that cannot be read
     MemoCut,        // a memo that the file does not hold whole
+    Rounded,        // a number that a database keeps only to the nearest double
 };
-constexpr std::size_t kFaults = 8;
+constexpr std::size_t kFaults = 9;
 
 /// Texts lie in the record buffer or in the reader and last until the next cell is read.
 struct Value {

@@ -225,7 +225,11 @@ void exportTable(Work& work, Selection& selection, Database& database) {
     while (nextRow(selection)) {
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
-            database.cell(i, columns[i], value, lastsForRecord(*selection.table, value.text));
+            const Stored stored = storedAs(columns[i], value);
+            if (stored.rounded) {
+                countFault(selection.faults, Fault::Rounded, selection.cells.record, columns[i]);
+            }
+            database.cell(i, stored, lastsForRecord(*selection.table, value.text));
         }
         database.endRow();
     }
@@ -367,6 +371,8 @@ void addExport(CLI::App& program, Job& job) {
     command.add_flag("--append", options.append, "Add to tables that the database has")
         ->excludes(replace);
     command.add_flag("--schema", options.schema, "CREATE TABLE only");
+    command.add_flag("--exact", options.select.table.exact,
+                     "SQLite: numbers that may have more than 15 digits as text, all digits kept");
     addSelectOptions(command, options.select);
 }
 

@@ -107,7 +107,8 @@ void sortView(Table& table, const SelectOptions& options) {
 void tellFault(const Selection& selection, Fault fault) {
     const FaultTally& tally = selection.faults[static_cast<std::size_t>(fault)];
     if (tally.count == 0) return;
-    note("{}: {}", selection.table->path, faultSentence(fault, tally));
+    note("{}: {}{}", selection.table->path, faultSentence(fault, tally),
+         fault == Fault::Rounded ? "; --exact keeps all digits" : "");
 }
 
 void addList(CLI::App& command, const char* name, std::vector<std::string>& list,
