@@ -11,27 +11,54 @@ using tables::Column;
 using tables::Deleted;
 using tables::Fault;
 using tables::Value;
+using namespace std::string_literals;
 
 bool isMemoFault(Fault fault) { return fault == Fault::NoMemo || fault == Fault::MemoCut; }
 
-/// Whether a statement of the connection that changes something is running.
-bool isWriting(sqlite3* connection) {
+/// The statement of the connection that runs and changes something; null when there is none.
+sqlite3_stmt* writingStatement(sqlite3* connection) {
     sqlite3_stmt* statement = sqlite3_next_stmt(connection, nullptr);
-    for (; statement != nullptr; statement = sqlite3_next_stmt(connection, statement)) {
-        if (sqlite3_stmt_busy(statement) != 0 && sqlite3_stmt_readonly(statement) == 0) return true;
+    while (statement != nullptr &&
+           (sqlite3_stmt_busy(statement) == 0 || sqlite3_stmt_readonly(statement) != 0)) {
+        statement = sqlite3_next_stmt(connection, statement);
     }
-    return false;
+    return statement;
+}
+
+/// Views and triggers use columns that the statement does not name.
+bool hasViews(sqlite3* connection) {
+    sqlite3_stmt* statement = nullptr;
+    const int prepared = sqlite3_prepare_v2(
+        connection, "SELECT 1 FROM temp.sqlite_master WHERE type IN ('view', 'trigger')", -1,
+        &statement, nullptr);
+    const bool found = prepared != SQLITE_OK || sqlite3_step(statement) != SQLITE_DONE;
+    sqlite3_finalize(statement);
+    return found;
+}
+
+/// Whether a statement may use the value of a column that it asks for. UPDATE ... FROM asks for all
+/// columns of its table, only to hand them back; those that its text cannot mean it does not use.
+bool mayUse(const VirtualTable& of, sqlite3_stmt* statement, const Column& column) {
+    const char* const sql = sqlite3_sql(statement);
+    if (!of.changes || sql == nullptr) return true;
+    const std::string text = tables::foldCase(tables::trimmed(sql, " \t\r\n"));
+    if (!text.starts_with("update")) return true;
+    for (const std::string& word : {tables::foldCase(column.name), "*"s, "natural"s}) {
+        if (text.find(word) != std::string::npos) return true;
+    }
+    return hasViews(of.connection);
 }
 
 /// What is built on a memo that cannot be read must not replace anything.
 void note(Cursor& cursor, const Column& column, Fault fault) {
     VirtualTable& of = tableOf(cursor);
     const u32 record = cursor.cells->record;
-    if (isMemoFault(fault) && isWriting(of.connection)) {
+    sqlite3_stmt* const writing = isMemoFault(fault) ? writingStatement(of.connection) : nullptr;
+    if (writing == nullptr) return of.losses.add(fault, record, column);
+    if (mayUse(of, writing, column)) {
         tables::refuse(of.table->path, ": record ", u64{record} + 1, ", ", column.name,
-                       ": the memo cannot be read whole, so nothing is changed by it");
+                       ": the memo cannot be read whole, and so nothing is made of it");
     }
-    of.losses.add(fault, record, column);
 }
 
 /// For a shortcut or an index. That a memo which cannot be read decides is told here, since SQLite
@@ -164,7 +191,9 @@ Stored valueOf(Cursor& cursor, std::size_t column) {
     const Column& of = (*tableOf(cursor).columns)[column];
     tables::readCell(*cursor.cells, of, value);
     if (value.fault != Fault::None) note(cursor, of, value.fault);
-    return tables::storedAs(of, value);
+    const Stored stored = tables::storedAs(of, value);
+    if (stored.rounded) note(cursor, of, Fault::Rounded);
+    return stored;
 }
 
 }  // namespace mira::sql

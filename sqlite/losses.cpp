@@ -1,5 +1,7 @@
 #include "losses.h"
 
+#include "tables/page/text.h"
+
 namespace mira::sql {
 
 void Losses::add(tables::Fault fault, u32 record, const tables::Column& column) {
@@ -15,7 +17,11 @@ void Losses::tell(const std::string& path, const Host& host) {
     for (std::size_t i = 0; i < tables::kFaults; ++i) {
         if (faults_[i].count == 0) continue;
         const auto fault = static_cast<tables::Fault>(i);
-        host.tell(Notice::Loss, path + ": " + tables::faultSentence(fault, faults_[i]));
+        std::string sentence = path + ": " + tables::faultSentence(fault, faults_[i]);
+        if (fault == tables::Fault::Rounded) {
+            sentence += tables::textOf("; ", host.exactOption, " keeps all digits");
+        }
+        host.tell(Notice::Loss, sentence);
     }
     faults_ = {};
 }

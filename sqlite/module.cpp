@@ -104,7 +104,9 @@ int bestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
     const VirtualTable& of = tableOf(table);
     return guarded(&table->zErrMsg, [&] {
         const bool patterns = !of.host.outerJoins || keepsOnTerms();
-        return choosePlan({*of.columns, reccount(of.table->base.get()), of.utf8, patterns}, info);
+        return choosePlan({*of.columns, reccount(of.table->base.get()), of.utf8, patterns,
+                           of.host.rowLists},
+                          info);
     });
 }
 

@@ -78,7 +78,8 @@ bool isShortcut(const PlanTable& table, sqlite3_index_info* info, int i, Operato
                 const tables::Column& column) {
     if (isPattern(op)) return table.patterns;
     if (!comparesTexts(column, op)) return true;
-    return table.utf8 && isBinary(info, i) && (op != Operator::Equal || !mayBeIn(info, i));
+    if (!table.utf8 || !isBinary(info, i)) return false;
+    return op != Operator::Equal || (!table.rowLists && !mayBeIn(info, i));
 }
 
 /// The share of the records that a condition leaves, by experience.

@@ -24,6 +24,8 @@ constexpr std::pair<const char*, Format> kFormats[] = {{"table", Format::None},
                                                        {"json", Format::Json},
                                                        {"jsonl", Format::JsonLines}};
 
+constexpr std::string_view kBlanks = " \t\r\n";
+
 struct Options {
     std::string sql;
     TableNames tables;
@@ -48,6 +50,16 @@ int refuseAttach(void* /*nothing*/, int action, const char* /*first*/, const cha
     return action == SQLITE_ATTACH ? SQLITE_DENY : SQLITE_OK;
 }
 
+/// Whether an IN, or a NOT IN, follows a parenthesis, as in (A, B) IN (...). The text is in capitals.
+bool comparesRows(std::string_view sql) {
+    for (std::size_t end = sql.find(')'); end != std::string_view::npos;
+         end = sql.find(')', end + 1)) {
+        const std::string_view rest = trimmed(sql.substr(end + 1), kBlanks);
+        if (rest.starts_with("IN") || rest.starts_with("NOT")) return true;
+    }
+    return false;
+}
+
 /// *lost becomes true when a value could not be kept.
 sql::Host hostFor(const Options& options, bool* lost) {
     sql::Host host;
@@ -56,8 +68,11 @@ sql::Host hostFor(const Options& options, bool* lost) {
         *lost = *lost || notice == sql::Notice::Loss;
     };
     host.pageOption = "--code-page NAME";
+    host.exactOption = "--exact";
     host.readOnly = !options.write;
-    host.outerJoins = upperAscii(options.sql).find("JOIN") != std::string::npos;
+    const std::string sql = upperAscii(options.sql);
+    host.outerJoins = sql.find("JOIN") != std::string::npos;
+    host.rowLists = comparesRows(sql);
     return host;
 }
 
@@ -80,6 +95,7 @@ std::string moduleOptions(const Options& options) {
     std::string text =
         textOf(", deleted=", kDeletedWords[static_cast<std::size_t>(options.deleted)].first);
     if (options.write) text += ", writable=1";
+    if (table.exact) text += ", exact=1";
     if (table.longNames) text += ", long_names=1";
     if (!table.asText.empty()) text += ", as_text=" + quotedText(joined(table.asText));
     if (!table.codePage.empty()) text += ", code_page=" + quotedText(table.codePage);
@@ -249,6 +265,8 @@ void addQuery(CLI::App& program, Job& job) {
     addChoice(command, "-F,--format", "table (default), csv, tsv, json, jsonl", "FORMAT", kFormats,
               options.format);
     command.add_flag("--write", options.write, "Allow INSERT, UPDATE, DELETE; makes backups");
+    command.add_flag("--exact", options.table.exact,
+                     "Numbers that may have more than 15 digits as text, all digits kept");
     addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
               kDeletedWords, options.deleted);
     addTableOptions(command, options.table);
