@@ -11,7 +11,6 @@ using tables::Column;
 using tables::Deleted;
 using tables::Fault;
 using tables::Value;
-using namespace std::string_literals;
 
 bool isMemoFault(Fault fault) { return fault == Fault::NoMemo || fault == Fault::MemoCut; }
 
@@ -36,17 +35,29 @@ bool hasViews(sqlite3* connection) {
     return found;
 }
 
+/// Whether a text holds a word; names that are no plain words it may hold.
+bool mayHoldWord(std::string_view text, std::string_view word) {
+    if (!std::all_of(word.begin(), word.end(), tables::isWordByte)) return true;
+    for (std::size_t at = text.find(word); at != std::string_view::npos;
+         at = text.find(word, at + 1)) {
+        const std::size_t end = at + word.size();
+        if ((at == 0 || !tables::isWordByte(text[at - 1])) &&
+            (end == text.size() || !tables::isWordByte(text[end]))) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Whether a statement may use the value of a column that it asks for. UPDATE ... FROM asks for all
 /// columns of its table, only to hand them back; those that its text cannot mean it does not use.
 bool mayUse(const VirtualTable& of, sqlite3_stmt* statement, const Column& column) {
     const char* const sql = sqlite3_sql(statement);
     if (!of.changes || sql == nullptr) return true;
     const std::string text = tables::foldCase(tables::trimmed(sql, " \t\r\n"));
-    if (!text.starts_with("update")) return true;
-    for (const std::string& word : {tables::foldCase(column.name), "*"s, "natural"s}) {
-        if (text.find(word) != std::string::npos) return true;
-    }
-    return hasViews(of.connection);
+    return !text.starts_with("update") || text.find('*') != std::string::npos ||
+           mayHoldWord(text, "natural") || mayHoldWord(text, tables::foldCase(column.name)) ||
+           hasViews(of.connection);
 }
 
 /// What is built on a memo that cannot be read must not replace anything.
@@ -86,11 +97,23 @@ bool mayPass(Cursor& cursor) {
     });
 }
 
+/// A whole number, also one that is written as 3.0: SQLite takes this for 3 when it plans.
+std::optional<i64> wholeNumber(const Stored& constant) {
+    constexpr double kExact = 9007199254740992.0;  // 2^53
+    if (constant.storage == Storage::Integer) return constant.integer;
+    const double real = constant.real;
+    if (constant.storage != Storage::Real || std::abs(real) >= kExact || std::trunc(real) != real) {
+        return std::nullopt;
+    }
+    return static_cast<i64>(real);
+}
+
 /// Conditions on the record number make the range narrower. They are certain, so they are kept only
 /// where the constant is a whole number.
 void narrow(Cursor& cursor, const Shortcut& s) {
-    if (!s.usable || s.constant.storage != Storage::Integer) return;
-    const i64 number = std::clamp<i64>(s.constant.integer, -1, i64{1} << 33) - 1;  // from 0
+    const std::optional<i64> constant = s.usable ? wholeNumber(s.constant) : std::nullopt;
+    if (!constant) return;
+    const i64 number = std::clamp<i64>(*constant, -1, i64{1} << 33) - 1;  // from 0
     i64 first = cursor.record;
     i64 end = cursor.end;
     switch (s.condition.op) {

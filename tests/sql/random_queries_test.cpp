@@ -232,7 +232,7 @@ private:
         const std::string forms[] = {"_record = " + record,
                                      "_record = '" + record + "'",
                                      "_record = " + record + ".0",
-                                     "rowid = '" + record + "'",
+                                     "notes.rowid = '" + record + "'",
                                      "_record = x'31'",
                                      "_record = " + record + ".5",
                                      "_record IN (" + record + ", '7', NULL)",
