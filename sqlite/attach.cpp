@@ -64,10 +64,9 @@ std::string attachTable(sqlite3* connection, const std::string& path, const std:
 int registerAttach(sqlite3* connection, bool readOnly) {
     static int mark;
     for (const int arguments : {1, 2}) {
-        const int result = sqlite3_create_function(connection, "mira_attach", arguments,
-                                                   SQLITE_UTF8 | SQLITE_DIRECTONLY,
-                                                   readOnly ? &mark : nullptr, attach, nullptr,
-                                                   nullptr);
+        const int result = sqlite3_create_function(
+            connection, "mira_attach", arguments, SQLITE_UTF8 | SQLITE_DIRECTONLY,
+            readOnly ? &mark : nullptr, attach, nullptr, nullptr);
         if (result != SQLITE_OK) return result;
     }
     return SQLITE_OK;

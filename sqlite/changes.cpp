@@ -115,7 +115,7 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
 bool Changes::isAsStored(const Row& row, const Column& column, sqlite3_value* value) {
     if (!cells_) cells_.emplace(table_);
     if (cellsOf_ != row.record) tables::readRecord(table_, row.record);
-    cellsOf_ = row.record;
+    cellsOf_ = cells_->record = row.record;
     tables::Value stored;
     tables::readCell(*cells_, column, stored);
     return isSame(tables::storedAs(column, stored), value);
@@ -127,12 +127,16 @@ void Changes::readValues(Row& row, std::span<sqlite3_value*> values) {
     for (std::size_t i = 0; i < columns_.size(); ++i) {
         const Column& column = columns_[i];
         sqlite3_value* const value = values[i];
-        if (!row.isNew && sqlite3_value_nochange(value) != 0) continue;
+        if (!row.isNew) {
+            if (sqlite3_value_nochange(value) != 0) continue;
+            // A null that is set also takes away what is no value.
+            if ((all || !isNull(value)) && isAsStored(row, column, value)) continue;
+        }
         if (column.kind == tables::Kind::RecordNumber) {
             checkNumber(row, column, value);
         } else if (column.kind == tables::Kind::Deletion) {
             row.mark = markOf(row, column, value);
-        } else if (row.isNew || (isNull(value) && !all) || !isAsStored(row, column, value)) {
+        } else {
             encode(row, i, value);
         }
     }

@@ -21,8 +21,8 @@ public:
     Changes(tables::Table& table, const Columns& columns, const Host& host)
         : table_(table), columns_(columns), host_(host) {}
 
-    /// Before a statement: makes sure that what the table's name leads to is what is written. Throws
-    /// a Refusal.
+    /// Before a statement: makes sure that what the table's name leads to is what is written.
+    /// Throws a Refusal.
     void begin();
     /// Takes a row of xUpdate: the old rowid or null, the new one, then the columns. Of an inserted
     /// row *rowid becomes the new record, from 1. Throws a Refusal that names column and value.

@@ -78,8 +78,8 @@ bool isNull(sqlite3_value* value) { return sqlite3_value_type(value) == SQLITE_N
 
 /// X LIKE Y is like(Y, X), with an ESCAPE like(Y, X, Z).
 void like(sqlite3_context* context, int count, sqlite3_value** values) {
-    const auto limit = static_cast<std::size_t>(sqlite3_limit(
-        sqlite3_context_db_handle(context), SQLITE_LIMIT_LIKE_PATTERN_LENGTH, -1));
+    const auto limit = static_cast<std::size_t>(
+        sqlite3_limit(sqlite3_context_db_handle(context), SQLITE_LIMIT_LIKE_PATTERN_LENGTH, -1));
     for (int i = 0; i < count; ++i) {
         if (isNull(values[i])) return;
     }

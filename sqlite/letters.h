@@ -1,5 +1,5 @@
-// What SQL knows of letter case, for all letters: LIKE, lower, upper, the collation nocase. SQLite's
-// own know ASCII alone.
+// What SQL knows of letter case, for all letters: LIKE, lower, upper, the collation nocase.
+// SQLite's own know ASCII alone.
 #pragma once
 
 #include "api.h"

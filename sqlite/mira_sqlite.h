@@ -25,9 +25,9 @@ struct Host {
     std::function<void(Notice, const std::string&)> tell = logNotice;
     const char* pageOption = "code_page=NAME";  ///< how to say which code page a table is in
     const char* exactOption = "exact=1";        ///< and how to keep all digits of numbers
-    bool readOnly = false;   ///< refuses `writable=1`
-    bool outerJoins = true;  ///< statements may hold some
-    bool rowLists = false;   ///< and some with (A, B) IN (...)
+    bool readOnly = false;                      ///< refuses `writable=1`
+    bool outerJoins = true;                     ///< statements may hold some
+    bool rowLists = false;                      ///< and some with (A, B) IN (...)
 };
 
 /// Makes the module `mira` and the function `mira_attach` known to a connection. An SQLite result.

@@ -104,9 +104,9 @@ int bestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
     const VirtualTable& of = tableOf(table);
     return guarded(&table->zErrMsg, [&] {
         const bool patterns = !of.host.outerJoins || keepsOnTerms();
-        return choosePlan({*of.columns, reccount(of.table->base.get()), of.utf8, patterns,
-                           of.host.rowLists},
-                          info);
+        return choosePlan(
+            {*of.columns, reccount(of.table->base.get()), of.utf8, patterns, of.host.rowLists},
+            info);
     });
 }
 
@@ -271,9 +271,8 @@ int registerMira(sqlite3* connection, const Host& host) {
     } catch (const std::bad_alloc&) {
         return SQLITE_NOMEM;
     }
-    const int result = sqlite3_create_module_v2(connection, "mira", &kModule, kept, [](void* own) {
-        delete static_cast<Host*>(own);
-    });
+    const int result = sqlite3_create_module_v2(connection, "mira", &kModule, kept,
+                                                [](void* own) { delete static_cast<Host*>(own); });
     return result == SQLITE_OK ? registerAttach(connection, host.readOnly) : result;
 }
 

@@ -16,9 +16,9 @@ struct PlanTable {
     bool patterns;  ///< LIKE and GLOB are conditions on rows of this table; see keepsOnTerms
     bool rowLists;  ///< an `=` may stand for a part of (A, B) IN (...)
 };
-/// Whether SQLite hands over LIKE and GLOB only where they decide about the rows of the table. Before
-/// 3.51 it does so also for those that stand in the ON of an outer join from that table, where rows
-/// that fail them stay.
+/// Whether SQLite hands over LIKE and GLOB only where they decide about the rows of the table.
+/// Before 3.51 it does so also for those that stand in the ON of an outer join from that table,
+/// where rows that fail them stay.
 bool keepsOnTerms();
 /// xBestIndex. An SQLite result.
 int choosePlan(const PlanTable& table, sqlite3_index_info* info);

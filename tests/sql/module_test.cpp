@@ -25,8 +25,8 @@ const int kLogging = sqlite3_config(
     nullptr);
 
 Layout goods(std::size_t records = 3) {
-    Layout layout{
-        0x03, {{"CODE", 'C', 4}, {"PRICE", 'N', 6, 2}, {"QTY", 'N', 3}, {"SOLD", 'L', 1}}};
+    Layout layout{0x03,
+                  {{"CODE", 'C', 4}, {"PRICE", 'N', 6, 2}, {"QTY", 'N', 3}, {"SOLD", 'L', 1}}};
     for (std::size_t i = 0; i < records; ++i) {
         layout.records.push_back(" A" + padded(std::to_string(i), 3, ' ') + "  1.50 07T");
     }
@@ -169,8 +169,7 @@ TEST_F(SqlWriting, WritesNothingWhenAnythingDoesNotFit) {
         {"UPDATE goods SET PRICE = 'cheap'", "record 1, PRICE: \"cheap\" is no number"},
         {"UPDATE goods SET SOLD = x'31'", "record 1, SOLD: a blob does not fit L"},
         {"UPDATE goods SET PRICE = x'31'", "record 1, PRICE: a blob does not fit N(6,2)"},
-        {"UPDATE goods SET PRICE = CAST(x'FF' AS TEXT)",
-         "record 1, PRICE: \"\\xFF\" is no number"},
+        {"UPDATE goods SET PRICE = CAST(x'FF' AS TEXT)", "record 1, PRICE: \"\\xFF\" is no number"},
         {"UPDATE goods SET _record = 9", "record 1, _record: a record's number"},
         {"INSERT INTO goods(rowid, CODE) VALUES (9, 'B')", "new record, rowid: a record's number"},
         {"UPDATE goods SET _deleted = 7", "record 1, _deleted: is 1 or 0"},
@@ -244,8 +243,9 @@ struct Notes : testing::Test {
         answer(connection,
                "INSERT INTO notes(NAME, QTY, WIDE, NOTE) VALUES "
                "('anna', 1, '12345678901234567891', 'memo one'), ('bolt', 2, NULL, 'memo two')");
-        // A number that is none, and a second memo that is nowhere.
+        // A deletion byte and a number that are none, and a second memo that is nowhere.
         std::string bytes = readAll(path);
+        bytes[bytes.find("anna") - 5] = '\0';
         bytes.replace(bytes.find("bolt") + 8, 5, "   **");
         bytes.replace(bytes.find("bolt") + 8 + 5 + 20, 4, le(9999, 4));
         overwrite(path, bytes);
@@ -292,11 +292,12 @@ TEST_F(SqlNotes, TellsWhatItCouldNotKeepOnce) {
     const std::string all = "SELECT a.*, b.WIDE FROM notes a, notes b WHERE a.WIDE > 1 OR a.ID > 0";
     EXPECT_EQ(answer(connection, all).size(), 4U);
     answer(connection, all);
-    EXPECT_EQ(warnings,
-              path + ": 1 value that is no number came out empty, first in record 2, field QTY\n" +
-                  path + ": 1 memo cannot be read and came out empty, first in record 2, field NOTE\n" +
-                  path + ": 1 number of more than 15 digits is rounded, first in record 1, field "
-                         "WIDE; exact=1 keeps all digits\n");
+    EXPECT_EQ(
+        warnings,
+        path + ": 1 value that is no number came out empty, first in record 2, field QTY\n" + path +
+            ": 1 memo cannot be read and came out empty, first in record 2, field NOTE\n" + path +
+            ": 1 number of more than 15 digits is rounded, first in record 1, field "
+            "WIDE; exact=1 keeps all digits\n");
     attach(connection, "exact", path, ", exact=1");
     EXPECT_EQ(answer(connection, "SELECT WIDE FROM exact WHERE WIDE = '12345678901234567891'"),
               Rows{"12345678901234567891"});
@@ -320,8 +321,9 @@ TEST_F(SqlNotes, WritesIntoTheFileThatHasTheName) {
     sqlite3_create_function(connection.get(), "replace_it", 0, SQLITE_UTF8, &path, replace, nullptr,
                             nullptr);
     const std::string before = readAll(path);
-    const Rows rows = answer(connection, "UPDATE notes SET NAME = coalesce(replace_it(), 'lost') "
-                                         "WHERE ID = 1");
+    const Rows rows = answer(connection,
+                             "UPDATE notes SET NAME = coalesce(replace_it(), 'lost') "
+                             "WHERE ID = 1");
     EXPECT_NE(rows[0].find("another program has replaced the file"), std::string::npos) << rows[0];
     EXPECT_EQ(readAll(path), before);
     std::filesystem::remove(path);

@@ -53,7 +53,8 @@ inline std::vector<std::string> answer(const Connection& connection, const std::
 /// number of 20 digits, and a memo.
 inline void writeNotes(const std::string& path) {
     Layout layout{
-        0x30, {{"ID", 'I', 4}, {"NAME", 'C', 8}, {"QTY", 'N', 5}, {"WIDE", 'N', 20}, {"NOTE", 'M', 4}}};
+        0x30,
+        {{"ID", 'I', 4}, {"NAME", 'C', 8}, {"QTY", 'N', 5}, {"WIDE", 'N', 20}, {"NOTE", 'M', 4}}};
     layout.backLink = std::string(263, '\0');
     std::string bytes = layout.bytes();
     bytes.replace(32 + 18, 6, "\x0C" + le(1, 4) + le(1, 1));

@@ -50,7 +50,8 @@ int refuseAttach(void* /*nothing*/, int action, const char* /*first*/, const cha
     return action == SQLITE_ATTACH ? SQLITE_DENY : SQLITE_OK;
 }
 
-/// Whether an IN, or a NOT IN, follows a parenthesis, as in (A, B) IN (...). The text is in capitals.
+/// Whether an IN, or a NOT IN, follows a parenthesis, as in (A, B) IN (...). The text is in
+/// capitals.
 bool comparesRows(std::string_view sql) {
     for (std::size_t end = sql.find(')'); end != std::string_view::npos;
          end = sql.find(')', end + 1)) {
