@@ -32,37 +32,50 @@ char32_t folded(char32_t letter) {
 
 char32_t takeFolded(std::string_view* text) { return folded(takeLetter(text)); }
 
+/// What LIKE looks for next.
+struct Piece {
+    enum class Kind { Letter, AnyLetter, AnyRun, End, Nothing } kind;
+    char32_t letter = 0;  ///< folded
+};
+
+Piece takePiece(std::string_view* pattern, std::optional<char32_t> escape) {
+    using Kind = Piece::Kind;
+    if (pattern->empty()) return {Kind::End};
+    const char32_t letter = takeLetter(pattern);
+    if (escape == letter) {
+        // Behind it every letter means itself; the end of the pattern means nothing there is.
+        return pattern->empty() ? Piece{Kind::Nothing} : Piece{Kind::Letter, takeFolded(pattern)};
+    }
+    if (letter == '%') return {Kind::AnyRun};
+    if (letter == '_') return {Kind::AnyLetter};
+    return {Kind::Letter, folded(letter)};
+}
+
+/// Takes the letter of a piece off a text that is not empty; false when it is another.
+bool takeMatch(const Piece& piece, std::string_view* text) {
+    if (piece.kind == Piece::Kind::End || piece.kind == Piece::Kind::Nothing) return false;
+    const char32_t letter = takeFolded(text);
+    return piece.kind == Piece::Kind::AnyLetter || piece.letter == letter;
+}
+
 /// Whether a text is what LIKE looks for. Only the last "%" is gone back to: what those before it
 /// have matched need never be looked at again.
 bool isLike(std::string_view pattern, std::string_view text, std::optional<char32_t> escape) {
-    std::optional<std::string_view> afterAny;  // the pattern behind the last "%"
-    std::string_view from;                     // where in the text it is tried next
+    std::optional<std::string_view> afterRun;  // the pattern behind the last "%"
+    std::string_view from;                     // where in the text it was tried last
     while (true) {
-        std::string_view rest = pattern;
-        const char32_t wanted = rest.empty() ? 0 : takeLetter(&rest);
-        const bool escaped = !pattern.empty() && escape == wanted;
-        if (!pattern.empty() && !escaped && wanted == '%') {
-            if (rest.empty()) return true;
-            pattern = rest;
-            afterAny = pattern;
+        const Piece piece = takePiece(&pattern, escape);
+        if (piece.kind == Piece::Kind::AnyRun) {
+            if (pattern.empty()) return true;
+            afterRun = pattern;
             from = text;
             continue;
         }
-        if (escaped && rest.empty()) return false;  // nothing behind the escape matches nothing
-        const char32_t letter = escaped ? takeLetter(&rest) : wanted;
-        if (pattern.empty() && text.empty()) return true;
-        if (!pattern.empty() && !text.empty()) {
-            std::string_view behind = text;
-            const char32_t given = takeFolded(&behind);
-            if ((!escaped && letter == '_') || given == folded(letter)) {
-                pattern = rest;
-                text = behind;
-                continue;
-            }
-        }
-        if (!afterAny || from.empty() || text.empty()) return false;
+        if (text.empty()) return piece.kind == Piece::Kind::End;
+        if (takeMatch(piece, &text)) continue;
+        if (!afterRun) return false;
         takeLetter(&from);
-        pattern = *afterAny;
+        pattern = *afterRun;
         text = from;
     }
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <random>
 
+#include "sqlite/letters.h"
 #include "support.h"
 
 namespace {
@@ -264,6 +265,27 @@ TEST(Sql, RandomChangesLeaveWhatOrdinaryTablesHold) {
         ASSERT_EQ(answer(plain, text), std::vector<std::string>()) << text;
         const std::string all = "SELECT ID, NAME, QTY, NOTE, _record, rowid FROM notes";
         ASSERT_EQ(answer(tables, all, true), answer(plain, all, true)) << text;
+    }
+}
+
+TEST(Sql, LikeOfAllLettersIsSqlitesOwnForAscii) {
+    const Connection plain = connect();
+    const Connection letters = connect();
+    ASSERT_EQ(mira::sql::registerLetters(letters.get()), SQLITE_OK);
+    Dice dice(20240229);
+    constexpr const char* kPieces[] = {"a", "A", "b", "_", "%", "!", "%%", "ab", "[", "0"};
+    const auto text = [&] {
+        std::string pieces;
+        for (std::size_t i = dice.below(7); i != 0; --i) pieces += dice.pick(kPieces);
+        return "'" + pieces + "'";
+    };
+    for (int i = 0; i < 300; ++i) {
+        std::string query = "SELECT 1";
+        for (int k = 0; k < 50; ++k) {
+            query += ", " + text() + " LIKE " + text() + (dice.once(3) ? " ESCAPE '!'" : "");
+            query += ", " + text() + " < " + text() + " COLLATE NOCASE";
+        }
+        ASSERT_EQ(answer(letters, query), answer(plain, query)) << query;
     }
 }
 
