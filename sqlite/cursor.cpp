@@ -60,25 +60,13 @@ bool mayUse(const VirtualTable& of, sqlite3_stmt* statement, const Column& colum
            hasViews(of.connection);
 }
 
-/// What is built on a memo that cannot be read must not replace anything.
-void note(Cursor& cursor, const Column& column, Fault fault) {
-    VirtualTable& of = tableOf(cursor);
-    const u32 record = cursor.cells->record;
-    sqlite3_stmt* const writing = isMemoFault(fault) ? writingStatement(of.connection) : nullptr;
-    if (writing == nullptr) return of.losses.add(fault, record, column);
-    if (mayUse(of, writing, column)) {
-        tables::refuse(of.table->path, ": record ", u64{record} + 1, ", ", column.name,
-                       ": the memo cannot be read whole, and so nothing is made of it");
-    }
-}
-
 /// For a shortcut or an index. That a memo which cannot be read decides is told here, since SQLite
 /// may never see it.
 Stored cellOf(Cursor& cursor, int column) {
     Value value;
     const Column& of = (*tableOf(cursor).columns)[static_cast<std::size_t>(column)];
     tables::readCell(*cursor.cells, of, value);
-    if (isMemoFault(value.fault)) note(cursor, of, value.fault);
+    if (isMemoFault(value.fault)) addLoss(cursor, of, value.fault);
     return tables::storedAs(of, value);
 }
 
@@ -176,6 +164,17 @@ std::optional<u32> advance(Cursor& cursor) {
 
 }  // namespace
 
+void addLoss(Cursor& cursor, const Column& column, Fault fault) {
+    VirtualTable& of = tableOf(cursor);
+    const u32 record = cursor.cells->record;
+    sqlite3_stmt* const writing = isMemoFault(fault) ? writingStatement(of.connection) : nullptr;
+    if (writing == nullptr) return of.losses.add(fault, record, column);
+    if (mayUse(of, writing, column)) {
+        tables::refuse(of.table->path, ": record ", u64{record} + 1, ", ", column.name,
+                       ": the memo cannot be read whole, and so nothing is made of it");
+    }
+}
+
 void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants) {
     const Columns& columns = *tableOf(cursor).columns;
     const int recordColumn = static_cast<int>(columns.recordNumber());
@@ -207,16 +206,6 @@ void nextRecord(Cursor& cursor) {
         if (readShown(cursor, *record) && mayPass(cursor)) return;
     }
     cursor.atEnd = true;
-}
-
-Stored valueOf(Cursor& cursor, std::size_t column) {
-    Value value;
-    const Column& of = (*tableOf(cursor).columns)[column];
-    tables::readCell(*cursor.cells, of, value);
-    if (value.fault != Fault::None) note(cursor, of, value.fault);
-    const Stored stored = tables::storedAs(of, value);
-    if (stored.rounded) note(cursor, of, Fault::Rounded);
-    return stored;
 }
 
 }  // namespace mira::sql

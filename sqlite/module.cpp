@@ -179,7 +179,14 @@ void putResult(sqlite3_context* context, const Stored& stored) {
 int column(sqlite3_vtab_cursor* cursor, sqlite3_context* context, int number) {
     return guarded(&cursor->pVtab->zErrMsg, [&] {
         if (sqlite3_vtab_nochange(context) != 0) return SQLITE_OK;
-        putResult(context, valueOf(cursorOf(cursor), static_cast<std::size_t>(number)));
+        Cursor& of = cursorOf(cursor);
+        const Column& wanted = (*tableOf(of).columns)[static_cast<std::size_t>(number)];
+        tables::Value value;
+        tables::readCell(*of.cells, wanted, value);
+        if (value.fault != tables::Fault::None) addLoss(of, wanted, value.fault);
+        const Stored stored = tables::storedAs(wanted, value);
+        if (stored.rounded) addLoss(of, wanted, tables::Fault::Rounded);
+        putResult(context, stored);
         return SQLITE_OK;
     });
 }

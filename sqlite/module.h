@@ -57,8 +57,8 @@ inline VirtualTable& tableOf(const Cursor& cursor) { return tableOf(cursor.pVtab
 void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants);
 /// Goes on to the next record that may pass; at the end atEnd is set. Throws a Refusal.
 void nextRecord(Cursor& cursor);
-/// The value of a column, for SQLite; what of it could not be kept is counted. Throws a Refusal for
-/// a memo that cannot be read where the statement writes.
-Stored valueOf(Cursor& cursor, std::size_t column);
+/// Counts what could not be kept of a value. Throws a Refusal for a memo that cannot be read where
+/// the statement changes something: what is built on it must not replace anything.
+void addLoss(Cursor& cursor, const tables::Column& column, tables::Fault fault);
 
 }  // namespace mira::sql
