@@ -180,7 +180,7 @@ TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     for (const std::string name : {"big", "small"}) {
         ASSERT_EQ(attach(tables, name, folder.file(name + ".dbf")), std::vector<std::string>());
     }
-    for (int i = 0; i < 6000; ++i) {
+    for (int i = 0; i < 4000; ++i) {
         Query query(dice);
         const std::string text = query.text();
         ASSERT_EQ(rowsOf(tables, text, query.ordered()), rowsOf(plain, text, query.ordered()))
