@@ -8,6 +8,8 @@
 // In tables other than Visual FoxPro's the descriptor bytes are junk.
 #include "tables/open/open.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -301,7 +303,8 @@ void noteUnknownTypes(Table& table) {
 
 bool sameStructure(const DbfBase& a, const DbfBase& b) {
     const auto same = [](const DbfField& x, const DbfField& y) {
-        return x.Offset == y.Offset && x.Length == y.Length && x.Decimals == y.Decimals;
+        return x.Type == y.Type && x.Offset == y.Offset && x.Length == y.Length &&
+               x.Decimals == y.Decimals;
     };
     return a.FieldCount == b.FieldCount && a.Header.RecordLength == b.Header.RecordLength &&
            std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
@@ -342,10 +345,10 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     return table;
 }
 
-std::unique_ptr<Table> openAgain(const Table& table) {
+std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     auto again = std::make_unique<Table>();
     static_cast<TableFacts&>(*again) = table;
-    again->base = openBase(table.path, false, nullptr);
+    again->base = openBase(table.path, writable, nullptr);
     DbfBase* const base = again->base.get();
     if (!sameStructure(*table.base, *base)) {
         refuse(table.path, ": its fields have changed since it was opened");
@@ -356,6 +359,14 @@ std::unique_ptr<Table> openAgain(const Table& table) {
     GetMemoType(base);
     leaveOutStray(*again);
     return again;
+}
+
+bool isReplaced(const Table& table) {
+    struct stat open {};
+    struct stat named {};
+    return fstat(fileno(table.base->TableFile), &open) != 0 ||
+           stat(table.path.c_str(), &named) != 0 || open.st_dev != named.st_dev ||
+           open.st_ino != named.st_ino;
 }
 
 void refreshTable(Table& table) {

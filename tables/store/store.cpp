@@ -411,7 +411,16 @@ bool isNothing(const Column& column, const Given& given) {
     return !holdsText(column) || (given.from == Given::From::Cell && !given.quoted);
 }
 
+/// Fields whose values are given as a text or a number, never as bytes.
+bool takesNoBytes(const Column& column) {
+    return hasNoBlank(column) || column.kind == Kind::Decimal || column.kind == Kind::Date ||
+           column.kind == Kind::Moment || column.kind == Kind::Logical;
+}
+
 void encodeSomething(Table& table, const Column& column, const Given& given, Encoded& encoded) {
+    if (given.from == Given::From::Blob && takesNoBytes(column)) {
+        reject("a blob does not fit ", typeLabel(column));
+    }
     switch (column.kind) {
         case Kind::Text:
             return encodeText(table, column, given, encoded);

@@ -495,4 +495,9 @@ std::string faultSentence(Fault fault, u64 count) {
     return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
 }
 
+std::string faultSentence(Fault fault, const FaultTally& tally) {
+    return textOf(faultSentence(fault, tally.count), ", first in record ", u64{tally.record} + 1,
+                  ", field ", tally.column);
+}
+
 }  // namespace mira::tables

@@ -106,5 +106,7 @@ void countFault(Faults& faults, Fault fault, u32 record, const Column& column);
 u64 faultCount(const Faults& faults);
 /// "3 values that are no date came out empty", for a count of a fault.
 std::string faultSentence(Fault fault, u64 count);
+/// The same with the place: "..., first in record 3, field PRICE".
+std::string faultSentence(Fault fault, const FaultTally& tally);
 
 }  // namespace mira::tables

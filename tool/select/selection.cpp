@@ -107,8 +107,7 @@ void sortView(Table& table, const SelectOptions& options) {
 void tellFault(const Selection& selection, Fault fault) {
     const FaultTally& tally = selection.faults[static_cast<std::size_t>(fault)];
     if (tally.count == 0) return;
-    note("{}: {}, first in record {}, field {}{}", selection.table->path,
-         faultSentence(fault, tally.count), u64{tally.record} + 1, tally.column,
+    note("{}: {}{}", selection.table->path, faultSentence(fault, tally),
          fault == Fault::Rounded ? "; --exact keeps all digits" : "");
 }
 
