@@ -9,6 +9,7 @@
 
 #include "api.h"
 #include "mira_sqlite.h"
+#include "tables/change/change.h"
 #include "tables/column/column.h"
 #include "tables/store/store.h"
 
@@ -47,8 +48,9 @@ private:
     void encode(Row& row, std::size_t column, sqlite3_value* value);
     Mark markOf(const Row& row, const tables::Column& column, sqlite3_value* value) const;
     void checkNumber(const Row& row, const tables::Column& column, sqlite3_value* value) const;
-    void putValues(const Row& row);
-    void writeRow(const Row& row);
+    void putValues(tables::Change& change, const Row& row);
+    void writeRow(tables::Change& change, const Row& row);
+    void writeRows();
     [[noreturn]] void refuse(const Row& row, const std::string& what) const;
 
     tables::Table& table_;

@@ -7,6 +7,7 @@
 #include "attach.h"
 #include "guard.h"
 #include "mira_sqlite.h"
+#include "tables/change/recovery.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 
@@ -58,6 +59,8 @@ int connect(sqlite3* connection, void* warn, int count, const char* const* texts
         made->connection = connection;
         made->warn = reinterpret_cast<Warn>(warn);
         made->arguments = readArguments(count - kNames, texts + kNames);
+        const tables::Recovery found = tables::recoverNamed(made->arguments.path);
+        if (!found.sentence.empty()) made->warn(found.sentence);
         made->table = tables::openTable(made->arguments.path, made->arguments.table);
         if (made->table->columns.size() > kColumnMax) {
             tables::refuse(made->table->path, ": ", made->table->columns.size(),

@@ -66,7 +66,7 @@ int runProgram(int argc, char** argv) {
     program.require_subcommand(1);
     program.footer(kFooter);
     for (const auto add : {addInfo, addTables, addShow, addExport, addQuery, addMemo, addImport,
-                           addSet, addDelete, addRecall, addPack, addZap, addCheck}) {
+                           addSet, addDelete, addRecall, addPack, addZap, addUndo, addCheck}) {
         add(program, job);
     }
     addCommonOptions(program, common);

@@ -69,7 +69,7 @@ std::FILE* openUnbuffered(int fd, const char* mode, FileId* id) {
 
 std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileId* id) {
     if (path == nullptr) return nullptr;
-    const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY, kEverybody);
+    const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kEverybody);
     return fd >= 0 ? openUnbuffered(fd, mode, id) : nullptr;
 }
 

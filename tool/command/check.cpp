@@ -2,6 +2,7 @@
 #include "check/damage.h"
 #include "command/commands.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
@@ -60,7 +61,7 @@ void putSummary(Output& out, const Table& table, const Counts& counts, bool json
 }
 
 Status checkOne(Output& out, const std::string& name, const Options& options) {
-    const auto table = openTable(name, options.table);
+    const auto table = openToRead(name, options.table);
     tellPage(*table);
     Counts counts;
     checkTable(*table, [&](const Finding& finding) {
@@ -75,7 +76,7 @@ Status checkOne(Output& out, const std::string& name, const Options& options) {
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
     const Status status = eachTable(
-        findTables(options.tables.names, options.tables.recursive),
+        findToRead(options.tables.names, options.tables.recursive),
         [&](const std::string& name) { return checkOne(out, name, options); }, &out);
     out.finish();
     return status;

@@ -29,6 +29,7 @@ void addDelete(CLI::App& program, Job& job);
 void addRecall(CLI::App& program, Job& job);
 void addPack(CLI::App& program, Job& job);
 void addZap(CLI::App& program, Job& job);
+void addUndo(CLI::App& program, Job& job);
 void addCheck(CLI::App& program, Job& job);
 
 /// A new command, and its options, which live as long as the command.

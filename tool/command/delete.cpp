@@ -15,17 +15,17 @@ struct Marking {
     const char* command;
     const char* verb;
     Deleted from;
-    int (*mark)(DbfBase*, u32 position);
+    char mark;
 };
-constexpr Marking kDelete = {"delete", "deleted", Deleted::Skip, DeleteRecord};
-constexpr Marking kRecall = {"recall", "recalled", Deleted::Only, RecallRecord};
+constexpr Marking kDelete = {"delete", "deleted", Deleted::Skip, '*'};
+constexpr Marking kRecall = {"recall", "recalled", Deleted::Only, ' '};
 
 Status run(const Options& options, const Marking& marking) {
     const auto selection =
         selectToChange(options.which, options.name, marking.command, marking.from);
-    DbfBase* const base = selection->table->base.get();
-    changeRecords(*selection, marking.verb, options.change,
-                  [&](u32 position) { return marking.mark(base, position) != 0; });
+    changeRecords(*selection, marking.verb, options.change, [&](Change& change, u32 record) {
+        change.writeMark(record, marking.mark);
+    });
     return kDone;
 }
 

@@ -11,6 +11,7 @@
 #include "command/commands.h"
 #include "rows/database.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
@@ -316,7 +317,7 @@ Status statusOf(const Work& work) {
 Status run(const Options& options) {
     Work work;
     work.options = options;
-    work.tables = findTables(options.tables.names, options.tables.recursive);
+    work.tables = findToRead(options.tables.names, options.tables.recursive);
     work.several = work.tables.size() > 1 || isFolder(options.tables.names.front());
     chooseFormat(work);
     const bool database = work.options.format == Format::Sqlite;

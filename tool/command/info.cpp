@@ -3,6 +3,7 @@
 #include "command/facts.h"
 #include "rows/grid.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "tables/change/append.h"
 #include "tables/open/find.h"
@@ -134,7 +135,7 @@ Status run(const Options& options) {
     Output out(targetOf("-"), false);
     bool first = true;
     const auto show = [&](const std::string& name) {
-        const auto table = openTable(name, options.table);
+        const auto table = openToRead(name, options.table);
         const Facts facts = factsOf(*table, true);
         loadCounters(*table);
         if (!std::exchange(first, false) && !options.json) out.put('\n');
@@ -143,7 +144,7 @@ Status run(const Options& options) {
         return kDone;
     };
     const Status status =
-        eachTable(findTables(options.tables.names, options.tables.recursive), show, &out);
+        eachTable(findToRead(options.tables.names, options.tables.recursive), show, &out);
     out.finish();
     return status;
 }

@@ -4,8 +4,9 @@
 #include "command/change.h"
 #include "command/commands.h"
 #include "command/facts.h"
-#include "tables/change/backup.h"
-#include "tables/page/refusal.h"
+#include "tables/change/pack.h"
+#include "tables/change/swap.h"
+#include "tables/value/memo.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -18,6 +19,12 @@ struct Options {
     ChangeOptions change;
 };
 
+u64 memoSizeOf(const Table& table) {
+    std::error_code error;
+    const auto size = fs::file_size(memoFileOf(table), error);
+    return error ? 0 : size;
+}
+
 /// The library leaves the old memo file beside the new one, "~" for the first letter of its
 /// extension; the backup copy already is one.
 void removeOldMemos(const Table& table) {
@@ -29,18 +36,21 @@ void removeOldMemos(const Table& table) {
     fs::remove(old.replace_extension(extension), ignored);
 }
 
-/// Ctrl-C waits until a step is done: half of one is nothing to leave behind.
-void packSteps(const Table& table) {
-    enum : u32 { kRecords = 1, kMemos = 2 };
-    for (const u32 step : {kRecords, kMemos}) {
-        leaveIfStopped();
+void packFiles(Table& table, const ChangeOptions& options) {
+    if (isHalfPacked(File(Open_FileRO(memoFileOf(table).c_str())).get())) {
         const HoldSignals held;
-        if (Pack(table.base.get(), step) != 0) continue;
-        refuse(
-            table.path,
-            ": cannot be packed: the disk may be full, or the log of an interrupted pack damaged. "
-            "No record and no memo is lost");
+        finishPack(table);
+        removeOldMemos(table);
     }
+    const std::string memos = memoFileOf(table);
+    Swap swap(table.path, memos);
+    checkRoom(swap.newTable(), table.fileSize + memoSizeOf(table));
+    Progress progress(table.path, table.base->Header.RecordCount);
+    packInto(table, swap, Kept::Live, [&] {
+        leaveIfStopped();
+        progress.add(1);
+    });
+    swap.commit(backupsOf(options), memos);
 }
 
 Status packTable(const std::string& name, const ChangeOptions& options) {
@@ -53,10 +63,9 @@ Status packTable(const std::string& name, const ChangeOptions& options) {
              before.deleted, records, before.memoSize);
         return kDone;
     }
-    beginChange(*table, options);
-    packSteps(*table);
-    removeOldMemos(*table);
-    const u64 after = factsOf(*table, false).memoSize;
+    tellStale(*table);
+    packFiles(*table, options);
+    const u64 after = memoSizeOf(*table);
     note("{}: {} of {} and {} of {} memo bytes freed", table->path, before.deleted, records,
          before.memoSize > after ? before.memoSize - after : 0, before.memoSize);
     return kDone;

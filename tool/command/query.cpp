@@ -7,6 +7,7 @@
 #include "rows/database.h"
 #include "rows/grid.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "sqlite/attach.h"
 #include "sqlite/mira_sqlite.h"
@@ -64,7 +65,7 @@ std::string moduleOptions(const Options& options) {
 Status attachTables(sqlite3* connection, const Options& options) {
     const auto& [names, recursive] = options.tables;
     const std::vector<std::string> here{"."};
-    return eachTable(findTables(names.empty() ? here : names, recursive),
+    return eachTable(findToRead(names.empty() ? here : names, recursive),
                      [&](const std::string& path) {
                          sql::attachTable(connection, path, moduleOptions(options));
                          return kDone;

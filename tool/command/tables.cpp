@@ -4,6 +4,7 @@
 #include "command/commands.h"
 #include "command/facts.h"
 #include "rows/grid.h"
+#include "select/opening.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
@@ -40,10 +41,10 @@ Status run(const Options& options) {
     if (!std::filesystem::is_directory(options.folder)) refuse(options.folder, ": no such folder");
     std::vector<std::vector<std::string>> rows;
     const auto addRow = [&](const std::string& path) {
-        rows.push_back(rowOf(*openTable(path, options.table), options.folder));
+        rows.push_back(rowOf(*openToRead(path, options.table), options.folder));
         return kDone;
     };
-    const Status status = eachTable(findTables({options.folder}, options.recursive), addRow);
+    const Status status = eachTable(findToRead({options.folder}, options.recursive), addRow);
     Output out(targetOf("-"), false);
     if (!rows.empty()) putGrid(out, grid, rows);
     out.finish();

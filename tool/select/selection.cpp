@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "select/filter.h"
+#include "select/opening.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
@@ -153,7 +154,7 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
 }
 
 std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options) {
-    return selectFrom(openTable(path, options.table), options);
+    return selectFrom(openToRead(path, options.table), options);
 }
 
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options) {
