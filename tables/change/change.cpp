@@ -91,7 +91,7 @@ void Change::put(const Column& column, const Encoded& encoded) {
     if (encoded.memo.empty()) return;
     std::string image;
     encodeMemo(table_, encoded.memo, image);
-    const u32 block = appendMemo(image);
+    const u32 block = appendMemo(column, image);
     const auto length = static_cast<u32>(encoded.memo.size());
     if (!setMemoReference(table_, column, {true, block, length})) {
         refuse(table_.path, ": ", column.name, ": the memo's number ", block, " does not fit");
@@ -129,17 +129,18 @@ void Change::appendRecord() {
 }
 
 /// Counter and unit of the memo file, before the first memo.
-void Change::findMemoPlace() {
+void Change::findMemoPlace(const Column& column) {
     if (unit_ != 0) return;
     const std::string fault = memoFileFault(table_);
     const std::string name = memoFileOf(table_);
-    if (!fault.empty()) refuse(table_.path, ": the memo cannot be written to ", name, ": ", fault);
+    const std::string what =
+        textOf(table_.path, ": ", column.name, ": the memo cannot be written to ", name);
+    if (!fault.empty()) refuse(what, ": ", fault);
     u8 counter[4] = {};
     unit_ = memosThere_ ? memoUnit(table_) : 0;
     if (unit_ == 0 || !readAt(memos_.number(), 0, counter, sizeof counter)) {
         unit_ = 0;
-        refuse(table_.path, ": the memo cannot be written to ", name,
-               memosThere_ ? ", whose header is damaged" : ", which is no file of its own");
+        refuse(what, memosThere_ ? ", whose header is damaged" : ", which is no file of its own");
     }
     const bool bigEndian = table_.memoFormat == MemoFormat::FoxPro;
     memoNext_ = bigEndian ? loadBe32(counter) : loadLe<u32>(counter);
@@ -147,16 +148,16 @@ void Change::findMemoPlace() {
     for (State& mark : marks_) mark.memoNext = memoNext_;
 }
 
-u32 Change::appendMemo(std::string_view bytes) {
+u32 Change::appendMemo(const Column& column, std::string_view bytes) {
     constexpr u32 kSmallestHeader = 24;  // of dBase IV; others end before their first block, too
-    findMemoPlace();
+    findMemoPlace(column);
     const u64 place = u64{unit_} * memoNext_;
     if (memoNext_ == 0 || place < std::min<u64>(unit_, kSmallestHeader)) {
-        refuse(table_.path, ": the memo cannot be written to ", memoFileOf(table_),
-               ", whose header is damaged");
+        refuse(table_.path, ": ", column.name, ": the memo cannot be written to ",
+               memoFileOf(table_), ", whose header is damaged");
     }
     if (place + bytes.size() > kFileMost) {
-        refuse(table_.path, ": the memo would reach past 2 GiB, where memo files end");
+        refuse(table_.path, ": ", column.name, ": the memo would reach past 2 GiB, where memo files end");
     }
     add(FileOf::Memos, place, bytes);
     const u32 block = memoNext_;

@@ -42,8 +42,6 @@ public:
     void writeMark(u32 record, char mark);
     /// Writes RecordBuffer after the last record. Throws a Refusal.
     void appendRecord();
-    /// Adds bytes to the memo file; the block of the new memo. Throws a Refusal.
-    u32 appendMemo(std::string_view bytes);
 
     /// Brings what waits into the files, so that whoever reads them sees it. Throws a Refusal.
     void flush();
@@ -97,7 +95,8 @@ private:
 
     void begin();
     void openMemoFile();
-    void findMemoPlace();
+    void findMemoPlace(const Column& column);
+    u32 appendMemo(const Column& column, std::string_view image);
     void add(FileOf file, u64 place, std::string_view bytes);
     void addPieces(FileOf file, std::size_t from, std::size_t to);
     void addPiece(FileOf file, u64 place, u32 oldSize, std::string_view bytes);

@@ -341,6 +341,8 @@ std::string tableOrJournal(const std::string& name) {
     std::error_code ignored;
     for (const std::string& wanted : {name, name + ".dbf"}) {
         if (fs::exists(wanted, ignored)) return wanted;
+    }
+    for (const std::string& wanted : {name, name + ".dbf"}) {
         if (const std::string found = inAnyCase(wanted); !found.empty()) return found;
         std::string journal = inAnyCase(wanted + std::string(kSuffix));
         if (journal.empty()) continue;

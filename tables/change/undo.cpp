@@ -47,34 +47,37 @@ std::string memoNameFor(const ChangeNames& names, const MemosOf& table, const Me
     return fs::path(there.empty() ? usual : there).filename().string();
 }
 
-std::string backupOf(const ChangeNames& names, u32* number) {
+/// Says what is exchanged with what.
+Undone undoneOf(const std::string& path, const ChangeNames& names, u32* number) {
     const std::optional<u32> newest = newestBackup(names);
-    if (!newest) refuse(names.table, ": has no backup");
+    if (!newest) refuse(path, ": has no backup");
     *number = *newest;
-    return names.backup(*newest);
+    const fs::path backup = fs::path(names.backup(*newest)).filename();
+    return {path, (fs::path(path).parent_path() / backup).string(), {}};
 }
 
 }  // namespace
 
 Undone wouldUndo(const std::string& name) {
-    const ChangeNames names(findTable(name));
+    const std::string path = findTable(name);
     u32 number = 0;
-    return {names.table, backupOf(names, &number), {}};
+    return undoneOf(path, ChangeNames(path), &number);
 }
 
 Undone undoLast(const std::string& name) {
     const Recovery found = recoverNamed(name);
-    const ChangeNames names(findTable(name));
+    const std::string path = findTable(name);
+    const ChangeNames names(path);
     const Descriptor table = openPlain(names.table, O_RDWR);
-    if (!table) refuse(names.table, ": cannot be written: ", std::strerror(errno));
+    if (!table) refuse(path, ": cannot be written: ", std::strerror(errno));
     if (found.found == Found::Busy || takeLock(table.number()) == Lock::Busy ||
         !isNamed(table.number(), names.table)) {
-        refuse(names.table, ": is being changed by another program");
+        refuse(path, ": is being changed by another program");
     }
     u32 number = 0;
-    Undone undone{names.table, backupOf(names, &number), {}};
+    Undone undone = undoneOf(path, names, &number);
     if (found.found == Found::Recovered) undone.notes.push_back(found.sentence);
-    const MemosOf current = memosOf(names.table), backup = memosOf(undone.backup);
+    const MemosOf current = memosOf(names.table), backup = memosOf(names.backup(number));
     if (!backup.known) refuse(undone.backup, ": is no table; nothing is changed");
     if (found.found == Found::Left && !discardJournal(names)) {
         refuse(names.journal(), ": cannot be removed: ", std::strerror(errno));
