@@ -29,7 +29,7 @@ void renameBackup(const std::string& from, const std::string& to) {
 }
 
 void removeBackup(const std::string& path) {
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) refuseCopy(path, errno);
+    if (!removeFile(path)) refuseCopy(path, errno);
 }
 
 /// Between two changes of the same name, so that no power cut leaves a later one alone.
@@ -125,6 +125,12 @@ void makeBackups(const Table& table, const ChangeNames& names, u32 copies) {
     }
     renameBackup(names.newTable(), names.backup(0));
     syncNames(names);
+}
+
+bool removeNewFiles(const ChangeNames& names) {
+    bool done = removeFile(names.newTable());
+    for (const std::string& memos : names.newMemos()) done = removeFile(memos) && done;
+    return done;
 }
 
 std::optional<u32> newestBackup(const ChangeNames& names) {

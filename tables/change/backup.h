@@ -25,6 +25,8 @@ void rotateBackups(const ChangeNames& names, u32 copies);
 /// Copies the table and its memo file to backup number 0. Until they are whole the copies have
 /// the names of new files, which a journal has to tell by then. Throws a Refusal.
 void makeBackups(const Table& table, const ChangeNames& names, u32 copies);
+/// Removes files that have the names of new ones; false when one of them stays.
+bool removeNewFiles(const ChangeNames& names);
 /// The newest backup that there is.
 std::optional<u32> newestBackup(const ChangeNames& names);
 

@@ -461,6 +461,8 @@ std::string Change::undo() {
         }
     }
     restore(before_);
+    // Backups that are not whole yet.
+    if (!begun_) done = removeNewFiles(names_);
     if (done && journal_.end()) return "";
     return textOf("what was there before cannot be put back now; `mira info ", table_.path,
                   "` does it");

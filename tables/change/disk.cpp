@@ -116,6 +116,8 @@ bool syncFolderOf(const std::string& path) {
     return fsync(folder.number()) == 0 || errno == EINVAL || errno == ENOSYS;
 }
 
+bool removeFile(const std::string& path) { return unlink(path.c_str()) == 0 || errno == ENOENT; }
+
 void carryOver(int from, int to) {
     const auto info = statusOf(from);
     if (!info) return;

@@ -51,6 +51,8 @@ bool isNamed(int descriptor, const std::string& path);
 /// Makes the names in the folder of a path outlast a power cut; true also where the system offers
 /// nothing of the kind.
 bool syncFolderOf(const std::string& path);
+/// True when the name is gone.
+bool removeFile(const std::string& path);
 /// Gives a file owner, mode and access list of another, as far as that is allowed.
 void carryOver(int from, int to);
 /// The path without links in it. The last part need not be there.

@@ -20,8 +20,6 @@ bool rename(const std::string& from, const std::string& to) {
     return std::rename(from.c_str(), to.c_str()) == 0;
 }
 
-bool removeFile(const std::string& path) { return unlink(path.c_str()) == 0 || errno == ENOENT; }
-
 std::string newMemoOf(const ChangeNames& names, const SwapPlan& plan) {
     return plan.newMemoKind < 0
                ? std::string()
@@ -96,12 +94,6 @@ bool putInPlace(const ChangeNames& names, const SwapPlan& plan) {
         }
     }
     return (placed || rename(names.newTable(), names.table)) && syncFolderOf(names.table);
-}
-
-bool removeNewFiles(const ChangeNames& names) {
-    bool done = removeFile(names.newTable());
-    for (const std::string& memos : names.newMemos()) done = removeFile(memos) && done;
-    return done;
 }
 
 Swap::Swap(const std::string& path) : Swap(path, "", false) {}

@@ -54,7 +54,5 @@ bool takeBackupOut(const ChangeNames& names, const SwapPlan& plan);
 bool putBackupBack(const ChangeNames& names, const SwapPlan& plan);
 /// From the entry "S" on: new files take their places. May have been done in part.
 bool putInPlace(const ChangeNames& names, const SwapPlan& plan);
-/// Removes new files that have not been whole.
-bool removeNewFiles(const ChangeNames& names);
 
 }  // namespace mira::tables
