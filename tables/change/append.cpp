@@ -86,11 +86,6 @@ void finishAppend(Table& table) {
     }
 }
 
-bool takeBack(Table& table, u32 records) {
-    // Also where no record counts as appended: the end byte may be written over.
-    return Truncate(table.base.get(), records) != 0;
-}
-
 std::string headerImage(const DbfHeader& header, u32 size) {
     std::string image;
     const auto put = [&](auto value) {

@@ -30,9 +30,6 @@ void newRecord(Table& table);
 void appendRecord(Table& table);
 /// Makes the appended records count: next values, date, record count, end byte. Throws a Refusal.
 void finishAppend(Table& table);
-/// Cuts the table back to a number of records after a failure, what is left of a record after them
-/// included; false when that fails, too.
-bool takeBack(Table& table, u32 records);
 /// The fixed header as it stands in a file, so many bytes of it.
 std::string headerImage(const DbfHeader& header, u32 size);
 /// Stamps today's date into a header in memory.

@@ -66,7 +66,10 @@ inline const char* memoNameOf(u32 kind) {
     return kind == 4 ? "t.smt" : kind == 3 ? "t.fpt" : "t.dbt";
 }
 
-inline std::string nameOf(unsigned i) { return "n" + std::to_string(100 + i); }
+/// Of four characters.
+inline std::string nameOf(unsigned i) {
+    return static_cast<char>('n' + i / 900) + std::to_string(100 + i % 900);
+}
 
 /// A table with a memo file, written anew for every run. Every third record is deleted, every fifth
 /// has no memo, and some memos are left that no record refers to.

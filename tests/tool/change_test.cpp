@@ -16,6 +16,9 @@
 #include <random>
 
 #include "support/sample.h"
+#include "tables/change/append.h"
+#include "tables/change/change.h"
+#include "tables/change/recovery.h"
 
 int miraMain(int argc, char** argv);
 
@@ -270,10 +273,10 @@ public:
     Files files;  // before
     Rows before, after, twice;
 
-    Bench(const Command& of, u32 memoKind) : command(of), kind(memoKind) {
+    Bench(const Command& of, u32 memoKind, unsigned records = 7) : command(of), kind(memoKind) {
         folder = dir_.file("here");
         std::filesystem::create_directory(folder);
-        const Sample sample(kind, kWidth, 7);
+        const Sample sample(kind, kWidth, records);
         for (const std::string& name : sample.names()) {
             writeAll(folder + "/" + name, readAll(sample.file(name.c_str())));
         }
@@ -307,6 +310,7 @@ public:
         return own;
     }
     Ended again(const Plan& wanted = {}) const { return run(folder, words(), wanted); }
+    std::string file(const std::string& name) const { return folder + "/" + name; }
 
     /// By the readers' own account; "gone" for no table, "broken" for one whose count is not its
     /// size.
@@ -369,7 +373,7 @@ protected:
         }
     }
 
-    static std::string nameOf(const Bench& bench, const char* what, int at) {
+    static std::string whereOf(const Bench& bench, const char* what, int at) {
         return textOf(bench.command.name, " of format ", bench.kind, ", ", what, " at ", at);
     }
     static std::string textOf(const auto&... parts) {
@@ -385,7 +389,7 @@ TEST_F(ChangeTest, KilledLeavesOldOrNew) {
             for (int at = 1;; ++at) {
                 bench.reset();
                 if (bench.again({Fate::Kill, at, eighths, 0, 0}).status != 99) break;
-                bench.expectWhole(nameOf(bench, "killed", at));
+                bench.expectWhole(whereOf(bench, "killed", at));
                 if (HasFailure()) return;
             }
         }
@@ -400,7 +404,7 @@ TEST_F(ChangeTest, FailingLeavesOldOrNew) {
                                          std::pair(Fate::FailForGood, "failures from"),
                                          std::pair(Fate::FullDisk, "a full disk")}) {
             for (int at = 1;; at += all ? 1 : 2) {
-                const std::string where = nameOf(bench, name, at);
+                const std::string where = whereOf(bench, name, at);
                 bench.reset();
                 const Ended ended = bench.again({fate, at, 4, 0, 0});
                 if (ended.calls < at) break;
@@ -416,7 +420,7 @@ TEST_F(ChangeTest, FailingLeavesOldOrNew) {
 TEST_F(ChangeTest, StoppedIsUndoneAtOnce) {
     forEach([](const Bench& bench) {
         for (int at = 1;; ++at) {
-            const std::string where = nameOf(bench, "stopped", at);
+            const std::string where = whereOf(bench, "stopped", at);
             bench.reset();
             const Ended ended = bench.again({Fate::Stop, at, 0, 0, 0});
             if (ended.calls < at) break;
@@ -562,7 +566,7 @@ TEST_F(ChangeTest, PowerCutLeavesOldOrNew) {
                 Disk disk = start;
                 for (std::size_t at = 0; at < count; ++at) disk.take(made[at]);
                 lay(bench.folder, disk.cut(random));
-                const std::string where = nameOf(bench, "power cut", static_cast<int>(count));
+                const std::string where = whereOf(bench, "power cut", static_cast<int>(count));
                 bench.expectWhole(where);
                 if (HasFailure()) return;
             }
@@ -572,8 +576,235 @@ TEST_F(ChangeTest, PowerCutLeavesOldOrNew) {
         for (const Call& call : made) disk.take(call);
         lay(bench.folder, disk.cut(random));
         run(bench.folder, {"info", bench.command.table});
-        EXPECT_EQ(bench.rows(), bench.after) << nameOf(bench, "power cut", -1);
+        EXPECT_EQ(bench.rows(), bench.after) << whereOf(bench, "power cut", -1);
     });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Others
+// ---------------------------------------------------------------------------------------------
+
+/// What somebody may do to a table after a change of it was killed.
+const std::pair<const char*, void (*)(const Bench&)> kOthers[] = {
+    {"changed inside",
+     [](const Bench& bench) {
+         std::string now = readAll(bench.file("t.dbf"));
+         const std::string was = bench.files.at("t.dbf");
+         std::size_t at = number(now.substr(8, 2));
+         while (at + 1 < was.size() && now[at] == was[at]) ++at;
+         now[at] = '#';
+         writeAll(bench.file("t.dbf"), now);
+     }},
+    {"appended", [](const Bench& bench) { AppendBlank(Table(OpenBase(bench.file("t.dbf").c_str())).get(), 1); }},
+    {"packed", [](const Bench& bench) { Pack(Table(OpenBase(bench.file("t.dbf").c_str())).get(), 0); }},
+    {"replaced", [](const Bench& bench) {
+         std::string other = bench.files.at("t.dbf");
+         std::replace(other.begin() + 129, other.end(), 'n', 'N');
+         writeAll(bench.file("t.dbf"), other);
+     }}};
+
+TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
+    for (const std::size_t i : {0U, 4U, 5U}) {
+        const Bench bench(kCommands[i], kKinds[i % 4]);
+        // The first change of the table comes after that of its memo file, and of the backups.
+        int at = 1;
+        while (bench.reset(), bench.again({Fate::Kill, at, 8, 0, 0}).status == 99 &&
+                              readAll(bench.file("t.dbf")) == bench.files.at("t.dbf")) {
+            ++at;
+        }
+        for (const auto& [name, work] : kOthers) {
+            const std::string where = whereOf(bench, name, at);
+            bench.reset();
+            bench.again({Fate::Kill, at, 8, 0, 0});
+            ASSERT_TRUE(filesIn(bench.folder).contains("t.dbf-mira")) << where;
+            work(bench);
+            const Files theirs = filesIn(bench.folder);
+            const Ended read = run(bench.folder, {"info", "t"});
+            EXPECT_EQ(read.status, 0) << where;
+            EXPECT_NE(read.said.find("somebody has worked on the table since"), std::string::npos)
+                << where << read.said;
+            EXPECT_EQ(bench.again().status, 2) << where;
+            EXPECT_EQ(filesIn(bench.folder), theirs) << where;
+            EXPECT_EQ(run(bench.folder, {"undo", "t"}).status, 0) << where;
+            EXPECT_EQ(bench.rows(), bench.before) << where;
+            bench.expectTidy(where);
+        }
+    }
+    // Outside what the change was about their work stays, and the change is undone.
+    const Bench bench(kCommands[1], 0);
+    int at = 1;
+    while (bench.reset(), bench.again({Fate::Kill, at, 8, 0, 0}), bench.rows() == bench.before) ++at;
+    std::string theirs = readAll(bench.file("t.dbf"));
+    theirs.replace(theirs.find("n105"), 4, "mine");
+    writeAll(bench.file("t.dbf"), theirs);
+    run(bench.folder, {"info", "t"});
+    Rows wanted = bench.before;
+    wanted[5].replace(1, 4, "mine");
+    EXPECT_EQ(bench.rows(), wanted);
+}
+
+/// What succeeds is there as if one had come after the other.
+TEST_F(ChangeTest, TwoAtOnceLoseNothing) {
+    const std::size_t count = std::size(kCommands);
+    for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t j = i; j < count; ++j) {
+            if (!all && j > i + 1) break;
+            const Bench first(kCommands[i], kKinds[i % 4], 2000);
+            const Words one = first.words(), other = Bench(kCommands[j], first.kind, 3).words();
+            Words words = other;
+            for (std::size_t w = 0; w < words.size(); ++w) {
+                if (words[w].starts_with('/')) words[w] = std::filesystem::path(first.folder).parent_path() / std::filesystem::path(words[w]).filename();
+            }
+            std::set<Rows> wanted[4];
+            const auto inOrder = [&](std::initializer_list<const Words*> order, std::size_t which) {
+                first.reset();
+                for (const Words* each : order) run(first.folder, *each);
+                wanted[which].insert(first.rows());
+            };
+            inOrder({&one}, 1);
+            inOrder({&words}, 2);
+            inOrder({&one, &words}, 3);
+            inOrder({&words, &one}, 3);
+            for (int trial = 0; trial < (all ? 20 : 2); ++trial) {
+                first.reset();
+                const pid_t a = start(first.folder, one, {}), b = start(first.folder, words, {});
+                const Ended endedA = wait(first.folder, a), endedB = wait(first.folder, b);
+                const std::string where =
+                    textOf(kCommands[i].name, " and ", kCommands[j].name, " at once: ",
+                           endedA.status, " and ", endedB.status);
+                const std::size_t which = (endedA.status == 0 ? 1U : 0U) + (endedB.status == 0 ? 2U : 0U);
+                ASSERT_NE(which, 0U) << where << endedB.said;
+                EXPECT_TRUE(wanted[which].contains(first.rows())) << where;
+                first.expectTidy(where);
+                if (HasFailure()) return;
+            }
+        }
+    }
+}
+
+/// As an attacker would make them: the checksums fit again.
+void mendChecksums(std::string& journal) {
+    const u32 seed = static_cast<u32>(load(journal, 12, 4));
+    for (std::size_t at = 16; at + 32 <= journal.size();) {
+        const std::size_t old = load(journal, at + 4, 4), made = load(journal, at + 16, 4);
+        if (old > journal.size() || made > journal.size() || at + 32 + old + made > journal.size()) return;
+        const auto put = [&](std::size_t place, std::size_t from, std::size_t size) {
+            const u32 sum = tables::checksum(seed, journal.data() + from, size);
+            journal.replace(place, 4, le(sum, 4));
+        };
+        put(at + 20, at + 32, old);
+        put(at + 24, at + 32 + old, made);
+        put(at + 28, at, 28);
+        at += 32 + old + made;
+    }
+}
+
+TEST_F(ChangeTest, HostileJournalsTouchNothingElse) {
+    std::mt19937 random(7);
+    for (const std::size_t i : {0U, 5U, 6U, 8U, 12U}) {
+        const Bench bench(kCommands[i], kKinds[i % 4]);
+        const std::string memos = memoNameOf(bench.kind), victim(3000, 'v');
+        for (int trial = 0; trial < (all ? 4000 : 60); ++trial) {
+            bench.reset();
+            bench.again({Fate::Kill, 2 + static_cast<int>(random() % 24), 8, 0, 0});
+            std::string journal = readAll(bench.file("t.dbf-mira"));
+            if (journal.size() < 20) continue;
+            for (std::size_t changes = 1 + random() % 4; changes != 0; --changes) {
+                const std::size_t at = random() % 2 != 0 ? 8 + random() % 64 : random() % journal.size();
+                if (at < journal.size()) journal[at] = static_cast<char>(random() % 3 != 0 ? random() : random() % 4);
+            }
+            if (random() % 8 == 0) journal.resize(random() % journal.size());
+            if (random() % 4 != 0 && journal.size() > 16) mendChecksums(journal);
+            writeAll(bench.file("t.dbf-mira"), journal);
+            writeAll(bench.file("victim"), victim);
+            const std::string linked = bench.file(random() % 2 != 0 ? memos : "t.dbf-mira.new");
+            const bool hard = random() % 2 != 0;
+            if (random() % 3 != 0) {
+                std::filesystem::remove(linked);
+                hard ? std::filesystem::create_hard_link(bench.file("victim"), linked)
+                     : std::filesystem::create_symlink("victim", linked);
+            }
+            const Files was = filesIn(bench.folder);
+            const Ended ended = run(bench.folder, {"info", "t"});
+            EXPECT_LE(ended.status, 2) << trial << ended.said;
+            EXPECT_EQ(readAll(bench.file("victim")), victim) << trial;
+            for (const auto& [name, bytes] : filesIn(bench.folder)) {
+                EXPECT_TRUE(was.contains(name) || name == "t.dbf" || name == memos ||
+                            name.starts_with("t.bak") || name.starts_with("t.tbk"))
+                    << trial << name;
+            }
+            if (HasFailure()) return;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Cost, and the way back to a mark
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(ChangeTest, OneRecordTakesFewSynchronisations) {
+    const std::pair<Words, int> rows[] = {{{"set", "t", "FILL=one", "-w", "NAME='n102'"}, 4},
+                                          {{"delete", "t", "-w", "NAME='n102'"}, 4},
+                                          {{"set", "t", "NOTE=one", "-w", "NAME='n102'"}, 5}};
+    const Bench bench(kCommands[0], 3);
+    for (auto [words, most] : rows) {
+        words.emplace_back("--no-backup");
+        EXPECT_LE(run(bench.folder, words).syncs, most) << words[2];
+    }
+}
+
+/// Any order of writes, marks and ways back, with and without bringing things to the disk between.
+TEST_F(ChangeTest, GoesBackToMarks) {
+    std::mt19937 random(3);
+    for (int trial = 0; trial < (all ? 2000 : 60); ++trial) {
+        const u32 kind = kKinds[trial % 4];
+        const Sample sample(kind, kWidth, 7);
+        auto opened = tables::openForChange(sample.path(), {});
+        tables::Table& table = *opened.table;
+        Rows rows = sample.before;
+        std::vector<std::pair<int, Rows>> marks;
+        {
+            tables::Change change(table, {.wanted = false});
+            for (int step = 0; step < 30; ++step) {
+                const int what = static_cast<int>(random() % 9);
+                const bool appends = what == 0 || rows.empty();
+                const u32 record = static_cast<u32>(random() % std::max<std::size_t>(rows.size(), 1));
+                if (what < 5) {
+                    appends ? tables::newRecord(table) : change.readRecord(record);
+                    const std::string name = nameOf(static_cast<unsigned>(step));
+                    tables::Encoded value{.bytes = name};
+                    change.put(table.columns[0], value);
+                    value = {.bytes = std::string(kind == 3 ? 4 : 10, kind < 3 ? ' ' : '\0'),
+                             .memo = name + std::string(random() % 300, 'k')};
+                    change.put(table.columns[2], value);
+                    Rows& into = rows;
+                    if (appends) into.push_back(" " + name + std::string(kWidth, ' '));
+                    std::string& row = appends ? into.back() : into[record];
+                    row = row.substr(0, 1) + name + row.substr(5, kWidth) + "=" + value.memo;
+                    appends ? change.appendRecord() : change.writeRecord(record);
+                } else if (what == 5) {
+                    change.flush();
+                } else if (what == 6 && !rows.empty()) {
+                    change.writeMark(record, '*');
+                    rows[record][0] = '*';
+                } else if (what == 7) {
+                    const int number = marks.empty() ? 0 : marks.back().first + 1;
+                    change.mark(number);
+                    marks.emplace_back(number, rows);
+                } else if (!marks.empty()) {
+                    const std::size_t to = random() % marks.size();
+                    change.undoTo(marks[to].first);
+                    rows = marks[to].second;
+                    marks.resize(to + 1);
+                }
+            }
+            if (trial % 3 == 0) rows = sample.before;
+            if (trial % 3 != 0) change.commit();
+        }
+        EXPECT_EQ(sample.rows(), rows) << trial;
+        EXPECT_EQ(sample.names().size(), 2U) << trial;
+        if (HasFailure()) return;
+    }
 }
 
 }  // namespace
