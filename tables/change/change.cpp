@@ -22,9 +22,9 @@ namespace fs = std::filesystem;
 constexpr u64 kFileMost = 0x7FFFFFFF;
 constexpr std::size_t kWaitingBytes = 4 << 20;   // then it is written
 constexpr std::size_t kWaitingPieces = 1 << 16;  // likewise
-constexpr u64 kCopiedMost = 1 << 16;   // appended bytes that the journal tells again
-constexpr u64 kLimitStep = 64 << 20;   // the files may grow by that before the next raise
-constexpr u32 kMemoHeader = 512;       // as far as another program's change of it shows
+constexpr u64 kCopiedMost = 1 << 16;             // appended bytes that the journal tells again
+constexpr u64 kLimitStep = 64 << 20;             // the files may grow by that before the next raise
+constexpr u32 kMemoHeader = 512;                 // as far as another program's change of it shows
 constexpr u32 kDatePlace = 1;
 constexpr u8 kEndOfFile = 0x1A;
 constexpr FileOf kFiles[] = {FileOf::Table, FileOf::Memos};
@@ -157,7 +157,8 @@ u32 Change::appendMemo(const Column& column, std::string_view bytes) {
                memoFileOf(table_), ", whose header is damaged");
     }
     if (place + bytes.size() > kFileMost) {
-        refuse(table_.path, ": ", column.name, ": the memo would reach past 2 GiB, where memo files end");
+        refuse(table_.path, ": ", column.name,
+               ": the memo would reach past 2 GiB, where memo files end");
     }
     add(FileOf::Memos, place, bytes);
     const u32 block = memoNext_;
@@ -205,8 +206,7 @@ void Change::begin() {
                  {});
     const u64 lengths[] = {header.HeaderLength, kMemoHeader};
     for (const FileOf file : kFiles) {
-        const u64 length =
-            std::min(lengths[static_cast<std::size_t>(file)], of(file).sizeBefore);
+        const u64 length = std::min(lengths[static_cast<std::size_t>(file)], of(file).sizeBefore);
         std::string bytes(static_cast<std::size_t>(length), '\0');
         if (length == 0) continue;
         if (!readAt(of(file).descriptor, 0, bytes.data(), bytes.size())) {
@@ -246,7 +246,7 @@ void Change::addPieces(FileOf from, std::size_t first, std::size_t last) {
 /// In the order of the marks, so that each knows how many pieces come before it.
 void Change::addWaiting() {
     std::size_t done[2] = {};
-    const auto upTo = [&](const std::size_t (&counts)[2]) {
+    const auto upTo = [&](const std::size_t(&counts)[2]) {
         for (const FileOf file : kFiles) {
             const auto i = static_cast<std::size_t>(file);
             addPieces(file, done[i], counts[i]);
@@ -437,9 +437,8 @@ void Change::release(int number) {
 }
 
 void Change::undoTo(int number) {
-    const auto oldest = std::find_if(marks_.begin(), marks_.end(), [&](const State& mark) {
-        return mark.number >= number;
-    });
+    const auto oldest = std::find_if(marks_.begin(), marks_.end(),
+                                     [&](const State& mark) { return mark.number >= number; });
     State state = oldest != marks_.end() ? *oldest : before_;
     if (!putBack(state)) refuseWrite("what was there before");
     restore(state);

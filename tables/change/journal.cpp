@@ -196,8 +196,7 @@ bool readSwap(Journal& journal, const Head& head, std::string oldMemo, std::stri
     plan.oldMemos = journal.memosThere;
     plan.oldMemo = std::move(oldMemo);
     plan.newMemo = std::move(newMemo);
-    journal.state =
-        head.kind == 'X' ? Journal::State::Exchanging : Journal::State::Swapping;
+    journal.state = head.kind == 'X' ? Journal::State::Exchanging : Journal::State::Swapping;
     return plan.number <= kBackupsMost && plan.newMemoKind < 3;
 }
 
@@ -220,8 +219,7 @@ bool take(Journal& journal, const Head& head, Entries& entries) {
             return state == State::Changing && readPiece(journal, head);
         case 'X':
         case 'S':
-            return (state == State::Building ||
-                    (state == State::Exchanging && head.kind == 'S')) &&
+            return (state == State::Building || (state == State::Exchanging && head.kind == 'S')) &&
                    readSwap(journal, head, oldBytes(),
                             entries.text(head.at + head.oldSize, head.newSize));
         default:
@@ -260,8 +258,8 @@ JournalWriter::JournalWriter(const ChangeNames& names) : path_(names.journal()) 
     file_ = openPlain(path_, O_RDWR | O_CREAT | O_EXCL);
     if (!file_ && errno == EEXIST) refuse(names.table, ": is being changed by another program");
     if (!file_) {
-        refuse(names.table, ": cannot be changed, since no file can be made beside it: ",
-               std::strerror(errno));
+        refuse(names.table,
+               ": cannot be changed, since no file can be made beside it: ", std::strerror(errno));
     }
     // Whoever recovers may have taken it for abandoned before it was locked.
     if (takeLock(file_.number()) == Lock::Busy || !isNamed(file_.number(), path_)) {

@@ -55,13 +55,13 @@ enum class FileOf : u8 { Table, Memos };
 
 /// Which files take which places.
 struct SwapPlan {
-    bool backup = true;      ///< the old files become a backup; else they go
-    u32 number = 0;          ///< of that backup
-    bool oldMemos = false;   ///< the old table has a memo file
-    std::string oldMemo{};   ///< its file name
-    int newMemoKind = -1;    ///< which of ChangeNames::newMemos the new table has; -1: none
-    std::string newMemo{};   ///< file name that it takes
-    bool oldTable = true;    ///< there is a table to be replaced
+    bool backup = true;     ///< the old files become a backup; else they go
+    u32 number = 0;         ///< of that backup
+    bool oldMemos = false;  ///< the old table has a memo file
+    std::string oldMemo{};  ///< its file name
+    int newMemoKind = -1;   ///< which of ChangeNames::newMemos the new table has; -1: none
+    std::string newMemo{};  ///< file name that it takes
+    bool oldTable = true;   ///< there is a table to be replaced
 };
 
 /// Bytes of a file that are written over, or written for the first time.
@@ -109,10 +109,10 @@ bool endJournal(int descriptor, const std::string& path);
 /// A journal as it was found.
 struct Journal {
     enum class State : u8 {
-        Dead,      ///< nothing has been touched, or all is done
-        Foreign,   ///< no journal, or of a later version
-        Building,  ///< only new files
-        Changing,  ///< in place
+        Dead,        ///< nothing has been touched, or all is done
+        Foreign,     ///< no journal, or of a later version
+        Building,    ///< only new files
+        Changing,    ///< in place
         Exchanging,  ///< new files still have the names of a backup
         Swapping     ///< new files take their places
     };

@@ -37,9 +37,7 @@ ChangeNames::ChangeNames(const std::string& path) : table(realPath(path)) {}
 std::array<std::string, 3> ChangeNames::newMemos() const {
     std::array<std::string, 3> names;
     std::transform(std::begin(kMemoExtensions), std::end(kMemoExtensions), names.begin(),
-                   [&](std::string_view extension) {
-                       return textOf(table, "-mira", extension);
-                   });
+                   [&](std::string_view extension) { return textOf(table, "-mira", extension); });
     return names;
 }
 

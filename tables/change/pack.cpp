@@ -165,7 +165,8 @@ void finishPack(Table& table) {
     constexpr u32 kMemosOnly = 2;
     if (!isHalfPacked(File(Open_FileRO(memoFileOf(table).c_str())).get())) return;
     if (Pack(table.base.get(), kMemosOnly) != 0) return;
-    refuse(table.path, ": cannot be packed: the disk may be full, or the log of an interrupted "
+    refuse(table.path,
+           ": cannot be packed: the disk may be full, or the log of an interrupted "
            "pack damaged. No record and no memo is lost");
 }
 

@@ -35,10 +35,9 @@ struct Files {
 };
 
 Recovery left(const ChangeNames& names, const std::string& why) {
-    return {Found::Left,
-            textOf(names.table, ": a change was interrupted, and ", why,
-                   "; nothing is touched. Remove ", names.journal(),
-                   " when the table is right, or `mira undo` puts its backup back")};
+    return {Found::Left, textOf(names.table, ": a change was interrupted, and ", why,
+                                "; nothing is touched. Remove ", names.journal(),
+                                " when the table is right, or `mira undo` puts its backup back")};
 }
 
 Recovery recovered(const ChangeNames& names, const char* what) {
@@ -108,8 +107,7 @@ bool areOldOrNew(const Files& files, const Journal& journal, const Piece* first,
     for (const Piece* piece = first; piece != last; ++piece) {
         end = std::max(end, piece->place + piece->newSize);
     }
-    const std::string now =
-        bytesAt(files.of(file), start, static_cast<std::size_t>(end - start));
+    const std::string now = bytesAt(files.of(file), start, static_cast<std::size_t>(end - start));
     std::vector<bool> known(now.size());
     std::string told;
     for (const Piece* piece = first; piece != last; ++piece) {
@@ -173,8 +171,8 @@ bool isOurs(const Files& files, const Journal& journal) {
     if (!within(size, journal.tableSize, journal.tableLimit)) return false;
     if (files.memos) {
         const auto memos = statusOf(files.memos.number());
-        if (!memos || !within(static_cast<u64>(memos->st_size), journal.memoSize,
-                              journal.memoLimit)) {
+        if (!memos ||
+            !within(static_cast<u64>(memos->st_size), journal.memoSize, journal.memoLimit)) {
             return false;
         }
     }
@@ -196,8 +194,8 @@ bool undoPieces(const Files& files, const Journal& journal) {
     for (auto piece = journal.pieces.rbegin(); piece != journal.pieces.rend(); ++piece) {
         const u64 before = piece->file == FileOf::Table ? journal.tableSize : journal.memoSize;
         if (piece->place >= before) continue;
-        bytes.resize(static_cast<std::size_t>(
-            std::min<u64>(piece->oldSize, before - piece->place)));
+        bytes.resize(
+            static_cast<std::size_t>(std::min<u64>(piece->oldSize, before - piece->place)));
         if (!readAt(files.journal.number(), piece->at, bytes.data(), bytes.size())) return false;
         if (bytesAt(files.of(piece->file), piece->place, bytes.size()) == bytes) continue;
         if (!writeAt(files.of(piece->file), piece->place, bytes.data(), bytes.size())) return false;
@@ -205,18 +203,20 @@ bool undoPieces(const Files& files, const Journal& journal) {
     if (!cut(files.table.number(), journal.tableSize) || fsync(files.table.number()) != 0) {
         return false;
     }
-    return !files.memos || (cut(files.memos.number(), journal.memoSize) &&
-                            fsync(files.memos.number()) == 0);
+    return !files.memos ||
+           (cut(files.memos.number(), journal.memoSize) && fsync(files.memos.number()) == 0);
 }
 
 [[noreturn]] void refuseToWrite(const ChangeNames& names) {
-    refuse(names.table, ": a change was interrupted and has to be undone, but you may not write "
-           "here; copy table, memo file and ", names.journal(), " to where you may write");
+    refuse(names.table,
+           ": a change was interrupted and has to be undone, but you may not write "
+           "here; copy table, memo file and ",
+           names.journal(), " to where you may write");
 }
 
 [[noreturn]] void refuseNow(const ChangeNames& names) {
-    refuse(names.table, ": a change was interrupted and cannot be undone now: ",
-           std::strerror(errno));
+    refuse(names.table,
+           ": a change was interrupted and cannot be undone now: ", std::strerror(errno));
 }
 
 Recovery undoChange(const ChangeNames& names, Files& files, const Journal& journal) {
@@ -319,8 +319,8 @@ std::optional<Recovery> tryRecover(const ChangeNames& names) {
     if (const auto table = statusOf(names.table); table && S_ISREG(table->st_mode)) {
         files.table = openEither(names.table, files.mayWrite);
     }
-    for (const auto& [file, path] : {std::pair(&files.table, names.table),
-                                     std::pair(&files.journal, names.journal())}) {
+    for (const auto& [file, path] :
+         {std::pair(&files.table, names.table), std::pair(&files.journal, names.journal())}) {
         if (!*file) continue;
         const Hold hold = holdFile(*file, path, files.mayWrite);
         if (hold == Hold::Again) return std::nullopt;
@@ -400,7 +400,8 @@ std::vector<Recovery> recoverIn(const std::string& folder, bool recursive) {
         const std::string name = path.string();
         if (!foldCase(name).ends_with(".dbf-mira")) return;
         try {
-            recoveries.push_back(recover(ChangeNames(name.substr(0, name.size() - kSuffix.size()))));
+            recoveries.push_back(
+                recover(ChangeNames(name.substr(0, name.size() - kSuffix.size()))));
         } catch (const Refusal& refusal) {
             recoveries.push_back({Found::Left, refusal.what()});
         }
@@ -409,8 +410,8 @@ std::vector<Recovery> recoverIn(const std::string& folder, bool recursive) {
     constexpr auto kOptions = fs::directory_options::skip_permission_denied;
     std::vector<fs::path> found;
     if (recursive) {
-        for (fs::recursive_directory_iterator at(folder, kOptions, error), end;
-             !error && at != end; at.increment(error)) {
+        for (fs::recursive_directory_iterator at(folder, kOptions, error), end; !error && at != end;
+             at.increment(error)) {
             found.push_back(at->path());
         }
     } else {

@@ -21,9 +21,8 @@ bool rename(const std::string& from, const std::string& to) {
 }
 
 std::string newMemoOf(const ChangeNames& names, const SwapPlan& plan) {
-    return plan.newMemoKind < 0
-               ? std::string()
-               : names.newMemos()[static_cast<std::size_t>(plan.newMemoKind)];
+    return plan.newMemoKind < 0 ? std::string()
+                                : names.newMemos()[static_cast<std::size_t>(plan.newMemoKind)];
 }
 
 /// Which of the names of new memo files has a file.
@@ -46,8 +45,7 @@ bool clearMemos(const ChangeNames& names, const SwapPlan& plan) {
 
 bool clearTable(const ChangeNames& names, const SwapPlan& plan) {
     if (!plan.oldTable || !isThere(names.table)) return true;
-    return plan.backup ? rename(names.table, names.backup(plan.number))
-                       : removeFile(names.table);
+    return plan.backup ? rename(names.table, names.backup(plan.number)) : removeFile(names.table);
 }
 
 /// Without backups the old table goes first: its memo file may be gone then, but not another's.
@@ -76,8 +74,8 @@ bool putBackupBack(const ChangeNames& names, const SwapPlan& plan) {
         !(rename(memos, names.memoBackup(plan.number)) && syncFolderOf(names.table))) {
         return false;
     }
-    return !isThere(names.newTable()) || (rename(names.newTable(), names.backup(plan.number)) &&
-                                          syncFolderOf(names.table));
+    return !isThere(names.newTable()) ||
+           (rename(names.newTable(), names.backup(plan.number)) && syncFolderOf(names.table));
 }
 
 bool putInPlace(const ChangeNames& names, const SwapPlan& plan) {

@@ -56,7 +56,8 @@ std::string encodeValue(Table& table, const Column& column, const Given& given, 
                         Encoded& encoded);
 /// Puts an encoded value into RecordBuffer, null and length bits included, but for its memo.
 void putBytes(Table& table, const Column& column, const Encoded& encoded);
-/// The same, and its memo into the memo file, at once and for good. Throws a Refusal when the memo cannot be written.
+/// The same, and its memo into the memo file, at once and for good. Throws a Refusal when the memo
+/// cannot be written.
 void putValue(Table& table, const Column& column, const Encoded& encoded);
 
 /// Before bytes that are given as text.

@@ -44,9 +44,7 @@ void refuseBesideShapes(const Table& table, const ChangeOptions& options) {
     if (!options.force) refuseBesideShapes(table, "--force changes them all the same");
 }
 
-BackupPlan backupsOf(const ChangeOptions& options) {
-    return {!options.noBackup, options.backups};
-}
+BackupPlan backupsOf(const ChangeOptions& options) { return {!options.noBackup, options.backups}; }
 
 void tellStale(const Table& table) {
     if (const std::string stale = staleIndexes(table); !stale.empty()) note("{}", stale);

@@ -23,9 +23,8 @@ constexpr Marking kRecall = {"recall", "recalled", Deleted::Only, ' '};
 Status run(const Options& options, const Marking& marking) {
     const auto selection =
         selectToChange(options.which, options.name, marking.command, marking.from);
-    changeRecords(*selection, marking.verb, options.change, [&](Change& change, u32 record) {
-        change.writeMark(record, marking.mark);
-    });
+    changeRecords(*selection, marking.verb, options.change,
+                  [&](Change& change, u32 record) { change.writeMark(record, marking.mark); });
     return kDone;
 }
 

@@ -1,7 +1,7 @@
 // mira import: CSV into a new table or to the end of one that is there.
 //
-// A new table is made beside its place and moved there when it is whole. What is appended is checked
-// first, all of it.
+// A new table is made beside its place and moved there when it is whole. What is appended is
+// checked first, all of it.
 #include <algorithm>
 #include <filesystem>
 

@@ -1,10 +1,11 @@
 // mira pack: deleted records go, and what the memo file holds for nobody.
+#include "tables/change/pack.h"
+
 #include <filesystem>
 
 #include "command/change.h"
 #include "command/commands.h"
 #include "command/facts.h"
-#include "tables/change/pack.h"
 #include "tables/change/swap.h"
 #include "tables/value/memo.h"
 #include "terminal/message.h"

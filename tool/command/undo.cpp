@@ -24,11 +24,10 @@ Status run(const Options& options) {
 }  // namespace
 
 void addUndo(CLI::App& program, Job& job) {
-    const auto [command, options] =
-        newCommand(program, job, "undo", "Put the newest backup back; a second time: as before",
-                   run,
-                   "Examples:\n"
-                   "  mira undo stock");
+    const auto [command, options] = newCommand(
+        program, job, "undo", "Put the newest backup back; a second time: as before", run,
+        "Examples:\n"
+        "  mira undo stock");
     command.add_option("TABLE", options.name, "The table")->required();
     command.add_flag("--dry-run", options.dryRun, "Only tell what would be done");
 }
