@@ -55,8 +55,18 @@ Changing::Changing(Table& table, const ChangeOptions& options) : path_(table.pat
     change_.emplace(table, backupsOf(options));
 }
 
+void Changing::commit() {
+    change_->commit();
+    committed_ = true;
+}
+
 Changing::~Changing() {
-    if (const std::string later = change_->undo(); !later.empty()) error("{}: {}", path_, later);
+    const std::string later = change_->undo();
+    if (!later.empty()) {
+        error("{}: {}", path_, later);
+    } else if (stopped() && !committed_) {
+        note("{}: stopped; nothing is changed", path_);
+    }
 }
 
 void addWhichOptions(CLI::App& command, WhichOptions& options) {
@@ -85,7 +95,7 @@ void changeRecords(Selection& selection, const char* verb, const ChangeOptions& 
         work(**changing, selection.cells.record);
     }
     leaveIfStopped();
-    if (changing) (*changing)->commit();
+    if (changing) changing->commit();
     tellFaults(selection);
     tellChanged(selection, verb, options);
 }

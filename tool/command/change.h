@@ -44,12 +44,15 @@ public:
     Changing(Table& table, const ChangeOptions& options);
     ~Changing();
     Changing(const Changing&) = delete;
+    /// Throws a Refusal.
+    void commit();
     Change* operator->() { return &*change_; }
     Change& operator*() { return *change_; }
 
 private:
     const std::string path_;
     std::optional<Change> change_;
+    bool committed_ = false;
 };
 
 /// Filter and --all of the commands that change records.

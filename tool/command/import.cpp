@@ -232,7 +232,7 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
         importer.silent = true;
         takeRows(importer, Pass::Write, false);
         leaveIfStopped();
-        changing->commit();
+        changing.commit();
     }
     tellPage(*table);
     return tellImported(importer, table->path, "appended", options.change.dryRun);

@@ -209,7 +209,7 @@ Status putIn(const Options& options) {
         changing->put(column, encoded);
         changing->writeRecord(static_cast<u32>(*options.record - 1));
         leaveIfStopped();
-        changing->commit();
+        changing.commit();
     }
     tellPage(*table);
     note("{}: 1 of {} {}changed", table->path, counted(table->base->Header.RecordCount, "record"),
