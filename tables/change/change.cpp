@@ -55,6 +55,7 @@ Change::Change(Table& table, const BackupPlan& backups)
         before_ = stateNow(0);
         if (backups.wanted) {
             if (!journal_.synchronise()) refuseWrite("the journal");
+            removeNewFiles(names_);  // of a program that was killed twice
             makeBackups(table_, names_, backups.copies);
         }
     } catch (...) {

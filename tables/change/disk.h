@@ -37,7 +37,7 @@ Descriptor openPlain(const std::string& path, int flags);
 
 /// All of the bytes, or false.
 bool readAt(int descriptor, u64 offset, void* to, std::size_t count);
-bool writeAt(int descriptor, u64 offset, const void* bytes, std::size_t count);
+bool writeAt(int descriptor, u64 offset, const void* from, std::size_t count);
 /// Copies a file from its beginning to the beginning of another.
 bool copyAll(int from, int to);
 

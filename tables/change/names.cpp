@@ -15,7 +15,7 @@ constexpr std::string_view kMemoExtensions[] = {".dbt", ".fpt", ".smt"};
 
 bool isPlainTable(const fs::path& table) { return sameText(table.extension().string(), ".dbf"); }
 
-std::string numbered(std::string name, u32 number) {
+std::string numbered(const std::string& name, u32 number) {
     return number == 0 ? name : name + std::to_string(number);
 }
 
