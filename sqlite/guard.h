@@ -5,6 +5,7 @@
 #include <new>
 
 #include "api.h"
+#include "tables/change/disk.h"
 
 namespace mira::sql {
 
@@ -21,6 +22,9 @@ int guarded(char** message, Work work) noexcept {
         return work();
     } catch (const std::bad_alloc&) {
         return SQLITE_NOMEM;
+    } catch (const tables::Busy& busy) {
+        setMessage(message, busy.what());
+        return SQLITE_BUSY;
     } catch (const std::exception& error) {
         setMessage(message, error.what());
         return SQLITE_ERROR;

@@ -96,10 +96,10 @@ private:
     void begin();
     void openMemoFile();
     void findMemoPlace(const Column& column);
-    u32 appendMemo(const Column& column, std::string_view image);
-    void add(FileOf file, u64 place, std::string_view bytes);
-    void addPieces(FileOf file, std::size_t from, std::size_t to);
-    void addPiece(FileOf file, u64 place, u32 oldSize, std::string_view bytes);
+    u32 appendMemo(const Column& column, std::string_view bytes);
+    void add(FileOf to, u64 place, std::string_view bytes);
+    void addPieces(FileOf from, std::size_t first, std::size_t last);
+    void addPiece(FileOf to, u64 place, u32 oldSize, std::string_view bytes);
     void addWaiting();
     void raiseLimits(bool last);
     void write(bool last);

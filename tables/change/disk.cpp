@@ -11,8 +11,6 @@
 #include <memory>
 #include <vector>
 
-#include "tables/page/refusal.h"
-
 namespace mira::tables {
 namespace {
 
@@ -20,11 +18,6 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kChunk = 1 << 17;
 constexpr const char* kAccessList = "system.posix_acl_access";
-
-fs::path folderOf(const std::string& path) {
-    const fs::path folder = fs::path(path).parent_path();
-    return folder.empty() ? fs::path(".") : folder;
-}
 
 struct flock wholeFile() {
     struct flock lock = {};
@@ -133,12 +126,16 @@ void carryOver(int from, int to) {
     fsetxattr(to, kAccessList, list.data(), list.size(), 0);
 }
 
+std::string folderOf(const std::string& path) {
+    const fs::path folder = fs::path(path).parent_path();
+    return folder.empty() ? "." : folder.string();
+}
+
 std::string realPath(const std::string& path) {
     std::error_code error;
-    const fs::path whole = fs::canonical(path, error);
-    if (!error) return whole.string();
-    const fs::path folder = fs::canonical(folderOf(path), error);
-    return error ? path : (folder / fs::path(path).filename()).string();
+    if (!fs::is_symlink(path, error)) return path;
+    const fs::path real = fs::canonical(path, error);
+    return error ? path : real.string();
 }
 
 void checkRoom(const std::string& path, u64 bytes) {
@@ -148,6 +145,10 @@ void checkRoom(const std::string& path, u64 bytes) {
     if (free >= bytes) return;
     refuse(path, ": the new files may take ", bytes, " bytes, the disk has room for ", free,
            "; nothing is changed");
+}
+
+void refuseBusy(const std::string& path) {
+    throw Busy(path + ": is being changed by another program");
 }
 
 Lock takeLock(int descriptor) {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "mira.h"
+#include "tables/page/refusal.h"
 
 namespace mira::tables {
 
@@ -48,6 +49,8 @@ inline bool isThere(const std::string& path) { return statusOf(path).has_value()
 /// Whether the name still stands for the open file.
 bool isNamed(int descriptor, const std::string& path);
 
+/// The folder of a path, "." where it names none.
+std::string folderOf(const std::string& path);
 /// Makes the names in the folder of a path outlast a power cut; true also where the system offers
 /// nothing of the kind.
 bool syncFolderOf(const std::string& path);
@@ -55,10 +58,16 @@ bool syncFolderOf(const std::string& path);
 bool removeFile(const std::string& path);
 /// Gives a file owner, mode and access list of another, as far as that is allowed.
 void carryOver(int from, int to);
-/// The path without links in it. The last part need not be there.
+/// The file that a path leads to when its last part is a link; else the path as it is.
 std::string realPath(const std::string& path);
 /// Throws a Refusal unless the folder of a path has room for so many bytes.
 void checkRoom(const std::string& path, u64 bytes);
+
+/// Another program changes the table.
+struct Busy : Refusal {
+    using Refusal::Refusal;
+};
+[[noreturn]] void refuseBusy(const std::string& path);
 
 enum class Lock : u8 {
     Held,

@@ -256,14 +256,14 @@ u32 checksum(u32 from, const void* bytes, std::size_t count) {
 
 JournalWriter::JournalWriter(const ChangeNames& names) : path_(names.journal()) {
     file_ = openPlain(path_, O_RDWR | O_CREAT | O_EXCL);
-    if (!file_ && errno == EEXIST) refuse(names.table, ": is being changed by another program");
+    if (!file_ && errno == EEXIST) refuseBusy(names.table);
     if (!file_) {
         refuse(names.table,
                ": cannot be changed, since no file can be made beside it: ", std::strerror(errno));
     }
     // Whoever recovers may have taken it for abandoned before it was locked.
     if (takeLock(file_.number()) == Lock::Busy || !isNamed(file_.number(), path_)) {
-        refuse(names.table, ": is being changed by another program");
+        refuseBusy(names.table);
     }
     if (getrandom(&seed_, sizeof seed_, GRND_NONBLOCK) != sizeof seed_) seed_ = 0;
     pending_.assign(kSign);

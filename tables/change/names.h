@@ -21,7 +21,7 @@ namespace mira::tables {
 constexpr u32 kBackupsMost = 99;
 
 struct ChangeNames {
-    std::string table;  ///< without links in it
+    std::string table;  ///< the file itself, no link to it
 
     /// path: of a table, there or not.
     explicit ChangeNames(const std::string& path);

@@ -312,7 +312,7 @@ std::optional<Recovery> tryRecover(const ChangeNames& names) {
     if (!info) return Recovery{};
     if (!isPlain(*info)) return left(names, "its journal is a link or no file");
     Files files;
-    files.mayWrite = access(fs::path(names.table).parent_path().c_str(), W_OK) == 0;
+    files.mayWrite = access(folderOf(names.table).c_str(), W_OK) == 0;
     files.journal = openEither(names.journal(), files.mayWrite);
     if (!files.journal && errno == ENOENT) return std::nullopt;
     if (!files.journal) return left(names, "its journal cannot be read");
@@ -367,10 +367,6 @@ void forgetReadAhead(Table& table) {
     const u32 count = base->Header.RecordCount;
     RefreshDatabase(base);
     base->Header.RecordCount = count;
-}
-
-[[noreturn]] void refuseBusy(const std::string& path) {
-    refuse(path, ": is being changed by another program");
 }
 
 }  // namespace
@@ -464,9 +460,7 @@ Opened openForChange(const std::string& name, const TableOptions& options, bool 
     const Recovery found = recoverNamed(name);
     if (found.found == Found::Left && !keepLeft) refuse(found.sentence);
     if (!found.sentence.empty()) opened.notes.push_back(found.sentence);
-    std::string path = findTable(name);
-    std::error_code ignored;
-    if (fs::is_symlink(path, ignored)) path = realPath(path);
+    const std::string path = realPath(findTable(name));
     TableOptions writable = options;
     writable.writable = true;
     opened.table = openTable(path, writable);

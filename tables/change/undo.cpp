@@ -72,7 +72,7 @@ Undone undoLast(const std::string& name) {
     if (!table) refuse(path, ": cannot be written: ", std::strerror(errno));
     if (found.found == Found::Busy || takeLock(table.number()) == Lock::Busy ||
         !isNamed(table.number(), names.table)) {
-        refuse(path, ": is being changed by another program");
+        refuseBusy(path);
     }
     u32 number = 0;
     Undone undone = undoneOf(path, names, &number);
