@@ -343,7 +343,7 @@ std::string tableOrJournal(const std::string& name) {
         if (fs::exists(wanted, ignored)) return wanted;
     }
     for (const std::string& wanted : {name, name + ".dbf"}) {
-        if (const std::string found = inAnyCase(wanted); !found.empty()) return found;
+        if (std::string found = inAnyCase(wanted); !found.empty()) return found;
         std::string journal = inAnyCase(wanted + std::string(kSuffix));
         if (journal.empty()) continue;
         journal.resize(journal.size() - kSuffix.size());
