@@ -11,7 +11,6 @@ namespace {
 
 using tables::Column;
 using tables::Given;
-using tables::Refusal;
 
 constexpr const char* kFixed = "a record's number is its place in the file and cannot be given";
 
