@@ -367,10 +367,10 @@ int Zap(DbfBase*);
 /// Mode 0 drops deleted records and rebuilds the memo file, 1 only drops records, 2 only rebuilds
 /// the memo file; others do nothing. The old memo file stays under its name with "~" for the
 /// extension's first letter. dBase III memos are copied up to their first 0x1A. 0 on failure, after
-/// which Pack may be called again; while the memos cannot be copied nothing changes, deleted records
-/// stay. An interrupted Pack may leave its log in the memo file (IsPackUnfinished): until Pack has
-/// finished that work, no memo is read or written, and Insert, Delete and Truncate fail, as do
-/// writes of records that would give one another memo.
+/// which Pack may be called again; while the memos cannot be copied nothing changes, deleted
+/// records stay. An interrupted Pack may leave its log in the memo file (IsPackUnfinished): until
+/// Pack has finished that work, no memo is read or written, and Insert, Delete and Truncate fail,
+/// as do writes of records that would give one another memo.
 int Pack(DbfBase*, u32 mode);
 ///@}
 

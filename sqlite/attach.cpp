@@ -1,6 +1,7 @@
 #include "attach.h"
 
 #include "guard.h"
+#include "tables/change/recovery.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
 #include "tables/value/storage.h"
@@ -26,6 +27,9 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
         sqlite3* const connection = sqlite3_context_db_handle(context);
         std::string failures;
         std::size_t attached = 0;
+        for (const tables::Recovery& found : tables::recoverIn(folder, false)) {
+            if (found.found == tables::Found::Recovered) failures += "\n" + found.sentence;
+        }
         for (const std::string& path : tables::tablesIn(folder, false)) {
             try {
                 attachTable(connection, path, writable ? ", writable=1" : "");

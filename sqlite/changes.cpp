@@ -3,6 +3,7 @@
 #include "shortcut.h"
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
+#include "tables/change/recovery.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 
@@ -11,7 +12,6 @@ namespace {
 
 using tables::Column;
 using tables::Given;
-using tables::Refusal;
 
 constexpr const char* kFixed = "a record's number is its place in the file and cannot be given";
 
@@ -60,6 +60,9 @@ void Changes::refuse(const Row& row, const std::string& what) const {
 void Changes::prepare() {
     if (!rows_.empty()) return;
     tables::checkWritable(table_);
+    for (const std::string& note : tables::lockForChange(table_)) {
+        host_.tell(Notice::Remark, note);
+    }
     tables::refreshTable(table_);
     tables::loadCounters(table_);
     table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
@@ -162,7 +165,7 @@ void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
 }
 
 /// Puts the row's values into RecordBuffer.
-void Changes::putValues(const Row& row) {
+void Changes::putValues(tables::Change& change, const Row& row) {
     for (u16 i = 0; i < row.values; ++i) {
         const HeldValue& value = values_[nextValue_++];
         const Column& column = columns_[value.column];
@@ -172,23 +175,23 @@ void Changes::putValues(const Row& row) {
         encoded_.isNull = value.isNull;
         encoded_.partial = value.partial;
         nextByte_ += column.length + value.memoSize;
-        tables::putValue(table_, column, encoded_);
+        change.put(column, encoded_);
     }
 }
 
-void Changes::writeRow(const Row& row) {
+void Changes::writeRow(tables::Change& change, const Row& row) {
     DbfBase* const base = table_.base.get();
     if (row.isNew) {
         tables::newRecord(table_);
-    } else if (ReadRecord(base, row.record) == 0) {
-        refuse(row, "which cannot be read");
+    } else {
+        change.readRecord(row.record);
     }
-    putValues(row);
+    putValues(change, row);
     if (row.mark != Mark::Keep) base->RecordBuffer[0] = row.mark == Mark::Deleted ? '*' : ' ';
     if (row.isNew) {
-        tables::appendRecord(table_);
-    } else if (WriteRecord(base, row.record) == 0) {
-        refuse(row, "which cannot be written");
+        change.appendRecord();
+    } else {
+        change.writeRecord(row.record);
     }
 }
 
@@ -204,31 +207,28 @@ void Changes::write() {
         host_.tell(Notice::Remark,
                    table_.path + ": " + tables::pageDoubt(table_.page, host_.pageOption));
     }
-    if (!backedUp_) {
-        tables::makeBackups(table_);
-        const std::string stale = tables::staleIndexes(table_);
-        if (!stale.empty()) host_.tell(Notice::Remark, stale);
-    }
-    backedUp_ = true;
-    const u32 before = reccount(table_.base.get());
-    std::size_t written = 0;
     try {
-        for (const Row& row : rows_) {
-            writeRow(row);
-            ++written;
-        }
-        added_ != 0 ? tables::finishAppend(table_) : tables::stampDate(table_);
-    } catch (const Refusal& refusal) {
-        if (added_ != 0 && tables::takeBack(table_, before)) written = 0;
-        const std::size_t rows = rows_.size();
+        writeRows();
+    } catch (...) {
         drop();
-        tables::refuse(refusal.what(), "; ", tables::counted(written, "record"), " of ", rows,
-                       written == 1 ? " is written" : " are written");
+        throw;
     }
     drop();
 }
 
+void Changes::writeRows() {
+    tables::Change change(table_, {.wanted = !backedUp_});
+    if (!backedUp_) {
+        if (const std::string stale = tables::staleIndexes(table_); !stale.empty())
+            host_.tell(Notice::Remark, stale);
+    }
+    backedUp_ = true;
+    for (const Row& row : rows_) writeRow(change, row);
+    change.commit();
+}
+
 void Changes::drop() {
+    if (table_.base != nullptr) tables::unlock(table_);
     rows_.clear();
     values_.clear();
     bytes_.clear();

@@ -11,6 +11,7 @@
 #include "api.h"
 #include "columns.h"
 #include "mira_sqlite.h"
+#include "tables/change/change.h"
 #include "tables/store/store.h"
 #include "tables/value/value.h"
 
@@ -53,8 +54,9 @@ private:
     void checkNumber(const Row& row, const tables::Column& column, sqlite3_value* value) const;
     void readValues(Row& row, std::span<sqlite3_value*> values);
     bool isAsStored(const Row& row, const tables::Column& column, sqlite3_value* value);
-    void putValues(const Row& row);
-    void writeRow(const Row& row);
+    void putValues(tables::Change& change, const Row& row);
+    void writeRow(tables::Change& change, const Row& row);
+    void writeRows();
     [[noreturn]] void refuse(const Row& row, const std::string& what) const;
 
     tables::Table& table_;

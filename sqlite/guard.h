@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "api.h"
+#include "tables/change/disk.h"
 
 namespace mira::sql {
 
@@ -24,6 +25,9 @@ int guarded(char** message, Work work) noexcept {
             return work();
         } catch (const std::bad_alloc&) {
             return SQLITE_NOMEM;
+        } catch (const tables::Busy& busy) {
+            setMessage(message, busy.what());
+            return SQLITE_BUSY;
         } catch (const std::exception& error) {
             setMessage(message, error.what());
             return SQLITE_ERROR;

@@ -7,6 +7,7 @@
 #include "attach.h"
 #include "guard.h"
 #include "mira_sqlite.h"
+#include "tables/change/recovery.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 
@@ -56,6 +57,8 @@ std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, const Host& host,
     made->host = host;
     made->arguments = arguments;
     checkAccess(*made);
+    const tables::Recovery found = tables::recoverNamed(arguments.path);
+    if (!found.sentence.empty()) host.tell(Notice::Remark, found.sentence);
     made->table = tables::openTable(arguments.path, arguments.table);
     tables::Table& table = *made->table;
     if (table.columns.size() > kColumnMax) {

@@ -112,7 +112,7 @@ std::FILE* openUnbuffered(int fd, const char* mode, FileFacts* opened) {
 
 std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileFacts* opened) {
     if (path == nullptr) return nullptr;
-    const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY, kEverybody);
+    const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kEverybody);
     return fd >= 0 ? openUnbuffered(fd, mode, opened) : nullptr;
 }
 

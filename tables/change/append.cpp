@@ -19,15 +19,6 @@ constexpr u32 kNextPlace = 19;
 constexpr u32 kStepPlace = 23;
 constexpr u32 kNextPlace7 = 42;
 constexpr u64 kTableMost = 0x7FFFFFFF;
-constexpr u32 kDatePlace = 1;  // in the header: year, month, day
-
-/// Where the file keeps the next value; 0 for nowhere.
-u32 nextPlace(const Table& table, const Column& column) {
-    const DbfBase& base = *table.base;
-    if (base.Level7 == 0 && !table.visual) return 0;
-    const u32 descriptor = base.HeaderSize + base.DescriptorSize * static_cast<u32>(column.field);
-    return descriptor + (base.Level7 != 0 ? kNextPlace7 : kNextPlace);
-}
 
 /// The value after the largest of a field. The record buffer holds the last record then.
 u32 afterLargest(Table& table, const Column& column) {
@@ -42,11 +33,18 @@ u32 afterLargest(Table& table, const Column& column) {
 
 }  // namespace
 
+u32 counterPlace(const Table& table, const Column& column) {
+    const DbfBase& base = *table.base;
+    if (base.Level7 == 0 && !table.visual) return 0;
+    const u32 descriptor = base.HeaderSize + base.DescriptorSize * static_cast<u32>(column.field);
+    return descriptor + (base.Level7 != 0 ? kNextPlace7 : kNextPlace);
+}
+
 void loadCounters(Table& table) {
     std::FILE* const file = table.base->TableFile;
     for (Column& column : table.columns) {
         if (!isCounting(column)) continue;
-        const u32 place = nextPlace(table, column);
+        const u32 place = counterPlace(table, column);
         u8 bytes[5] = {};
         if (place != 0) readFileAt(file, place, bytes, sizeof bytes);
         column.nextValue = loadLe<u32>(bytes);
@@ -94,7 +92,7 @@ void appendRecord(Table& table) {
 void finishAppend(Table& table) {
     bool written = true;
     for (const Column& column : table.columns) {
-        const u32 place = isCounting(column) ? nextPlace(table, column) : 0;
+        const u32 place = isCounting(column) ? counterPlace(table, column) : 0;
         if (place == 0) continue;
         const auto next = bytesLe(column.nextValue);
         written = writeFileAt(table.base->TableFile, place, next.data(), next.size()) && written;
@@ -104,24 +102,31 @@ void finishAppend(Table& table) {
     }
 }
 
-bool takeBack(Table& table, u32 records) {
-    // Also where no record counts as appended: the end byte may be written over.
-    return Truncate(table.base.get(), records) != 0;
+std::string headerImage(const DbfHeader& header, u32 size) {
+    std::string image;
+    const auto put = [&](auto value) {
+        const auto bytes = bytesLe(value);
+        image.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    };
+    for (const u8 byte :
+         {header.Version, header.UpdateYear, header.UpdateMonth, header.UpdateDay}) {
+        image += static_cast<char>(byte);
+    }
+    put(header.RecordCount);
+    put(header.HeaderLength);
+    put(header.RecordLength);
+    image.append(reinterpret_cast<const char*>(header.Rest), sizeof header.Rest);
+    image.resize(size);
+    return image;
 }
 
-void stampDate(Table& table) {
+void stampHeader(DbfHeader& header) {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     if (localtime_r(&now, &local) == nullptr) return;
-    const u8 date[] = {static_cast<u8>(local.tm_year % 100), static_cast<u8>(local.tm_mon + 1),
-                       static_cast<u8>(local.tm_mday)};
-    DbfHeader& header = table.base->Header;
-    header.UpdateYear = date[0];
-    header.UpdateMonth = date[1];
-    header.UpdateDay = date[2];
-    if (!writeFileAt(table.base->TableFile, kDatePlace, date, sizeof date)) {
-        refuse(table.path, ": the date of the change cannot be written");
-    }
+    header.UpdateYear = static_cast<u8>(local.tm_year % 100);
+    header.UpdateMonth = static_cast<u8>(local.tm_mon + 1);
+    header.UpdateDay = static_cast<u8>(local.tm_mday);
 }
 
 }  // namespace mira::tables

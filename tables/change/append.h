@@ -1,18 +1,22 @@
-// Appending and changing records, with the counters, the date and the end byte that go with them.
+// Records of new tables, with the counters, the date and the end byte that go with them. (Tables
+// that are there are changed by way of a Change.)
 //
-// Appending a record:                       Changing one:
-//   loadCounters once                         ReadRecord
-//   encodeValue for every column              putValue for the columns that change
-//   advanceCounters                           WriteRecord
-//   newRecord, putValue for every column      stampDate once
+//   loadCounters once
+//   encodeValue for every column
+//   advanceCounters
+//   newRecord, putValue for every column
 //   appendRecord
-//   finishAppend once, or takeBack
+//   finishAppend once
 #pragma once
+
+#include <string>
 
 #include "tables/column/column.h"
 
 namespace mira::tables {
 
+/// Where the file keeps the next value of a counting field; 0 for nowhere.
+u32 counterPlace(const Table& table, const Column& column);
 /// Reads next values and steps of counting fields from the descriptors; where these keep none, the
 /// next value follows the largest in the table.
 void loadCounters(Table& table);
@@ -29,10 +33,9 @@ void cutStray(Table& table);
 void appendRecord(Table& table);
 /// Makes the appended records count: next values, date, record count, end byte. Throws a Refusal.
 void finishAppend(Table& table);
-/// Cuts the table back to a number of records after a failure, what is left of a record after them
-/// included; false when that fails, too.
-bool takeBack(Table& table, u32 records);
-/// Stamps today's date into the header, which otherwise stays as it is. Throws a Refusal.
-void stampDate(Table& table);
+/// The fixed header as it stands in a file, so many bytes of it.
+std::string headerImage(const DbfHeader& header, u32 size);
+/// Stamps today's date into a header in memory.
+void stampHeader(DbfHeader& header);
 
 }  // namespace mira::tables

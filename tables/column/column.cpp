@@ -1,5 +1,7 @@
 #include "tables/column/column.h"
 
+#include <sys/stat.h>
+
 #include "tables/page/refusal.h"
 
 namespace mira::tables {
@@ -75,6 +77,13 @@ void readRecord(const Table& table, u32 record) {
 std::string memoFileOf(const Table& table) {
     const DbfBase& base = *table.base;
     return base.FirstMemoField != -1 && base.MemoFileName != nullptr ? base.MemoFileName : "";
+}
+
+bool isReplaced(const Table& table) {
+    struct stat own = {}, named = {};
+    return fstat(fileno(table.base->TableFile), &own) != 0 ||
+           stat(table.base->FileName, &named) != 0 || own.st_ino != named.st_ino ||
+           own.st_dev != named.st_dev;
 }
 
 u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {

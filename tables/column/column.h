@@ -141,6 +141,10 @@ inline bool isDeleted(const Table& table) { return table.base->RecordBuffer[0] =
 /// The memo file, there or not; empty when no field needs one.
 std::string memoFileOf(const Table& table);
 
+/// Whether the table's name leads to another file by now, or to none: what is written through the
+/// handle would be lost, and the memo file may be that one's.
+bool isReplaced(const Table& table);
+
 /// Bytes of a file, through the library's wrappers; how many were read.
 u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count);
 /// False when not all of them could be written.

@@ -362,14 +362,6 @@ std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     return again;
 }
 
-bool isReplaced(const Table& table) {
-    struct stat open {};
-    struct stat named {};
-    return fstat(fileno(table.base->TableFile), &open) != 0 ||
-           stat(table.path.c_str(), &named) != 0 || open.st_dev != named.st_dev ||
-           open.st_ino != named.st_ino;
-}
-
 void refreshTable(Table& table) {
     RefreshDatabase(table.base.get());
     readStoredHeader(table);

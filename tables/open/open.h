@@ -22,9 +22,6 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
 /// for code page and names again. Throws a Refusal when it cannot be opened or its fields have
 /// changed.
 std::unique_ptr<Table> openAgain(const Table& table, bool writable = false);
-/// Whether the table's name leads to another file by now, or to none: what is written through the
-/// handle would be lost.
-bool isReplaced(const Table& table);
 
 /// Looks again at how many records a table has, which another program may have written meanwhile.
 void refreshTable(Table& table);

@@ -579,12 +579,17 @@ std::string encodeValue(Table& table, const Column& column, const Given& given, 
     return "";
 }
 
-void putValue(Table& table, const Column& column, const Encoded& encoded) {
+void putBytes(Table& table, const Column& column, const Encoded& encoded) {
     DbfBase* const base = table.base.get();
     std::memcpy(base->RecordBuffer + column.offset, encoded.bytes.data(),
                 std::min<std::size_t>(column.length, encoded.bytes.size()));
     setBit(table, column.lengthBit, encoded.partial);
     setBit(table, column.nullBit, encoded.isNull);
+}
+
+void putValue(Table& table, const Column& column, const Encoded& encoded) {
+    DbfBase* const base = table.base.get();
+    putBytes(table, column, encoded);
     if (encoded.memo.empty() && !encoded.hasMemo) return;
     if (!putMemo(table, column, encoded.memo)) {
         const std::string fault = memoFileFault(table);

@@ -57,8 +57,10 @@ struct Encoded {
 /// next value in a new record, whether that is given or nothing; in an old one it takes none.
 std::string encodeValue(Table& table, const Column& column, const Given& given, bool newRecord,
                         Encoded& encoded);
-/// Puts an encoded value into RecordBuffer, null and length bits included, and its memo into the
-/// memo file. Throws a Refusal when the memo cannot be written.
+/// Puts an encoded value into RecordBuffer, null and length bits included, but for its memo.
+void putBytes(Table& table, const Column& column, const Encoded& encoded);
+/// The same, and its memo into the memo file, at once and for good. Throws a Refusal when the memo
+/// cannot be written.
 void putValue(Table& table, const Column& column, const Encoded& encoded);
 
 /// Before bytes that are given as text.

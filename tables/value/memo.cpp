@@ -4,6 +4,8 @@
 // file holds.
 #include "tables/value/memo.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -117,6 +119,42 @@ MemoReference memoReference(const Table& table, const Column& column) {
     return reference;
 }
 
+bool setMemoReference(const Table& table, const Column& column, MemoReference reference) {
+    DbfBase* const base = table.base.get();
+    if (table.memoFormat == MemoFormat::Smt) {
+        constexpr u32 kLengthPlace = 2, kBlockPlace = 6, kSize = 10;
+        if (column.length < kSize) return false;
+        u8* const to = base->RecordBuffer + column.offset;
+        const auto length = bytesLe(reference.length), block = bytesLe(reference.block);
+        std::fill_n(to, kLengthPlace, u8{0});
+        std::copy(length.begin(), length.end(), to + kLengthPlace);
+        std::copy(block.begin(), block.end(), to + kBlockPlace);
+        return true;
+    }
+    if (column.length == 4) {
+        SetInt(base, column.field, reference.block);
+    } else {
+        SetNumeric(base, column.field, reference.block);
+    }
+    return memoReference(table, column).block == reference.block;
+}
+
+void encodeMemo(const Table& table, std::string_view bytes, std::string& image) {
+    const auto put = [&](std::array<u8, 4> number) { image.append(number.begin(), number.end()); };
+    const auto length = static_cast<u32>(bytes.size());
+    if (table.memoFormat == MemoFormat::DBase4) {
+        put(bytesLe(u32{0x0008FFFF}));
+        put(bytesLe(length + kPrefix));
+    } else if (table.memoFormat == MemoFormat::FoxPro) {
+        auto big = bytesLe(length);
+        std::reverse(big.begin(), big.end());
+        put({0, 0, 0, 1});
+        put(big);
+    }
+    image.append(bytes);
+    if (table.memoFormat == MemoFormat::DBase3) image += kMemoEnd;
+}
+
 u32 memoUnit(const Table& table) {
     return table.memoFormat == MemoFormat::DBase3 ? kDBase3Unit : GetBlockSize(table.base.get());
 }
@@ -139,7 +177,7 @@ bool openMemos(MemoReader& reader, const Table& table) {
         if (table.base->MemoFileName != nullptr) {
             reader.file.reset(Open_FileRO(table.base->MemoFileName));
         }
-        if (IsPackUnfinished(table.base.get()) != 0) reader.file.reset();
+        if (IsPackUnfinished(table.base.get()) != 0 || isReplaced(table)) reader.file.reset();
         if (reader.file) {
             reader.unit = memoUnit(table);
             reader.size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);

@@ -30,6 +30,10 @@ struct MemoReference {
 /// Whether the column is a memo field whose length can hold a reference.
 bool holdsReference(const Column& column);
 MemoReference memoReference(const Table& table, const Column& column);
+/// Stores a reference in RecordBuffer; false when its field cannot hold it.
+bool setMemoReference(const Table& table, const Column& column, MemoReference reference);
+/// Appends a memo as it stands in the memo file, from the start of a block.
+void encodeMemo(const Table& table, std::string_view bytes, std::string& image);
 
 enum class MemoResult : u8 { None, Found, Cut, Failed };
 

@@ -207,9 +207,6 @@ TEST(Store, AppendsAndCounts) {
     EXPECT_EQ(file.substr(4, 4), "\2\0\0\0"s);
     EXPECT_EQ(file.substr(32 + 19, 5), "\x11\0\0\0\5"s);
     EXPECT_EQ(file.substr(97), " \7\0\0\0a  \x0C\0\0\0b \x1A"s);
-    tables::appendRecord(*table);
-    EXPECT_TRUE(tables::takeBack(*table, 2));
-    EXPECT_EQ(readAll(dir.file("t.dbf")).size(), file.size());
 }
 
 TEST(Store, MemosAndBackups) {
@@ -228,20 +225,22 @@ TEST(Store, MemosAndBackups) {
               "!a memo of dBase III ends at a byte 1A, which the value holds");
     EXPECT_EQ(stored(*table, "G", Given::cell("")), "          ");
 
+    const tables::ChangeNames names(table->path);
+    const auto fileOf = [&](const char* name) { return readAll(dir.file(name)); };
     writeAll(dir.file("t.bak"), "old");
-    tables::makeBackups(*table);
-    EXPECT_EQ(readAll(dir.file("t.bak")), readAll(dir.file("t.dbf")));
-    EXPECT_EQ(readAll(dir.file("t.tbk")), readAll(dir.file("t.dbt")));
-    writeAll(dir.file("t.bak"), "old");
+    writeAll(dir.file("t.tbk"), "its memos");
+    tables::makeBackups(*table, names, 3);
+    EXPECT_EQ(fileOf("t.bak"), fileOf("t.dbf"));
+    EXPECT_EQ(fileOf("t.tbk"), fileOf("t.dbt"));
+    EXPECT_EQ(fileOf("t.bak1") + fileOf("t.tbk1"), "oldits memos");
     {
         const FileSizeLimit full(20);
-        EXPECT_THROW(tables::makeBackups(*table), tables::Refusal);
+        EXPECT_THROW(tables::makeBackups(*table, names, 3), tables::Refusal);
     }
-    EXPECT_EQ(readAll(dir.file("t.bak")), "old") << "an older copy outlives a failure";
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(
-                                std::filesystem::path(dir.file("t.dbf")).parent_path()),
-                            {}),
-              4);
+    EXPECT_TRUE(tables::removeNewFiles(names));
+    EXPECT_EQ(fileOf("t.bak1"), "old") << "older copies outlive a failure";
+    for (int i = 0; i < 3; ++i) tables::makeBackups(*table, names, 2);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.file("")), {}), 6);
 }
 
 }  // namespace

@@ -1,32 +1,18 @@
 #include "command/change.h"
 
-#include "tables/change/append.h"
+#include <utility>
+
 #include "tables/change/backup.h"
-#include "tables/open/find.h"
-#include "tables/open/open.h"
+#include "tables/change/recovery.h"
 #include "tables/page/refusal.h"
-#include "tables/store/store.h"
 #include "terminal/message.h"
 #include "terminal/status.h"
 
 namespace mira::tool {
 namespace {
 
-void changeAll(Selection& selection, const ChangeOptions& options,
-               const std::function<bool(u32)>& change) {
-    while (nextRow(selection)) {
-        if (options.dryRun) continue;
-        if (selection.rows == 1) beginChange(*selection.table, options);
-        if (change(selection.position - 1)) continue;
-        --selection.rows;
-        refuse(selection.table->path, ": record ", u64{selection.cells.record} + 1,
-               " cannot be written");
-    }
-}
-
 void tellChanged(const Selection& selection, const char* verb, const ChangeOptions& options) {
-    Table& table = *selection.table;
-    if (selection.rows != 0 && !options.dryRun) stampDate(table);
+    const Table& table = *selection.table;
     note("{}: {} of {} {}{}", table.path, selection.rows,
          counted(table.base->Header.RecordCount, "record"), options.dryRun ? "would be " : "",
          verb);
@@ -35,7 +21,12 @@ void tellChanged(const Selection& selection, const char* verb, const ChangeOptio
 }  // namespace
 
 void addChangeOptions(CLI::App& command, ChangeOptions& options) {
-    command.add_flag("--no-backup", options.noBackup, "Make no backup copies (.bak, .tbk)");
+    auto* const none =
+        command.add_flag("--no-backup", options.noBackup, "Make no backup copies (.bak, .tbk)");
+    command.add_option("--backups", options.backups, "How many backups to keep, this one included")
+        ->type_name("N")
+        ->check(CLI::Range(u32{1}, kBackupsMost).description(""))
+        ->excludes(none);
     command.add_flag("--dry-run", options.dryRun, "Only tell what would be done");
 }
 
@@ -44,20 +35,38 @@ void addForceOption(CLI::App& command, ChangeOptions& options) {
 }
 
 std::unique_ptr<Table> openToChange(const std::string& name, const TableOptions& options) {
-    TableOptions writable = options;
-    writable.writable = true;
-    auto table = openTable(name, writable);
-    checkWritable(*table);
-    return table;
+    Opened opened = openForChange(name, options);
+    for (const std::string& sentence : opened.notes) tellError(sentence);
+    return std::move(opened.table);
 }
 
 void refuseBesideShapes(const Table& table, const ChangeOptions& options) {
     if (!options.force) refuseBesideShapes(table, "--force changes them all the same");
 }
 
-void beginChange(const Table& table, const ChangeOptions& options) {
+BackupPlan backupsOf(const ChangeOptions& options) { return {!options.noBackup, options.backups}; }
+
+void tellStale(const Table& table) {
     if (const std::string stale = staleIndexes(table); !stale.empty()) note("{}", stale);
-    if (!options.noBackup) makeBackups(table);
+}
+
+Changing::Changing(Table& table, const ChangeOptions& options) : path_(table.path) {
+    tellStale(table);
+    change_.emplace(table, backupsOf(options));
+}
+
+void Changing::commit() {
+    change_->commit();
+    committed_ = true;
+}
+
+Changing::~Changing() {
+    const std::string later = change_->undo();
+    if (!later.empty()) {
+        error("{}: {}", path_, later);
+    } else if (stopped() && !committed_) {
+        note("{}: stopped; nothing is changed", path_);
+    }
 }
 
 void addWhichOptions(CLI::App& command, WhichOptions& options) {
@@ -78,13 +87,15 @@ std::unique_ptr<Selection> selectToChange(const WhichOptions& options, const std
 }
 
 void changeRecords(Selection& selection, const char* verb, const ChangeOptions& options,
-                   const std::function<bool(u32 position)>& change) {
-    try {
-        changeAll(selection, options, change);
-    } catch (...) {
-        tellChanged(selection, verb, options);
-        throw;
+                   const std::function<void(Change&, u32 record)>& work) {
+    std::optional<Changing> changing;
+    while (nextRow(selection)) {
+        if (options.dryRun) continue;
+        if (!changing) changing.emplace(*selection.table, options);
+        work(**changing, selection.cells.record);
     }
+    leaveIfStopped();
+    if (changing) changing->commit();
     tellFaults(selection);
     tellChanged(selection, verb, options);
 }

@@ -4,34 +4,56 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "select/selection.h"
 #include "tables.h"
+#include "tables/change/change.h"
 #include "tables/column/column.h"
 
 namespace mira::tool {
 
 struct ChangeOptions {
     bool noBackup = false;
+    u32 backups = 3;
     bool dryRun = false;
     bool force = false;
 };
 
-/// --no-backup and --dry-run.
+/// --no-backup, --backups and --dry-run.
 void addChangeOptions(CLI::App& command, ChangeOptions& options);
 /// --force, for commands that change the number or order of records.
 void addForceOption(CLI::App& command, ChangeOptions& options);
 
-/// Opens a table for writing; throws a Refusal when it or its memo file cannot be written.
+/// Opens a table for writing and locks it; throws a Refusal when it or its memo file cannot be
+/// written, or another program changes it.
 std::unique_ptr<Table> openToChange(const std::string& name, const TableOptions& options);
 
 /// Throws a Refusal beside a ".shp" file, whose shapes go by record number.
 void refuseBesideShapes(const Table& table, const ChangeOptions& options);
-/// Just before the first write: backups, and a warning of index files. Not to be called for
-/// --dry-run.
-void beginChange(const Table& table, const ChangeOptions& options);
+BackupPlan backupsOf(const ChangeOptions& options);
+/// Tells which index files will not be kept up. Not to be called for --dry-run.
+void tellStale(const Table& table);
+
+/// A change in place. Unless it is committed all is put back when it goes.
+class Changing {
+public:
+    /// Makes backups, and warns of index files. Throws a Refusal.
+    Changing(Table& table, const ChangeOptions& options);
+    ~Changing();
+    Changing(const Changing&) = delete;
+    /// Throws a Refusal.
+    void commit();
+    Change* operator->() { return &*change_; }
+    Change& operator*() { return *change_; }
+
+private:
+    const std::string path_;
+    std::optional<Change> change_;
+    bool committed_ = false;
+};
 
 /// Filter and --all of the commands that change records.
 struct WhichOptions {
@@ -44,10 +66,9 @@ void addWhichOptions(CLI::App& command, WhichOptions& options);
 std::unique_ptr<Selection> selectToChange(const WhichOptions& options, const std::string& table,
                                           const char* what, Deleted deleted);
 
-/// Changes the records of a selection one by one and tells what came of it, "3 of 120 records
-/// changed", also when it was stopped half-way. change is given the view position of the record in
-/// RecordBuffer, and returns false when that cannot be written.
+/// Changes the records of a selection, all of them or none, and tells what came of it, "3 of 120
+/// records changed". work is given the number of the record in RecordBuffer, from 0.
 void changeRecords(Selection& selection, const char* verb, const ChangeOptions& options,
-                   const std::function<bool(u32 position)>& change);
+                   const std::function<void(Change&, u32 record)>& work);
 
 }  // namespace mira::tool

@@ -2,6 +2,7 @@
 #include "check/damage.h"
 #include "command/commands.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
@@ -52,7 +53,7 @@ void putSummary(Output& out, const Table& table, const Counts& counts, bool json
 }
 
 Status checkOne(Output& out, const std::string& name, const Options& options, Listing& listing) {
-    const auto table = openTable(name, options.table, &listing);
+    const auto table = openToRead(name, options.table, &listing);
     tellPage(*table);
     Counts counts;
     checkTable(*table, [&](const Finding& finding) {
@@ -69,7 +70,7 @@ Status run(const Options& options) {
     Output out(targetOf("-"), false);
     Listing listing;
     const Status status = eachTable(
-        findTables(options.tables.names, options.tables.recursive, &listing),
+        findToRead(options.tables.names, options.tables.recursive, &listing),
         [&](const std::string& name) { return checkOne(out, name, options, listing); }, &out);
     out.finish();
     return status;

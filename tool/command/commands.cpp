@@ -18,6 +18,7 @@ void addDelete(CLI::App& program, Job& job);
 void addRecall(CLI::App& program, Job& job);
 void addPack(CLI::App& program, Job& job);
 void addZap(CLI::App& program, Job& job);
+void addUndo(CLI::App& program, Job& job);
 void addCheck(CLI::App& program, Job& job);
 void addHelp(CLI::App& program, Job& job);
 void addCompletion(CLI::App& program, Job& job);

@@ -13,6 +13,7 @@
 #include "command/commands.h"
 #include "rows/database.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
@@ -381,7 +382,8 @@ Status statusOf(const Work& work) {
 Status run(const Options& options) {
     Work work;
     work.options = options;
-    work.tables = findWithFolders(options.tables.names, options.tables.recursive, &work.listing);
+    work.tables =
+        findWithFoldersToRead(options.tables.names, options.tables.recursive, &work.listing);
     work.several = work.tables.size() > 1 || isFolder(options.tables.names.front());
     chooseFormat(work);
     const bool database = work.options.format == Format::Sqlite;

@@ -1,7 +1,7 @@
 // mira import: CSV into a new table or to the end of one that is there.
 //
-// A new table is made in a folder of its own beside its place and moved there when it is whole.
-// What is appended is checked first, all of it, and cut off again when writing fails.
+// A new table is made beside its place and moved there when it is whole. What is appended is
+// checked first, all of it.
 #include <algorithm>
 #include <filesystem>
 #include <optional>
@@ -11,9 +11,10 @@
 #include "command/commands.h"
 #include "input/csvreader.h"
 #include "input/schema.h"
-#include "input/workfolder.h"
+#include "select/opening.h"
 #include "tables/change/append.h"
-#include "tables/change/backup.h"
+#include "tables/change/recovery.h"
+#include "tables/change/swap.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
@@ -149,7 +150,8 @@ struct Importer {
     bool isNew = false;      ///< counting columns of a new table keep the values that are given
     bool asWritten = false;  ///< numbers stay as they are written
     std::vector<Encoded> values{};
-    std::set<int> counted{};  ///< fields of counting columns that have values
+    std::set<int> counted{};   ///< fields of counting columns that have values
+    Change* change = nullptr;  ///< of a table that is there; a new one is written as it is
 };
 
 void tellCell(Importer& importer, u64 line, const std::string& what) {
@@ -206,14 +208,17 @@ void encodeRow(Importer& importer, const CsvRow& row) {
 void writeRow(Importer& importer, const CsvRow& row) {
     Table& table = importer.table;
     newRecord(table);
+    Change* const change = importer.change;
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
-        putValue(table, table.columns[i], importer.values[i]);
+        const Column& column = table.columns[i];
+        const Encoded& value = importer.values[i];
+        change != nullptr ? change->put(column, value) : putValue(table, column, value);
     }
     const std::size_t deletion = importer.mapping.deletion;
     if (deletion < row.cells.size() && sameText(row.cells[deletion].text, "true")) {
         table.base->RecordBuffer[0] = '*';
     }
-    appendRecord(table);
+    change != nullptr ? change->appendRecord() : appendRecord(table);
 }
 
 enum class Pass : u8 {
@@ -265,19 +270,12 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
     takeRows(importer, Pass::Check, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     if (!options.change.dryRun && importer.rows != 0) {
-        const u32 before = table->base->Header.RecordCount;
-        beginChange(*table, options.change);
-        cutStray(*table);
+        Changing changing(*table, options.change);
+        importer.change = &*changing;
         importer.silent = true;
-        try {
-            takeRows(importer, Pass::Write, false);
-            finishAppend(*table);
-        } catch (...) {
-            if (!takeBack(*table, before)) {
-                error("{}: the records that were appended cannot be cut off again", table->path);
-            }
-            throw;
-        }
+        takeRows(importer, Pass::Write, false);
+        leaveIfStopped();
+        changing.commit();
     }
     tellPage(*table);
     return tellImported(importer, table->path, "appended", options.change.dryRun);
@@ -312,7 +310,7 @@ Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::st
     Plan plan;
     plan.codePage = options.codePage;
     if (!options.like.empty()) {
-        plan.like = openTable(options.like, {.codePage = options.codePage});
+        plan.like = openToRead(options.like, {.codePage = options.codePage});
         plan.codePage = pageName(*plan.like->page.page);
         return plan;
     }
@@ -365,23 +363,26 @@ void checkFree(const Table& table, const Target& target, const Options& options)
     }
 }
 
-/// Moves the memo file, if there is one, and then the table to their places.
-void moveFiles(const Table& table, const fs::path& made, const Target& target,
-               const Options& options) {
-    checkFree(table, target, options);
-    if (target.exists && !options.change.noBackup) makeBackups(*openTable(target.path, {}));
-    const fs::path memos = memoTarget(table, target);
-    if (!memos.empty()) fs::rename(memoFileOf(table), memos);
-    fs::rename(made, target.path);
+/// The table that is there, locked; null when there is none, or nothing that needs a backup.
+std::unique_ptr<Table> openOld(const Target& target, const Options& options) {
+    tellRecovery(recoverNamed(target.path));
+    if (!target.exists) return nullptr;
+    try {
+        return openToChange(target.path, {});
+    } catch (const Refusal&) {
+        if (!options.change.noBackup) throw;
+        return nullptr;
+    }
 }
 
 Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
     const Target target = newTarget(options);
     const Plan plan = planTable(options, csv, headings);
-    const WorkFolder folder(target.path);
-    const fs::path path = folder.path() / fs::path(target.path).filename();
-    makeEmptyTable({target.path, path.string()}, plan, options);
-    const auto table = openTable(path.string(), {.codePage = plan.codePage, .writable = true});
+    const std::unique_ptr<Table> old = openOld(target, options);
+    std::optional<Swap> swap;
+    old ? swap.emplace(target.path, memoFileOf(*old)) : swap.emplace(target.path);
+    makeEmptyTable({target.path, swap->newTable()}, plan, options);
+    auto table = openTable(swap->newTable(), {.codePage = plan.codePage, .writable = true});
     table->path = target.path;  // for messages: there it will be
     checkFree(*table, target, options);
     Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
@@ -390,7 +391,10 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     takeRows(importer, Pass::Write, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
-    if (!options.change.dryRun) moveFiles(*table, path, target, options);
+    checkFree(*table, target, options);
+    const std::string memos = memoTarget(*table, target).filename().string();
+    leaveIfStopped();
+    if (!options.change.dryRun) swap->commit(backupsOf(options.change), memos);
     return tellImported(importer, target.path, "written", options.change.dryRun);
 }
 

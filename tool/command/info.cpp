@@ -3,6 +3,7 @@
 #include "command/facts.h"
 #include "rows/grid.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "tables/change/append.h"
 #include "tables/open/find.h"
@@ -193,7 +194,7 @@ Status run(const Options& options) {
     bool first = true;
     Listing listing;
     const auto show = [&](const std::string& name) {
-        const auto table = openTable(name, options.table, &listing);
+        const auto table = openToRead(name, options.table, &listing);
         const Facts facts = factsOf(*table, true, &listing);
         loadCounters(*table);
         if (!std::exchange(first, false) && !options.json) out.put('\n');
@@ -202,7 +203,7 @@ Status run(const Options& options) {
         return kDone;
     };
     const Status status =
-        eachTable(findTables(options.tables.names, options.tables.recursive, &listing), show, &out);
+        eachTable(findToRead(options.tables.names, options.tables.recursive, &listing), show, &out);
     out.finish();
     return status;
 }

@@ -7,7 +7,7 @@
 #include "command/commands.h"
 #include "rows/output.h"
 #include "rows/writer.h"
-#include "tables/change/append.h"
+#include "select/opening.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
@@ -105,7 +105,7 @@ void putBytes(const Options& options, const Table& table, std::string_view bytes
 
 /// The memo as a value or, for -o, its bytes.
 Status takeOut(const Options& options) {
-    const auto table = openTable(options.table, options.select.table);
+    const auto table = openToRead(options.table, options.select.table);
     const Column& column = memoColumn(*table, options.field);
     readRecordNumbered(*table, *options.record);
     CellReader cells(*table);
@@ -207,12 +207,11 @@ Status putIn(const Options& options) {
     const std::string name = nameOf(*table, *options.record, column);
     if (!reason.empty()) refuse(name, ": ", reason);
     if (!options.change.dryRun) {
-        beginChange(*table, options.change);
-        putValue(*table, column, encoded);
-        if (WriteRecord(table->base.get(), static_cast<u32>(*options.record - 1)) == 0) {
-            refuse(name, ": the record cannot be written; it keeps its old memo");
-        }
-        stampDate(*table);
+        Changing changing(*table, options.change);
+        changing->put(column, encoded);
+        changing->writeRecord(static_cast<u32>(*options.record - 1));
+        leaveIfStopped();
+        changing.commit();
     }
     tellPage(*table);
     note("{}: 1 of {} {}changed", table->path, counted(table->base->Header.RecordCount, "record"),

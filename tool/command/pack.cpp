@@ -1,14 +1,13 @@
 // mira pack: deleted records go, and what the memo file holds for nobody.
+#include "tables/change/pack.h"
+
 #include <filesystem>
 
 #include "check/memoloss.h"
 #include "command/change.h"
 #include "command/commands.h"
 #include "command/facts.h"
-#include "tables/change/append.h"
-#include "tables/change/backup.h"
-#include "tables/open/find.h"
-#include "tables/page/refusal.h"
+#include "tables/change/swap.h"
 #include "tables/value/memo.h"
 #include "terminal/message.h"
 
@@ -23,6 +22,12 @@ struct Options {
     bool dropMemos = false;
 };
 
+u64 memoSizeOf(const Table& table) {
+    std::error_code error;
+    const auto size = fs::file_size(memoFileOf(table), error);
+    return error ? 0 : size;
+}
+
 /// The library leaves the old memo file beside the new one, "~" for the first letter of its
 /// extension; the backup copy already is one.
 void removeOldMemos(const Table& table) {
@@ -34,38 +39,21 @@ void removeOldMemos(const Table& table) {
     fs::remove(old.replace_extension(extension), ignored);
 }
 
-/// A memo file whose header gives no block size holds no memo that can be found, and is rebuilt
-/// only when nothing refers to it.
-void clearReferences(const Table& table) {
-    DbfBase* const base = table.base.get();
-    const u32 count = base->Header.RecordCount;
-    for (u32 record = 0; record < count; ++record) {
-        readRecord(table, record);
-        for (const auto* columns : {&table.columns, &table.system}) {
-            for (const Column& column : *columns) {
-                if (holdsReference(column)) ClearField(base, column.field);
-            }
-        }
-        if (WriteRecord(base, record) == 0) {
-            refuse(table.path, ": record ", u64{record} + 1, " cannot be written");
-        }
-    }
-}
-
-/// Ctrl-C waits until a step is done: half of one is nothing to leave behind.
-void packSteps(Table& table, bool losesMemos) {
-    cutStray(table);
-    enum : u32 { kRecords = 1, kMemos = 2 };
-    for (const u32 step : {kRecords, kMemos}) {
-        leaveIfStopped();
+void packFiles(Table& table, const ChangeOptions& options) {
+    if (IsPackUnfinished(table.base.get()) == 1) {
         const HoldSignals held;
-        if (step == kMemos && losesMemos && memoUnit(table) == 0) clearReferences(table);
-        if (Pack(table.base.get(), step) != 0) continue;
-        refuse(
-            table.path,
-            ": cannot be packed: the disk may be full, or the log of an interrupted pack damaged. "
-            "No record and no memo is lost");
+        finishPack(table);
+        removeOldMemos(table);
     }
+    const std::string memos = memoFileOf(table);
+    Swap swap(table.path, memos);
+    checkRoom(swap.newTable(), table.fileSize + memoSizeOf(table));
+    Progress progress(table.path, table.base->Header.RecordCount);
+    packInto(table, swap, Kept::Live, [&] {
+        leaveIfStopped();
+        progress.add(1);
+    });
+    swap.commit(backupsOf(options), memos);
 }
 
 void tellStray(const Table& table, u64 bytes, const char* would) {
@@ -88,10 +76,9 @@ Status packTable(const std::string& name, const Options& packing) {
         tellStray(*table, stray, "would be ");
         return lost != 0 ? kFound : kDone;
     }
-    beginChange(*table, options);
-    packSteps(*table, lost != 0);
-    removeOldMemos(*table);
-    const u64 after = factsOf(*table, false).memoSize;
+    tellStale(*table);
+    packFiles(*table, options);
+    const u64 after = memoSizeOf(*table);
     note("{}: {} of {} and {} of {} memo bytes freed", table->path, before.deleted, records,
          before.memoSize > after ? before.memoSize - after : 0, before.memoSize);
     tellStray(*table, stray, "");

@@ -7,6 +7,7 @@
 #include "rows/database.h"
 #include "rows/grid.h"
 #include "rows/writer.h"
+#include "select/opening.h"
 #include "select/selection.h"
 #include "sqlite/attach.h"
 #include "sqlite/letters.h"
@@ -108,7 +109,7 @@ Status attachTables(sqlite3* connection, const Options& options) {
     const auto& [names, recursive] = options.tables;
     const std::vector<std::string> here{"."};
     return eachTable(
-        findTables(names.empty() ? here : names, recursive), [&](const std::string& path) {
+        findToRead(names.empty() ? here : names, recursive), [&](const std::string& path) {
             const std::string name = sql::attachTable(connection, path, moduleOptions(options));
             if (name != stemOf(path)) note("{} is {}", name, path);
             return kDone;

@@ -50,9 +50,9 @@ Status run(const Options& options) {
     const auto selection = selectToChange(options.which, options.name, "change", Deleted::Skip);
     Table& table = *selection->table;
     const std::vector<Assignment> assignments = assignmentsOf(table, options.assignments);
-    changeRecords(*selection, "changed", options.change, [&](u32 position) {
-        for (const auto& [column, value] : assignments) putValue(table, *column, value);
-        return WriteRecord(table.base.get(), position) != 0;
+    changeRecords(*selection, "changed", options.change, [&](Change& change, u32 record) {
+        for (const auto& [column, value] : assignments) change.put(*column, value);
+        change.writeRecord(record);
     });
     return kDone;
 }

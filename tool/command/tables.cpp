@@ -4,6 +4,7 @@
 #include "command/commands.h"
 #include "command/facts.h"
 #include "rows/grid.h"
+#include "select/opening.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
@@ -41,11 +42,11 @@ Status run(const Options& options) {
     std::vector<std::vector<std::string>> rows;
     Listing listing;
     const auto addRow = [&](const std::string& path) {
-        rows.push_back(rowOf(*openTable(path, options.table, &listing), options.folder, listing));
+        rows.push_back(rowOf(*openToRead(path, options.table, &listing), options.folder, listing));
         return kDone;
     };
     const Status status =
-        eachTable(findTables({options.folder}, options.recursive, &listing), addRow);
+        eachTable(findToRead({options.folder}, options.recursive, &listing), addRow);
     Output out(targetOf("-"), false);
     if (!rows.empty()) putGrid(out, grid, rows);
     out.finish();

@@ -5,8 +5,8 @@
 
 #include "command/change.h"
 #include "command/commands.h"
-#include "tables/change/append.h"
-#include "tables/change/backup.h"
+#include "tables/change/pack.h"
+#include "tables/change/swap.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
 
@@ -41,15 +41,14 @@ Status run(const Options& options) {
             note("{}: nothing changed", table->path);
             return kDone;
         }
-        beginChange(*table, options.change);
-        cutStray(*table);
-        if (Zap(table->base.get()) == 0) refuse(table->path, ": cannot be cut; nothing is changed");
+        tellStale(*table);
+        finishPack(*table);
+        Swap swap(table->path, memoFileOf(*table));
+        packInto(*table, swap, Kept::None, leaveIfStopped);
+        swap.commit(backupsOf(options.change), memoFileOf(*table));
     }
     note("{}: {} {}taken out", table->path, counted(count, "record"),
          options.change.dryRun ? "would be " : "");
-    if (table->base->FirstMemoField != -1 && count != 0) {
-        note("{}: the memo file keeps its size; `mira pack` frees it", table->path);
-    }
     return kDone;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "select/filter.h"
+#include "select/opening.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
@@ -154,7 +155,7 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
 
 std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options,
                                       Listing* listing) {
-    return selectFrom(openTable(path, options.table, listing), options);
+    return selectFrom(openToRead(path, options.table, listing), options);
 }
 
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options) {

@@ -1,0 +1,35 @@
+// mira undo: the newest backup back in place.
+#include "tables/change/undo.h"
+
+#include "command/commands.h"
+#include "terminal/message.h"
+
+namespace mira::tool {
+namespace {
+
+struct Options {
+    std::string name;
+    bool dryRun = false;
+};
+
+Status run(const Options& options) {
+    const HoldSignals held;
+    const Undone undone = options.dryRun ? wouldUndo(options.name) : undoLast(options.name);
+    for (const std::string& sentence : undone.notes) tellError(sentence);
+    note("{}: {} {} with it", undone.table, undone.backup,
+         options.dryRun ? "would be exchanged" : "is exchanged");
+    return kDone;
+}
+
+}  // namespace
+
+void addUndo(CLI::App& program, Job& job) {
+    const auto [command, options] = newCommand(
+        program, job, "undo", "Put the newest backup back; a second time: as before", run,
+        "Examples:\n"
+        "  mira undo stock");
+    command.add_option("TABLE", options.name, "The table")->required();
+    command.add_flag("--dry-run", options.dryRun, "Only tell what would be done");
+}
+
+}  // namespace mira::tool
