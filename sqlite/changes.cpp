@@ -1,5 +1,7 @@
 #include "changes.h"
 
+#include <algorithm>
+
 #include "shortcut.h"
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
@@ -42,12 +44,33 @@ bool isSame(const Stored& stored, sqlite3_value* value) {
     return stored.storage == given.storage && stored.bytes == given.bytes;
 }
 
+bool isSame(const std::vector<Column>& a, const std::vector<Column>& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const Column& x, const Column& y) {
+        return x.name == y.name && x.type == y.type && x.offset == y.offset &&
+               x.length == y.length && x.decimals == y.decimals;
+    });
+}
+
 }  // namespace
 
+void Changes::refuseLost() const {
+    if (lost_) tables::refuse(table_.path, ": its fields have changed since it was opened");
+}
+
 void Changes::begin() {
-    if (!tables::isReplaced(table_)) return;
-    table_.base = std::move(tables::openAgain(table_, true)->base);
-    backedUp_ = false;
+    refuseLost();
+    if (tables::isReplaced(table_)) backedUp_ = false;
+    const std::vector<Column> declared = table_.columns;
+    for (const std::string& note : tables::lockForChange(table_)) {
+        host_.tell(Notice::Remark, note);
+    }
+    if (!isSame(declared, table_.columns)) {
+        table_.columns = declared;
+        lost_ = true;
+        tables::unlock(table_);
+        refuseLost();
+    }
+    tables::refreshTable(table_);
 }
 
 void Changes::refuse(const Row& row, const std::string& what) const {
@@ -60,10 +83,6 @@ void Changes::refuse(const Row& row, const std::string& what) const {
 void Changes::prepare() {
     if (!rows_.empty()) return;
     tables::checkWritable(table_);
-    for (const std::string& note : tables::lockForChange(table_)) {
-        host_.tell(Notice::Remark, note);
-    }
-    tables::refreshTable(table_);
     tables::loadCounters(table_);
     table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
     added_ = 0;

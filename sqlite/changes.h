@@ -32,6 +32,8 @@ public:
     void write();
     /// Forgets what is held.
     void drop();
+    /// Throws a Refusal once the table has been found to have other fields than were declared.
+    void refuseLost() const;
 
 private:
     enum class Mark : u8 { Keep, Live, Deleted };
@@ -73,6 +75,7 @@ private:
     std::optional<u32> cellsOf_;               ///< of which record
     u32 added_ = 0;
     bool backedUp_ = false;
+    bool lost_ = false;
 };
 
 }  // namespace mira::sql

@@ -12,22 +12,22 @@ constexpr std::size_t kHiddenColumns = 2;  // _record, _deleted
 
 class Columns {
 public:
-    /// The table must outlive it and keep its columns where they are.
+    /// The table must outlive it and keep as many columns.
     explicit Columns(const tables::Table& table)
-        : shown_(table.columns.data()),
+        : table_(&table),
           count_(table.columns.size()),
           hidden_{tables::extraColumn(table, "_record", tables::Kind::RecordNumber),
                   tables::extraColumn(table, "_deleted", tables::Kind::Deletion)} {}
 
     std::size_t size() const { return count_ + kHiddenColumns; }
     const tables::Column& operator[](std::size_t i) const {
-        return i < count_ ? shown_[i] : hidden_[i - count_];
+        return i < count_ ? table_->columns[i] : hidden_[i - count_];
     }
     /// The number of _record; _deleted follows.
     std::size_t recordNumber() const { return count_; }
 
 private:
-    const tables::Column* shown_;
+    const tables::Table* table_;
     std::size_t count_;
     tables::Column hidden_[kHiddenColumns];
 };

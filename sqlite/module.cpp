@@ -123,6 +123,7 @@ void tellNotes(VirtualTable& of) {
 int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
     return guarded(&table->zErrMsg, [&] {
         tellNotes(tableOf(table));
+        if (tableOf(table).changes) tableOf(table).changes->refuseLost();
         auto cursor = std::make_unique<Cursor>();
         cursor->table = tables::openAgain(*tableOf(table).table);
         cursor->cells.emplace(*cursor->table);

@@ -24,9 +24,9 @@ void addHelp(CLI::App& program, Job& job);
 void addCompletion(CLI::App& program, Job& job);
 namespace {
 using AddCommand = void (*)(CLI::App& program, Job& job);
-constexpr AddCommand kCommands[] = {addInfo, addTables, addShow,  addExport, addQuery,
-                                    addMemo, addImport, addSet,   addDelete, addRecall,
-                                    addPack, addZap,    addCheck, addHelp,   addCompletion};
+constexpr AddCommand kCommands[] = {
+    addInfo,   addTables, addShow, addExport, addQuery, addMemo,  addImport, addSet,
+    addDelete, addRecall, addPack, addZap,    addUndo,  addCheck, addHelp,   addCompletion};
 }  // namespace
 
 void addCommands(CLI::App& program, Job& job) {
