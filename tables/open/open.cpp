@@ -219,14 +219,10 @@ void nameForLibrary(Table& table) {
     }
 }
 
-void readAsText(Table& table) {
+void readNamedAsText(Table& table) {
     for (const std::string& name : table.options.asText) {
         const auto index = &columnNamed(table, name) - table.columns.data();
-        Column& column = table.columns[static_cast<std::size_t>(index)];
-        column.untranslated = false;
-        if (column.kind == Kind::Blob) column.kind = Kind::Memo;
-        if (column.kind == Kind::Varbinary) column.kind = Kind::Varchar;
-        if (column.kind == Kind::Bytes) column.kind = Kind::Text;
+        readAsText(table.columns[static_cast<std::size_t>(index)]);
     }
 }
 
@@ -270,7 +266,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     if (options.longNames) takeLongNames(*table);
     makeUnique(table->columns);
     nameForLibrary(*table);
-    readAsText(*table);
+    readNamedAsText(*table);
     noteUnknownTypes(*table);
     const std::string fault = memoFileFault(*table);
     if (!fault.empty()) table->notes.push_back(fault);
@@ -290,6 +286,19 @@ std::unique_ptr<Table> openAgain(const Table& table) {
     base->FirstMemoField = table.base->FirstMemoField;
     GetMemoType(base);
     return again;
+}
+
+void readAsText(Column& column) {
+    column.untranslated = false;
+    if (column.kind == Kind::Blob) column.kind = Kind::Memo;
+    if (column.kind == Kind::Varbinary) column.kind = Kind::Varchar;
+    if (column.kind == Kind::Bytes) column.kind = Kind::Text;
+}
+
+void readAsBytes(Column& column) {
+    const bool memo = column.kind == Kind::Memo || column.kind == Kind::Blob;
+    const bool variable = column.kind == Kind::Varchar || column.kind == Kind::Varbinary;
+    column.kind = memo ? Kind::Blob : variable ? Kind::Varbinary : Kind::Bytes;
 }
 
 std::string countRepair(const Table& table) {

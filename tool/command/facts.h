@@ -1,27 +1,12 @@
-// What is known of a table without its values, for `info` and `tables`.
+// Facts that take reading every record.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "tables.h"
-#include "tables/column/column.h"
+#include "tables/open/facts.h"
 
 namespace mira::tool {
 
-struct Facts {
-    std::string updated;  // "2024-03-05"; empty when the header has no date
-    u64 deleted = 0;
-    bool hasMemos = false;
-    std::string memoFile;  // empty: it is missing, or there is none to be
-    u32 memoUnit = 0;
-    u64 memoSize = 0;
-    std::vector<std::string> indexFiles;
-    bool indexFlag = false;  // header byte 28 says that there is a structural index
-    std::vector<std::string> repairs;
-};
-
-/// Reads every record to count the deleted ones when countRecords is set.
-Facts factsOf(Table& table, bool countRecords);
+/// With countRecords deleted ones are counted. Throws a Refusal, or Stopped.
+Facts factsOf(const Table& table, bool countRecords);
 
 }  // namespace mira::tool

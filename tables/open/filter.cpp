@@ -2,19 +2,17 @@
 // quotes; parentheses are counted in quotes, too; the operator is the first of > < = ~ ^ + - / * (
 // ) outside quotes, so what stands left of it must be a bare name; a condition longer than 511
 // characters with its values is false.
-#include "select/filter.h"
+#include "tables/open/filter.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
-#include "terminal/message.h"
-#include "terminal/progress.h"
-#include "terminal/status.h"
 
-namespace mira::tool {
+namespace mira::tables {
 namespace {
 
 constexpr std::string_view kOperators = "><=~^+-/*()";
@@ -182,13 +180,14 @@ bool isTextColumn(const Column& column) {
 
 /// A blank left of the operator, or after one that does not search inside texts, is hardly meant.
 void noteBlanks(const Column& column, std::string_view condition, std::size_t place,
-                std::string_view right) {
+                std::string_view right, std::vector<std::string>& notes) {
     constexpr std::string_view kSearching = "~^";
     if (!isTextColumn(column) && column.type != 'L' && column.type != 'D') return;
     const std::string_view left = condition.substr(0, place);
     const bool searching = kSearching.find(condition[place]) != std::string_view::npos;
     if (left == trimmed(left) && (searching || !right.starts_with(' '))) return;
-    note("\"{}\": blanks beside the operator belong to the compared texts", trimmed(condition));
+    notes.push_back(textOf('"', trimmed(condition),
+                           "\": blanks beside the operator belong to the compared texts"));
 }
 
 /// A date as it is shown, "2024-01-31", or a moment, as the library compares it: by its digits.
@@ -207,7 +206,8 @@ std::string plainMoment(const Column& column, std::string right) {
     return right;
 }
 
-std::string checkedCondition(const Table& table, std::string_view condition) {
+std::string checkedCondition(const Table& table, std::string_view condition,
+                             std::vector<std::string>& notes) {
     if (trimmed(condition).empty())
         refuseFilter(table, "there is no condition beside \"&\" or \"|\"");
     const std::size_t place = operatorPlace(table, condition);
@@ -220,10 +220,11 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
                                     placeOf(condition.substr(place + 1, 1), "<>=") == 0);
     const std::size_t after = place + (twoSigns ? 2 : 1);
     const std::string right = plainMoment(column, std::string(condition.substr(after)));
-    noteBlanks(column, condition, place, right);
+    noteBlanks(column, condition, place, right, notes);
     if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
-        note("filters see of {} only \"Full memo\" or \"Empty memo\"; `mira query` looks into it",
-             column.name);
+        notes.push_back(
+            textOf("filters see of ", column.name,
+                   " only \"Full memo\" or \"Empty memo\"; `mira query` looks into it"));
     }
 
     std::string translated = forLibrary(table, right);
@@ -239,22 +240,10 @@ std::string checkedCondition(const Table& table, std::string_view condition) {
                   condition.substr(place, after - place), translated);
 }
 
-thread_local const Table* foldedTable = nullptr;
-thread_local Progress* filterProgress = nullptr;
-
-int foldText(char* text, DbfBase* /*base*/, int /*mode*/) {
-    foldCase(*foldedTable->page.page, {text, std::strlen(text)});
-    return 0;
-}
-
-int afterRecord() {
-    filterProgress->add(1);
-    return stopped() ? 1 : 0;
-}
-
 }  // namespace
 
-std::string checkedFilter(const Table& table, std::string_view filter) {
+std::string checkedFilter(const Table& table, std::string_view filter,
+                          std::vector<std::string>* notes) {
     checkQuotesAndParentheses(table, filter);
     std::string checked;
     std::size_t start = 0;
@@ -267,7 +256,7 @@ std::string checkedFilter(const Table& table, std::string_view filter) {
         const bool goesOn = end != filter.size() || !piece.closing.empty();
         while (goesOn && condition.ends_with(' ')) condition.remove_suffix(1);
         while (condition.starts_with(' ')) condition.remove_prefix(1);
-        checked += checkedCondition(table, condition);
+        checked += checkedCondition(table, condition, *notes);
         checked += piece.closing;
         if (end == filter.size()) return checked;
         checked += filter[end];
@@ -275,20 +264,14 @@ std::string checkedFilter(const Table& table, std::string_view filter) {
     }
 }
 
-void applyFilter(Table& table, std::string_view filter, bool ignoreCase) {
-    const std::string checked = checkedFilter(table, filter);
-    DbfBase* const base = table.base.get();
-    base->TrimMode = 0;
-    base->CaseInsensitive = ignoreCase ? 1 : 0;
-    base->UpperCaseCallback = ignoreCase ? foldText : nullptr;
-    foldedTable = &table;
-    Progress progress("filter " + table.path, reccount(base));
-    filterProgress = &progress;
-    const bool done = set_filter(base, checked.c_str(), afterRecord) != nullptr;
-    filterProgress = nullptr;
-    base->CaseInsensitive = 0;
-    leaveIfStopped();
-    if (!done) refuseFilter(table, "it is too long; try `mira query`");
+void viewRange(DbfBase* base, u32 first, u32 end) {
+    const u32 count = end - first;
+    auto* const index = static_cast<u32*>(std::malloc((std::size_t{count} + 1) * sizeof(u32)));
+    if (index == nullptr) throw std::bad_alloc();
+    for (u32 i = 0; i < count; ++i) index[i] = first + i;
+    std::free(base->FilterIndex);
+    base->FilterIndex = index;
+    base->FilterCount = count;
 }
 
-}  // namespace mira::tool
+}  // namespace mira::tables
