@@ -328,7 +328,6 @@ std::size_t putLetters(u8* to, const tables::CodePage& page, const u8* from, std
 
 /// Appends a text; false, and nothing done, when the plain rule has to.
 bool putText(const tables::CodePage& page, const u8* from, std::size_t length, Bytes& to) {
-    using Kind = tables::CodePage::Kind;
     to.reserve(length + 8);
     const std::size_t ascii = copyAscii(to.end(), from, length);
     if (ascii == length) {
@@ -338,10 +337,10 @@ bool putText(const tables::CodePage& page, const u8* from, std::size_t length, B
     from += ascii;
     length -= ascii;
     std::size_t put = 0;
-    if (page.kind == Kind::SingleByte) {
+    if (page.kind == tables::CodePage::Kind::SingleByte) {
         to.reserve(ascii + (length + 1) * sizeof(tables::Letter));
         put = putLetters(to.end() + ascii, page, from, length);
-    } else if (page.kind == Kind::Utf8) {
+    } else if (page.kind == tables::CodePage::Kind::Utf8) {
         const std::string_view text(reinterpret_cast<const char*>(from), length);
         const bool valid =
             text.find('\0') == std::string_view::npos && tables::validRun(text) == text.size();

@@ -337,7 +337,7 @@ int getNext(ArrowArrayStream* stream, ArrowArray* array) {
     of.failure = guarded(of, [&] {
         try {
             readBatch(of, array);
-        } catch (const Failure&) {
+        } catch (const tables::Refusal&) {
             if (of.part) endPart(of);
             tellDone(of);
             throw;
