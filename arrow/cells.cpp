@@ -89,18 +89,12 @@ void putInt64(Cells& cells, const Field& field, const Row& row, const Value& val
     constexpr unsigned kMost = 19;
     if (value.kind == ValueKind::Integer) return putFixed(to, value.integer);
     const std::optional<Wide> wide = scaledWhole(value.text, 0, kMost);
-    if (!wide) {
-        const bool whole = scaledWhole(value.text, 0, kWideDigits).has_value();
-        refuseCell(cells, field, row, value.text,
-                   whole ? " takes more than 64 bits" : " is no whole number", "; types ",
+    const i64 number = wide ? static_cast<i64>(wide->low) : 0;
+    if (!wide || wide->high != wideOf(number).high) {
+        refuseCell(cells, field, row, value.text, " is no whole number of 64 bits; types ",
                    field.column.name, "=double");
     }
-    const auto low = static_cast<i64>(wide->low);
-    if (wide->high != (low < 0 ? ~u64{0} : 0)) {
-        refuseCell(cells, field, row, value.text, " takes more than 64 bits; types ",
-                   field.column.name, "=double");
-    }
-    putFixed(to, low);
+    putFixed(to, number);
 }
 
 void putDecimal(Cells& cells, const Field& field, const Row& row, const Value& value, Vector& to) {

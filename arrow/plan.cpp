@@ -160,8 +160,10 @@ void takeTypes(const Table& table, const Extra& extra, const char* types,
         const std::string_view name = std::string_view(given).substr(0, equals);
         const std::string_view type =
             equals == std::string::npos ? "" : std::string_view(given).substr(equals + 1);
-        Field* const field = findField(fields, columnOf(table, extra, tables::trimmed(name)));
-        if (field != nullptr && !takeType(*field, tables::trimmed(type))) {
+        const Column& column = columnOf(table, extra, tables::trimmed(name));
+        Field other = fieldOf(column, false);  // one that is not among the columns
+        Field* const found = findField(fields, column);
+        if (!takeType(found != nullptr ? *found : other, tables::trimmed(type))) {
             throw Failure(MIRA_ARROW_BAD_OPTION,
                           tables::textOf(table.path, ": types ", given,
                                          ": NAME=double, int64, decimal, text or binary, where the "

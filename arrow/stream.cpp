@@ -54,11 +54,11 @@ std::unique_ptr<Table> openFor(const char* name, const char* codePage, bool long
     tables::TableOptions options;
     options.codePage = codePage != nullptr ? codePage : "";
     options.longNames = longNames;
-    if (!options.codePage.empty() && !tables::openPage(options.codePage)) {
-        throw Failure(MIRA_ARROW_NO_PAGE,
-                      tables::textOf(path, ": no such code page: ", options.codePage));
+    try {
+        return tables::openTable(path, options);
+    } catch (const tables::UnknownPage& unknown) {
+        throw Failure(MIRA_ARROW_NO_PAGE, unknown.what());
     }
-    return tables::openTable(path, options);
 }
 
 // --------------------------------------------------------------------------------------------

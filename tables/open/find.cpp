@@ -1,7 +1,10 @@
 #include "tables/open/find.h"
 
+#include <dirent.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 
 #include "tables/page/refusal.h"
 
@@ -17,13 +20,10 @@ std::vector<std::string> sameNames(const fs::path& path) {
     std::vector<std::string> found;
     const fs::path folder = path.parent_path();
     const std::string wanted = foldCase(path.filename().string());
-    std::error_code error;
-    fs::directory_iterator entries(folder.empty() ? fs::path(".") : folder, error);
-    for (; !error && entries != fs::directory_iterator(); entries.increment(error)) {
-        const fs::path name = entries->path().filename();
-        if (foldCase(name.string()) != wanted) continue;
+    for (const std::string& name : namesIn(folder.empty() ? "." : folder.string())) {
+        if (foldCase(name) != wanted) continue;
         std::error_code ignored;
-        if (!entries->is_directory(ignored)) found.push_back((folder / name).string());
+        if (!fs::is_directory(folder / name, ignored)) found.push_back((folder / name).string());
     }
     std::sort(found.begin(), found.end());
     return found;
@@ -117,6 +117,21 @@ std::vector<std::string> indexFilesBeside(const std::string& path) {
 }
 
 std::string stemOf(const std::string& path) { return fs::path(path).stem().string(); }
+
+// Not by directory_iterator, which ends the program where there is no memory.
+std::vector<std::string> namesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    struct Closer {
+        void operator()(DIR* open) const { closedir(open); }
+    };
+    const std::unique_ptr<DIR, Closer> entries(opendir(folder.c_str()));
+    if (!entries) return names;
+    while (const dirent* const entry = readdir(entries.get())) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") names.emplace_back(name);
+    }
+    return names;
+}
 
 std::string inAnyCase(const std::string& path) {
     std::error_code ignored;

@@ -29,6 +29,9 @@ std::vector<std::string> indexFilesBeside(const std::string& path);
 /// The file name of a path without folder and extension.
 std::string stemOf(const std::string& path);
 
+/// The names of what is in a folder, in no order; none where it cannot be read.
+std::vector<std::string> namesIn(const std::string& folder);
+
 /// The file of a path that differs from it in letter case only; empty when there is none or
 /// more than one.
 std::string inAnyCase(const std::string& path);

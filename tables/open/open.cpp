@@ -242,6 +242,16 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
            std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
 }
 
+[[noreturn]] void refusePage(const Table& table) {
+    if (!table.options.codePage.empty()) {
+        throw UnknownPage(textOf(table.path, ": no such code page: ", table.page.missing));
+    }
+    throw UnknownPage(textOf(table.path, ": its code page ", table.page.missing, " (",
+                             table.page.from,
+                             ") is not among those of this system's iconv; install all of them "
+                             "(libc-gconv-modules-extra), or name another code page"));
+}
+
 }  // namespace
 
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
@@ -253,7 +263,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     readStoredHeader(*table);
     readVersion(*table);
     table->page = choosePage(base, options.codePage);
-    if (!table->page.page) refuse(table->path, ": no such code page: ", options.codePage);
+    if (!table->page.page) refusePage(*table);
     table->notes = table->page.notes;
     std::vector<Column> all;
     all.reserve(static_cast<std::size_t>(base->FieldCount));

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/pagenames.h"
@@ -51,9 +52,9 @@ std::optional<fs::path> cpgFile(const fs::path& table) {
     if (fs::exists(exact, error)) return exact;
     const fs::path folder = table.has_parent_path() ? table.parent_path() : fs::path(".");
     std::optional<fs::path> found;
-    for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
-        const fs::path& path = at->path();
-        const bool fits = sameText(path.filename().string(), exact.filename().string());
+    for (const std::string& name : namesIn(folder.string())) {
+        const fs::path path = folder / name;
+        const bool fits = sameText(name, exact.filename().string());
         if (fits && (!found || path < *found)) found = path;
     }
     return found;
@@ -238,6 +239,7 @@ const char* driverPage(const std::string& driver, std::vector<std::string>* note
 void decide(PageChoice* choice, const char* page, std::string from) {
     choice->page = openPage(page);
     choice->from = std::move(from);
+    if (!choice->page) choice->missing = page;
 }
 
 /// What a mark of 00 or 57 leaves open. driver: the page of the driver, if there is one.
@@ -261,6 +263,7 @@ PageChoice choosePage(DbfBase* h, std::string_view option) {
         choice.from = "--code-page";
         choice.page = openPage(option);
         if (!choice.page) {
+            choice.missing = option;
             choice.notes.push_back(notKnown("code page", option));
         }
         return choice;

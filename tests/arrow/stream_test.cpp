@@ -26,10 +26,11 @@ void expectSame(const std::string& path, const MiraArrowOptions& options, u64 cu
 /// Writes a table of rows over one column and reads it with the types given.
 Read readColumn(const Folder& folder, const Column& column, const std::vector<std::string>& cells,
                 const char* types = nullptr, bool exact = false) {
-    Layout layout{0x03, {column}};
-    for (const std::string& cell : cells) layout.records.push_back(' ' + cell);
+    Layout layout{0x03, {{"FIRST", 'C', 1}, column}};
+    for (const std::string& cell : cells) layout.records.push_back("  " + cell);
     writeAll(folder.file("t.dbf"), layout.bytes());
     MiraArrowOptions options = arrowOptions();
+    options.columns = column.name.c_str();
     options.types = types;
     options.exact_decimals = exact ? 1 : 0;
     return readStream(folder.file("t.dbf"), options);
@@ -99,7 +100,7 @@ TEST(Arrow, HoldsNumbersOrSaysWhichOneItCannot) {
          false,
          {},
          "l",
-         "record 2, field N: 147.6 is no whole number; types N=double"},
+         "record 2, field N: 147.6 is no whole number of 64 bits; types N=double"},
         {{"N", 'N', 5},
          {"147.6", "     "},
          "N=double",
@@ -108,7 +109,7 @@ TEST(Arrow, HoldsNumbersOrSaysWhichOneItCannot) {
          "g",
          ""},
         {{"N", 'N', 5}, {"147.6", " -  1"}, "n = text", false, {"147.6", "(null)"}, "U", ""},
-        {{"N", 'N', 5}, {" 9e99"}, nullptr, false, {}, "l", "9e99 takes more than 64 bits"},
+        {{"N", 'N', 5}, {" 9e99"}, nullptr, false, {}, "l", "9e99 is no whole number of 64 bits"},
         {{"N", 'N', 19},
          {"9999999999999999999"},
          nullptr,
@@ -116,7 +117,7 @@ TEST(Arrow, HoldsNumbersOrSaysWhichOneItCannot) {
          {"9999999999999999999"},
          "d:19,0",
          ""},
-        {{"N", 'N', 20}, {" 9223372036854775808"}, "N=int64", false, {}, "l", "more than 64 bits"},
+        {{"N", 'N', 20}, {" 9223372036854775808"}, "N=int64", false, {}, "l", "is no whole number of 64 bits"},
         {{"N", 'N', 20},
          {"-9223372036854775808"},
          "N=int64",
@@ -167,9 +168,7 @@ TEST(Arrow, TellsWhatWasMet) {
     const Read failed = readColumn(folder, {"N", 'N', 3}, {"  x", "1.5"});
     EXPECT_NE(failed.report.find("no_number"), std::string::npos) << failed.report;
 
-    Layout layout{0x83, {{"NOTE", 'M', 10}}, {"          1", "           "}};
-    for (std::string& record : layout.records) record.insert(0, 1, ' ');
-    for (std::string& record : layout.records) record.resize(11, ' ');
+    Layout layout{0x83, {{"NOTE", 'M', 10}}, {"          1", std::string(11, ' ')}};
     writeAll(folder.file("m.dbf"), layout.bytes());
     const Read memos = readStream(folder.file("m.dbf"), arrowOptions());
     EXPECT_EQ(memos.rows, (Rows{{"(null)"}, {"(null)"}}));
@@ -185,9 +184,9 @@ TEST(Arrow, TakesOptions) {
     options.where = "PRICE>5";
     const Read read = readStream(stock, options);
     EXPECT_EQ(read.names, (std::vector<std::string>{"PRICE", "_record", "CODE"}));
-    EXPECT_EQ(read.rows, (Rows{{"0x1.8p+4", "1", "SAW300"},
-                               {"0x1.dp+2", "4", "GLU500"},
-                               {"0x1.9p+3", "7", "LCK002"}}));
+    EXPECT_EQ(read.rows, (Rows{{"0x1.9p+3", "7", "LCK002"},
+                               {"0x1.dp+2", "8", "GLU500"},
+                               {"0x1.8p+4", "11", "SAW300"}}));
 
     // Each alone, and then with a filter over records of several blocks.
     struct Case {
@@ -359,7 +358,7 @@ TEST(Arrow, ColumnsAndSchemasCanBeMovedAway) {
     schema.release(&schema);
     stream.release(&stream);
     EXPECT_STREQ(name.name, "ITEM");
-    EXPECT_EQ(std::string(static_cast<const char*>(column.buffers[2]), 5), "Panel");
+    EXPECT_EQ(std::string(static_cast<const char*>(column.buffers[2]), 5), "Bolt ");
     name.release(&name);
     column.release(&column);
 }
