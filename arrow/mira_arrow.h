@@ -134,6 +134,14 @@ MIRA_ARROW_API int mira_arrow_open_many(const char* const* tables, size_t count,
 MIRA_ARROW_API int mira_arrow_facts(const char* table, const char* code_page, char** json);
 MIRA_ARROW_API void mira_arrow_free(char* json);
 
+/* For the module miralib: zeroed memory for a structure in a capsule of Python, and the destructors
+ * of such capsules, which release the structure unless it was moved away, and free it. They ask
+ * PyCapsule_GetPointer, given once before. */
+MIRA_ARROW_API void* mira_arrow_new(size_t size);
+MIRA_ARROW_API void mira_arrow_capsules(void* (*pointer_of)(void* capsule, const char* name));
+MIRA_ARROW_API void mira_arrow_destroy_stream(void* capsule);
+MIRA_ARROW_API void mira_arrow_destroy_schema(void* capsule);
+
 #ifdef __cplusplus
 }
 #endif
