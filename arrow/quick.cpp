@@ -1,6 +1,7 @@
 // Eight characters are looked at as one word whose lowest byte is the first of them.
 #include "arrow/quick.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 
@@ -40,59 +41,86 @@ constexpr u64 numberOf(u64 word) {
            32;
 }
 
-/// The last count bytes before end, at most 8, behind others.
-u64 lastBytes(const u8* end, unsigned count, u64 before) {
-    if (count == 0) return before;
-    const u64 word = loadLe<u64>(end - 8);
-    const u64 kept = ~u64{0} << (8 * (8 - count));
-    return (word & kept) | (before & ~kept);
-}
-
 enum class Taken : u8 { Value, Null, Declined };
 
-/// Digits after blanks and at most one minus.
-struct Digits {
-    u64 number = 0;
-    unsigned count = 0;
-    bool negative = false;
-};
+/// Stored digits of one layout: blanks, at most one minus, digits, in some columns a point before
+/// the last of them. The point is left out by reading on both sides of it.
+struct NumberLayout {
+    NumberLayout(unsigned length, unsigned decimals)
+        : place_(decimals != 0 ? length - decimals - 1 : length),
+          length_(length),
+          shift_(8 * decimals),
+          fraction_(decimals != 0 ? ~u64{0} << (64 - shift_) : 0),
+          upper_(decimals + place_ > 8 ? decimals + place_ - 8 : 0),
+          others_(maskBefore(upper_ != 0 ? 8 : decimals + place_)),
+          upperOthers_(maskBefore(upper_)) {}
 
-/// The next eight characters of a number whose rest follows; false for what no number begins with.
-bool takeDigits(u64 word, Digits& digits) {
-    if (digits.count == 0 && !digits.negative) {
+    /// Digits on both sides of the point, as a whole number.
+    Taken read(const u8* at, u64& number, bool& negative) const {
+        u64 low = loadLe<u64>(at + place_ - 8) >> shift_;
+        if (fraction_ != 0) {
+            if (at[place_] != '.') return isBlank(at) ? Taken::Null : Taken::Declined;
+            low = (low & ~fraction_) | (loadLe<u64>(at + length_ - 8) & fraction_);
+        }
+        low = (low & ~others_) | (kBlanks & others_);
+        if (upper_ == 0) return beginLow(low, number, negative);
+        u64 high = loadLe<u64>(at + upper_ - 8);
+        high = (high & ~upperOthers_) | (kBlanks & upperOthers_);
+        if (high == kBlanks) return beginLow(low, number, negative);
+        const Taken taken = begin(high, 64, number, negative);
+        if (taken != Taken::Value || nonDigits(low) != 0) return Taken::Declined;
+        number = number * 100000000 + numberOf(low);
+        return Taken::Value;
+    }
+
+    static bool isFor(unsigned length, unsigned decimals) {
+        const unsigned digits = decimals != 0 ? length - 1 : length;
+        return length > decimals && digits > 0 && digits <= 16 && decimals < 8;
+    }
+
+private:
+    /// The lower bytes of a word whose last count are wanted.
+    static u64 maskBefore(unsigned count) {
+        return count == 0 ? ~u64{0} : count == 8 ? 0 : ~u64{0} >> (8 * count);
+    }
+
+    bool isBlank(const u8* at) const {
+        for (unsigned i = 0; i < length_; ++i) {
+            if (at[i] != ' ') return false;
+        }
+        return true;
+    }
+
+    /// All decimals are digits, and so is the last character of a whole number. A point between
+    /// blanks is no blank.
+    Taken beginLow(u64 word, u64& number, bool& negative) const {
+        constexpr unsigned kLast = 56;
+        if (fraction_ == 0) return begin(word, kLast, number, negative);
+        const Taken taken = begin(word, 64 - shift_, number, negative);
+        return taken == Taken::Value ? Taken::Value : Taken::Declined;
+    }
+
+    /// The word in which a number begins; its digits begin at bit last or before.
+    static Taken begin(u64 word, unsigned last, u64& number, bool& negative) {
         const u64 others = nonZero(word ^ kBlanks);
-        if (others == 0) return true;
-        unsigned first = static_cast<unsigned>(std::countr_zero(others)) / 8;
-        digits.negative = (word >> (8 * first) & 0xFF) == '-';
-        if (digits.negative) ++first;
-        digits.count = 8 - first;
-        if (first == 8) return true;
-        const u64 kept = ~u64{0} << (8 * first);
+        if (others == 0) return Taken::Null;
+        unsigned first = static_cast<unsigned>(std::countr_zero(others)) & ~7U;
+        negative = (word >> first & 0xFF) == '-';
+        first += negative ? 8 : 0;
+        if (first > last) return Taken::Declined;
+        const u64 kept = first == 64 ? 0 : ~u64{0} << first;
         word = (word & kept) | (kZeros & ~kept);
-    } else {
-        digits.count += 8;
+        if (nonDigits(word) != 0) return Taken::Declined;
+        number = numberOf(word);
+        return Taken::Value;
     }
-    if (nonDigits(word) != 0) return false;
-    digits.number = digits.number * 100000000 + numberOf(word);
-    return true;
-}
 
-/// The characters from at on, at most 18.
-bool takeWhole(const u8* at, unsigned length, Digits& digits) {
-    const unsigned first = length % 8;
-    if (first != 0 && !takeDigits(lastBytes(at + first, first, kBlanks), digits)) return false;
-    for (unsigned place = first; place < length; place += 8) {
-        if (!takeDigits(loadLe<u64>(at + place), digits)) return false;
-    }
-    return true;
-}
-
-bool isBlank(const u8* at, unsigned length) {
-    for (unsigned i = 0; i < length; ++i) {
-        if (at[i] != ' ') return false;
-    }
-    return true;
-}
+    unsigned place_, length_;  // of the point, or the end
+    unsigned shift_;           // bits of the decimals
+    u64 fraction_;             // their bytes
+    unsigned upper_;           // digits before the last eight
+    u64 others_, upperOthers_;
+};
 
 // --------------------------------------------------------------------------------------------
 // Readers: the bytes of a cell to a value
@@ -100,35 +128,31 @@ bool isBlank(const u8* at, unsigned length) {
 
 struct ReadInt64 {
     using Value = i64;
-    unsigned length;
+    NumberLayout layout;
     Taken operator()(const u8* at, i64& value) const {
-        Digits digits;
-        if (!takeWhole(at, length, digits)) return Taken::Declined;
-        if (digits.count == 0) return digits.negative ? Taken::Declined : Taken::Null;
-        const auto number = static_cast<i64>(digits.number);
-        value = digits.negative ? -number : number;
-        return Taken::Value;
+        u64 number = 0;
+        bool negative = false;
+        const Taken taken = layout.read(at, number, negative);
+        const u64 sign = negative ? ~u64{0} : 0;
+        value = static_cast<i64>((number ^ sign) - sign);
+        return taken;
     }
 };
 
 /// As many digits as every double holds, divided by a power of ten that one holds: the nearest.
 struct ReadDecimal {
     using Value = double;
-    unsigned length, decimals;
-    u64 scale;
+    NumberLayout layout;
+    double scale;
     Taken operator()(const u8* at, double& value) const {
         constexpr u64 kExact = 1000000000000000;  // 10^15
-        const unsigned whole = length - decimals - 1;
-        if (at[whole] != '.') return isBlank(at, length) ? Taken::Null : Taken::Declined;
-        Digits digits;
-        if (!takeWhole(at, whole, digits)) return Taken::Declined;
-        const u64 fraction = lastBytes(at + length, decimals, kZeros);
-        if (nonDigits(fraction) != 0) return Taken::Declined;
-        const u64 number = digits.number * scale + numberOf(fraction);
+        u64 number = 0;
+        bool negative = false;
+        const Taken taken = layout.read(at, number, negative);
         if (number >= kExact) return Taken::Declined;
-        const double quotient = static_cast<double>(number) / static_cast<double>(scale);
-        value = digits.negative ? -quotient : quotient;
-        return Taken::Value;
+        const double quotient = static_cast<double>(static_cast<i64>(number)) / scale;
+        value = negative ? -quotient : quotient;
+        return taken;
     }
 };
 
@@ -294,22 +318,21 @@ std::size_t withoutBlanks(const u8* at, std::size_t length) {
     return length;
 }
 
-/// Copies eight bytes at a time while they are ASCII without a zero; returns how many it has
-/// copied, all of them or a multiple of eight. Writes up to seven bytes more.
-std::size_t copyAscii(u8* to, const u8* from, std::size_t length) {
-    std::size_t done = 0;
-    for (; done < length; done += 8) {
-        u64 word = 0;
-        std::memcpy(&word, from + done, sizeof word);
-        std::memcpy(to + done, &word, sizeof word);
-        word = loadLe<u64>(from + done);
-        if (done + 8 > length) {
-            const u64 kept = ~u64{0} >> (8 * (done + 8 - length));
-            word = (word & kept) | (kBlanks & ~kept);
-        }
-        if (((~nonZero(word) | word) & kHigh) != 0) return done;
+/// Copies a text; false when not all of it is ASCII without a zero. Writes up to eight bytes more.
+bool copyAscii(u8* to, const u8* from, std::size_t length) {
+    u64 found = 0;  // the high bit of a byte that is zero or above 7F
+    const u8* const last = from + (length - 1) / 8 * 8;
+    for (; from < last; from += 8, to += 8) {
+        const auto word = loadLe<u64>(from);
+        std::memcpy(to, from, 8);
+        found |= (word - kOnes) | word;
     }
-    return length;
+    std::memcpy(to, from, 8);
+    const std::size_t past = 7 - (length - 1) % 8;
+    const u64 kept = ~u64{0} >> (8 * past);
+    const u64 word = (loadLe<u64>(from) & kept) | (kBlanks & ~kept);
+    found |= (word - kOnes) | word;
+    return (found & kHigh) == 0;
 }
 
 /// Appends bytes of a single-byte page; returns how many bytes they became, nothing when there is
@@ -328,27 +351,24 @@ std::size_t putLetters(u8* to, const tables::CodePage& page, const u8* from, std
 
 /// Appends a text; false, and nothing done, when the plain rule has to.
 bool putText(const tables::CodePage& page, const u8* from, std::size_t length, Bytes& to) {
+    if (length == 0) return true;
     to.reserve(length + 8);
-    const std::size_t ascii = copyAscii(to.end(), from, length);
-    if (ascii == length) {
+    if (copyAscii(to.end(), from, length)) {
         to.add(length);
         return true;
     }
-    from += ascii;
-    length -= ascii;
     std::size_t put = 0;
     if (page.kind == tables::CodePage::Kind::SingleByte) {
-        to.reserve(ascii + (length + 1) * sizeof(tables::Letter));
-        put = putLetters(to.end() + ascii, page, from, length);
+        to.reserve((length + 1) * sizeof(tables::Letter));
+        put = putLetters(to.end(), page, from, length);
     } else if (page.kind == tables::CodePage::Kind::Utf8) {
         const std::string_view text(reinterpret_cast<const char*>(from), length);
         const bool valid =
             text.find('\0') == std::string_view::npos && tables::validRun(text) == text.size();
-        if (valid) std::memcpy(to.end() + ascii, from, put = length);
+        if (valid) put = length;  // as copied
     }
-    if (put == 0) return false;
-    to.add(ascii + put);
-    return true;
+    to.add(put);
+    return put != 0;
 }
 
 void appendTexts(Cells& cells, const Field& field, const std::vector<Row>& rows, Vector& to) {
@@ -399,18 +419,19 @@ constexpr u64 powerOfTen(unsigned exponent) {
     return power;
 }
 
-/// Decimals as digits; true when there is a quick way for the column.
+/// Numbers as digits; false when there is no quick way for the column.
 bool appendDecimals(Cells& cells, const Field& field, const std::vector<Row>& rows, Vector& to) {
-    constexpr u32 kWidest = 18;
     const u32 length = field.column.length;
     const u32 decimals = field.column.decimals;
-    if (length == 0 || length > kWidest) return false;
-    if (field.shape == Shape::Int64) {
-        appendFixed(cells, field, rows, to, ReadInt64{length});
-    } else if (field.shape == Shape::Double && decimals > 0 && decimals <= 8 && decimals < length) {
-        appendFixed(cells, field, rows, to, ReadDecimal{length, decimals, powerOfTen(decimals)});
+    const bool whole = field.shape == Shape::Int64 && decimals == 0;
+    const bool fraction = field.shape == Shape::Double && decimals != 0;
+    if (!(whole || fraction) || !NumberLayout::isFor(length, decimals)) return false;
+    const NumberLayout layout(length, decimals);
+    if (whole) {
+        appendFixed(cells, field, rows, to, ReadInt64{layout});
     } else {
-        return false;
+        const auto scale = static_cast<double>(powerOfTen(decimals));
+        appendFixed(cells, field, rows, to, ReadDecimal{layout, scale});
     }
     return true;
 }

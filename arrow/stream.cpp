@@ -68,11 +68,14 @@ std::unique_ptr<Table> openFor(const char* name, const char* codePage, bool long
 /// What an array owns. A child may be moved away, and then is released by its new owner.
 struct OwnedArray {
     Vector vector{};
+    std::shared_ptr<Spares> spares{};  // of a column
+    std::size_t column = 0;
     const void* buffers[3] = {};
     std::vector<ArrowArray> children{};
     std::vector<ArrowArray*> places{};
 
     ~OwnedArray() {
+        if (spares) spares->give(column, std::move(vector));
         for (ArrowArray& child : children) {
             if (child.release != nullptr) child.release(&child);
         }
@@ -97,9 +100,12 @@ ArrowArray arrayOf(std::unique_ptr<OwnedArray> owned, std::size_t length, i64 bu
     return array;
 }
 
-ArrowArray childOf(const Field& field, Vector vector) {
+ArrowArray childOf(const Field& field, std::size_t column, Vector vector,
+                   std::shared_ptr<Spares> spares) {
     auto owned = std::make_unique<OwnedArray>();
     owned->vector = std::move(vector);
+    owned->column = column;
+    owned->spares = std::move(spares);
     Vector& of = owned->vector;
     const bool texts = field.shape == Shape::Text || field.shape == Shape::Binary;
     of.bytes.reserve(1);  // consumers take no null for texts that are all empty
@@ -111,12 +117,12 @@ ArrowArray childOf(const Field& field, Vector vector) {
 }
 
 void putArray(const std::vector<Field>& fields, std::vector<Vector> vectors, std::size_t rows,
-              ArrowArray* array) {
+              const std::shared_ptr<Spares>& spares, ArrowArray* array) {
     auto owned = std::make_unique<OwnedArray>();
     owned->children.reserve(fields.size());
     owned->places.reserve(fields.size());
     for (std::size_t i = 0; i < fields.size(); ++i) {
-        owned->children.push_back(childOf(fields[i], std::move(vectors[i])));
+        owned->children.push_back(childOf(fields[i], i, std::move(vectors[i]), spares));
         owned->places.push_back(&owned->children.back());
     }
     *array = arrayOf(std::move(owned), rows, 1);
@@ -221,6 +227,7 @@ struct Stream {
         : kept(given), tables(names, names + count) {
         openNext();
         fields = part->fields;
+        spares = std::make_shared<Spares>(fields.size());
     }
 
     void openNext() {
@@ -240,6 +247,7 @@ struct Stream {
     std::vector<std::string> tables;
     std::size_t opened = 0;  // of them
     std::vector<Field> fields{};
+    std::shared_ptr<Spares> spares{};
     std::optional<Part> part{};  // none: at the end
     Report report{};
     std::string error{};
@@ -282,7 +290,10 @@ void readBatch(Stream& stream, ArrowArray* array) {
     const u32 wanted = stream.kept.options.batch_records;
     const u32 most = wanted != 0 ? wanted : kBatchRows;
     std::vector<Vector> vectors(stream.fields.size());
-    for (std::size_t i = 0; i < vectors.size(); ++i) prepareVector(stream.fields[i], 0, vectors[i]);
+    for (std::size_t i = 0; i < vectors.size(); ++i) {
+        vectors[i] = stream.spares->take(i);
+        prepareVector(stream.fields[i], 0, vectors[i]);
+    }
     u32 rows = 0;
     while (stream.part && rows < most && (wanted != 0 || bytesOf(vectors) < kBatchBytes)) {
         if (stream.part->records.next(most - rows)) {
@@ -295,7 +306,7 @@ void readBatch(Stream& stream, ArrowArray* array) {
         if (more) stream.openNext();
     }
     if (rows != 0) {
-        putArray(stream.fields, std::move(vectors), rows, array);
+        putArray(stream.fields, std::move(vectors), rows, stream.spares, array);
     } else {
         tellDone(stream);
     }

@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "mira.h"
 
@@ -13,6 +16,18 @@ namespace mira::arrow {
 /// Bytes that grow; those past size are without a value.
 class Bytes {
 public:
+    Bytes() = default;
+    Bytes(Bytes&& other) noexcept
+        : data_(std::move(other.data_)),
+          size_(std::exchange(other.size_, 0)),
+          capacity_(std::exchange(other.capacity_, 0)) {}
+    Bytes& operator=(Bytes&& other) noexcept {
+        data_ = std::move(other.data_);
+        size_ = std::exchange(other.size_, 0);
+        capacity_ = std::exchange(other.capacity_, 0);
+        return *this;
+    }
+
     /// Room for count more bytes. Throws std::bad_alloc.
     void reserve(std::size_t count) {
         if (capacity_ - size_ < count) grow(count);
@@ -37,6 +52,8 @@ public:
     }
     u8* data() { return data_.get(); }
     std::size_t size() const { return size_; }
+    /// Empty, with its room.
+    void clear() { size_ = 0; }
 
 private:
     struct Free {
@@ -67,6 +84,11 @@ struct Vector {
     std::size_t count = 0;
     std::size_t nulls = 0;
 
+    /// Empty, with its room.
+    void clear() {
+        for (Bytes* of : {&valid, &values, &bytes}) of->clear();
+        count = nulls = 0;
+    }
     /// The next entry is null.
     void setNull() {
         valid.data()[count / 8] &= static_cast<u8>(~(1U << (count % 8)));
@@ -79,6 +101,27 @@ struct Vector {
         values.put(u64{bytes.size()});
         ++count;
     }
+};
+
+/// The room of arrays that their consumer has released, for those to come: fresh memory costs as
+/// much as filling it. One for each column; arrays are released on any thread.
+class Spares {
+public:
+    explicit Spares(std::size_t columns) : spares_(columns) {}
+
+    Vector take(std::size_t column) {
+        const std::lock_guard lock(mutex_);
+        return std::move(spares_[column]);
+    }
+    void give(std::size_t column, Vector vector) {
+        vector.clear();
+        const std::lock_guard lock(mutex_);
+        spares_[column] = std::move(vector);
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<Vector> spares_;
 };
 
 }  // namespace mira::arrow

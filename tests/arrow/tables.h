@@ -53,6 +53,13 @@ inline std::string randomCell(const Column& column, std::mt19937& random) {
                 oneOf({"-",     "+7",   ".",     "1e3",   "-.5",     "5.",   "1 2",
                        "--1",   "1-",   "0.1.2", "007",   "-0",      "1e-9", "9e99",
                        "*****", "12.5", "1\0"s,  "-0.00", "0000.50", "1e400"});
+            if (column.decimals != 0 && column.decimals < width && below(20) == 0) {
+                // A point with nothing, or something odd, beside it.
+                std::string text(width, ' ');
+                text[width - column.decimals - 1] = '.';
+                if (below(2) == 0) text[below(width)] = "0-+ "[below(4)];
+                return text;
+            }
             if (below(6) == 0) return below(2) == 0 ? fitted(odd) : padded(odd, width);
             std::string digits = std::to_string(random() % 100000);
             if (below(4) == 0) digits = std::string(width, static_cast<char>('0' + below(10)));
