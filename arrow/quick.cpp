@@ -56,7 +56,7 @@ struct NumberLayout {
           upperOthers_(maskBefore(upper_)) {}
 
     /// Digits on both sides of the point, as a whole number.
-    Taken read(const u8* at, u64& number, bool& negative) const {
+    [[gnu::always_inline]] inline Taken read(const u8* at, u64& number, bool& negative) const {
         u64 low = loadLe<u64>(at + place_ - 8) >> shift_;
         if (fraction_ != 0) {
             if (at[place_] != '.') return isBlank(at) ? Taken::Null : Taken::Declined;

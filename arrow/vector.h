@@ -96,9 +96,11 @@ struct Vector {
     }
     /// The next entry of a column of logicals is true.
     void setTrue() { values.data()[count / 8] |= static_cast<u8>(1U << (count % 8)); }
-    /// Ends the text of the next entry.
+    /// Ends the text of the next entry; there is room for it in values.
     void endText() {
-        values.put(u64{bytes.size()});
+        const u64 end = bytes.size();
+        std::memcpy(values.end(), &end, sizeof end);
+        values.add(sizeof end);
         ++count;
     }
 };

@@ -229,8 +229,11 @@ std::vector<tables::Column> columnsLike(const tables::Table& table, const Read& 
         columns.push_back(*found);
         if (options.types == nullptr) continue;
         for (const std::string& type : tables::splitList(options.types)) {
-            if (type == found->name + "=text") tables::readAsText(columns.back());
-            if (type == found->name + "=binary") tables::readAsBytes(columns.back());
+            const std::string number = std::to_string(found->field + 1);
+            if (type == found->name + "=text" || type == number + "=text")
+                tables::readAsText(columns.back());
+            if (type == found->name + "=binary" || type == number + "=binary")
+                tables::readAsBytes(columns.back());
         }
     }
     return columns;
