@@ -16,8 +16,6 @@ using tables::Fault;
 using tables::Value;
 using tables::ValueKind;
 
-constexpr unsigned kExactDigits = 15;  // that every double holds
-
 /// The record into RecordBuffer; what lies behind it there stays.
 void load(Cells& cells, const Row& row) {
     if (cells.loaded == &row) return;
