@@ -129,8 +129,9 @@ MIRA_ARROW_API int mira_arrow_open_many(const char* const* tables, size_t count,
                                         struct ArrowArrayStream* stream, char* message,
                                         size_t room);
 
-/* What is known of a table without reading its records, as one JSON object. On failure the message
- * stands there instead; null only without memory. To be released by mira_arrow_free. */
+/* What is known of a table without reading its records, as one JSON object; deleted records and the
+ * entries of indexes are not counted, but null. On failure the message stands there instead; null
+ * only without memory. To be released by mira_arrow_free. */
 MIRA_ARROW_API int mira_arrow_facts(const char* table, const char* code_page, char** json);
 MIRA_ARROW_API void mira_arrow_free(char* json);
 

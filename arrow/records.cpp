@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "arrow/plan.h"
-#include "tables/open/filter.h"
 #include "tables/page/refusal.h"
 
 namespace mira::arrow {
@@ -21,11 +20,11 @@ Records::Records(tables::Table& table, const MiraArrowOptions& options)
     const std::string_view where = options.where != nullptr ? options.where : "";
     if (where.empty()) return;
     try {
-        filter_ = tables::checkedFilter(table, where, &table.notes);
+        filter_ = tables::checkedFilter(table, where);
     } catch (const tables::Refusal& refusal) {
         throw Failure(MIRA_ARROW_BAD_OPTION, refusal.what());
     }
-    table.base->TrimMode = 0;
+    table.notes.insert(table.notes.end(), filter_.notes.begin(), filter_.notes.end());
 }
 
 bool Records::next(u32 most) {
@@ -39,7 +38,7 @@ bool Records::next(u32 most) {
     if (got == 0) {
         tables::refuse(table_.path, ": record ", u64{next_} + 1, " cannot be read");
     }
-    if (filter_.empty()) {
+    if (filter_.text.empty()) {
         takeAll(got);
     } else {
         takeFiltered(got);
@@ -62,10 +61,7 @@ void Records::takeFiltered(u32 count) {
     DbfBase* const base = table_.base.get();
     ClearAllFilter(base);
     tables::viewRange(base, next_, next_ + count);
-    if (set_filter(base, filter_.c_str(), nullptr) == nullptr) {
-        throw Failure(MIRA_ARROW_BAD_OPTION,
-                      tables::textOf(table_.path, ": the filter cannot be run: it is too long"));
-    }
+    tables::runFilter(table_, filter_, false);
     const u32 length = base->Header.RecordLength;
     for (u32 i = 0; i < base->FilterCount; ++i) {
         const u32 record = base->FilterIndex[i];

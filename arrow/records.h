@@ -1,11 +1,11 @@
 // Records of a table in blocks of some 128 KiB: those of a range that are wanted.
 #pragma once
 
-#include <string>
 #include <vector>
 
 #include "arrow/mira_arrow.h"
 #include "tables/column/column.h"
+#include "tables/filter/filter.h"
 
 namespace mira::arrow {
 
@@ -39,7 +39,7 @@ private:
     tables::Table& table_;
     u32 next_ = 0, end_ = 0;
     u8 deleted_ = 0;
-    std::string filter_;  // as the library takes it; empty: none
+    tables::LibraryFilter filter_;  // no text: none
     std::vector<u8> block_;
     std::vector<Row> rows_;
 };

@@ -11,7 +11,7 @@
 #include "arrow/plan.h"
 #include "arrow/records.h"
 #include "tables/change/append.h"
-#include "tables/open/facts.h"
+#include "tables/facts/facts.h"
 #include "tables/open/find.h"
 #include "tables/open/journal.h"
 #include "tables/open/open.h"
@@ -136,7 +136,7 @@ void putArray(const std::vector<Field>& fields, std::vector<Vector> vectors, std
 const char* faultWord(Fault fault) {
     constexpr const char* kWords[tables::kFaults] = {
         "",        "no_number", "no_date", "no_logical", "no_character", "length_past_end",
-        "no_memo", "memo_cut"};
+        "no_memo", "memo_cut",  "rounded"};
     return kWords[static_cast<std::size_t>(fault)];
 }
 
@@ -425,7 +425,8 @@ int mira_arrow_facts(const char* table, const char* code_page, char** json) {
     const auto work = [&] {
         const auto opened = openFor(table, code_page, false);
         mira::tables::loadCounters(*opened);
-        const auto facts = mira::tables::factsOf(*opened);
+        auto facts = mira::tables::factsOf(*opened);
+        mira::tables::addIndexes(*opened, false, facts);
         *json = copied(mira::tables::factsJson(*opened, facts).c_str());
         if (*json == nullptr) throw std::bad_alloc();
     };

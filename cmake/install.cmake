@@ -66,6 +66,15 @@ if(MIRA_BUILD_TOOL)
     set_target_properties(mira_program PROPERTIES INSTALL_RPATH "${install_rpath}")
     install(TARGETS mira_program RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
     install(FILES docs/mira.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+    if(NOT CMAKE_CROSSCOMPILING)
+        set(scripts ${PROJECT_BINARY_DIR}/tool)
+        install(FILES ${scripts}/mira.bash RENAME mira COMPONENT tools
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+        install(FILES ${scripts}/mira.zsh RENAME _mira COMPONENT tools
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+        install(FILES ${scripts}/mira.fish COMPONENT tools
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+    endif()
 endif()
 if(MIRA_BUILD_SQLITE)
     set_target_properties(mira_sqlite PROPERTIES INSTALL_RPATH "$ORIGIN")

@@ -88,6 +88,22 @@ void checkFilter(const Open& open, const std::string& text, bool refused) {
     ClearAllFilter(h);
 }
 
+/// What the text is told to be made of; one without a fault is not refused.
+void checkPlaces(const Row& row, const std::string& text, bool refused) {
+    FilterFault fault{};
+    u32 first = 0, end = 0, sign = 0, right = 0, number = 0;
+    int field = 0;
+    const bool runs = CheckFilter(row.h, text.c_str(), &fault, &first, &end) != 0;
+    CHECK(runs == (fault == FilterFault::None) && first <= end && end <= text.size());
+    if (refused) return CHECK(!runs);
+    for (const ConditionPlaces& c : conditionPlaces(row, text)) {
+        CHECK(GetFilterCondition(row.h, text.c_str(), number++, &field, &sign, &right, &end) == 1);
+        CHECK_EQUAL(field, c.field);
+        CHECK(sign == c.signFirst && right == c.rightFirst && end == c.end);
+    }
+    CHECK(GetFilterCondition(row.h, text.c_str(), number, &field, &sign, &right, &end) == 0);
+}
+
 /// The current record.
 void checkValid(const Row& row, const std::string& text, bool refused) {
     FilterWork work;
@@ -123,6 +139,7 @@ void check(Input& input) {
     h->Reverse = 0;
     CHECK(ReadRecord(h, static_cast<u32>(record)) == 1);
     const Row row{h, open.layout.records[record]};
+    checkPlaces(row, text, refused);
     if (text.size() % 2 == 0) checkValid(row, text, refused);
     if (text.size() % 2 != 0) checkCalculated(row, text);
 }

@@ -44,6 +44,30 @@ struct Hash : std::hash<std::string_view> {
 std::unordered_map<std::string, Bytes, Hash, std::equal_to<>> files;
 std::vector<std::unique_ptr<Stream>> streams;
 
+/// The files of another time.
+struct {
+    test::u32 changesLeft = 0;  // until then
+    test::u32 eighths = 0;
+    bool taken = false;
+    decltype(files) names = {};
+    std::vector<std::pair<Bytes, std::string>> contents = {};  // of every file, open ones included
+} past;
+
+void remember() {
+    past.taken = true;
+    past.names = files;
+    past.contents.clear();
+    for (const auto& [name, file] : files) past.contents.emplace_back(file, *file);
+    for (const auto& s : streams) past.contents.emplace_back(s->file, *s->file);
+}
+
+/// To be called for every change that has been made.
+template <typename Result>
+Result changed(Result result) {
+    if (past.changesLeft > 0 && --past.changesLeft == 0) remember();
+    return result;
+}
+
 bool inMemory(const char* path) { return std::string_view(path).starts_with(kFolder); }
 
 Bytes find(std::string_view path) {
@@ -75,13 +99,13 @@ int descriptorOf(const Stream* stream) {
 }
 
 int openFile(const char* path, int flags) {
-    Bytes file = find(path);
+    Bytes file = (flags & O_DIRECTORY) != 0 ? std::make_shared<std::string>() : find(path);
     if (file != nullptr && (flags & O_EXCL) != 0) {
         errno = EEXIST;
         return -1;
     }
     if (file == nullptr && (flags & O_CREAT) != 0)
-        file = files[path] = std::make_shared<std::string>();
+        file = changed(files[path] = std::make_shared<std::string>());
     if (file == nullptr) return -1;
     if ((flags & O_TRUNC) != 0) file->clear();
     return descriptorOf(streams.emplace_back(new Stream{file, flags & O_ACCMODE}).get());
@@ -109,13 +133,28 @@ std::size_t readStream(Stream* s, void* to, std::size_t size, std::size_t n) {
     return got / size;
 }
 
+bool writeAt(std::string& file, std::size_t at, const void* from, std::size_t count) {
+    if (at + count > test::largestFile) return false;
+    const auto put = [&](std::size_t bytes) {
+        file.resize(std::max(file.size(), at + bytes));
+        file.replace(at, bytes, static_cast<const char*>(from), bytes);
+    };
+    if (past.changesLeft == 1) put(count * past.eighths / 8);
+    changed(true);
+    put(count);
+    return true;
+}
+
 std::size_t writeStream(Stream* s, const void* from, std::size_t size, std::size_t n) {
-    const std::size_t end = s->at + size * n;
-    if (end > test::largestFile) return 0;
-    s->file->resize(std::max(s->file->size(), end));
-    s->file->replace(s->at, size * n, static_cast<const char*>(from), size * n);
-    s->at = end;
+    if (!writeAt(*s->file, s->at, from, size * n)) return 0;
+    s->at += size * n;
     return n;
+}
+
+ssize_t pwriteStream(Stream* s, const void* from, std::size_t count, off_t at) {
+    const bool done =
+        s->access != O_RDONLY && writeAt(*s->file, static_cast<std::size_t>(at), from, count);
+    return done ? static_cast<ssize_t>(count) : -1;
 }
 
 int seekStream(Stream* s, off_t offset, int whence) {
@@ -131,7 +170,7 @@ int renameFile(const char* from, const char* to) {
     if (find(to) == file) return 0;
     files.erase(from);
     files[to] = file;
-    return 0;
+    return changed(0);
 }
 
 int describe(const Bytes& file, struct stat* info) {
@@ -143,14 +182,29 @@ int describe(const Bytes& file, struct stat* info) {
     return 0;
 }
 
+#ifdef STATX_SIZE
+int describe(const Bytes& file, struct statx* info) {
+    if (file == nullptr) return -1;
+    *info = {};
+    info->stx_ino = reinterpret_cast<ino_t>(file.get());
+    info->stx_size = file->size();
+    return 0;
+}
+#endif
+
 int cut(const Bytes& file, off_t size) {
-    if (file != nullptr) file->resize(static_cast<std::size_t>(size));
-    return file != nullptr ? 0 : -1;
+    if (file == nullptr) return -1;
+    file->resize(static_cast<std::size_t>(size));
+    return changed(0);
+}
+
+int removeName(std::string_view path) {
+    return changed(files.erase(std::string(path)) != 0 ? 0 : -1);
 }
 
 int giveName(const Bytes& file, const char* name) {
     if (file == nullptr) return -1;
-    if (files.emplace(name, file).second) return 0;
+    if (files.emplace(name, file).second) return changed(0);
     errno = EEXIST;
     return -1;
 }
@@ -171,6 +225,20 @@ std::string_view test::contentsOf(const std::string& path) {
     return file != nullptr ? std::string_view(*file) : "";
 }
 
+void test::rememberAt(u32 change, u32 eighths) {
+    past.changesLeft = change;
+    past.eighths = eighths;
+    past.taken = false;
+}
+
+bool test::goBack() {
+    past.changesLeft = 0;
+    if (!past.taken) return false;
+    files = past.names;
+    for (const auto& [file, bytes] : past.contents) *file = bytes;
+    return true;
+}
+
 extern "C" {
 WRAP(char*, mkdtemp, true, nextFolder(), (char* pattern), (pattern))
 WRAP(DIR*, opendir, inMemory(path), nullptr, (const char* path), (path))
@@ -186,11 +254,13 @@ WRAP(std::size_t, fwrite, of(file), writeStream(of(file), from, size, n),
      (const void* from, std::size_t size, std::size_t n, std::FILE* file), (from, size, n, file))
 WRAP(ssize_t, LARGE(pread), of(fd), readAt(of(fd), to, count, from),
      (int fd, void* to, std::size_t count, off_t from), (fd, to, count, from))
+WRAP(ssize_t, LARGE(pwrite), of(fd), pwriteStream(of(fd), from, count, at),
+     (int fd, const void* from, std::size_t count, off_t at), (fd, from, count, at))
 WRAP(int, LARGE(fseeko), of(file), seekStream(of(file), to, whence),
      (std::FILE * file, off_t to, int whence), (file, to, whence))
 WRAP(off_t, LARGE(ftello), of(file), static_cast<off_t>(of(file)->at), (std::FILE * file), (file))
-WRAP(int, remove, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
-WRAP(int, unlink, inMemory(path), files.erase(path) != 0 ? 0 : -1, (const char* path), (path))
+WRAP(int, remove, inMemory(path), removeName(path), (const char* path), (path))
+WRAP(int, unlink, inMemory(path), removeName(path), (const char* path), (path))
 WRAP(int, link, inMemory(from), giveName(find(from), to), (const char* from, const char* to),
      (from, to))
 WRAP(int, flock, of(fd), 0, (int fd, int operation), (fd, operation))
@@ -204,6 +274,11 @@ WRAP(int, access, inMemory(path), find(path) != nullptr ? 0 : -1, (const char* p
      (path, mode))
 WRAP(int, LARGE(stat), inMemory(path), describe(find(path), info),
      (const char* path, struct stat* info), (path, info))
+#ifdef STATX_SIZE
+WRAP(int, statx, inMemory(path), describe(find(path), info),
+     (int folder, const char* path, int flags, unsigned mask, struct statx* info),
+     (folder, path, flags, mask, info))
+#endif
 WRAP(int, LARGE(fstat), of(fd), describe(of(fd)->file, info), (int fd, struct stat* info),
      (fd, info))
 WRAP(int, fileno, of(file), descriptorOf(of(file)), (std::FILE * file), (file))

@@ -95,6 +95,12 @@ private:
 std::string_view contentsOf(const std::string& path);
 /// Bytes to which files in memory can grow, as on a full disk; set by every property that writes.
 extern std::size_t largestFile;
+/// Has the files in memory remembered as they stand when the n-th change from now has been made,
+/// or, if that is a write, so many eighths of it.
+void rememberAt(u32 change, u32 eighths);
+/// Puts them back, as if the process had been killed there; false when it did not come so far.
+/// Open files stay open.
+bool goBack();
 
 // One per surface, in a file of the same name. Inputs above the limit are not looked at.
 struct Surface {

@@ -21,8 +21,9 @@ constexpr std::size_t kMemoFile = 150000;  // from there on only short memos are
 constexpr std::size_t kLongMemo = 70000;   // more than is read of a dBase III memo
 constexpr std::size_t kOtherLong = 9000;   // in other formats
 constexpr std::size_t kTextMemo = 65535;
-constexpr int kWide = 3000;  // makes the records fill more than one transfer buffer
-constexpr int kCostly = 10;  // slow operations of a session, so that no input takes long
+constexpr int kWide = 3000;    // makes the records fill more than one transfer buffer
+constexpr u32 kChanges = 200;  // more than a pack makes
+constexpr int kCostly = 10;    // slow operations of a session, so that no input takes long
 
 enum Columns : int { kName, kNote, kCount, kPicture, kDecimal, kText, kFields = 15 };
 constexpr char kTypes[] = "CMIGNCFDLTYBO@+";
@@ -272,6 +273,100 @@ struct Session {
         DupRecord(h);
         saved = buffer;
     }
+    /// A pack is killed, then both a new handle and one that was there before edit, then one of
+    /// them packs. Every memo is the right one or refused.
+    void killPack(Input& input) {
+        if (hasView()) return;
+        const Table before(OpenBase(path.c_str()));
+        if (!rows.empty()) checkMemos(before.get(), 0);
+        const u32 change = 1 + input.byte() % kChanges;
+        rememberAt(change, input.below(8));
+        const auto deleted = [](const Record& row) { return row.bytes[0] == '*'; };
+        const bool drop = input.below(2) == 0 && std::none_of(rows.begin(), rows.end(), deleted);
+        CHECK_EQUAL(Pack(h, drop ? 0 : 2), 1);
+        goBack();
+        open();
+        const auto editor = [&] {
+            DbfBase* const either = input.below(2) == 0 ? h : before.get();
+            RefreshDatabase(either);
+            return either;
+        };
+        for (u32 left = input.below(8); left > 0 && !rows.empty(); --left)
+            editMemos(editor(), input);
+        CHECK_EQUAL(Pack(editor(), 2), 1);
+        open();
+        touchAll();
+    }
+    bool isHalfPacked() const {
+        return contentsOf(memoPath).substr(24).starts_with("Pack unfinished\0"s);
+    }
+    /// The library's reading of a record in its buffer.
+    void checkMemos(DbfBase* editor, u32 record) {
+        CHECK_EQUAL(ReadRecord(editor, record), 1);
+        for (const int field : kMemos) {
+            u32 length = 0;
+            const std::unique_ptr<char, decltype(&std::free)> found(
+                GetMemoBuf(editor, field, &length), std::free);
+            if (isHalfPacked()) CHECK(found == nullptr);
+            if (!isHalfPacked())
+                CHECK_EQUAL(found != nullptr ? std::string(found.get(), length) : "",
+                            rows[record].memos[field == kPicture]);
+        }
+    }
+    bool isBlank(std::string_view reference) const {
+        const std::string blanks = kind == 3 || kind == 4 ? "\0"s : "\0 0"s;
+        return reference.find_first_not_of(blanks) == reference.npos;
+    }
+    /// Whether a reference of the buffer may go into a record, while its memos mean nothing.
+    bool mayWrite(std::string_view bytes, u32 to, int field) const {
+        const std::string_view reference = bytes.substr(column(field), width(field));
+        const std::size_t at = h->Header.HeaderLength + std::size_t{to} * h->Header.RecordLength;
+        return !isHalfPacked() || isBlank(reference) ||
+               (to < rows.size() &&
+                reference == contentsOf(path).substr(at + column(field), width(field)));
+    }
+    /// What a row becomes when fields of the buffer, which holds another, have been written into
+    /// it.
+    void take(u32 to, const Record& from, std::string_view bytes, int field) {
+        const std::string_view reference = bytes.substr(column(field), width(field));
+        const bool blank = isBlank(reference);
+        if (blank || !isHalfPacked()) {
+            rows[to].memos[field == kPicture] = blank ? "" : from.memos[field == kPicture];
+        }
+    }
+    void editMemos(DbfBase* editor, Input& input) {
+        const u32 way = input.below(8), count = static_cast<u32>(rows.size());
+        const u32 from = input.byte() % count, to = input.byte() % count;
+        checkMemos(editor, from);
+        const Record row = rows[from];
+        if (way == 0) ClearField(editor, kNote);
+        if (way == 1) CHECK_EQUAL(SetMemo(editor, kNote, "new") != 0, !isHalfPacked());
+        const std::string bytes = recordOf(editor);
+        if (way < 3) {  // over itself, or another
+            const u32 at = way < 2 ? from : to;
+            const bool may = mayWrite(bytes, at, kNote) && mayWrite(bytes, at, kPicture);
+            CHECK_EQUAL(WriteRecord(editor, at) != 0, may);
+            if (!may) return;
+            rows[at].bytes = bytes;
+            for (const int field : kMemos) take(at, row, bytes, field);
+            if (way == 1 && !isHalfPacked()) rows[at].memos[0] = "new";
+        } else if (way == 3 && count < kRows) {
+            const bool may = mayWrite(bytes, count, kNote) && mayWrite(bytes, count, kPicture);
+            CHECK_EQUAL(AppendBlank(editor, 0) != 0, may);
+            if (may) rows.push_back({bytes, {}});
+            if (may) setStamped();
+            for (const int field : kMemos)
+                if (may) take(count, row, bytes, field);
+        } else if (way == 4) {
+            const bool may = mayWrite(bytes, to, kPicture);
+            CHECK_EQUAL(WriteField(editor, to, kPicture) != 0, may);
+            if (may) take(to, row, bytes, kPicture);
+        } else if (way == 5 && isHalfPacked()) {
+            CHECK_EQUAL(Delete(editor, from) + Insert(editor, to, 1) + Truncate(editor, to), 0);
+        } else if (way == 6) {
+            CHECK_EQUAL(Pack(editor, 2), 1);
+        }
+    }
     void readRecords(Input& input) {
         const bool one = input.below(2) == 0;
         const u32 from = position(input), to = one ? from : viewCount();
@@ -363,17 +458,19 @@ struct Session {
 constexpr struct {
     char letter;
     void (Session::*run)(Input&);
-} kOperations[] = {
-    {'a', &Session::append},     {'b', &Session::changeBuffer}, {'c', &Session::cut},
-    {'d', &Session::changeFlag}, {'f', &Session::setField},     {'i', &Session::insert},
-    {'m', &Session::setMemo},    {'n', &Session::reopen},       {'o', &Session::changeOption},
-    {'p', &Session::pack},       {'r', &Session::readRecords},  {'s', &Session::sort},
-    {'v', &Session::filter},     {'w', &Session::writeRecord},  {'x', &Session::changeFromOutside}};
+} kOperations[] = {{'a', &Session::append},      {'b', &Session::changeBuffer},
+                   {'c', &Session::cut},         {'d', &Session::changeFlag},
+                   {'f', &Session::setField},    {'i', &Session::insert},
+                   {'k', &Session::killPack},    {'m', &Session::setMemo},
+                   {'n', &Session::reopen},      {'o', &Session::changeOption},
+                   {'p', &Session::pack},        {'r', &Session::readRecords},
+                   {'s', &Session::sort},        {'v', &Session::filter},
+                   {'w', &Session::writeRecord}, {'x', &Session::changeFromOutside}};
 
 void Session::step(Input& input) {
     const char letter = static_cast<char>('`' + input.byte() % 32);
     first = last = 0;
-    const bool isCostly = "npsx"s.find(letter) != std::string::npos;
+    const bool isCostly = "knpsx"s.find(letter) != std::string::npos;
     if (isCostly && ++costly > kCostly) return;
     for (const auto& operation : kOperations)
         if (operation.letter == letter) (this->*operation.run)(input);

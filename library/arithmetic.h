@@ -30,6 +30,9 @@ enum class Operation : u8 {
 
 using NumberFunction = double (*)(double);
 
+/// Whether a name, in any letter case, is that of a function of numbers.
+bool isNumberFunction(const char* name);
+
 /// What the parser does with the numbers of a text, in the order in which it does it.
 struct Program {
     struct Step {

@@ -51,12 +51,14 @@ void clearSlot(CalcFieldSlot& slot) {
 struct PreparedSlot {
     std::string text;
     int fieldCount;
-    std::vector<DbfField> fields;  // of the parts, as they were described
+    std::vector<std::pair<int, DbfField>> fields;  // of the parts, as they were described
     Expression expression;
     Arithmetic arithmetic;  // of a numeric expression
     bool digit;             // what if_digit_calci says
 };
-using PreparedSlots = std::array<std::unique_ptr<PreparedSlot>, kSlots>;
+/// An evaluation holds its slot, too: hooks may change it, or all of them, meanwhile.
+using HeldSlot = std::shared_ptr<const PreparedSlot>;
+using PreparedSlots = std::array<HeldSlot, kSlots>;
 
 /// Whether a numeric field is named in a text between the characters of chrdigit.
 bool namesNumber(const DbfBase* h, std::string_view text) {
@@ -74,22 +76,34 @@ bool namesNumber(const DbfBase* h, std::string_view text) {
 PreparedSlot prepareSlot(DbfBase* h, const char* text) {
     PreparedSlot p{text, h->FieldCount, {}, readExpression(h, text), {}, namesNumber(h, text)};
     for (const ExpressionPart& part : p.expression.parts) {
-        if (part.field >= 0) p.fields.push_back(h->Fields[part.field]);
+        if (part.field >= 0) p.fields.emplace_back(part.field, h->Fields[part.field]);
     }
     if (p.expression.numeric) p.arithmetic = prepareArithmetic(h, p.expression.parts, false);
     return p;
 }
 
+/// Eight bytes that differ in two names are other than zero.
+u64 differences(const char* a, const char* b) {
+    u64 left = 0;
+    u64 right = 0;
+    std::memcpy(&left, a, sizeof left);
+    std::memcpy(&right, b, sizeof right);
+    return left ^ right;
+}
+
+/// Asked for every record, so the names are compared as words, without a call.
 bool isSameField(const DbfField& a, const DbfField& b) {
-    return a.Type == b.Type && a.Length == b.Length && a.Decimals == b.Decimals &&
-           std::memcmp(a.Name, b.Name, sizeof a.Name) == 0;
+    static_assert(sizeof a.Name == 4 * sizeof(u64));
+    const u64 different = differences(a.Name, b.Name) | differences(a.Name + 8, b.Name + 8) |
+                          differences(a.Name + 16, b.Name + 16) |
+                          differences(a.Name + 24, b.Name + 24);
+    return different == 0 && a.Type == b.Type && a.Length == b.Length && a.Decimals == b.Decimals;
 }
 
 bool isCurrent(const DbfBase* h, const PreparedSlot& p, const char* text) {
-    if (p.fieldCount != h->FieldCount || p.text != text) return false;
-    const DbfField* described = p.fields.data();
-    for (const ExpressionPart& part : p.expression.parts) {
-        if (part.field >= 0 && !isSameField(*described++, h->Fields[part.field])) return false;
+    if (p.fieldCount != h->FieldCount || std::strcmp(p.text.c_str(), text) != 0) return false;
+    for (const auto& [field, described] : p.fields) {
+        if (!isSameField(described, h->Fields[field])) return false;
     }
     return true;
 }
@@ -109,22 +123,26 @@ PreparedSlots* keepSlots(DbfBase* h) {
     return keptSlots(h);
 }
 
-/// The prepared expression of a slot; null when it is empty or there is no memory. Where nothing
-/// can be kept, it is the caller's own.
-const PreparedSlot* prepared(DbfBase* h, int slot, std::unique_ptr<PreparedSlot>& own) {
-    const CalcFieldSlot* const filled = filledSlot(h, slot);
-    if (filled == nullptr || filled->Expression == nullptr) return nullptr;
+/// Prepares a slot anew, and keeps it where that is possible. Null without memory.
+[[gnu::noinline]] HeldSlot prepareAnew(DbfBase* h, int slot, const char* text) {
     try {
-        PreparedSlots* const all = h->Private != nullptr ? keepSlots(h) : nullptr;
-        std::unique_ptr<PreparedSlot>& kept =
-            all != nullptr ? (*all)[static_cast<std::size_t>(slot)] : own;
-        if (kept == nullptr || !isCurrent(h, *kept, filled->Expression)) {
-            kept = std::make_unique<PreparedSlot>(prepareSlot(h, filled->Expression));
-        }
-        return kept.get();
+        HeldSlot made = std::make_shared<PreparedSlot>(prepareSlot(h, text));
+        if (h->Private != nullptr) (*keepSlots(h))[static_cast<std::size_t>(slot)] = made;
+        return made;
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
+}
+
+/// The prepared expression of a slot; null when it is empty or there is no memory.
+HeldSlot prepared(DbfBase* h, int slot) {
+    const CalcFieldSlot* const filled = filledSlot(h, slot);
+    if (filled == nullptr || filled->Expression == nullptr) return nullptr;
+    if (const PreparedSlots* const all = keptSlots(h)) {
+        const HeldSlot& kept = (*all)[static_cast<std::size_t>(slot)];
+        if (kept != nullptr && isCurrent(h, *kept, filled->Expression)) return kept;
+    }
+    return prepareAnew(h, slot, filled->Expression);
 }
 
 // --------------------------------------------------------------------------------------------
@@ -226,8 +244,7 @@ int GetCalcI(DbfBase* h, const char* name) {
 char if_digit_calc(DbfBase* h, const char* name) { return if_digit_calci(h, GetCalcI(h, name)); }
 
 char if_digit_calci(DbfBase* h, int slot) {
-    std::unique_ptr<PreparedSlot> own;
-    const PreparedSlot* const p = prepared(h, slot, own);
+    const HeldSlot p = prepared(h, slot);
     return p != nullptr && p->digit ? 1 : 0;
 }
 
@@ -236,8 +253,7 @@ const char* GetCalcString(DbfBase* h, const char* name) {
 }
 
 const char* GetCalcStringI(DbfBase* h, int slot) {
-    std::unique_ptr<PreparedSlot> own;
-    const PreparedSlot* const p = prepared(h, slot, own);
+    const HeldSlot p = prepared(h, slot);
     if (p == nullptr) return nullptr;
     return p->expression.numeric ? numberText(h, *p) : textOf(h, *p);
 }
@@ -245,8 +261,7 @@ const char* GetCalcStringI(DbfBase* h, int slot) {
 double GetCalcValue(DbfBase* h, const char* name) { return GetCalcValueI(h, GetCalcI(h, name)); }
 
 double GetCalcValueI(DbfBase* h, int slot) {
-    std::unique_ptr<PreparedSlot> own;
-    const PreparedSlot* const p = prepared(h, slot, own);
+    const HeldSlot p = prepared(h, slot);
     return p != nullptr && p->expression.numeric ? valueOf(h, *p).value_or(0.0) : 0.0;
 }
 

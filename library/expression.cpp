@@ -14,6 +14,7 @@
 #include "dbf/table/table.h"
 #include "internal/ascii.h"
 #include "internal/restore.h"
+#include "streval/streval.h"
 
 namespace mira {
 
@@ -21,7 +22,6 @@ namespace {
 
 constexpr std::size_t kNameInExpression = 10;
 
-constexpr std::string_view quotes = "\"'";
 constexpr std::string_view kOperatorBytes = "><=~^+-/*()";
 constexpr std::string_view kDigits = "0123456789";
 
@@ -96,18 +96,18 @@ bool writeOpen(const DbfBase* h, ExpressionParts parts, std::string* text,
 
 }  // namespace
 
-Expression readExpression(const DbfBase* h, std::string_view rest) {
+Expression readExpression(const DbfBase* h, std::string_view text) {
     Expression e;
-    char quote = 0;       // that is open
+    QuoteReader quotes;
     bool inWord = false;  // what follows continues a word, so no name starts there
+    std::string_view rest = text;
     while (!rest.empty()) {
         const char c = rest.front();
-        const bool outside = quote == 0;
-        if (outside ? contains(quotes, c) : c == quote) {
-            quote = outside ? c : '\0';
+        if (quotes.takes(c)) {
             rest.remove_prefix(1);
             continue;
         }
+        const bool outside = !quotes.inside();
         if (outside && isWordByte(c) && !inWord) {
             inWord = true;
             const std::string_view name = candidate(rest);
@@ -120,11 +120,15 @@ Expression readExpression(const DbfBase* h, std::string_view rest) {
             }
         }
         if (outside && !isWordByte(c)) inWord = false;
-        addByte(e, c, outside && contains(kOperatorBytes, c));
+        const bool isOperator = outside && contains(kOperatorBytes, c);
+        if (isOperator && e.operatorPart < 0) e.operatorPlace = text.size() - rest.size();
+        addByte(e, c, isOperator);
         rest.remove_prefix(1);
     }
     return e;
 }
+
+bool isOneWord(std::string_view text) { return std::all_of(text.begin(), text.end(), isWordByte); }
 
 std::string_view valueText(DbfBase* h, int field) {
     const bool dated = isDateOrMoment(h->Fields[field]);
@@ -140,6 +144,10 @@ void writeParts(DbfBase* h, ExpressionParts parts, TextOut& out) {
             out.put(part.literal);
         }
     }
+}
+
+int IsFunction(const char* name) {
+    return name != nullptr && (isStringFunction(name) || isNumberFunction(name)) ? 1 : 0;
 }
 
 double parseSqueezed(char* text, int* status) {

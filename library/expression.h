@@ -25,9 +25,27 @@ using ExpressionParts = std::span<const ExpressionPart>;
 struct Expression {
     std::vector<ExpressionPart> parts;
     int operatorPart = -1;  ///< it begins with the first operator character; -1: there is none
-    bool numeric = false;   ///< a numeric field is among the parts
+    std::size_t operatorPlace = 0;  ///< of that character in the text
+    bool numeric = false;           ///< a numeric field is among the parts
 };
-Expression readExpression(const DbfBase*, std::string_view rest);
+Expression readExpression(const DbfBase*, std::string_view text);
+
+/// Follows the quotes of an expression from character to character.
+class QuoteReader {
+public:
+    /// Whether the next character is a quote that begins or ends a text.
+    bool takes(char c) {
+        if (quote_ != 0 ? c != quote_ : c != '"' && c != '\'') return false;
+        quote_ = quote_ != 0 ? '\0' : c;
+        return true;
+    }
+    bool inside() const { return quote_ != 0; }
+
+private:
+    char quote_ = 0;
+};
+/// Whether all of a text is one word.
+bool isOneWord(std::string_view text);
 
 /// The text of a table field, dates as digits that begin with the year.
 std::string_view valueText(DbfBase*, int field);

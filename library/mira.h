@@ -173,13 +173,22 @@ struct DbfBase {
 ///@{
 // --------------------------------------------------------------------------------------------
 
-/// Opens a table for reading and writing, or only for reading where the file permits no more.
-/// Null when it cannot be opened or is no usable table.
+/// Opens a table for reading and writing, or only for reading where the file or the file system
+/// permits no more (not after other failures, such as too many open files). Null when it cannot be
+/// opened or is no usable table.
 DbfBase* OpenBase(const char* path);
 /// Opens a table for reading only; null as for OpenBase.
 DbfBase* OpenBaseRO(const char* path);
 /// OpenBase (readOnly 0) or OpenBaseRO (any other value).
 DbfBase* OpenBaseCommon(const char* path, int readOnly);
+/// Looks for files beside path whose names differ from its own in the case of ASCII letters only:
+/// how many there are, 2 for more. When there is one, name gets its name, which is as long as that
+/// in path and needs no zero byte.
+using FindNameHook = u32 (*)(const char* path, char* name, void* context);
+/// OpenBaseCommon for programs that open many tables of a folder and have listed it: a memo file in
+/// other letter case is looked for by find, which is called with the context, not by reading the
+/// folder again. find is not kept. Null for find: as OpenBaseCommon.
+DbfBase* OpenBaseListed(const char* path, int readOnly, FindNameHook find, void* context);
 /// Zeroes the record and sets every default; what it owned before is not released.
 void SetDefOptions(DbfBase*);
 /// Closes the table and releases the handle; null is ignored.
@@ -279,7 +288,7 @@ int ReadByte(DbfBase*, u32 position);
 /// Reads one field into its place in RecordBuffer.
 int ReadField(DbfBase*, u32 position, int field);
 /// Counts the records again from the file size and forgets bytes read ahead; 1 when the count
-/// has changed.
+/// has changed. What another program has changed can be edited then.
 int RefreshDatabase(DbfBase*);
 ///@}
 
@@ -299,7 +308,9 @@ int WriteByte(DbfBase*, u32 position);
 int WriteField(DbfBase*, u32 position, int field);
 /// Stamps today's date into the header, writes it, and an end-of-file byte after the last record.
 int WriteHeader(DbfBase*);
-/// Appends RecordBuffer, cleared first when clear is non-zero, as a new last record.
+/// Appends RecordBuffer, cleared first when clear is non-zero, as a new last record. 0 and nothing
+/// changed, as of Insert, Delete, Truncate, Zap and Pack, when another program or handle has added
+/// or cut off records, or the table's name leads to another file now.
 int AppendBlank(DbfBase*, char clear);
 /// Copies RecordBuffer into SavedRecord.
 int DupRecord(DbfBase*);
@@ -343,7 +354,8 @@ int RecallRecord(DbfBase*, u32 position);
 /// Toggles the deletion mark.
 int InverseRecord(DbfBase*, u32 position);
 /// Removes a physical record from the file. On failure 0, the table as it was; where that fails
-/// too, every record is still there, one perhaps twice.
+/// too, every record is still there, one perhaps twice, and Delete and Insert give 0 until
+/// RefreshDatabase.
 int Delete(DbfBase*, u32 record);
 /// Inserts a record, blank or a copy of RecordBuffer, before position (0 to RecordCount). Failures
 /// as for Delete.
@@ -355,8 +367,10 @@ int Zap(DbfBase*);
 /// Mode 0 drops deleted records and rebuilds the memo file, 1 only drops records, 2 only rebuilds
 /// the memo file; others do nothing. The old memo file stays under its name with "~" for the
 /// extension's first letter. dBase III memos are copied up to their first 0x1A. 0 on failure, after
-/// which Pack may be called again. An interrupted Pack may leave its log in the memo file: until
-/// Pack has finished that work, no memo is read or written, and Insert, Delete and Truncate fail.
+/// which Pack may be called again; while the memos cannot be copied nothing changes, deleted records
+/// stay. An interrupted Pack may leave its log in the memo file (IsPackUnfinished): until Pack has
+/// finished that work, no memo is read or written, and Insert, Delete and Truncate fail, as do
+/// writes of records that would give one another memo.
 int Pack(DbfBase*, u32 mode);
 ///@}
 
@@ -564,7 +578,8 @@ u32 dBase4_BlockSize(DbfBase*);
 u32 FoxPro_BlockSize(DbfBase*);
 /// Block unit from an SMT header; 256 when the header is short.
 u32 SMT_BlockSize(DbfBase*);
-/// Writes an empty memo file over the one of a table. blockSize in bytes, at most 65535, 0 for 512.
+/// Writes an empty memo file over the one of a table, for a source of Visual FoxPro (.scx and the
+/// like) under its own extension. blockSize in bytes, at most 65535, 0 for 512.
 int CreateMemoFile(const char* tablePath, u32 kind, u32 blockSize);
 /// Places MemoFile at byte unit * block.
 int SeekMemo(DbfBase*, u32 unit, u32 block);
@@ -731,6 +746,96 @@ void ClearFilter(DbfBase*);
 void ClearAllFilter(DbfBase*);
 /// A new block of count * 8 bytes; the caller calls free.
 void* ExternalFilter(DbfBase*, u32 count);
+///@}
+
+// --------------------------------------------------------------------------------------------
+/// @name Exact facts and values
+/// What the texts and results above cannot carry. Values are those of the record in RecordBuffer.
+/// What pointers lead to is filled in only when the result is not 0, unless said otherwise.
+///@{
+// --------------------------------------------------------------------------------------------
+
+/// How the values of a field are encoded.
+enum class FieldClass : u8 {
+    None,      ///< bytes of unknown meaning
+    Text,      ///< C, V, Q: characters
+    System,    ///< 0: bits that belong to other fields
+    Logical,   ///< L
+    Date,      ///< D
+    Moment,    ///< T, @: see GetMoment
+    Decimal,   ///< N, F: decimal text
+    Integer,   ///< I, +
+    Double,    ///< O, and B of length 8
+    Currency,  ///< Y
+    Memo       ///< M, G, B of length 10, W and P of length 4 or 10: see GetMemoReference
+};
+
+/// The class of a field by its letter and length; None also for calculated fields.
+FieldClass GetFieldClass(DbfBase*, int field);
+/// Descriptor byte 18 as the file has it: in Visual FoxPro 1 system field, 2 may be null, 4 binary,
+/// 12 counts by itself; in other tables it means nothing. 0 in level 7, whose descriptors have no
+/// flags, and when it cannot be read.
+u32 GetFieldFlags(DbfBase*, int field);
+/// "dBase III", "FoxPro", "dBase IV", "Visual FoxPro", "SMT", "level 7", or "dBase family" for
+/// every other version. A constant, never null.
+const char* GetFlavourName(DbfBase*);
+/// The kind of CreateDatabase that the flavour has; 4294967295 for a version that has none.
+u32 GetFlavourKind(DbfBase*);
+/// The kind whose memos are stored as the table's are: 0, 1 (also for Visual FoxPro), 2 or 4;
+/// 4294967295 when memos of its version are neither read nor written.
+u32 GetMemoKind(DbfBase*);
+/// Day number (1721060 for 0000-01-01, 5373484 for 9999-12-31) and milliseconds since midnight of a
+/// T or "@" field in any encoding. 0 when it is blank or its bytes are no moment of these years;
+/// of digits, all 14 have to be there.
+int GetMoment(DbfBase*, int field, i32* day, i32* milliseconds);
+/// Stores a moment in a T or "@" field. 0, with nothing stored, when it is none, or one that the
+/// field cannot hold: parts of a second in digits, year 0 in level-7 tables of other makers.
+int SetMoment(DbfBase*, int field, i32 day, i32 milliseconds);
+/// A Y field in ten-thousandths; 0 for other fields.
+int GetCurrencyUnits(DbfBase*, int field, i64* tenThousandths);
+/// Stores ten-thousandths in a Y field; 0 for other fields and one shorter than 8 bytes.
+int SetCurrencyUnits(DbfBase*, int field, i64 tenThousandths);
+/// The block that a field of class Memo refers to and, in SMT tables, the length of the memo, else
+/// 0. The result is 0 when there is no reference: *block is 0 where the field is blank, and
+/// 4294967295 where its bytes are no reference.
+int GetMemoReference(DbfBase*, int field, u32* block, u32* length);
+/// Where the data of a memo lies in the memo file: its first byte, and the one after its last as
+/// the memo says, without prefix and end mark. 1 when the file holds all of it, 2 when the end of
+/// the file cuts it (*end is past it then), 0, with both places 0, when the reference leads to no
+/// memo or it cannot be read. A dBase III memo without an end mark ends with the file. Looks into
+/// MemoFile where the caller keeps it open.
+int GetMemoSpan(DbfBase*, u32 block, u32 length, u64* first, u64* end);
+
+/// Why a filter does not run as it is meant, and where that is in its text.
+enum class FilterFault : u8 {
+    None,
+    NoOperator,          ///< the condition, empty beside a connective without one
+    UnknownField,        ///< what stands left of an operator and is no table field; may be empty
+    ComposedLeft,        ///< the condition that has more than one bare name left of its operator
+    Brackets,            ///< the parenthesis without a partner, the quoted text with one in it that
+                         ///< counts, too, or the text whose groups cannot be computed
+    Quotes,              ///< from the quote that is not closed to the end
+    ConnectiveInQuotes,  ///< "&" or "|", which connect conditions inside quotes, too
+    TooLong,             ///< the condition that is too long with its values, or the whole text
+    Memory
+};
+/// Checks a filter without running it: text as for set_filter. 1, with fault None, when nothing is
+/// wrong with it; else 0, with the first fault and the bytes from *first up to *end that it is
+/// about. A constant left of an operator is no fault.
+int CheckFilter(DbfBase*, const char* filter, FilterFault* fault, u32* first, u32* end);
+/// A condition of a filter, numbered from 0 from left to right: the field that its left side names,
+/// a calculated one, which filters do not know, included, and -1 for any other left side; the place
+/// of its operator, of what follows that, and of its end (signFirst, rightFirst and end are the
+/// same without an operator). 0 when there is no condition of that number.
+int GetFilterCondition(DbfBase*, const char* filter, u32 number, int* field, u32* signFirst,
+                       u32* rightFirst, u32* end);
+/// 1 when a name, in any letter case and without a parenthesis, is that of a function in texts or
+/// arithmetic.
+int IsFunction(const char* name);
+/// Whether the memo file has the log of an interrupted Pack, which the next Pack finishes: 1 yes, 0
+/// no, -1 cannot be told (the memo file cannot be opened or read); whatever refuses to work while
+/// there is one refuses then, too.
+int IsPackUnfinished(DbfBase*);
 ///@}
 
 }  // namespace mira

@@ -359,6 +359,11 @@ bool run(Parser& p, char* line) {
 
 }  // namespace
 
+bool isNumberFunction(const char* name) {
+    return std::any_of(std::begin(kFunctions), std::end(kFunctions),
+                       [name](const Function& f) { return sameIgnoringCase(f.name, name); });
+}
+
 double parse(char* text, int* status) {
     char line[kLineSize];
     const std::size_t length = text != nullptr ? strnlen(text, kLineSize) : kLineSize;

@@ -20,6 +20,9 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
         const auto* const folder = reinterpret_cast<const char*>(sqlite3_value_text(values[0]));
         if (folder == nullptr) tables::refuse("mira_attach needs a folder");
         const bool writable = count > 1 && sqlite3_value_int(values[1]) != 0;
+        if (writable && sqlite3_user_data(context) != nullptr) {
+            tables::refuse(folder, ": attached for reading only; `mira query --write` writes");
+        }
         sqlite3* const connection = sqlite3_context_db_handle(context);
         std::string failures;
         std::size_t attached = 0;
@@ -31,7 +34,7 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
                 failures += "\n" + std::string(refusal.what());
             }
         }
-        const std::string report = tables::counted(attached, "table") + failures;
+        const std::string report = asUtf8(tables::counted(attached, "table") + failures);
         sqlite3_result_text64(context, report.data(), report.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
         return SQLITE_OK;
     });
@@ -58,11 +61,12 @@ std::string attachTable(sqlite3* connection, const std::string& path, const std:
     return name;
 }
 
-int registerAttach(sqlite3* connection) {
+int registerAttach(sqlite3* connection, bool readOnly) {
+    static int mark;
     for (const int arguments : {1, 2}) {
-        const int result = sqlite3_create_function(connection, "mira_attach", arguments,
-                                                   SQLITE_UTF8 | SQLITE_DIRECTONLY, nullptr, attach,
-                                                   nullptr, nullptr);
+        const int result = sqlite3_create_function(
+            connection, "mira_attach", arguments, SQLITE_UTF8 | SQLITE_DIRECTONLY,
+            readOnly ? &mark : nullptr, attach, nullptr, nullptr);
         if (result != SQLITE_OK) return result;
     }
     return SQLITE_OK;

@@ -7,8 +7,9 @@
 
 namespace mira::sql {
 
-/// Makes the function known to a connection. An SQLite result.
-int registerAttach(sqlite3* connection);
+/// Makes the function known to a connection; with readOnly it attaches for reading only. An SQLite
+/// result.
+int registerAttach(sqlite3* connection, bool readOnly);
 
 /// A virtual table `USING mira` in the schema temp, under the table's file name without extension,
 /// "_2" after it for a second one of that name. The name it got; throws a Refusal.

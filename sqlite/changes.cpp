@@ -1,5 +1,6 @@
 #include "changes.h"
 
+#include "shortcut.h"
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
 #include "tables/open/open.h"
@@ -16,30 +17,38 @@ constexpr const char* kFixed = "a record's number is its place in the file and c
 
 bool isNull(sqlite3_value* value) { return sqlite3_value_type(value) == SQLITE_NULL; }
 
-std::string_view bytesOf(sqlite3_value* value) {
-    const void* const bytes = sqlite3_value_blob(value);
-    if (bytes == nullptr) return {};
-    return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_value_bytes(value))};
+Given givenOf(sqlite3_value* value) {
+    const Stored stored = storedOf(value);
+    switch (stored.storage) {
+        case Storage::Integer:
+            return Given::ofInteger(stored.integer);
+        case Storage::Real:
+            return Given::ofReal(stored.real);
+        case Storage::Text:
+            return Given::ofText(stored.bytes);
+        case Storage::Blob:
+            return Given::ofBlob(stored.bytes);
+        case Storage::Null:
+            break;
+    }
+    return {};
 }
 
-Given givenOf(sqlite3_value* value) {
-    switch (sqlite3_value_type(value)) {
-        case SQLITE_INTEGER:
-            return Given::ofInteger(sqlite3_value_int64(value));
-        case SQLITE_FLOAT:
-            return Given::ofReal(sqlite3_value_double(value));
-        case SQLITE_TEXT:
-            // As UTF-8, whatever the database holds.
-            sqlite3_value_text(value);
-            return Given::ofText(bytesOf(value));
-        case SQLITE_BLOB:
-            return Given::ofBlob(bytesOf(value));
-        default:
-            return {};
-    }
+/// Whether SQLite's value is the stored one, as it was handed over.
+bool isSame(const Stored& stored, sqlite3_value* value) {
+    const Stored given = storedOf(value);
+    const bool compared = stored.storage != Storage::Null && stored.storage != Storage::Blob;
+    if (compared) return compare(stored, given) == 0;
+    return stored.storage == given.storage && stored.bytes == given.bytes;
 }
 
 }  // namespace
+
+void Changes::begin() {
+    if (!tables::isReplaced(table_)) return;
+    table_.base = std::move(tables::openAgain(table_, true)->base);
+    backedUp_ = false;
+}
 
 void Changes::refuse(const Row& row, const std::string& what) const {
     tables::refuse(table_.path, ": ",
@@ -51,7 +60,7 @@ void Changes::refuse(const Row& row, const std::string& what) const {
 void Changes::prepare() {
     if (!rows_.empty()) return;
     tables::checkWritable(table_);
-    RefreshDatabase(table_.base.get());
+    tables::refreshTable(table_);
     tables::loadCounters(table_);
     table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
     added_ = 0;
@@ -97,10 +106,32 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
     const bool moved = row.isNew ? !isNull(values[1])
                                  : sqlite3_value_int64(values[0]) != sqlite3_value_int64(values[1]);
     if (moved) refuse(row, std::string("rowid: ") + kFixed);
+    readValues(row, values.subspan(kBeforeColumns));
+    return row;
+}
+
+/// Whether an old record gives the value already. Its bytes then stay as they are: they may say
+/// more than SQLite's value does.
+bool Changes::isAsStored(const Row& row, const Column& column, sqlite3_value* value) {
+    if (!cells_) cells_.emplace(table_);
+    if (cellsOf_ != row.record) tables::readRecord(table_, row.record);
+    cellsOf_ = cells_->record = row.record;
+    tables::Value stored;
+    tables::readCell(*cells_, column, stored);
+    return isSame(tables::storedAs(column, stored), value);
+}
+
+/// UPDATE ... FROM gives all columns, those that are not set as the record has given them.
+void Changes::readValues(Row& row, std::span<sqlite3_value*> values) {
+    const bool all = sqlite3_value_nochange(values[columns_.recordNumber()]) == 0;
     for (std::size_t i = 0; i < columns_.size(); ++i) {
         const Column& column = columns_[i];
-        sqlite3_value* const value = values[i + kBeforeColumns];
-        if (!row.isNew && sqlite3_value_nochange(value) != 0) continue;
+        sqlite3_value* const value = values[i];
+        if (!row.isNew) {
+            if (sqlite3_value_nochange(value) != 0) continue;
+            // A null that is set also takes away what is no value.
+            if ((all || !isNull(value)) && isAsStored(row, column, value)) continue;
+        }
         if (column.kind == tables::Kind::RecordNumber) {
             checkNumber(row, column, value);
         } else if (column.kind == tables::Kind::Deletion) {
@@ -109,7 +140,6 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
             encode(row, i, value);
         }
     }
-    return row;
 }
 
 void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
@@ -138,6 +168,7 @@ void Changes::putValues(const Row& row) {
         const Column& column = columns_[value.column];
         encoded_.bytes.assign(bytes_, nextByte_, column.length);
         encoded_.memo.assign(bytes_, nextByte_ + column.length, value.memoSize);
+        encoded_.hasMemo = value.memoSize != 0;
         encoded_.isNull = value.isNull;
         encoded_.partial = value.partial;
         nextByte_ += column.length + value.memoSize;
@@ -163,12 +194,20 @@ void Changes::writeRow(const Row& row) {
 
 void Changes::write() {
     if (rows_.empty()) return;
+    if (tables::isReplaced(table_)) {
+        drop();
+        tables::refuse(table_.path,
+                       ": another program has replaced the file since the statement began; "
+                       "nothing is written");
+    }
     if (table_.page.uncertain) {
-        warn_(table_.path + ": " + tables::pageDoubt(table_.page, "code_page=NAME"));
+        host_.tell(Notice::Remark,
+                   table_.path + ": " + tables::pageDoubt(table_.page, host_.pageOption));
     }
     if (!backedUp_) {
         tables::makeBackups(table_);
-        if (const std::string stale = tables::staleIndexes(table_); !stale.empty()) warn_(stale);
+        const std::string stale = tables::staleIndexes(table_);
+        if (!stale.empty()) host_.tell(Notice::Remark, stale);
     }
     backedUp_ = true;
     const u32 before = reccount(table_.base.get());
@@ -195,6 +234,8 @@ void Changes::drop() {
     bytes_.clear();
     nextValue_ = nextByte_ = 0;
     added_ = 0;
+    cells_.reset();
+    cellsOf_.reset();
 }
 
 }  // namespace mira::sql

@@ -3,23 +3,27 @@
 // record.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "api.h"
+#include "columns.h"
 #include "mira_sqlite.h"
-#include "tables/column/column.h"
 #include "tables/store/store.h"
+#include "tables/value/value.h"
 
 namespace mira::sql {
 
 class Changes {
 public:
-    /// columns as declared: those of the table, then record number and deletion.
-    Changes(tables::Table& table, const std::vector<tables::Column>& columns, Warn warn)
-        : table_(table), columns_(columns), warn_(warn) {}
+    Changes(tables::Table& table, const Columns& columns, const Host& host)
+        : table_(table), columns_(columns), host_(host) {}
 
+    /// Before a statement: makes sure that what the table's name leads to is what is written.
+    /// Throws a Refusal.
+    void begin();
     /// Takes a row of xUpdate: the old rowid or null, the new one, then the columns. Of an inserted
     /// row *rowid becomes the new record, from 1. Throws a Refusal that names column and value.
     void take(std::span<sqlite3_value*> values, sqlite3_int64* rowid);
@@ -47,13 +51,15 @@ private:
     void encode(Row& row, std::size_t column, sqlite3_value* value);
     Mark markOf(const Row& row, const tables::Column& column, sqlite3_value* value) const;
     void checkNumber(const Row& row, const tables::Column& column, sqlite3_value* value) const;
+    void readValues(Row& row, std::span<sqlite3_value*> values);
+    bool isAsStored(const Row& row, const tables::Column& column, sqlite3_value* value);
     void putValues(const Row& row);
     void writeRow(const Row& row);
     [[noreturn]] void refuse(const Row& row, const std::string& what) const;
 
     tables::Table& table_;
-    const std::vector<tables::Column>& columns_;
-    const Warn warn_;
+    const Columns& columns_;
+    const Host& host_;
     // A statement may change a million rows, so they are held with little around their bytes: the
     // values of all rows one after the other, and each one's field and memo bytes likewise.
     std::vector<Row> rows_;
@@ -61,6 +67,8 @@ private:
     std::string bytes_;
     std::size_t nextValue_ = 0, nextByte_ = 0;  ///< to be written
     tables::Encoded encoded_;
+    std::optional<tables::CellReader> cells_;  ///< old values
+    std::optional<u32> cellsOf_;               ///< of which record
     u32 added_ = 0;
     bool backedUp_ = false;
 };

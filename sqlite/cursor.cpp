@@ -2,18 +2,71 @@
 #include <cmath>
 
 #include "module.h"
+#include "tables/page/refusal.h"
 
 namespace mira::sql {
 namespace {
 
 using tables::Column;
 using tables::Deleted;
+using tables::Fault;
 using tables::Value;
 
+bool isMemoFault(Fault fault) { return fault == Fault::NoMemo || fault == Fault::MemoCut; }
+
+/// The statement of the connection that runs and changes something; null when there is none.
+sqlite3_stmt* writingStatement(sqlite3* connection) {
+    sqlite3_stmt* statement = sqlite3_next_stmt(connection, nullptr);
+    while (statement != nullptr &&
+           (sqlite3_stmt_busy(statement) == 0 || sqlite3_stmt_readonly(statement) != 0)) {
+        statement = sqlite3_next_stmt(connection, statement);
+    }
+    return statement;
+}
+
+/// Views and triggers use columns that the statement does not name.
+bool hasViews(sqlite3* connection) {
+    sqlite3_stmt* statement = nullptr;
+    const int prepared = sqlite3_prepare_v2(
+        connection, "SELECT 1 FROM temp.sqlite_master WHERE type IN ('view', 'trigger')", -1,
+        &statement, nullptr);
+    const bool found = prepared != SQLITE_OK || sqlite3_step(statement) != SQLITE_DONE;
+    sqlite3_finalize(statement);
+    return found;
+}
+
+/// Whether a text holds a word; names that are no plain words it may hold.
+bool mayHoldWord(std::string_view text, std::string_view word) {
+    if (!std::all_of(word.begin(), word.end(), tables::isWordByte)) return true;
+    for (std::size_t at = text.find(word); at != std::string_view::npos;
+         at = text.find(word, at + 1)) {
+        const std::size_t end = at + word.size();
+        if ((at == 0 || !tables::isWordByte(text[at - 1])) &&
+            (end == text.size() || !tables::isWordByte(text[end]))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Whether a statement may use the value of a column that it asks for. UPDATE ... FROM asks for all
+/// columns of its table, only to hand them back; those that its text cannot mean it does not use.
+bool mayUse(const VirtualTable& of, sqlite3_stmt* statement, const Column& column) {
+    const char* const sql = sqlite3_sql(statement);
+    if (!of.changes || sql == nullptr) return true;
+    const std::string text = tables::foldCase(tables::trimmed(sql, " \t\r\n"));
+    return !text.starts_with("update") || text.find('*') != std::string::npos ||
+           mayHoldWord(text, "natural") || mayHoldWord(text, tables::foldCase(column.name)) ||
+           hasViews(of.connection);
+}
+
+/// For a shortcut or an index. That a memo which cannot be read decides is told here, since SQLite
+/// may never see it.
 Stored cellOf(Cursor& cursor, int column) {
     Value value;
-    const Column& of = tableOf(cursor).columns[static_cast<std::size_t>(column)];
+    const Column& of = (*tableOf(cursor).columns)[static_cast<std::size_t>(column)];
     tables::readCell(*cursor.cells, of, value);
+    if (isMemoFault(value.fault)) addLoss(cursor, of, value.fault);
     return tables::storedAs(of, value);
 }
 
@@ -32,11 +85,23 @@ bool mayPass(Cursor& cursor) {
     });
 }
 
+/// A whole number, also one that is written as 3.0: SQLite takes this for 3 when it plans.
+std::optional<i64> wholeNumber(const Stored& constant) {
+    constexpr double kExact = 9007199254740992.0;  // 2^53
+    if (constant.storage == Storage::Integer) return constant.integer;
+    const double real = constant.real;
+    if (constant.storage != Storage::Real || std::abs(real) >= kExact || std::trunc(real) != real) {
+        return std::nullopt;
+    }
+    return static_cast<i64>(real);
+}
+
 /// Conditions on the record number make the range narrower. They are certain, so they are kept only
 /// where the constant is a whole number.
 void narrow(Cursor& cursor, const Shortcut& s) {
-    if (!s.usable || s.constant.storage != Storage::Integer) return;
-    const i64 number = std::clamp<i64>(s.constant.integer, -1, i64{1} << 33) - 1;  // from 0
+    const std::optional<i64> constant = s.usable ? wholeNumber(s.constant) : std::nullopt;
+    if (!constant) return;
+    const i64 number = std::clamp<i64>(*constant, -1, i64{1} << 33) - 1;  // from 0
     i64 first = cursor.record;
     i64 end = cursor.end;
     switch (s.condition.op) {
@@ -99,9 +164,20 @@ std::optional<u32> advance(Cursor& cursor) {
 
 }  // namespace
 
+void addLoss(Cursor& cursor, const Column& column, Fault fault) {
+    VirtualTable& of = tableOf(cursor);
+    const u32 record = cursor.cells->record;
+    sqlite3_stmt* const writing = isMemoFault(fault) ? writingStatement(of.connection) : nullptr;
+    if (writing == nullptr) return of.losses.add(fault, record, column);
+    if (mayUse(of, writing, column)) {
+        tables::refuse(of.table->path, ": record ", u64{record} + 1, ", ", column.name,
+                       ": the memo cannot be read whole, and so nothing is made of it");
+    }
+}
+
 void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants) {
-    const std::vector<tables::Column>& columns = tableOf(cursor).columns;
-    const int recordColumn = static_cast<int>(columns.size()) - kHiddenColumns;
+    const Columns& columns = *tableOf(cursor).columns;
+    const int recordColumn = static_cast<int>(columns.recordNumber());
     const bool repeated = !cursor.plan.empty() && cursor.plan == plan;
     cursor.plan = plan;
     cursor.shortcuts.clear();

@@ -3,27 +3,33 @@
 
 #include <exception>
 #include <new>
+#include <string>
+#include <string_view>
 
 #include "api.h"
 
 namespace mira::sql {
 
+/// The text with every byte that is no UTF-8 as "\xFF". File names and values may hold any bytes;
+/// programs that are handed a message take nothing but UTF-8.
+std::string asUtf8(std::string_view text);
 /// Sets a message that SQLite owns, and releases the one before.
-inline void setMessage(char** message, const char* text) {
-    sqlite3_free(*message);
-    *message = sqlite3_mprintf("%s", text);
-}
+void setMessage(char** message, std::string_view text);
 
 /// The result of work(), or that of what it threw.
 template <typename Work>
 int guarded(char** message, Work work) noexcept {
     try {
-        return work();
-    } catch (const std::bad_alloc&) {
+        try {
+            return work();
+        } catch (const std::bad_alloc&) {
+            return SQLITE_NOMEM;
+        } catch (const std::exception& error) {
+            setMessage(message, error.what());
+            return SQLITE_ERROR;
+        }
+    } catch (...) {
         return SQLITE_NOMEM;
-    } catch (const std::exception& error) {
-        setMessage(message, error.what());
-        return SQLITE_ERROR;
     }
 }
 

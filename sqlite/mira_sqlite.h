@@ -4,18 +4,33 @@
 //   SELECT mira_attach('samples');
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "api.h"
 
 namespace mira::sql {
 
-/// Told what is odd about a table that is read, and what a write leaves stale.
-using Warn = void (*)(const std::string& sentence);
+/// What a sentence is about: something odd that changes no value, or a value that came out other
+/// than it is stored, or not at all.
+enum class Notice : unsigned char { Remark, Loss };
+
 /// Into SQLite's error log.
-void logWarning(const std::string& sentence);
+void logNotice(Notice notice, const std::string& sentence);
+
+/// The program that the module works for.
+struct Host {
+    /// Told what is odd about a table, what of its values could not be kept, and what a write
+    /// leaves stale.
+    std::function<void(Notice, const std::string&)> tell = logNotice;
+    const char* pageOption = "code_page=NAME";  ///< how to say which code page a table is in
+    const char* exactOption = "exact=1";        ///< and how to keep all digits of numbers
+    bool readOnly = false;                      ///< refuses `writable=1`
+    bool outerJoins = true;                     ///< statements may hold some
+    bool rowLists = false;                      ///< and some with (A, B) IN (...)
+};
 
 /// Makes the module `mira` and the function `mira_attach` known to a connection. An SQLite result.
-int registerMira(sqlite3* connection, Warn warn = logWarning);
+int registerMira(sqlite3* connection, const Host& host = {});
 
 }  // namespace mira::sql

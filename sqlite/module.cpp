@@ -18,20 +18,13 @@ using tables::Column;
 /// A virtual table has at most 2000 columns.
 constexpr std::size_t kColumnMax = 2000 - kHiddenColumns;
 
-std::vector<Column> declaredColumns(const tables::Table& table) {
-    std::vector<Column> columns = table.columns;
-    columns.push_back(tables::extraColumn(table, "_record", tables::Kind::RecordNumber));
-    columns.push_back(tables::extraColumn(table, "_deleted", tables::Kind::Deletion));
-    return columns;
-}
-
-std::string declaration(const std::vector<Column>& columns) {
+std::string declaration(const Columns& columns) {
     std::string text = "CREATE TABLE x(";
     for (std::size_t i = 0; i < columns.size(); ++i) {
         if (i != 0) text += ", ";
         text += tables::quotedName(columns[i].name) + " " +
                 tables::storageName(tables::declaredStorage(columns[i]));
-        if (i + kHiddenColumns >= columns.size()) text += " HIDDEN";
+        if (i >= columns.recordNumber()) text += " HIDDEN";
     }
     return text + ")";
 }
@@ -49,26 +42,43 @@ bool isUtf8(sqlite3* connection) {
     return utf8;
 }
 
-int connect(sqlite3* connection, void* warn, int count, const char* const* texts,
+/// Refuses what a host for reading does not open.
+void checkAccess(const VirtualTable& of) {
+    if (!of.host.readOnly || !of.arguments.table.writable) return;
+    tables::refuse(of.arguments.path,
+                   ": writable=1 is refused here; `mira query --write` opens for writing");
+}
+
+std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, const Host& host,
+                                        const Arguments& arguments) {
+    auto made = std::make_unique<VirtualTable>();
+    made->connection = connection;
+    made->host = host;
+    made->arguments = arguments;
+    checkAccess(*made);
+    made->table = tables::openTable(arguments.path, arguments.table);
+    tables::Table& table = *made->table;
+    if (table.columns.size() > kColumnMax) {
+        tables::refuse(table.path, ": ", table.columns.size(),
+                       " fields, but a virtual table has at most ", kColumnMax);
+    }
+    if (table.page.uncertain) {
+        table.notes.push_back(tables::pageDoubt(table.page, host.pageOption));
+    }
+    made->columns.emplace(table);
+    if (arguments.table.writable) made->changes.emplace(table, *made->columns, made->host);
+    made->utf8 = isUtf8(connection);
+    return made;
+}
+
+int connect(sqlite3* connection, void* host, int count, const char* const* texts,
             sqlite3_vtab** result, char** message) {
     // The first three are the names of module, database and table.
     constexpr int kNames = 3;
     return guarded(message, [&] {
-        auto made = std::make_unique<VirtualTable>();
-        made->connection = connection;
-        made->warn = reinterpret_cast<Warn>(warn);
-        made->arguments = readArguments(count - kNames, texts + kNames);
-        made->table = tables::openTable(made->arguments.path, made->arguments.table);
-        if (made->table->columns.size() > kColumnMax) {
-            tables::refuse(made->table->path, ": ", made->table->columns.size(),
-                           " fields, but a virtual table has at most ", kColumnMax);
-        }
-        made->columns = declaredColumns(*made->table);
-        if (made->arguments.table.writable) {
-            made->changes.emplace(*made->table, made->columns, made->warn);
-        }
-        made->utf8 = isUtf8(connection);
-        const int declared = sqlite3_declare_vtab(connection, declaration(made->columns).c_str());
+        auto made = makeTable(connection, *static_cast<const Host*>(host),
+                              readArguments(count - kNames, texts + kNames));
+        const int declared = sqlite3_declare_vtab(connection, declaration(*made->columns).c_str());
         if (declared != SQLITE_OK) {
             setMessage(message, sqlite3_errmsg(connection));
             return declared;
@@ -80,9 +90,9 @@ int connect(sqlite3* connection, void* warn, int count, const char* const* texts
 }
 
 /// Another function than connect, so that the module's own name is no table.
-int create(sqlite3* connection, void* warn, int count, const char* const* texts,
+int create(sqlite3* connection, void* host, int count, const char* const* texts,
            sqlite3_vtab** result, char** message) {
-    return connect(connection, warn, count, texts, result, message);
+    return connect(connection, host, count, texts, result, message);
 }
 
 int disconnect(sqlite3_vtab* table) {
@@ -93,14 +103,17 @@ int disconnect(sqlite3_vtab* table) {
 int bestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
     const VirtualTable& of = tableOf(table);
     return guarded(&table->zErrMsg, [&] {
-        return choosePlan({&of.columns, reccount(of.table->base.get()), of.utf8}, info);
+        const bool patterns = !of.host.outerJoins || keepsOnTerms();
+        return choosePlan(
+            {*of.columns, reccount(of.table->base.get()), of.utf8, patterns, of.host.rowLists},
+            info);
     });
 }
 
 /// What is odd about a table is told when it is first read.
 void tellNotes(VirtualTable& of) {
     for (const std::string& note : std::exchange(of.table->notes, {})) {
-        of.warn(of.table->path + ": " + note);
+        of.host.tell(Notice::Remark, of.table->path + ": " + note);
     }
 }
 
@@ -110,6 +123,7 @@ int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
         auto cursor = std::make_unique<Cursor>();
         cursor->table = tables::openAgain(*tableOf(table).table);
         cursor->cells.emplace(*cursor->table);
+        ++tableOf(table).cursors;
         *result = cursor.release();
         return SQLITE_OK;
     });
@@ -117,9 +131,15 @@ int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
 
 Cursor& cursorOf(sqlite3_vtab_cursor* cursor) { return *static_cast<Cursor*>(cursor); }
 
+/// What could not be kept is told at the end of the statement.
 int close(sqlite3_vtab_cursor* cursor) {
+    VirtualTable& of = tableOf(cursorOf(cursor));
     delete &cursorOf(cursor);
-    return SQLITE_OK;
+    if (--of.cursors != 0) return SQLITE_OK;
+    return guarded(&of.zErrMsg, [&] {
+        of.losses.tell(of.table->path, of.host);
+        return SQLITE_OK;
+    });
 }
 
 int filter(sqlite3_vtab_cursor* cursor, int /*number*/, const char* plan, int count,
@@ -160,15 +180,13 @@ int column(sqlite3_vtab_cursor* cursor, sqlite3_context* context, int number) {
     return guarded(&cursor->pVtab->zErrMsg, [&] {
         if (sqlite3_vtab_nochange(context) != 0) return SQLITE_OK;
         Cursor& of = cursorOf(cursor);
-        const Column& wanted = tableOf(of).columns[static_cast<std::size_t>(number)];
+        const Column& wanted = (*tableOf(of).columns)[static_cast<std::size_t>(number)];
         tables::Value value;
         tables::readCell(*of.cells, wanted, value);
-        if (value.fault == tables::Fault::NoMemo || value.fault == tables::Fault::MemoCut) {
-            sqlite3_log(SQLITE_WARNING, "%s: record %u, %s: %s", of.table->path.c_str(),
-                        of.cells->record + 1, wanted.name.c_str(),
-                        tables::faultSentence(value.fault, 1).c_str());
-        }
-        putResult(context, tables::storedAs(wanted, value));
+        if (value.fault != tables::Fault::None) addLoss(of, wanted, value.fault);
+        const Stored stored = tables::storedAs(wanted, value);
+        if (stored.rounded) addLoss(of, wanted, tables::Fault::Rounded);
+        putResult(context, stored);
         return SQLITE_OK;
     });
 }
@@ -200,7 +218,13 @@ int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64
     });
 }
 
-int begin(sqlite3_vtab* /*table*/) { return SQLITE_OK; }
+/// Comes before the cursors of a statement that writes.
+int begin(sqlite3_vtab* table) {
+    return guarded(&table->zErrMsg, [&] {
+        if (tableOf(table).changes) tableOf(table).changes->begin();
+        return SQLITE_OK;
+    });
+}
 
 int sync(sqlite3_vtab* table) {
     return guarded(&table->zErrMsg, [&] {
@@ -243,14 +267,20 @@ constexpr sqlite3_module kModule = [] {
 
 }  // namespace
 
-void logWarning(const std::string& sentence) {
-    sqlite3_log(SQLITE_WARNING, "%s", sentence.c_str());
+void logNotice(Notice /*notice*/, const std::string& sentence) {
+    sqlite3_log(SQLITE_WARNING, "%s", asUtf8(sentence).c_str());
 }
 
-int registerMira(sqlite3* connection, Warn warn) {
-    const int result =
-        sqlite3_create_module(connection, "mira", &kModule, reinterpret_cast<void*>(warn));
-    return result == SQLITE_OK ? registerAttach(connection) : result;
+int registerMira(sqlite3* connection, const Host& host) {
+    Host* kept = nullptr;
+    try {
+        kept = new Host(host);
+    } catch (const std::bad_alloc&) {
+        return SQLITE_NOMEM;
+    }
+    const int result = sqlite3_create_module_v2(connection, "mira", &kModule, kept,
+                                                [](void* own) { delete static_cast<Host*>(own); });
+    return result == SQLITE_OK ? registerAttach(connection, host.readOnly) : result;
 }
 
 }  // namespace mira::sql

@@ -14,7 +14,10 @@
 #include "api.h"
 #include "arguments.h"
 #include "changes.h"
+#include "columns.h"
 #include "index.h"
+#include "losses.h"
+#include "mira_sqlite.h"
 #include "plan.h"
 #include "shortcut.h"
 #include "tables/column/column.h"
@@ -25,11 +28,13 @@ namespace mira::sql {
 struct VirtualTable : sqlite3_vtab {
     sqlite3* connection = nullptr;
     bool utf8 = true;  ///< encoding of the connection's database
-    Warn warn = nullptr;
+    Host host;
     Arguments arguments;
     std::unique_ptr<tables::Table> table;
-    std::vector<tables::Column> columns;  ///< as declared: those of the table, _record, _deleted
-    std::optional<Changes> changes;       ///< of a writable table
+    std::optional<Columns> columns;
+    std::optional<Changes> changes;  ///< of a writable table
+    Losses losses;
+    u32 cursors = 0;  ///< open ones
 };
 
 /// A scan: all records of a range, those an index gives, or one.
@@ -43,7 +48,6 @@ struct Cursor : sqlite3_vtab_cursor {
     std::optional<KeyIndex> index;
     std::span<const KeyIndex::Entry> found;
     bool indexed = false;  ///< this scan goes through found
-    std::string fault{};   ///< why the record could not be read
 };
 
 inline VirtualTable& tableOf(sqlite3_vtab* table) { return *static_cast<VirtualTable*>(table); }
@@ -53,5 +57,8 @@ inline VirtualTable& tableOf(const Cursor& cursor) { return tableOf(cursor.pVtab
 void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants);
 /// Goes on to the next record that may pass; at the end atEnd is set. Throws a Refusal.
 void nextRecord(Cursor& cursor);
+/// Counts what could not be kept of a value. Throws a Refusal for a memo that cannot be read where
+/// the statement changes something: what is built on it must not replace anything.
+void addLoss(Cursor& cursor, const tables::Column& column, tables::Fault fault);
 
 }  // namespace mira::sql

@@ -30,15 +30,56 @@ std::optional<Operator> operatorOf(int code) {
     return std::nullopt;
 }
 
+bool isPattern(Operator op) { return op == Operator::Like || op == Operator::Glob; }
+
 /// LIKE and GLOB have no collation; IS NULL compares nothing.
 bool comparesTexts(const tables::Column& column, Operator op) {
     return tables::declaredStorage(column) == Storage::Text && op != Operator::IsNull &&
-           op != Operator::Like && op != Operator::Glob;
+           !isPattern(op);
 }
 
 bool isBinary(sqlite3_index_info* info, int i) {
     const char* const collation = sqlite3_vtab_collation(info, i);
     return collation != nullptr && sqlite3_stricmp(collation, "BINARY") == 0;
+}
+
+/// Whether an `=` may stand for an IN. SQLite hands over the values of a list one after the other,
+/// and then compares them as texts with a column of texts, also where numbers of a subquery are to
+/// be compared as numbers. It tells so of the first 32 conditions, from 3.38 on.
+bool mayBeIn(sqlite3_index_info* info, int i) {
+#if SQLITE_VERSION_NUMBER >= 3038000
+    constexpr int kTold = 32;
+    if (sqlite3_libversion_number() >= 3038000 && i < kTold) {
+        return sqlite3_vtab_in(info, i, -1) != 0;
+    }
+#endif
+    static_cast<void>(info);
+    static_cast<void>(i);
+    return true;
+}
+
+/// Whether the other side is known to be a whole number. Any other constant may be converted first,
+/// and is then found only by looking at all records.
+bool isWholeNumber(sqlite3_index_info* info, int i) {
+#if SQLITE_VERSION_NUMBER >= 3038000
+    sqlite3_value* value = nullptr;
+    return sqlite3_libversion_number() >= 3038000 &&
+           sqlite3_vtab_rhs_value(info, i, &value) == SQLITE_OK &&
+           sqlite3_value_type(value) == SQLITE_INTEGER;
+#else
+    static_cast<void>(info);
+    static_cast<void>(i);
+    return false;
+#endif
+}
+
+/// Whether a condition may be tested while scanning.
+bool isShortcut(const PlanTable& table, sqlite3_index_info* info, int i, Operator op,
+                const tables::Column& column) {
+    if (isPattern(op)) return table.patterns;
+    if (!comparesTexts(column, op)) return true;
+    if (!table.utf8 || !isBinary(info, i)) return false;
+    return op != Operator::Equal || (!table.rowLists && !mayBeIn(info, i));
 }
 
 /// The share of the records that a condition leaves, by experience.
@@ -57,27 +98,33 @@ double shareLeft(Operator op, double records) {
 
 }  // namespace
 
+bool keepsOnTerms() { return sqlite3_libversion_number() >= 3051000; }
+
 int choosePlan(const PlanTable& table, sqlite3_index_info* info) {
     const double records = std::max<double>(1, table.records);
-    const int recordColumn = static_cast<int>(table.columns->size()) - kHiddenColumns;
+    const int recordColumn = static_cast<int>(table.columns.recordNumber());
     std::ostringstream plan;
     int arguments = 0;
     double rows = records;
     bool equal = false;
     bool oneRow = false;
+    bool unique = false;
     for (int i = 0; i < info->nConstraint; ++i) {
         const auto& constraint = info->aConstraint[i];
         const std::optional<Operator> known = operatorOf(constraint.op);
         if (constraint.usable == 0 || !known) continue;
         const Operator op = *known;
         const int column = constraint.iColumn == kRowid ? recordColumn : constraint.iColumn;
-        const tables::Column& of = (*table.columns)[static_cast<std::size_t>(column)];
-        if (comparesTexts(of, op) && (!table.utf8 || !isBinary(info, i))) continue;
+        const tables::Column& of = table.columns[static_cast<std::size_t>(column)];
+        if (!isShortcut(table, info, i, op, of)) continue;
         info->aConstraintUsage[i].argvIndex = ++arguments;
         plan << column << ' ' << static_cast<char>(op) << '\n';
         rows *= shareLeft(op, records);
         equal = equal || op == Operator::Equal;
-        oneRow = oneRow || (op == Operator::Equal && column == recordColumn);
+        if (op == Operator::Equal && column == recordColumn) {
+            oneRow = true;
+            unique = unique || isWholeNumber(info, i);
+        }
     }
     info->idxStr = sqlite3_mprintf("%s", plan.str().c_str());
     if (info->idxStr == nullptr) return SQLITE_NOMEM;
@@ -92,7 +139,7 @@ int choosePlan(const PlanTable& table, sqlite3_index_info* info) {
     if (oneRow) {
         info->estimatedRows = 1;
         info->estimatedCost = 1;
-        info->idxFlags = SQLITE_INDEX_SCAN_UNIQUE;
+        if (unique) info->idxFlags = SQLITE_INDEX_SCAN_UNIQUE;
     }
     return SQLITE_OK;
 }

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <compare>
+#include <utility>
 
 #include "tables/page/text.h"
 
@@ -32,27 +32,6 @@ void takePattern(Shortcut& s, std::string_view pattern) {
     s.usable = !s.text.empty();
 }
 
-std::string_view bytesOf(sqlite3_value* value) {
-    const void* const bytes = sqlite3_value_text(value);
-    if (bytes == nullptr) return {};
-    return {static_cast<const char*>(bytes), static_cast<std::size_t>(sqlite3_value_bytes(value))};
-}
-
-Stored constantOf(sqlite3_value* value) {
-    switch (sqlite3_value_type(value)) {
-        case SQLITE_INTEGER:
-            return {Storage::Integer, sqlite3_value_int64(value), 0, {}};
-        case SQLITE_FLOAT:
-            return {Storage::Real, 0, sqlite3_value_double(value), {}};
-        case SQLITE_TEXT:
-            return {Storage::Text, 0, 0, {}};
-        case SQLITE_BLOB:
-            return {Storage::Blob, 0, 0, {}};
-        default:
-            return {};
-    }
-}
-
 bool isNumber(Storage storage) { return storage == Storage::Integer || storage == Storage::Real; }
 
 /// Whether values of the two classes stand in one order: numbers with numbers, texts with texts.
@@ -73,17 +52,6 @@ double asDouble(const Stored& value) {
 bool isExact(const Stored& value) {
     return value.storage == Storage::Integer ? value.integer > -kExact && value.integer < kExact
                                              : !std::isnan(value.real);
-}
-
-/// How the value stands to the constant; unordered where it cannot be told.
-std::partial_ordering compare(const Stored& value, const Stored& constant) {
-    if (!sameClass(value.storage, constant.storage)) return std::partial_ordering::unordered;
-    if (value.storage == Storage::Text) return value.bytes <=> constant.bytes;
-    if (value.storage == Storage::Integer && constant.storage == Storage::Integer) {
-        return value.integer <=> constant.integer;
-    }
-    if (!isExact(value) || !isExact(constant)) return std::partial_ordering::unordered;
-    return asDouble(value) <=> asDouble(constant);
 }
 
 bool inOrder(Operator op, std::partial_ordering order) {
@@ -117,6 +85,39 @@ bool mayMatch(const Shortcut& s, const Stored& value) {
 
 }  // namespace
 
+Stored storedOf(sqlite3_value* value) {
+    const auto bytesOf = [&](const void* bytes) {
+        const auto size = static_cast<std::size_t>(sqlite3_value_bytes(value));
+        return bytes == nullptr ? std::string_view("")
+                                : std::string_view(static_cast<const char*>(bytes), size);
+    };
+    switch (sqlite3_value_type(value)) {
+        case SQLITE_INTEGER:
+            return {Storage::Integer, sqlite3_value_int64(value), 0, {}};
+        case SQLITE_FLOAT:
+            return {Storage::Real, 0, sqlite3_value_double(value), {}};
+        case SQLITE_TEXT:
+            // As UTF-8, whatever the database holds.
+            return {Storage::Text, 0, 0, bytesOf(sqlite3_value_text(value))};
+        case SQLITE_BLOB:
+            return {Storage::Blob, 0, 0, bytesOf(sqlite3_value_blob(value))};
+        default:
+            return {};
+    }
+}
+
+std::partial_ordering compare(const Stored& a, const Stored& b) {
+    if (!sameClass(a.storage, b.storage)) return std::partial_ordering::unordered;
+    if (a.storage == Storage::Text) return a.bytes <=> b.bytes;
+    if (a.storage == Storage::Integer && b.storage == Storage::Integer) {
+        return a.integer <=> b.integer;
+    }
+    if (a.storage != b.storage && (!isExact(a) || !isExact(b))) {
+        return std::partial_ordering::unordered;
+    }
+    return asDouble(a) <=> asDouble(b);
+}
+
 Shortcut shortcutOf(Condition condition, const tables::Column& column, sqlite3_value* constant) {
     Shortcut s;
     s.condition = condition;
@@ -124,14 +125,15 @@ Shortcut shortcutOf(Condition condition, const tables::Column& column, sqlite3_v
         s.usable = true;
         return s;
     }
-    s.constant = constantOf(constant);
+    s.constant = storedOf(constant);
+    const std::string_view bytes = std::exchange(s.constant.bytes, {});
     if (!sameClass(s.constant.storage, tables::declaredStorage(column))) return s;
     const bool text = s.constant.storage == Storage::Text;
     if (condition.op == Operator::Like || condition.op == Operator::Glob) {
-        if (text && tables::isAscii(bytesOf(constant))) takePattern(s, bytesOf(constant));
+        if (text && tables::isAscii(bytes)) takePattern(s, bytes);
         return s;
     }
-    if (text) s.text = bytesOf(constant);
+    if (text) s.text = bytes;
     s.usable = true;
     return s;
 }

@@ -3,6 +3,7 @@
 // is certain to fail.
 #pragma once
 
+#include <compare>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,12 @@ struct Shortcut {
     /// The constant with its text.
     Stored value() const { return {constant.storage, constant.integer, constant.real, text}; }
 };
+
+/// SQLite's value; its bytes last as long as it is not used otherwise.
+Stored storedOf(sqlite3_value* value);
+/// How two numbers or two texts stand to each other, byte by byte; unordered where it cannot be
+/// told.
+std::partial_ordering compare(const Stored& a, const Stored& b);
 
 /// column is that of the condition; the constant of IsNull does not count.
 Shortcut shortcutOf(Condition condition, const tables::Column& column, sqlite3_value* constant);

@@ -39,6 +39,133 @@ TEST(Handle, WhoLooksAgainSeesTheFile) {
     EXPECT_EQ(at(h.get(), 7) + at(h.get(), 8), "108failed");
 }
 
+/// Every edit that takes more than one write.
+const std::pair<const char*, int (*)(DbfBase*)> kEdits[] = {
+    {"append", [](DbfBase* h) { return AppendBlank(h, 1); }},
+    {"insert", [](DbfBase* h) { return Insert(h, 1, 1); }},
+    {"delete", [](DbfBase* h) { return Delete(h, 1); }},
+    {"truncate", [](DbfBase* h) { return Truncate(h, 1); }},
+    {"zap", Zap},
+    {"pack", [](DbfBase* h) { return Pack(h, 0); }}};
+
+TEST(Handle, EditsLeaveAloneWhatAnotherProgramHasChanged) {
+    enum Change { Appended, Cut, Removed, Replaced };
+    for (const auto& [name, edit] : kEdits) {
+        for (const Change change : {Appended, Cut, Removed, Replaced}) {
+            const TempDir dir;
+            const std::string path = dir.file("t.dbf");
+            const Table h = openLayout(dir, numbered(4));
+            h->BackupEnabled = 1;
+            if (change == Appended) AppendBlank(Table(OpenBase(path.c_str())).get(), 1);
+            if (change == Cut) std::filesystem::resize_file(path, 97 + 2 * 304);
+            if (change >= Removed) std::filesystem::rename(path, dir.file("old.dbf"));
+            if (change == Replaced) writeAll(path, numbered(4).bytes());
+            const std::string before = readAll(path);
+            const bool leadsNowhere = change == Removed;
+            EXPECT_EQ(edit(h.get()), leadsNowhere) << name << change;
+            if (leadsNowhere) continue;
+            EXPECT_EQ(readAll(path), before) << name << change;
+            EXPECT_FALSE(std::filesystem::exists(dir.file("t.bak"))) << name << change;
+            EXPECT_EQ(RefreshDatabase(h.get()), change != Replaced);
+            EXPECT_EQ(edit(h.get()), change != Replaced) << name << change;
+        }
+    }
+}
+
+TEST(Handle, ABackupThatFailedIsNotTriedAgainAmidAnEdit) {
+    for (const bool insert : {false, true}) {
+        const TempDir dir;
+        Layout layout = numbered(4);
+        layout.records[0][0] = '*';
+        const Table h = openLayout(dir, layout);
+        std::free(h->BackupName);
+        h->BackupName = strdup(dir.file("missing/t.bak").c_str());
+        h->BackupEnabled = 1;
+        h->BeforeWrite = [](DbfBase* base) {
+            base->BeforeWrite = nullptr;
+            std::filesystem::create_directory(
+                std::filesystem::path(base->BackupName).parent_path());
+            return WriteRecord(base, 1);
+        };
+        EXPECT_EQ(insert ? Insert(h.get(), 1, 1) : Pack(h.get(), 1), 1);
+        EXPECT_FALSE(std::filesystem::exists(h->BackupName)) << "of a table half edited";
+        EXPECT_EQ(h->BackupDone, 0);
+        EXPECT_EQ(InverseRecord(h.get(), 0), 1);
+        EXPECT_EQ(h->BackupDone, 1);
+    }
+}
+
+TEST(Handle, AnExceptionOfAHookPutsOptionsBack) {
+    const RecordHook thrower = [](DbfBase*) -> int { throw std::bad_alloc(); };
+    const std::pair<const char*, int (*)(DbfBase*)> calls[] = {
+        kEdits[0],
+        kEdits[1],
+        kEdits[5],
+        {"sort", [](DbfBase* h) { return SortBase(h, "REST", [] { return 0; }); }},
+        {"filter",
+         [](DbfBase* h) { return set_filter(h, "NO>\"102\"", nullptr) != nullptr ? 1 : 0; }}};
+    for (const auto& [name, call] : calls) {
+        const TempDir dir;
+        const Table h = openLayout(dir, numbered(9));
+        if (name == "sort"s || name == "filter"s) SortBase(h.get(), "NO", nullptr);
+        const u32* const order = h->SortOrder;
+        h->DateFormat = 3;
+        h->Reverse = name != "insert"s && order == nullptr;
+        const i32 reverse = h->Reverse;
+        h->AfterRead = h->BeforeWrite = thrower;
+        EXPECT_THROW(call(h.get()), std::bad_alloc) << name;
+        EXPECT_EQ(h->UseFilterIndex, 1) << name;
+        EXPECT_EQ(h->DateFormat, 3) << name;
+        EXPECT_EQ(h->Reverse, reverse) << name;
+        EXPECT_TRUE(h->SortCallback == nullptr && h->SortKeyA == nullptr) << name;
+        EXPECT_TRUE(h->FilterState == nullptr && h->SortOrder == order) << name;
+        EXPECT_EQ(h->FilterText, nullptr) << name;
+        EXPECT_EQ(readAll(h->FileName), numbered(9).bytes()) << name;
+        EXPECT_EQ(h->Header.RecordCount, 9u) << name;
+    }
+}
+
+TEST(Handle, HooksMayChangeTheFieldThatIsCalculated) {
+    static DbfBase* h;
+    static int act;
+    const TempDir dir;
+    const Table table = openLayout(dir, numbered(3));
+    h = table.get();
+    h->OemConvert = 1;
+    ReadRecord(h, 1);
+    for (act = 0; act < 4; ++act) {
+        GetMemCalcField(h);
+        AddCalcField(h, "X", "NO-NO+a long literal behind the values-NO");
+        const std::string expected = str(GetCalcString(h, "X"));
+        h->CharToOemCallback = [](const char*, char*, u32) {
+            if (act == 0) DelCalcField(h, "X");
+            if (act == 1) FreeMemCalcField(h);
+            if (act == 2) GetMemCalcField(h);
+            if (act == 3) DelCalcField(h, "X"), AddCalcField(h, "X", "REST"), if_digit_calc(h, "X");
+            return 0;
+        };
+        EXPECT_EQ(str(GetCalcString(h, "X")), expected) << act;
+        h->CharToOemCallback = nullptr;
+        FreeMemCalcField(h);
+    }
+}
+
+TEST(Handle, LocalTimeFollowsTheZone) {
+    const TempDir dir;
+    const Table h = openLayout(dir, {0x03, {{"AT", 'T', 14}}, {}});
+    std::string found;
+    for (const char* zone : {"AAA0", "AAA0", "BBB-9"}) {
+        setenv("TZ", zone, 1);
+        SetDateTimeI(h.get(), 0, 1700000000);
+        found += std::string(GetStr(h.get(), 0)).substr(8, 2) + ' ';
+        setenv("TZ", "CCC5", 1);
+        tzset();  // what the application does
+    }
+    unsetenv("TZ");
+    tzset();
+    EXPECT_EQ(found, "22 22 07 ");
+}
+
 TEST(Handle, AnAppendedRecordJoinsTheViewThatAHookHasMade) {
     static void (*hook)(DbfBase*);
     const std::tuple<const char*, void (*)(DbfBase*), u32> cases[] = {
@@ -121,15 +248,13 @@ TEST(Handle, NothingWorksAfterCloseFile) {
     EXPECT_STREQ(GetFieldName(h, 0), "NO") << "but what is known of the fields stays";
 }
 
-TEST(Handle, ACallersOwnRecordNeedsNoPrivateState) {
-    const TempDir dir;
-    openLayout(dir, numbered(9));
+void useOwnRecord(const char* path, std::FILE* file) {
     const auto own = std::make_unique<DbfBase>();
     DbfBase* const h = own.get();
     SetDefOptions(h);
-    h->TableFile = Open_File(dir.file("t.dbf").c_str());
+    h->TableFile = file;
     EXPECT_EQ(ReadHeader(h), 1);
-    h->FileName = strdup(dir.file("t.dbf").c_str());
+    h->FileName = strdup(path);
     EXPECT_EQ(ReadFields(h), 1);
     std::string all;
     for (u32 i = 0; i < reccount(h); ++i) all += at(h, i);
@@ -147,6 +272,17 @@ TEST(Handle, ACallersOwnRecordNeedsNoPrivateState) {
     ClearAllFilter(h);
     Close_File(h);
     std::free(h->FileName);
+}
+
+TEST(Handle, ACallersOwnRecordNeedsNoPrivateState) {
+    for (const bool buffered : {false, true}) {
+        const TempDir dir;
+        const std::string path = dir.file("t.dbf");
+        openLayout(dir, numbered(9));
+        SCOPED_TRACE(buffered);
+        useOwnRecord(path.c_str(),
+                     buffered ? std::fopen(path.c_str(), "rb+") : Open_File(path.c_str()));
+    }
 }
 
 }  // namespace

@@ -200,6 +200,74 @@ TEST_F(Filter, Cases) {
     EXPECT_EQ(select("NAME~NN|PRICE>20|(QTY=1"), (Records{0, 2}));
 }
 
+constexpr const char* kFaults[] = {"None",     "NoOperator", "UnknownField",       "ComposedLeft",
+                                   "Brackets", "Quotes",     "ConnectiveInQuotes", "TooLong"};
+
+/// The conditions of a filter: field, operator and right side of each.
+std::string conditionsOf(DbfBase* h, const std::string& filter) {
+    std::string all;
+    int field = 0;
+    u32 sign = 0, right = 0, end = 0;
+    for (u32 i = 0; GetFilterCondition(h, filter.c_str(), i, &field, &sign, &right, &end) != 0;
+         ++i) {
+        all += (i == 0 ? "" : "; ") + std::to_string(field) + " [" +
+               filter.substr(sign, right - sign) + "] " + filter.substr(right, end - right);
+    }
+    return all;
+}
+
+TEST_F(Filter, FaultsAndConditions) {
+    ASSERT_EQ(GetMemCalcField(h), 1);
+    ASSERT_EQ(AddCalcField(h, "TWICE", "QTY*2"), 1);
+    FilterFault fault{};
+    u32 first = 0, end = 0;
+    for (const auto& row : cases("faults")) {
+        EXPECT_EQ(CheckFilter(h, row[0].c_str(), &fault, &first, &end), row[1] == "None" ? 1 : 0);
+        EXPECT_EQ(kFaults[static_cast<std::size_t>(fault)], row[1]) << row[0];
+        ASSERT_TRUE(first <= end && end <= row[0].size()) << row[0];
+        EXPECT_EQ(row[0].substr(first, end - first), row[2]) << row[0];
+        EXPECT_EQ(conditionsOf(h, row[0]), row[3]) << row[0];
+    }
+    const std::string wide = "NAME~" + repeat("x", 501), piece = "QTY=1" + repeat("1", 1019);
+    const std::string many = repeat("QTY=1&", 40) + "QTY=1";
+    for (const auto& [text, fits] : {std::pair(wide.substr(1), false),
+                                     {wide, false},
+                                     {wide.substr(0, wide.size() - 1), true},
+                                     {piece, false},
+                                     {many, false},
+                                     {repeat("&", 5000), false}}) {
+        EXPECT_EQ(CheckFilter(h, text.c_str(), &fault, &first, &end), fits) << text.substr(0, 9);
+        const FilterFault wanted = fits             ? FilterFault::None
+                                   : text[0] == 'A' ? FilterFault::UnknownField
+                                                    : FilterFault::TooLong;
+        EXPECT_EQ(fault, wanted) << text.substr(0, 9);
+    }
+    h->TrimMode = 1;
+    EXPECT_EQ(CheckFilter(h, wide.c_str(), &fault, &first, &end), 1) << "values may be shorter";
+    h->NoBracketCheck = 1;
+    EXPECT_EQ(CheckFilter(h, "QTY=1)", &fault, &first, &end), 1);
+    EXPECT_EQ(CheckFilter(h, nullptr, &fault, &first, &end), 0) << "no text to apply";
+    EXPECT_EQ(set_filter(h, "QTY>1", nullptr), h);
+    EXPECT_EQ(CheckFilter(h, nullptr, &fault, &first, &end), 1);
+    const char* const all = reinterpret_cast<char*>(std::intptr_t{-1});
+    EXPECT_EQ(CheckFilter(h, all, &fault, &first, &end), 1);
+    int field = 0;
+    EXPECT_EQ(GetFilterCondition(h, all, 0, &field, &first, &first, &end), 0);
+    FreeMemCalcField(h);
+}
+
+TEST(Functions, AreKnownByName) {
+    for (const char* name :
+         {"trim", "LTRIM", "Rtrim", "SUBSTR",    "left",  "right", "upper", "lower",
+          "cap",  "dtos",  "space", "replicate", "abs",   "sqr",   "sqrt",  "exp",
+          "log",  "log10", "pow10", "round",     "trunc", "sin",   "cos",   "tan",
+          "asin", "acos",  "atan",  "sinh",      "cosh",  "tanh"})
+        EXPECT_EQ(IsFunction(name), 1) << name;
+    for (const char* name : {"", "TRIM(", "TRI", "TRIMS", "LOG1", "LOG100", "PRICE"})
+        EXPECT_EQ(IsFunction(name), 0) << name;
+    EXPECT_EQ(IsFunction(nullptr), 0);
+}
+
 TEST_F(Filter, NarrowsTheViewStepByStep) {
     EXPECT_EQ(SortBase(h, "NAME", nullptr), 1);
     for (const char* text : {"PRICE>1", "QTY>1"}) EXPECT_EQ(set_filter(h, text, nullptr), h);

@@ -114,13 +114,23 @@ TEST(Memo, KindSelectsNameAndFormat) {
     }
 }
 
+/// How much of the memo file a reference means: whole or cut, first byte and end.
+std::string spanOf(DbfBase* h, int field, std::string_view file) {
+    u32 block = 0, length = 0;
+    u64 first = 0, end = 0;
+    EXPECT_EQ(GetMemoReference(h, field, &block, &length), 1);
+    const int result = GetMemoSpan(h, block, length, &first, &end);
+    EXPECT_EQ(result == 2, end > file.size());
+    return std::to_string(result) + " " + std::to_string(first) + " " + std::to_string(end);
+}
+
 TEST(Memo, FilesOfOthers) {
     const Folder folder;
     for (const auto& row : cases("memo")) {
-        SCOPED_TRACE(row[0] + " " + row[row.size() - 2]);
+        SCOPED_TRACE(row[0] + " " + row[row.size() - 3]);
         const Table h = openTable(folder, static_cast<u32>(std::stoul(row[0], nullptr, 16)));
         std::string file;  // pieces, each with the place up to which zeros fill the file before it
-        for (std::size_t i = 1; i + 2 < row.size(); i += 2) {
+        for (std::size_t i = 1; i + 3 < row.size(); i += 2) {
             file.resize(std::stoul(row[i]));
             file += row[i + 1];
         }
@@ -129,10 +139,72 @@ TEST(Memo, FilesOfOthers) {
         EXPECT_EQ(ReadRecord(h.get(), 0), 1);
         EXPECT_EQ(memoOf(h.get()).value_or("(null)"), row.back());
         EXPECT_EQ(memo(current(h.get()), 0, file).value_or("(null)"), row.back());
+        EXPECT_EQ(spanOf(h.get(), 0, file), row[row.size() - 2]);
         EXPECT_EQ(take(GetMemo(h.get(), 0)), cString(row.back()));
         EXPECT_EQ(SetMemo(h.get(), 0, "text"), 0) << "counter or unit is 0";
         EXPECT_EQ(readAll(h->MemoFileName), file);
         EXPECT_EQ(recordOf(h.get()), padded("", 10) + '1');
+    }
+}
+
+TEST(Memo, ExactReferences) {
+    const Folder folder;
+    const struct {
+        u8 version;
+        Column column;
+        std::string bytes;
+        int result;
+        u32 block, length;
+    } rows[] = {{0x83, {"M", 'M', 10}, "        12", 1, 12, 0},
+                {0x83, {"M", 'M', 10}, "4294967294", 1, 4294967294, 0},
+                {0x83, {"M", 'M', 10}, "12\0       "s, 1, 12, 0},
+                {0x83, {"M", 'M', 10}, "          ", 0, 0, 0},
+                {0x83, {"M", 'M', 10}, "0000000000", 0, 0, 0},
+                {0x83, {"M", 'M', 10}, "       12x", 0, 4294967295, 0},
+                {0x83, {"M", 'M', 10}, "        -1", 0, 4294967295, 0},
+                {0x83, {"M", 'M', 10}, "9999999999", 0, 4294967295, 0},
+                {0xFB, {"B", 'B', 10}, "         7", 1, 7, 0},
+                {0x30, {"G", 'G', 4}, le(7, 4), 1, 7, 0},
+                {0x30, {"P", 'P', 4}, le(7, 4), 1, 7, 0},
+                {0x30, {"W", 'W', 4}, le(0, 4), 0, 0, 0},
+                {0x30, {"W", 'W', 7}, "      7", 0, 0, 0},
+                {0x30, {"B", 'B', 8}, "       7", 0, 0, 0},
+                {0xE5, {"M", 'M', 10}, "\0\0"s + le(70000, 4) + le(3, 4), 1, 3, 70000},
+                {0xE5, {"M", 'M', 10}, std::string(10, 0), 0, 0, 0},
+                {0xE5, {"M", 'M', 9}, "         ", 0, 4294967295, 0}};
+    for (const auto& row : rows) {
+        const Table h = openLayout(folder, {row.version, {row.column, {"C", 'C', 9}}});
+        setRecord(h.get(), " " + row.bytes + "         ");
+        u32 block = 9, length = 9;
+        EXPECT_EQ(GetMemoReference(h.get(), 0, &block, &length), row.result) << row.bytes;
+        EXPECT_EQ(block, row.block) << row.bytes;
+        EXPECT_EQ(length, row.length) << row.bytes;
+        EXPECT_EQ(GetMemoReference(h.get(), 1, &block, &length), 0);
+    }
+}
+
+TEST(Memo, SpansOfLongMemosAndOpenFiles) {
+    const Folder folder;
+    const std::string data(70000, 'x');
+    const std::pair<u8, std::string> files[] = {{0x83, padded("\1", 512, 0) + data + "\x1Azzz"},
+                                                {0xE5, padded("\1\0\0\0\0\2"s, 512, 0) + data}};
+    for (const auto& [version, file] : files) {
+        const Table h = openTable(folder, version);
+        writeAll(h->MemoFileName, file);
+        const std::unique_ptr<std::FILE, decltype(&std::fclose)> memos(Open_FileRO(h->MemoFileName),
+                                                                       std::fclose);
+        for (std::FILE* const kept : {memos.get(), static_cast<std::FILE*>(nullptr)}) {
+            h->MemoFile = kept;
+            u64 first = 0, end = 0;
+            EXPECT_EQ(GetMemoSpan(h.get(), 1, 70000, &first, &end), 1);
+            EXPECT_EQ(file.substr(first, end - first), data);
+            EXPECT_EQ(GetMemoSpan(h.get(), 0, 0, &first, &end), 0);
+            EXPECT_EQ(GetMemoSpan(h.get(), 1, 70001, &first, &end), version == 0xE5 ? 2 : 1);
+            EXPECT_EQ(GetMemoSpan(h.get(), 0xFFFFFFFF, 1, &first, &end), 0);
+            EXPECT_EQ(first + end, 0u);
+            EXPECT_EQ(h->MemoFile, kept);
+        }
+        std::filesystem::remove(h->MemoFileName);
     }
 }
 
@@ -159,8 +231,8 @@ TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
     const std::vector<std::string> folders[] = {
         {"f.scx", "f.sct", "", "f.sct"},      {"F.FRX", "F.FRT", "", "F.FRT"},
         {"f.VcX", "f.Vct", "", "f.Vct"},      {"f.lbx", "f.LBT", "f.lbT", "f.fpt"},
-        {"f.mnx", "f.mnt", "F.fpT", "F.fpT"}, {"f.pjx", "f.pjt", "f.Fpt", "f.Fpt"},
-        {"f.dbf", "f.dbt", "", "f.fpt"}};
+        {"f.mnx", "f.MNT", "f.fpt", "f.MNT"}, {"f.pjx", "F.fpT", "", "F.fpT"},
+        {"f.pjx", "f.fpt", "F.DBF", "f.pjt"}, {"f.dbf", "f.dbt", "", "f.fpt"}};
     for (const auto& names : folders) {
         const Folder folder;
         for (const std::string& name : {names[1], names[2]})
@@ -168,6 +240,14 @@ TEST(Memo, SourcesHaveMemosUnderTheirOwnExtension) {
         const Table h = openLayout(folder, {0x30, {{"NOTE", 'M', 4}}}, names[0]);
         EXPECT_EQ(h->MemoFileName, folder.file(names[3])) << names[0];
     }
+    const Folder folder;
+    DbfField field{"NOTE", 'M', 4, 0, 0, 0};
+    writeAll(folder.file("f.fpt"), "a table's");
+    EXPECT_EQ(CreateDatabase(folder.file("f.scx").c_str(), &field, 1, 3, 64, 1), 1);
+    const Table h(OpenBase(folder.file("f.scx").c_str()));
+    EXPECT_EQ(SetMemo(h.get(), 0, "text") + AppendBlank(h.get(), 0) + Pack(h.get(), 0), 3);
+    EXPECT_EQ(readAll(folder.file("f.sct")).substr(520), "text");
+    EXPECT_EQ(readAll(folder.file("f.fpt")), "a table's");
 }
 
 TEST(Memo, EveryReadReleasesTheLastText) {
@@ -184,4 +264,25 @@ TEST(Memo, EveryReadReleasesTheLastText) {
 }
 
 }  // namespace
+/// A memo file that is not there by its usual name is asked for; the folder is not read.
+TEST(MemoName, AskedForInAListedFolder) {
+    const Folder folder;
+    const std::string path = folder.file("t.dbf");
+    openTable(folder, 0xF5);
+    std::filesystem::remove(folder.file("t.fpt"));
+    writeAll(folder.file("t.FPT"), "");
+    const FindNameHook find = [](const char* wanted, char* name, void* context) -> u32 {
+        EXPECT_TRUE(std::string_view(wanted).ends_with("/t.fpt"));
+        std::string_view("T.fPt").copy(name, 5);
+        return *static_cast<u32*>(context);
+    };
+    for (const auto& [count, expected] : {std::pair(0u, "t.fpt"), {1u, "T.fPt"}, {2u, "t.fpt"}}) {
+        u32 context = count;
+        const Table table(OpenBaseListed(path.c_str(), 1, find, &context));
+        EXPECT_EQ(table->MemoFileName, folder.file(expected));
+    }
+    EXPECT_EQ(Table(OpenBaseListed(path.c_str(), 1, nullptr, nullptr))->MemoFileName,
+              folder.file("t.FPT"));
+}
+
 }  // namespace test

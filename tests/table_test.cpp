@@ -121,8 +121,45 @@ TEST(Format, ListsWithoutASoundTerminatorEndWithTheHeader) {
     // Where the header does not fit the file the list goes on into the records.
     for (const std::size_t place : {4u, 8u, 10u}) {  // record count, header and record length
         std::string bytes = cases[1].table();
-        --bytes[place];
+        bytes[place] = static_cast<char>(bytes[place] + 3);
         EXPECT_EQ(openBytes(dir, bytes)->FieldCount, 5) << place;
+    }
+}
+
+TEST(Format, OddTablesThatProgramsHaveWritten) {
+    const Column one{"A", 'C', 4}, two{"B", 'N', 4};
+    const std::string longer = " abcd  12?";
+    const auto with = [](const Layout& layout, std::size_t at, std::string_view by,
+                         std::size_t erased = std::string::npos) {
+        std::string bytes = layout.bytes().replace(at, by.size(), by);
+        return erased < bytes.size() ? bytes.erase(erased, 1) : bytes;
+    };
+    // Fields, record length, the first record; null where it does not open.
+    const std::tuple<const char*, std::string, std::string> cases[] = {
+        {"longer records", with({3, {one, two}, {longer, longer}}, 10, "\x0A"), "2, 10:" + longer},
+        {"no record to be longer", with({3, {one, two}, {}}, 10, "\x0A"), "2, 9:" + padded("", 9)},
+        {"two end bytes, a bad terminator", with({3, {one, two}, {" abcd  12"}}, 96, "\n") + '\0',
+         "2, 9: abcd  12"},
+        {"a short header with byte 64 zero",
+         with({3, {one}, std::vector(8, " abcd"s), kPlain, std::string(31, 0)}, 64, "\0"s),
+         "1, 5: abcd"},
+        {"no terminator", with({3, {one}, {" abcd"}}, 8, "\x40", 64), "1, 5: abcd"},
+        {"no terminator, two fields", with({3, {one, two}, {" abcd  12"}}, 8, "\x60", 96),
+         "2, 9: abcd  12"},
+        {"no terminator, a bad letter", with({3, {{"A", 'P', 4}}, {" abcd"}}, 8, "\x40", 64),
+         "null"},
+        {"no terminator, a bad count", with({3, {one}, {" abcd"}}, 4, "\5\0\0\0\x40"s, 64), "null"},
+        {"lengths of level 7 told by the file",
+         with({3, {one, {"B", 'C', 5}}, {" abcdefghi"}, kForeignLevel7}, 10, "\x77"),
+         "2, 10: abcdefghi"},
+        {"no table", "These forty bytes are no table. Not one.", "null"}};
+    for (const auto& [name, bytes, found] : cases) {
+        const Folder folder;
+        const Table h = openBytes(folder, bytes);
+        if (h && reccount(h.get()) != 0) ReadRecord(h.get(), 0);
+        const int fields = h ? h->FieldCount : 0, length = h ? h->Header.RecordLength : 0;
+        const std::string record = h ? recordOf(h.get()) : "";
+        EXPECT_EQ(h ? printed("%d, %d:%s", fields, length, record.c_str()) : "null", found) << name;
     }
 }
 
@@ -198,6 +235,14 @@ TEST(Opening, OnlyRegularFilesAndNoneForTwoPurposes) {
         EXPECT_EQ(MakeBakFile(h.get(), 1), 1) << "takes the place of a link";
         EXPECT_EQ(readAll(folder.file("t.bak")), kMemo.bytes());
     }
+    const Table table = openLayout(outer, kMemo);
+    for (const char* needed : {"t.bak", "./t.dbt", "./././t.dbf"}) {
+        SetAliasName(table.get(), needed);
+        WriteAlias(table.get());
+        EXPECT_FALSE(std::filesystem::exists(outer.file("t.bak")));
+        EXPECT_FALSE(std::filesystem::exists(outer.file("t.dbt")));
+        EXPECT_EQ(readAll(outer.file("t.dbf")), kMemo.bytes());
+    }
     const Table own = openLayout(outer, kMemo, "t.dbt");
     EXPECT_EQ(ReadRecord(own.get(), 0), 1);
     EXPECT_EQ(SetMemo(own.get(), 0, "text"), 0);
@@ -206,8 +251,8 @@ TEST(Opening, OnlyRegularFilesAndNoneForTwoPurposes) {
     EXPECT_EQ(readAll(outer.file("t.dbt")), kMemo.bytes()) << "is not its own memo file";
 }
 
-TEST(Opening, BeyondWhat31BitsReach) {
-    constexpr u32 size = (1u << 31) + 4096;
+TEST(Opening, TablesBeyond2GiBAreReadAndNotWrittenThere) {
+    constexpr u64 size = (u64{3} << 31) + 4096;
     const FileSizeLimit none(RLIM_INFINITY);
     if (none.saved.rlim_cur < size) GTEST_SKIP() << "files may not be that long";
     const Folder folder;
@@ -216,9 +261,21 @@ TEST(Opening, BeyondWhat31BitsReach) {
     std::filesystem::resize_file(folder.file("t.dbf"), size, refused);
     if (refused) GTEST_SKIP() << refused.message();
     const Table h(OpenBase(folder.file("t.dbf").c_str()));
-    EXPECT_EQ(reccount(h.get()), (size - 65) / 6);
-    EXPECT_EQ(ReadRecord(h.get(), 1), 1);
-    EXPECT_EQ(ReadRecord(h.get(), reccount(h.get()) - 1), 0);
+    const u32 last = static_cast<u32>((size - 65) / 6) - 1;
+    std::FILE* const file = std::fopen(h->FileName, "rb+");
+    fseeko(file, static_cast<off_t>(65 + u64{last} * 6), SEEK_SET);
+    std::fwrite(" Clara", 1, 6, file);
+    std::fclose(file);
+    EXPECT_EQ(reccount(h.get()), last + 1);
+    EXPECT_EQ(ReadRecord(h.get(), last) + ReadField(h.get(), last, 0) + ReadByte(h.get(), last), 3);
+    EXPECT_EQ(recordOf(h.get()), " Clara");
+    EXPECT_EQ(WriteRecord(h.get(), last) + WriteField(h.get(), last, 0) + WriteByte(h.get(), last) +
+                  AppendBlank(h.get(), 1) + Delete(h.get(), 0) + Insert(h.get(), 0, 1) +
+                  Truncate(h.get(), last),
+              0);
+    EXPECT_EQ(WriteRecord(h.get(), 1) + WriteHeader(h.get()), 2);
+    EXPECT_EQ(std::filesystem::file_size(h->FileName), size);
+    EXPECT_EQ(Zap(h.get()), 1);
 }
 
 TEST(Records, ReadsRecordsBytesAndFields) {

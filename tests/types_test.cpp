@@ -27,6 +27,9 @@ struct OneField {
     Table h;
 };
 
+constexpr const char* kClasses[] = {"None",    "Text",    "System", "Logical",  "Date", "Moment",
+                                    "Decimal", "Integer", "Double", "Currency", "Memo"};
+
 TEST(Types, Facts) {
     for (const auto& row : cases("types")) {
         const OneField f(row);
@@ -42,6 +45,7 @@ TEST(Types, Facts) {
         facts.push_back(std::string(1, FieldBlankChar(h, 0)));
         for (const int flag : {ValidField(row[0][0]), if_digit_type(h, 0), if_memo_type(h, 0)})
             add(flag);
+        facts.emplace_back(kClasses[static_cast<std::size_t>(GetFieldClass(h, 0))]);
         EXPECT_EQ(facts, row);
         EXPECT_EQ(h->FirstMemoField, row[10] == "1" ? 0 : -1) << row[0];
         EXPECT_EQ(GetAllLen(h, 0), h->Fields[1].Offset - 1) << row[0];
@@ -51,6 +55,67 @@ TEST(Types, Facts) {
     }
     EXPECT_EQ(FieldBlankChar(OneField({"M", "10", "0"}, 0xE5).h.get(), 0), 0)
         << "a binary reference";
+}
+
+/// The letters in the first column of the table of field types in the documents.
+std::string documentedLetters() {
+    const std::string text = readAll(MIRA_SAMPLES_DIR "/../docs/formats.md");
+    std::string letters;
+    std::size_t line = text.find("\n|---", text.find("\n## Field types\n")) + 1;
+    while (text[line = text.find('\n', line) + 1] == '|') {
+        for (std::size_t i = line + 2; text[i] != '|'; ++i) letters += text[i];
+    }
+    return letters;
+}
+
+TEST(Types, EveryAcceptedLetterHasAClassACaseAndALineInTheDocuments) {
+    const std::string documented = documentedLetters();
+    const auto all = cases("types");
+    for (int c = 1; c < 256; ++c) {
+        const char letter = static_cast<char>(c);
+        const bool classed = std::any_of(all.begin(), all.end(), [letter](const auto& row) {
+            return row[0][0] == letter && row.back() != "None";
+        });
+        EXPECT_TRUE(ValidField(letter) == 0 || classed) << letter;
+        if (c > ' ' && c != ',') {
+            EXPECT_EQ(documented.find(letter) != std::string::npos, ValidField(letter) != 0)
+                << letter;
+        }
+    }
+}
+
+TEST(Types, FlavoursAndFlags) {
+    constexpr u32 none = 0xFFFFFFFF;
+    const struct {
+        std::string versions;
+        const char* name;
+        u32 kind, memos;
+        Flavour flavour = kPlain;
+    } rows[] = {{"\x03\x83", "dBase III", 0, 0},
+                {"\x04\x8B", "dBase IV", 2, 2},
+                {"\x8C", "level 7", 7, 2},
+                {"\xF5", "FoxPro", 1, 1},
+                {"\x30\x31\x32", "Visual FoxPro", 3, 1},
+                {"\xE5", "SMT", 4, 4},
+                {"\x02\x42\x43\x62\x63\x82\x8A\xCA\xCB\xF4\xFA\xFB", "dBase family", none, none},
+                {"\x01", "dBase III", 0, 0},  // repaired
+                {"\x04", "level 7", 7, 2, kLevel7},
+                {"\xFB", "level 7", 7, none, kLevel7}};
+    for (const auto& row : rows) {
+        for (const char version : row.versions) {
+            OneField f({"C", "5", "0"}, static_cast<u8>(version), row.flavour);
+            DbfBase* const h = f.h.get();
+            EXPECT_STREQ(GetFlavourName(h), row.name) << int(version);
+            EXPECT_EQ(GetFlavourKind(h), row.kind) << int(version);
+            EXPECT_EQ(GetMemoKind(h), row.memos) << int(version);
+            const bool level7 = row.flavour != kPlain;
+            std::string bytes = readAll(h->FileName);
+            bytes[(level7 ? 68 + 48 : 32 + 32) + 18] = '\x86';
+            overwrite(h->FileName, bytes);
+            EXPECT_EQ(GetFieldFlags(h, 1), level7 ? 0u : 0x86u);
+            EXPECT_EQ(GetFieldFlags(h, 0) + GetFieldFlags(h, 2) + GetFieldFlags(h, -1), 0u);
+        }
+    }
 }
 
 double readInt(DbfBase* h, int field) { return static_cast<i32>(GetInt(h, field)); }
@@ -145,6 +210,60 @@ TEST(Types, TextsFlagsAndReferences) {
     }
 }
 
+/// A type, length, and whether the table is another maker's of level 7; the bytes, their day and
+/// milliseconds, or nothing.
+TEST(Types, ExactMoments) {
+    for (const auto& row : cases("moments")) {
+        SCOPED_TRACE(row[0] + row[1] + " " + row[3]);
+        const bool foreign = row[2] == "1";
+        OneField f({row[0], row[1], "0"}, foreign ? 0x8C : 0x30, foreign ? kForeignLevel7 : kPlain);
+        i32 day = 0, milliseconds = 0;
+        DbfBase* const h = f.put(row[3] + repeat("x", 9));
+        EXPECT_EQ(GetMoment(h, 0, &day, &milliseconds), row[4].empty() ? 0 : 1);
+        EXPECT_EQ(day == 0 ? "" : std::to_string(day), row[4]);
+        EXPECT_EQ(day == 0 ? "" : std::to_string(milliseconds), row[5]);
+        if (day == 0) continue;
+        f.put(std::string(GetLenField(h, 0), '?'));
+        EXPECT_EQ(SetMoment(h, 0, day, milliseconds), 1);
+        EXPECT_EQ(f.bytes(), row[3]);
+    }
+}
+
+TEST(Types, ExactValuesThatAFieldCannotHold) {
+    constexpr i32 day = 2460375, lastDay = 5373484;
+    OneField digits({"T", "14", "0"}), binary({"@", "8", "0"}), small({"T", "7", "0"}),
+        date({"D", "8", "0"}), foreign({"@", "8", "0"}, 0x8C, kForeignLevel7),
+        currency({"Y", "8", "0"}), narrow({"Y", "7", "0"});
+    i32 got = -1;
+    i64 units = -1;
+    const struct {
+        OneField& f;
+        i32 day, milliseconds;
+    } refused[] = {{digits, day, 1},      {digits, lastDay + 1, 0}, {binary, 1721059, 0},
+                   {binary, day, -1},     {binary, day, 86400000},  {small, day, 0},
+                   {foreign, 1721425, 0}, {date, day, 0},           {currency, day, 0}};
+    for (const auto& [f, wanted, milliseconds] : refused) {
+        DbfBase* const h = f.put(std::string(40, '?'));
+        EXPECT_EQ(SetMoment(h, 0, wanted, milliseconds), 0);
+        EXPECT_EQ(recordOf(h), " " + std::string(recordOf(h).size() - 1, '?'));
+    }
+    for (const int none : {-1, 1, 2}) {
+        DbfBase* const h = binary.h.get();
+        EXPECT_EQ(GetMoment(h, none, &got, &got) + SetMoment(h, none, day, 0), 0);
+        EXPECT_EQ(GetCurrencyUnits(h, none, &units) + SetCurrencyUnits(h, none, 1), 0);
+        EXPECT_EQ(GetFieldClass(h, none), none == 1 ? FieldClass::Text : FieldClass::None);
+    }
+    EXPECT_EQ(SetCurrencyUnits(narrow.h.get(), 0, 1), 0);
+    EXPECT_EQ(GetCurrencyUnits(date.h.get(), 0, &units), 0);
+    EXPECT_EQ(units, -1);
+    for (const i64 value : {i64{45600}, i64{-1}, INT64_MIN, INT64_MAX}) {
+        EXPECT_EQ(SetCurrencyUnits(currency.h.get(), 0, value), 1);
+        EXPECT_EQ(currency.bytes(), le(static_cast<u64>(value), 8));
+        EXPECT_EQ(GetCurrencyUnits(currency.h.get(), 0, &units), 1);
+        EXPECT_EQ(units, value);
+    }
+}
+
 TEST(Types, IntegersAndMomentsOfLevel7) {
     OneField own({"I", "4", "0"}, 0x8C, kLevel7), foreign({"I", "4", "0"}, 0x8C, kForeignLevel7),
         moment({"@", "8", "0"}, 0x8C, kForeignLevel7);
@@ -227,13 +346,18 @@ TEST(Dates, FormatsAndLimits) {
 }
 
 TEST(Dates, EveryDay) {
-    OneField d({"T", "8", "0"});
+    OneField d({"T", "8", "0"}), digits({"T", "14", "0"});
     int year = 0, month = 1, day = 1;
     for (u32 number = 1721060; number <= 5373484; ++number) {
         const std::tm got = GetDT(d.put(le(number, 8)), 0);
         ASSERT_TRUE(got.tm_year == year && got.tm_mon == month - 1 && got.tm_mday == day) << number;
         SetDate(d.h.get(), 0, year, month, day);
         ASSERT_EQ(d.bytes(), le(number, 8));
+        i32 exact = 0, milliseconds = 1;
+        ASSERT_EQ(SetMoment(digits.h.get(), 0, static_cast<i32>(number), 0), 1);
+        ASSERT_EQ(digits.bytes(), printed("%04d%02d%02d000000", year, month, day));
+        ASSERT_EQ(GetMoment(digits.h.get(), 0, &exact, &milliseconds), 1);
+        ASSERT_TRUE(exact == static_cast<i32>(number) && milliseconds == 0) << number;
         const bool leap = year % 400 == 0 || (year % 4 == 0 && year % 100 != 0);
         const int last = month == 2 ? 28 + leap : 30 + (month + month / 8) % 2;
         day = day < last ? day + 1 : 1;

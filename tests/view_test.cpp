@@ -214,25 +214,34 @@ TEST(Sort, KeysAsTheyAreBuilt) {
     EXPECT_EQ((Order{h->SortOrder, h->SortOrder + 4}), (Order{1, 2, 3, 0}));
 }
 
-TEST(Sort, NegativeNumbersByValue) {
+TEST(Sort, NumbersByValue) {
     const TempDir dir;
     const Column columns[] = {{"A", 'I', 4}, {"A", '+', 4},     {"A", 'Y', 8},    {"A", 'B', 8, 3},
                               {"A", 'O', 8}, {"A", 'B', 8, 19}, {"A", 'F', 12, 1}};
     for (const Column& column : columns) {
         const Table h = openLayout(dir, {0x30, {column}, {}});
-        for (const double v :
-             {0.0, -12.0, -2e9, 3.0, -1.0, -3e8, -999999999.0, -1e9, -12.5, -1.25, -7e15, -9e99,
-              -2.5e12, 9.0, -1e12, -8e70, -300.0, -2147483648.0, -8e99}) {
-            SetValue(h.get(), 0, "", v);
-            AppendBlank(h.get(), 0);
+        for (const double v : {0.0, 12.0, 2e9, 1.0, 3e8, 999999999.0, 1e9, 12.5, 1.25, 7e15, 9e99,
+                               2.5e12, 1e12, 8e70, 300.0, 2147483648.0, 8e99, HUGE_VAL}) {
+            for (const double sign : {1.0, -1.0}) {
+                SetValue(h.get(), 0, "", sign * v);
+                AppendBlank(h.get(), 0);
+            }
         }
-        SortBase(h.get(), "A", nullptr);
-        double previous = -HUGE_VAL;
-        for (u32 position = 0; position < reccount(h.get()); ++position) {
-            ReadRecord(h.get(), position);
-            EXPECT_LE(previous, GetValue(h.get(), 0)) << column.type;
-            previous = GetValue(h.get(), 0);
+        GetMemCalcField(h.get());
+        AddCalcField(h.get(), "CALC", "A*1");
+        for (const char* by : {"A", "CALC"}) {
+            EXPECT_EQ(SortBase(h.get(), by, nullptr), 1);
+            double previous = -HUGE_VAL;
+            for (u32 position = 0; position < reccount(h.get()); ++position) {
+                ReadRecord(h.get(), position);
+                if (*by == 'C' && GetCalcString(h.get(), "CALC") == nullptr) continue;  // too long
+                const double value =
+                    *by == 'A' ? GetValue(h.get(), 0) : GetCalcValue(h.get(), "CALC");
+                EXPECT_LE(previous, value) << column.type << by;
+                previous = value;
+            }
         }
+        FreeMemCalcField(h.get());
     }
 }
 

@@ -1,5 +1,8 @@
 // The program mira: what people with a folder of old tables need, as commands.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -53,7 +56,9 @@ Status refuseLine(const CLI::App& program, const CLI::ParseError& reason,
     } else if (first.empty() || first.front() == '-') {
         error("{}; `mira --help` lists the commands", first.empty() ? "no command" : reason.what());
     } else {
-        error("{}: no such command; `mira --help` lists them", first);
+        const std::string nearest = nearestCommand(program, first);
+        error("{}: no such command; {}", first,
+              nearest.empty() ? "`mira --help` lists them" : "did you mean " + nearest + "?");
     }
     return kFailed;
 }
@@ -65,10 +70,7 @@ int runProgram(int argc, char** argv) {
     program.set_version_flag("--version", "mira " MIRA_VERSION);
     program.require_subcommand(1);
     program.footer(kFooter);
-    for (const auto add : {addInfo, addTables, addShow, addExport, addQuery, addMemo, addImport,
-                           addSet, addDelete, addRecall, addPack, addZap, addCheck}) {
-        add(program, job);
-    }
+    addCommands(program, job);
     addCommonOptions(program, common);
     for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
     try {
@@ -85,6 +87,29 @@ int runProgram(int argc, char** argv) {
     return job();
 }
 
+/// Needs no memory itself.
+void tellNoMemory() {
+    constexpr std::string_view kLine = "mira: no memory left\n";
+    static_cast<void>(!write(STDERR_FILENO, kLine.data(), kLine.size()));
+}
+
+/// Without memory even an exception may find no room, and the language gives up.
+[[noreturn]] void endWithoutMemory() {
+    if (std::current_exception()) {
+        try {
+            throw;
+        } catch (const std::bad_alloc&) {
+        } catch (...) {
+            std::abort();
+        }
+    }
+    tellNoMemory();
+    _exit(kFailed);
+}
+
+/// Before the statics of the libraries that main builds on.
+[[gnu::constructor(101)]] void watchMemory() { std::set_terminate(endWithoutMemory); }
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -96,7 +121,8 @@ int main(int argc, char** argv) {
     } catch (const Refusal& refusal) {
         tellError(refusal.what());
     } catch (const std::bad_alloc&) {
-        tellError("no memory left");
+        hideProgress();
+        tellNoMemory();
     } catch (const std::exception& e) {
         tellError(e.what());
     }

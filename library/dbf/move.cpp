@@ -28,7 +28,7 @@ Mover::Mover(DbfBase* h, u32 records)
       buffer_(allocate<u8>(std::size_t{chunk_} * h->Header.RecordLength)) {}
 
 bool Mover::read(u32 record, u8* to, u32 records) const {
-    return seekTo(h_->TableFile, offsetOf(h_, record)) &&
+    return seekFar(h_->TableFile, offsetOf(h_, record)) &&
            readExact(h_->TableFile, to, records * h_->Header.RecordLength);
 }
 
@@ -67,8 +67,9 @@ Moved Mover::down(u32 first, u32 end) {
     return {end, MoveState::Done};
 }
 
-Moved Mover::up(u32 first, u32 end, u32 spare) {
-    const bool oneByOne = h_->Header.RecordLength >= kWideRecord || end - first <= kFewRecords;
+Moved Mover::up(u32 first, u32 end, std::optional<u32> spare) {
+    const bool oneByOne =
+        !spare || h_->Header.RecordLength >= kWideRecord || end - first <= kFewRecords;
     u32 chunk = 1;  // the first record makes the file longer: a full disk is met here
     u32 next = oneByOne ? 1 : chunk_;
     while (end > first) {
@@ -77,7 +78,7 @@ Moved Mover::up(u32 first, u32 end, u32 spare) {
         if (!read(from, buffer_.get(), count)) return {end, MoveState::Failed};
         if (count > 1) {
             usedSpare_ = true;
-            if (!write(spare, buffer_.get(), count)) {
+            if (!write(*spare, buffer_.get(), count)) {
                 chunk = next = 1;
                 continue;
             }

@@ -37,8 +37,9 @@ public:
     /// Moves the records from first to end - 1 one place towards the beginning.
     Moved down(u32 first, u32 end);
     /// Moves the records from first to end - 1 one place towards the end. What a write would
-    /// overwrite before it is at its new place is first copied to record number spare.
-    Moved up(u32 first, u32 end, u32 spare);
+    /// overwrite before it is at its new place is first copied to record number spare; without
+    /// one they move one by one.
+    Moved up(u32 first, u32 end, std::optional<u32> spare);
 
     bool read(u32 record, u8* to, u32 records = 1) const;
     bool write(u32 record, const u8* from, u32 records = 1) const;

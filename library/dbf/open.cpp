@@ -1,21 +1,43 @@
 // Opening and closing: everything between a path and a readable table, and back.
+#include <fcntl.h>
+
+#include <cerrno>
 #include <cstdlib>
 
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
+#include "memo/memo.h"
 
 namespace mira {
 
 namespace {
 
+/// Whether the last file could not be opened because it may only be read.
+bool mayOnlyBeRead() {
+    return errno == EACCES || errno == EPERM || errno == EROFS || errno == ETXTBSY;
+}
+
+std::FILE* openTableFile(const char* path, bool readOnly, FileFacts* opened) {
+    errno = 0;
+    std::FILE* const file = readOnly ? nullptr : openUnbuffered(path, O_RDWR, "rb+", opened);
+    return readOnly || (file == nullptr && mayOnlyBeRead())
+               ? openUnbuffered(path, O_RDONLY, "rb", opened)
+               : file;
+}
+
 /// Everything between an empty handle and a readable table.
 bool openTable(DbfBase* h, const char* path) {
     if (!setDefaults(h) || keepPrivate(h) == nullptr) return false;
-    h->TableFile = openFile(path, h->ReadOnly != 0, &h->Private->file.emplace());
-    if (h->TableFile == nullptr || ReadHeader(h) == 0) return false;
+    FileFacts opened{};
+    h->TableFile = openTableFile(path, h->ReadOnly != 0, &opened);
+    if (h->TableFile == nullptr) return false;
+    h->Private->own = h->TableFile;
+    h->Private->file = opened.id;
+    TableStart start;
+    if (!readStart(h, opened.size, &start) || !decodeStart(h, start)) return false;
     h->FileName = copyText(path).release();
-    if (h->FileName == nullptr || readFields(h, true) == 0) return false;
+    if (h->FileName == nullptr || !readFields(h, &start)) return false;
     GetMemoType(h);
     return h->MemoFileName != nullptr;
 }
@@ -40,6 +62,11 @@ DbfBase* OpenBaseCommon(const char* path, int readOnly) {
     if (openTable(h, path)) return h;
     releaseHandle(h);
     return nullptr;
+}
+
+DbfBase* OpenBaseListed(const char* path, int readOnly, FindNameHook find, void* context) {
+    const FindingNames finding(find, context);
+    return OpenBaseCommon(path, readOnly);
 }
 
 DbfBase* OpenBase(const char* path) { return OpenBaseCommon(path, 0); }

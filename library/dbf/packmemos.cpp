@@ -12,11 +12,14 @@
 #include "dbf/packmemos.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "dbf/changedrecords.h"
+#include "dbf/packrecords.h"
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
@@ -36,12 +39,6 @@ struct ReferenceFields {
     u16 numbers[kFieldMax];
 };
 
-/// Wide text in a memo field holds no reference.
-bool holdsReference(DbfBase* h, int field) {
-    const unsigned length = GetLenField(h, field);
-    return if_memo_type(h, field) != 0 && (length == 4 || length == 10);
-}
-
 void findReferences(DbfBase* h, ReferenceFields* fields) {
     for (int field = h->FirstMemoField; field < h->FieldCount; ++field) {
         if (!holdsReference(h, field)) continue;
@@ -57,71 +54,77 @@ void copyReferences(DbfBase* h, const ReferenceFields& fields, u8* to) {
     }
 }
 
-/// Whether every byte is the old one or the new one: a write that stopped half-way leaves some of
-/// each. Anything else has been stored meanwhile, and stays.
-bool isEither(std::span<const u8> bytes, const u8* was, const u8* becomes) {
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (bytes[i] != was[i] && bytes[i] != becomes[i]) return false;
+/// What stands in for a reference between the old one and the new one, where a write of the one
+/// over the other that stops half-way would leave what stands for no memo.
+constexpr u8 kBetween[kReferenceSize] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                         0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
+/// A reference on its way: what it was and what it is to be.
+struct Change {
+    const u8* was;
+    const u8* becomes;
+};
+
+/// Whether a write of one reference over another can have stopped at these bytes: it has done the
+/// first of them, up to none or all.
+bool isTorn(std::span<const u8> bytes, const u8* from, const u8* to) {
+    std::size_t i = 0;
+    while (i < bytes.size() && bytes[i] == to[i]) ++i;
+    while (i < bytes.size() && bytes[i] == from[i]) ++i;
+    return i == bytes.size();
+}
+
+/// Whether a reference is one that packing has left, in either direction. Anything else has been
+/// stored meanwhile, and stays; so does what has been cleared.
+bool isLeft(DbfBase* h, const DbfField& field, std::span<const u8> bytes, Change change) {
+    const u8* const states[] = {change.was, change.becomes, kBetween};
+    const bool blank = isBlankReference(h, field, bytes);
+    for (const u8* const from : states) {
+        for (const u8* const to : states) {
+            if (isTorn(bytes, from, to) && (from == to || !blank)) return true;
+        }
     }
+    return false;
+}
+
+/// Whether a write of one reference over another can stop at bytes that stand for no memo.
+bool tearsToBlank(DbfBase* h, const DbfField& field, std::span<const u8> from,
+                  std::span<const u8> to) {
+    std::size_t blank = 0;  // bytes at the beginning
+    while (blank < to.size() && isBlankReference(h, field, to.subspan(blank, 1))) ++blank;
+    return blank != 0 && blank < to.size() && !isBlankReference(h, field, from) &&
+           isBlankReference(h, field, from.subspan(blank));
+}
+
+/// Puts a new reference into a field of RecordBuffer, which goes into a record next.
+bool setReference(DbfBase* h, u32 record, int field, Change change) {
+    const DbfField& f = h->Fields[field];
+    const std::span<u8> bytes = fieldBytes(h, f);
+    const std::span<const u8> was(change.was, bytes.size()), becomes(change.becomes, bytes.size());
+    // What hooks make of the bytes in the file is not known here.
+    const bool plain = h->AfterRead == nullptr && h->BeforeWrite == nullptr;
+    if (plain && (tearsToBlank(h, f, was, becomes) || tearsToBlank(h, f, becomes, was))) {
+        const auto size = static_cast<u32>(bytes.size());
+        if (!writeTable(h, offsetOf(h, record, f.Offset), kBetween, size)) return false;
+    }
+    std::copy(becomes.begin(), becomes.end(), bytes.begin());
     return true;
 }
 
-/// Puts references into RecordBuffer.
-void setReferences(DbfBase* h, const ReferenceFields& fields, const u8* was, const u8* becomes) {
+/// Puts its new references into RecordBuffer. sure: they are known to be the old ones.
+bool setReferences(DbfBase* h, u32 record, const ReferenceFields& fields, Change change,
+                   bool sure) {
     for (u32 i = 0; i < fields.count; ++i) {
-        const std::span<u8> bytes = fieldBytes(h, fields.numbers[i]);
-        if (isEither(bytes, was, becomes)) std::copy_n(becomes, bytes.size(), bytes.begin());
-        was += bytes.size();
-        becomes += bytes.size();
-    }
-}
-
-bool readRaw(DbfBase* h, u32 record) {
-    const u32 length = h->Header.RecordLength;
-    u32 got = 0;
-    return readTable(h, offsetOf(h, record), h->RecordBuffer, length, &got) && got == length;
-}
-
-/// The records that AfterRead has changed. It is called once for a record, in the first pass; the
-/// second takes what it made of the record from here.
-class ChangedRecords {
-public:
-    explicit ChangedRecords(DbfBase* h) : h_(h) {}
-
-    /// ReadRecord, remembered.
-    bool read(u32 record) {
-        if (!readRaw(h_, record)) return false;
-        if (h_->AfterRead == nullptr) return true;
-        const u32 length = h_->Header.RecordLength;
-        u8* entry = changed_.add(sizeof record + length);
-        if (entry == nullptr) return false;
-        std::memcpy(entry, &record, sizeof record);
-        std::memcpy(entry + sizeof record, h_->RecordBuffer, length);
-        h_->AfterRead(h_);
-        if (std::memcmp(entry + sizeof record, h_->RecordBuffer, length) == 0) {
-            changed_.dropLast(sizeof record + length);
-        } else {
-            std::memcpy(entry + sizeof record, h_->RecordBuffer, length);
+        const int field = fields.numbers[i];
+        const std::size_t size = fieldBytes(h, field).size();
+        if ((sure || isLeft(h, h->Fields[field], fieldBytes(h, field), change)) &&
+            !setReference(h, record, field, change)) {
+            return false;
         }
-        return true;
+        change = {change.was + size, change.becomes + size};
     }
-
-    /// The record as read left it; to be called in the same order.
-    bool readAgain(u32 record) {
-        const u32 length = h_->Header.RecordLength;
-        u32 next = kNoPosition;
-        if (place_ < changed_.size()) std::memcpy(&next, changed_.data() + place_, sizeof next);
-        if (next != record) return readRaw(h_, record);
-        std::memcpy(h_->RecordBuffer, changed_.data() + place_ + sizeof next, length);
-        place_ += sizeof next + length;
-        return true;
-    }
-
-private:
-    DbfBase* h_;
-    Bytes changed_;  ///< record number and bytes
-    std::size_t place_ = 0;
-};
+    return true;
+}
 
 /// The old memo file of a rebuild.
 struct OldMemos {
@@ -138,7 +141,9 @@ bool copyMemo(DbfBase* h, int field, const OldMemos& from, MemoBuilder* to) {
     u32 length = 0;
     MemoRead found = MemoRead::None;
     if (old.block != 0 || old.length != 0) {
-        found = readMemo(from.file, from.family, from.unit, old, kMemoNoLimit, &memo, &length);
+        if (from.unit == 0) return false;  // nobody can tell where it leads
+        found =
+            readMemo(fileno(from.file), from.family, from.unit, old, kMemoNoLimit, &memo, &length);
     }
     ClearField(h, field);
     if (found != MemoRead::Found || length == 0) return found != MemoRead::Failed;
@@ -148,18 +153,21 @@ bool copyMemo(DbfBase* h, int field, const OldMemos& from, MemoBuilder* to) {
     return memoReference(h, field).block == block;  // digits may not fit
 }
 
-/// First pass: copies the memos of all records and logs their references.
-bool copyMemos(DbfBase* h, const ReferenceFields& fields, const OldMemos& from, MemoBuilder* to,
-               u32 count, ChangedRecords* records, Bytes* log) {
-    for (u32 record = 0; record < count; ++record) {
-        u8* entry = nullptr;
-        if (!records->read(record) || (entry = log->add(std::size_t{2} * fields.width)) == nullptr)
-            return false;
+/// First pass: copies the memos of all records, or of those that are not marked deleted, and logs
+/// their references.
+bool copyMemos(DbfBase* h, const ReferenceFields& fields, const OldMemos& from, bool drop,
+               MemoBuilder* to, ChangedRecords* records, Bytes* log, u32* count) {
+    for (u32 record = 0; record < h->Header.RecordCount; ++record) {
+        if (!records->read(record)) return false;
+        if (drop && h->RecordBuffer[0] == kDeleted) continue;
+        u8* const entry = log->add(std::size_t{2} * fields.width);
+        if (entry == nullptr) return false;
         copyReferences(h, fields, entry);
         for (u32 i = 0; i < fields.count; ++i) {
             if (!copyMemo(h, fields.numbers[i], from, to)) return false;
         }
         copyReferences(h, fields, entry + fields.width);
+        ++*count;
     }
     return true;
 }
@@ -176,15 +184,14 @@ struct Log {
 
 /// Second pass: gives the records their new references. The number of records done.
 template <typename Read>
-u32 writeReferences(DbfBase* h, const Log& log, Read read) {
-    PrivateState* const state = keepPrivate(h);
-    if (state == nullptr) return 0;
+u32 writeReferences(DbfBase* h, const Log& log, bool sure, Read read) {
     const u32 count = std::min(log.records, h->Header.RecordCount);
     for (u32 record = 0; record < count; ++record) {
-        if (!read(record)) return record;
-        setReferences(h, log.fields, log.was(record), log.becomes(record));
-        const Restore packing(state->packing, true);  // BeforeWrite sees a record as it is to be
-        if (InternalWriteRecord(h, record) == 0) return record;
+        const Change change{log.was(record), log.becomes(record)};
+        if (!read(record) || !setReferences(h, record, log.fields, change, sure) ||
+            !writePacked(h, record)) {
+            return record;
+        }
     }
     return log.records;
 }
@@ -193,18 +200,21 @@ u32 writeReferences(DbfBase* h, const Log& log, Read read) {
 /// keeps its second one.
 bool putBack(DbfBase* h, const Log& log, u32 count, const char* oldName) {
     for (u32 record = 0; record < count; ++record) {
-        if (ReadRecord(h, record) == 0) return false;
-        setReferences(h, log.fields, log.becomes(record), log.was(record));
-        if (InternalWriteRecord(h, record) == 0) return false;
+        const Change change{log.becomes(record), log.was(record)};
+        if (ReadRecord(h, record) == 0 || !setReferences(h, record, log.fields, change, false) ||
+            !writePacked(h, record)) {
+            return false;
+        }
     }
-    return addName(oldName, h->MemoFileName);
+    return synchronise(fileno(h->TableFile)) && addName(oldName, h->MemoFileName);
 }
 
-/// Ends the second pass. Whoever may read the old file may read the new one.
+/// Ends the second pass. Whoever may read the old file may read the new one. The log must not come
+/// back after a power cut: by then records may have moved.
 int tidyFile(std::FILE* file, const MemoFamily& family, const char* oldName) {
     struct stat info;
     if (stat(oldName, &info) == 0) fchmod(fileno(file), info.st_mode);
-    return tidyRebuild(file, family) ? 1 : 0;
+    return tidyRebuild(file, family) && synchronise(fileno(file)) ? 1 : 0;
 }
 
 /// Where files cannot have two names the process may have been killed when the old file had lost
@@ -213,7 +223,8 @@ void restoreName(DbfBase* h, const char* oldName) {
     if (access(h->MemoFileName, F_OK) == 0) return;
     bool stopped = false;
     removeAbandoned(h->MemoFileName, [&stopped](std::FILE* left) {
-        stopped = stopped || isUnfinished(left);
+        MemoHead head;
+        stopped = stopped || (readMemoHead(left, &head) && head.hasLog());
         return false;
     });
     if (stopped) std::rename(oldName, h->MemoFileName);
@@ -228,18 +239,18 @@ bool createNewFile(DbfBase* h, const OldMemos& old, NewFile* file) {
 
 /// Whether the old memo file may take a name.
 bool mayReplace(const DbfBase* h, const char* oldName) {
+    errno = 0;
     const std::optional<FileId> replaced = nameId(oldName);
-    return std::strcmp(oldName, h->MemoFileName) != 0 &&
+    return (replaced || errno == ENOENT) && std::strcmp(oldName, h->MemoFileName) != 0 &&
            !isSameFile(replaced, fileId(h->TableFile)) &&
            !isSameFile(replaced, fileId(h->AliasFileName));
 }
 
 /// Exchanges the files, each of which is on the disk by then. Nothing when that is done, else what
 /// packing comes to; the files have the names they had, or restoreName can give them back.
-std::optional<int> takeNames(DbfBase* h, const OldMemos& old, const char* oldName, NewFile* file) {
-    if (!file->synchronise() || fsync(fileno(old.file)) != 0) return 0;
+std::optional<int> takeNames(DbfBase* h, const char* oldName, NewFile* file) {
     // A "~" name that cannot be had is no failure.
-    if (!mayReplace(h, oldName) || !addName(h->MemoFileName, oldName)) return 1;
+    if (!addName(h->MemoFileName, oldName)) return 1;
     if (file->take(h->MemoFileName)) return std::nullopt;
     // Where it could not have two names the old file has lost its first.
     if (access(h->MemoFileName, F_OK) != 0 && std::rename(oldName, h->MemoFileName) != 0) {
@@ -248,7 +259,33 @@ std::optional<int> takeNames(DbfBase* h, const OldMemos& old, const char* oldNam
     return 0;
 }
 
-int rebuild(DbfBase* h, const OldMemos& old, const char* oldName) {
+/// Drops the records that are marked deleted, all but count of them, as they have been read before.
+/// What the log says of the others is then true of the disk, too.
+bool dropRecords(DbfBase* h, ChangedRecords* records, u32 count) {
+    if (count == h->Header.RecordCount) return true;
+    return packRecords(h, true, records) != 0 && h->Header.RecordCount == count &&
+           synchronise(fileno(h->TableFile));
+}
+
+/// From the change of names on. read gives the records for the second pass.
+template <typename Read>
+int replaceMemos(DbfBase* h, const MemoFamily& family, const Log& log, const char* oldName,
+                 NewFile* file, Read read) {
+    if (const std::optional<int> ended = takeNames(h, oldName, file)) return *ended;
+    u32 reached = 0;  // records that may have changed
+    if (synchroniseFolder(h->MemoFileName)) {
+        const u32 done = writeReferences(h, log, true, read);
+        if (done == log.records && synchronise(fileno(h->TableFile)) &&
+            releaseRebuild(file->stream())) {
+            return tidyFile(file->stream(), family, oldName);
+        }
+        reached = std::min(done + 1, log.records);
+    }
+    putBack(h, log, reached, oldName);
+    return 0;
+}
+
+int rebuild(DbfBase* h, const OldMemos& old, const char* oldName, bool drop) {
     ReferenceFields fields;
     findReferences(h, &fields);
     NewFile file;
@@ -256,49 +293,56 @@ int rebuild(DbfBase* h, const OldMemos& old, const char* oldName) {
     MemoBuilder memos(file.stream(), old.family);
     ChangedRecords records(h);
     Bytes bytes;
-    const u32 count = h->Header.RecordCount;
-    if (!memos.start(old.unit) || !copyMemos(h, fields, old, &memos, count, &records, &bytes) ||
-        !memos.complete(bytes, count)) {
+    u32 count = 0;
+    if (!memos.start(old.unit) ||
+        !copyMemos(h, fields, old, drop, &memos, &records, &bytes, &count) ||
+        !memos.complete(bytes, count) || !file.synchronise() || !synchronise(fileno(old.file)) ||
+        (drop && !dropRecords(h, &records, count))) {
         return 0;
     }
-    if (const std::optional<int> ended = takeNames(h, old, oldName, &file)) return *ended;
-    const Log log{fields, bytes.data(), count};
-    const u32 done = writeReferences(h, log, [&](u32 record) { return records.readAgain(record); });
-    if (done == count && releaseRebuild(file.stream())) {
-        return tidyFile(file.stream(), old.family, oldName);
-    }
-    putBack(h, log, std::min(done + 1, count), oldName);
-    return 0;
+    // The record step has had its reading, this step has one of its own.
+    const auto read = [&](u32 record) {
+        return drop ? ReadRecord(h, record) != 0 : records.readAgain(record);
+    };
+    return replaceMemos(h, old.family, Log{fields, bytes.data(), count}, oldName, &file, read);
 }
 
 /// The second pass of an earlier rebuild.
-int finish(DbfBase* h, const MemoFamily& family, std::FILE* file, const char* oldName) {
+int finish(DbfBase* h, const MemoFamily& family, std::FILE* file, const MemoHead& head,
+           const char* oldName) {
     ReferenceFields fields;
     RebuildLog left;
     findReferences(h, &fields);
-    if (!readRebuildLog(file, &left)) return 0;
+    if (!readRebuildLog(file, head, &left)) return 0;
     if (left.size != u64{2} * fields.width * left.records) return 0;
     const auto read = [h](u32 record) { return ReadRecord(h, record) != 0; };
     const Log log{fields, left.bytes.get(), left.records};
-    if (writeReferences(h, log, read) < log.records || !releaseRebuild(file)) return 0;
+    if (!synchroniseFolder(h->MemoFileName) || writeReferences(h, log, false, read) < log.records ||
+        !synchronise(fileno(h->TableFile)) || !releaseRebuild(file)) {
+        return 0;
+    }
     return tidyFile(file, family, oldName);
 }
 
 }  // namespace
 
-int packMemos(DbfBase* h, bool writable) {
+int packMemos(DbfBase* h, bool writable, bool drop) {
+    const auto withoutMemos = [&] { return drop ? packRecords(h, writable) : 1; };
     const MemoFamily* family = memoFamily(h->Header.Version);
-    if (h->FirstMemoField == -1 || family == nullptr) return 1;
+    if (h->FirstMemoField == -1 || family == nullptr) return withoutMemos();
     errno = 0;
     FileId id{};
     const OwnedFile file(openFile(h->MemoFileName, true, &id));
-    if (!file) return errno == ENOENT ? 1 : 0;  // no memo file, no memos
+    if (!file) return errno == ENOENT ? withoutMemos() : 0;  // no memo file, no memos
     const Owned<char> oldName = tildeName(h->MemoFileName);
     if (!writable || !oldName || isTable(h, id)) return 0;
+    if (!mayReplace(h, oldName.get())) return withoutMemos();
+    MemoHead head;
+    if (!readMemoHead(file.get(), &head)) return 0;
     OldMemos old{file.get(), *family, 0};
-    readMemoUnit(file.get(), *family, &old.unit);  // has a value for a short header, too
+    readMemoUnit(head, *family, &old.unit);  // has a value for a short header, too
     FreeMemo(h);
-    return std::ferror(file.get()) == 0 ? rebuild(h, old, oldName.get()) : 0;
+    return rebuild(h, old, oldName.get(), drop);
 }
 
 int finishPackMemos(DbfBase* h, bool writable) {
@@ -307,9 +351,12 @@ int finishPackMemos(DbfBase* h, bool writable) {
     const Owned<char> oldName = tildeName(h->MemoFileName);
     if (!oldName) return 0;
     if (writable) restoreName(h, oldName.get());
+    const int unfinished = IsPackUnfinished(h);
+    if (unfinished != 1) return unfinished == 0 ? 1 : 0;
     const OwnedFile file(Open_File(h->MemoFileName));
-    if (!isUnfinished(file.get())) return 1;
-    return writable ? finish(h, *family, file.get(), oldName.get()) : 0;
+    MemoHead head;
+    if (!writable || !file || !readMemoHead(file.get(), &head) || !head.hasLog()) return 0;
+    return finish(h, *family, file.get(), head, oldName.get());
 }
 
 }  // namespace mira

@@ -83,8 +83,14 @@ unsigned countDigits(u64 value) {
     return atMost + (value >= kPowersOfTen[atMost] ? 1 : 0);
 }
 
-/// Prints the last count digits before end, two at a time; returns the number they leave.
+/// Prints the last count digits before end; returns the number they leave.
 u64 putDigits(char* end, u64 value, unsigned count) {
+    for (; count >= 4; count -= 4, value /= 10000) {
+        const u32 four = static_cast<u32>(value % 10000);
+        end -= 4;
+        std::memcpy(end, kPairs + std::size_t{2} * (four / 100), 2);
+        std::memcpy(end + 2, kPairs + std::size_t{2} * (four % 100), 2);
+    }
     for (; count >= 2; count -= 2, value /= 100) {
         end -= 2;
         std::memcpy(end, kPairs + 2 * (value % 100), 2);

@@ -1,13 +1,19 @@
-// File access. Offsets are 32-bit: what lies 2^31 bytes or more into a file cannot be reached.
+// File access.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef STATX_SIZE
+#include <sys/sysmacros.h>  // makedev
+#endif
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
+#include <limits>
 
 #include "internal/file.h"
+#include "internal/paths.h"
 
 namespace mira {
 namespace {
@@ -24,6 +30,14 @@ u32 put(std::FILE* file, const void* buffer, u32 count) {
     return std::fflush(file) == 0 ? static_cast<u32>(done) : 0;  // a caller's stream is buffered
 }
 
+FileFacts facts(const struct stat& info) {
+    return {{info.st_dev, info.st_ino}, static_cast<u64>(info.st_size)};
+}
+
+std::optional<FileId> idOf(std::optional<FileFacts> facts) {
+    return facts ? std::optional(facts->id) : std::nullopt;
+}
+
 }  // namespace
 
 Owned<char> copyText(const char* text) {
@@ -34,17 +48,34 @@ Owned<char> copyText(const char* text) {
     return copy;
 }
 
-std::optional<FileId> fileId(std::FILE* file) {
+std::optional<FileFacts> factsOf(std::FILE* file) {
     struct stat info;
     if (file == nullptr || fstat(fileno(file), &info) != 0) return std::nullopt;
-    return FileId{info.st_dev, info.st_ino};
+    return facts(info);
 }
 
-std::optional<FileId> fileId(const char* path) {
+// Edits ask this every time. The times are left out where that is possible: file systems that have
+// told them stamp the next write anew, which takes half as long again.
+#ifdef STATX_SIZE
+std::optional<FileFacts> factsOf(const char* path) {
+    struct statx info;
+    if (path == nullptr || statx(AT_FDCWD, path, 0, STATX_INO | STATX_SIZE, &info) != 0) {
+        return std::nullopt;
+    }
+    return FileFacts{{makedev(info.stx_dev_major, info.stx_dev_minor), info.stx_ino},
+                     info.stx_size};
+}
+#else
+std::optional<FileFacts> factsOf(const char* path) {
     struct stat info;
     if (path == nullptr || stat(path, &info) != 0) return std::nullopt;
-    return FileId{info.st_dev, info.st_ino};
+    return facts(info);
 }
+#endif
+
+std::optional<FileId> fileId(std::FILE* file) { return idOf(factsOf(file)); }
+
+std::optional<FileId> fileId(const char* path) { return idOf(factsOf(path)); }
 
 std::optional<FileId> nameId(const char* path) {
     struct stat info;
@@ -54,7 +85,19 @@ std::optional<FileId> nameId(const char* path) {
 
 bool isSameFile(std::optional<FileId> a, std::optional<FileId> b) { return a && a == b; }
 
-std::FILE* openUnbuffered(int fd, const char* mode, FileId* id) {
+int openRegular(const char* path, int flags, FileId* id) {
+    const int fd = path != nullptr ? open(path, flags | O_NONBLOCK | O_NOCTTY) : -1;
+    struct stat info;
+    if (fd < 0) return fd;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        *id = {info.st_dev, info.st_ino};
+        return fd;
+    }
+    close(fd);
+    return -1;
+}
+
+std::FILE* openUnbuffered(int fd, const char* mode, FileFacts* opened) {
     struct stat info;
     const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
     std::FILE* file = regular ? fdopen(fd, mode) : nullptr;
@@ -63,14 +106,14 @@ std::FILE* openUnbuffered(int fd, const char* mode, FileId* id) {
         return nullptr;
     }
     std::setvbuf(file, nullptr, _IONBF, 0);
-    if (id != nullptr) *id = {info.st_dev, info.st_ino};
+    if (opened != nullptr) *opened = facts(info);
     return file;
 }
 
-std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileId* id) {
+std::FILE* openUnbuffered(const char* path, int flags, const char* mode, FileFacts* opened) {
     if (path == nullptr) return nullptr;
     const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY, kEverybody);
-    return fd >= 0 ? openUnbuffered(fd, mode, id) : nullptr;
+    return fd >= 0 ? openUnbuffered(fd, mode, opened) : nullptr;
 }
 
 std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<FileId>> keep) {
@@ -80,8 +123,11 @@ std::FILE* openEmptied(const char* path, std::initializer_list<std::optional<Fil
     return ftruncate(fileno(file.get()), 0) == 0 ? file.release() : nullptr;
 }
 
-bool seekTo(std::FILE* file, u64 offset) {
-    return file != nullptr && offset <= kReachable &&
+bool seekTo(std::FILE* file, u64 offset) { return offset <= kReachable && seekFar(file, offset); }
+
+bool seekFar(std::FILE* file, u64 offset) {
+    constexpr u64 last = std::numeric_limits<off_t>::max();
+    return file != nullptr && offset <= last &&
            fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0;
 }
 
@@ -91,6 +137,66 @@ bool readExact(std::FILE* file, void* buffer, u32 count) {
 
 bool writeExact(std::FILE* file, const void* buffer, u32 count) {
     return count <= kReachable && put(file, buffer, count) == count;
+}
+
+bool readPlaced(int descriptor, u64 offset, void* buffer, u32 count, u32* got) {
+    *got = 0;
+    while (*got < count) {
+        const ssize_t more = pread(descriptor, static_cast<char*>(buffer) + *got, count - *got,
+                                   static_cast<off_t>(offset + *got));
+        if (more < 0) return false;
+        if (more == 0) break;
+        *got += static_cast<u32>(more);
+    }
+    return true;
+}
+
+bool writePlaced(int descriptor, u64 offset, const void* buffer, u32 count) {
+    const auto* from = static_cast<const char*>(buffer);
+    for (u32 done = 0; done < count;) {
+        const ssize_t more =
+            pwrite(descriptor, from + done, count - done, static_cast<off_t>(offset + done));
+        if (more <= 0) return false;
+        done += static_cast<u32>(more);
+    }
+    return true;
+}
+
+std::optional<u64> sizeOf(int descriptor) {
+    struct stat info;
+    if (fstat(descriptor, &info) != 0) return std::nullopt;
+    return static_cast<u64>(info.st_size);
+}
+
+bool synchronise(int descriptor) {
+    return fsync(descriptor) == 0 || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+}
+
+bool synchroniseFolder(const char* path) {
+    const Owned<char> name = copyText(path);
+    if (!name) return false;
+    const std::size_t length = splitPath(path).dir.size();
+    name.get()[length] = 0;
+    const int fd = open(length != 0 ? name.get() : ".", O_RDONLY | O_DIRECTORY);
+    if (fd < 0 && errno == EACCES) {  // one that may be changed but not read
+        sync();
+        return true;
+    }
+    const bool done = fd >= 0 && synchronise(fd);
+    if (fd >= 0) close(fd);
+    return done;
+}
+
+u32 writePlaced(std::FILE* file, u64 offset, const void* buffer, u32 count) {
+    const auto* const from = static_cast<const char*>(buffer);
+    u32 done = 0;
+    while (done < count) {
+        const ssize_t taken =
+            pwrite(fileno(file), from + done, count - done, static_cast<off_t>(offset + done));
+        if (taken <= 0) break;
+        done += static_cast<u32>(taken);
+    }
+    return done;
 }
 
 std::optional<u64> fileSize(std::FILE* file) {
@@ -107,8 +213,11 @@ std::atomic<u64>& changesOf(std::FILE* file) {
 }
 
 std::FILE* openFile(const char* path, bool readOnly, FileId* id) {
-    std::FILE* file = readOnly ? nullptr : openUnbuffered(path, O_RDWR, "rb+", id);
-    return file != nullptr ? file : openUnbuffered(path, O_RDONLY, "rb", id);
+    FileFacts opened{};
+    std::FILE* file = readOnly ? nullptr : openUnbuffered(path, O_RDWR, "rb+", &opened);
+    if (file == nullptr) file = openUnbuffered(path, O_RDONLY, "rb", &opened);
+    if (file != nullptr && id != nullptr) *id = opened.id;
+    return file;
 }
 
 std::FILE* Open_File(const char* path) { return openFile(path, false); }

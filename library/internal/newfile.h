@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "internal/file.h"
 
 namespace mira {
@@ -21,7 +23,7 @@ public:
     /// Creates the file, for its owner alone; false where that is not possible.
     bool create(const char* path);
     /// To be called before take: a name must not stand for bytes that are not on the disk.
-    bool synchronise() { return fsync(fileno(file_.get())) == 0; }
+    bool synchronise() { return mira::synchronise(fileno(file_.get())); }
     /// Gives the file a name, which a file that has it gives up.
     bool take(const char* path);
     /// Lets the file stay under its own name.

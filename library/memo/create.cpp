@@ -36,7 +36,8 @@ int CreateMemoFile(const char* tablePath, u32 kind, u32 blockSize) {
     if (blockSize > kUnitLimit) return 0;
     if (blockSize == 0) blockSize = kMemoHeaderMin;
     const u32 size = memoHeaderSize(blockSize);
-    const Owned<char> name(GetMemoName(tablePath, kind));
+    Owned<char> name = tablePath != nullptr ? sourceMemoName(tablePath) : nullptr;
+    if (!name) name.reset(GetMemoName(tablePath, kind));
     const Owned<u8> header = allocate<u8>(size);
     if (!name || !header) return 0;
     std::memset(header.get(), 0, size);

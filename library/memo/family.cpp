@@ -19,6 +19,7 @@
 
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "dbf/table/table.h"
 #include "internal/ascii.h"
@@ -71,12 +72,23 @@ struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 
+// Of the FindingNames that lives.
+thread_local FindNameHook findName = nullptr;
+thread_local void* findContext = nullptr;
+
 /// Counts the files beside path that have its name in any letter case, up to 2. *found becomes the
 /// path of the only one. (Reads the directory itself: the iterator of the standard library ends the
 /// program when memory runs out.)
 u32 findInAnyCase(const char* path, Owned<char>* found) {
     const PathParts parts = splitPath(path);
     const char* wanted = path + parts.dir.size();
+    if (findName != nullptr) {
+        *found = copyText(path);
+        if (!*found) return 0;
+        const u32 named = findName(path, found->get() + parts.dir.size(), findContext);
+        if (named != 1) found->reset();
+        return named;
+    }
     const Owned<char> dirName = parts.dir.empty() ? copyText(".") : copyText(path);
     if (!dirName) return 0;
     if (!parts.dir.empty()) dirName.get()[parts.dir.size()] = 0;
@@ -95,8 +107,39 @@ u32 findInAnyCase(const char* path, Owned<char>* found) {
     return count;
 }
 
-/// Sources of Visual FoxPro (forms, classes, reports, labels, menus, projects) are tables whose
-/// memo file has their own extension with a "t" at its end. Null for other tables.
+bool exists(const char* path) { return access(path, F_OK) == 0; }
+
+/// The file of a path, or the only one beside it that differs in letter case; null when there is
+/// none.
+Owned<char> lookFor(const char* path) {
+    Owned<char> found;
+    if (exists(path)) return copyText(path);
+    findInAnyCase(path, &found);
+    return found;
+}
+
+/// Whether a table of the same name, which has memos of its own, stands beside a source.
+bool standsBesideTable(const char* sourcePath) {
+    const Owned<char> table = copyText(sourcePath);
+    if (!table) return false;
+    char* const ext = table.get() + std::strlen(sourcePath) - 4;
+    std::memcpy(ext, ".dbf", 4);
+    Owned<char> found;
+    return exists(table.get()) || findInAnyCase(table.get(), &found) != 0;
+}
+
+/// Names the memo file that is there where none is under the usual name. A source looks for its own
+/// first.
+void lookForMemoFile(DbfBase* h) {
+    Owned<char> source = sourceMemoName(h->FileName);
+    Owned<char> found = source ? lookFor(source.get()) : nullptr;
+    if (!found && source && standsBesideTable(h->FileName)) found = std::move(source);
+    if (!found && !exists(h->MemoFileName)) findInAnyCase(h->MemoFileName, &found);
+    if (found) replace(h->MemoFileName, std::move(found));
+}
+
+}  // namespace
+
 Owned<char> sourceMemoName(const char* tablePath) {
     static constexpr const char* sources[] = {".scx", ".vcx", ".frx", ".lbx", ".mnx", ".pjx"};
     const PathParts parts = splitPath(tablePath);
@@ -109,22 +152,14 @@ Owned<char> sourceMemoName(const char* tablePath) {
     return nullptr;
 }
 
-/// Names the memo file that is there where none is under the usual name.
-void lookForMemoFile(DbfBase* h) {
-    if (access(h->MemoFileName, F_OK) == 0) return;
-    Owned<char> found;
-    if (findInAnyCase(h->MemoFileName, &found) == 0) {
-        Owned<char> source = sourceMemoName(h->FileName);
-        if (source && access(source.get(), F_OK) == 0) {
-            found = std::move(source);
-        } else if (source) {
-            findInAnyCase(source.get(), &found);
-        }
-    }
-    if (found) replace(h->MemoFileName, std::move(found));
-}
+FindingNames::FindingNames(FindNameHook find, void* context)
+    : findBefore_(std::exchange(findName, find)),
+      contextBefore_(std::exchange(findContext, context)) {}
 
-}  // namespace
+FindingNames::~FindingNames() {
+    findName = findBefore_;
+    findContext = contextBefore_;
+}
 
 const MemoFamily* memoFamily(u8 version) { return familyOf(flavourOf(version).memos); }
 
@@ -153,7 +188,6 @@ u32 GetMemoType(DbfBase* h) {
         h->HeaderSize == kHeaderSize7 ? kLevel7Kind : flavourOf(h->Header.Version).kind;
     replace(h->MemoFileName, Owned<char>(GetMemoName(h->FileName, kind)));
     if (h->FirstMemoField != -1 && h->MemoFileName != nullptr) lookForMemoFile(h);
-    if (h->Private != nullptr) h->Private->unfinished = true;
     FreeMemo(h);
     return kind;
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "dbf/table/flavour.h"
+#include "dbf/table/packlog.h"
 #include "dbf/table/private.h"
 #include "dbf/value/reference.h"
 #include "internal/bytes.h"
@@ -47,6 +48,9 @@ extern const MemoFamily kSmtMemo;
 const MemoFamily* memoFamily(u8 version);
 /// The family that a memo file of a kind is created in; null: no memo format.
 const MemoFamily* memoFamilyOfKind(u32 kind);
+/// Sources of Visual FoxPro (forms, classes, reports, labels, menus, projects) are tables whose
+/// memo file has their own extension with a "t" at its end. Null for other tables.
+Owned<char> sourceMemoName(const char* tablePath);
 
 // read.cpp
 enum class MemoRead {
@@ -56,12 +60,28 @@ enum class MemoRead {
 };
 inline constexpr u32 kMemoTextMax = 65535;  // the most that a dBase III memo read as text holds
 inline constexpr u32 kMemoNoLimit = 0x7FFFFFFE;
-/// Block unit from a memo file at its start; kMissingMemoUnit and false when the header is short.
-bool readMemoUnit(std::FILE*, const MemoFamily&, u32* unit);
-/// Reads the memo of a reference; *memo holds *length bytes and a zero byte. limit cuts memos that
-/// have an end byte in place of a length.
-MemoRead readMemo(std::FILE*, const MemoFamily&, u32 unit, MemoReference, u32 limit,
+/// Length of the data after a prefix; none when the bytes are not the prefix of a memo.
+std::optional<u32> decodeMemoPrefix(const MemoFamily&, const u8* prefix);
+/// Block unit from the beginning of a memo file; kMissingMemoUnit and false when that is short.
+bool readMemoUnit(const MemoHead&, const MemoFamily&, u32* unit);
+/// Reads the memo of a reference; *memo holds *length bytes and a zero byte. Blocks of no bytes
+/// hold none. limit cuts memos that have an end byte in place of a length.
+MemoRead readMemo(int descriptor, const MemoFamily&, u32 unit, MemoReference, u32 limit,
                   Owned<char>* memo, u32* length);
+
+// family.cpp
+/// While one lives, this thread looks for memo files in other letter case by a hook. Null for the
+/// hook: by reading the folder.
+class FindingNames {
+public:
+    FindingNames(FindNameHook find, void* context);
+    ~FindingNames();
+    FindingNames(const FindingNames&) = delete;
+
+private:
+    FindNameHook findBefore_;
+    void* contextBefore_;
+};
 
 // create.cpp
 /// Bytes of a new memo file before its first memo, or up to a unit more.
@@ -73,8 +93,8 @@ void buildMemoHeader(const MemoFamily&, u32 unit, u8* header);
 // write.cpp
 /// The bytes before a memo's data; their number.
 u32 encodeMemoPrefix(const MemoFamily&, u32 length, u8* to);
-/// Appends a memo to a memo file at its start and advances the counter. The block; 0 on failure.
-u32 appendMemo(std::FILE*, const MemoFamily&, const char* bytes, u32 length);
+/// Appends a memo to a memo file and advances the counter. The block; 0 on failure.
+u32 appendMemo(int descriptor, const MemoHead&, const MemoFamily&, const char* bytes, u32 length);
 
 inline u32 loadMemo32(const MemoFamily& family, const u8* from) {
     return family.bigEndian ? loadBe32(from) : loadLe32(from);
@@ -95,33 +115,24 @@ inline bool isTable(const DbfBase* h, FileId file) {
     return file == (h->Private != nullptr ? h->Private->file : fileId(h->TableFile));
 }
 
-// rebuild.cpp
-/// Whether a rebuild of the memo file has stopped before all records had their new references:
-/// until it is finished nobody can tell which memo a reference means, and records must keep their
-/// places.
-bool isPackUnfinished(DbfBase*);
-
-/// MemoFile, open for as long as this lives; null also while a rebuild is unfinished.
+/// The memo file, open for as long as this lives, and its beginning. Not open also when it has the
+/// log of an interrupted Pack, or that cannot be told.
 class OpenMemoFile {
 public:
-    explicit OpenMemoFile(DbfBase* h) : handle_(h) {
-        FileId id{};
-        h->MemoFile = openFile(h->MemoFileName, false, &id);
-        if (isTable(h, id) || (isPackUnfinished(h) && !isPacking(h))) close();
-    }
-    ~OpenMemoFile() { close(); }
+    explicit OpenMemoFile(DbfBase*);
+    ~OpenMemoFile() { shut(); }
     OpenMemoFile(const OpenMemoFile&) = delete;
     OpenMemoFile& operator=(const OpenMemoFile&) = delete;
 
-    explicit operator bool() const { return handle_->MemoFile != nullptr; }
+    explicit operator bool() const { return descriptor_ >= 0; }
+    int descriptor() const { return descriptor_; }
+    const MemoHead& head() const { return head_; }
 
 private:
-    void close() {
-        if (handle_->MemoFile != nullptr) std::fclose(handle_->MemoFile);
-        handle_->MemoFile = nullptr;
-    }
+    void shut();
 
-    DbfBase* handle_;
+    int descriptor_;
+    MemoHead head_;
 };
 
 }  // namespace mira

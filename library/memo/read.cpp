@@ -1,5 +1,8 @@
 // Reading memos. One reader follows the rows of the family table. Lengths in block headers and
 // references are untrusted: no more is allocated than the file holds.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -12,8 +15,8 @@ namespace {
 // The first read of a block: prefix and data together, so that a small memo takes one.
 constexpr u32 kFirstRead = 4096;
 
-/// Data from the file's place up to the end byte, at most limit bytes; at the end of the file none.
-MemoRead readToEnd(std::FILE* file, u32 limit, Owned<char>* memo, u32* length) {
+/// Data from an offset up to the end byte, at most limit bytes; at the end of the file none.
+MemoRead readToEnd(int file, u64 offset, u32 limit, Owned<char>* memo, u32* length) {
     std::size_t capacity = kMemoTextMax;
     Owned<char> text = allocate<char>(capacity + 1);
     if (!text) return MemoRead::Failed;
@@ -28,7 +31,10 @@ MemoRead readToEnd(std::FILE* file, u32 limit, Owned<char>* memo, u32* length) {
             continue;
         }
         char* start = text.get() + used;
-        const u32 got = ReadFile(file, start, static_cast<i32>(want));
+        u32 got = 0;
+        if (!readPlaced(file, offset + used, start, static_cast<u32>(want), &got)) {
+            return MemoRead::Failed;
+        }
         const void* end = std::memchr(start, kMemoEnd, got);
         used +=
             end != nullptr ? static_cast<std::size_t>(static_cast<const char*>(end) - start) : got;
@@ -40,32 +46,25 @@ MemoRead readToEnd(std::FILE* file, u32 limit, Owned<char>* memo, u32* length) {
     return MemoRead::Found;
 }
 
-/// Length of the data after a prefix; none when it is not a memo prefix.
-std::optional<u32> decodePrefix(const MemoFamily& family, const u8* prefix) {
-    const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
-    const bool marked = std::memcmp(prefix, family.mark, family.markChecked) == 0;
-    if (!marked || stored < family.lengthBias) return std::nullopt;
-    return stored - family.lengthBias;
-}
-
-/// Cuts a length to what the file holds from offset on, and places the file there.
-bool capToFile(std::FILE* file, u64 offset, u32* length) {
-    const std::optional<u64> size = fileSize(file);
-    if (!size || !seekTo(file, offset)) return false;
+/// Cuts a length to what the file holds from offset on.
+bool capToFile(int file, u64 offset, u32* length) {
+    const std::optional<u64> size = sizeOf(file);
+    if (!size) return false;
     const u64 left = *size > offset ? *size - offset : 0;
     *length = static_cast<u32>(std::min({u64{*length}, left, u64{kMemoNoLimit}}));
     return true;
 }
 
-/// The memo whose block starts at offset, where the file stands.
-MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 length,
-                   Owned<char>* memo, u32* lengthRead) {
+/// The memo whose block starts at offset.
+MemoRead readBlock(int file, const MemoFamily& family, u64 offset, u32 length, Owned<char>* memo,
+                   u32* lengthRead) {
     u8 start[kFirstRead];
     const u32 want = family.prefixSize != 0 ? kFirstRead : std::min(length, kFirstRead);
-    const u32 got = ReadFile(file, start, static_cast<i32>(want));
+    u32 got = 0;
+    if (!readPlaced(file, offset, start, want, &got)) return MemoRead::Failed;
     if (got < family.prefixSize) return MemoRead::None;
     if (family.prefixSize != 0) {
-        const std::optional<u32> said = decodePrefix(family, start);
+        const std::optional<u32> said = decodeMemoPrefix(family, start);
         if (!said) return MemoRead::None;
         length = *said;
     }
@@ -76,40 +75,58 @@ MemoRead readBlock(std::FILE* file, const MemoFamily& family, u64 offset, u32 le
     Owned<char> data = allocate<char>(std::size_t{have} + rest + 1);
     if (!data) return MemoRead::Failed;
     std::memcpy(data.get(), start + family.prefixSize, have);
-    *lengthRead = have + ReadFile(file, data.get() + have, static_cast<i32>(rest));
+    u32 more = 0;
+    if (rest != 0 && !readPlaced(file, offset + got, data.get() + have, rest, &more)) {
+        return MemoRead::Failed;
+    }
+    *lengthRead = have + more;
     data.get()[*lengthRead] = 0;
     *memo = std::move(data);
     return MemoRead::Found;
 }
 
-/// MemoFile, open and at its start, by the rules of one family.
-char* getMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
+/// A memo by the rules of one family.
+char* getMemo(int file, const MemoHead& head, const MemoFamily& family, MemoReference reference,
+              u32* length) {
     u32 unit = 0;
     u32 got = 0;
     Owned<char> memo;
-    if (!readMemoUnit(h->MemoFile, family, &unit) && !family.shortHeaderReads) return nullptr;
-    if (readMemo(h->MemoFile, family, unit, reference, kMemoTextMax, &memo, &got) !=
-        MemoRead::Found) {
+    if (!readMemoUnit(head, family, &unit) && !family.shortHeaderReads) return nullptr;
+    if (readMemo(file, family, unit, reference, kMemoTextMax, &memo, &got) != MemoRead::Found) {
         return nullptr;
     }
     if (length != nullptr) *length = got;
     return memo.release();
 }
 
-char* getText(DbfBase* h, const MemoFamily& family, u32 block) {
-    return getMemo(h, family, {block, 0}, nullptr);
+/// The same for a caller who has opened MemoFile himself.
+char* getBlock(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
+    MemoHead head;
+    return readMemoHead(h->MemoFile, &head)
+               ? getMemo(fileno(h->MemoFile), head, family, reference, length)
+               : nullptr;
 }
 
-u32 blockUnit(DbfBase* h, const MemoFamily& family) {
+char* getText(DbfBase* h, const MemoFamily& family, u32 block) {
+    return getBlock(h, family, {block, 0}, nullptr);
+}
+
+u32 blockUnit(const MemoHead& head, const MemoFamily& family) {
     u32 unit = 0;
-    readMemoUnit(h->MemoFile, family, &unit);  // has a value for a short header, too
+    readMemoUnit(head, family, &unit);  // has a value for a short header, too
     return unit;
 }
 
-/// The same with the memo file open just for this.
+u32 blockUnit(DbfBase* h, const MemoFamily& family) {
+    MemoHead head;
+    readMemoHead(h->MemoFile, &head);  // what cannot be read counts as missing
+    return blockUnit(head, family);
+}
+
+/// The memo of a field, with the memo file open just for this.
 char* getFieldMemo(DbfBase* h, const MemoFamily& family, MemoReference reference, u32* length) {
     const OpenMemoFile open(h);
-    return open ? getMemo(h, family, reference, length) : nullptr;
+    return open ? getMemo(open.descriptor(), open.head(), family, reference, length) : nullptr;
 }
 
 char* getFieldText(DbfBase* h, i32 field) {
@@ -139,29 +156,46 @@ char* getFieldBytes(DbfBase* h, i32 field, u32* length) {
 
 }  // namespace
 
-bool readMemoUnit(std::FILE* file, const MemoFamily& family, u32* unit) {
-    u8 header[kMemoHeaderRead];
-    const bool whole = family.unitPlace == 0 || readExact(file, header, family.headerSize);
-    *unit = whole ? memoUnit(family, header) : kMissingMemoUnit;
+std::optional<u32> decodeMemoPrefix(const MemoFamily& family, const u8* prefix) {
+    const u32 stored = loadMemo32(family, prefix + sizeof family.mark);
+    const bool marked = std::memcmp(prefix, family.mark, family.markChecked) == 0;
+    if (!marked || stored < family.lengthBias) return std::nullopt;
+    return stored - family.lengthBias;
+}
+
+bool readMemoUnit(const MemoHead& head, const MemoFamily& family, u32* unit) {
+    const bool whole = family.unitPlace == 0 || head.size >= family.headerSize;
+    *unit = whole ? memoUnit(family, head.bytes) : kMissingMemoUnit;
     return whole;
 }
 
-MemoRead readMemo(std::FILE* file, const MemoFamily& family, u32 unit, MemoReference reference,
-                  u32 limit, Owned<char>* memo, u32* length) {
+MemoRead readMemo(int file, const MemoFamily& family, u32 unit, MemoReference reference, u32 limit,
+                  Owned<char>* memo, u32* length) {
     const u64 offset = u64{unit} * reference.block;
-    if (offset > kReachable) return MemoRead::None;
-    if (!seekTo(file, offset)) return MemoRead::Failed;
-    const MemoRead result = family.endSize != 0
-                                ? readToEnd(file, limit, memo, length)
-                                : readBlock(file, family, offset, reference.length, memo, length);
-    return std::ferror(file) != 0 ? MemoRead::Failed : result;
+    if (unit == 0 || offset > kReachable) return MemoRead::None;
+    return family.endSize != 0 ? readToEnd(file, offset, limit, memo, length)
+                               : readBlock(file, family, offset, reference.length, memo, length);
+}
+
+OpenMemoFile::OpenMemoFile(DbfBase* h) {
+    FileId id{};
+    descriptor_ = openRegular(h->MemoFileName, O_RDWR, &id);
+    if (descriptor_ < 0) descriptor_ = openRegular(h->MemoFileName, O_RDONLY, &id);
+    if (descriptor_ < 0) return;
+    const bool looked = readMemoHead(descriptor_, &head_);
+    if (!looked || (head_.hasLog() && !isPacking(h)) || isTable(h, id)) shut();
+}
+
+void OpenMemoFile::shut() {
+    if (descriptor_ >= 0) close(descriptor_);
+    descriptor_ = -1;
 }
 
 u32 GetBlockSize(DbfBase* h) {
     const MemoFamily* family = memoFamily(h->Header.Version);
     if (family == nullptr) return 0;
     const OpenMemoFile open(h);
-    return open ? blockUnit(h, *family) : 0;
+    return open ? blockUnit(open.head(), *family) : 0;
 }
 
 u32 dBase4_BlockSize(DbfBase* h) { return blockUnit(h, kDBase4Memo); }
@@ -194,15 +228,15 @@ char* Get_FoxPro(DbfBase* h, u32 block) { return getText(h, kFoxProMemo, block);
 char* Get_SMT(DbfBase* /*h*/, u32 /*block*/) { return nullptr; }
 
 char* Get_dBase4Buf(DbfBase* h, u32 block, u32* length) {
-    return getMemo(h, kDBase4Memo, {block, 0}, length);
+    return getBlock(h, kDBase4Memo, {block, 0}, length);
 }
 
 char* Get_FoxProBuf(DbfBase* h, u32 block, u32* length) {
-    return getMemo(h, kFoxProMemo, {block, 0}, length);
+    return getBlock(h, kFoxProMemo, {block, 0}, length);
 }
 
 char* Get_SMTBuf(DbfBase* h, u32 block, u32* length) {
-    return getMemo(h, kSmtMemo, {block, length != nullptr ? *length : 0}, length);
+    return getBlock(h, kSmtMemo, {block, length != nullptr ? *length : 0}, length);
 }
 
 }  // namespace mira

@@ -1,7 +1,7 @@
 // Building a memo file anew: its memos one after the other, and after them, until all records
 // have their new references, a log of what every record is to hold.
 //
-//   24  16  "Pack unfinished" 00
+//   24  16  the sign of a log (dbf/table/packlog.h)
 //   40   4  end: bytes of the finished file, where the log starts
 //   44   4  bytes of the log
 //   48   4  next free block of the finished file
@@ -59,17 +59,14 @@ private:
     u32 headerSize_ = 0;
 };
 
-/// Whether a memo file has a log.
-bool isUnfinished(std::FILE*);
-
 /// The log of an unfinished rebuild.
 struct RebuildLog {
     Owned<u8> bytes;
     u32 size = 0;
     u32 records = 0;
 };
-/// False when it is damaged.
-bool readRebuildLog(std::FILE*, RebuildLog*);
+/// Of a file with such a beginning; false when it is damaged.
+bool readRebuildLog(std::FILE*, const MemoHead&, RebuildLog*);
 /// Makes the file an ordinary memo file, in which the log only takes up room. Done or not done.
 bool releaseRebuild(std::FILE*);
 /// Then cuts the log off, unless something has been appended after it meanwhile.

@@ -20,19 +20,18 @@ struct Place {
 
 /// False when the header is short, or leads to a place where no memo may be: the header itself, or
 /// beyond what a memo file can hold.
-bool findPlace(std::FILE* file, const MemoFamily& family, u64 size, Place* place) {
-    u8 header[kMemoHeaderRead];
-    if (!readExact(file, header, family.headerSize)) return false;
-    const u32 unit = memoUnit(family, header);
+bool findPlace(const MemoHead& head, const MemoFamily& family, u64 size, Place* place) {
+    if (head.size < family.headerSize) return false;
+    const u32 unit = memoUnit(family, head.bytes);
     if (unit == 0) return false;
-    place->block = loadMemo32(family, header);
+    place->block = loadMemo32(family, head.bytes);
     place->offset = u64{unit} * place->block;
     if (place->offset < family.headerSize || place->offset + size > kReachable) return false;
     place->next = place->block + static_cast<u32>((size + unit - 1) / unit);
     return true;
 }
 
-bool writeData(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
+bool writeData(int file, u64 offset, const MemoFamily& family, const char* bytes, u32 length) {
     u8 image[kMemoPrefixSize + kOneWrite + 1];
     const bool together = length <= kOneWrite;
     u32 used = encodeMemoPrefix(family, length, image);
@@ -40,23 +39,35 @@ bool writeData(std::FILE* file, const MemoFamily& family, const char* bytes, u32
         if (length != 0) std::memcpy(image + used, bytes, length);
         used += length;
     } else {
-        if (!writeExact(file, image, used) || !writeExact(file, bytes, length)) return false;
+        if (!writePlaced(file, offset, image, used) ||
+            !writePlaced(file, offset + used, bytes, length)) {
+            return false;
+        }
+        offset += u64{used} + length;
         used = 0;
     }
     if (family.endSize != 0) image[used++] = kMemoEnd;
-    return writeExact(file, image, used);
+    return writePlaced(file, offset, image, used);
 }
 
-bool writeCounter(std::FILE* file, const MemoFamily& family, u32 next) {
+bool writeCounter(int file, const MemoFamily& family, u32 next) {
     u8 counter[sizeof next];
     storeMemo32(family, counter, next);
-    return seekTo(file, 0) && writeExact(file, counter, sizeof counter);
+    return writePlaced(file, 0, counter, sizeof counter);
 }
 
 /// Length of a text; 0, which stores nothing, for one that no memo file can hold.
 u32 textLength(const char* text) {
     const std::size_t length = text != nullptr ? std::strlen(text) : 0;
     return length <= kReachable ? static_cast<u32>(length) : 0;
+}
+
+/// For a caller who has opened MemoFile himself.
+u32 appendBlock(DbfBase* h, const MemoFamily& family, const char* bytes, u32 length) {
+    MemoHead head;
+    return readMemoHead(h->MemoFile, &head)
+               ? appendMemo(fileno(h->MemoFile), head, family, bytes, length)
+               : 0;
 }
 
 }  // namespace
@@ -68,12 +79,14 @@ u32 encodeMemoPrefix(const MemoFamily& family, u32 length, u8* to) {
     return family.prefixSize;
 }
 
-u32 appendMemo(std::FILE* file, const MemoFamily& family, const char* bytes, u32 length) {
+u32 appendMemo(int file, const MemoHead& head, const MemoFamily& family, const char* bytes,
+               u32 length) {
     if (bytes == nullptr && length != 0) return 0;
     const u64 size = u64{family.prefixSize} + length + family.endSize;
     Place place;
-    if (!findPlace(file, family, size, &place) || !seekTo(file, place.offset) ||
-        !writeData(file, family, bytes, length) || !writeCounter(file, family, place.next)) {
+    if (!findPlace(head, family, size, &place) ||
+        !writeData(file, place.offset, family, bytes, length) ||
+        !writeCounter(file, family, place.next)) {
         return 0;
     }
     return place.block;
@@ -85,7 +98,7 @@ int SetMemoBuf(DbfBase* h, u32 field, const char* bytes, u32 length) {
     if (family == nullptr || bytes == nullptr || length == 0) return 0;
     if (if_memo_type(h, number) == 0 || !hasRoomForReference(h, number)) return 0;
     const OpenMemoFile open(h);
-    const u32 block = open ? appendMemo(h->MemoFile, *family, bytes, length) : 0;
+    const u32 block = open ? appendMemo(open.descriptor(), open.head(), *family, bytes, length) : 0;
     if (block == 0) return 0;
     setMemoReference(h, number, {block, length});
     return 1;
@@ -96,19 +109,19 @@ int SetMemo(DbfBase* h, u32 field, const char* text) {
 }
 
 u32 Set_dBase3Buf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kDBase3Memo, bytes, length);
+    return appendBlock(h, kDBase3Memo, bytes, length);
 }
 
 u32 Set_dBase4Buf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kDBase4Memo, bytes, length);
+    return appendBlock(h, kDBase4Memo, bytes, length);
 }
 
 u32 Set_FoxProBuf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kFoxProMemo, bytes, length);
+    return appendBlock(h, kFoxProMemo, bytes, length);
 }
 
 u32 Set_SMTBuf(DbfBase* h, const char* bytes, u32 length) {
-    return appendMemo(h->MemoFile, kSmtMemo, bytes, length);
+    return appendBlock(h, kSmtMemo, bytes, length);
 }
 
 u32 Set_dBase3(DbfBase* h, const char* text) { return Set_dBase3Buf(h, text, textLength(text)); }

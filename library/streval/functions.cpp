@@ -149,6 +149,14 @@ const StringFunction* functionAt(const char* text) {
     return nullptr;
 }
 
+bool isStringFunction(const char* name) {
+    return std::any_of(
+        std::begin(kStringFunctions), std::end(kStringFunctions), [name](const StringFunction& f) {
+            const std::size_t length = f.length - 1;  // without the parenthesis
+            return compareIgnoringCase(name, f.opener, length) == 0 && name[length] == 0;
+        });
+}
+
 char* Trim(char* argument, DbfBase* h) { return onWhole(argument, h, trimBoth); }
 char* LTrim(char* argument, DbfBase* h) { return onWhole(argument, h, trimLeft); }
 char* RTrim(char* argument, DbfBase* h) { return onWhole(argument, h, trimRight); }

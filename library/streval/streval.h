@@ -1,4 +1,5 @@
-// The string functions as they work on a piece of a larger text. Shared by the streval files only.
+// The string functions as they work on a piece of a larger text. Shared by the streval files, but
+// for the question whether a name is one of theirs.
 #pragma once
 
 #include <cstddef>
@@ -28,5 +29,7 @@ struct StringFunction {
 
 /// The function whose opener, in any letter case, stands at text; null when there is none.
 const StringFunction* functionAt(const char* text);
+/// Whether a name, in any letter case, is that of a string function.
+bool isStringFunction(const char* name);
 
 }  // namespace mira

@@ -213,8 +213,8 @@ class Table:
 
     @property
     def facts(self) -> List[Dict[str, Any]]:
-        """What ``mira info --json`` tells, a dict for every table; deleted records are not
-        counted."""
+        """What ``mira info --json`` tells, a dict for every table; deleted records and
+        the entries of indexes are not counted."""
         if self._facts is None:
             code_page = self._options["code_page"]
             self._facts = [_native.facts(path, code_page) for path in self._paths]

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
@@ -62,7 +63,22 @@ void advanceCounters(Table& table) {
 
 void newRecord(Table& table) { ClearRecord(table.base.get()); }
 
+void cutStray(Table& table) {
+    if (table.strayBytes == 0) return;
+    // The library cuts only what it counts: else another program has lengthened the file.
+    DbfBase* const base = table.base.get();
+    const u32 records = std::exchange(base->Header.RecordCount, table.heldRecords);
+    const bool cut = Truncate(base, records) != 0;
+    base->Header.RecordCount = records;
+    if (!cut) {
+        refuse(table.path, ": the bytes behind its records, which are none, cannot be cut off");
+    }
+    table.strayBytes = 0;
+    table.heldRecords = records;
+}
+
 void appendRecord(Table& table) {
+    cutStray(table);
     DbfBase* const base = table.base.get();
     const u32 record = base->Header.RecordCount;
     if (InternalWriteRecord(base, record) == 0) {

@@ -21,6 +21,9 @@ void advanceCounters(Table& table);
 
 /// Clears RecordBuffer for a new record; every column then needs a putValue.
 void newRecord(Table& table);
+/// Cuts off what stands behind the last record and is none; the header then counts the records.
+/// Whatever appends, takes out or moves records comes after it. Throws a Refusal.
+void cutStray(Table& table);
 /// Writes RecordBuffer after the last record; the header in the file still counts the old ones.
 /// Throws a Refusal.
 void appendRecord(Table& table);

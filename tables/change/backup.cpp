@@ -80,8 +80,7 @@ void makeBackups(const Table& table) {
     const fs::path copy = fs::path(table.path).replace_extension(".bak");
     std::error_code ignored;
     // Copies made before a pack that was interrupted are better than what it has left.
-    const bool halfPacked = isHalfPacked(File(Open_FileRO(memos.c_str())).get());
-    if (halfPacked && fs::exists(copy, ignored)) return;
+    if (IsPackUnfinished(table.base.get()) != 0 && fs::exists(copy, ignored)) return;
     copyTo(table.path, copy);
     if (!memos.empty()) copyTo(memos, fs::path(memos).replace_extension(".tbk"));
 }

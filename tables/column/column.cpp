@@ -8,6 +8,34 @@ bool isCounting(const Column& column) {
     return column.type == '+' || (column.kind == Kind::Integer && (column.flags & kCounting) != 0);
 }
 
+Kind heldKind(const Column& column) {
+    if (column.kind != Kind::Text) return column.kind;
+    switch (column.type) {
+        case 'N':
+        case 'F':
+            return Kind::Decimal;
+        case 'D':
+            return Kind::Date;
+        case 'T':
+        case '@':
+            return Kind::Moment;
+        default:
+            return Kind::Text;
+    }
+}
+
+bool isOfNumbers(const Column& column) {
+    switch (heldKind(column)) {
+        case Kind::Decimal:
+        case Kind::Integer:
+        case Kind::Double:
+        case Kind::Currency:
+            return true;
+        default:
+            return false;
+    }
+}
+
 const Column* findColumn(const Table& table, std::string_view name) {
     const std::string wanted = foldCase(trimmed(name));
     for (const Column& column : table.columns) {

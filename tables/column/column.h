@@ -65,6 +65,7 @@ struct Column {
     u8 flags = 0;                // descriptor byte 18 in Visual FoxPro, else 0; kSystem and others
     bool untranslated = false;   // C, V or M whose bytes are in no code page
     bool numeric = false;        // a calculated field that is arithmetic
+    bool exactText = false;      // numbers go into a database as text; see TableOptions::exact
     bool foreignMoment = false;  // "@" as other makers of level-7 tables store it: a double
     i32 lengthBit = kNoBit;      // bits in the null flags
     i32 nullBit = kNoBit;
@@ -83,6 +84,7 @@ struct TableOptions {
     std::vector<std::string> asText{};  // names of binary fields that hold text after all
     bool longNames = false;             // names from the database container
     bool raw = false;                   // texts and numbers as stored
+    bool exact = false;  // what may have more digits than a double goes into a database as text
     bool writable = false;
 };
 
@@ -99,6 +101,8 @@ struct TableFacts {
     u32 storedCount = 0;   // records by the header, before repairs
     u32 storedLength = 0;  // record length by the header, likewise
     u64 fileSize = 0;
+    u32 heldRecords = 0;  // that the file has room for; the handle counts those that are some
+    u64 strayBytes = 0;   // from the first that is none to the end of the file; 0: all are some
     std::vector<Column> columns;  // those that are shown, in field order, calculated ones last
     std::vector<Column> system;   // the others: system fields and those of type 0
     u32 nullOffset = 0, nullLength = 0;  // the null flags in the record; length 0: none
@@ -112,6 +116,11 @@ struct Table : TableFacts {
 
 /// Whether the column counts by itself.
 bool isCounting(const Column& column);
+
+/// What a column holds, also where it is shown as stored.
+Kind heldKind(const Column& column);
+/// Whether that is numbers.
+bool isOfNumbers(const Column& column);
 
 /// The column of a name in any letter case, or of a number (fields from 1) where no name fits.
 const Column* findColumn(const Table& table, std::string_view name);

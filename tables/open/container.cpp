@@ -47,7 +47,7 @@ void eachObject(Table& container, Take take) {
 
 }  // namespace
 
-std::string backLinkOf(const Table& table) {
+std::string backLinkOf(const Table& table, Listing* listing) {
     const DbfBase& base = *table.base;
     const u32 start = base.HeaderSize + base.DescriptorSize * base.FieldCount + 1;
     if (!table.visual || start >= base.Header.HeaderLength) return {};
@@ -59,18 +59,18 @@ std::string backLinkOf(const Table& table) {
     std::replace(link.begin(), link.end(), '\\', '/');
     const fs::path folder = fs::path(table.path).parent_path();
     const std::string path = (folder / link).lexically_normal().string();
-    std::string found = inAnyCase(path);
+    std::string found = inAnyCase(path, listing);
     if (!found.empty()) return found;
     // A folder that was moved keeps its container beside the tables, as a rule.
-    const std::string near = inAnyCase((folder / fs::path(link).filename()).string());
+    const std::string near = inAnyCase((folder / fs::path(link).filename()).string(), listing);
     return near.empty() ? path : near;
 }
 
-std::vector<std::string> longNamesOf(const Table& table) {
+std::vector<std::string> longNamesOf(const Table& table, Listing* listing) {
     if (table.container.empty()) {
         refuse(table.path, ": belongs to no database container, so it has no long names");
     }
-    const std::unique_ptr<Table> container = openTable(table.container, {});
+    const std::unique_ptr<Table> container = openTable(table.container, {}, listing);
     i64 id = 0;
     const std::string name = stemOf(table.path);
     eachObject(*container, [&](const Object& object) {

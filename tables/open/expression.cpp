@@ -5,6 +5,7 @@
 
 #include "tables/column/column.h"
 #include "tables/open/open.h"
+#include "tables/open/words.h"
 #include "tables/page/refusal.h"
 
 namespace mira::tables {
@@ -17,39 +18,9 @@ constexpr std::array<std::string_view, 30> kFunctions = {
     "space", "replicate", "abs",   "sqr",    "sqrt", "exp",   "log",   "log10", "pow10", "round",
     "trunc", "sin",       "cos",   "tan",    "asin", "acos",  "atan",  "sinh",  "cosh",  "tanh"};
 
-/// Calls word(text, what follows) for every word outside quotes and other(c) for all else.
-template <typename Word, typename Other>
-void eachWord(std::string_view text, Word word, Other other) {
-    char quote = 0;
-    for (std::size_t i = 0; i < text.size();) {
-        const char c = text[i];
-        if (quote == 0 && isWordByte(c)) {
-            const auto end = std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(i),
-                                              text.end(), isWordByte);
-            const auto stop = static_cast<std::size_t>(end - text.begin());
-            word(text.substr(i, stop - i), text.substr(stop));
-            i = stop;
-            continue;
-        }
-        if (quote == c) {
-            quote = 0;
-        } else if (quote == 0 && (c == '"' || c == '\'')) {
-            quote = c;
-        }
-        other(c);
-        ++i;
-    }
-}
-
 auto signCount(std::string_view text) {
     return std::count_if(text.begin(), text.end(),
                          [](char c) { return kSigns.find(c) != std::string_view::npos; });
-}
-
-/// A column whose name is the word, no number.
-const Column* columnOfWord(const Table& table, std::string_view word) {
-    const Column* const column = findColumn(table, word);
-    return column != nullptr && sameText(column->name, word) ? column : nullptr;
 }
 
 /// Appends UTF-8 in the table's page. A sign of the language inside a character of several bytes
@@ -67,9 +38,37 @@ void putInPage(const Table& table, std::string_view utf8, std::string& out) {
     }
 }
 
-bool startsCall(std::string_view word, std::string_view rest) {
-    return !rest.empty() && rest.front() == '(' &&
-           std::find(kFunctions.begin(), kFunctions.end(), foldCase(word)) != kFunctions.end();
+/// Whether the library would take a word, or its beginning, for a field.
+bool isTakenForField(const Table& table, std::string_view word) {
+    constexpr std::size_t kNameInExpression = 10;
+    const std::string name(word.substr(0, kNameInExpression));
+    return GetFieldNum(table.base.get(), name.c_str()) < table.base->FieldCount;
+}
+
+/// An expression with whole numbers from one on in place of its columns. False for a column that
+/// may not be there.
+bool putSamples(const Table& table, std::string_view expression, bool anyColumn, unsigned first,
+                std::string& out) {
+    std::vector<const Column*> met;
+    bool allowed = true;
+    eachWord(
+        expression,
+        [&](std::string_view word, std::string_view) {
+            const Column* const column = columnOfWord(table, word);
+            if (column == nullptr) {
+                out += word;
+                return;
+            }
+            allowed = allowed && (anyColumn || isOfNumbers(*column));
+            const auto place = std::find(met.begin(), met.end(), column) - met.begin();
+            if (static_cast<std::size_t>(place) == met.size()) met.push_back(column);
+            out += std::to_string(first + static_cast<unsigned>(place));
+        },
+        [&](char c) {
+            const bool quote = c == '"' || c == '\'';
+            if (!quote && !(c == ' ' && out.ends_with(' '))) out += c;
+        });
+    return allowed;
 }
 
 void refuseUnknownWords(const Table& table, std::string_view name, std::string_view expression) {
@@ -95,6 +94,28 @@ void refuseUnknownWords(const Table& table, std::string_view name, std::string_v
 
 }  // namespace
 
+const Column* columnOfWord(const Table& table, std::string_view word) {
+    const Column* const column = findColumn(table, word);
+    return column != nullptr && sameText(column->name, word) ? column : nullptr;
+}
+
+bool startsCall(std::string_view word, std::string_view rest) {
+    return !rest.empty() && rest.front() == '(' &&
+           std::find(kFunctions.begin(), kFunctions.end(), foldCase(word)) != kFunctions.end();
+}
+
+bool isComputable(const Table& table, std::string_view expression, bool anyColumn) {
+    // What divides by zero with one set of numbers hardly does so with the other.
+    for (const unsigned first : {2U, 31U}) {
+        std::string sample;
+        if (!putSamples(table, expression, anyColumn, first, sample)) return false;
+        int status = 1;
+        Evaluate(sample.data(), &status);
+        if (status != 0) return true;
+    }
+    return false;
+}
+
 std::string forLibrary(const Table& table, std::string_view expression) {
     std::string out;
     eachWord(
@@ -102,8 +123,13 @@ std::string forLibrary(const Table& table, std::string_view expression) {
         [&](std::string_view word, std::string_view) {
             if (const Column* column = columnOfWord(table, word)) {
                 out += libraryName(table, *column);
-            } else {
-                putInPage(table, word, out);
+                return;
+            }
+            const std::size_t start = out.size();
+            putInPage(table, word, out);
+            if (isTakenForField(table, std::string_view(out).substr(start))) {
+                out.insert(start, 1, '"');
+                out += '"';
             }
         },
         [&](char c) { out += c; });
@@ -131,6 +157,9 @@ void addCalculated(Table& table, std::string_view name, std::string_view express
     const auto expansion = std::make_unique<char[]>(kExpansionSize);
     makecalcstring(base, text.c_str(), expansion.get(), &numeric);
     column.numeric = numeric != 0;
+    if (column.numeric && !isComputable(table, expression, true)) {
+        refuse(table.path, ": --calc ", name, ": \"", expression, "\" cannot be computed");
+    }
     table.columns.push_back(column);
 }
 

@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <memory>
 
@@ -15,31 +16,46 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kExtension = ".dbf";
 
-/// Files of path's folder whose names are path's name with letter case aside.
-std::vector<std::string> sameNames(const fs::path& path) {
-    std::vector<std::string> found;
-    const fs::path folder = path.parent_path();
-    const std::string wanted = foldCase(path.filename().string());
-    for (const std::string& name : namesIn(folder.empty() ? "." : folder.string())) {
-        if (foldCase(name) != wanted) continue;
-        std::error_code ignored;
-        if (!fs::is_directory(folder / name, ignored)) found.push_back((folder / name).string());
-    }
-    std::sort(found.begin(), found.end());
-    return found;
-}
-
 bool isTable(const fs::directory_entry& entry) {
     std::error_code ignored;
     return foldCase(entry.path().extension().string()) == kExtension &&
            !entry.is_directory(ignored);
 }
 
-template <typename Iterator>
-void collect(Iterator entries, std::error_code& error, std::vector<std::string>& found) {
-    for (; !error && entries != Iterator(); entries.increment(error)) {
+void collectBelow(const std::string& folder, std::error_code& error,
+                  std::vector<std::string>& found) {
+    constexpr auto kOptions = fs::directory_options::skip_permission_denied;
+    fs::recursive_directory_iterator entries(folder, kOptions, error);
+    for (; !error && entries != fs::recursive_directory_iterator(); entries.increment(error)) {
         if (isTable(*entries)) found.push_back(entries->path().string());
     }
+}
+
+void collect(const std::string& path, const Listing::Folder& folder,
+             std::vector<std::string>& found) {
+    for (const auto& [folded, names] : folder.names) {
+        if (!folded.ends_with(kExtension)) continue;
+        for (const std::string& name : names) {
+            std::error_code error;
+            const fs::directory_entry entry(fs::path(path) / name, error);
+            if (isTable(entry)) found.push_back(entry.path().string());
+        }
+    }
+}
+
+// Not by directory_iterator, which ends the program where there is no memory.
+void readNames(const std::string& path, Listing::Folder& folder) {
+    struct Closer {
+        void operator()(DIR* open) const { closedir(open); }
+    };
+    errno = 0;
+    const std::unique_ptr<DIR, Closer> entries(opendir(path.c_str()));
+    const dirent* entry = nullptr;
+    while (entries && (errno = 0, entry = readdir(entries.get())) != nullptr) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") folder.names[foldCase(name)].emplace_back(name);
+    }
+    folder.error.assign(errno, std::generic_category());
 }
 
 /// The path of a file that is there, unless it can be no table.
@@ -58,12 +74,40 @@ std::string checked(const std::string& path) {
 
 }  // namespace
 
+const Listing::Folder& Listing::folder(const fs::path& path) {
+    const std::lock_guard lock(mutex_);
+    const fs::path plain = (path / ".").parent_path();  // without a slash at its end
+    const auto [at, isNew] = folders_.try_emplace(plain.string());
+    Folder& folder = at->second;
+    if (!isNew) return folder;
+    readNames(plain.empty() ? "." : plain.string(), folder);
+    for (auto& [folded, names] : folder.names) std::sort(names.begin(), names.end());
+    return folder;
+}
+
+std::vector<std::string> Listing::sameNames(const fs::path& path) {
+    const fs::path parent = path.parent_path();
+    const Folder& all = folder(parent);
+    const auto same = all.names.find(foldCase(path.filename().string()));
+    std::vector<std::string> found;
+    std::error_code ignored;
+    if (all.error && fs::is_regular_file(path, ignored)) return {path.string()};
+    if (same == all.names.end()) return found;
+    for (const std::string& name : same->second) {
+        if (fs::is_directory(parent / name, ignored)) continue;
+        const bool exact = path.filename() == name;
+        found.insert(exact ? found.begin() : found.end(), (parent / name).string());
+    }
+    return found;
+}
+
 std::string findTable(const std::string& name) {
     std::error_code error;
     if (name == "-" || fs::exists(name, error)) return checked(name);
+    Listing listing;
     for (const std::string& wanted : {name, name + std::string(kExtension)}) {
         if (fs::exists(wanted, error)) return checked(wanted);
-        const std::vector<std::string> found = sameNames(wanted);
+        const std::vector<std::string> found = listing.sameNames(wanted);
         if (found.size() == 1) return checked(found.front());
         if (!found.empty()) refuse(name, ": which one? There are ", joined(found));
     }
@@ -71,46 +115,62 @@ std::string findTable(const std::string& name) {
     refuse(name, ": no such table");
 }
 
-std::vector<std::string> tablesIn(const std::string& folder, bool recursive) {
+std::vector<std::string> tablesIn(const std::string& folder, bool recursive, Listing* listing) {
+    Listing own;
     std::vector<std::string> found;
     std::error_code error;
-    constexpr auto kOptions = fs::directory_options::skip_permission_denied;
     if (recursive) {
-        collect(fs::recursive_directory_iterator(folder, kOptions, error), error, found);
+        collectBelow(folder, error, found);
     } else {
-        collect(fs::directory_iterator(folder, error), error, found);
+        const Listing::Folder& all = (listing != nullptr ? *listing : own).folder(folder);
+        collect(folder, all, found);
+        error = all.error;
     }
     if (error) refuse(folder, ": cannot be read: ", error.message());
     std::sort(found.begin(), found.end());
     return found;
 }
 
-std::vector<std::string> findTables(const std::vector<std::string>& names, bool recursive) {
-    std::vector<std::string> tables;
+std::vector<FoundTable> findWithFolders(const std::vector<std::string>& names, bool recursive,
+                                        Listing* listing) {
+    std::vector<FoundTable> tables;
     for (const std::string& name : names) {
         std::error_code ignored;
         if (!fs::is_directory(name, ignored)) {
-            tables.push_back(name);
+            tables.push_back({name, {}});
             continue;
         }
-        const std::vector<std::string> found = tablesIn(name, recursive);
+        const std::vector<std::string> found = tablesIn(name, recursive, listing);
         if (found.empty()) {
             refuse(name, ": no tables (*.dbf) in this folder",
                    recursive ? "" : "; -R looks into the folders below, too");
         }
-        tables.insert(tables.end(), found.begin(), found.end());
+        for (const std::string& path : found) {
+            const fs::path below = fs::path(path).lexically_relative(name).parent_path();
+            tables.push_back({path, below.string()});
+        }
     }
     return tables;
 }
 
-std::string beside(const std::string& path, std::string_view extension) {
-    return inAnyCase(fs::path(path).replace_extension(extension).string());
+std::vector<std::string> findTables(const std::vector<std::string>& names, bool recursive,
+                                    Listing* listing) {
+    std::vector<std::string> paths;
+    for (FoundTable& found : findWithFolders(names, recursive, listing)) {
+        paths.push_back(std::move(found.path));
+    }
+    return paths;
 }
 
-std::vector<std::string> indexFilesBeside(const std::string& path) {
+std::string beside(const std::string& path, std::string_view extension, Listing* listing) {
+    return inAnyCase(fs::path(path).replace_extension(extension).string(), listing);
+}
+
+std::vector<std::string> indexFilesBeside(const std::string& path, Listing* listing) {
+    Listing own;
     std::vector<std::string> found;
     for (const char* extension : {".cdx", ".idx", ".mdx", ".ndx", ".ntx", ".cdb"}) {
-        std::string file = beside(path, extension);
+        std::string file = beside(path, extension, listing != nullptr ? listing : &own);
         if (!file.empty()) found.push_back(std::move(file));
     }
     return found;
@@ -118,26 +178,14 @@ std::vector<std::string> indexFilesBeside(const std::string& path) {
 
 std::string stemOf(const std::string& path) { return fs::path(path).stem().string(); }
 
-// Not by directory_iterator, which ends the program where there is no memory.
-std::vector<std::string> namesIn(const std::string& folder) {
-    std::vector<std::string> names;
-    struct Closer {
-        void operator()(DIR* open) const { closedir(open); }
-    };
-    const std::unique_ptr<DIR, Closer> entries(opendir(folder.c_str()));
-    if (!entries) return names;
-    while (const dirent* const entry = readdir(entries.get())) {
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != "..") names.emplace_back(name);
-    }
-    return names;
-}
-
-std::string inAnyCase(const std::string& path) {
+std::string inAnyCase(const std::string& path, Listing* listing) {
+    Listing own;
+    if (listing == nullptr) listing = &own;
     std::error_code ignored;
-    if (fs::is_regular_file(path, ignored)) return path;
-    const std::vector<std::string> found = sameNames(path);
-    return found.size() == 1 ? found.front() : std::string();
+    const std::vector<std::string> found = listing->sameNames(path);
+    return found.size() == 1 || (!found.empty() && fs::is_regular_file(path, ignored))
+               ? found.front()
+               : std::string();
 }
 
 }  // namespace mira::tables

@@ -8,10 +8,13 @@
 // In tables other than Visual FoxPro's the descriptor bytes are junk.
 #include "tables/open/open.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <set>
 
 #include "tables/open/container.h"
@@ -19,6 +22,7 @@
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
+#include "tables/value/storage.h"
 
 namespace mira::tables {
 namespace {
@@ -31,6 +35,7 @@ constexpr u32 kStepPlace = 23;
 constexpr u32 kDescriptor = 32;
 constexpr u32 kLibraryName = 10;  // characters that a name has in an expression
 constexpr char kTerminator = 0x0D;
+constexpr u64 kReachable = 0x7FFFFFFF;  // of a table file
 
 constexpr std::string_view kVisualFoxPro = "Visual FoxPro";
 struct Version {
@@ -61,8 +66,28 @@ std::string whyNotOpened(const std::string& path) {
     return "no table, or its header is damaged beyond repair";
 }
 
-Base openBase(const std::string& path, bool writable) {
-    Base base(writable ? OpenBase(path.c_str()) : OpenBaseRO(path.c_str()));
+/// For the library: names in other letter case by a Listing.
+u32 findName(const char* path, char* name, void* listing) {
+    u32 count = 0;
+    try {
+        const std::string wanted = fs::path(path).filename().string();
+        for (const std::string& found : static_cast<Listing*>(listing)->sameNames(path)) {
+            const std::string other = fs::path(found).filename().string();
+            if (upperAscii(other) != upperAscii(wanted)) continue;
+            other.copy(name, wanted.size());
+            ++count;
+        }
+    } catch (const std::exception&) {
+        return 0;  // as when the folder cannot be read
+    }
+    return std::min<u32>(count, 2);
+}
+
+Base openBase(const std::string& path, bool writable, Listing* listing) {
+    errno = 0;
+    Base base(OpenBaseListed(path.c_str(), writable ? 0 : 1,
+                             listing != nullptr ? findName : nullptr, listing));
+    if (!base && errno == ENOMEM) throw std::bad_alloc();
     if (!base) refuse(path, ": ", whyNotOpened(path));
     return base;
 }
@@ -90,6 +115,43 @@ void readStoredHeader(Table& table) {
     table.tableFlags = header[28];
     std::error_code ignored;
     table.fileSize = fs::file_size(table.path, ignored);
+}
+
+/// The first record from one on whose first byte no record has; end when there is none.
+u32 firstStray(const DbfBase& base, u32 first, u32 end) {
+    constexpr u32 kChunk = 1 << 16;
+    const u32 length = base.Header.RecordLength;
+    const u32 most = std::max<u32>(kChunk / length, 1);
+    std::string chunk(std::size_t{most} * length, '\0');
+    for (u32 at = first; at < end; at += most) {
+        const u64 place = Calc64(length, at, base.Header.HeaderLength);
+        const u32 count = std::min(most, end - at);
+        if (place > kReachable || readFileAt(base.TableFile, static_cast<u32>(place), chunk.data(),
+                                             count * length) != count * length) {
+            return end;
+        }
+        for (u32 i = 0; i < count; ++i) {
+            const char mark = chunk[std::size_t{i} * length];
+            if (mark != ' ' && mark != '*') return at + i;
+        }
+    }
+    return end;
+}
+
+/// Behind the records that the header counts there may be others, but where the first byte of one
+/// is neither blank nor "*" none follow. While a pack is unfinished, its log goes by all of them.
+void leaveOutStray(Table& table) {
+    DbfBase& base = *table.base;
+    const u32 held = base.Header.RecordCount;
+    table.heldRecords = held;
+    table.strayBytes = 0;
+    if (table.storedCount >= held || base.Header.RecordLength == 0) return;
+    const u32 first = firstStray(base, table.storedCount, held);
+    if (first == held) return;
+    if (base.FirstMemoField != -1 && IsPackUnfinished(&base) == 1) return;
+    base.Header.RecordCount = first;
+    const u64 end = Calc64(base.Header.RecordLength, first, base.Header.HeaderLength);
+    table.strayBytes = SetFilePointer(base.TableFile, 0, nullptr, SEEK_END) - end;
 }
 
 Kind kindOf(const Column& column) {
@@ -156,6 +218,7 @@ Column columnOf(const Table& table, int field) {
     column.kind = kindOf(column);
     if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
     makePictureMemo(base, column);
+    column.exactText = table.options.exact && mayBeRounded(column);
     return column;
 }
 
@@ -189,8 +252,8 @@ void makeUnique(std::vector<Column>& columns) {
     }
 }
 
-void takeLongNames(Table& table) {
-    const std::vector<std::string> names = longNamesOf(table);
+void takeLongNames(Table& table, Listing* listing) {
+    const std::vector<std::string> names = longNamesOf(table, listing);
     for (std::size_t i = 0; i < std::min(names.size(), table.columns.size()); ++i) {
         if (!names[i].empty()) table.columns[i].name = names[i];
     }
@@ -236,7 +299,8 @@ void noteUnknownTypes(Table& table) {
 
 bool sameStructure(const DbfBase& a, const DbfBase& b) {
     const auto same = [](const DbfField& x, const DbfField& y) {
-        return x.Offset == y.Offset && x.Length == y.Length && x.Decimals == y.Decimals;
+        return x.Type == y.Type && x.Offset == y.Offset && x.Length == y.Length &&
+               x.Decimals == y.Decimals;
     };
     return a.FieldCount == b.FieldCount && a.Header.RecordLength == b.Header.RecordLength &&
            std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
@@ -254,15 +318,19 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
 
 }  // namespace
 
-std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options) {
+std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options,
+                                 Listing* listing) {
+    Listing own;
+    if (listing == nullptr) listing = &own;
     auto table = std::make_unique<Table>();
     table->path = findTable(name);
     table->options = options;
-    table->base = openBase(table->path, options.writable);
+    table->base = openBase(table->path, options.writable, listing);
     DbfBase* const base = table->base.get();
     readStoredHeader(*table);
     readVersion(*table);
-    table->page = choosePage(base, options.codePage);
+    leaveOutStray(*table);
+    table->page = choosePage(base, options.codePage, listing);
     if (!table->page.page) refusePage(*table);
     table->notes = table->page.notes;
     std::vector<Column> all;
@@ -272,8 +340,8 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     for (Column& column : all) {
         (isHidden(column) ? table->system : table->columns).push_back(std::move(column));
     }
-    table->container = backLinkOf(*table);
-    if (options.longNames) takeLongNames(*table);
+    table->container = backLinkOf(*table, listing);
+    if (options.longNames) takeLongNames(*table, listing);
     makeUnique(table->columns);
     nameForLibrary(*table);
     readNamedAsText(*table);
@@ -283,10 +351,10 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     return table;
 }
 
-std::unique_ptr<Table> openAgain(const Table& table) {
+std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     auto again = std::make_unique<Table>();
     static_cast<TableFacts&>(*again) = table;
-    again->base = openBase(table.path, false);
+    again->base = openBase(table.path, writable, nullptr);
     DbfBase* const base = again->base.get();
     if (!sameStructure(*table.base, *base)) {
         refuse(table.path, ": its fields have changed since it was opened");
@@ -295,6 +363,7 @@ std::unique_ptr<Table> openAgain(const Table& table) {
     std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
     base->FirstMemoField = table.base->FirstMemoField;
     GetMemoType(base);
+    leaveOutStray(*again);
     return again;
 }
 
@@ -311,11 +380,33 @@ void readAsBytes(Column& column) {
     column.kind = memo ? Kind::Blob : variable ? Kind::Varbinary : Kind::Bytes;
 }
 
+bool isReplaced(const Table& table) {
+    struct stat open {};
+    struct stat named {};
+    return fstat(fileno(table.base->TableFile), &open) != 0 ||
+           stat(table.path.c_str(), &named) != 0 || open.st_dev != named.st_dev ||
+           open.st_ino != named.st_ino;
+}
+
+void refreshTable(Table& table) {
+    RefreshDatabase(table.base.get());
+    readStoredHeader(table);
+    leaveOutStray(table);
+}
+
 std::string countRepair(const Table& table) {
     const DbfBase& base = *table.base;
-    if ((base.Status & kCountRepaired) == 0) return "";
+    if ((base.Status & kCountRepaired) == 0 || table.storedCount == base.Header.RecordCount) {
+        return "";
+    }
     return textOf("the header counts ", counted(table.storedCount, "record"), ", the file holds ",
                   base.Header.RecordCount);
+}
+
+std::string strayRepair(const Table& table) {
+    if (table.strayBytes == 0) return "";
+    return textOf("the last ", counted(table.strayBytes, "byte"),
+                  " of the file are no records and are left out");
 }
 
 std::vector<std::string> repairsOf(const Table& table) {
@@ -330,6 +421,8 @@ std::vector<std::string> repairsOf(const Table& table) {
     }
     const std::string count = countRepair(table);
     if (!count.empty()) repairs.push_back(count);
+    const std::string stray = strayRepair(table);
+    if (!stray.empty()) repairs.push_back(stray);
     if (table.storedLength != base.Header.RecordLength) {
         repairs.push_back(textOf("the header gives records of ", table.storedLength,
                                  " bytes, the fields add up to ", base.Header.RecordLength));

@@ -45,23 +45,16 @@ bool isVisualFoxPro(const DbfBase* h) {
 // ---------------------------------------------------------------------------------------------
 
 /// The .cpg file beside a table: "stock.cpg", else the first of those that differ in letter case.
-std::optional<fs::path> cpgFile(const fs::path& table) {
-    std::error_code error;
-    fs::path exact = table;
-    exact.replace_extension(".cpg");
-    if (fs::exists(exact, error)) return exact;
-    const fs::path folder = table.has_parent_path() ? table.parent_path() : fs::path(".");
-    std::optional<fs::path> found;
-    for (const std::string& name : namesIn(folder.string())) {
-        const fs::path path = folder / name;
-        const bool fits = sameText(name, exact.filename().string());
-        if (fits && (!found || path < *found)) found = path;
-    }
-    return found;
+std::optional<std::string> cpgFile(const fs::path& table, Listing* listing) {
+    const std::string exact = fs::path(table).replace_extension(".cpg").string();
+    Listing own;
+    const std::vector<std::string> found = (listing != nullptr ? listing : &own)->sameNames(exact);
+    if (found.empty()) return std::nullopt;
+    return found.front();
 }
 
 /// The one line of a .cpg file; empty when there is none, or a longer one.
-std::string cpgLine(const fs::path& path) {
+std::string cpgLine(const std::string& path) {
     const File file(Open_FileRO(path.c_str()));
     if (!file) return "";
     char bytes[kCpgRead];
@@ -80,21 +73,6 @@ std::string cpgLine(const fs::path& path) {
 
 std::string notKnown(const char* what, std::string_view name) {
     return textOf(what, " \"", name, "\" is not known");
-}
-
-bool takeCpg(const DbfBase* h, PageChoice* choice) {
-    const std::optional<fs::path> path = cpgFile(h->FileName);
-    if (!path) return false;
-    const std::string line = cpgLine(*path);
-    choice->page = openPage(line);
-    if (choice->page) {
-        choice->from = ".cpg";
-        return true;
-    }
-    choice->notes.push_back(
-        textOf(path->string(), ": ",
-               line.empty() ? "no code page in one line" : notKnown("code page", line)));
-    return false;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -192,24 +170,101 @@ Sample takeSample(DbfBase* h) {
     return sample;
 }
 
-/// The page that texts look like; null when that cannot be told. Only these answers of the
-/// detector are worth anything; two are opened as the larger page that tables use.
-const char* guessPage(const Sample& sample) {
+/// What the detector takes texts for; null when that cannot be told. Only these answers are worth
+/// anything; two are opened as the larger page that tables use.
+const char* detectPage(std::string_view texts) {
     static constexpr const char* kAccepted[][2] = {
         {"IBM855", "CP855"},    {"IBM866", "CP866"}, {"WINDOWS-1251", "CP1251"},
         {"KOI8-R", "KOI8-R"},   {"IBM852", "CP852"}, {"SHIFT_JIS", "CP932"},
         {"GB18030", "GB18030"}, {"BIG5", "CP950"},   {"EUC-KR", "CP949"},
         {"UHC", "CP949"}};
-    if (sample.highBytes < kGuessFrom) return nullptr;
     const std::unique_ptr<uchardet, decltype(&uchardet_delete)> detector(uchardet_new(),
                                                                          uchardet_delete);
-    uchardet_handle_data(detector.get(), sample.texts.data(), sample.texts.size());
+    uchardet_handle_data(detector.get(), texts.data(), texts.size());
     uchardet_data_end(detector.get());
     const std::string answer = upperAscii(uchardet_get_charset(detector.get()));
     for (const auto& [name, page] : kAccepted) {
         if (answer == name) return page;
     }
     return nullptr;
+}
+
+/// The Cyrillic page in whose small letters texts look like that page. The detector knows the
+/// letters that are frequent in running text, and so no words in capitals.
+const char* guessByCapitals(std::string_view texts) {
+    for (const char* name : {"CP866", "CP1251"}) {
+        const std::unique_ptr<CodePage> page = openPage(name);
+        std::string utf8;
+        std::string small;
+        toUtf8(*page, texts, utf8);
+        if (!fromUtf8(*page, lowerText(utf8), small)) continue;
+        const char* answer = detectPage(small);
+        if (answer != nullptr && std::string_view(answer) == name) return name;
+    }
+    return nullptr;
+}
+
+/// ANSI or DOS, by the letters of Western words: bytes above 7F beside ASCII letters, nine in ten
+/// of which are in the range of one of them. E1 alone is no evidence: DOS has its sharp s there.
+const char* guessByNeighbours(std::string_view texts) {
+    constexpr u8 kSharpS = 0xE1;
+    std::size_t letters = 0;
+    std::size_t ansi = 0;
+    std::size_t dos = 0;
+    std::size_t sharp = 0;
+    const auto isLetter = [&](std::size_t at) {
+        const char c = at < texts.size() ? static_cast<char>(texts[at] | 0x20) : '\0';
+        return c >= 'a' && c <= 'z';
+    };
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        const auto byte = static_cast<u8>(texts[i]);
+        const bool softBreak = texts.substr(i).starts_with("\x8D\n");
+        if (byte < 0x80 || softBreak || !(isLetter(i + 1) || (i != 0 && isLetter(i - 1)))) continue;
+        ++letters;
+        ansi += byte >= 0xC0 ? 1 : 0;
+        dos += byte <= 0xA5 ? 1 : 0;
+        sharp += byte == kSharpS ? 1 : 0;
+    }
+    if (ansi > sharp && ansi * 10 >= letters * 9) return "CP1252";
+    return dos != 0 && dos * 10 >= letters * 9 ? "CP437" : nullptr;
+}
+
+const char* guessPage(const Sample& sample) {
+    const char* guess = nullptr;
+    if (sample.highBytes >= kGuessFrom) {
+        guess = detectPage(sample.texts);
+        if (guess == nullptr) guess = guessByCapitals(sample.texts);
+    }
+    return guess != nullptr ? guess : guessByNeighbours(sample.texts);
+}
+
+// ---------------------------------------------------------------------------------------------
+// What the .cpg file says
+// ---------------------------------------------------------------------------------------------
+
+void decide(PageChoice* choice, const char* page, std::string from) {
+    choice->page = openPage(page);
+    choice->from = std::move(from);
+    if (!choice->page) choice->missing = page;
+}
+
+bool takeCpg(DbfBase* h, PageChoice* choice, Listing* listing) {
+    const std::optional<std::string> path = cpgFile(h->FileName, listing);
+    if (!path) return false;
+    const std::string line = cpgLine(*path);
+    choice->page = openPage(line);
+    if (!choice->page) {
+        choice->notes.push_back(textOf(
+            *path, ": ", line.empty() ? "no code page in one line" : notKnown("code page", line)));
+        return false;
+    }
+    choice->from = ".cpg";
+    if (choice->page->kind == CodePage::Kind::SingleByte && takeSample(h).isUtf8()) {
+        choice->notes.push_back(textOf(*path, ": names ", pageName(*choice->page),
+                                       ", but the texts are UTF-8 and read as that"));
+        decide(choice, "UTF-8", "UTF-8 text");
+    }
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -236,12 +291,6 @@ const char* driverPage(const std::string& driver, std::vector<std::string>* note
     return page;
 }
 
-void decide(PageChoice* choice, const char* page, std::string from) {
-    choice->page = openPage(page);
-    choice->from = std::move(from);
-    if (!choice->page) choice->missing = page;
-}
-
 /// What a mark of 00 or 57 leaves open. driver: the page of the driver, if there is one.
 void decideByTexts(DbfBase* h, PageChoice* choice, const char* driver, const std::string& name) {
     const Sample sample = takeSample(h);
@@ -256,7 +305,7 @@ void decideByTexts(DbfBase* h, PageChoice* choice, const char* driver, const std
 
 }  // namespace
 
-PageChoice choosePage(DbfBase* h, std::string_view option) {
+PageChoice choosePage(DbfBase* h, std::string_view option, Listing* listing) {
     PageChoice choice;
     choice.mark = h->Header.Rest[kMarkPlace];
     if (!option.empty()) {
@@ -268,7 +317,7 @@ PageChoice choosePage(DbfBase* h, std::string_view option) {
         }
         return choice;
     }
-    if (takeCpg(h, &choice)) return choice;
+    if (takeCpg(h, &choice, listing)) return choice;
     const char* marked = pageOfMark(choice.mark);
     if (marked != nullptr && choice.mark != kAnsiMark) {
         decide(&choice, marked, "mark " + hexByte(choice.mark));
@@ -283,7 +332,10 @@ PageChoice choosePage(DbfBase* h, std::string_view option) {
 }
 
 std::string pageDoubt(const PageChoice& choice, std::string_view option) {
-    return textOf("code page ", pageName(*choice.page), " is only a ", choice.from, "; ", option,
+    const bool marked = choice.from.starts_with("mark");
+    return textOf("code page ", pageName(*choice.page),
+                  marked ? " follows only from " : " is only a ", choice.from,
+                  marked ? ", which many programs set by default; " : "; ", option,
                   " says which it is");
 }
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <optional>
 
 #include "tables/page/pagenames.h"
@@ -49,6 +50,7 @@ enum class Stop {
 Converter openConverter(const char* to, const char* from) {
     iconv_t converter = iconv_open(to, from);
     const bool failed = reinterpret_cast<std::intptr_t>(converter) == -1;
+    if (failed && errno == ENOMEM) throw std::bad_alloc();
     return Converter(failed ? nullptr : converter);
 }
 

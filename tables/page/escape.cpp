@@ -8,7 +8,11 @@ namespace mira::tables {
 namespace {
 
 bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
-bool isTwoWay(char32_t c) { return (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069); }
+/// Marks of two-way texts, and line ends that are no control characters.
+bool isHidden(char32_t c) {
+    return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x2028 && c <= 0x202E) ||
+           (c >= 0x2066 && c <= 0x2069);
+}
 
 /// The last digits of a number in base 16.
 void putHex(std::string& out, char32_t number, int digits) {
@@ -34,7 +38,7 @@ bool needsEscape(std::string_view text) {
         text.remove_prefix(printableRun(text));
         if (text.empty()) return false;
         const Utf8Step step = stepUtf8(text);
-        if (!step.valid || isControl(step.letter) || isTwoWay(step.letter)) return true;
+        if (!step.valid || isControl(step.letter) || isHidden(step.letter)) return true;
         text.remove_prefix(step.length);
     }
 }
@@ -51,7 +55,7 @@ void putEscaped(std::string& out, std::string_view text) {
                 putByte(out, static_cast<unsigned char>(c));
         } else if (isControl(step.letter)) {
             putByte(out, static_cast<unsigned char>(step.letter));
-        } else if (isTwoWay(step.letter)) {
+        } else if (isHidden(step.letter)) {
             out += "\\u";
             putHex(out, step.letter, 4);
         } else {

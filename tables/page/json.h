@@ -9,15 +9,23 @@
 
 namespace mira::tables {
 
-/// Whether a JSON string cannot hold the byte as it is.
-inline bool isJsonSpecial(char c) {
-    static constexpr std::array<bool, 256> kSpecial = [] {
-        std::array<bool, 256> special{};
-        for (std::size_t i = 0; i < 0x20; ++i) special[i] = true;
-        special['"'] = special['\\'] = true;
-        return special;
+/// Bytes that a JSON string cannot hold as they are.
+inline constexpr std::array<bool, 256> kJsonSpecial = [] {
+    std::array<bool, 256> special{};
+    for (std::size_t i = 0; i < 0x20; ++i) special[i] = true;
+    special['"'] = special['\\'] = true;
+    return special;
+}();
+
+/// The same and those that begin a letter which it can, but should not: U+0085, U+2028 and U+2029
+/// end lines for some readers.
+inline bool isJsonUnusual(char c) {
+    static constexpr std::array<bool, 256> kUnusual = [] {
+        std::array<bool, 256> unusual = kJsonSpecial;
+        unusual[0xC2] = unusual[0xE2] = true;
+        return unusual;
     }();
-    return kSpecial[static_cast<unsigned char>(c)];
+    return kUnusual[static_cast<unsigned char>(c)];
 }
 /// Appends a text as a JSON string; for a terminal without control characters.
 void putJsonString(std::string& out, std::string_view utf8, bool terminal);

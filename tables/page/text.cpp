@@ -20,6 +20,34 @@ std::string foldAscii(std::string_view text) {
     return folded;
 }
 
+/// Every letter replaced by what change makes of it.
+template <typename Change>
+std::string eachLetter(std::string_view utf8, Change change) {
+    std::string changed;
+    changed.reserve(utf8.size());
+    while (!utf8.empty()) {
+        const Utf8Step step = stepUtf8(utf8);
+        char letter[4];
+        if (step.valid) {
+            changed.append(letter, putUtf8(letter, change(step.letter)));
+        } else {
+            changed += utf8.substr(0, step.length);
+        }
+        utf8.remove_prefix(step.length);
+    }
+    return changed;
+}
+
+/// The sharp s stays: its capital is hardly ever meant.
+char32_t upperLetter(char32_t letter) {
+    if (letter == U'ß') return letter;
+    return static_cast<char32_t>(utf8proc_toupper(static_cast<utf8proc_int32_t>(letter)));
+}
+
+char32_t lowerLetter(char32_t letter) {
+    return static_cast<char32_t>(utf8proc_tolower(static_cast<utf8proc_int32_t>(letter)));
+}
+
 /// Letters to change, to leave out or to put in until the texts are the same.
 std::size_t editDistance(std::string_view a, std::string_view b) {
     std::vector<std::size_t> row(b.size() + 1);
@@ -47,6 +75,16 @@ std::string foldCase(std::string_view utf8) {
     const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(folded, std::free);
     if (length < 0) return foldAscii(utf8);
     return {reinterpret_cast<const char*>(folded), static_cast<std::size_t>(length)};
+}
+
+std::string upperText(std::string_view utf8) { return eachLetter(utf8, upperLetter); }
+
+std::string lowerText(std::string_view utf8) { return eachLetter(utf8, lowerLetter); }
+
+// By way of the capital, so that the two small sigmas are one.
+char32_t foldLetter(char32_t letter) {
+    if (letter < 0x80) return letter >= 'A' && letter <= 'Z' ? letter - 'A' + 'a' : letter;
+    return lowerLetter(upperLetter(letter));
 }
 
 std::string upperAscii(std::string_view text) {

@@ -33,6 +33,11 @@ inline std::string counted(unsigned long long count, std::string_view noun) {
 /// The text in the form in which texts that differ only in letter case are the same.
 std::string foldCase(std::string_view utf8);
 inline bool sameText(std::string_view a, std::string_view b) { return foldCase(a) == foldCase(b); }
+/// All letters in upper or lower case, one for one; bytes that are no UTF-8 stay.
+std::string upperText(std::string_view utf8);
+std::string lowerText(std::string_view utf8);
+/// The letter that stands for a letter of either case when a text is compared letter by letter.
+char32_t foldLetter(char32_t letter);
 /// ASCII letters in upper case, whatever the locale.
 std::string upperAscii(std::string_view text);
 

@@ -14,6 +14,7 @@
 #include "tables/page/refusal.h"
 #include "tables/store/decimal.h"
 #include "tables/value/memo.h"
+#include "tables/value/value.h"
 
 namespace mira::tables {
 namespace {
@@ -142,7 +143,9 @@ std::string textBytes(Table& table, const Column& column, const Given& given, bo
     }
     if (given.from == Given::From::Blob) reject("a blob is no text");
     std::string bytes = pageBytes(table, column, given);
-    if (!column.untranslated && bytes.find('\0') != std::string::npos) {
+    // A text ends at a zero byte, but where its length is kept.
+    if (!column.untranslated && column.lengthBit == kNoBit &&
+        bytes.find('\0') != std::string::npos) {
         reject("a text holds no zero byte");
     }
     return bytes;
@@ -186,7 +189,9 @@ void encodeMemo(Table& table, const Column& column, const Given& given, Encoded&
     encodeBlank(table, column, encoded);
     encoded.memo =
         column.kind == Kind::Memo ? textBytes(table, column, given, true) : binaryBytes(given);
-    if (encoded.memo.empty()) return;
+    // An empty text is no memo; bytes may be none.
+    encoded.hasMemo = !encoded.memo.empty() || givenBytes(given).has_value();
+    if (!encoded.hasMemo) return;
     if (!holdsReference(column)) {
         reject("a field of ", counted(column.length, "byte"), " cannot refer to a memo");
     }
@@ -211,10 +216,22 @@ std::string shortPrint(const Decimal& number, std::size_t width) {
     return text;
 }
 
+/// Whether a number is to stay as it is written, and fits.
+bool staysAsWritten(const Column& column, const Given& given, std::string_view text) {
+    if (!isText(given) || text.size() > column.length) return false;
+    return given.asGiven ? isNumber(text) : text.find_first_of("eE") != std::string_view::npos;
+}
+
 /// Digits, right-aligned. With fewer decimals than the field has where that is the only way in
 /// and loses none.
 void encodeDecimal(const Column& column, const Given& given, Encoded& encoded) {
-    Decimal number = numberOf(given);
+    const std::string_view written = trimmed(given.text);
+    const bool asWritten = staysAsWritten(column, given, written);
+    Decimal number = asWritten && given.asGiven ? Decimal{} : numberOf(given);
+    if (asWritten) {
+        encoded.bytes = std::string(column.length - written.size(), ' ').append(written);
+        return;
+    }
     if (!rescale(number, column.decimals, given.from == Given::From::Real)) {
         reject(quoted(given), " has more than ", column.decimals, " decimals");
     }
@@ -394,7 +411,16 @@ bool isNothing(const Column& column, const Given& given) {
     return !holdsText(column) || (given.from == Given::From::Cell && !given.quoted);
 }
 
+/// Fields whose values are given as a text or a number, never as bytes.
+bool takesNoBytes(const Column& column) {
+    return hasNoBlank(column) || column.kind == Kind::Decimal || column.kind == Kind::Date ||
+           column.kind == Kind::Moment || column.kind == Kind::Logical;
+}
+
 void encodeSomething(Table& table, const Column& column, const Given& given, Encoded& encoded) {
+    if (given.from == Given::From::Blob && takesNoBytes(column)) {
+        reject("a blob does not fit ", typeLabel(column));
+    }
     switch (column.kind) {
         case Kind::Text:
             return encodeText(table, column, given, encoded);
@@ -452,6 +478,40 @@ void encodeCounter(const Table& table, const Column& column, const Given& given,
     reject(quoted(given), " is not the next value, ", next);
 }
 
+/// Appends a memo of no bytes, which SetMemoBuf takes for none, and puts its reference into
+/// RecordBuffer; false when that cannot be done.
+bool putEmptyMemo(const Table& table, const Column& column) {
+    DbfBase* const base = table.base.get();
+    const File file(Open_File(base->MemoFileName));
+    if (!file || IsPackUnfinished(base) != 0) return false;
+    const auto set = table.memoFormat == MemoFormat::FoxPro   ? Set_FoxProBuf
+                     : table.memoFormat == MemoFormat::DBase4 ? Set_dBase4Buf
+                     : table.memoFormat == MemoFormat::Smt    ? Set_SMTBuf
+                                                              : Set_dBase3Buf;
+    SetFilePointer(file.get(), 0, nullptr, SEEK_SET);  // a failure shows in the call that follows
+    base->MemoFile = file.get();
+    const u32 block = set(base, "", 0);
+    base->MemoFile = nullptr;
+    if (block == 0 || std::fflush(file.get()) != 0) return false;
+    std::string reference(column.length, '\0');
+    const auto bytes = bytesLe(block);
+    if (table.memoFormat == MemoFormat::Smt || column.length == bytes.size()) {
+        std::copy(bytes.begin(), bytes.end(), reference.end() - bytes.size());
+    } else {
+        const std::string digits = std::to_string(block);
+        if (digits.size() > reference.size()) return false;
+        reference = std::string(column.length - digits.size(), ' ') + digits;
+    }
+    reference.copy(reinterpret_cast<char*>(base->RecordBuffer) + column.offset, column.length);
+    return true;
+}
+
+bool putMemo(const Table& table, const Column& column, const std::string& bytes) {
+    if (bytes.empty()) return putEmptyMemo(table, column);
+    return SetMemoBuf(table.base.get(), static_cast<u32>(column.field), bytes.data(),
+                      static_cast<u32>(bytes.size())) != 0;
+}
+
 void setBit(const Table& table, i32 bit, bool value) {
     if (bit == kNoBit) return;
     u8& byte = table.base->RecordBuffer[table.nullOffset + static_cast<u32>(bit) / 8];
@@ -504,7 +564,7 @@ std::string encodeValue(Table& table, const Column& column, const Given& given, 
                         Encoded& encoded) {
     encoded.bytes.clear();
     encoded.memo.clear();
-    encoded.isNull = encoded.partial = false;
+    encoded.isNull = encoded.partial = encoded.hasMemo = false;
     try {
         if (isCounting(column)) {
             encodeCounter(table, column, given, newRecord, encoded);
@@ -525,9 +585,8 @@ void putValue(Table& table, const Column& column, const Encoded& encoded) {
                 std::min<std::size_t>(column.length, encoded.bytes.size()));
     setBit(table, column.lengthBit, encoded.partial);
     setBit(table, column.nullBit, encoded.isNull);
-    if (encoded.memo.empty()) return;
-    if (SetMemoBuf(base, static_cast<u32>(column.field), encoded.memo.data(),
-                   static_cast<u32>(encoded.memo.size())) == 0) {
+    if (encoded.memo.empty() && !encoded.hasMemo) return;
+    if (!putMemo(table, column, encoded.memo)) {
         const std::string fault = memoFileFault(table);
         refuse(table.path, ": ", column.name, ": the memo cannot be written to ",
                base->MemoFileName, fault.empty() ? "" : ": ", fault);

@@ -29,6 +29,7 @@ struct Given {
     std::string_view text{};  ///< Cell, Text, Blob
     i64 integer = 0;
     double real = 0;
+    bool asGiven = false;  ///< a number goes into a field of digits as it is written
 
     static Given cell(std::string_view text, bool quoted = false) {
         return {From::Cell, quoted, text};
@@ -41,13 +42,15 @@ struct Given {
 
 /// A value as its field holds it.
 struct Encoded {
-    std::string bytes{};  ///< all bytes of the field; of a memo field those of one without a memo
-    std::string memo{};   ///< bytes for the memo file; empty: no memo
+    std::string bytes{};   ///< all bytes of the field; of a memo field those of one without a memo
+    std::string memo{};    ///< bytes for the memo file
+    bool hasMemo = false;  ///< false: no memo, though one may have no bytes
     bool isNull = false;
     bool partial = false;  ///< V and Q: the last byte is the length
 };
 
 /// Encodes a value. Empty when it fits; else why it does not, in words that follow "FIELD: ".
+/// A number with an exponent stays as it is written where its characters fit a field of digits.
 /// Numbers given as Real are rounded to the field's decimals, all others must fit exactly. A null
 /// for a field that may not be null is a blank; fields that have none (I, B, Y, O) become 0 in a
 /// new record and keep their value in an old one: that is a reason, too. A counting field takes its

@@ -121,14 +121,6 @@ u32 memoUnit(const Table& table) {
     return table.memoFormat == MemoFormat::DBase3 ? kDBase3Unit : GetBlockSize(table.base.get());
 }
 
-bool isHalfPacked(std::FILE* memos) {
-    constexpr std::string_view kSign = "Pack unfinished";
-    constexpr u32 kSignPlace = 24;
-    char sign[kSign.size()];
-    return memos != nullptr && readFileAt(memos, kSignPlace, sign, sizeof sign) == sizeof sign &&
-           std::string_view(sign, sizeof sign) == kSign;
-}
-
 std::string memoFileFault(const Table& table) {
     const fs::path memos = memoFileOf(table);
     if (memos.empty()) return "";
@@ -136,7 +128,7 @@ std::string memoFileFault(const Table& table) {
     if (!fs::exists(memos, ignored)) {
         return textOf("its memo file ", memos.filename().string(), " is missing");
     }
-    if (!isHalfPacked(File(Open_FileRO(memos.c_str())).get())) return "";
+    if (IsPackUnfinished(table.base.get()) != 1) return "";
     return "a pack was interrupted, and until `mira pack` has finished it no memo can be read or "
            "written";
 }
@@ -147,7 +139,7 @@ bool openMemos(MemoReader& reader, const Table& table) {
         if (table.base->MemoFileName != nullptr) {
             reader.file.reset(Open_FileRO(table.base->MemoFileName));
         }
-        if (isHalfPacked(reader.file.get())) reader.file.reset();
+        if (IsPackUnfinished(table.base.get()) != 0) reader.file.reset();
         if (reader.file) {
             reader.unit = memoUnit(table);
             reader.size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);

@@ -45,13 +45,11 @@ struct MemoReader {
 
 /// Bytes per block of the memo file.
 u32 memoUnit(const Table& table);
-/// Whether an interrupted pack has left its log in a memo file, which may be null. Until another
-/// has finished the work, nobody can tell which memo a reference means.
-bool isHalfPacked(std::FILE* memos);
 /// Why no memo can be read: "its memo file stock.dbt is missing", or half packed; empty when
 /// nothing is in the way.
 std::string memoFileFault(const Table& table);
-/// Opens the memo file, once, and takes its measures; false when there is none, or one half packed.
+/// Opens the memo file, once, and takes its measures; false when there is none, or one half packed:
+/// nobody can tell then which memo a reference means.
 bool openMemos(MemoReader& reader, const Table& table);
 /// The place in the file after the memo's last byte, end mark included, as far as the memo says
 /// itself; it may lie past the file's. Nothing when the block does not begin as memos of the

@@ -1,31 +1,71 @@
 #include "tables/value/storage.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
+
+#include "tables/page/text.h"
 
 namespace mira::tables {
 namespace {
 
 constexpr double kCurrencyScale = 10000.0;
 constexpr i64 kExact = i64{1} << 53;  // whole numbers below it are exact in a double
+constexpr std::size_t kKeptDigits = 15;
+constexpr u32 kWholeDigits = 18;  // any whole number of so many fits 64 bits
 
 Stored ofInteger(i64 value) { return {Storage::Integer, value}; }
-Stored ofReal(double value) { return {Storage::Real, 0, value}; }
+Stored ofReal(double value, bool rounded = false) { return {Storage::Real, 0, value, {}, rounded}; }
 Stored ofBytes(Storage storage, std::string_view bytes) {
     return {storage, 0, 0, bytes.data() != nullptr ? bytes : std::string_view("")};
 }
 
+/// The digits of a number from the first that is not zero on, without its exponent.
+std::string significantDigits(std::string_view number) {
+    std::string digits;
+    for (const char c : number.substr(0, number.find_first_of("eE"))) {
+        if (isDigit(c) && (c != '0' || !digits.empty())) digits += c;
+    }
+    return digits;
+}
+
+/// Whether a double, written with as many digits, is another number. It keeps any 15 digits, unless
+/// an exponent leads out of its range.
+bool isRounded(std::string_view number, double value) {
+    if (number.size() <= kKeptDigits && value != 0 && std::isfinite(value)) return false;
+    const std::string digits = significantDigits(number);
+    if (digits.empty() || !std::isfinite(value)) return !digits.empty();
+    if (digits.size() <= kKeptDigits) return value == 0;
+    std::string written(digits.size() + 16, '\0');
+    char* const first = written.data();
+    const auto end =
+        std::to_chars(first, first + written.size(), value, std::chars_format::scientific,
+                      static_cast<int>(digits.size() - 1));
+    return significantDigits({first, static_cast<std::size_t>(end.ptr - first)}) != digits;
+}
+
 Stored ofDigits(const Column& column, std::string_view digits) {
     constexpr double kLimit = 9223372036854775808.0;  // 2^63
-    if (column.kind != Kind::Decimal || column.decimals != 0) return ofReal(toReal(digits));
-    if (const std::optional<i64> whole = toInteger(digits)) return ofInteger(*whole);
-    const double value = toReal(digits);  // 1e3 is whole, too
-    const bool integer = std::trunc(value) == value && value >= -kLimit && value < kLimit;
-    return integer ? ofInteger(static_cast<i64>(value)) : ofReal(value);
+    const bool whole = column.kind == Kind::Decimal && column.decimals == 0;
+    if (whole) {
+        if (const std::optional<i64> integer = toInteger(digits)) return ofInteger(*integer);
+    }
+    const double value = toReal(digits);
+    const bool rounded = isRounded(digits, value);
+    // 1e3 is whole, too.
+    if (!whole || std::trunc(value) != value || value < -kLimit || value >= kLimit) {
+        return ofReal(value, rounded);
+    }
+    Stored stored = ofInteger(static_cast<i64>(value));
+    stored.rounded = rounded;
+    return stored;
 }
 
 Stored ofCurrency(const Value& value) {
     const bool exact = value.integer > -kExact && value.integer < kExact;
-    return ofReal(exact ? static_cast<double>(value.integer) / kCurrencyScale : toReal(value.text));
+    const double real =
+        exact ? static_cast<double>(value.integer) / kCurrencyScale : toReal(value.text);
+    return ofReal(real, isRounded(value.text, real));
 }
 
 }  // namespace
@@ -36,6 +76,7 @@ Stored storedAs(const Column& column, const Value& value) {
         case ValueKind::Blank:
             return {};
         case ValueKind::Digits:
+            if (column.exactText) return ofBytes(Storage::Text, value.text);
             return ofDigits(column, value.text);
         case ValueKind::Integer:
         case ValueKind::Logical:
@@ -43,6 +84,7 @@ Stored storedAs(const Column& column, const Value& value) {
         case ValueKind::Real:
             return ofReal(value.real);
         case ValueKind::Currency:
+            if (column.exactText) return ofBytes(Storage::Text, value.text);
             return ofCurrency(value);
         case ValueKind::Bytes:
             return ofBytes(Storage::Blob, value.text);
@@ -54,7 +96,14 @@ Stored storedAs(const Column& column, const Value& value) {
     return {};
 }
 
+bool mayBeRounded(const Column& column) {
+    if (column.kind == Kind::Currency) return true;
+    if (column.kind != Kind::Decimal) return false;
+    return column.decimals == 0 ? column.length > kWholeDigits : column.length > kKeptDigits + 1;
+}
+
 Storage declaredStorage(const Column& column) {
+    if (column.exactText) return Storage::Text;
     switch (column.kind) {
         case Kind::Decimal:
             return column.decimals == 0 ? Storage::Integer : Storage::Real;

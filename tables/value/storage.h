@@ -6,7 +6,8 @@
 //   C, V, M, D, T, @        text
 //   everything else         blob
 //
-// Null, a blank, and bytes that are no value are null.
+// Null, a blank, and bytes that are no value are null. With TableOptions::exact, columns whose
+// numbers may have more digits than a double keeps are text.
 #pragma once
 
 #include <string>
@@ -24,8 +25,13 @@ struct Stored {
     i64 integer = 0;
     double real = 0;
     std::string_view bytes{};  ///< of a text or a blob; never a null view
+    bool rounded = false;      ///< the digits of the value say more than real does
 };
 Stored storedAs(const Column& column, const Value& value);
+
+/// Whether a column may hold numbers that are neither whole numbers of 64 bits nor kept by a double
+/// to their last digit.
+bool mayBeRounded(const Column& column);
 
 /// The class that a column is declared with.
 Storage declaredStorage(const Column& column);

@@ -95,28 +95,18 @@ void giveCharacters(CellReader& reader, const Column& column, Value& value,
     giveText(reader, value, raw ? text : withoutBlanks(text));
 }
 
-/// V and Q with null flags: the bytes that count.
-std::string_view variableBytes(const Table& table, const Column& column, Value& value) {
-    const std::string_view bytes = storedBytes(table, column);
-    if (bytes.empty() || !bitOf(table, column.lengthBit)) return bytes;
-    const std::size_t length = static_cast<u8>(bytes.back());
-    if (length >= bytes.size()) value.fault = Fault::LengthPastEnd;
-    return bytes.substr(0, std::min(length, bytes.size() - 1));
-}
-
 void giveVarchar(CellReader& reader, const Column& column, Value& value) {
     const Table& table = *reader.table;
     if (column.lengthBit == kNoBit) {
         return giveCharacters(reader, column, value, storedBytes(table, column));
     }
-    const std::string_view bytes = variableBytes(table, column, value);
+    const std::string_view bytes = variableBytes(table, column, &value.fault);
     if (column.untranslated) return giveUntranslated(value, bytes, bytes);
     giveText(reader, value, bytes);
 }
 
 void giveVarbinary(const Table& table, const Column& column, Value& value) {
-    giveBytes(value, column.lengthBit == kNoBit ? storedBytes(table, column)
-                                                : variableBytes(table, column, value));
+    giveBytes(value, variableBytes(table, column, &value.fault));
 }
 
 // --------------------------------------------------------------------------------------------
@@ -147,7 +137,8 @@ bool hasSoftBreaks(const Table& table) {
 
 void giveMemoText(CellReader& reader, const Column& column, Value& value, std::string_view bytes) {
     const std::string_view text = bytes.substr(0, bytes.find_last_not_of('\0') + 1);
-    if (text.find('\0') != std::string_view::npos) return giveBytes(value, bytes);
+    const bool onlyZeros = text.empty() && !bytes.empty();
+    if (onlyZeros || text.find('\0') != std::string_view::npos) return giveBytes(value, bytes);
     if (column.untranslated) return giveUntranslated(value, text, text);
     const bool soft = hasSoftBreaks(*reader.table) && !reader.table->options.raw;
     giveText(reader, value,
@@ -189,7 +180,8 @@ void giveDigits(Value& value, std::string_view digits) {
 
 void giveDecimal(const Table& table, const Column& column, Value& value) {
     const std::string_view digits = withoutPadding(storedBytes(table, column));
-    if (!digits.empty()) giveDigits(value, digits);
+    // Some programs leave the point of a blank number.
+    if (!digits.empty() && digits != ".") giveDigits(value, digits);
 }
 
 void giveInteger(Value& value, i64 integer) {
@@ -362,6 +354,16 @@ std::string_view storedBytes(const Table& table, const Column& column) {
     return {reinterpret_cast<const char*>(table.base->RecordBuffer) + column.offset, column.length};
 }
 
+std::string_view variableBytes(const Table& table, const Column& column, Fault* fault) {
+    const std::string_view bytes = storedBytes(table, column);
+    if (column.lengthBit == kNoBit || bytes.empty() || !bitOf(table, column.lengthBit)) {
+        return bytes;
+    }
+    const std::size_t length = static_cast<u8>(bytes.back());
+    if (length >= bytes.size() && fault != nullptr) *fault = Fault::LengthPastEnd;
+    return bytes.substr(0, std::min(length, bytes.size() - 1));
+}
+
 bool lastsForRecord(const Table& table, std::string_view text) {
     const auto* const record = reinterpret_cast<const char*>(table.base->RecordBuffer);
     const std::less<> before;
@@ -488,8 +490,14 @@ std::string faultSentence(Fault fault, u64 count) {
         {"memo cannot be read and came out empty", "memos cannot be read and came out empty"},
         {"memo is cut: the memo file does not hold all of it",
          "memos are cut: the memo file does not hold all of them"},
+        {"number of more than 15 digits is rounded", "numbers of more than 15 digits are rounded"},
     };
     return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
+}
+
+std::string faultSentence(Fault fault, const FaultTally& tally) {
+    return textOf(faultSentence(fault, tally.count), ", first in record ", u64{tally.record} + 1,
+                  ", field ", tally.column);
 }
 
 }  // namespace mira::tables

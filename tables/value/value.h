@@ -51,8 +51,9 @@ enum class Fault : u8 {
     LengthPastEnd,  // V, Q: the length reaches the last byte
     NoMemo,         // a memo that cannot be read
     MemoCut,        // a memo that the file does not hold whole
+    Rounded,        // a number that a database keeps only to the nearest double
 };
-constexpr std::size_t kFaults = 8;
+constexpr std::size_t kFaults = 9;
 
 /// Texts lie in the record buffer or in the reader and last until the next cell is read.
 struct Value {
@@ -83,6 +84,8 @@ bool lastsForRecord(const Table& table, std::string_view text);
 bool isNull(const Table& table, const Column& column);
 /// The stored bytes of the column in the current record.
 std::string_view storedBytes(const Table& table, const Column& column);
+/// Those that count: of V and Q with null flags as many as their length says.
+std::string_view variableBytes(const Table& table, const Column& column, Fault* fault = nullptr);
 
 /// Digits to a whole number of 64 bits; nothing when they are none or the number has decimals.
 std::optional<i64> toInteger(std::string_view digits);
@@ -103,5 +106,7 @@ void countFault(Faults& faults, Fault fault, u32 record, const Column& column);
 u64 faultCount(const Faults& faults);
 /// "3 values that are no date came out empty", for a count of a fault.
 std::string faultSentence(Fault fault, u64 count);
+/// The same with the place: "..., first in record 3, field PRICE".
+std::string faultSentence(Fault fault, const FaultTally& tally);
 
 }  // namespace mira::tables

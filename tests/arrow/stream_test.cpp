@@ -248,6 +248,22 @@ TEST(Arrow, TakesOptions) {
     options = arrowOptions();
     options.columns = "";
     EXPECT_EQ(readStream(folder.file("k.dbf"), options).rows.size(), 48000U);
+
+    // What is blank or true is no comparison of the library's.
+    layout = {0x03, {{"L", 'L', 1}, {"C", 'C', 9}}};
+    for (int i = 0; i < 30000; ++i)
+        layout.records.push_back(printed(" %c%9s", i % 14999 == 2 ? 'y' : ' ', ""));
+    writeAll(folder.file("l.dbf"), layout.bytes());
+    options.columns = "_record";
+    for (const char* filter : {"L=true", "L<>&C=", "l = .T.", "C<> | L=yes"}) {
+        options.where = filter;
+        EXPECT_EQ(readStream(folder.file("l.dbf"), options).rows, (Rows{{"3"}, {"15002"}}))
+            << filter;
+    }
+    options.where = "L=yes AND C=";
+    ArrowArrayStream refused{};
+    EXPECT_EQ(mira_arrow_open(folder.file("l.dbf").c_str(), &options, &refused, nullptr, 0),
+              MIRA_ARROW_BAD_OPTION);
 }
 
 TEST(Arrow, RefusesWhatIsNoTable) {

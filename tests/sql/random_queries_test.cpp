@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <random>
 
+#include "sqlite/letters.h"
 #include "support.h"
 
 namespace {
@@ -62,14 +63,17 @@ public:
     explicit Query(Dice& dice) : dice_(dice) {}
 
     std::string text() {
-        const bool join = dice_.once(3);
+        const bool join = dice_.once(2);
         const bool group = dice_.once(4);
         std::string from = " FROM big a";
         if (join) {
             second_ = true;
             const char* const tables[] = {"big", "small"};
-            from += (dice_.once(2) ? " JOIN " : " LEFT JOIN ") + dice_.pick(tables) + " b ON " +
-                    joinCondition();
+            constexpr const char* kKinds[] = {" JOIN ", " LEFT JOIN ", " RIGHT JOIN ",
+                                              " FULL JOIN "};
+            const std::size_t kinds = sqlite3_libversion_number() >= 3039000 ? 4 : 2;
+            from += kKinds[dice_.below(kinds)] + dice_.pick(tables) + " b ON " + joinCondition();
+            if (dice_.once(3)) from += " AND " + condition(0);
         }
         std::string columns = column();
         std::string end;
@@ -92,7 +96,8 @@ public:
 
 private:
     std::string column() {
-        constexpr const char* kColumns[] = {"NAME", "PRICE", "QTY", "BORN", "ACTIVE", "ID"};
+        constexpr const char* kColumns[] = {"NAME",   "PRICE", "QTY",    "BORN",
+                                            "ACTIVE", "ID",    "_record"};
         return (second_ && dice_.once(2) ? "b." : "a.") + dice_.pick(kColumns);
     }
     std::string constant() {
@@ -103,7 +108,9 @@ private:
                                               "0",           "9.0",
                                               "NULL",        "'2024-01-31'",
                                               "x'616e6e61'", "9007199254740993",
-                                              "'5.0'",       "(SELECT max(ID) FROM small)"};
+                                              "'5.0'",       "(SELECT max(ID) FROM small)",
+                                              "3",           "' 3'",
+                                              "3.5",         "NULL"};
         return dice_.pick(kConstants);
     }
     std::string condition(int depth) {
@@ -112,9 +119,10 @@ private:
                    condition(depth - 1) + ")";
         }
         constexpr const char* kOperators[] = {"=", "<", "<=", ">", ">=", "<>", "IS", "IS NOT"};
+        constexpr const char* kSelected[] = {"NAME", "PRICE", "QTY", "ID + 0", "BORN", "_record"};
         constexpr const char* kPatterns[] = {"'an%'", "'%OL%'", "'_olt%'",   "'%'",
                                              "'1%0'", "'b*'",   "'*o[kl]t*'"};
-        switch (dice_.below(7)) {
+        switch (dice_.below(9)) {
             case 0:
                 return column() + " BETWEEN " + constant() + " AND " + constant();
             case 1:
@@ -126,6 +134,11 @@ private:
             case 4:
                 return column() + " " + dice_.pick(kOperators) + " " + column();
             case 5:
+                return column() + (dice_.once(4) ? " NOT IN " : " IN ") + "(SELECT " +
+                       dice_.pick(kSelected) + " FROM small)";
+            case 6:
+                return "a._record " + dice_.pick(kOperators) + " " + constant();
+            case 7:
                 return "a.NAME " + dice_.pick(kOperators) + " " + constant() + " COLLATE NOCASE";
             default:
                 return column() + " " + dice_.pick(kOperators) + " " + constant();
@@ -157,8 +170,8 @@ TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     writeAll(folder.file("big.dbf"), randomTable(dice, 120).bytes());
     writeAll(folder.file("small.dbf"), randomTable(dice, 9).bytes());
     const std::string database = folder.file("plain.db");
-    const std::string fill = std::string(MIRA_PROGRAM) + " export -q -o " + database + " " +
-                             folder.file("big.dbf") + " " + folder.file("small.dbf") +
+    const std::string fill = std::string(MIRA_PROGRAM) + " export -q --record -o " + database +
+                             " " + folder.file("big.dbf") + " " + folder.file("small.dbf") +
                              " 2>/dev/null";
     ASSERT_LT(WEXITSTATUS(std::system(fill.c_str())), 2);
 
@@ -167,11 +180,112 @@ TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     for (const std::string name : {"big", "small"}) {
         ASSERT_EQ(attach(tables, name, folder.file(name + ".dbf")), std::vector<std::string>());
     }
-    for (int i = 0; i < 10000; ++i) {
+    for (int i = 0; i < 4000; ++i) {
         Query query(dice);
         const std::string text = query.text();
         ASSERT_EQ(rowsOf(tables, text, query.ordered()), rowsOf(plain, text, query.ordered()))
             << text;
+    }
+}
+
+class Change {
+public:
+    explicit Change(Dice& dice) : dice_(dice) {}
+
+    std::string text() {
+        switch (dice_.below(6)) {
+            case 0:
+            case 1:
+                return "INSERT INTO notes(NAME, QTY, NOTE) VALUES " + row() + ", " + row();
+            case 2:
+                return "INSERT INTO notes(NAME, QTY, NOTE) SELECT substr(NOTE, 1, 8), QTY, NAME || "
+                       "QTY "
+                       "FROM notes WHERE " +
+                       condition() + " AND NOTE IS NOT NULL ORDER BY ID LIMIT 2";
+            case 3:
+                return "DELETE FROM notes WHERE " + condition();
+            case 4:
+                return "UPDATE notes SET " + set("QTY") + " WHERE " + condition();
+            default:
+                return "UPDATE notes SET " + set("b.SUM") +
+                       " FROM (SELECT NAME, sum(QTY) % 1000 AS SUM FROM notes GROUP BY NAME) b "
+                       "WHERE b.NAME = notes.NAME AND " +
+                       condition();
+        }
+    }
+
+private:
+    std::string row() {
+        return "('" + dice_.pick(kNames) + "', " + number() + ", 'memo " + number() + "')";
+    }
+    std::string number() { return std::to_string(dice_.below(50)); }
+    std::string set(const std::string& number) {
+        switch (dice_.below(3)) {
+            case 0:
+                return "QTY = " + number + " / 2";
+            case 1:
+                return "NOTE = 'm' || " + number;
+            default:
+                return "NAME = upper(notes.NAME)";
+        }
+    }
+    std::string condition() {
+        const std::string record = number();
+        const std::string forms[] = {"_record = " + record,
+                                     "_record = '" + record + "'",
+                                     "_record = " + record + ".0",
+                                     "notes.rowid = '" + record + "'",
+                                     "_record = x'31'",
+                                     "_record = " + record + ".5",
+                                     "_record IN (" + record + ", '7', NULL)",
+                                     "_record IN (SELECT QTY FROM notes WHERE ID < 9)",
+                                     "NOTE LIKE '%" + record + "%'",
+                                     "notes.NAME IN (SELECT QTY FROM notes)",
+                                     "QTY < " + record};
+        return dice_.pick(forms);
+    }
+    static constexpr const char* kNames[] = {"anna", "Bolt", "10", "9", "7"};
+    Dice& dice_;
+};
+
+TEST(Sql, RandomChangesLeaveWhatOrdinaryTablesHold) {
+    Folder folder;
+    writeNotes(folder.file("notes.dbf"));
+    const Connection tables = connect();
+    ASSERT_EQ(attach(tables, "notes", folder.file("notes.dbf"), ", writable=1"),
+              std::vector<std::string>());
+    const Connection plain = connect();
+    answer(plain,
+           "CREATE TABLE notes(ID INTEGER PRIMARY KEY AUTOINCREMENT, NAME TEXT, QTY INTEGER, "
+           "NOTE TEXT, _record INTEGER AS (ID))");
+    Dice dice(20241124);
+    for (int i = 0; i < 600; ++i) {
+        const std::string text = Change(dice).text();
+        ASSERT_EQ(answer(tables, text), std::vector<std::string>()) << text;
+        ASSERT_EQ(answer(plain, text), std::vector<std::string>()) << text;
+        const std::string all = "SELECT ID, NAME, QTY, NOTE, _record, rowid FROM notes";
+        ASSERT_EQ(answer(tables, all, true), answer(plain, all, true)) << text;
+    }
+}
+
+TEST(Sql, LikeOfAllLettersIsSqlitesOwnForAscii) {
+    const Connection plain = connect();
+    const Connection letters = connect();
+    ASSERT_EQ(mira::sql::registerLetters(letters.get()), SQLITE_OK);
+    Dice dice(20240229);
+    constexpr const char* kPieces[] = {"a", "A", "b", "_", "%", "!", "%%", "ab", "[", "0"};
+    const auto text = [&] {
+        std::string pieces;
+        for (std::size_t i = dice.below(7); i != 0; --i) pieces += dice.pick(kPieces);
+        return "'" + pieces + "'";
+    };
+    for (int i = 0; i < 300; ++i) {
+        std::string query = "SELECT 1";
+        for (int k = 0; k < 50; ++k) {
+            query += ", " + text() + " LIKE " + text() + (dice.once(3) ? " ESCAPE '!'" : "");
+            query += ", " + text() + " < " + text() + " COLLATE NOCASE";
+        }
+        ASSERT_EQ(answer(letters, query), answer(plain, query)) << query;
     }
 }
 

@@ -49,6 +49,20 @@ inline std::vector<std::string> answer(const Connection& connection, const std::
     return rows;
 }
 
+/// An empty table with a memo file: ID counts from 1, and so is the record's number; NAME, QTY, a
+/// number of 20 digits, and a memo.
+inline void writeNotes(const std::string& path) {
+    Layout layout{
+        0x30,
+        {{"ID", 'I', 4}, {"NAME", 'C', 8}, {"QTY", 'N', 5}, {"WIDE", 'N', 20}, {"NOTE", 'M', 4}}};
+    layout.backLink = std::string(263, '\0');
+    std::string bytes = layout.bytes();
+    bytes.replace(32 + 18, 6, "\x0C" + le(1, 4) + le(1, 1));
+    writeAll(path, bytes);
+    writeAll(std::filesystem::path(path).replace_extension("fpt"),
+             padded(be(8, 4) + be(64, 4), 512, 0));
+}
+
 /// CREATE VIRTUAL TABLE temp.NAME; the error, or nothing.
 inline std::vector<std::string> attach(const Connection& connection, const std::string& name,
                                        const std::string& path, const std::string& options = "") {

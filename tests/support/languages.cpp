@@ -380,19 +380,21 @@ std::size_t groupsCut(const std::string& piece, bool closing) {
     return closing ? found : found + 1;
 }
 
+/// Where the condition of a piece begins and ends.
+std::pair<std::size_t, std::size_t> conditionIn(const DbfBase* h, const std::string& piece) {
+    const i64 open = h->NoBracketCheck != 0 ? 0 : surplus(piece);
+    if (open > 0) return {groupsCut(piece, false), piece.size()};
+    return {0, open < 0 ? groupsCut(piece, true) : piece.size()};
+}
+
 /// The arithmetic text of a filter, whose conditions are answered by a function.
 std::string logic(const DbfBase* h, const std::string& filter,
                   const std::function<bool(const std::string&)>& answer) {
     std::string out;
     for (const auto& [piece, connective] : pieces(filter)) {
-        const i64 open = h->NoBracketCheck != 0 ? 0 : surplus(piece);
-        const std::size_t cut = open != 0 ? groupsCut(piece, open < 0) : 0;
-        if (open > 0) out += piece.substr(0, cut);
-        const std::string condition = open == 0  ? piece
-                                      : open > 0 ? piece.substr(cut)
-                                                 : piece.substr(0, cut);
-        out += answer(condition) ? '1' : '0';
-        if (open < 0) out += piece.substr(cut);
+        const auto [first, end] = conditionIn(h, piece);
+        out += piece.substr(0, first) + (answer(piece.substr(first, end - first)) ? '1' : '0');
+        out += piece.substr(end);
         if (connective != 0) out += connective == '&' ? '*' : '+';
     }
     return out;
@@ -436,6 +438,7 @@ Expansion expanded(const Row& row, const std::string& expression) {
     Expansion out;
     char quote = 0;
     bool inWord = false;
+    int parts = 0;
     for (std::size_t i = 0, length = 0; i < expression.size(); i += length) {
         const char c = expression[i];
         length = 1;
@@ -446,14 +449,17 @@ Expansion expanded(const Row& row, const std::string& expression) {
         const int field =
             quote != 0 || !isWord(c) || inWord ? -1 : fieldAt(row.h, expression, i, &length);
         if (quote == 0) inWord = isWord(c);
+        const bool isSign = field < 0 && quote == 0 && kOperators.find(c) != kOperators.npos;
+        if (isSign && !out.operatorAt) out.operatorPlace = i;
+        if (!isSign && !out.operatorAt && !(c == ' ' || (c >= '\t' && c <= '\r')))
+            out.leftField = parts++ == 0 ? field : -1;
         if (field >= 0) {
             out.text += written(row, field);
             out.numeric = out.numeric || isNumeric(row[field]);
             continue;
         }
         length = 1;
-        if (quote == 0 && !out.operatorAt && kOperators.find(c) != kOperators.npos)
-            out.operatorAt = out.text.size();
+        if (isSign && !out.operatorAt) out.operatorAt = out.text.size();
         out.text += c;
     }
     return out;
@@ -484,6 +490,25 @@ bool holds(const Row& row, const std::string& condition) {
     const i32 format = row.h->DateFormat;
     return textsHold(op, evaluated(folded(row.h, left), format),
                      evaluated(folded(row.h, right), format));
+}
+
+std::vector<ConditionPlaces> conditionPlaces(const Row& row, const std::string& filter) {
+    std::vector<ConditionPlaces> all;
+    std::size_t start = 0;
+    for (const auto& [piece, connective] : pieces(filter)) {
+        const auto [first, end] = conditionIn(row.h, piece);
+        const std::string condition = piece.substr(first, end - first);
+        const Expansion e = expanded(row, condition);
+        const std::size_t sign = e.operatorAt ? e.operatorPlace : condition.size();
+        const std::string op = condition.substr(sign, 2);
+        const bool two =
+            op.size() == 2 && "=~><"s.find(op[0]) != op.npos && "><="s.find(op[1]) != op.npos;
+        const std::size_t right = sign + (e.operatorAt ? two ? 2 : 1 : 0);
+        const std::size_t at = start + first;
+        all.push_back({e.operatorAt ? e.leftField : -1, at + sign, at + right, start + end});
+        start += piece.size() + 1;
+    }
+    return all;
 }
 
 bool passes(const Row& row, const std::string& filter) {

@@ -1,4 +1,5 @@
-// Memos: the reference in the record leads to a block, whose beginning may tell the length.
+// Memos: the reference in the record leads to a block, whose beginning may tell the length. Blocks
+// of 0 bytes hold nothing.
 //
 //   format     version               unit at, size      block begins with
 //   dBase III  03 83                 512                the data, up to a byte 0x1A
@@ -61,6 +62,7 @@ std::optional<std::string> memo(const Row& row, int field, std::string_view file
                      : whole            ? load(file, format->unitAt, 2, format->bigEndian)
                                         : 256;
     if (unit * block > 0x7FFFFFFF) return std::nullopt;
+    if (unit == 0) return std::nullopt;
     const auto place = static_cast<std::size_t>(unit * block);
     const std::string_view at = file.substr(std::min(place, file.size()));
     if (smt) return std::string(at.substr(0, static_cast<u32>(load(row.from(field), 2, 4))));

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "support/bytes.h"
 
@@ -61,6 +62,8 @@ struct Expansion {
     std::string text;
     std::optional<std::size_t> operatorAt;
     bool numeric = false;
+    std::size_t operatorPlace = 0;  ///< in the expression
+    int leftField = -1;             ///< the only thing left of it, else -1
 };
 Expansion expanded(const Row&, const std::string& expression);
 
@@ -74,5 +77,12 @@ bool holds(const Row&, const std::string& condition);
 /// Whether the record passes a filter, and whether set_filter has to refuse its text.
 bool passes(const Row&, const std::string& filter);
 bool isRefused(const DbfBase*, const std::string& filter);
+
+/// The conditions of a filter as GetFilterCondition gives them.
+struct ConditionPlaces {
+    int field;
+    std::size_t signFirst, rightFirst, end;
+};
+std::vector<ConditionPlaces> conditionPlaces(const Row&, const std::string& filter);
 
 }  // namespace test

@@ -9,6 +9,10 @@
 #define LARGE(name) name
 #endif
 
+/// The call itself.
+#define REAL(name) REAL_NAMED(name)
+#define REAL_NAMED(name) __real_##name
+
 /// WRAP(result, name, whether to answer, the answer, (parameters), (arguments))
 #define WRAP(...) WRAP_NAMED(__VA_ARGS__)
 #define WRAP_NAMED(result, name, ours, answer, parameters, arguments) \

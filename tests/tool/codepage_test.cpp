@@ -4,6 +4,8 @@
 #include "support.h"
 #include "tables/open/open.h"
 #include "tables/page/pagenames.h"
+#include "tables/page/text.h"
+#include "tables/page/utf8.h"
 
 namespace {
 
@@ -162,6 +164,16 @@ TEST(CodePage, UpperCase) {
     EXPECT_EQ(broken, "A\x93\xFA\x93");
 }
 
+TEST(Letters, UpperAndLowerCase) {
+    const std::string mixed = "Дым ςΣ Straße ÿ İ \xE4\xFF a1\xC3";
+    EXPECT_EQ(upperText(mixed), "ДЫМ ΣΣ STRAßE Ÿ İ \xE4\xFF A1\xC3");
+    EXPECT_EQ(lowerText(mixed), "дым ςσ straße ÿ i \xE4\xFF a1\xC3");
+    for (const auto& [one, other] : rows("A=a;Ж=ж;ς=Σ;ß=ẞ;ÿ=Ÿ;µ=Μ")) {
+        EXPECT_EQ(foldLetter(stepUtf8(one).letter), foldLetter(stepUtf8(other).letter)) << one;
+    }
+    EXPECT_NE(foldLetter(U'е'), foldLetter(U'ё'));
+}
+
 // ---------------------------------------------------------------------------------------------
 // The page of a table
 // ---------------------------------------------------------------------------------------------
@@ -206,12 +218,31 @@ TEST(PageOfTable, Order) {
              "5\0"
              "2\0"s);
     EXPECT_EQ(choice(table), "CP1252 .cpg") << "the table's own letter case first";
+    EXPECT_EQ(choice(openBytes(dir, tableWith(0x26, {"caf\xE9"}), "Stock.dbf")), "CP1252 .cpg");
+    EXPECT_EQ(choice(openBytes(dir, tableWith(0x26, {"café"}), "Stock.dbf")), "UTF-8 UTF-8 text 1")
+        << "texts in UTF-8 gainsay a single-byte page";
     EXPECT_EQ(choice(table, "kamenicky"), "895 --code-page");
     EXPECT_EQ(choice(table, "nothing"), "- --code-page 1");
     for (const std::string& line : {"nothing"s, ""s, "CP1251" + std::string(60, '.')}) {
         writeAll(dir.file("Stock.cpg"), line);
         EXPECT_EQ(choice(table), "CP866 mark 0x26 1") << line;
     }
+}
+
+TEST(Listing, ReadsAFolderOnce) {
+    const TempDir dir;
+    for (const char* name : {"stock.DBF", "Stock.CDX", "both.ndx", "BOTH.NDX"}) {
+        writeAll(dir.file(name), "x");
+    }
+    Listing listing;
+    EXPECT_EQ(tablesIn(dir.file(""), false, &listing), std::vector{dir.file("stock.DBF")});
+    std::filesystem::rename(dir.file("stock.DBF"), dir.file("other.dbf"));
+    EXPECT_EQ(inAnyCase(dir.file("STOCK.dbf"), &listing), dir.file("stock.DBF"));
+    EXPECT_EQ(inAnyCase(dir.file("STOCK.dbf")), "");
+    EXPECT_EQ(indexFilesBeside(dir.file("stock.DBF"), &listing),
+              std::vector{dir.file("Stock.CDX")});
+    EXPECT_EQ(beside(dir.file("both.dbf"), ".ndx", &listing), dir.file("both.ndx"));
+    EXPECT_EQ(beside(dir.file("Both.dbf"), ".ndx", &listing), "") << "which one?";
 }
 
 TEST(PageOfTable, Drivers) {
@@ -233,13 +264,13 @@ TEST(PageOfTable, WeakMarks) {
     EXPECT_EQ(choiceOf(tableWith(0x57, {"cafe"})), "CP1252 mark 0x57");
     EXPECT_EQ(choiceOf(tableWith(0x57, latin)), "CP1252 mark 0x57?");
     EXPECT_EQ(choiceOf(tableWith(0x03, {"café"})), "CP1252 mark 0x03") << "a strong one";
-    EXPECT_EQ(choiceOf(tableWith(0, latin)), "CP437 default?");
+    EXPECT_EQ(choiceOf(tableWith(0, latin)), "CP1252 guess?");
     EXPECT_EQ(choiceOf(tableWith(0, {"x"})), "CP437 default");
-    EXPECT_EQ(choiceOf(tableWith(0, latin, 0x30)), "CP1252 default?");
+    EXPECT_EQ(choiceOf(tableWith(0, {" \xE9 "}, 0x30)), "CP1252 default?");
     EXPECT_EQ(choiceOf(tableWith(0x7F, {"x"})), "CP437 default 1") << "an unknown mark";
     EXPECT_EQ(choiceOf(tableWith(0, {"é" + std::string(37, 'x') + "é", "x"})), "UTF-8 UTF-8 text")
         << "cut where the field ends";
-    EXPECT_EQ(choiceOf(tableWith(0, {std::string(39, 'x') + "\xC3"})), "CP437 default?")
+    EXPECT_EQ(choiceOf(tableWith(0, {std::string(39, '.') + "\xC3"})), "CP437 default?")
         << "a cut alone is no evidence";
     std::vector<std::string> late(40000, "plain");
     late[38000] = "café";
@@ -252,8 +283,32 @@ TEST(PageOfTable, Guess) {
     EXPECT_EQ(choiceOf(tableWith(0, {8, kRussian1251 + " " + kRussian1251})), "CP1251 guess?");
     EXPECT_EQ(choiceOf(tableWith(0, {kRussian866, kRussian866})), "CP437 default?") << "24 letters";
     EXPECT_EQ(choiceOf(tableWith(0x57, russian)), "CP1252 mark 0x57?") << "only after 00";
-    EXPECT_EQ(choiceOf(tableWith(0, {20, "gar\x87on na\x8Bve \x82t\x82"})), "CP437 default?")
-        << "Western pages cannot be told apart";
+}
+
+TEST(PageOfTable, CyrillicCapitals) {
+    const std::string words = "ПРИВЕТ МИР И ДОМ";
+    for (const auto& [name, expected] : rows("CP866=CP866 guess?;CP1251=CP1251 guess?")) {
+        std::string bytes;
+        ASSERT_TRUE(fromUtf8(*openPage(name), words, bytes));
+        EXPECT_EQ(choiceOf(tableWith(0, {8, bytes})), expected);
+    }
+}
+
+TEST(PageOfTable, WesternLetters) {
+    for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
+             {"gar\x87on na\x8Bve \x82t\x82", "CP437 guess?"},
+             {"M\xFCller, Z\xFCrich, gar\xE7on", "CP1252 guess?"},
+             {"Stra\xE1"
+              "e",
+              "CP437 default?"},
+             {"M\x81ller Stra\xE1"
+              "e",
+              "CP437 default?"},
+             {"\xC4\xC4\xC4 \xB3", "CP437 default?"}}) {
+        EXPECT_EQ(choiceOf(tableWith(0, {text})), expected) << text;
+        EXPECT_EQ(choiceOf(tableWith(0x57, {text})), "CP1252 mark 0x57?") << "only after 00";
+    }
+    EXPECT_EQ(choiceOf(tableWith(0, {"gar\x87on"}, 0x30)), "CP437 guess?");
 }
 
 /// A FoxPro table of one memo field, with a memo file of one block of 64 bytes at block 8.

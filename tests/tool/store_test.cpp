@@ -58,12 +58,14 @@ TEST(Store, CellsByType) {
              "C abc=abc   ;C abcdef   =abcdef;C abcdefg=!7 bytes do not fit C(6);C é=\xE9     ;"
              "C Ж=!code page CP1252 lacks \"Ж\";C =      ;N 12.5= 12.50;N -1= -1.00;N 0012.500= "
              "12.50;"
-             "N 1.25e2=125.00;N 12345= 12345;N 123456=123456;N 1234567=!\"1234567\" does not fit "
+             "N 1.25e2=1.25e2;N 1.250e+2=125.00;N 12345= 12345;N 123456=123456;N "
+             "1234567=!\"1234567\" does not fit "
              "N(6,2);"
              "N 1.005=!\"1.005\" has more than 2 decimals;N x=!\"x\" is no number;N =      ;"
              "N 1e999=!\"1e999\" is no number;P .5=.50;P 1=1.0;P -.5=-.5;P 12.5=!\"12.5\" does not "
              "fit "
-             "N(3,2);F 9.95e+003=   9950.0000;D 2024-02-29=20240229;D 20240131=20240131;"
+             "N(3,2);F 9.95e+003=   9.95e+003;F 9.950000e+003=   9950.0000;D 2024-02-29=20240229;D "
+             "20240131=20240131;"
              "D 2023-02-29=!\"2023-02-29\" is no date (2024-01-31);D 2024-0131=!\"2024-0131\" is "
              "no date "
              "(2024-01-31);D =        ;L true=T;L N=F;L 1=T;L =\x20;L maybe=!\"maybe\" is no "
@@ -74,6 +76,18 @@ TEST(Store, CellsByType) {
              "T 2024-01-31 10:00:00.5=!\"2024-01-31 10:00:00.5\" has parts of a second;W 12.0=  12;"
              "W 1.5=!\"1.5\" has more than 0 decimals")) {
         EXPECT_EQ(stored(*table, cell.substr(0, 1), Given::cell(cell.substr(2))), bytes) << cell;
+    }
+}
+
+TEST(Store, NumbersAsGiven) {
+    const TempDir dir;
+    const auto table = emptyTable(dir, 0x03, {{"N", 'N', 6, 2}});
+    for (const auto& [cell, bytes] :
+         rows("+07=   +07;1.005= 1.005;5.=    5.;1.0000=1.0000;1.00000=  1.00;x=!\"x\" is no "
+              "number")) {
+        Given given = Given::cell(cell);
+        given.asGiven = true;
+        EXPECT_EQ(stored(*table, "N", given), bytes) << cell;
     }
 }
 

@@ -126,9 +126,46 @@ void layDamage(const std::string& folder) {
 
 /// A table of blanks as large as a file can be; takes no room on the disk.
 void layHuge(const std::string& folder) {
+    constexpr unsigned kSize = 0x7FFFFF00;
     const Layout t{.columns = {{"TEXT", 'C', 100}}, .records = {}};
-    writeAll(folder + "/huge.dbf", t.bytes());
-    std::filesystem::resize_file(folder + "/huge.dbf", 0x7FFFFF00);
+    const std::string header = t.bytes();
+    lay(folder, "huge.dbf", t, le((kSize - (header.size() - 1)) / 101, 4), 4);
+    std::filesystem::resize_file(folder + "/huge.dbf", kSize);
+}
+
+/// What export and import must bring back: counters with gaps, texts of zeros, memos of no bytes
+/// and of zeros, numbers as other programs write them.
+void layBringBack(const std::string& folder) {
+    Layout t{.version = 0x30,
+             .columns = {{"ID", 'I', 4},
+                         {"N", 'N', 10, 2},
+                         {"V", 'V', 5},
+                         {"M", 'M', 4},
+                         {"G", 'G', 4},
+                         {"_NullFlags", '0', 1}},
+             .records = {}};
+    const auto add = [&](unsigned id, std::string_view number, std::string_view text, unsigned memo,
+                         unsigned general, char flags) {
+        t.records.push_back(" " + le(id, 4) + std::string(number) + std::string(text) +
+                            le(memo, 4) + le(general, 4) + flags);
+    };
+    add(7, " 5.08e-007", "\0\0\0\0\x04"s, 8, 9, 1);
+    add(3, "  7.50E+02", "plain", 10, 0, 0);
+    add(40, "     +07.5", "\0\0\0\0\0"s, 0, 9, 0);
+    add(41, "  1.250000", "ab \0\x03"s, 10, 10, 1);
+    std::string bytes = t.bytes();
+    bytes.replace(32 + 18, 6, "\x0C\x63\0\0\0\x02"s);
+    bytes[32 + 32 * 5 + 18] = 5;
+    writeAll(folder + "/back.dbf", bytes);
+    writeAll(folder + "/back.fpt", padded("\0\0\0\x0B\0\0\0\x40"s, 512, '\0') +
+                                       foxMemo("\0\0\0"s, 3) + foxMemo("", 0) + foxMemo("memo", 4));
+}
+
+/// The header counts two records; a third follows, then what is none, then what looks like one.
+void layStray(const std::string& folder) {
+    lay(folder, "stray.dbf",
+        {.columns = {{"C", 'C', 3}}, .records = {" one", "*two", " 3rd", "\x1Aold", " old"}},
+        le(2, 4), 4);
 }
 
 }  // namespace
@@ -139,6 +176,8 @@ void layTables(const std::string& folder) {
     layMemos(folder);
     layVisual(folder);
     layDamage(folder + "/damage");
+    layBringBack(folder);
+    layStray(folder);
     layHuge(folder);
     const Layout cyrillic{.columns = {{"TEXT", 'C', 12}},
                           .records = {" \x8F\xE0\xA8\xA2\xA5\xE2      "}};
@@ -146,6 +185,8 @@ void layTables(const std::string& folder) {
     lay(folder, "unmarked.dbf", cyrillic);
     lay(folder, "short.dbf", {.columns = {{"C", 'C', 3}}, .records = {" one", " two"}}, le(7, 4),
         4);
+    lay(folder, "bare.dbf",
+        {.version = 0x30, .columns = {{"_NullFlags", '0', 1}}, .records = {" x"}});
     writeAll(folder + "/junk.dbf", "junk");
     lay(folder, "-x.dbf", {.columns = {{"C", 'C', 3}}, .records = {" one"}});
     lay(folder, "evil\x1B[2J.dbf", {.columns = {{"A\x1B[1m", 'C', 3}}, .records = {" \x1B[m"}});

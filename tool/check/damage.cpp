@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "check/indexdamage.h"
 #include "check/memodamage.h"
 #include "select/records.h"
 #include "tables/open/open.h"
@@ -28,8 +29,10 @@ bool isUpper(const std::string& text) {
 void checkHeader(const Table& table, const Report& report) {
     const bool stale = table.storedCount < table.base->Header.RecordCount;
     const std::string count = countRepair(table);
+    const std::string stray = strayRepair(table);
     for (const std::string& repair : repairsOf(table)) {
-        report({.isNote = stale && repair == count, .what = repair});
+        const bool harmless = repair == stray || (stale && repair == count);
+        report({.isNote = harmless, .what = repair});
     }
     const std::string fault = memoFileFault(table);  // a finding, told with the memos
     for (const std::string& sentence : table.notes) {
@@ -61,10 +64,19 @@ bool hasEndByte(const Table& table, u32 records) {
            byte == kEndByte;
 }
 
-/// After the records that the header counts, or all that the file holds.
+/// Whether every program that writes such tables ends them with the byte. Many write dBase III's;
+/// Visual FoxPro leaves it out of some.
+bool alwaysHasEndByte(const Table& table) {
+    return table.base->Header.Version != 0x03 && !table.visual;
+}
+
+/// After the records that the header counts, or all that the file holds. The byte tells records
+/// from what else stands there, so it is missed only where that could be a record.
 void checkEndByte(const Table& table, const Report& report) {
-    const u32 held = table.base->Header.RecordCount;
-    if (table.storedCount > held) return;  // cut, which is said
+    const DbfHeader& header = table.base->Header;
+    const u32 held = header.RecordCount;
+    const u64 next = Calc64(header.RecordLength, table.storedCount + 1, header.HeaderLength);
+    if (!alwaysHasEndByte(table) || table.fileSize < next) return;
     if (hasEndByte(table, table.storedCount) || hasEndByte(table, held)) return;
     report({.isNote = true, .what = "there is no end byte (1A) after the records"});
 }
@@ -157,19 +169,15 @@ void checkCells(RecordCheck& check, const Report& report) {
     }
 }
 
-/// The current record; false when it is none any more: left over after those that the header
-/// counts.
-bool checkRecord(RecordCheck& check, const Report& report) {
+void checkRecord(RecordCheck& check, const Report& report) {
     const Table& table = *check.cells.table;
     const u8 mark = table.base->RecordBuffer[0];
     if (mark != ' ' && mark != '*') {
-        if (check.cells.record >= table.storedCount) return false;
         report({.record = u64{check.cells.record} + 1,
                 .what = fmt::format("the deletion byte is {:02X}, neither blank nor \"*\"", mark)});
     }
     checkCells(check, report);
     addReferences(check.memos, check.cells, report);
-    return true;
 }
 
 void reportLetters(const Faults& faults, const Report& report) {
@@ -186,10 +194,21 @@ void reportLetters(const Faults& faults, const Report& report) {
 
 }  // namespace
 
+std::string lineOf(const Table& table, const Finding& finding) {
+    std::string line = table.path + ": ";
+    if (finding.isNote) line += "note: ";
+    if (finding.record != 0) {
+        line += fmt::format("record {}", finding.record);
+        if (!finding.field.empty()) line += ", field " + finding.field;
+        line += ": ";
+    }
+    return line + finding.what;
+}
+
 void checkTable(Table& table, const Report& report) {
     checkHeader(table, report);
     checkNullFlags(table, report);
-    checkEndByte(table, report);
+    if (table.strayBytes == 0) checkEndByte(table, report);
     checkMemoName(table, report);
     RecordCheck check{CellReader(table), memoReferencesOf(table)};
     for (const Column& column : table.columns) {
@@ -197,10 +216,11 @@ void checkTable(Table& table, const Report& report) {
     }
     eachRecord(table, [&](u32 record) {
         check.cells.record = record;
-        return checkRecord(check, report);
+        checkRecord(check, report);
     });
     checkMemos(check.memos, check.cells, check.faults, report);
     reportLetters(check.faults, report);
+    checkIndexes(table, report);
 }
 
 }  // namespace mira::tool

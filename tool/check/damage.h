@@ -16,7 +16,10 @@ struct Finding {
     u64 record = 0;       // from 1; 0: the table as a whole
     std::string field{};  // empty: the record as a whole
     std::string what{};   // may hold control characters of the table
+    bool loses = false;   // packing would lose or cut the memo
 };
+/// "stock.dbf: record 3, field PRICE: no number: \"***\""
+std::string lineOf(const Table& table, const Finding& finding);
 using Report = std::function<void(const Finding&)>;
 
 /// Reports header, records, then memos. Memory is that of the references to memos, 8 bytes each,

@@ -64,10 +64,11 @@ struct Walk {
     std::string nameOf(u64 place) const {
         return fmt::format("record {}, field {}", u64{recordOf(place)} + 1, columnOf(place).name);
     }
-    void find(u64 place, std::string what) const {
+    void find(u64 place, std::string what, bool loses = true) const {
         report({.record = u64{recordOf(place)} + 1,
                 .field = columnOf(place).name,
-                .what = std::move(what)});
+                .what = std::move(what),
+                .loses = loses});
     }
 };
 
@@ -158,8 +159,12 @@ void checkMemo(Walk& walk, u64 place, u64 limit) {
     readRecordOf(walk, place);
     const u64 offset = walk.offsetOf(place);
     if (offset >= walk.claimed) return checkOwnMemo(walk, place, limit);
-    walk.find(place, fmt::format("refers to block {}, in the middle of the memo of {}",
-                                 place >> kRecordBits, walk.nameOf(walk.holder)));
+    // Where a memo can begin there, it is as good as any other.
+    const MemoReference reference = memoReference(walk.table(), walk.columnOf(place));
+    walk.find(place,
+              fmt::format("refers to block {}, in the middle of the memo of {}",
+                          place >> kRecordBits, walk.nameOf(walk.holder)),
+              !memoEnd(walk.memos(), walk.table(), reference));
 }
 
 /// The memos in order; those that share a block together.
@@ -171,8 +176,10 @@ void walkMemos(Walk& walk) {
         leaveIfStopped();
         const std::size_t first = i;
         while (++i < places.size() && places[i] >> kRecordBits == places[first] >> kRecordBits) {
-            walk.find(places[i], fmt::format("refers to block {}, the memo of {}",
-                                             places[i] >> kRecordBits, walk.nameOf(places[first])));
+            walk.find(places[i],
+                      fmt::format("refers to block {}, the memo of {}", places[i] >> kRecordBits,
+                                  walk.nameOf(places[first])),
+                      false);
         }
         checkMemo(walk, places[first],
                   i < places.size() ? walk.offsetOf(places[i]) : walk.memos().size);
@@ -219,8 +226,10 @@ void addReferences(MemoReferences& references, CellReader& cells, const Report& 
         const Column& column = *references.columns[i];
         if (isNull(table, column)) continue;
         const auto find = [&](std::string what) {
-            report(
-                {.record = u64{cells.record} + 1, .field = column.name, .what = std::move(what)});
+            report({.record = u64{cells.record} + 1,
+                    .field = column.name,
+                    .what = std::move(what),
+                    .loses = true});
         };
         const MemoReference reference = memoReference(table, column);
         if (!reference.isReference) {
@@ -244,7 +253,7 @@ void checkMemos(MemoReferences& references, CellReader& cells, Faults& faults,
                 const Report& report) {
     if (references.columns.empty()) return;
     const std::string fault = obstacle(references, cells);
-    if (!fault.empty()) return report({.what = fault});
+    if (!fault.empty()) return report({.what = fault, .loses = references.count != 0});
     Walk walk{references, cells, faults, report};
     walkMemos(walk);
 }

@@ -12,14 +12,15 @@
 namespace mira::tool {
 namespace {
 
-void changeAll(Selection& selection, const char* verb, const ChangeOptions& options,
+void changeAll(Selection& selection, const ChangeOptions& options,
                const std::function<bool(u32)>& change) {
     while (nextRow(selection)) {
         if (options.dryRun) continue;
         if (selection.rows == 1) beginChange(*selection.table, options);
         if (change(selection.position - 1)) continue;
+        --selection.rows;
         refuse(selection.table->path, ": record ", u64{selection.cells.record} + 1,
-               " cannot be written; ", counted(selection.rows - 1, "record"), " before it ", verb);
+               " cannot be written");
     }
 }
 
@@ -79,8 +80,8 @@ std::unique_ptr<Selection> selectToChange(const WhichOptions& options, const std
 void changeRecords(Selection& selection, const char* verb, const ChangeOptions& options,
                    const std::function<bool(u32 position)>& change) {
     try {
-        changeAll(selection, verb, options, change);
-    } catch (const Stopped&) {
+        changeAll(selection, options, change);
+    } catch (...) {
         tellChanged(selection, verb, options);
         throw;
     }

@@ -21,16 +21,8 @@ struct Counts {
     u64 findings = 0, notes = 0;
 };
 
-/// "stock.dbf: record 3, field PRICE: no number: \"***\""
 void putText(Output& out, const Table& table, const Finding& finding) {
-    std::string line = table.path + ": ";
-    if (finding.isNote) line += "note: ";
-    if (finding.record != 0) {
-        line += fmt::format("record {}", finding.record);
-        if (!finding.field.empty()) line += ", field " + finding.field;
-        line += ": ";
-    }
-    out.put(escaped(line + finding.what) + "\n");
+    out.put(escaped(lineOf(table, finding)) + "\n");
 }
 
 void putJson(Output& out, const Table& table, const Finding& finding) {
@@ -59,24 +51,26 @@ void putSummary(Output& out, const Table& table, const Counts& counts, bool json
     out.put(object.whole() + "\n");
 }
 
-Status checkOne(Output& out, const std::string& name, const Options& options) {
-    const auto table = openTable(name, options.table);
+Status checkOne(Output& out, const std::string& name, const Options& options, Listing& listing) {
+    const auto table = openTable(name, options.table, &listing);
     tellPage(*table);
     Counts counts;
     checkTable(*table, [&](const Finding& finding) {
         ++(finding.isNote ? counts.notes : counts.findings);
+        if (isQuiet() && finding.isNote && !options.strict) return;
         (options.json ? putJson : putText)(out, *table, finding);
     });
-    putSummary(out, *table, counts, options.json);
+    if (!isQuiet()) putSummary(out, *table, counts, options.json);
     const bool found = counts.findings != 0 || (options.strict && counts.notes != 0);
     return found ? kFound : kDone;
 }
 
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
+    Listing listing;
     const Status status = eachTable(
-        findTables(options.tables.names, options.tables.recursive),
-        [&](const std::string& name) { return checkOne(out, name, options); }, &out);
+        findTables(options.tables.names, options.tables.recursive, &listing),
+        [&](const std::string& name) { return checkOne(out, name, options, listing); }, &out);
     out.finish();
     return status;
 }

@@ -17,19 +17,11 @@ namespace mira::tool {
 /// What the command line asks for, filled in once the whole line is parsed.
 using Job = std::function<Status()>;
 
-void addInfo(CLI::App& program, Job& job);
-void addTables(CLI::App& program, Job& job);
-void addShow(CLI::App& program, Job& job);
-void addExport(CLI::App& program, Job& job);
-void addQuery(CLI::App& program, Job& job);
-void addMemo(CLI::App& program, Job& job);
-void addImport(CLI::App& program, Job& job);
-void addSet(CLI::App& program, Job& job);
-void addDelete(CLI::App& program, Job& job);
-void addRecall(CLI::App& program, Job& job);
-void addPack(CLI::App& program, Job& job);
-void addZap(CLI::App& program, Job& job);
-void addCheck(CLI::App& program, Job& job);
+/// Adds all of them, in the order in which help lists them.
+void addCommands(CLI::App& program, Job& job);
+
+/// The command nearest to a mistyped one; empty when none is near.
+std::string nearestCommand(const CLI::App& program, const std::string& name);
 
 /// A new command, and its options, which live as long as the command.
 template <typename Options>

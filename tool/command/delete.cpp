@@ -16,16 +16,23 @@ struct Marking {
     const char* verb;
     Deleted from;
     int (*mark)(DbfBase*, u32 position);
+    u8 before, after;  // the mark
 };
-constexpr Marking kDelete = {"delete", "deleted", Deleted::Skip, DeleteRecord};
-constexpr Marking kRecall = {"recall", "recalled", Deleted::Only, RecallRecord};
+constexpr Marking kDelete = {"delete", "deleted", Deleted::Skip, DeleteRecord, ' ', '*'};
+constexpr Marking kRecall = {"recall", "recalled", Deleted::Only, RecallRecord, '*', ' '};
+
+/// A mark that cannot be read is no failure for the library, and stays as it was set before.
+bool markRecord(DbfBase* base, u32 position, const Marking& marking) {
+    base->DeleteFlag = marking.before;
+    return marking.mark(base, position) != 0 && base->DeleteFlag == marking.after;
+}
 
 Status run(const Options& options, const Marking& marking) {
     const auto selection =
         selectToChange(options.which, options.name, marking.command, marking.from);
     DbfBase* const base = selection->table->base.get();
     changeRecords(*selection, marking.verb, options.change,
-                  [&](u32 position) { return marking.mark(base, position) != 0; });
+                  [&](u32 position) { return markRecord(base, position, marking); });
     return kDone;
 }
 

@@ -4,9 +4,11 @@
 #include <exception>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "command/commands.h"
 #include "rows/database.h"
@@ -68,7 +70,8 @@ Format formatOfName(const std::string& out) {
 /// The work of one call: the tables and what was done with them.
 struct Work {
     Options options;
-    std::vector<std::string> tables;
+    std::vector<FoundTable> tables;
+    Listing listing;
     bool several = false;  // folders or more than one table
     std::vector<Target> targets;
     std::atomic<std::size_t> next = 0;  // table to do
@@ -77,12 +80,23 @@ struct Work {
     u64 done = 0, rows = 0;
     u64 refused = 0, faulty = 0;
     std::exception_ptr failure;
+    std::vector<std::optional<std::vector<std::string>>> messages;  // of each table that is done
+    std::size_t told = 0;                                           // tables whose messages are
 };
 
 void addRefusal(Work& work, const std::string& sentence) {
     tellError(sentence);
     const std::lock_guard lock(work.mutex);
     ++work.refused;
+}
+
+/// Tells what there is to tell of a table, in the order of the tables.
+void tellInTurn(Work& work, std::size_t index, std::vector<std::string> messages) {
+    const std::lock_guard lock(work.mutex);
+    work.messages[index] = std::move(messages);
+    for (; work.told < work.messages.size() && work.messages[work.told]; ++work.told) {
+        tellGathered(*std::exchange(work.messages[work.told], std::vector<std::string>()));
+    }
 }
 
 /// Tells how many records of the only table were written.
@@ -131,7 +145,12 @@ void writeText(Work& work, Selection& selection, const Target& target) {
 
 void exportText(Work& work, std::size_t index) {
     try {
-        const auto selection = selectFrom(work.tables[index], work.options.select);
+        const FoundTable& found = work.tables[index];
+        const auto selection = selectFrom(found.path, work.options.select, &work.listing);
+        requireColumns(*selection);
+        if (work.several && !found.below.empty()) {
+            makeFolder(fs::path(work.targets[index].path).parent_path(), "tables go");
+        }
         writeText(work, *selection, work.targets[index]);
         countTable(work, *selection);
         tellRows(work, *selection, work.targets[index]);
@@ -145,7 +164,15 @@ void workThrough(Work& work) {
         while (true) {
             const std::size_t index = work.next++;
             if (index >= work.tables.size()) return;
-            exportText(work, index);
+            GatheredMessages messages;
+            const auto tell = [&] { tellInTurn(work, index, messages.take()); };
+            try {
+                exportText(work, index);
+            } catch (...) {
+                tell();
+                throw;
+            }
+            tell();
         }
     } catch (...) {
         const std::lock_guard lock(work.mutex);
@@ -165,16 +192,16 @@ void runThreads(Work& work, std::size_t threads) {
 }
 
 /// Files that an output must not replace: the tables and whatever has their name.
-std::vector<std::string> inputsOf(const Work& work) {
+std::vector<std::string> inputsOf(Work& work) {
     std::vector<std::string> inputs;
-    for (const std::string& name : work.tables) {
+    for (const FoundTable& table : work.tables) {
         try {
-            inputs.push_back(findTable(name));
+            inputs.push_back(findTable(table.path));
         } catch (const Refusal&) {
             continue;  // told when its turn comes
         }
         for (const char* extension : {".dbt", ".fpt", ".smt", ".dct"}) {
-            const std::string memo = beside(inputs.back(), extension);
+            const std::string memo = beside(inputs.back(), extension, &work.listing);
             if (!memo.empty()) inputs.push_back(memo);
         }
     }
@@ -186,9 +213,10 @@ void nameTargets(Work& work) {
     if (!work.several && !isFolder(options.out)) {
         work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
     } else {
-        for (const std::string& table : work.tables) {
-            const std::string name = stemOf(table) + extensionOf(options.writer.format);
-            work.targets.push_back(targetOf((fs::path(options.out) / name).string()));
+        for (const FoundTable& table : work.tables) {
+            const std::string name = stemOf(table.path) + extensionOf(options.writer.format);
+            work.targets.push_back(targetOf((fs::path(options.out) / table.below / name).string()));
+            work.targets.back().source = table.path;
         }
     }
     const bool present = std::any_of(work.targets.begin(), work.targets.end(),
@@ -207,7 +235,11 @@ void exportTexts(Work& work) {
     const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
         std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
+    work.messages.resize(work.tables.size());
     runThreads(work, threads);
+    for (; work.told < work.messages.size(); ++work.told) {
+        if (const auto& rest = work.messages[work.told]) tellGathered(*rest);
+    }
     std::error_code ignored;
     if (made && work.done == 0) fs::remove(options.out, ignored);
     if (work.failure) std::rethrow_exception(work.failure);
@@ -217,15 +249,26 @@ void exportTexts(Work& work) {
 // Databases
 // --------------------------------------------------------------------------------------------
 
+/// Says which file a table is whose name another one has.
+void tellOtherName(const std::string& name, const std::string& path) {
+    if (name != stemOf(path)) note("{} is {}", name, path);
+}
+
 void exportTable(Work& work, Selection& selection, Database& database) {
-    const std::string name = database.freeName(stemOf(selection.table->path));
+    const std::string& path = selection.table->path;
+    const std::string name = database.freeName(stemOf(path));
+    tellOtherName(name, path);
     database.addTable(name, selection.columns);
     const std::vector<Column>& columns = selection.columns;
     Value value;
     while (nextRow(selection)) {
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
-            database.cell(i, columns[i], value, lastsForRecord(*selection.table, value.text));
+            const Stored stored = storedAs(columns[i], value);
+            if (stored.rounded) {
+                countFault(selection.faults, Fault::Rounded, selection.cells.record, columns[i]);
+            }
+            database.cell(i, stored, lastsForRecord(*selection.table, value.text));
         }
         database.endRow();
     }
@@ -244,9 +287,10 @@ void exportDatabase(Work& work) {
                                              : Present::Refuse;
     Database database(work.targets[0], options.force, present);
     std::unique_ptr<Selection> selection;
-    for (const std::string& table : work.tables) {
+    for (const FoundTable& table : work.tables) {
         try {
-            selection = selectFrom(table, options.select);
+            selection = selectFrom(table.path, options.select, &work.listing);
+            requireColumns(*selection);
         } catch (const Refusal& refusal) {
             addRefusal(work, refusal.what());
             continue;
@@ -266,12 +310,14 @@ void exportSchema(Work& work) {
     checkTargets(work.targets, options.force, inputsOf(work));
     Output out(work.targets[0], options.force);
     std::set<std::string> names;
-    for (const std::string& path : work.tables) {
+    for (const FoundTable& table : work.tables) {
         try {
-            const auto selection = selectFrom(path, options.select);
+            const auto selection = selectFrom(table.path, options.select, &work.listing);
+            requireColumns(*selection);
             const std::string name = freeName(
                 stemOf(selection->table->path),
                 [&](const std::string& free) { return names.insert(foldCase(free)).second; });
+            tellOtherName(name, selection->table->path);
             const std::string sql = createTable(name, selection->columns) + ";\n";
             out.put(out.isTerminal() ? escaped(sql) : sql);
             ++work.done;
@@ -286,15 +332,33 @@ void exportSchema(Work& work) {
 // The command
 // --------------------------------------------------------------------------------------------
 
+/// Throws a Refusal for options that mean nothing to the format.
+void refuseMeaningless(const Options& options) {
+    const Format format = options.writer.format;
+    const bool csv = format == Format::Csv && !options.schema;
+    const bool lines = csv || (format == Format::Tsv && !options.schema);
+    const bool sqlite = format == Format::Sqlite || options.schema;
+    const auto check = [](bool given, bool meant, const char* option, const char* formats) {
+        if (given && !meant) refuse(option, " is for ", formats, " only");
+    };
+    check(options.noHeading, lines, "--no-heading", "CSV and TSV");
+    check(options.writer.bom, lines, "--bom", "CSV and TSV");
+    check(options.writer.crlf, lines, "--crlf", "CSV and TSV");
+    check(!options.delimiter.empty(), csv, "-d", "CSV");
+    check(options.writer.excel, csv, "--excel", "CSV");
+    check(options.replace, sqlite, "--replace", "SQLite");
+    check(options.append, sqlite, "--append", "SQLite");
+    check(options.select.table.exact, sqlite, "--exact", "SQLite");
+    check(options.jobs != 0, !sqlite, "-j", "text formats");
+}
+
 /// Completes the options of a writer.
 void chooseFormat(Work& work) {
     Options& options = work.options;
     Format& format = options.format;
     const bool named = !options.out.empty() && options.out != "-" && !isFolder(options.out);
     if (format == Format::None && named) format = formatOfName(options.out);
-    std::error_code ignored;
-    const bool special =
-        fs::exists(options.out, ignored) && !fs::is_regular_file(options.out, ignored);
+    const bool special = named && !targetOf(options.out).regular;
     if (format == Format::None && named && !work.several && !options.schema && !special) {
         refuse(options.out, ": its name tells no format; -F csv, tsv, json, jsonl or sqlite does");
     }
@@ -304,6 +368,7 @@ void chooseFormat(Work& work) {
         refuse(options.out, ": several tables go into a folder or a database");
     }
     options.writer.format = format;
+    refuseMeaningless(options);
     options.writer.heading = !options.noHeading;
     if (!options.delimiter.empty()) options.writer.delimiter = delimiterOf(options.delimiter);
 }
@@ -316,7 +381,7 @@ Status statusOf(const Work& work) {
 Status run(const Options& options) {
     Work work;
     work.options = options;
-    work.tables = findTables(options.tables.names, options.tables.recursive);
+    work.tables = findWithFolders(options.tables.names, options.tables.recursive, &work.listing);
     work.several = work.tables.size() > 1 || isFolder(options.tables.names.front());
     chooseFormat(work);
     const bool database = work.options.format == Format::Sqlite;
@@ -367,6 +432,8 @@ void addExport(CLI::App& program, Job& job) {
     command.add_flag("--append", options.append, "Add to tables that the database has")
         ->excludes(replace);
     command.add_flag("--schema", options.schema, "CREATE TABLE only");
+    command.add_flag("--exact", options.select.table.exact,
+                     "SQLite: numbers that may have more than 15 digits as text, all digits kept");
     addSelectOptions(command, options.select);
 }
 

@@ -4,13 +4,13 @@
 
 namespace mira::tool {
 
-Facts factsOf(const Table& table, bool countRecords) {
-    Facts facts = tables::factsOf(table);
+Facts factsOf(const Table& table, bool countRecords, Listing* listing) {
+    Facts facts = tables::factsOf(table, listing);
     facts.counted = countRecords;
     if (!countRecords) return facts;
+    addIndexes(table, true, facts);
     eachRecord(table, [&](u32) {
         if (isDeleted(table)) ++facts.deleted;
-        return true;
     });
     return facts;
 }

@@ -4,6 +4,8 @@
 // What is appended is checked first, all of it, and cut off again when writing fails.
 #include <algorithm>
 #include <filesystem>
+#include <optional>
+#include <set>
 
 #include "command/change.h"
 #include "command/commands.h"
@@ -56,6 +58,35 @@ CsvOptions csvOptions(const Options& options) {
     if (tsv && options.delimiter.empty()) csv.delimiter = '\t';
     csv.tsv = tsv && csv.delimiter == '\t';
     return csv;
+}
+
+/// Whether a delimiter parts the first two lines into as many cells, more than one.
+bool partsLines(CsvReader& csv, char delimiter) {
+    try {
+        csv.rewind(delimiter);
+        const std::size_t cells = readHeadings(csv).size();
+        CsvRow row;
+        return cells > 1 && (!csv.next(row) || row.cells.size() == cells);
+    } catch (const Refusal&) {
+        return false;  // by this delimiter it is no CSV
+    }
+}
+
+/// The headings; what is one column by commas may be several by another delimiter.
+std::vector<std::string> findHeadings(CsvReader& csv, const Options& options) {
+    std::vector<std::string> headings = readHeadings(csv);
+    const CsvOptions format = csvOptions(options);
+    if (headings.size() != 1 || !options.delimiter.empty() || format.tsv) return headings;
+    char chosen = format.delimiter;
+    if (partsLines(csv, ';')) {
+        chosen = ';';
+        note("{}: taken as parted by \";\"; -d says what parts it", csv.name());
+    } else if (partsLines(csv, '\t')) {
+        chosen = '\t';
+        note("{}: taken as parted by tabs; -d says what parts it", csv.name());
+    }
+    csv.rewind(chosen);
+    return readHeadings(csv);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -114,13 +145,39 @@ struct Importer {
     CsvReader& csv;
     Mapping mapping;
     u64 rows = 0, faults = 0;
-    bool silent = false;  ///< what does not fit has been told
+    bool silent = false;     ///< what does not fit has been told
+    bool isNew = false;      ///< counting columns of a new table keep the values that are given
+    bool asWritten = false;  ///< numbers stay as they are written
     std::vector<Encoded> values{};
+    std::set<int> counted{};  ///< fields of counting columns that have values
 };
 
 void tellCell(Importer& importer, u64 line, const std::string& what) {
     ++importer.faults;
     if (!importer.silent) error("{}: line {}, {}", importer.csv.name(), line, what);
+}
+
+/// A counting column as one that takes any value.
+Column uncounted(const Column& column) {
+    Column plain = column;
+    plain.type = 'I';
+    plain.flags &= static_cast<u8>(~kCounting);
+    return plain;
+}
+
+/// Encodes a value. A counting column of a new table keeps what is given, and its next value
+/// follows the greatest.
+std::string encodeCell(Importer& importer, Column& column, const Given& given, Encoded& encoded) {
+    const bool counting = isCounting(column);
+    const bool kept = importer.isNew && counting && !given.text.empty();
+    const Column as = kept ? uncounted(column) : column;
+    std::string reason = encodeValue(importer.table, as, given, true, encoded);
+    if (!counting || !reason.empty()) return reason;
+    const i64 value = kept ? toInteger(trimmed(given.text)).value_or(0) : column.nextValue;
+    const bool first = importer.counted.insert(column.field).second;
+    const i64 least = first && kept ? 1 : column.nextValue;
+    column.nextValue = static_cast<u32>(std::max(value + column.step, least));
+    return reason;
 }
 
 /// Encodes a row; what does not fit is told and becomes blank.
@@ -133,18 +190,17 @@ void encodeRow(Importer& importer, const CsvRow& row) {
     }
     importer.values.resize(table.columns.size());
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
-        const Column& column = table.columns[i];
+        Column& column = table.columns[i];
         const std::size_t cell = importer.mapping.cells[i];
         const bool present = cell < row.cells.size();
-        const Given given =
-            present ? Given::cell(row.cells[cell].text, row.cells[cell].quoted) : Given{};
-        std::string reason = encodeValue(table, column, given, true, importer.values[i]);
+        Given given = present ? Given::cell(row.cells[cell].text, row.cells[cell].quoted) : Given{};
+        given.asGiven = importer.asWritten;
+        std::string reason = encodeCell(importer, column, given, importer.values[i]);
         if (reason.empty()) continue;
         tellCell(importer, row.line, column.name + ": " + reason);
-        reason = encodeValue(table, column, Given{}, true, importer.values[i]);
+        reason = encodeCell(importer, column, Given{}, importer.values[i]);
         if (!reason.empty()) refuse(table.path, ": ", column.name, ": ", reason);
     }
-    advanceCounters(table);
 }
 
 void writeRow(Importer& importer, const CsvRow& row) {
@@ -160,21 +216,9 @@ void writeRow(Importer& importer, const CsvRow& row) {
     appendRecord(table);
 }
 
-/// The counters of a new table start where its first row says.
-void startCounters(Importer& importer, const CsvRow& row) {
-    for (std::size_t i = 0; i < importer.table.columns.size(); ++i) {
-        Column& column = importer.table.columns[i];
-        const std::size_t cell = importer.mapping.cells[i];
-        if (!isCounting(column) || cell >= row.cells.size()) continue;
-        const i64 first = toInteger(row.cells[cell].text).value_or(-1);
-        if (first >= 0 && first <= 0x7FFFFFFF) column.nextValue = static_cast<u32>(first);
-    }
-}
-
 enum class Pass : u8 {
     Check,  ///< only tell what does not fit
-    Write,
-    WriteNew  ///< into a new table
+    Write
 };
 
 /// Takes all rows after the headings.
@@ -187,7 +231,6 @@ void takeRows(Importer& importer, Pass pass, bool strict) {
     loadCounters(importer.table);
     while (importer.csv.next(row)) {
         leaveIfStopped();
-        if (importer.rows == 0 && pass == Pass::WriteNew) startCounters(importer, row);
         ++importer.rows;
         progress.add(1);
         encodeRow(importer, row);
@@ -224,6 +267,7 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
     if (!options.change.dryRun && importer.rows != 0) {
         const u32 before = table->base->Header.RecordCount;
         beginChange(*table, options.change);
+        cutStray(*table);
         importer.silent = true;
         try {
             takeRows(importer, Pass::Write, false);
@@ -341,7 +385,9 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     table->path = target.path;  // for messages: there it will be
     checkFree(*table, target, options);
     Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
-    takeRows(importer, Pass::WriteNew, !options.lenient);
+    importer.isNew = true;
+    importer.asWritten = plan.like != nullptr;
+    takeRows(importer, Pass::Write, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
     if (!options.change.dryRun) moveFiles(*table, path, target, options);
@@ -350,7 +396,7 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
 
 Status run(const Options& options) {
     CsvReader csv(options.csv, csvOptions(options));
-    const std::vector<std::string> headings = readHeadings(csv);
+    const std::vector<std::string> headings = findHeadings(csv, options);
     return options.append ? append(options, csv, headings) : create(options, csv, headings);
 }
 

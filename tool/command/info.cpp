@@ -56,6 +56,37 @@ void putFields(Output& out, const Table& table) {
     putGrid(out, grid, rows);
 }
 
+/// "unique, descending"
+std::string flagsOf(const Tag& tag) {
+    std::vector<std::string> flags;
+    if (tag.unique) flags.emplace_back("unique");
+    if (tag.candidate) flags.emplace_back("candidate");
+    if (tag.descending) flags.emplace_back("descending");
+    if (tag.bitmap) flags.emplace_back("bitmap");
+    return joined(flags);
+}
+
+void putIndexes(Output& out, const Facts& facts) {
+    for (const IndexFacts& index : facts.indexes) {
+        if (!index.fault.empty()) {
+            out.put(fmt::format("\n  {}\n", escaped(index.fault)));
+            continue;
+        }
+        Grid grid;
+        grid.indent = "  ";
+        grid.columns = {{"tag"}, {"expression"}, {"for"}, {"flags"}, {"collation"}, {"keys", true}};
+        std::vector<std::vector<std::string>> rows;
+        for (std::size_t i = 0; i < index.tags.size(); ++i) {
+            const Tag& tag = index.tags[i];
+            rows.push_back({escaped(tag.name), escaped(tag.expression), escaped(tag.condition),
+                            flagsOf(tag), escaped(tag.collation),
+                            tag.bitmap ? "" : std::to_string(index.keys[i])});
+        }
+        out.put(fmt::format("\n  {} ({})\n", escaped(index.path), index.kind));
+        putGrid(out, grid, rows);
+    }
+}
+
 void putText(Output& out, const Table& table, const Facts& facts) {
     const auto line = [&](std::string_view name, std::string_view text) {
         out.put(fmt::format("  {:<13}{}\n", name, text));
@@ -76,14 +107,16 @@ void putText(Output& out, const Table& table, const Facts& facts) {
     for (const std::string& sentence : table.notes) line("note", escaped(sentence));
     out.put("\n");
     putFields(out, table);
+    putIndexes(out, facts);
 }
 
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
     bool first = true;
+    Listing listing;
     const auto show = [&](const std::string& name) {
-        const auto table = openTable(name, options.table);
-        const Facts facts = factsOf(*table, true);
+        const auto table = openTable(name, options.table, &listing);
+        const Facts facts = factsOf(*table, true, &listing);
         loadCounters(*table);
         if (!std::exchange(first, false) && !options.json) out.put('\n');
         if (options.json) {
@@ -95,7 +128,7 @@ Status run(const Options& options) {
         return kDone;
     };
     const Status status =
-        eachTable(findTables(options.tables.names, options.tables.recursive), show, &out);
+        eachTable(findTables(options.tables.names, options.tables.recursive, &listing), show, &out);
     out.finish();
     return status;
 }

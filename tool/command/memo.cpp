@@ -188,8 +188,10 @@ std::string readInput(const std::string& name) {
     return bytes;
 }
 
-/// A text in UTF-8 goes into the page of a field of texts; anything else stays as it is.
+/// A text in UTF-8 goes into the page of a field of texts; anything else stays as it is. Without
+/// bytes there is to be no memo.
 Given givenOf(const Column& column, const std::string& bytes) {
+    if (bytes.empty()) return Given::ofText(bytes);
     const bool text =
         column.kind == Kind::Memo && isUtf8(bytes) && bytes.find('\0') == std::string::npos;
     return text ? Given::ofText(bytes) : Given::ofBlob(bytes);

@@ -1,11 +1,15 @@
 // mira pack: deleted records go, and what the memo file holds for nobody.
 #include <filesystem>
 
+#include "check/memoloss.h"
 #include "command/change.h"
 #include "command/commands.h"
 #include "command/facts.h"
+#include "tables/change/append.h"
 #include "tables/change/backup.h"
+#include "tables/open/find.h"
 #include "tables/page/refusal.h"
+#include "tables/value/memo.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -14,8 +18,9 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Options {
-    std::vector<std::string> names;
+    TableNames tables;
     ChangeOptions change;
+    bool dropMemos = false;
 };
 
 /// The library leaves the old memo file beside the new one, "~" for the first letter of its
@@ -29,12 +34,32 @@ void removeOldMemos(const Table& table) {
     fs::remove(old.replace_extension(extension), ignored);
 }
 
+/// A memo file whose header gives no block size holds no memo that can be found, and is rebuilt
+/// only when nothing refers to it.
+void clearReferences(const Table& table) {
+    DbfBase* const base = table.base.get();
+    const u32 count = base->Header.RecordCount;
+    for (u32 record = 0; record < count; ++record) {
+        readRecord(table, record);
+        for (const auto* columns : {&table.columns, &table.system}) {
+            for (const Column& column : *columns) {
+                if (holdsReference(column)) ClearField(base, column.field);
+            }
+        }
+        if (WriteRecord(base, record) == 0) {
+            refuse(table.path, ": record ", u64{record} + 1, " cannot be written");
+        }
+    }
+}
+
 /// Ctrl-C waits until a step is done: half of one is nothing to leave behind.
-void packSteps(const Table& table) {
+void packSteps(Table& table, bool losesMemos) {
+    cutStray(table);
     enum : u32 { kRecords = 1, kMemos = 2 };
     for (const u32 step : {kRecords, kMemos}) {
         leaveIfStopped();
         const HoldSignals held;
+        if (step == kMemos && losesMemos && memoUnit(table) == 0) clearReferences(table);
         if (Pack(table.base.get(), step) != 0) continue;
         refuse(
             table.path,
@@ -43,28 +68,39 @@ void packSteps(const Table& table) {
     }
 }
 
-Status packTable(const std::string& name, const ChangeOptions& options) {
+void tellStray(const Table& table, u64 bytes, const char* would) {
+    if (bytes == 0) return;
+    note("{}: {} behind the last record, which are none, {}cut off", table.path,
+         counted(bytes, "byte"), would);
+}
+
+Status packTable(const std::string& name, const Options& packing) {
+    const ChangeOptions& options = packing.change;
     const auto table = openToChange(name, {});
+    const u64 lost = tellLostMemos(*table, packing.dropMemos);
+    const u64 stray = table->strayBytes;
     const Facts before = factsOf(*table, true);
     const std::string records = counted(table->base->Header.RecordCount, "record");
     if (before.deleted != 0) refuseBesideShapes(*table, options);
     if (options.dryRun) {
         note("{}: {} of {} would go, and the memo file ({} bytes) be rebuilt", table->path,
              before.deleted, records, before.memoSize);
-        return kDone;
+        tellStray(*table, stray, "would be ");
+        return lost != 0 ? kFound : kDone;
     }
     beginChange(*table, options);
-    packSteps(*table);
+    packSteps(*table, lost != 0);
     removeOldMemos(*table);
     const u64 after = factsOf(*table, false).memoSize;
     note("{}: {} of {} and {} of {} memo bytes freed", table->path, before.deleted, records,
          before.memoSize > after ? before.memoSize - after : 0, before.memoSize);
-    return kDone;
+    tellStray(*table, stray, "");
+    return lost != 0 ? kFound : kDone;
 }
 
 Status run(const Options& options) {
-    return eachTable(options.names,
-                     [&](const std::string& name) { return packTable(name, options.change); });
+    return eachTable(findTables(options.tables.names, options.tables.recursive),
+                     [&](const std::string& name) { return packTable(name, options); });
 }
 
 }  // namespace
@@ -75,8 +111,10 @@ void addPack(CLI::App& program, Job& job) {
                    "Examples:\n"
                    "  mira pack stock --dry-run\n"
                    "  mira pack *.dbf");
-    command.add_option("TABLE", options.names, "The tables")->required();
+    addTableNames(command, options.tables)->required();
     addChangeOptions(command, options.change);
+    command.add_flag("--drop-memos", options.dropMemos,
+                     "Also where memos are lost that are damaged or lead nowhere");
     addForceOption(command, options.change);
 }
 

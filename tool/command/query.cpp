@@ -9,6 +9,7 @@
 #include "rows/writer.h"
 #include "select/selection.h"
 #include "sqlite/attach.h"
+#include "sqlite/letters.h"
 #include "sqlite/mira_sqlite.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
@@ -23,6 +24,8 @@ constexpr std::pair<const char*, Format> kFormats[] = {{"table", Format::None},
                                                        {"json", Format::Json},
                                                        {"jsonl", Format::JsonLines}};
 
+constexpr std::string_view kBlanks = " \t\r\n";
+
 struct Options {
     std::string sql;
     TableNames tables;
@@ -34,17 +37,56 @@ struct Options {
 
 [[noreturn]] void fail(sqlite3* connection) {
     leaveIfStopped();
+    if (sqlite3_errcode(connection) == SQLITE_AUTH) {
+        refuse("ATTACH and VACUUM INTO are refused: nothing is written without --write");
+    }
     refuse(sqlite3_errmsg(connection));
 }
 
-void tellWarning(const std::string& sentence) { tell(sentence); }
+/// Without --write nothing is, whatever the statement says: ATTACH, of which VACUUM INTO is made,
+/// would make files.
+int refuseAttach(void* /*nothing*/, int action, const char* /*first*/, const char* /*second*/,
+                 const char* /*database*/, const char* /*inner*/) {
+    return action == SQLITE_ATTACH ? SQLITE_DENY : SQLITE_OK;
+}
+
+/// Whether an IN, or a NOT IN, follows a parenthesis, as in (A, B) IN (...). The text is in
+/// capitals.
+bool comparesRows(std::string_view sql) {
+    for (std::size_t end = sql.find(')'); end != std::string_view::npos;
+         end = sql.find(')', end + 1)) {
+        const std::string_view rest = trimmed(sql.substr(end + 1), kBlanks);
+        if (rest.starts_with("IN") || rest.starts_with("NOT")) return true;
+    }
+    return false;
+}
+
+/// *lost becomes true when a value could not be kept.
+sql::Host hostFor(const Options& options, bool* lost) {
+    sql::Host host;
+    host.tell = [lost](sql::Notice notice, const std::string& sentence) {
+        tell(sentence);
+        *lost = *lost || notice == sql::Notice::Loss;
+    };
+    host.pageOption = "--code-page NAME";
+    host.exactOption = "--exact";
+    host.readOnly = !options.write;
+    const std::string sql = upperAscii(options.sql);
+    host.outerJoins = sql.find("JOIN") != std::string::npos;
+    host.rowLists = comparesRows(sql);
+    return host;
+}
 
 /// A database in memory that nothing stays of, with the module in it.
-Connection openConnection() {
+Connection openConnection(const Options& options, bool* lost) {
     sqlite3* opened = nullptr;
     const int result = sqlite3_open(":memory:", &opened);
     Connection connection(opened);
-    if (result != SQLITE_OK || sql::registerMira(opened, tellWarning) != SQLITE_OK) fail(opened);
+    if (result != SQLITE_OK || sql::registerLetters(opened) != SQLITE_OK ||
+        sql::registerMira(opened, hostFor(options, lost)) != SQLITE_OK) {
+        fail(opened);
+    }
+    if (!options.write) sqlite3_set_authorizer(opened, refuseAttach, nullptr);
     watchStops(opened);
     return connection;
 }
@@ -54,6 +96,7 @@ std::string moduleOptions(const Options& options) {
     std::string text =
         textOf(", deleted=", kDeletedWords[static_cast<std::size_t>(options.deleted)].first);
     if (options.write) text += ", writable=1";
+    if (table.exact) text += ", exact=1";
     if (table.longNames) text += ", long_names=1";
     if (!table.asText.empty()) text += ", as_text=" + quotedText(joined(table.asText));
     if (!table.codePage.empty()) text += ", code_page=" + quotedText(table.codePage);
@@ -64,11 +107,12 @@ std::string moduleOptions(const Options& options) {
 Status attachTables(sqlite3* connection, const Options& options) {
     const auto& [names, recursive] = options.tables;
     const std::vector<std::string> here{"."};
-    return eachTable(findTables(names.empty() ? here : names, recursive),
-                     [&](const std::string& path) {
-                         sql::attachTable(connection, path, moduleOptions(options));
-                         return kDone;
-                     });
+    return eachTable(
+        findTables(names.empty() ? here : names, recursive), [&](const std::string& path) {
+            const std::string name = sql::attachTable(connection, path, moduleOptions(options));
+            if (name != stemOf(path)) note("{} is {}", name, path);
+            return kDone;
+        });
 }
 
 /// Names of the columns of an answer, each another one.
@@ -197,12 +241,13 @@ void runAll(Output& out, Format format, sqlite3* connection, const std::string& 
 }
 
 Status run(const Options& options) {
-    const Connection connection = openConnection();
+    bool lost = false;
+    const Connection connection = openConnection(options, &lost);
     const Status attached = attachTables(connection.get(), options);
     Output out(targetOf("-"), false);
     runAll(out, options.format, connection.get(), options.sql);
     out.finish();
-    return attached == kDone ? kDone : kFound;
+    return attached == kDone && !lost ? kDone : kFound;
 }
 
 }  // namespace
@@ -222,6 +267,8 @@ void addQuery(CLI::App& program, Job& job) {
     addChoice(command, "-F,--format", "table (default), csv, tsv, json, jsonl", "FORMAT", kFormats,
               options.format);
     command.add_flag("--write", options.write, "Allow INSERT, UPDATE, DELETE; makes backups");
+    command.add_flag("--exact", options.table.exact,
+                     "Numbers that may have more than 15 digits as text, all digits kept");
     addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
               kDeletedWords, options.deleted);
     addTableOptions(command, options.table);

@@ -142,6 +142,7 @@ Status run(const Options& options) {
     const auto selection = selectFrom(options.table, select);
     std::erase_if(selection->columns,
                   [](const Column& column) { return column.kind == Kind::Deletion; });
+    requireColumns(*selection);
     Output out(targetOf("-"), false);
     if (options.vertical) {
         showVertical(out, *selection);

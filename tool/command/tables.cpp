@@ -18,8 +18,8 @@ struct Options {
     TableOptions table;
 };
 
-std::vector<std::string> rowOf(Table& table, const std::string& folder) {
-    const Facts facts = factsOf(table, false);
+std::vector<std::string> rowOf(Table& table, const std::string& folder, Listing& listing) {
+    const Facts facts = factsOf(table, false, &listing);
     const std::string name = std::filesystem::path(table.path).lexically_relative(folder).string();
     return {escaped(name.empty() ? table.path : name),
             std::string(table.flavour),
@@ -39,11 +39,13 @@ Status run(const Options& options) {
                     {"repaired"}};
     if (!std::filesystem::is_directory(options.folder)) refuse(options.folder, ": no such folder");
     std::vector<std::vector<std::string>> rows;
+    Listing listing;
     const auto addRow = [&](const std::string& path) {
-        rows.push_back(rowOf(*openTable(path, options.table), options.folder));
+        rows.push_back(rowOf(*openTable(path, options.table, &listing), options.folder, listing));
         return kDone;
     };
-    const Status status = eachTable(findTables({options.folder}, options.recursive), addRow);
+    const Status status =
+        eachTable(findTables({options.folder}, options.recursive, &listing), addRow);
     Output out(targetOf("-"), false);
     if (!rows.empty()) putGrid(out, grid, rows);
     out.finish();

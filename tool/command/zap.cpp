@@ -5,6 +5,7 @@
 
 #include "command/change.h"
 #include "command/commands.h"
+#include "tables/change/append.h"
 #include "tables/change/backup.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
@@ -41,6 +42,7 @@ Status run(const Options& options) {
             return kDone;
         }
         beginChange(*table, options.change);
+        cutStray(*table);
         if (Zap(table->base.get()) == 0) refuse(table->path, ": cannot be cut; nothing is changed");
     }
     note("{}: {} {}taken out", table->path, counted(count, "record"),

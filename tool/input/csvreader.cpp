@@ -54,10 +54,9 @@ CsvReader::CsvReader(const std::string& name, const CsvOptions& options)
         if (!page_) refuse("--csv-code-page ", options.codePage, ": no such code page");
     }
     if (csv_init(&parser_, kLenient) != 0) throw std::bad_alloc();
-    csv_set_delim(&parser_, static_cast<unsigned char>(options.delimiter));
     csv_set_space_func(&parser_, noSpace);  // blanks around a cell belong to it
     csv_set_blk_size(&parser_, kChunk);
-    rewind();
+    rewind(options.delimiter);
 }
 
 CsvReader::~CsvReader() { csv_free(&parser_); }
@@ -73,6 +72,12 @@ void CsvReader::rewind() {
     fill();
     const std::string_view start(buffer_.data() + begin_, end_ - begin_);
     if (start.starts_with(kMark)) begin_ += kMark.size();
+}
+
+void CsvReader::rewind(char delimiter) {
+    csv_set_delim(&parser_, static_cast<unsigned char>(delimiter));
+    columns_ = 0;
+    rewind();
 }
 
 u64 CsvReader::countLines() {

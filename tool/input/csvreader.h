@@ -44,6 +44,8 @@ public:
     bool next(CsvRow& row);
     /// Back to the beginning.
     void rewind();
+    /// The same, with another delimiter.
+    void rewind(char delimiter);
     /// Line ends in the whole input; reading goes back to the beginning.
     u64 countLines();
     const std::string& name() const { return name_; }

@@ -15,6 +15,21 @@ constexpr std::string_view kBom = "\xEF\xBB\xBF";
 constexpr std::string_view kPlainBytes =
     "0123456789+-.: ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz/=";
 
+/// Whether a spreadsheet may take a text for a formula: it looks for the sign behind blanks and
+/// line ends, and knows its wide forms (U+FF1D, FF0B, FF0D, FF20), too.
+bool mayBeFormula(std::string_view text) {
+    if (text[0] == '\t' || text[0] == '\r') return true;
+    while (!text.empty() &&
+           (text[0] == ' ' || text[0] == '\n' || text[0] == '\r' || text[0] == '\t')) {
+        text.remove_prefix(1);
+    }
+    for (const std::string_view sign :
+         {"=", "+", "-", "@", "\xEF\xBC\x9D", "\xEF\xBC\x8B", "\xEF\xBC\x8D", "\xEF\xBC\xA0"}) {
+        if (text.starts_with(sign)) return true;
+    }
+    return false;
+}
+
 /// What both have in common: cells of a row with a delimiter between.
 class DelimitedWriter : public RowWriter {
 public:
@@ -86,8 +101,7 @@ private:
             if (headings_[column].mayBeNull) out_.put("\"\"");
             return;
         }
-        constexpr std::string_view kFormula = "=+-@\t\r";
-        if (options_.excel && kFormula.find(text[0]) != std::string_view::npos) {
+        if (options_.excel && mayBeFormula(text)) {
             ++guarded;
             guardedText_.assign("'").append(text);
             text = guardedText_;

@@ -21,10 +21,8 @@ std::string createTable(std::string_view name, const std::vector<Column>& column
     return sql + "\n)";
 }
 
-int bindValue(sqlite3_stmt* statement, int place, const Column& column, const Value& value,
-              bool lasts) {
+int bindValue(sqlite3_stmt* statement, int place, const Stored& stored, bool lasts) {
     const sqlite3_destructor_type copy = lasts ? SQLITE_STATIC : SQLITE_TRANSIENT;
-    const Stored stored = storedAs(column, value);
     const char* const bytes = stored.bytes.data();
     const auto size = static_cast<sqlite3_uint64>(stored.bytes.size());
     switch (stored.storage) {

@@ -31,8 +31,7 @@ enum class Present : u8 { Refuse, Replace, Append };  // what to do with a table
 std::string createTable(std::string_view name, const std::vector<Column>& columns);
 /// Binds a value by the storage classes of tables; places count from 1. A text that does not last
 /// until the statement runs is copied.
-int bindValue(sqlite3_stmt* statement, int place, const Column& column, const Value& value,
-              bool lasts);
+int bindValue(sqlite3_stmt* statement, int place, const Stored& stored, bool lasts);
 
 class Database {
 public:
@@ -44,8 +43,8 @@ public:
     std::string freeName(const std::string& wanted);
     /// Creates a table, and with rows prepares for them.
     void addTable(const std::string& name, const std::vector<Column>& columns);
-    void cell(std::size_t place, const Column& column, const Value& value, bool lasts) {
-        check(bindValue(insert_.get(), static_cast<int>(place) + 1, column, value, lasts));
+    void cell(std::size_t place, const Stored& value, bool lasts) {
+        check(bindValue(insert_.get(), static_cast<int>(place) + 1, value, lasts));
     }
     void endRow();
     /// Everything is written. Throws a Refusal when it could not be.

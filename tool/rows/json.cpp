@@ -88,7 +88,7 @@ private:
         char* const to = out_.room(text.size() + 2);
         to[0] = '"';
         for (std::size_t i = 0; i < text.size(); ++i) {
-            if (isJsonSpecial(text[i])) return false;
+            if (isJsonUnusual(text[i])) return false;
             to[i + 1] = text[i];
         }
         to[text.size() + 1] = '"';

@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <optional>
+#include <set>
 #include <utility>
 
 #include "tables/page/refusal.h"
@@ -25,11 +28,29 @@ constexpr mode_t kNewMode = 0666;
     refuse(name, ": ", what, ": ", std::strerror(errno));
 }
 
+/// The open file that a name stands for; -1 for any other name.
+int descriptorOf(const std::string& name) {
+    constexpr std::pair<std::string_view, int> kNames[] = {{"/dev/stdout", STDOUT_FILENO},
+                                                           {"/dev/stderr", STDERR_FILENO}};
+    for (const auto& [known, descriptor] : kNames) {
+        if (name == known) return descriptor;
+    }
+    for (const std::string_view folder : {"/dev/fd/", "/proc/self/fd/"}) {
+        if (!name.starts_with(folder)) continue;
+        const char* const end = name.data() + name.size();
+        int descriptor = -1;
+        const auto [rest, error] = std::from_chars(name.data() + folder.size(), end, descriptor);
+        if (error == std::errc() && rest == end) return descriptor;
+    }
+    return -1;
+}
+
 /// What a link leads to, also when that is not there yet.
 std::string linkTarget(const std::string& name) {
     fs::path path = name;
     std::error_code error;
     for (int links = 0; links < 40 && fs::is_symlink(fs::symlink_status(path, error)); ++links) {
+        if (descriptorOf(path.string()) >= 0) break;
         const fs::path to = fs::read_symlink(path, error);
         path = to.is_absolute() ? to : path.parent_path() / to;
     }
@@ -62,15 +83,24 @@ void renameWhole(const Target& target, const std::string& from, bool force) {
     if (rename(from.c_str(), to) != 0) fail(target.name, "cannot get its name");
 }
 
+/// What tells a file from all others; nothing when it is not there.
+std::optional<std::pair<dev_t, ino_t>> fileOf(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return std::nullopt;
+    return std::pair(status.st_dev, status.st_ino);
+}
+
 }  // namespace
 
 Target targetOf(const std::string& name) {
     Target target{name, {}, true, false};
-    if (name == "-") {
+    if (name != "-") target.path = linkTarget(name);
+    target.descriptor = name == "-" ? STDOUT_FILENO : descriptorOf(target.path);
+    if (target.descriptor >= 0) {
         target.regular = false;
+        if (target.descriptor == STDOUT_FILENO) target.path.clear();
         return target;
     }
-    target.path = linkTarget(name);
     std::error_code error;
     const fs::file_status status = fs::status(target.path, error);
     target.exists = fs::exists(status);
@@ -82,18 +112,22 @@ Target targetOf(const std::string& name) {
 void checkTargets(const std::vector<Target>& targets, bool force,
                   const std::vector<std::string>& inputs) {
     std::map<std::string, std::string> taken;
+    std::set<std::pair<dev_t, ino_t>> read;
+    for (const std::string& input : inputs) {
+        if (const auto file = fileOf(input)) read.insert(*file);
+    }
     for (const Target& target : targets) {
         if (!target.regular) continue;
+        const std::string& source = target.source.empty() ? target.name : target.source;
         const auto [other, isNew] =
-            taken.emplace(foldCase(fs::path(target.path).lexically_normal().string()), target.name);
+            taken.emplace(foldCase(fs::path(target.path).lexically_normal().string()), source);
         if (!isNew) {
-            refuse("two outputs would have one name: ", other->second, " and ", target.name);
+            refuse(target.name, ": two outputs would have this name, letter case aside: those of ",
+                   other->second, " and ", source);
         }
-        for (const std::string& input : inputs) {
-            std::error_code error;
-            if (target.exists && fs::equivalent(target.path, input, error)) {
-                refuse(target.name, ": is read from, so it cannot be written");
-            }
+        const auto file = target.exists ? fileOf(target.path) : std::nullopt;
+        if (file && read.contains(*file)) {
+            refuse(target.name, ": is read from, so it cannot be written");
         }
         if (target.exists && !force) refuseReplacing(target.name);
     }
@@ -149,6 +183,9 @@ Output::Output(const Target& target, bool force) : target_(target), force_(force
     if (target.path.empty()) {
         descriptor_ = STDOUT_FILENO;
         target_.name = "standard output";
+    } else if (target.descriptor >= 0) {
+        descriptor_ = fcntl(target.descriptor, F_DUPFD_CLOEXEC, 0);
+        if (descriptor_ < 0) fail(target.name, "cannot be written");
     } else if (target.regular) {
         file_ = std::make_unique<TemporaryFile>(target);
         descriptor_ = file_->descriptor();

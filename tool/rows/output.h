@@ -19,6 +19,8 @@ struct Target {
     std::string path;     // links followed; empty for standard output
     bool regular = true;  // a file that is there, or none yet
     bool exists = false;
+    int descriptor = -1;   // one that the program was started with: /dev/fd/N
+    std::string source{};  // the table it is made from; may be empty
 };
 Target targetOf(const std::string& name);
 

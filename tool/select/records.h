@@ -9,7 +9,7 @@
 namespace mira::tool {
 
 /// Reads the records of a table one by one, deleted ones, too, and calls take with the number of
-/// each, from 0, until it returns false. Throws a Refusal, or Stopped.
+/// each, from 0. Throws a Refusal, or Stopped.
 template <typename Take>
 void eachRecord(const Table& table, Take take) {
     const u32 count = table.base->Header.RecordCount;
@@ -17,7 +17,7 @@ void eachRecord(const Table& table, Take take) {
     for (u32 record = 0; record < count; ++record) {
         leaveIfStopped();
         readRecord(table, record);
-        if (!take(record)) return;
+        take(record);
         progress.add(1);
     }
 }

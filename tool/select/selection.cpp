@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "select/runfilter.h"
-#include "tables/open/filter.h"
+#include "tables/filter/filter.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
@@ -97,8 +97,8 @@ void sortView(Table& table, const SelectOptions& options) {
 void tellFault(const Selection& selection, Fault fault) {
     const FaultTally& tally = selection.faults[static_cast<std::size_t>(fault)];
     if (tally.count == 0) return;
-    note("{}: {}, first in record {}, field {}", selection.table->path,
-         faultSentence(fault, tally.count), u64{tally.record} + 1, tally.column);
+    note("{}: {}{}", selection.table->path, faultSentence(fault, tally),
+         fault == Fault::Rounded ? "; --exact keeps all digits" : "");
 }
 
 void addList(CLI::App& command, const char* name, std::vector<std::string>& list,
@@ -142,8 +142,9 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
     command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
 }
 
-std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options) {
-    return selectFrom(openTable(path, options.table), options);
+std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options,
+                                      Listing* listing) {
+    return selectFrom(openTable(path, options.table, listing), options);
 }
 
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options) {
@@ -172,6 +173,13 @@ std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const Selec
     selection->limit = options.limit.value_or(0);
     selection->offset = options.offset;
     return selection;
+}
+
+void requireColumns(const Selection& selection) {
+    if (!selection.columns.empty()) return;
+    refuse(selection.table->path,
+           ": no field of it can be shown; --record gives the numbers of its "
+           "records");
 }
 
 bool nextRow(Selection& s) {

@@ -9,6 +9,7 @@
 
 #include "tables.h"
 #include "tables/column/column.h"
+#include "tables/open/find.h"
 #include "tables/page/text.h"
 #include "tables/value/value.h"
 #include "terminal/progress.h"
@@ -81,9 +82,13 @@ struct Selection {
 };
 
 /// Opens a table and applies everything. Throws a Refusal, or Stopped.
-std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options);
+std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options,
+                                      Listing* listing = nullptr);
 /// The same for a table that is open already (for writing).
 std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const SelectOptions& options);
+
+/// Throws a Refusal when there is nothing of a row to show.
+void requireColumns(const Selection& selection);
 
 /// Reads the next row into RecordBuffer; false after the last one. Its record, from 0, is
 /// cells.record, its position for WriteRecord position - 1. Throws a Refusal for a record that

@@ -14,6 +14,7 @@ namespace {
 
 bool quietly = false;
 std::mutex oneLine;
+thread_local std::vector<std::string>* gathered = nullptr;  // the thread's GatheredMessages
 
 void writeLine(std::string_view sentence) {
     std::string line = "mira: ";
@@ -33,9 +34,22 @@ void writeLine(std::string_view sentence) {
 void setQuiet(bool quiet) { quietly = quiet; }
 bool isQuiet() { return quietly; }
 
-void tellError(std::string_view sentence) { writeLine(sentence); }
+void tellError(std::string_view sentence) {
+    if (gathered != nullptr) {
+        gathered->emplace_back(sentence);
+    } else {
+        writeLine(sentence);
+    }
+}
 void tell(std::string_view sentence) {
-    if (!quietly) writeLine(sentence);
+    if (!quietly) tellError(sentence);
+}
+
+GatheredMessages::GatheredMessages() { gathered = &sentences_; }
+GatheredMessages::~GatheredMessages() { gathered = nullptr; }
+std::vector<std::string> GatheredMessages::take() { return std::exchange(sentences_, {}); }
+void tellGathered(const std::vector<std::string>& sentences) {
+    for (const std::string& sentence : sentences) writeLine(sentence);
 }
 
 int widthOf(std::string_view utf8) {

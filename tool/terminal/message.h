@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "tables.h"
 #include "tables/page/escape.h"
@@ -21,6 +22,20 @@ bool isQuiet();
 void tellError(std::string_view sentence);
 /// Warnings, notes and counts: not when quiet.
 void tell(std::string_view sentence);
+
+/// While one lives, what its thread tells is gathered instead of told. One at a time per thread.
+class GatheredMessages {
+public:
+    GatheredMessages();
+    ~GatheredMessages();
+    GatheredMessages(const GatheredMessages&) = delete;
+    /// As told by tellGathered.
+    std::vector<std::string> take();
+
+private:
+    std::vector<std::string> sentences_;
+};
+void tellGathered(const std::vector<std::string>& sentences);
 
 template <typename... T>
 void error(fmt::format_string<T...> text, T&&... values) {

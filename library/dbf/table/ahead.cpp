@@ -53,7 +53,7 @@ bool ReadAhead::read(std::FILE* file, u64 offset, void* to, u32 count, u32 gap, 
     if (const u8* const bytes = forward ? held(offset, count) : nullptr) {
         std::memcpy(to, bytes, count);
         *got = count;
-    } else if (!seekTo(file, offset)) {
+    } else if (!seekFar(file, offset)) {
         return false;
     } else if (forward && offset - lastEnd_ < gap && count <= kHeld / 2 &&
                fill(file, offset, count)) {

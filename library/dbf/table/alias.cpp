@@ -14,8 +14,20 @@ namespace {
 constexpr char kMark[32] = "Header file MIRA";
 constexpr u32 kHeadingSize = sizeof DbfBase::AliasNames[0];
 
+std::optional<FileId> folderOf(const char* path) {
+    const std::size_t length = splitPath(path).dir.size();
+    const Owned<char> folder = copyText(path);
+    if (!folder) return std::nullopt;
+    folder.get()[length] = 0;
+    return fileId(length != 0 ? folder.get() : ".");
+}
+
+/// Whether two paths are one, however they are spelt; there may be no such file yet.
 bool samePath(const char* a, const char* b) {
-    return a != nullptr && b != nullptr && std::strcmp(a, b) == 0;
+    if (a == nullptr || b == nullptr) return false;
+    const char* const nameA = a + splitPath(a).dir.size();
+    const char* const nameB = b + splitPath(b).dir.size();
+    return std::strcmp(nameA, nameB) == 0 && isSameFile(folderOf(a), folderOf(b));
 }
 
 /// An entry that has no zero byte, or ends with the file, still ends as a text.

@@ -2,7 +2,9 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <utility>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/newfile.h"
 
@@ -54,7 +56,10 @@ bool makeCopy(DbfBase* h) {
 }  // namespace
 
 void backUp(DbfBase* h) {
-    if (h->BackupEnabled != 0) MakeBakFile(h, 0);  // a copy that fails does not stop the write
+    if (h->BackupEnabled == 0) return;
+    PrivateState* const state = h->Private;
+    if (state != nullptr && state->editing && std::exchange(state->backupTried, true)) return;
+    MakeBakFile(h, 0);  // a copy that fails does not stop the write
 }
 
 int MakeBakFile(DbfBase* h, char force) {

@@ -54,7 +54,7 @@ void decodeHeader(const u8* from, DbfHeader* header) {
 
 void stampDate(DbfHeader* header, int yearLimit) {
     std::tm now;
-    if (!localTime(std::time(nullptr), &now)) return;
+    if (!localTimeNow(&now)) return;
     int year = now.tm_year;
     while (year >= yearLimit) year -= 100;
     header->UpdateYear = static_cast<u8>(year);

@@ -34,8 +34,25 @@ inline unsigned fieldLength(const DbfField& f) { return f.Type == 'C' ? wideLeng
 /// A number with decimals and no room for a digit before them: .50 for 0.50.
 inline bool hidesZero(const DbfField& f) { return f.Decimals != 0 && f.Length == f.Decimals + 1; }
 
-/// Bytes of a memo reference that is no integer.
+/// Bytes of a memo reference that is no integer, and of one that is.
 inline constexpr u32 kReferenceSize = 10;
+inline constexpr u32 kIntegerReferenceSize = 4;
+
+/// Whether the bytes of a field are a reference to a memo.
+inline bool holdsReference(const DbfField& f) {
+    const unsigned length = wideLength(f);
+    switch (typeRow(f.Type).reference) {
+        case ReferenceRule::Never:
+            return false;
+        case ReferenceRule::Always:
+            return true;
+        case ReferenceRule::AtLength10:
+            return length == kReferenceSize;
+        case ReferenceRule::AtLength4Or10:
+            return length == kReferenceSize || length == kIntegerReferenceSize;
+    }
+    return false;
+}
 
 /// The field's bytes, cut at the end of the record buffer; empty for a number that names no field.
 inline std::span<u8> fieldBytes(DbfBase* h, const DbfField& f) {

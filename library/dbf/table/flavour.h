@@ -15,6 +15,7 @@ enum class MemoFormat : u8 { None, DBase3, DBase4, FoxPro, Smt };
 
 struct Flavour {
     u32 kind;
+    const char* name;
     u8 version;                 ///< of a new table with memos
     std::string_view versions;  ///< of the tables that belong here
     u32 headerSize;
@@ -47,18 +48,19 @@ inline constexpr auto kD = kDescriptorSize;
 using enum MemoFormat;
 
 inline constexpr Flavour kFlavours[] = {
-    // kind, version, versions, header, descriptor, back link, memo flags, moment, reference,
+    // kind, name, version, versions, header, descriptor, back link, memo flags, moment, reference,
     // memo in B, extension, memos, length in reference
-    {0, 0x83, "\x83\x03", kH, kD, 0, 0, 14, 10, false, ".dbt", DBase3, false},
-    {1, kVersionFoxPro, "\xF5", kH, kD, 0, 0, 14, 10, false, ".fpt", FoxPro, false},
-    {2, 0x8B, "\x8B\x04", kH, kD, 0, 0, 14, 10, true, ".dbt", DBase4, false},
-    {3, 0x30, "\x30\x31\x32", kH, kD, kBackLinkSize, 3, 8, 4, false, ".fpt", FoxPro, false},
-    {4, 0xE5, "\xE5", kH, kD, 0, 0, 14, 10, false, ".smt", Smt, true},
-    {kLevel7Kind, 0x8C, "\x8C", kHeaderSize7, kDescriptorSize7, 0, 0, 14, 10, false, ".dbt", DBase4,
-     false},
+    {0, "dBase III", 0x83, "\x83\x03", kH, kD, 0, 0, 14, 10, false, ".dbt", DBase3, false},
+    {1, "FoxPro", kVersionFoxPro, "\xF5", kH, kD, 0, 0, 14, 10, false, ".fpt", FoxPro, false},
+    {2, "dBase IV", 0x8B, "\x8B\x04", kH, kD, 0, 0, 14, 10, true, ".dbt", DBase4, false},
+    {3, "Visual FoxPro", 0x30, "\x30\x31\x32", kH, kD, kBackLinkSize, 3, 8, 4, false, ".fpt",
+     FoxPro, false},
+    {4, "SMT", 0xE5, "\xE5", kH, kD, 0, 0, 14, 10, false, ".smt", Smt, true},
+    {kLevel7Kind, "level 7", 0x8C, "\x8C", kHeaderSize7, kDescriptorSize7, 0, 0, 14, 10, false,
+     ".dbt", DBase4, false},
     // Other kinds, and versions whose memos nobody can read. These count as kind 0.
-    {0, kVersionPlain, "\x02\x43\x63\xCB\xFB\x42\x62\x82\x8A\xCA\xF4\xFA", kH, kD, 0, 0, 14, 10,
-     false, ".dbv", None, false},
+    {0, "dBase family", kVersionPlain, "\x02\x43\x63\xCB\xFB\x42\x62\x82\x8A\xCA\xF4\xFA", kH, kD,
+     0, 0, 14, 10, false, ".dbv", None, false},
 };
 inline constexpr std::size_t kOther = std::size(kFlavours) - 1;
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "dbf/table/ahead.h"
 #include "mira.h"
@@ -19,8 +20,11 @@ struct PrivateState {
     ReadAhead ahead;
     u32 sortOrderCount = 0;      ///< entries in SortOrder; 0 for as many as reccount()
     std::optional<FileId> file;  ///< the table's, which none of its other files may be
-    bool unfinished = true;      ///< a rebuild of the memo file may have stopped half-way
-    bool packing = false;        ///< Pack is giving records their new memo references
+    std::FILE* own = nullptr;    ///< the table's stream, unbuffered, if the library has opened it
+    bool editing = false;        ///< an edit that takes more than one write is running
+    bool backupTried = false;    ///< that edit has asked for its backup copy
+    bool halfEdited = false;     ///< records are not where a failed edit would look for them
+    bool packing = false;        ///< Pack is writing a record
     bool foreignLevel7 = false;  ///< level-7 table of another maker: signed integers
     /// Prepared expressions, as the modules that prepare them keep them.
     std::unique_ptr<void, void (*)(void*)> expressions{nullptr, releaseNothing};
@@ -28,6 +32,41 @@ struct PrivateState {
 
 /// The state of a handle, made when there is none; null without memory.
 PrivateState* keepPrivate(DbfBase*);
+
+/// Lasts as long as an edit that takes more than one write: a backup copy that fails at its
+/// beginning is not tried again before its end, when the table is half edited. Edits nest.
+class Editing {
+public:
+    explicit Editing(DbfBase* h) : handle_(h) {
+        PrivateState* const state = keepPrivate(h);
+        if (state == nullptr) return;
+        ready_ = true;
+        inner_ = std::exchange(state->editing, true);
+        if (!inner_) state->backupTried = false;
+    }
+    ~Editing() {
+        // A hook may have closed the file.
+        if (ready_ && handle_->Private != nullptr) handle_->Private->editing = inner_;
+    }
+    Editing(const Editing&) = delete;
+    Editing& operator=(const Editing&) = delete;
+
+    /// False without memory.
+    bool ready() const { return ready_; }
+
+private:
+    DbfBase* handle_;
+    bool ready_ = false;
+    bool inner_ = false;
+};
+
+inline bool isHalfEdited(const DbfBase* h) {
+    return h->Private != nullptr && h->Private->halfEdited;
+}
+/// Whether the stream has no buffer, so that its file may be written without it.
+inline bool isOwnStream(const DbfBase* h) {
+    return h->Private != nullptr && h->Private->own == h->TableFile && h->TableFile != nullptr;
+}
 
 inline bool isForeignLevel7(const DbfBase* h) {
     return h->Private != nullptr && h->Private->foreignLevel7;

@@ -15,23 +15,31 @@ bool readTable(DbfBase* h, u64 offset, void* buffer, u32 count, u32* got, bool f
         const u32 gap = h->Header.RecordLength;
         return h->Private->ahead.read(h->TableFile, offset, buffer, count, gap, fresh, got);
     }
-    if (!seekTo(h->TableFile, offset)) return false;
+    if (!seekFar(h->TableFile, offset)) return false;
     *got = ReadFile(h->TableFile, buffer, static_cast<i32>(count));
     return true;
 }
 
-bool writeTableHere(DbfBase* h, u64 offset, const void* buffer, u32 count) {
-    const bool written = writeExact(h->TableFile, buffer, count);
-    if (written && h->Private != nullptr) {
+u32 putTable(DbfBase* h, u64 offset, const void* buffer, u32 count) {
+    u32 done = 0;
+    if (offset + count > kReachable) return 0;
+    if (isOwnStream(h)) {
+        done = writePlaced(h->TableFile, offset, buffer, count);
+    } else if (seekTo(h->TableFile, offset)) {
+        done = writeExact(h->TableFile, buffer, count) ? count : 0;
+    } else {
+        return 0;
+    }
+    if (done == count && h->Private != nullptr) {
         h->Private->ahead.wrote(h->TableFile, offset, buffer, count);
     } else {
         tableChanged(h);
     }
-    return written;
+    return done;
 }
 
 bool writeTable(DbfBase* h, u64 offset, const void* buffer, u32 count) {
-    return seekTo(h->TableFile, offset) && writeTableHere(h, offset, buffer, count);
+    return putTable(h, offset, buffer, count) == count;
 }
 
 void tableChanged(DbfBase* h) { changesOf(h->TableFile).fetch_add(1, std::memory_order_acq_rel); }
@@ -40,6 +48,21 @@ u32 recordsInFile(const DbfBase* h, u64 size) {
     if (size < h->Header.HeaderLength || h->Header.RecordLength == 0) return 0;
     const u64 count = (size - h->Header.HeaderLength) / h->Header.RecordLength;
     return static_cast<u32>(std::min<u64>(count, kNoPosition - 1));
+}
+
+std::optional<u64> unchangedSize(const DbfBase* h, bool mayBeShort) {
+    const bool known = h->Private != nullptr && h->Private->file.has_value();
+    const std::optional<FileId> own = known ? h->Private->file : fileId(h->TableFile);
+    std::optional<FileFacts> facts = factsOf(h->FileName);
+    if (facts && facts->id != own) return std::nullopt;
+    if (!facts) facts = factsOf(h->TableFile);  // the name leads nowhere
+    if (!facts) return std::nullopt;
+    // Records that are not there need no header either.
+    const u64 end = h->Header.RecordCount != 0 ? offsetOf(h, h->Header.RecordCount) : 0;
+    const u64 room = std::max<u64>(h->Header.RecordLength, 2);  // an end byte is no record
+    const bool holdsMore = facts->size >= offsetOf(h, h->Header.RecordCount) + room;
+    const bool whole = mayBeShort || facts->size >= end;
+    return whole && !holdsMore ? std::optional(facts->size) : std::nullopt;
 }
 
 u32 reccount(DbfBase* h) {
@@ -76,18 +99,18 @@ i32 fieldno(DbfBase* h, int index) {
 
 int SeekRecord(DbfBase* h, u32 position) {
     const std::optional<u32> record = recordAt(h, position);
-    return record && seekTo(h->TableFile, offsetOf(h, *record)) ? 1 : 0;
+    return record && seekFar(h->TableFile, offsetOf(h, *record)) ? 1 : 0;
 }
 
 int InternalSeekRecord(DbfBase* h, u32 record) {
-    return seekTo(h->TableFile, offsetOf(h, record)) ? 1 : 0;
+    return seekFar(h->TableFile, offsetOf(h, record)) ? 1 : 0;
 }
 
 int SeekField(DbfBase* h, u32 position, int field) {
     const DbfField* f = tableField(h, field);
     const std::optional<u32> record = recordAt(h, position);
     if (f == nullptr || !record) return 0;
-    return seekTo(h->TableFile, offsetOf(h, *record, f->Offset)) ? 1 : 0;
+    return seekFar(h->TableFile, offsetOf(h, *record, f->Offset)) ? 1 : 0;
 }
 
 bool readPhysicalRecord(DbfBase* h, u32 record) {
@@ -137,6 +160,7 @@ int RefreshDatabase(DbfBase* h) {
     if (h->Private != nullptr) h->Private->ahead.drop();
     const std::optional<u64> size = fileSize(h->TableFile);
     if (!size) return 0;
+    if (h->Private != nullptr) h->Private->halfEdited = false;
     const u32 count = recordsInFile(h, *size);
     if (count == h->Header.RecordCount) return 0;
     h->Header.RecordCount = count;

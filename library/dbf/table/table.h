@@ -2,6 +2,7 @@
 // and out of the table file.
 #pragma once
 
+#include <optional>
 #include <string_view>
 
 #include "dbf/table/field.h"
@@ -57,8 +58,18 @@ void stampDate(DbfHeader*, int yearLimit);
 DbfField decodeDescriptor(const u8* from, u32 descriptorSize, bool foreign);
 
 // format.cpp
-/// ReadFields; fresh says that AliasNames is still zero and need not be cleared.
-char readFields(DbfBase*, bool fresh);
+/// The first bytes of a table file, with the header and, of most tables, all descriptors.
+struct TableStart {
+    u64 fileSize;
+    u32 count;  ///< bytes read; fewer than there is room for only at the end of the file
+    u8 bytes[2048];
+};
+/// Reads them from a stream at its start; false when that is not possible.
+bool readStart(const DbfBase*, u64 fileSize, TableStart*);
+/// Level7Detect and ReadHeader.
+bool decodeStart(DbfBase*, const TableStart&);
+/// ReadFields of a new handle, whose stream stands behind the start.
+bool readFields(DbfBase*, const TableStart*);
 
 // records.cpp
 /// Reads up to count bytes at a file offset of the table; fresh ones are never from what is read
@@ -69,12 +80,17 @@ bool readTable(DbfBase*, u64 offset, void* buffer, u32 count, u32* got, bool fre
 bool readPhysicalRecord(DbfBase*, u32 record);
 /// ReadByte; fresh looks at the file in any case.
 bool readFlag(DbfBase*, u32 position, bool fresh);
-/// Writes count bytes at a file offset of the table.
+/// Writes count bytes at a file offset of the table; nothing beyond kReachable.
 bool writeTable(DbfBase*, u64 offset, const void* buffer, u32 count);
-/// writeTable for a table file that stands at offset already.
-bool writeTableHere(DbfBase*, u64 offset, const void* buffer, u32 count);
+/// The same; returns the bytes that the operating system has taken.
+u32 putTable(DbfBase*, u64 offset, const void* buffer, u32 count);
 /// Tells every handle of the file, this one included, that the file has changed.
 void tableChanged(DbfBase*);
+/// Size of the table file as long as it is what the handle knows: it holds the records that are
+/// counted and less than one more, and its name leads to no other file. None when another program,
+/// or another handle, has changed it: what an edit moved, cut or wrote over would not be its own.
+/// Some edits find out themselves that records are missing: mayBeShort.
+std::optional<u64> unchangedSize(const DbfBase*, bool mayBeShort = false);
 /// (size - HeaderLength) / RecordLength, 0 for a file shorter than its header.
 u32 recordsInFile(const DbfBase*, u64 size);
 

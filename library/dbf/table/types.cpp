@@ -27,6 +27,38 @@ char if_memo_type(DbfBase* h, int field) {
     return value == ValueClass::Memo || memoInB ? 1 : 0;
 }
 
+FieldClass GetFieldClass(DbfBase* h, int field) {
+    const DbfField* f = tableField(h, field);
+    if (f == nullptr) return FieldClass::None;
+    if (holdsReference(*f)) return FieldClass::Memo;
+    switch (valueClass(*f)) {
+        case ValueClass::None:
+        case ValueClass::Memo:  // too long or too short for a reference
+            return FieldClass::None;
+        case ValueClass::Text:
+            return FieldClass::Text;
+        case ValueClass::System:
+            return FieldClass::System;
+        case ValueClass::Logical:
+            return FieldClass::Logical;
+        case ValueClass::Date:
+            return FieldClass::Date;
+        case ValueClass::Moment:
+            return FieldClass::Moment;
+        case ValueClass::Decimal:
+            return FieldClass::Decimal;
+        case ValueClass::Integer:
+            return FieldClass::Integer;
+        case ValueClass::Ordered:
+            return FieldClass::Double;
+        case ValueClass::Currency:
+            return FieldClass::Currency;
+        case ValueClass::BinaryOrDouble:
+            return isNumeric(*f) ? FieldClass::Double : FieldClass::None;
+    }
+    return FieldClass::None;
+}
+
 char FieldBlankChar(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return 0;
@@ -54,7 +86,15 @@ void ClearField(DbfBase* h, int field) {
 
 void ClearRecord(DbfBase* h) {
     h->RecordBuffer[0] = kPresent;
-    for (int field = 0; field < h->FieldCount; ++field) ClearField(h, field);
+    u32 end = 1;
+    for (int field = 0; field < h->FieldCount; ++field) {
+        ClearField(h, field);
+        end += fieldLength(h->Fields[field]);
+    }
+    // A record may be longer than its fields.
+    if (end < h->Header.RecordLength) {
+        std::memset(h->RecordBuffer + end, kPresent, h->Header.RecordLength - end);
+    }
 }
 
 int fieldNamed(const DbfBase* h, std::string_view name, int from) {

@@ -8,7 +8,8 @@
 
 namespace mira {
 
-/// How the values of a field are encoded.
+/// How the library treats the values of a field: FieldClass, with the letters apart whose values
+/// are read in ways of their own.
 enum class ValueClass : u8 {
     None,
     Text,
@@ -25,6 +26,8 @@ enum class ValueClass : u8 {
 };
 enum class BlankRule : u8 { Spaces, Zeros, SpacesAtLength14, ZerosAtLength8Or4, Reference };
 enum class NumericRule : u8 { Never, Always, AtLength8 };
+/// Whether the bytes of a field are a reference to a memo.
+enum class ReferenceRule : u8 { Never, Always, AtLength10, AtLength4Or10 };
 /// The length that a field of a new table gets.
 enum class SizeRule : u8 { AsGiven, One, Four, Eight, Moment, Reference, BinaryOrDouble };
 
@@ -41,6 +44,7 @@ struct TypeRow {
     ValueClass value;
     BlankRule blank;
     NumericRule numeric;
+    ReferenceRule reference;
     SizeRule size;
     u8 width;       ///< on a screen; 0 for as many characters as the field is long
     bool accepted;  ///< tables with this letter open without remark
@@ -54,30 +58,35 @@ using S = SizeRule;
 inline constexpr auto kNever = NumericRule::Never;
 inline constexpr auto kAlways = NumericRule::Always;
 inline constexpr auto kAt8 = NumericRule::AtLength8;
+inline constexpr auto kNone = ReferenceRule::Never;
+inline constexpr auto kAny = ReferenceRule::Always;
+inline constexpr auto kAt10 = ReferenceRule::AtLength10;
+inline constexpr auto kAt4Or10 = ReferenceRule::AtLength4Or10;
 
 inline constexpr TypeRow kTypeRows[] = {
-    // letter, name, name at length 8, value, blank, numeric, size, width, accepted
-    {0, "Unknown", nullptr, V::None, Zeros, kNever, S::AsGiven, 0, false},
-    {'C', "Character", nullptr, V::Text, Spaces, kNever, S::AsGiven, 0, true},
-    {'N', "Numeric", nullptr, V::Decimal, Spaces, kAlways, S::AsGiven, 0, true},
-    {'F', "Float", nullptr, V::Decimal, Spaces, kAlways, S::AsGiven, 0, true},
-    {'D', "Date", nullptr, V::Date, Spaces, kNever, S::Eight, 0, true},
-    {'L', "Logical", nullptr, V::Logical, Spaces, kNever, S::One, 0, true},
-    {'M', "Memo", nullptr, V::Memo, Reference, kNever, S::Reference, kIntegerWidth, true},
-    {'T', "DateTime", nullptr, V::Moment, SpacesAtLength14, kNever, S::Moment, 0, true},
-    {'G', "General", nullptr, V::Memo, Reference, kNever, S::Reference, kIntegerWidth, true},
-    {'Y', "Currency", nullptr, V::Currency, Zeros, kAlways, S::Eight, kCurrencyWidth, true},
-    {'B', "Binary", "Double", V::BinaryOrDouble, ZerosAtLength8Or4, kAt8, S::BinaryOrDouble,
+    // letter, name, name at length 8, value, blank, numeric, reference, size, width, accepted
+    {0, "Unknown", nullptr, V::None, Zeros, kNever, kNone, S::AsGiven, 0, false},
+    {'C', "Character", nullptr, V::Text, Spaces, kNever, kNone, S::AsGiven, 0, true},
+    {'N', "Numeric", nullptr, V::Decimal, Spaces, kAlways, kNone, S::AsGiven, 0, true},
+    {'F', "Float", nullptr, V::Decimal, Spaces, kAlways, kNone, S::AsGiven, 0, true},
+    {'D', "Date", nullptr, V::Date, Spaces, kNever, kNone, S::Eight, 0, true},
+    {'L', "Logical", nullptr, V::Logical, Spaces, kNever, kNone, S::One, 0, true},
+    {'M', "Memo", nullptr, V::Memo, Reference, kNever, kAny, S::Reference, kIntegerWidth, true},
+    {'T', "DateTime", nullptr, V::Moment, SpacesAtLength14, kNever, kNone, S::Moment, 0, true},
+    {'G', "General", nullptr, V::Memo, Reference, kNever, kAny, S::Reference, kIntegerWidth, true},
+    {'Y', "Currency", nullptr, V::Currency, Zeros, kAlways, kNone, S::Eight, kCurrencyWidth, true},
+    {'B', "Binary", "Double", V::BinaryOrDouble, ZerosAtLength8Or4, kAt8, kAt10, S::BinaryOrDouble,
      kDoubleWidth, true},
-    {'I', "Integer", nullptr, V::Integer, Zeros, kAlways, S::Four, kIntegerWidth, true},
-    {'0', "System", nullptr, V::System, Zeros, kNever, S::AsGiven, 0, true},
-    {'@', "DateTime", nullptr, V::Moment, SpacesAtLength14, kNever, S::Moment, 0, true},
-    {'+', "Integer", nullptr, V::Integer, Zeros, kAlways, S::Four, kIntegerWidth, true},
-    {'O', "Binary", "Double", V::Ordered, Zeros, kAlways, S::BinaryOrDouble, kDoubleWidth, true},
-    {'V', "Variant", nullptr, V::Text, Spaces, kNever, S::AsGiven, 0, true},
-    {'Q', "Varbinary", nullptr, V::Text, Zeros, kNever, S::AsGiven, 0, true},
-    {'W', "Blob", nullptr, V::Memo, Zeros, kNever, S::AsGiven, 0, true},
-    {'P', "Picture", nullptr, V::None, Zeros, kNever, S::AsGiven, 0, false},
+    {'I', "Integer", nullptr, V::Integer, Zeros, kAlways, kNone, S::Four, kIntegerWidth, true},
+    {'0', "System", nullptr, V::System, Zeros, kNever, kNone, S::AsGiven, 0, true},
+    {'@', "DateTime", nullptr, V::Moment, SpacesAtLength14, kNever, kNone, S::Moment, 0, true},
+    {'+', "Integer", nullptr, V::Integer, Zeros, kAlways, kNone, S::Four, kIntegerWidth, true},
+    {'O', "Binary", "Double", V::Ordered, Zeros, kAlways, kNone, S::BinaryOrDouble, kDoubleWidth,
+     true},
+    {'V', "Variant", nullptr, V::Text, Spaces, kNever, kNone, S::AsGiven, 0, true},
+    {'Q', "Varbinary", nullptr, V::Text, Zeros, kNever, kNone, S::AsGiven, 0, true},
+    {'W', "Blob", nullptr, V::Memo, Zeros, kNever, kAt4Or10, S::AsGiven, 0, true},
+    {'P', "Picture", nullptr, V::None, Zeros, kNever, kAt4Or10, S::AsGiven, 0, false},
 };
 
 /// Index into kTypeRows by letter; 0, the unknown row, for every other byte.

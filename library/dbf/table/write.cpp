@@ -4,10 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dbf/table/packlog.h"
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
+#include "internal/restore.h"
 
 namespace mira {
 
@@ -20,13 +22,11 @@ constexpr int kTwoDigitYears = 100;
 /// that cannot be reached stops it before the hook is called and Modified is set.
 int writeAt(DbfBase* h, u32 record, u32 column, RecordHook hook, const void* bytes, u32 count) {
     const u64 offset = offsetOf(h, record, column);
-    if (!isWithinReach(h, record) || !seekTo(h->TableFile, offset)) return 0;
+    if (isClosed(h) || !isWithinReach(h, record)) return 0;
     if (hook != nullptr) hook(h);
+    if (!mayWriteReferences(h, record, column, count)) return 0;
     h->Modified = 1;
-    // The hook may have read other records, so the place is looked up anew after it.
-    const bool written = hook != nullptr ? writeTable(h, offset, bytes, count)
-                                         : writeTableHere(h, offset, bytes, count);
-    return written ? 1 : 0;
+    return writeTable(h, offset, bytes, count) ? 1 : 0;
 }
 
 /// writeAt for a column of the record that a position designates.
@@ -66,16 +66,39 @@ void joinView(DbfBase* h) {
     if (h->FilterIndex != nullptr) h->FilterIndex[h->FilterCount++] = h->Header.RecordCount;
 }
 
+/// Writes RecordBuffer and the end-of-file byte, which does not count, in one.
+bool writeWithEnd(DbfBase* h, u32 record) {
+    const u32 length = h->Header.RecordLength;
+    const Restore end(h->RecordBuffer[length],
+                      kEndOfFile);  // in the bytes after the buffer at most
+    return putTable(h, offsetOf(h, record), h->RecordBuffer, length + 1) >= length;
+}
+
 /// Writes RecordBuffer after the last record that is there once the hook, which may append others
 /// or change the view, has run. The view has room for the record then.
 bool writeLast(DbfBase* h) {
+    const Restore physical(h->UseFilterIndex, u8{0}, u8{1});
     backUp(h);
     if (!isWithinReach(h, h->Header.RecordCount)) return false;
-    if (h->BeforeWrite != nullptr) h->BeforeWrite(h);
+    if (h->BeforeWrite != nullptr) {
+        h->BeforeWrite(h);
+        if (isClosed(h) || !unchangedSize(h)) return false;
+    }
     const u32 record = h->Header.RecordCount;
-    if (isClosed(h) || !isWithinReach(h, record) || !growView(h)) return false;
+    if (!isWithinReach(h, record) || !growView(h)) return false;
+    if (!mayWriteReferences(h, record, 0, h->Header.RecordLength)) return false;
     h->Modified = 1;
-    return writeTable(h, offsetOf(h, record), h->RecordBuffer, h->Header.RecordLength);
+    return writeWithEnd(h, record);
+}
+
+/// The header with the day of today.
+bool stampHeader(DbfBase* h) {
+    stampDate(&h->Header, kTwoDigitYears);
+    u8 image[sizeof(DbfHeader)];
+    encodeHeader(h->Header, image);
+    const bool written = writeTable(h, 0, image, h->HeaderSize);
+    h->Modified = 1;
+    return written;
 }
 
 }  // namespace
@@ -103,27 +126,19 @@ int WriteField(DbfBase* h, u32 position, int field) {
 
 int WriteHeader(DbfBase* h) {
     if (isClosed(h)) return 0;
-    stampDate(&h->Header, kTwoDigitYears);
-    u8 image[sizeof(DbfHeader)];
-    encodeHeader(h->Header, image);
-    const bool written = writeTable(h, 0, image, h->HeaderSize);
+    const bool written = stampHeader(h);
     // The end-of-file byte does not count: readers go by the record count.
     writeTable(h, offsetOf(h, h->Header.RecordCount), &kEndOfFile, 1);
-    h->Modified = 1;
     return written ? 1 : 0;
 }
 
 int AppendBlank(DbfBase* h, char clear) {
-    if (isClosed(h)) return 0;
+    if (isClosed(h) || !unchangedSize(h)) return 0;
     if (clear != 0) ClearRecord(h);
-    if (!growView(h)) return 0;
-    h->UseFilterIndex = 0;
-    const bool written = writeLast(h);
-    h->UseFilterIndex = 1;
-    if (!written) return 0;
+    if (!growView(h) || !writeLast(h)) return 0;
     joinView(h);
     ++h->Header.RecordCount;
-    return WriteHeader(h);
+    return stampHeader(h) ? 1 : 0;
 }
 
 int DupRecord(DbfBase* h) {

@@ -17,6 +17,7 @@
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "dbf/value/value.h"
+#include "internal/ascii.h"
 #include "internal/bytes.h"
 #include "internal/clock.h"
 #include "internal/datelayout.h"
@@ -104,14 +105,26 @@ Moment loadMoment(const std::array<u8, 8>& bytes) {
     return {static_cast<i32>(loadLe32(bytes.data())), static_cast<i32>(loadLe32(&bytes[4]))};
 }
 
-DateTime decodeForeign(const std::array<u8, 8>& bytes) {
+constexpr Moment kNoMoment = {kLastDay + 1, 0};
+bool isMoment(Moment m) {
+    return m.day > kDayBeforeYear0 && m.day <= kLastDay && m.milliseconds >= 0 &&
+           m.milliseconds < kDayMilliseconds;
+}
+
+Moment loadForeign(const std::array<u8, 8>& bytes) {
     const double value = loadBeDouble(bytes.data());
     constexpr double limit =
         static_cast<double>((kLastDay - kDayBeforeYear1 + 1) * kDayMilliseconds);
-    if (!(value >= static_cast<double>(kDayMilliseconds) && value < limit)) return {};
+    if (!(value >= static_cast<double>(kDayMilliseconds) && value < limit)) return kNoMoment;
     const i64 milliseconds = static_cast<i64>(value);
-    return splitMoment(kDayBeforeYear1 + milliseconds / kDayMilliseconds,
-                       milliseconds % kDayMilliseconds);
+    return {static_cast<i32>(kDayBeforeYear1 + milliseconds / kDayMilliseconds),
+            static_cast<i32>(milliseconds % kDayMilliseconds)};
+}
+
+/// The moment of a field that holds 8 bytes.
+Moment binaryMoment(DbfBase* h, int field) {
+    const auto bytes = fieldPrefix<8>(h, field);
+    return isForeign(h, h->Fields[field]) ? loadForeign(bytes) : loadMoment(bytes);
 }
 
 /// Reads eight digits at once. False, with nothing read, when a byte is no digit.
@@ -147,9 +160,7 @@ DateTime decode(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return {};
     if (!isBinary(*f)) return readText(storedText(h, field), kDateLayouts[0], hasTime(*f));
-    const auto bytes = fieldPrefix<8>(h, field);
-    if (isForeign(h, *f)) return decodeForeign(bytes);
-    const Moment moment = loadMoment(bytes);
+    const Moment moment = binaryMoment(h, field);
     return splitMoment(moment.day, moment.milliseconds);
 }
 
@@ -249,11 +260,13 @@ void storeDigits(DbfBase* h, int field, const DateTime& v) {
     SetString(h, field, text);
 }
 
-void storeBinary(DbfBase* h, int field, const DateTime& v) {
+i64 millisecondsOf(const DateTime& v) {
+    return (v.second + i64{60} * v.minute + i64{3600} * v.hour) * 1000;
+}
+
+void storeBinary(DbfBase* h, int field, i64 day, i64 milliseconds) {
     u8* to = fieldRoom<8>(h, field);
     if (to == nullptr) return;
-    const i64 day = dayNumber(v.year, v.month, v.day);
-    const i64 milliseconds = (v.second + i64{60} * v.minute + i64{3600} * v.hour) * 1000;
     if (isForeign(h, h->Fields[field])) {
         storeBeDouble(
             to, static_cast<double>((day - kDayBeforeYear1) * kDayMilliseconds + milliseconds));
@@ -266,10 +279,32 @@ void storeBinary(DbfBase* h, int field, const DateTime& v) {
 void store(DbfBase* h, int field, const DateTime& v) {
     if (v.month < 1 || v.month > 12) return;
     if (isBinary(h->Fields[field])) {
-        storeBinary(h, field, v);
+        storeBinary(h, field, dayNumber(v.year, v.month, v.day), millisecondsOf(v));
     } else {
         storeDigits(h, field, v);
     }
+}
+
+/// The moment of 14 digits that stand alone between blanks or zero bytes.
+Moment digitsMoment(std::string_view text) {
+    constexpr std::string_view padding(" \0", 2);
+    text.remove_prefix(std::min(text.find_first_not_of(padding), text.size()));
+    text = text.substr(0, text.find_last_not_of(padding) + 1);
+    if (text.size() != kDateTimeDigits || !std::all_of(text.begin(), text.end(), isDigit)) {
+        return kNoMoment;
+    }
+    const DateTime v = readText(text, kDateLayouts[0], true);
+    if (!isValid(v)) return kNoMoment;
+    return {static_cast<i32>(dayNumber(v.year, v.month, v.day)),
+            static_cast<i32>(millisecondsOf(v))};
+}
+
+/// Whether a field can hold a moment so that it reads back unchanged.
+bool canHold(DbfBase* h, const DbfField& f, Moment m) {
+    if (!isBinary(f)) {
+        return fieldBytes(h, f).size() >= kDateTimeDigits && m.milliseconds % 1000 == 0;
+    }
+    return !isForeign(h, f) || m.day > kDayBeforeYear1;
 }
 
 }  // namespace
@@ -348,6 +383,29 @@ void SetDateTimeS(DbfBase* h, int field, const char* text) {
     } else if (isDateOrMoment(*f)) {
         store(h, field, v);
     }
+}
+
+int GetMoment(DbfBase* h, int field, i32* day, i32* milliseconds) {
+    const DbfField* f = tableField(h, field);
+    if (f == nullptr || !hasTime(*f)) return 0;
+    const Moment m = isBinary(*f) ? binaryMoment(h, field) : digitsMoment(storedText(h, *f));
+    if (!isMoment(m)) return 0;
+    *day = m.day;
+    *milliseconds = m.milliseconds;
+    return 1;
+}
+
+int SetMoment(DbfBase* h, int field, i32 day, i32 milliseconds) {
+    const DbfField* f = tableField(h, field);
+    const Moment m{day, milliseconds};
+    if (f == nullptr || !hasTime(*f) || !isMoment(m) || !canHold(h, *f, m)) return 0;
+    if (isBinary(*f)) {
+        storeBinary(h, field, day, milliseconds);
+    } else {
+        ClearField(h, field);  // which may be longer
+        storeDigits(h, field, splitMoment(day, milliseconds));
+    }
+    return 1;
 }
 
 u32 GetTimeStamp(DbfBase* /*h*/, int /*field*/) { return kNoTimeStamp; }

@@ -33,6 +33,15 @@ bool storeText(DbfBase* h, int field, const char* text, std::size_t length) {
     return true;
 }
 
+bool isCurrency(const DbfBase* h, int field) {
+    const DbfField* f = tableField(h, field);
+    return f != nullptr && valueClass(*f) == ValueClass::Currency;
+}
+
+i64 currencyUnits(const DbfBase* h, int field) {
+    return static_cast<i64>(loadLe64(fieldPrefix<8>(h, field).data()));
+}
+
 /// A currency in ten-thousandths, cut. Reading and scaling round, so what lies as near to a whole
 /// number as they account for is this number: every value read comes back unchanged.
 double cutCurrency(double value) {
@@ -86,14 +95,26 @@ void SetInvertedDouble(DbfBase* h, int field, double value) {
 }
 
 double GetCurrency(DbfBase* h, int field) {
-    const u64 stored = loadLe64(fieldPrefix<8>(h, field).data());
-    return static_cast<double>(static_cast<i64>(stored)) / kCurrencyScale;
+    return static_cast<double>(currencyUnits(h, field)) / kCurrencyScale;
 }
 
 void SetCurrency(DbfBase* h, int field, double value) {
     u8* to = fieldRoom<8>(h, field);
     const std::optional<i64> scaled = toI64(cutCurrency(value));
     if (to != nullptr && scaled) storeLe64(to, static_cast<u64>(*scaled));
+}
+
+int GetCurrencyUnits(DbfBase* h, int field, i64* tenThousandths) {
+    if (!isCurrency(h, field)) return 0;
+    *tenThousandths = currencyUnits(h, field);
+    return 1;
+}
+
+int SetCurrencyUnits(DbfBase* h, int field, i64 tenThousandths) {
+    u8* to = isCurrency(h, field) ? fieldRoom<8>(h, field) : nullptr;
+    if (to == nullptr) return 0;
+    storeLe64(to, static_cast<u64>(tenThousandths));
+    return 1;
 }
 
 double GetNumeric(DbfBase* h, int field) {

@@ -10,7 +10,10 @@
 // Block 0 means no memo; in SMT tables ten zero bytes do.
 #include "dbf/value/reference.h"
 
+#include <charconv>
 #include <cstring>
+#include <optional>
+#include <string_view>
 
 #include "dbf/table/table.h"
 #include "internal/bytes.h"
@@ -21,10 +24,35 @@ namespace {
 
 constexpr u32 kMemoLengthPlace = 2;
 constexpr u32 kBlockPlace = 6;
+constexpr u32 kNoBlock = 0xFFFFFFFF;  // of bytes that are no reference
 
 bool isBinary(const DbfBase* h) { return flavourOf(h->Header.Version).lengthInReference; }
 
-bool isInteger(const DbfBase* h, int field) { return wideLength(h->Fields[field]) == 4; }
+bool isInteger(const DbfBase* h, int field) {
+    return wideLength(h->Fields[field]) == kIntegerReferenceSize;
+}
+
+/// The number that digits between blanks or zero bytes stand for; 0 for blanks alone.
+std::optional<u32> exactBlock(std::string_view text) {
+    constexpr std::string_view padding(" \0", 2);
+    const std::size_t first = text.find_first_not_of(padding);
+    if (first == std::string_view::npos) return 0;
+    const char* const end = text.data() + text.find_last_not_of(padding) + 1;
+    u32 block = 0;
+    const auto [next, error] = std::from_chars(text.data() + first, end, block);
+    return error == std::errc() && next == end ? std::optional(block) : std::nullopt;
+}
+
+/// The same as memoReference; none for bytes that are no reference, where that makes the best of
+/// them.
+std::optional<MemoReference> exactReference(DbfBase* h, int field) {
+    if (isBinary(h) ? hasRoomForReference(h, field) : isInteger(h, field)) {
+        return memoReference(h, field);
+    }
+    const std::optional<u32> block =
+        isBinary(h) ? std::nullopt : exactBlock(storedText(h, h->Fields[field]));
+    return block ? std::optional(MemoReference{*block, 0, *block == 0}) : std::nullopt;
+}
 
 }  // namespace
 
@@ -37,6 +65,17 @@ MemoReference memoReference(DbfBase* h, int field) {
     const u32 block =
         isInteger(h, field) ? GetInt(h, field) : static_cast<u32>(clampToI32(GetNumeric(h, field)));
     return {block, 0, block == 0};
+}
+
+int GetMemoReference(DbfBase* h, int field, u32* block, u32* length) {
+    *block = *length = 0;
+    const DbfField* f = tableField(h, field);
+    if (f == nullptr || !holdsReference(*f)) return 0;
+    const std::optional<MemoReference> reference = exactReference(h, field);
+    *block = reference ? reference->block : kNoBlock;
+    if (!reference || reference->isBlank) return 0;
+    *length = reference->length;
+    return 1;
 }
 
 bool hasRoomForReference(DbfBase* h, int field) {

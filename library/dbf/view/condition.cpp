@@ -73,6 +73,7 @@ bool textsHold(DbfBase* h, Comparison c, char* left, char* right) {
 Condition prepareCondition(DbfBase* h, std::string_view text) {
     Condition c;
     c.op = &kOperators[0];
+    c.sign = c.rightFirst = text.size();
     Expression e = readExpression(h, text);
     if (e.operatorPart < 0) return c;
     c.numeric = e.numeric;
@@ -82,6 +83,10 @@ Condition prepareCondition(DbfBase* h, std::string_view text) {
     std::string& literal = c.right.parts.front().literal;  // it begins with the operator
     c.op = &operatorOf(literal[0], literal.c_str()[1]);
     literal.erase(0, operatorLength(*c.op));
+    // Its second character stands in quotes or in a value where it does not follow as written.
+    c.sign = e.operatorPlace;
+    const char next = c.sign + 1 < text.size() ? text[c.sign + 1] : '\0';
+    c.rightFirst = c.sign + operatorLength(operatorOf(text[c.sign], next));
     c.openOperator = literal.empty() && c.op->second == 0 && c.right.parts.size() > 1;
     if (literal.empty()) c.right.parts.erase(c.right.parts.begin());
     return c;

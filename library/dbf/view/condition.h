@@ -59,6 +59,8 @@ struct Condition {
     bool numeric = false;
     bool openOperator = false;  ///< a field follows the operator, its text may complete it
     const OperatorRow* op = nullptr;
+    /// Where the operator and the right side begin in the text; its end without an operator.
+    std::size_t sign = 0, rightFirst = 0;
     Operand left, right;
     /// The shortcut, if there is one: the result, or nothing where only the rule can tell.
     std::optional<bool> (*stored)(DbfBase*, const Condition&) = nullptr;
@@ -69,6 +71,7 @@ inline constexpr std::size_t kConditionLength = 511;  // of a condition with its
 
 // condition.cpp
 Condition prepareCondition(DbfBase*, std::string_view text);
+inline bool hasOperator(const Condition& c) { return c.rightFirst != c.sign; }
 /// The rule: writes the values and compares.
 bool writtenHolds(DbfBase*, const Condition&);
 

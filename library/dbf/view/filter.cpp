@@ -1,11 +1,4 @@
-// Record filters.
-//
-//   filter  condition { ("&" | "|") condition }     "&" binds tighter; parentheses group
-//
-// Every "&" and "|" is a connective, also inside quotes. A record is tested by writing the result
-// of every condition as 1 or 0, "&" as "*" and "|" as "+" between the grouping parentheses, and by
-// computing that arithmetic text: A=1&(B=2|C=3) becomes 1*(0+1). The record passes when the value,
-// truncated, is not 0.
+// Record filters: applying them to the records of the view.
 //
 // A filter is taken apart once: where the conditions stand and what is between them does not depend
 // on the record. Where that is nothing but parentheses and connectives, the arithmetic amounts to
@@ -22,7 +15,7 @@
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
-#include "dbf/view/condition.h"
+#include "dbf/view/pieces.h"
 #include "internal/convert.h"
 #include "internal/file.h"
 #include "internal/restore.h"
@@ -31,57 +24,7 @@ namespace mira {
 
 namespace {
 
-constexpr std::size_t kConnectives = 1023;  // as many as Cuts holds, and the length
-constexpr std::size_t kPieceLength = 1023;
 constexpr std::size_t kLogicLength = 1023;
-
-/// Stands for a filter that every record satisfies.
-bool takesEvery(const char* text) { return reinterpret_cast<std::intptr_t>(text) == -1; }
-
-bool isConnective(char c) { return c == '&' || c == '|'; }
-
-/// The connective as arithmetic.
-char connectiveSign(char c) { return c == '&' ? '*' : c == '|' ? '+' : c; }
-
-i64 surplus(std::string_view text) {
-    return std::count(text.begin(), text.end(), '(') - std::count(text.begin(), text.end(), ')');
-}
-
-/// A piece between connectives, taken apart.
-struct Piece {
-    std::string before;  ///< parentheses that open groups
-    Condition condition;
-    std::string after;  ///< parentheses that close groups, and the connective
-};
-
-/// The bracket from which on a text stays unbalanced.
-std::size_t unbalancedFrom(std::string_view text, char opening, char closing) {
-    std::size_t found = 0;
-    i64 depth = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == closing && depth-- == 0) found = i;
-        if (text[i] == opening) ++depth;
-    }
-    return found;
-}
-
-/// Characters up to the "(" before which a text stays unbalanced, seen from its end.
-std::size_t unbalancedTo(std::string_view text) {
-    const std::string backwards(text.rbegin(), text.rend());
-    return text.size() - unbalancedFrom(backwards, ')', '(');
-}
-
-/// A piece that closes or opens groups is cut where they begin or end.
-Piece preparePiece(DbfBase* h, std::string_view text, char connective) {
-    const i64 open = h->NoBracketCheck != 0 ? 0 : surplus(text);
-    const std::size_t start = open > 0 ? unbalancedTo(text) : 0;
-    const std::size_t end = open < 0 ? unbalancedFrom(text, '(', ')') : text.size();
-    Piece piece{std::string(text.substr(0, start)),
-                prepareCondition(h, text.substr(start, end - start)),
-                std::string(text.substr(end))};
-    if (connective != 0) piece.after += connectiveSign(connective);
-    return piece;
-}
 
 void putLogic(FilterWork& work, std::string_view text) {
     const std::size_t count = std::min(text.size(), kLogicLength - work.LogicLength);
@@ -91,20 +34,15 @@ void putLogic(FilterWork& work, std::string_view text) {
 }
 
 /// Appends the arithmetic of a piece to LogicText.
-void putPiece(DbfBase* h, const Piece& piece) {
+void putPiece(DbfBase* h, const FilterPiece& piece) {
     FilterWork& work = *h->FilterState;
     putLogic(work, piece.before);
     putLogic(work, conditionHolds(h, piece.condition) ? "1" : "0");
     putLogic(work, piece.after);
 }
 
-/// The value of an arithmetic text; false when it fails.
-bool logicHolds(char* logic) {
-    int status = 1;
-    return clampToI32(parse(logic, &status)) != 0;
-}
-
-/// Runs what allocates; false without memory.
+/// Runs what prepares; false without memory. What hooks throw while records are tested passes
+/// through, be it for want of memory.
 template <typename Work>
 bool withMemory(const Work& work) {
     try {
@@ -123,26 +61,9 @@ struct PreparedFilter {
     i32 noBracketCheck = 0;  // what the preparation is good for
     bool every = false;      // takes every record
     bool andOr = false;      // the arithmetic amounts to "and" and "or"
-    std::vector<Piece> pieces;
+    std::vector<FilterPiece> pieces;
     std::string logic;  // the arithmetic text, a 1 for every condition
 };
-
-/// Records where the connectives stand, and the length after them. The number of pieces; 0 when
-/// there are too many.
-u32 cutText(std::string_view text, FilterWork& work) {
-    u32 found = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (!isConnective(text[i])) continue;
-        if (found == kConnectives) return 0;
-        work.Cuts[found++] = static_cast<u32>(i);
-    }
-    work.Cuts[found] = static_cast<u32>(text.size());
-    return found + 1;
-}
-
-bool isBalanced(const DbfBase* h, std::string_view text) {
-    return h->NoBracketCheck != 0 || surplus(text) == 0;
-}
 
 /// False when the text does not fit the work area: a piece, the connectives, or the arithmetic
 /// text, whose length is known beforehand and which parse would refuse for every record.
@@ -151,24 +72,15 @@ bool prepareFilter(DbfBase* h, const char* text, PreparedFilter& f) {
     if (f.every) return true;
     f.text = text;
     f.noBracketCheck = h->NoBracketCheck;
-    const u32* const cuts = h->FilterState->Cuts;
-    const u32 pieces = cutText(f.text, *h->FilterState);
-    if (pieces == 0) return false;
-    u32 start = 0;
-    for (u32 k = 0; k < pieces; ++k) {
-        const u32 length = cuts[k] - start;
-        if (length > kPieceLength) return false;
-        f.pieces.push_back(preparePiece(h, {text + start, length}, text[cuts[k]]));
-        start = cuts[k] + 1;
-    }
+    if (!readPieces(h, f.text, h->FilterState->Cuts, &f.pieces)) return false;
     if (!isBalanced(h, f.text)) f.pieces.clear();  // an empty arithmetic text fails
-    for (const Piece& piece : f.pieces) f.logic += piece.before + '1' + piece.after;
+    f.logic = logicOf(f.pieces);
     return f.logic.size() <= kParseLength;
 }
 
 /// Prepares what saves time with many records.
 void prepareShortcuts(DbfBase* h, PreparedFilter& f) {
-    for (Piece& piece : f.pieces) prepareStored(h, piece.condition);
+    for (FilterPiece& piece : f.pieces) prepareStored(h, piece.condition);
     const auto ones = std::count(f.logic.begin(), f.logic.end(), '1');
     const bool andOr = static_cast<std::size_t>(ones) == f.pieces.size() &&
                        f.logic.find_first_not_of("()*+ 1") == std::string::npos;
@@ -218,7 +130,7 @@ private:
 
     DbfBase* base_;
     const char* at_;
-    const Piece* piece_;
+    const FilterPiece* piece_;
 };
 
 /// Tests the record in RecordBuffer.
@@ -229,7 +141,7 @@ bool passes(DbfBase* h, const PreparedFilter& f) {
     if (f.andOr) return AndOrReader(h, f).sum(true);
     h->FilterState->LogicLength = 0;
     h->FilterState->LogicText[0] = 0;
-    for (const Piece& piece : f.pieces) putPiece(h, piece);
+    for (const FilterPiece& piece : f.pieces) putPiece(h, piece);
     return logicHolds(h->FilterState->LogicText);
 }
 
@@ -281,7 +193,6 @@ void selectRecords(DbfBase* h, const PreparedFilter& filter, StopCallback callba
     if (!stopped) takeIndex(h, std::move(index), selected);
 }
 
-/// set_filter but for the exceptions of the standard library.
 bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
     const char* const applied = text != nullptr ? text : h->FilterText;
     const u32 count = reccount(h);
@@ -291,51 +202,65 @@ bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
     std::memset(work.get(), 0, sizeof *work);
     const Restore state(h->FilterState, work.get());
     PreparedFilter filter;
-    if (!prepareFilter(h, applied, filter)) return false;
-    prepareShortcuts(h, filter);
-    if (applied == text && !filter.every) {
-        Owned<char> joined = joinTexts(h->FilterText, text);
-        if (!joined) return false;
-        replace(h->FilterText, std::move(joined));
+    const auto prepare = [&] {
+        if (!prepareFilter(h, applied, filter)) return false;
+        prepareShortcuts(h, filter);
+        return true;
+    };
+    if (!withMemory(prepare)) return false;
+    const bool adds = applied == text && !filter.every;
+    Owned<char> other = adds ? joinTexts(h->FilterText, text) : nullptr;
+    if (adds && !other) return false;
+    if (adds) other.reset(std::exchange(h->FilterText, other.release()));
+    Owned<u32> order(std::exchange(h->SortOrder, nullptr));
+    const u32 orderCount = sortOrderCount(h);
+    setSortOrderCount(h, 0);
+    try {
+        selectRecords(h, filter, callback, count, std::move(index));
+    } catch (...) {
+        if (adds) replace(h->FilterText, std::move(other));
+        setSortOrder(h, std::move(order), orderCount);
+        throw;
     }
-    setSortOrder(h);
-    selectRecords(h, filter, callback, count, std::move(index));
     return true;
 }
 
 }  // namespace
 
 DbfBase* set_filter(DbfBase* h, const char* text, StopCallback callback) {
-    const bool applied = h != nullptr && withMemory([&] { return applyFilter(h, text, callback); });
-    return applied ? h : nullptr;
+    return h != nullptr && applyFilter(h, text, callback) ? h : nullptr;
 }
 
 int ValidRecord(DbfBase* h, const char* text) {
     if (text == nullptr || (h->FilterState == nullptr && !takesEvery(text))) return 0;
-    return withMemory([&] {
-        PreparedFilter filter;
-        return prepareFilter(h, text, filter) && passes(h, filter);
-    });
+    PreparedFilter filter;
+    return withMemory([&] { return prepareFilter(h, text, filter); }) && passes(h, filter);
 }
 
 int analizator(DbfBase* h, const char* text) {
     if (h->FilterState == nullptr) return 0;
-    const u32 pieces = cutText(text, *h->FilterState);
+    const u32 pieces = cutFilter(text, h->FilterState->Cuts);
     return isBalanced(h, text) ? static_cast<int>(pieces) : 0;
 }
 
 void eval(DbfBase* h, char connective) {
     if (h->FilterState == nullptr) return;
-    withMemory([&] {
-        putPiece(h, preparePiece(h, h->FilterState->PieceText, connective));
+    FilterPiece piece;
+    const auto prepare = [&] {
+        piece = preparePiece(h, h->FilterState->PieceText, connective);
         return true;
-    });
+    };
+    if (withMemory(prepare)) putPiece(h, piece);
 }
 
 char cnd(DbfBase* h, const char* condition) {
     if (condition == nullptr || h->FilterState == nullptr) return '0';
-    const auto holds = [&] { return conditionHolds(h, prepareCondition(h, condition)); };
-    return withMemory(holds) ? '1' : '0';
+    Condition prepared;
+    const auto prepare = [&] {
+        prepared = prepareCondition(h, condition);
+        return true;
+    };
+    return withMemory(prepare) && conditionHolds(h, prepared) ? '1' : '0';
 }
 
 void ClearFilter(DbfBase* h) {

@@ -193,10 +193,9 @@ void real_sort(DbfBase* h, u32** order, StopCallback callback) {
     StopCallback const outer = h->SortKeyA != nullptr ? h->SortCallback : nullptr;
     const Restore outerA(h->SortKeyA, keyA.get());
     const Restore outerB(h->SortKeyB, keyB.get());
-    h->SortCallback = callback;
+    const Restore outerCallback(h->SortCallback, callback, outer);
     const std::span<u32> positions(sorted.get(), count);
     if (count < 2 || !sortInMemory(h, keyA.get(), positions)) sortByReading(h, positions);
-    h->SortCallback = outer;
     if (h->SortRecA != kStopped) *order = sorted.release();
 }
 
@@ -212,7 +211,12 @@ int SortBase(DbfBase* h, const char* fields, StopCallback callback) {
     setSortOrderCount(h, 0);
     const u32 count = reccount(h);
     u32* order = nullptr;
-    real_sort(h, &order, callback);
+    try {
+        real_sort(h, &order, callback);
+    } catch (...) {
+        setSortOrder(h, std::move(previous), previousCount);
+        throw;
+    }
     if (order == nullptr && h->SortRecA != kStopped) {
         setSortOrder(h, std::move(previous), previousCount);
         return 0;

@@ -62,20 +62,35 @@ void invertNumber(char* text, std::size_t length) {
     }
 }
 
-/// The start of a negative number that is some characters wider than others of its field, so that
-/// it sorts below them: the wider, the lower.
-void putExcess(std::size_t excess, TextOut& key) {
-    constexpr std::size_t steps = 8;  // as many bytes as lie between 1 and an inverted blank
-    for (--excess; excess >= steps; excess -= steps) key.put('\x01');
-    key.put(static_cast<char>('9' - '0' - excess));
+// A number whose text is wider than others of its field begins with bytes that no text of the usual
+// width begins with: those of negative numbers lie below an inverted blank, those of positive ones
+// above "9", and letter case does not change them. The wider, the farther out; infinities farthest.
+constexpr std::string_view kInfinity = "inf";
+constexpr std::size_t kSteps = 7;
+constexpr char kBelowAll = '\x01', kBelow = '\x02', kLowest = '9' + 1 - '0' - 1;
+constexpr char kAboveAll = '\x7F', kAbove = '~', kHighest = '9' + 1;
+
+/// The start of a number that is some characters wider.
+void putExcess(std::size_t excess, bool negative, TextOut& key) {
+    for (--excess; excess >= kSteps; excess -= kSteps) key.put(negative ? kBelow : kAbove);
+    key.put(static_cast<char>(negative ? kLowest - excess : kHighest + excess));
 }
 
-/// A negative number, whose text is in TextBuffer.
-void putNegative(DbfBase* h, int field, std::size_t length, TextOut& key) {
+/// A number, whose text is in TextBuffer.
+void putNumber(DbfBase* h, int field, std::size_t length, TextOut& key) {
     char* const text = h->TextBuffer;
     const auto usual = static_cast<std::size_t>(GetLenView(h, field));
-    const bool wide = length > usual && text[0] == '-';
-    if (wide) putExcess(length - usual, key);
+    const bool negative = std::memchr(text, '-', length) != nullptr;
+    const bool wide = length > usual && (text[0] == '-' || !negative);
+    if (std::string_view(text, length).ends_with(kInfinity)) {
+        key.put(negative ? kBelowAll : kAboveAll);
+    } else if (wide) {
+        putExcess(length - usual, negative, key);
+    }
+    if (!negative) {
+        key.put({text, length});
+        return;
+    }
     invertNumber(text, length);
     key.put(text + (wide ? 1 : 0));  // a stray ":" has become the end
 }
@@ -86,12 +101,16 @@ void putPart(DbfBase* h, int field, TextOut& key) {
     char* const text = h->TextBuffer;
     std::size_t length = std::strlen(text);
     const std::size_t width = partWidth(h, field, length);
+    const std::size_t usual = tableField(h, field) != nullptr ? width : kCalculatedWidth;
+    // Other texts are the same whether they are numbers or not.
+    const bool mayBeNumber = length > usual || std::memchr(text, '-', length) != nullptr ||
+                             std::string_view(text, length).ends_with(kInfinity);
     if (length < width) {
         padPart(h, field, length, width);
         length = width;
     }
-    if (std::memchr(text, '-', length) != nullptr && if_digit_type(h, field) != 0) {
-        putNegative(h, field, length, key);
+    if (mayBeNumber && if_digit_type(h, field) != 0) {
+        putNumber(h, field, length, key);
     } else {
         key.put({text, length});
     }

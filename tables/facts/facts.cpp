@@ -1,12 +1,13 @@
-#include "tables/open/facts.h"
+#include "tables/facts/facts.h"
 
 #include <cstdio>
 #include <filesystem>
 
-#include "tables/open/find.h"
+#include "tables/index/compare.h"
 #include "tables/open/open.h"
 #include "tables/page/escape.h"
 #include "tables/page/json.h"
+#include "tables/page/refusal.h"
 #include "tables/page/text.h"
 #include "tables/value/memo.h"
 
@@ -40,6 +41,57 @@ std::string fieldJson(const Table& table, const Column& column) {
     return field.whole();
 }
 
+std::string tagJson(const IndexFacts& index, std::size_t at) {
+    const Tag& tag = index.tags[at];
+    JsonObject object;
+    object.text("name", tag.name);
+    object.text("expression", tag.expression);
+    object.text("for", tag.condition);
+    object.truth("unique", tag.unique);
+    object.truth("candidate", tag.candidate);
+    object.truth("descending", tag.descending);
+    object.text("collation", tag.collation);
+    const bool counted = !tag.bitmap && !index.keys.empty();
+    object.raw("keys", counted ? std::to_string(index.keys[at]) : "null");
+    return object.whole();
+}
+
+std::string indexJson(const IndexFacts& index) {
+    std::vector<std::string> tags;
+    for (std::size_t i = 0; i < index.tags.size(); ++i) tags.push_back(tagJson(index, i));
+    JsonObject object;
+    object.text("file", index.path);
+    object.textOrNull("kind", index.kind);
+    object.raw("tags", textOf('[', joined(tags, ","), ']'));
+    object.textOrNull("fault", index.fault);
+    return object.whole();
+}
+
+std::string inUtf8(const Table& table, std::string_view bytes) {
+    std::string text;
+    toUtf8(*table.page.page, bytes, text);
+    return text;
+}
+
+IndexFacts indexFacts(const Table& table, const std::string& path, bool withKeys) {
+    IndexFacts facts;
+    facts.path = path;
+    try {
+        const IndexFile file = openIndex(path);
+        for (const Tag& tag : file.tags) {
+            if (withKeys) facts.keys.push_back(countKeys(file, tag));
+            Tag& shown = facts.tags.emplace_back(tag);
+            for (std::string* text : {&shown.name, &shown.expression, &shown.condition}) {
+                *text = inUtf8(table, *text);
+            }
+        }
+        facts.kind = kindName(file.kind);
+    } catch (const Refusal& damage) {
+        facts.fault = damage.what();
+    }
+    return facts;
+}
+
 }  // namespace
 
 std::string factsJson(const Table& table, const Facts& facts) {
@@ -59,6 +111,9 @@ std::string factsJson(const Table& table, const Facts& facts) {
     object.number("memo_block", facts.memoUnit);
     object.number("memo_bytes", facts.memoSize);
     object.texts("index_files", facts.indexFiles);
+    std::vector<std::string> indexes;
+    for (const IndexFacts& index : facts.indexes) indexes.push_back(indexJson(index));
+    object.raw("indexes", textOf('[', joined(indexes, ","), ']'));
     object.textOrNull("container", table.container);
     std::vector<std::string> fields;
     for (const Column& column : table.columns) fields.push_back(fieldJson(table, column));
@@ -68,7 +123,7 @@ std::string factsJson(const Table& table, const Facts& facts) {
     return object.whole();
 }
 
-Facts factsOf(const Table& table) {
+Facts factsOf(const Table& table, Listing* listing) {
     Facts facts;
     facts.updated = updateDate(table.base->Header);
     const std::string memos = memoFileOf(table);
@@ -80,10 +135,16 @@ Facts factsOf(const Table& table) {
         facts.memoSize = size;
         facts.memoUnit = memoUnit(table);
     }
-    facts.indexFiles = indexFilesBeside(table.path);
+    facts.indexFiles = indexFilesBeside(table.path, listing);
     facts.indexFlag = (table.tableFlags & 1) != 0;
     facts.repairs = repairsOf(table);
     return facts;
+}
+
+void addIndexes(const Table& table, bool withKeys, Facts& facts) {
+    for (const std::string& path : facts.indexFiles) {
+        facts.indexes.push_back(indexFacts(table, path, withKeys));
+    }
 }
 
 std::string typeName(const Table& table, const Column& column) {
