@@ -363,6 +363,7 @@ std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
     base->FirstMemoField = table.base->FirstMemoField;
     GetMemoType(base);
+    readStoredHeader(*again);
     leaveOutStray(*again);
     return again;
 }
