@@ -80,4 +80,14 @@ if(MIRA_BUILD_SQLITE)
     set_target_properties(mira_sqlite PROPERTIES INSTALL_RPATH "$ORIGIN")
     install(TARGETS mira_sqlite LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sqlite)
 endif()
+if(MIRA_BUILD_ARROW)
+    set_target_properties(mira_arrow PROPERTIES INSTALL_RPATH "$ORIGIN")
+    install(TARGETS mira_arrow
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT arrow NAMELINK_COMPONENT development)
+    install(FILES arrow/mira_arrow.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+endif()
+if(SKBUILD)  # a wheel is being built; see python/pyproject.toml
+    install(TARGETS mira_arrow mira_sqlite
+        LIBRARY DESTINATION . COMPONENT python NAMELINK_SKIP)
+endif()
 install(FILES LICENSE README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)

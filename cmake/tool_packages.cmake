@@ -1,19 +1,36 @@
-# What the program `mira` and the SQL module need beside the library. MIRA_BUILD_TOOL and
-# MIRA_BUILD_SQLITE are on where the packages are found; where not, a line says which are missing.
+# What the program `mira`, the SQL module and the Arrow streams need beside the library. Their
+# options are on where the packages are found; where not, a line says which are missing.
 
 find_package(PkgConfig QUIET)
 set(missing_table "")
+set(missing_sql "")
 set(missing_tool "")
 if(PkgConfig_FOUND)
     pkg_check_modules(uchardet QUIET IMPORTED_TARGET uchardet)
     pkg_check_modules(utf8proc QUIET IMPORTED_TARGET libutf8proc)
     pkg_check_modules(sqlite3 QUIET IMPORTED_TARGET sqlite3)
 endif()
-foreach(package uchardet utf8proc sqlite3)
+foreach(package uchardet utf8proc)
     if(NOT TARGET PkgConfig::${package})
         list(APPEND missing_table ${package})
     endif()
 endforeach()
+# Into what is to run on systems without these packages, such as a wheel.
+if(MIRA_STATIC_PACKAGES)
+    foreach(package uchardet utf8proc)
+        if(TARGET PkgConfig::${package})
+            find_library(MIRA_STATIC_${package} lib${package}.a HINTS ${${package}_LIBRARY_DIRS} REQUIRED)
+            mark_as_advanced(MIRA_STATIC_${package})
+            set_target_properties(PkgConfig::${package} PROPERTIES
+                INTERFACE_LINK_LIBRARIES "${MIRA_STATIC_${package}}")
+            set_property(TARGET PkgConfig::${package} APPEND PROPERTY
+                INTERFACE_LINK_OPTIONS -Wl,--exclude-libs,lib${package}.a)
+        endif()
+    endforeach()
+endif()
+if(NOT TARGET PkgConfig::sqlite3)
+    list(APPEND missing_sql sqlite3)
+endif()
 find_package(CLI11 QUIET)
 find_package(fmt QUIET)
 find_path(MIRA_LIBCSV_INCLUDE csv.h)
@@ -35,6 +52,7 @@ endif()
 
 # An option that is on by default where nothing is missing.
 function(mira_option name text missing)
+    list(REMOVE_ITEM missing "")
     if(missing)
         option(${name} "${text}" OFF)
         string(REPLACE ";" ", " missing "${missing}")
@@ -46,6 +64,7 @@ function(mira_option name text missing)
         option(${name} "${text}" ON)
     endif()
 endfunction()
-set(missing_all ${missing_table} ${missing_tool})
-mira_option(MIRA_BUILD_TOOL "Build the program mira" "${missing_all}")
-mira_option(MIRA_BUILD_SQLITE "Build the SQLite module" "${missing_table}")
+mira_option(MIRA_BUILD_TOOL "Build the program mira"
+    "${missing_table};${missing_sql};${missing_tool}")
+mira_option(MIRA_BUILD_SQLITE "Build the SQLite module" "${missing_table};${missing_sql}")
+mira_option(MIRA_BUILD_ARROW "Build the Arrow streams" "${missing_table}")

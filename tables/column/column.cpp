@@ -74,6 +74,16 @@ void readRecord(const Table& table, u32 record) {
     refuse(table.path, ": record ", u64{record} + 1, " cannot be read");
 }
 
+u32 readRecords(const Table& table, u32 first, u32 count, void* to) {
+    const DbfBase& base = *table.base;
+    const u32 length = base.Header.RecordLength;
+    const u64 offset = Calc64(length, first, base.Header.HeaderLength);
+    constexpr u64 kMost = 0x7FFFFFFF;
+    if (length == 0 || count * u64{length} > kMost) return 0;
+    if (fseeko(base.TableFile, static_cast<off_t>(offset), SEEK_SET) != 0) return 0;
+    return ReadFile(base.TableFile, to, static_cast<i32>(count * length)) / length;
+}
+
 std::string memoFileOf(const Table& table) {
     const DbfBase& base = *table.base;
     return base.FirstMemoField != -1 && base.MemoFileName != nullptr ? base.MemoFileName : "";

@@ -135,6 +135,9 @@ Column extraColumn(const Table& table, std::string name, Kind kind);
 
 /// Reads a physical record, from 0, into RecordBuffer. Throws a Refusal.
 void readRecord(const Table& table, u32 record);
+/// Reads whole physical records from first, as many of count as the file holds; returns their
+/// number. RecordBuffer stays as it is.
+u32 readRecords(const Table& table, u32 first, u32 count, void* to);
 /// Whether the record in RecordBuffer is marked deleted.
 inline bool isDeleted(const Table& table) { return table.base->RecordBuffer[0] == '*'; }
 

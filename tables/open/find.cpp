@@ -1,7 +1,11 @@
 #include "tables/open/find.h"
 
+#include <dirent.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
+#include <memory>
 
 #include "tables/page/refusal.h"
 
@@ -39,6 +43,21 @@ void collect(const std::string& path, const Listing::Folder& folder,
     }
 }
 
+// Not by directory_iterator, which ends the program where there is no memory.
+void readNames(const std::string& path, Listing::Folder& folder) {
+    struct Closer {
+        void operator()(DIR* open) const { closedir(open); }
+    };
+    errno = 0;
+    const std::unique_ptr<DIR, Closer> entries(opendir(path.c_str()));
+    const dirent* entry = nullptr;
+    while (entries && (errno = 0, entry = readdir(entries.get())) != nullptr) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") folder.names[foldCase(name)].emplace_back(name);
+    }
+    folder.error.assign(errno, std::generic_category());
+}
+
 /// The path of a file that is there, unless it can be no table.
 std::string checked(const std::string& path) {
     std::error_code error;
@@ -61,11 +80,7 @@ const Listing::Folder& Listing::folder(const fs::path& path) {
     const auto [at, isNew] = folders_.try_emplace(plain.string());
     Folder& folder = at->second;
     if (!isNew) return folder;
-    fs::directory_iterator entries(plain.empty() ? fs::path(".") : plain, folder.error);
-    for (; !folder.error && entries != fs::directory_iterator(); entries.increment(folder.error)) {
-        std::string name = entries->path().filename().string();
-        folder.names[foldCase(name)].push_back(std::move(name));
-    }
+    readNames(plain.empty() ? "." : plain.string(), folder);
     for (auto& [folded, names] : folder.names) std::sort(names.begin(), names.end());
     return folder;
 }

@@ -282,14 +282,10 @@ void nameForLibrary(Table& table) {
     }
 }
 
-void readAsText(Table& table) {
+void readNamedAsText(Table& table) {
     for (const std::string& name : table.options.asText) {
         const auto index = &columnNamed(table, name) - table.columns.data();
-        Column& column = table.columns[static_cast<std::size_t>(index)];
-        column.untranslated = false;
-        if (column.kind == Kind::Blob) column.kind = Kind::Memo;
-        if (column.kind == Kind::Varbinary) column.kind = Kind::Varchar;
-        if (column.kind == Kind::Bytes) column.kind = Kind::Text;
+        readAsText(table.columns[static_cast<std::size_t>(index)]);
     }
 }
 
@@ -310,6 +306,16 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
            std::equal(a.Fields, a.Fields + a.FieldCount, b.Fields, same);
 }
 
+[[noreturn]] void refusePage(const Table& table) {
+    if (!table.options.codePage.empty()) {
+        throw UnknownPage(textOf(table.path, ": no such code page: ", table.page.missing));
+    }
+    throw UnknownPage(textOf(table.path, ": its code page ", table.page.missing, " (",
+                             table.page.from,
+                             ") is not among those of this system's iconv; install all of them "
+                             "(libc-gconv-modules-extra), or name another code page"));
+}
+
 }  // namespace
 
 std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& options,
@@ -325,7 +331,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     readVersion(*table);
     leaveOutStray(*table);
     table->page = choosePage(base, options.codePage, listing);
-    if (!table->page.page) refuse(table->path, ": no such code page: ", options.codePage);
+    if (!table->page.page) refusePage(*table);
     table->notes = table->page.notes;
     std::vector<Column> all;
     all.reserve(static_cast<std::size_t>(base->FieldCount));
@@ -338,7 +344,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     if (options.longNames) takeLongNames(*table, listing);
     makeUnique(table->columns);
     nameForLibrary(*table);
-    readAsText(*table);
+    readNamedAsText(*table);
     noteUnknownTypes(*table);
     const std::string fault = memoFileFault(*table);
     if (!fault.empty()) table->notes.push_back(fault);
@@ -360,6 +366,19 @@ std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     readStoredHeader(*again);
     leaveOutStray(*again);
     return again;
+}
+
+void readAsText(Column& column) {
+    column.untranslated = false;
+    if (column.kind == Kind::Blob) column.kind = Kind::Memo;
+    if (column.kind == Kind::Varbinary) column.kind = Kind::Varchar;
+    if (column.kind == Kind::Bytes) column.kind = Kind::Text;
+}
+
+void readAsBytes(Column& column) {
+    const bool memo = column.kind == Kind::Memo || column.kind == Kind::Blob;
+    const bool variable = column.kind == Kind::Varchar || column.kind == Kind::Varbinary;
+    column.kind = memo ? Kind::Blob : variable ? Kind::Varbinary : Kind::Bytes;
 }
 
 void refreshTable(Table& table) {

@@ -33,6 +33,10 @@ void addCalculated(Table& table, std::string_view name, std::string_view express
 /// the name that the library finds. Throws a Refusal for characters that the page lacks.
 std::string forLibrary(const Table& table, std::string_view expression);
 
+/// From now on the column's bytes are text in the code page, or stay as they are stored.
+void readAsText(Column& column);
+void readAsBytes(Column& column);
+
 /// "the header counts 2 records, the file holds 3"; empty when they agree.
 std::string countRepair(const Table& table);
 /// That the file ends with bytes that are no records; empty when it does not.

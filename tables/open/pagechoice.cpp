@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/pagenames.h"
@@ -244,6 +245,7 @@ const char* guessPage(const Sample& sample) {
 void decide(PageChoice* choice, const char* page, std::string from) {
     choice->page = openPage(page);
     choice->from = std::move(from);
+    if (!choice->page) choice->missing = page;
 }
 
 bool takeCpg(DbfBase* h, PageChoice* choice, Listing* listing) {
@@ -310,6 +312,7 @@ PageChoice choosePage(DbfBase* h, std::string_view option, Listing* listing) {
         choice.from = "--code-page";
         choice.page = openPage(option);
         if (!choice.page) {
+            choice.missing = option;
             choice.notes.push_back(notKnown("code page", option));
         }
         return choice;

@@ -63,8 +63,9 @@ void foldCase(const CodePage&, std::span<char> bytes);
 
 /// The page of a table, and whence it is known.
 struct PageChoice {
-    /// Shared by the handles of one thread; null only when --code-page names an unknown one.
+    /// Shared by the handles of one thread; null where the C library lacks it.
     std::shared_ptr<CodePage> page;
+    std::string missing;  ///< its name then
     /// "--code-page", ".cpg", "mark 0x26", "driver DB866RU0", "guess", "UTF-8 text", "default"
     std::string from;
     std::vector<std::string> notes;  ///< unknown names and marks, in sentences

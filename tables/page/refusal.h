@@ -11,6 +11,11 @@ struct Refusal : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// There is no such code page, or the C library lacks it.
+struct UnknownPage : Refusal {
+    using Refusal::Refusal;
+};
+
 /// Throws the sentence that the parts make.
 template <typename... Part>
 [[noreturn]] void refuse(const Part&... parts) {

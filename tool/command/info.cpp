@@ -22,20 +22,13 @@ struct Options {
 
 /// "C Character"
 std::string typeOf(const Table& table, const Column& column) {
-    return fmt::format("{} {}", escaped(std::string(1, column.type)),
-                       column.type == 'V'   ? "Varchar"
-                       : column.type == 'P' ? "Picture"
-                                            : GetTypeName(table.base.get(), column.field));
+    return fmt::format("{} {}", escaped(std::string(1, column.type)), typeName(table, column));
 }
 
 /// The next value of a counting field.
 std::string nextValue(const Column& column) {
     return isCounting(column) ? std::to_string(column.nextValue) : "";
 }
-
-// --------------------------------------------------------------------------------------------
-// As text
-// --------------------------------------------------------------------------------------------
 
 std::string memoLine(const Facts& facts) {
     if (!facts.hasMemos) return "none";
@@ -118,77 +111,6 @@ void putText(Output& out, const Table& table, const Facts& facts) {
     putIndexes(out, facts);
 }
 
-// --------------------------------------------------------------------------------------------
-// As JSON
-// --------------------------------------------------------------------------------------------
-
-std::string fieldJson(const Table& table, const Column& column) {
-    JsonObject field;
-    field.text("name", column.name);
-    field.text("type", escaped(std::string(1, column.type)));
-    field.text("type_name", typeOf(table, column).substr(2));
-    field.number("length", column.length);
-    field.number("decimals", column.decimals);
-    field.truth("may_be_null", column.mayBeNull());
-    field.truth("binary", column.untranslated);
-    const std::string next = nextValue(column);
-    field.raw("next", next.empty() ? "null" : next);
-    return field.whole();
-}
-
-std::string indexJson(const IndexFacts& index) {
-    std::vector<std::string> tags;
-    for (std::size_t i = 0; i < index.tags.size(); ++i) {
-        const Tag& tag = index.tags[i];
-        JsonObject object;
-        object.text("name", tag.name);
-        object.text("expression", tag.expression);
-        object.text("for", tag.condition);
-        object.truth("unique", tag.unique);
-        object.truth("candidate", tag.candidate);
-        object.truth("descending", tag.descending);
-        object.text("collation", tag.collation);
-        object.raw("keys", tag.bitmap ? "null" : std::to_string(index.keys[i]));
-        tags.push_back(object.whole());
-    }
-    JsonObject object;
-    object.text("file", index.path);
-    object.textOrNull("kind", index.kind);
-    object.raw("tags", textOf('[', joined(tags, ","), ']'));
-    object.textOrNull("fault", index.fault);
-    return object.whole();
-}
-
-void putJson(Output& out, const Table& table, const Facts& facts) {
-    JsonObject object;
-    object.text("file", table.path);
-    object.number("version", table.storedVersion);
-    object.text("flavour", table.flavour);
-    object.textOrNull("updated", facts.updated);
-    object.text("code_page", pageName(*table.page.page));
-    object.text("code_page_from", table.page.from);
-    object.number("records", table.base->Header.RecordCount);
-    object.number("deleted", facts.deleted);
-    object.number("records_in_header", table.storedCount);
-    object.number("header_length", table.base->Header.HeaderLength);
-    object.number("record_length", table.base->Header.RecordLength);
-    object.textOrNull("memo_file", facts.memoFile);
-    object.number("memo_block", facts.memoUnit);
-    object.number("memo_bytes", facts.memoSize);
-    object.texts("index_files", facts.indexFiles);
-    std::vector<std::string> indexes;
-    for (const IndexFacts& index : facts.indexes) indexes.push_back(indexJson(index));
-    object.raw("indexes", textOf('[', joined(indexes, ","), ']'));
-    object.textOrNull("container", table.container);
-    std::vector<std::string> fields;
-    for (const Column& column : table.columns) fields.push_back(fieldJson(table, column));
-    object.raw("fields", textOf('[', joined(fields, ","), ']'));
-    object.texts("repairs", facts.repairs);
-    object.texts("notes", table.notes);
-    out.put(object.whole());
-    out.put('\n');
-}
-
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
     bool first = true;
@@ -198,7 +120,11 @@ Status run(const Options& options) {
         const Facts facts = factsOf(*table, true, &listing);
         loadCounters(*table);
         if (!std::exchange(first, false) && !options.json) out.put('\n');
-        (options.json ? putJson : putText)(out, *table, facts);
+        if (options.json) {
+            out.put(factsJson(*table, facts) + "\n");
+        } else {
+            putText(out, *table, facts);
+        }
         tellPage(*table);
         return kDone;
     };

@@ -1,65 +1,11 @@
 // JSON: an object per row, as one array or a line each.
 #include <algorithm>
-#include <array>
 #include <cmath>
 
 #include "rows/writer.h"
-#include "tables/page/utf8.h"
-#include "terminal/message.h"
 
 namespace mira::tool {
 namespace {
-
-/// Bytes that a JSON string cannot hold as they are.
-constexpr std::array<bool, 256> kSpecial = [] {
-    std::array<bool, 256> special{};
-    for (std::size_t c = 0; c < 0x20; ++c) special[c] = true;
-    special['"'] = special['\\'] = true;
-    return special;
-}();
-
-/// The same and those that begin a letter which it can, but should not: U+0085, U+2028 and U+2029
-/// end lines for some readers.
-constexpr std::array<bool, 256> kUnusual = [] {
-    std::array<bool, 256> unusual = kSpecial;
-    unusual[0xC2] = unusual[0xE2] = true;
-    return unusual;
-}();
-
-/// The length of such a letter at the start of a text; 0 where there is another one.
-std::size_t lineEndLength(std::string_view text) {
-    for (const std::string_view end : {"\xC2\x85", "\xE2\x80\xA8", "\xE2\x80\xA9"}) {
-        if (text.starts_with(end)) return end.size();
-    }
-    return 0;
-}
-
-void putEscape(std::string& out, char32_t letter) {
-    constexpr std::string_view kNamed = "\"\\\b\f\n\r\t";
-    constexpr std::string_view kNames = "\"\\bfnrt";
-    const std::size_t named =
-        letter < 0x80 ? kNamed.find(static_cast<char>(letter)) : std::string_view::npos;
-    if (named != std::string_view::npos) {
-        out += '\\';
-        out += kNames[named];
-    } else {
-        fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(letter));
-    }
-}
-
-/// The text with everything escaped that a terminal must not see.
-void putForTerminal(std::string& out, std::string_view text) {
-    while (!text.empty()) {
-        const Utf8Step step = stepUtf8(text);
-        const std::string_view letter = text.substr(0, step.length);
-        if (needsEscape(letter) || (step.letter < 0x80 && kSpecial[step.letter])) {
-            putEscape(out, step.letter);
-        } else {
-            out += letter;
-        }
-        text.remove_prefix(step.length);
-    }
-}
 
 class JsonWriter final : public RowWriter {
 public:
@@ -142,7 +88,7 @@ private:
         char* const to = out_.room(text.size() + 2);
         to[0] = '"';
         for (std::size_t i = 0; i < text.size(); ++i) {
-            if (kUnusual[static_cast<u8>(text[i])]) return false;
+            if (isJsonUnusual(text[i])) return false;
             to[i + 1] = text[i];
         }
         to[text.size() + 1] = '"';
@@ -158,30 +104,6 @@ private:
 };
 
 }  // namespace
-
-void putJsonString(std::string& out, std::string_view utf8, bool terminal) {
-    out += '"';
-    if (terminal) {
-        putForTerminal(out, utf8);
-        utf8 = {};
-    }
-    while (!utf8.empty()) {
-        const auto unusual = std::find_if(utf8.begin(), utf8.end(),
-                                          [](char c) { return kUnusual[static_cast<u8>(c)]; });
-        const auto run = static_cast<std::size_t>(unusual - utf8.begin());
-        out += utf8.substr(0, run);
-        utf8.remove_prefix(run);
-        if (utf8.empty()) break;
-        const std::size_t lineEnd = lineEndLength(utf8);
-        if (lineEnd != 0 || kSpecial[static_cast<u8>(utf8.front())]) {
-            putEscape(out, stepUtf8(utf8).letter);
-        } else {
-            out += utf8.front();
-        }
-        utf8.remove_prefix(std::max<std::size_t>(lineEnd, 1));
-    }
-    out += '"';
-}
 
 void putJsonNumber(std::string& out, std::string_view digits) {
     if (digits.front() == '-') out += '-';

@@ -4,8 +4,9 @@
 #include <charconv>
 #include <cstdlib>
 
-#include "select/filter.h"
 #include "select/opening.h"
+#include "select/runfilter.h"
+#include "tables/filter/filter.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
@@ -76,17 +77,6 @@ Range shardRange(const std::string& shard, u32 count) {
         refuse("--shard ", shard, ": K/N, with K from 1 to N, such as 1/4");
     }
     return {static_cast<u32>(count * (k - 1) / n), static_cast<u32>(count * k / n)};
-}
-
-/// Makes a range of records the view that filter and sort start from.
-void viewRange(DbfBase* base, Range range) {
-    const u32 count = range.end - range.first;
-    auto* const index = static_cast<u32*>(std::malloc((std::size_t{count} + 1) * sizeof(u32)));
-    if (index == nullptr) throw std::bad_alloc();
-    for (u32 i = 0; i < count; ++i) index[i] = range.first + i;
-    std::free(base->FilterIndex);
-    base->FilterIndex = index;
-    base->FilterCount = count;
 }
 
 int stopSort() { return stopped() ? 1 : 0; }
@@ -175,7 +165,7 @@ std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const Selec
     base->SkipDeleted = options.deleted == Deleted::Skip ? 1 : 0;
     const Range range = shardRange(options.shard, base->Header.RecordCount);
     const bool reordered = !options.where.empty() || !options.sort.empty();
-    if (!options.shard.empty() && reordered) viewRange(base, range);
+    if (!options.shard.empty() && reordered) viewRange(base, range.first, range.end);
     if (!options.where.empty()) applyFilter(table, options.where, options.ignoreCase);
     if (!options.sort.empty()) sortView(table, options);
     selection->position = reordered ? 0 : range.first;

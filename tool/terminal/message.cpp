@@ -4,7 +4,6 @@
 #include <unistd.h>
 #include <utf8proc.h>
 
-#include <algorithm>
 #include <mutex>
 
 #include "tables/page/utf8.h"
@@ -16,24 +15,6 @@ namespace {
 bool quietly = false;
 std::mutex oneLine;
 thread_local std::vector<std::string>* gathered = nullptr;  // the thread's GatheredMessages
-
-bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
-/// Marks of two-way texts, and line ends that are no control characters.
-bool isHidden(char32_t c) {
-    return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x2028 && c <= 0x202E) ||
-           (c >= 0x2066 && c <= 0x2069);
-}
-
-void putByte(std::string& out, unsigned char byte) {
-    fmt::format_to(std::back_inserter(out), "\\x{:02X}", byte);
-}
-
-/// Length of the printable ASCII at the start of a text.
-std::size_t printableRun(std::string_view text) {
-    const auto end =
-        std::find_if_not(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
-    return static_cast<std::size_t>(end - text.begin());
-}
 
 void writeLine(std::string_view sentence) {
     std::string line = "mira: ";
@@ -49,43 +30,6 @@ void writeLine(std::string_view sentence) {
 }
 
 }  // namespace
-
-bool needsEscape(std::string_view text) {
-    while (true) {
-        text.remove_prefix(printableRun(text));
-        if (text.empty()) return false;
-        const Utf8Step step = stepUtf8(text);
-        if (!step.valid || isControl(step.letter) || isHidden(step.letter)) return true;
-        text.remove_prefix(step.length);
-    }
-}
-
-void putEscaped(std::string& out, std::string_view text) {
-    while (!text.empty()) {
-        const std::size_t run = printableRun(text);
-        out += text.substr(0, run);
-        text.remove_prefix(run);
-        if (text.empty()) return;
-        const Utf8Step step = stepUtf8(text);
-        if (!step.valid) {
-            for (const char c : text.substr(0, step.length)) putByte(out, static_cast<u8>(c));
-        } else if (isControl(step.letter)) {
-            putByte(out, static_cast<u8>(step.letter));
-        } else if (isHidden(step.letter)) {
-            fmt::format_to(std::back_inserter(out), "\\u{:04X}",
-                           static_cast<unsigned>(step.letter));
-        } else {
-            out += text.substr(0, step.length);
-        }
-        text.remove_prefix(step.length);
-    }
-}
-
-std::string escaped(std::string_view text) {
-    std::string out;
-    putEscaped(out, text);
-    return out;
-}
 
 void setQuiet(bool quiet) { quietly = quiet; }
 bool isQuiet() { return quietly; }

@@ -3,10 +3,9 @@
 
 #include <string_view>
 
-#include "tables.h"
 #include "tables/column/column.h"
 
-namespace mira::tool {
+namespace mira::tables {
 
 /// Throws a Refusal for .AND., .OR. and .NOT. outside quotes, and where it stands so that it can
 /// only be an operator for AND, OR, NOT, LIKE, IN, BETWEEN, IS NULL and "!=".
@@ -15,4 +14,4 @@ void refuseForeignWords(const Table& table, std::string_view filter);
 /// The filter cannot be run because of a part of it.
 [[noreturn]] void refuseFilterPart(const Table& table, std::string_view part, std::string_view why);
 
-}  // namespace mira::tool
+}  // namespace mira::tables

@@ -1,9 +1,9 @@
-#include "select/foreign.h"
+#include "tables/filter/foreign.h"
 
 #include "tables/open/words.h"
 #include "tables/page/refusal.h"
 
-namespace mira::tool {
+namespace mira::tables {
 namespace {
 
 constexpr std::string_view kComparing = "><=~^!";
@@ -129,4 +129,4 @@ void refuseForeignWords(const Table& table, std::string_view filter) {
     }
 }
 
-}  // namespace mira::tool
+}  // namespace mira::tables

@@ -1,16 +1,16 @@
-#include "select/condition.h"
+#include "tables/filter/condition.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <optional>
 
-#include "select/foreign.h"
+#include "tables/filter/foreign.h"
 #include "tables/open/open.h"
 #include "tables/open/words.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
-#include "terminal/message.h"
 
-namespace mira::tool {
+namespace mira::tables {
 namespace {
 
 constexpr std::string_view kComparing = "><=~^";
@@ -22,6 +22,7 @@ struct Writer {
     const Table& table;
     const FilterCondition& condition;
     std::vector<FieldTest>& tests;
+    std::vector<std::string>& notes;
 
     [[noreturn]] void fail(std::string_view why) const {
         refuseFilterPart(table, condition.text, why);
@@ -107,8 +108,13 @@ std::string ofNumbers(const Writer& writer) {
 
 std::string momentDigits(const Moment& moment, bool withTime) {
     const std::tm& t = moment.time;
-    std::string digits = fmt::format("{:04}{:02}{:02}", t.tm_year, t.tm_mon + 1, t.tm_mday);
-    if (withTime) digits += fmt::format("{:02}{:02}{:02}", t.tm_hour, t.tm_min, t.tm_sec);
+    char digits[96];
+    const int date =
+        std::snprintf(digits, sizeof digits, "%04d%02d%02d", t.tm_year, t.tm_mon + 1, t.tm_mday);
+    if (withTime) {
+        std::snprintf(digits + date, sizeof digits - static_cast<std::size_t>(date), "%02d%02d%02d",
+                      t.tm_hour, t.tm_min, t.tm_sec);
+    }
     return digits;
 }
 
@@ -276,13 +282,15 @@ void checkSign(const Writer& writer, std::string_view right) {
 }
 
 /// The right side of a comparison of texts, without blanks that can only be there for the eye.
-std::string_view textSide(const FilterCondition& condition) {
+std::string_view textSide(const Writer& writer) {
     constexpr std::string_view kSearching = "~^";
+    const FilterCondition& condition = writer.condition;
     const std::string_view right = condition.right;
     if (condition.spaced || isQuoted(trimmed(right))) return trimmed(right);
     if (right.starts_with(' ') && kSearching.find(condition.sign) == std::string_view::npos) {
-        note("\"{}\": the blank behind the operator belongs to the compared text",
-             trimmed(condition.text));
+        writer.notes.push_back(
+            textOf('"', trimmed(condition.text),
+                   "\": the blank behind the operator belongs to the compared text"));
     }
     return right;
 }
@@ -290,7 +298,7 @@ std::string_view textSide(const FilterCondition& condition) {
 std::string ofTexts(const Writer& writer) {
     const Table& table = writer.table;
     const Column& column = *writer.condition.column;
-    const std::string_view right = textSide(writer.condition);
+    const std::string_view right = textSide(writer);
     checkSign(writer, right);
     checkWords(writer, right);
     std::string translated = forLibrary(table, withSingleQuotes(right));
@@ -342,8 +350,8 @@ bool passes(CellReader& cells, const FieldTest& test) {
 }
 
 std::string libraryCondition(const Table& table, const FilterCondition& condition,
-                             std::vector<FieldTest>& tests) {
-    const Writer writer{table, condition, tests};
+                             std::vector<FieldTest>& tests, std::vector<std::string>& notes) {
+    const Writer writer{table, condition, tests, notes};
     if (bare(condition.right).empty()) return blankTest(writer);
     switch (heldKind(*condition.column)) {
         case Kind::Decimal:
@@ -364,4 +372,4 @@ std::string libraryCondition(const Table& table, const FilterCondition& conditio
     }
 }
 
-}  // namespace mira::tool
+}  // namespace mira::tables

@@ -2,24 +2,23 @@
 // quotes; parentheses are counted in quotes, too; the operator is the first of > < = ~ ^ + - / * (
 // ) outside quotes, so what stands left of it must be a bare name; a condition longer than 511
 // characters with its values is false.
-#include "select/filter.h"
+#include "tables/filter/filter.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <new>
 
-#include "select/foreign.h"
+#include "tables/filter/foreign.h"
 #include "tables/open/words.h"
 #include "tables/page/refusal.h"
-#include "terminal/message.h"
-#include "terminal/progress.h"
-#include "terminal/status.h"
 
-namespace mira::tool {
+namespace mira::tables {
 namespace {
 
 constexpr std::string_view kOperators = "><=~^+-/*()";
 constexpr std::string_view kComparing = "><=~^";
+constexpr std::string_view kTooLong = "it is too long; try `mira query`";
 
 [[noreturn]] void refuseFilter(const Table& table, std::string_view why) {
     refuse(table.path, ": the filter cannot be run: ", why);
@@ -179,7 +178,7 @@ std::string checkedCondition(const Table& table, std::string_view text, LibraryF
                                     .right = text.substr(after),
                                     .spaced = text.substr(0, place).ends_with(' ')};
     noteCompared(table, condition, filter);
-    return libraryCondition(table, condition, filter.tests);
+    return libraryCondition(table, condition, filter.tests, filter.notes);
 }
 
 // --------------------------------------------------------------------------------------------
@@ -190,7 +189,7 @@ std::string checkedCondition(const Table& table, std::string_view text, LibraryF
 struct Run {
     Table& table;
     const LibraryFilter& filter;
-    Progress progress;
+    const std::function<bool()>& goesOn;
     CellReader cells;
     u32 tested = 0;     // records
     bool read = false;  // whether the one that is tested has been
@@ -226,11 +225,10 @@ int afterRead(DbfBase* base) {
 int afterTest() {
     Run& run = *running;
     run.unread = !run.read;
-    if (run.unread || stopped()) return 1;
+    if (run.unread) return 1;
     run.read = false;
     ++run.tested;
-    run.progress.add(1);
-    return 0;
+    return run.goesOn && !run.goesOn() ? 1 : 0;
 }
 
 /// Gives the table the fields for the answers of tests, for as long as it lives, and the library
@@ -291,29 +289,38 @@ LibraryFilter checkedFilter(const Table& table, std::string_view filter) {
         checked.text += piece.opening;
         checked.text += checkedCondition(table, condition, checked);
         checked.text += piece.closing;
-        if (end == filter.size()) return checked;
+        if (end == filter.size()) break;
         checked.text += filter[end];
         start = end + 1;
     }
+    if (!hasRoom(*table.base, checked.tests.size())) refuseFilter(table, kTooLong);
+    return checked;
 }
 
-void applyFilter(Table& table, std::string_view filter, bool ignoreCase) {
-    const LibraryFilter checked = checkedFilter(table, filter);
+void runFilter(Table& table, const LibraryFilter& filter, bool ignoreCase,
+               const std::function<bool()>& goesOn) {
     DbfBase* const base = table.base.get();
-    if (!hasRoom(*base, checked.tests.size()))
-        refuseFilter(table, "it is too long; try `mira query`");
-    Run run{table, checked, Progress("filter " + table.path, reccount(base)), CellReader(table)};
+    Run run{table, filter, goesOn, CellReader(table)};
     bool done = false;
     {
         const Hooks hooks(run, ignoreCase);
-        done = set_filter(base, checked.text.c_str(), afterTest) != nullptr;
+        done = set_filter(base, filter.text.c_str(), afterTest) != nullptr;
     }
-    leaveIfStopped();
-    if (!done) refuseFilter(table, "it is too long; try `mira query`");
+    if (!done) refuseFilter(table, kTooLong);
     if (run.unread) {
         refuse(table.path, ": record ", u64{recno(base, GetOrder(base, run.tested))} + 1,
                " cannot be read");
     }
 }
 
-}  // namespace mira::tool
+void viewRange(DbfBase* base, u32 first, u32 end) {
+    const u32 count = end - first;
+    auto* const index = static_cast<u32*>(std::malloc((std::size_t{count} + 1) * sizeof(u32)));
+    if (index == nullptr) throw std::bad_alloc();
+    for (u32 i = 0; i < count; ++i) index[i] = first + i;
+    std::free(base->FilterIndex);
+    base->FilterIndex = index;
+    base->FilterCount = count;
+}
+
+}  // namespace mira::tables

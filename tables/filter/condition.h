@@ -5,11 +5,10 @@
 #include <string_view>
 #include <vector>
 
-#include "tables.h"
 #include "tables/column/column.h"
 #include "tables/value/value.h"
 
-namespace mira::tool {
+namespace mira::tables {
 
 /// A condition as it is written: FIELD SIGN RIGHT.
 struct FilterCondition {
@@ -33,9 +32,9 @@ struct FieldTest {
 /// Whether the current record passes.
 bool passes(CellReader& cells, const FieldTest& test);
 
-/// The condition as the library takes it. What it needs tested is added. Throws a Refusal for what
-/// would silently mean something else.
+/// The condition as the library takes it. What it needs tested, and sentences about what is hardly
+/// meant, are added. Throws a Refusal for what would silently mean something else.
 std::string libraryCondition(const Table& table, const FilterCondition& condition,
-                             std::vector<FieldTest>& tests);
+                             std::vector<FieldTest>& tests, std::vector<std::string>& notes);
 
-}  // namespace mira::tool
+}  // namespace mira::tables
