@@ -410,9 +410,10 @@ void compareTruth(const Scene& scene, const Node& node, KeyValue& value) {
                       : left.type == KeyType::Logical
                           ? left.truth - right.truth
                           : (left.number > right.number) - (left.number < right.number);
-    const bool equal = sign != "<>" && sign != "!=" && sign != "#" && sign.find('=') != sign.npos;
-    const bool less = sign.find('<') != sign.npos || sign == "!=" || sign == "#";
-    const bool greater = sign.find('>') != sign.npos || sign == "!=" || sign == "#";
+    const bool equal =
+        sign != "<>" && sign != "!=" && sign != "#" && sign.find('=') != std::string_view::npos;
+    const bool less = sign.find('<') != std::string_view::npos || sign == "!=" || sign == "#";
+    const bool greater = sign.find('>') != std::string_view::npos || sign == "!=" || sign == "#";
     value.truth = (order == 0 && equal) || (order < 0 && less) || (order > 0 && greater);
 }
 

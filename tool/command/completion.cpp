@@ -182,7 +182,7 @@ complete -c mira -n __fish_use_subcommand -f
 std::string fishScript(const CLI::App& program) {
     std::string script = kFishHead;
     eachCommand(program, [&](const CLI::App& command) {
-        const std::string name = command.get_name();
+        const std::string& name = command.get_name();
         script += textOf("complete -c mira -n __fish_use_subcommand -a ", name, " -d '",
                          shortText(command.get_description()), "'\n");
         eachOption(command, [&](const CLI::Option& option) {
