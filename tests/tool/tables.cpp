@@ -1,6 +1,7 @@
 #include "tool/tables.h"
 
 #include "support.h"
+#include "support/indexes.h"
 
 namespace test {
 namespace {
@@ -168,6 +169,16 @@ void layStray(const std::string& folder) {
         le(2, 4), 4);
 }
 
+/// A table with a compound index: one tag that agrees, one that is stale, one that nobody computes.
+void layIndex(const std::string& folder) {
+    const Layout layout{0x03, {{"CODE", 'C', 3}}, {" b  ", " a  ", "*c  "}};
+    writeAll(folder + "/tagged.dbf", layout.bytes());
+    const TagBytes live{"LIVE", "UPPER(CODE)", ".NOT. DELETED()", {{"A  ", 2}, {"B  ", 1}}, 0x68};
+    const TagBytes code{"CODE", "code", "", {{"a  ", 2}, {"b  ", 1}}};
+    const TagBytes other{"OTHER", "SOUNDEX(code)", "", {{"a  ", 2}}, 0x64};
+    writeAll(folder + "/tagged.cdx", cdxOf({code, live, other}));
+}
+
 }  // namespace
 
 void layTables(const std::string& folder) {
@@ -187,6 +198,7 @@ void layTables(const std::string& folder) {
         4);
     lay(folder, "bare.dbf",
         {.version = 0x30, .columns = {{"_NullFlags", '0', 1}}, .records = {" x"}});
+    layIndex(folder);
     writeAll(folder + "/junk.dbf", "junk");
     lay(folder, "-x.dbf", {.columns = {{"C", 'C', 3}}, .records = {" one"}});
     lay(folder, "evil\x1B[2J.dbf", {.columns = {{"A\x1B[1m", 'C', 3}}, .records = {" \x1B[m"}});

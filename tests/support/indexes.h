@@ -1,0 +1,76 @@
+// Compound index files laid out byte by byte.
+#pragma once
+
+#include <vector>
+
+#include "support/bytes.h"
+
+namespace test {
+
+constexpr unsigned kIndexPage = 512;
+
+struct Entry {
+    std::string key;
+    u32 record;
+};
+struct TagBytes {
+    std::string name = "", expression = "", condition = "";
+    std::vector<Entry> entries = {};
+    unsigned options = 0x60, kind = 0;
+    std::string collation = "";
+};
+
+inline std::string leafOf(const std::vector<Entry>& entries, unsigned kind,
+                          u32 right = 0xFFFFFFFF) {
+    // Counts of 8 bits each and records of 24: five bytes an entry, nothing left out of keys.
+    std::string places, texts;
+    for (const Entry& entry : entries) {
+        places += le(entry.record, 3) + "\0\0"s;
+        texts.insert(0, entry.key);
+    }
+    const std::string head = le(kind, 2) + le(entries.size(), 2) + le(0xFFFFFFFF, 4) +
+                             le(right, 4) + le(0, 2) + le(0xFFFFFF, 4) +
+                             "\xFF\xFF\x18\x08\x08\x05"s + places;
+    return padded(head, kIndexPage - texts.size(), 0) + texts;
+}
+
+inline std::string cdxHeader(u64 root, unsigned keyLength, const TagBytes& tag) {
+    const std::string pool = tag.expression + '\0' + tag.condition + '\0';
+    std::string head =
+        le(root, 4) + le(0, 8) + le(keyLength, 2) + le(tag.options, 1) + le(tag.kind, 1);
+    head = padded(head, 494, 0) + padded(tag.collation, 8, 0) + le(0, 2);
+    head += le(tag.expression.size() + 1, 2) + le(tag.condition.size() + 1, 2) + le(0, 2) +
+            le(tag.expression.size() + 1, 2);
+    return padded(head + pool, 1024, 0);
+}
+
+/// A compound index: directory, then every tag with its header and one leaf, or with an inner page
+/// over a leaf per entry.
+inline std::string cdxOf(const std::vector<TagBytes>& tags, bool deep = false) {
+    std::vector<Entry> names;
+    std::string rest;
+    const std::size_t start = 1024 + kIndexPage;
+    for (const TagBytes& tag : tags) {
+        const auto keyLength =
+            static_cast<unsigned>(tag.entries.empty() ? 4 : tag.entries[0].key.size());
+        const std::size_t place = start + rest.size(), root = place + 1024;
+        names.push_back({padded(tag.name, 10), static_cast<u32>(place)});
+        rest += cdxHeader(root, keyLength, tag);
+        if (!deep) {
+            rest += leafOf(tag.entries, 3);
+            continue;
+        }
+        std::string inner = le(1, 2) + le(tag.entries.size(), 2) + le(~0ULL, 8), leaves;
+        for (std::size_t i = 0; i < tag.entries.size(); ++i) {
+            const std::size_t leaf = root + kIndexPage * (i + 1);
+            const bool last = i + 1 == tag.entries.size();
+            inner += tag.entries[i].key + be(tag.entries[i].record, 4) + be(leaf, 4);
+            leaves += leafOf({tag.entries[i]}, 2,
+                             last ? 0xFFFFFFFF : static_cast<u32>(leaf + kIndexPage));
+        }
+        rest += padded(inner, kIndexPage, 0) + leaves;
+    }
+    return cdxHeader(1024, 10, {.options = 0xE0}) + leafOf(names, 3) + rest;
+}
+
+}  // namespace test
