@@ -33,6 +33,9 @@ void* operator new(std::size_t size) {
     if (void* const made = malloc(size)) return made;
     throw std::bad_alloc();
 }
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return malloc(size);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
@@ -76,7 +79,9 @@ TEST(ArrowFaults, AllocationsAndReadsFailInTurn) {
     Layout layout{0x30, {{"F0", 'C', 200}, {"F1", 'N', 18, 3}, {"F2", 'M', 4}}};
     for (int i = 0; i < 4000; ++i)
         layout.records.push_back(' ' + padded(printed("text %d \x80", i), 222));
-    writeAll(path, layout.bytes());
+    std::string bytes = layout.bytes();
+    bytes[29] = '\x03';  // says the page: the guesser of pages loses memory when some is refused
+    writeAll(path, bytes);
     ASSERT_EQ(readWith(path, 0, 0), 4000);
     for (const bool reads : {false, true}) {
         int count = 0;
