@@ -9,8 +9,6 @@
 namespace mira::arrow {
 namespace {
 
-using tables::isDigit;
-
 /// Digits and exponent of a number, 0.DIGITS * 10^point, without zeros before and after them.
 struct Decimal {
     bool negative = false;

@@ -66,7 +66,7 @@ std::optional<u32> decodeMemoPrefix(const MemoFamily&, const u8* prefix);
 bool readMemoUnit(const MemoHead&, const MemoFamily&, u32* unit);
 /// Reads the memo of a reference; *memo holds *length bytes and a zero byte. Blocks of no bytes
 /// hold none. limit cuts memos that have an end byte in place of a length.
-MemoRead readMemo(int descriptor, const MemoFamily&, u32 unit, MemoReference, u32 limit,
+MemoRead readMemo(int file, const MemoFamily&, u32 unit, MemoReference, u32 limit,
                   Owned<char>* memo, u32* length);
 
 // family.cpp
@@ -94,7 +94,7 @@ void buildMemoHeader(const MemoFamily&, u32 unit, u8* header);
 /// The bytes before a memo's data; their number.
 u32 encodeMemoPrefix(const MemoFamily&, u32 length, u8* to);
 /// Appends a memo to a memo file and advances the counter. The block; 0 on failure.
-u32 appendMemo(int descriptor, const MemoHead&, const MemoFamily&, const char* bytes, u32 length);
+u32 appendMemo(int file, const MemoHead&, const MemoFamily&, const char* bytes, u32 length);
 
 inline u32 loadMemo32(const MemoFamily& family, const u8* from) {
     return family.bigEndian ? loadBe32(from) : loadLe32(from);
