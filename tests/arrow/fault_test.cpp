@@ -29,7 +29,7 @@ WRAP(std::size_t, fread, fails(readsLeft), 0,
      (void* to, std::size_t size, std::size_t count, std::FILE* file), (to, size, count, file))
 }
 
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
     if (void* const made = malloc(size)) return made;
     throw std::bad_alloc();
 }
