@@ -91,6 +91,7 @@ bool putInPlace(const ChangeNames& names, const SwapPlan& plan) {
             return false;
         }
     }
+    if (!plan.index.empty() && !placeIndex(names, plan.index)) return false;
     return (placed || rename(names.newTable(), names.table)) && syncFolderOf(names.table);
 }
 
@@ -158,7 +159,7 @@ void Swap::go(const SwapPlan& plan) {
            "; `mira info ", names_.table, "` does it");
 }
 
-void Swap::commit(const BackupPlan& backups, const std::string& newMemo) {
+void Swap::commit(const BackupPlan& backups, const std::string& newMemo, const IndexPlan& index) {
     SwapPlan plan;
     plan.newMemoKind = newMemo.empty() ? -1 : builtMemoKind(names_);
     plan.newMemo = plan.newMemoKind < 0 ? "" : newMemo;
@@ -171,6 +172,8 @@ void Swap::commit(const BackupPlan& backups, const std::string& newMemo) {
     if (!memos.empty()) settle(memos, like);
     settle(newTable(), names_.table);
     if (!syncFolderOf(names_.table)) refuse(names_.table, ": its folder cannot be written");
+    plan.index = index.name;
+    if (!index.name.empty()) buildIndex(names_, index, newTable(), journal_);
     if (plan.backup) rotateBackups(names_, backups.copies);
     go(plan);
 }

@@ -42,29 +42,48 @@ void appendBe32(std::string& bytes, u64 value) {
     }
 }
 
-/// The file that is written, from its beginning on.
+/// The file that is written, from its beginning on. Its end waits in memory.
 struct Output {
     const std::string& path;  // for messages
     int descriptor;
     u64 size = 0;
+    std::string waiting{};
 
     void put(u64 place, std::string_view bytes) {
+        const u64 start = size - waiting.size();
+        if (place >= start) {
+            waiting.replace(static_cast<std::size_t>(place - start), bytes.size(), bytes);
+        } else {
+            if (place + bytes.size() > start) flush();
+            write(place, bytes);
+        }
+    }
+    u64 append(std::string_view bytes) {
+        constexpr std::size_t kWaiting = 1 << 18;
+        const u64 place = size;
+        if (place + bytes.size() > kNone) refuse(path, ": its new index would pass 4 GB");
+        if (waiting.size() >= kWaiting) flush();
+        waiting += bytes;
+        size += bytes.size();
+        return place;
+    }
+    void flush() {
+        write(size - waiting.size(), waiting);
+        waiting.clear();
+    }
+
+private:
+    void write(u64 place, std::string_view bytes) const {
         while (!bytes.empty()) {
             const ssize_t done =
                 pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(place));
             if (done < 0 && errno == EINTR) continue;
-            if (done <= 0)
+            if (done <= 0) {
                 refuse(path, ": its new index cannot be written: ", std::strerror(errno));
+            }
             place += static_cast<u64>(done);
             bytes.remove_prefix(static_cast<std::size_t>(done));
         }
-        size = std::max(size, place);
-    }
-    u64 append(std::string_view bytes) {
-        const u64 place = size;
-        if (place + bytes.size() > kNone) refuse(path, ": its new index would pass 4 GB");
-        put(place, bytes);
-        return place;
     }
 };
 
@@ -100,21 +119,6 @@ struct Entries {
         order.erase(std::unique(order.begin(), order.end(), same), order.end());
     }
 };
-
-Entries entriesOf(const Table& table, const Tag& tag, const KeyRule& rule) {
-    Entries entries{rule.length};
-    const u32 count = reccount(table.base.get());
-    std::string key;
-    for (u32 record = 0; record < count; ++record) {
-        readRecord(table, record);
-        if (!isIndexed(table, rule, record + 1)) continue;
-        makeKey(table, rule, record + 1, key);
-        entries.add(key, record + 1);
-    }
-    entries.sort();
-    if (tag.unique) entries.makeUnique();
-    return entries;
-}
 
 /// How the counts and the record of an entry share its bytes.
 struct Packing {
@@ -261,48 +265,77 @@ void putHeader(Output& output, const IndexFile& old, u64 oldPlace, u64 place, u6
     output.put(place, header);
 }
 
-u64 writeTag(Output& output, const Table& table, const IndexFile& old, const Tag& tag) {
-    const KeyRule rule = index::ruleOf(table, old, tag);
+/// Tags whose entries are in memory together.
+struct Batch {
+    std::vector<KeyRule> rules{};
+    std::vector<Entries> entries{};
+};
+
+constexpr std::size_t kMostBytes = std::size_t{1} << 28;  // unless one tag alone needs more
+
+/// Those from first on, by one pass through the table.
+Batch readBatch(const Table& table, const IndexFile& old, std::size_t first,
+                const index::Step& step) {
+    Batch batch;
+    std::size_t bytes = 0;
+    for (std::size_t i = first; i < old.tags.size(); ++i) {
+        KeyRule rule = index::ruleOf(table, old, old.tags[i]);
+        bytes += (rule.length + 2 * kRecordBytes) * reccount(table.base.get());
+        if (bytes > kMostBytes && i != first) break;
+        batch.entries.push_back({rule.length});
+        batch.rules.push_back(std::move(rule));
+    }
+    std::vector<const KeyRule*> rules;
+    for (const KeyRule& rule : batch.rules) rules.push_back(&rule);
+    index::eachKey(table, rules, step, [&](std::size_t number, std::string_view key, u32 record) {
+        batch.entries[number].add(key, record);
+    });
+    return batch;
+}
+
+/// Writes a tag; returns the place of its header.
+u64 writeTag(Output& output, const IndexFile& old, const Tag& tag, const KeyRule& rule,
+             Entries entries) {
+    entries.sort();
+    if (tag.unique) entries.makeUnique();
     const u64 place = output.append(std::string(kHeader, '\0'));
-    const u64 root = writeTree(output, entriesOf(table, tag, rule), fillerOf(rule));
-    putHeader(output, old, tag.header, place, root);
+    putHeader(output, old, tag.header, place, writeTree(output, entries, fillerOf(rule)));
     return place;
+}
+
+/// Writes all tags; returns the directory.
+Entries writeTags(Output& output, const Table& table, const IndexFile& old,
+                  const index::Step& step) {
+    Entries names{old.nameLength};
+    for (std::size_t done = 0; done < old.tags.size();) {
+        Batch batch = readBatch(table, old, done, step);
+        for (std::size_t i = 0; i < batch.rules.size(); ++i, ++done) {
+            const u64 place =
+                writeTag(output, old, old.tags[done], batch.rules[i], std::move(batch.entries[i]));
+            std::string name = old.tags[done].name;
+            name.resize(old.nameLength, ' ');
+            names.add(name, static_cast<u32>(place));
+        }
+    }
+    return names;
 }
 
 }  // namespace
 
-std::string whyNotRebuilt(const Table& table, const IndexFile& file, bool anyway) {
-    if (file.kind != IndexKind::Cdx) {
-        return textOf("files of the kind ", kindName(file.kind),
-                      " are not rebuilt; the program that made it can do so");
-    }
-    for (const Tag& tag : file.tags) {
-        const TagReport report = compareTag(table, file, tag);
-        if (!report.notComputed.empty()) {
-            return textOf("tag ", tag.name, ": ", report.notComputed);
-        }
-        if (!report.isSameRule() && !anyway) {
-            return textOf("tag ", tag.name, ": ", sentenceOf(report),
-                          "; --force makes it anew all the same");
-        }
-    }
-    return "";
-}
-
-void writeIndex(const Table& table, const IndexFile& old, int descriptor) {
+void writeIndex(const Table& table, const IndexFile& old, int descriptor,
+                const std::function<void()>& step) {
     Output output{old.path, descriptor};
     if (old.isCompound) output.append(std::string(kHeader, '\0'));
-    Entries names{old.nameLength};
-    for (const Tag& tag : old.tags) {
-        const u64 place = writeTag(output, table, old, tag);
-        if (!old.isCompound) continue;
-        std::string name = tag.name;
-        name.resize(old.nameLength, ' ');
-        names.add(name, static_cast<u32>(place));
+    try {
+        Entries names = writeTags(output, table, old, step);
+        output.flush();
+        if (!old.isCompound) return;
+        names.sort();
+        putHeader(output, old, 0, 0, writeTree(output, names, ' '));
+        output.flush();
+    } catch (const index::NotComputed& reason) {
+        refuse(old.path, ": cannot be rebuilt: not computed: ", reason.what());
     }
-    if (!old.isCompound) return;
-    names.sort();
-    putHeader(output, old, 0, 0, writeTree(output, names, ' '));
 }
 
 }  // namespace mira::tables

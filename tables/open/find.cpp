@@ -169,7 +169,10 @@ std::string beside(const std::string& path, std::string_view extension, Listing*
 std::vector<std::string> indexFilesBeside(const std::string& path, Listing* listing) {
     Listing own;
     std::vector<std::string> found;
-    for (const char* extension : {".cdx", ".idx", ".mdx", ".ndx", ".ntx", ".cdb"}) {
+    const bool container = sameText(fs::path(path).extension().string(), ".dbc");
+    for (const char* extension : {".cdx", ".dcx", ".idx", ".mdx", ".ndx", ".ntx", ".cdb"}) {
+        // A database container and a table of one name have an index each.
+        if (container != (std::string_view(extension) == ".dcx")) continue;
         std::string file = beside(path, extension, listing != nullptr ? listing : &own);
         if (!file.empty()) found.push_back(std::move(file));
     }

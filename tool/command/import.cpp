@@ -375,6 +375,17 @@ std::unique_ptr<Table> openOld(const Target& target, const Options& options) {
     }
 }
 
+/// The index that is made anew for a table that is replaced.
+IndexPlan indexOf(const Table* old, const Target& target, const Options& options) {
+    if (old != nullptr) return tool::indexOf(*old, options.change);
+    if (!options.change.reindex) return {};
+    const std::vector<std::string> files = indexFilesBeside(target.path);
+    if (files.empty()) return {};
+    refuse(joined(files),
+           ": belongs to no table that is there, and nothing says how its keys are "
+           "made; remove it, or go without --reindex");
+}
+
 Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
     const Target target = newTarget(options);
     const Plan plan = planTable(options, csv, headings);
@@ -392,9 +403,13 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
     checkFree(*table, target, options);
+    const IndexPlan index = indexOf(old.get(), target, options);
     const std::string memos = memoTarget(*table, target).filename().string();
     leaveIfStopped();
-    if (!options.change.dryRun) swap->commit(backupsOf(options.change), memos);
+    if (!options.change.dryRun) {
+        swap->commit(backupsOf(options.change), memos, index);
+        tellStale(*table, {.records = true}, options.change);
+    }
     return tellImported(importer, target.path, "written", options.change.dryRun);
 }
 
@@ -438,6 +453,7 @@ void addOptions(CLI::App& command, Options& options) {
     command.add_flag("--force", options.change.force,
                      "Replace a table that is there; append also beside a .shp file");
     addChangeOptions(command, options.change);
+    addReindexOption(command, options.change);
 }
 
 }  // namespace

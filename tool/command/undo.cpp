@@ -1,7 +1,9 @@
 // mira undo: the newest backup back in place.
 #include "tables/change/undo.h"
 
+#include "command/change.h"
 #include "command/commands.h"
+#include "tables/open/open.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -18,6 +20,7 @@ Status run(const Options& options) {
     for (const std::string& sentence : undone.notes) tellError(sentence);
     note("{}: {} {} with it", undone.table, undone.backup,
          options.dryRun ? "would be exchanged" : "is exchanged");
+    if (!options.dryRun) tellStale(*openTable(undone.table, {}), {.records = true}, {});
     return kDone;
 }
 
