@@ -293,49 +293,69 @@ Batch readBatch(const Table& table, const IndexFile& old, std::size_t first,
     return batch;
 }
 
-/// Writes a tag; returns the place of its header.
-u64 writeTag(Output& output, const IndexFile& old, const Tag& tag, const KeyRule& rule,
-             Entries entries) {
-    entries.sort();
-    if (tag.unique) entries.makeUnique();
-    const u64 place = output.append(std::string(kHeader, '\0'));
-    putHeader(output, old, tag.header, place, writeTree(output, entries, fillerOf(rule)));
-    return place;
-}
+/// A file that is written, and what its directory is to hold.
+struct Rebuilt {
+    const IndexFile& old;
+    Output output;
+    Entries names;
 
-/// Writes all tags; returns the directory.
-Entries writeTags(Output& output, const Table& table, const IndexFile& old,
-                  const index::Step& step) {
-    Entries names{old.nameLength};
-    for (std::size_t done = 0; done < old.tags.size();) {
-        Batch batch = readBatch(table, old, done, step);
+    Rebuilt(const IndexFile& file, int descriptor)
+        : old(file), output{file.path, descriptor}, names{file.nameLength} {
+        if (old.isCompound) output.append(std::string(kHeader, '\0'));
+    }
+
+    void add(const Tag& tag, const Entries& entries, char filler) {
+        const u64 place = output.append(std::string(kHeader, '\0'));
+        putHeader(output, old, tag.header, place, writeTree(output, entries, filler));
+        std::string name = tag.name;
+        name.resize(old.nameLength, ' ');
+        names.add(name, static_cast<u32>(place));
+    }
+
+    void finish() {
+        if (old.isCompound) putHeader(output, old, 0, 0, writeTree(output, names, ' '));
+        output.flush();
+    }
+};
+
+void addTags(Rebuilt& made, const Table& table, const index::Step& step) {
+    for (std::size_t done = 0; done < made.old.tags.size();) {
+        Batch batch = readBatch(table, made.old, done, step);
         for (std::size_t i = 0; i < batch.rules.size(); ++i, ++done) {
-            const u64 place =
-                writeTag(output, old, old.tags[done], batch.rules[i], std::move(batch.entries[i]));
-            std::string name = old.tags[done].name;
-            name.resize(old.nameLength, ' ');
-            names.add(name, static_cast<u32>(place));
+            Entries entries = std::move(batch.entries[i]);
+            const Tag& tag = made.old.tags[done];
+            entries.sort();
+            if (tag.unique) entries.makeUnique();
+            made.add(tag, entries, fillerOf(batch.rules[i]));
         }
     }
-    return names;
 }
 
 }  // namespace
 
 void writeIndex(const Table& table, const IndexFile& old, int descriptor,
                 const std::function<void()>& step) {
-    Output output{old.path, descriptor};
-    if (old.isCompound) output.append(std::string(kHeader, '\0'));
+    Rebuilt made(old, descriptor);
     try {
-        Entries names = writeTags(output, table, old, step);
-        output.flush();
-        if (!old.isCompound) return;
-        names.sort();
-        putHeader(output, old, 0, 0, writeTree(output, names, ' '));
-        output.flush();
+        addTags(made, table, step);
     } catch (const index::NotComputed& reason) {
         refuse(old.path, ": cannot be rebuilt: not computed: ", reason.what());
     }
+    made.names.sort();
+    made.finish();
+}
+
+void rewriteIndex(const IndexFile& old, char filler, int descriptor) {
+    Rebuilt made(old, descriptor);
+    for (const Tag& tag : old.tags) {
+        Entries entries{tag.keyLength};
+        eachEntry(old, tag, filler, [&](std::string_view key, u32 record) {
+            entries.add(key, record);
+            return true;
+        });
+        made.add(tag, entries, filler);
+    }
+    made.finish();
 }
 
 }  // namespace mira::tables

@@ -15,4 +15,8 @@ namespace mira::tables {
 void writeIndex(const Table& table, const IndexFile& old, int descriptor,
                 const std::function<void()>& step = {});
 
+/// The same from the entries that the file holds, in their order. For tests: what is written has to
+/// be read back as it was. filler as in eachEntry.
+void rewriteIndex(const IndexFile& old, char filler, int descriptor);
+
 }  // namespace mira::tables

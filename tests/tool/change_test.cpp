@@ -17,6 +17,7 @@
 #include <functional>
 #include <random>
 
+#include "support/indexes.h"
 #include "support/sample.h"
 #include "tables/change/append.h"
 #include "tables/change/recovery.h"
@@ -251,6 +252,7 @@ struct Command {
     Words words;
     const char* table = "t";
     bool large = false;  // more than waits in memory
+    bool indexed = false;
 };
 
 /// "CSV" and "MEMO" stand for files with rows and a text.
@@ -273,7 +275,44 @@ const Command kCommands[] = {
     {"undo", {{"set", "t", "NOTE=other", "--all"}}, {"undo", "t"}},
     {"update", {}, {"query", "--write", "UPDATE t SET NOTE = NAME, FILL = 'q'", "."}},
     {"insert", {}, {"query", "--write", "INSERT INTO t (NAME, NOTE) VALUES ('i', 'memo')", "."}},
+    {"reindex", {{"set", "t", "NAME=zz", "-w", "NAME='n102'"}}, {"reindex", "t"}, "t", false, true},
+    {"set, reindex", {}, {"set", "t", "NAME=a", "--all", "--reindex"}, "t", false, true},
+    {"delete, reindex", {}, {"delete", "t", "--all", "--reindex"}, "t", false, true},
+    {"append, reindex", {}, {"import", "CSV", "t", "--append", "--reindex"}, "t", false, true},
+    {"pack, reindex", {}, {"pack", "t", "--reindex", "--no-backup"}, "t", false, true},
+    {"replace, reindex",
+     {{"set", "t", "FILL=x", "--all"}},
+     {"import", "CSV", "t", "--force", "--reindex", "KIND"},
+     "t",
+     false,
+     true},
 };
+
+/// What a tag of NAME holds.
+std::vector<Entry> entriesOf(const Rows& rows, bool liveOnly) {
+    std::vector<Entry> entries;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        if (liveOnly && rows[i][0] == '*') continue;
+        entries.push_back({rows[i].substr(1, 4), static_cast<u32>(i + 1)});
+    }
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const Entry& a, const Entry& b) { return a.key < b.key; });
+    return entries;
+}
+
+/// Without entries yet.
+std::string emptyIndex() {
+    return cdxOf({{"ALL", "name"}, {"LIVE", "name", ".NOT. DELETED()", {}, 0x68}});
+}
+
+bool isIndexOf(const Rows& rows, std::string_view index) {
+    const std::vector<Entry> names = entriesAt(index, 0, ' ');
+    for (const Entry& name : names) {
+        if (entriesAt(index, name.record, ' ') != entriesOf(rows, name.key.starts_with("LIVE")))
+            return false;
+    }
+    return names.size() == 2;
+}
 
 class Bench {
 public:
@@ -294,6 +333,11 @@ public:
         writeAll(dir_.file("memo.txt"), std::string(700, 'm'));
         const std::string large = "l1," + std::string(1100000, 'l') + "\n";
         if (command.large) writeAll(dir_.file("large.csv"), "NAME,NOTE\n" + repeat(large, 4));
+        if (command.indexed) {
+            writeAll(folder + "/t.cdx", emptyIndex());
+            EXPECT_EQ(run(folder, {"reindex", "t"}).status, 0);
+            EXPECT_EQ(rows(), sample.before);
+        }
         for (const Words& words : command.before) EXPECT_EQ(run(folder, words).status, 0);
         files = filesIn(folder);
         before = rows();
@@ -326,7 +370,7 @@ public:
     std::string file(const std::string& name) const { return folder + "/" + name; }
 
     /// By the readers' own account; "gone" for no table, "broken" for one whose count is not its
-    /// size.
+    /// size; behind the rows "stale" for an index that does not agree with them.
     Rows rows() const {
         const Files now = filesIn(folder);
         const std::string stem = command.table;
@@ -336,6 +380,7 @@ public:
         const std::string& bytes = table->second;
         Rows found = rowsOf(kind, kWidth, bytes, memos != now.end() ? memos->second : "");
         if (bytes.size() < 32 || number(bytes.substr(4, 4)) != found.size()) return {"broken"};
+        if (command.indexed && !isIndexOf(found, now.at("t.cdx"))) found.emplace_back("stale");
         return found;
     }
 
@@ -753,7 +798,7 @@ void mendChecksums(std::string& journal) {
 
 TEST_F(ChangeTest, HostileJournalsTouchNothingElse) {
     std::mt19937 random(7);
-    for (const std::size_t i : {0U, 5U, 7U, 9U, 13U}) {
+    for (const std::size_t i : {0U, 5U, 7U, 9U, 13U, 16U, 17U}) {
         const Bench bench(kCommands[i], kKinds[i % 4]);
         const std::string memos = memoNameOf(bench.kind), victim(3000, 'v');
         for (int trial = 0; trial < (all ? 4000 : 60); ++trial) {
@@ -771,7 +816,8 @@ TEST_F(ChangeTest, HostileJournalsTouchNothingElse) {
             if (random() % 4 != 0 && journal.size() > 16) mendChecksums(journal);
             writeAll(bench.file("t.dbf-mira"), journal);
             writeAll(bench.file("victim"), victim);
-            const std::string linked = bench.file(random() % 2 != 0 ? memos : "t.dbf-mira.new");
+            const std::string places[] = {memos, "t.dbf-mira.new", "t.dbf-mira.cdx", "t.cdx"};
+            const std::string linked = bench.file(places[random() % std::size(places)]);
             const bool hard = random() % 2 != 0;
             if (random() % 3 != 0) {
                 std::filesystem::remove(linked);
