@@ -6,6 +6,7 @@
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
 #include "tables/change/recovery.h"
+#include "tables/index/rebuild.h"
 #include "tables/index/stale.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
@@ -238,10 +239,14 @@ void Changes::write() {
 }
 
 void Changes::writeRows() {
+    const bool reindex = table_.options.reindex;
+    tables::IndexPlan index = reindex ? tables::planReindex(table_) : tables::IndexPlan{};
     tables::Change change(table_, {.wanted = !backedUp_});
+    change.reindex(std::move(index));
     backedUp_ = true;
     for (const Row& row : rows_) writeRow(change, row);
     change.commit();
+    if (reindex) return;
     for (const std::string& stale : tables::staleIndexes(table_, change.touched())) {
         if (toldStale_.insert(stale).second) host_.tell(Notice::Remark, stale);
     }
