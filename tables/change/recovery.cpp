@@ -252,11 +252,11 @@ Recovery finishSwap(const ChangeNames& names, const Files& files, const Journal&
     const std::string fault =
         own ? faultOf(*own, filesOfSwap(names, journal)) : "the journal cannot be read";
     if (!fault.empty()) return left(names, fault);
-    if (!mayPlaceIndex(names, journal.index)) {
+    const bool alone = journal.state == Journal::State::Placing;
+    if (alone && !mayPlaceIndex(names, journal.index)) {
         return left(names, "somebody has worked on its index since");
     }
     if (!files.mayWrite) refuseToWrite(names);
-    const bool alone = journal.state == Journal::State::Placing;
     const bool forward = alone || journal.state == Journal::State::Swapping;
     if (alone ? !placeIndex(names, journal.index.name)
               : !(forward ? putInPlace : putBackupBack)(names, journal.swap)) {

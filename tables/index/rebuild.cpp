@@ -6,6 +6,7 @@
 
 #include "tables/change/disk.h"
 #include "tables/index/compare.h"
+#include "tables/index/key.h"
 #include "tables/index/write.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
@@ -15,6 +16,8 @@ namespace mira::tables {
 namespace {
 
 using Reports = std::vector<TagReport>;
+
+constexpr const char* kWayOut = "; `mira reindex --force` makes it anew all the same";
 
 /// The tag that speaks against the rule of the keys; the end when none does.
 Reports::const_iterator otherRule(const Reports& reports) {
@@ -44,6 +47,27 @@ bool agreesWithBackup(const Table& table, const IndexFile& file,
     return false;
 }
 
+/// Only whether they can be computed.
+Reports computedTags(const Table& table, const IndexFile& file) {
+    Reports reports(file.tags.size());
+    for (std::size_t i = 0; i < reports.size(); ++i) {
+        try {
+            index::ruleOf(table, file, file.tags[i]);
+        } catch (const index::NotComputed& reason) {
+            reports[i].notComputed = reason.what();
+        }
+    }
+    return reports;
+}
+
+Reports comparedTags(const Table& table, const IndexFile& file, const std::function<void()>& step) {
+    try {
+        return compareTags(table, file, step);
+    } catch (const Refusal& damage) {
+        refuse(damage.what(), kWayOut);
+    }
+}
+
 std::string tagOf(const Table& table, const Tag& tag) {
     std::string name;
     if (tag.name.empty()) return name;
@@ -59,17 +83,15 @@ std::string whyNotRebuilt(const Table& table, const IndexFile& file, bool anyway
         return textOf("files of the kind ", kindName(file.kind),
                       " are not rebuilt; the program that made it can do so");
     }
-    const Reports reports = compareTags(table, file, step);
+    const Reports reports = anyway ? computedTags(table, file) : comparedTags(table, file, step);
     for (std::size_t i = 0; i < reports.size(); ++i) {
         if (reports[i].notComputed.empty()) continue;
         return tagOf(table, file.tags[i]) + sentenceOf(reports[i]);
     }
     const auto bad = otherRule(reports);
-    if (anyway || bad == reports.end() || agreesWithBackup(table, file, step)) return "";
+    if (bad == reports.end() || agreesWithBackup(table, file, step)) return "";
     const Tag& tag = file.tags[static_cast<std::size_t>(bad - reports.begin())];
-    return textOf(
-        tagOf(table, tag), sentenceOf(*bad),
-        "; if the table has been changed without it, `mira reindex --force` makes it anew");
+    return textOf(tagOf(table, tag), sentenceOf(*bad), kWayOut);
 }
 
 IndexPlan planOf(const Table& table, IndexFile file, const std::function<void()>& step) {

@@ -12,8 +12,9 @@ namespace mira::tables {
 
 /// Why a file cannot be rebuilt, in words that follow its name: another kind of file, a tag that
 /// cannot be computed, or keys that are not this library's, neither of the table as it is nor of
-/// one of its backups. Empty when it can. anyway overrides the last. Overwrites RecordBuffer. step
-/// is called after every record and may throw. Throws a Refusal for a damaged file.
+/// one of its backups. Empty when it can. anyway overrides the last, for which nothing is read
+/// then. Overwrites RecordBuffer. step is called after every record and may throw. Throws a Refusal
+/// for a damaged file.
 std::string whyNotRebuilt(const Table& table, const IndexFile& file, bool anyway,
                           const std::function<void()>& step = {});
 

@@ -718,6 +718,23 @@ TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
     EXPECT_EQ(bench.rows(), wanted);
 }
 
+/// A new index waits for its place, and meanwhile another program writes the old one.
+TEST_F(ChangeTest, LeavesAnIndexThatOthersHaveWritten) {
+    for (const std::size_t i : {16U, 17U}) {
+        const Bench bench(kCommands[i], kKinds[i % 4]);
+        const std::string theirs = bench.files.at("t.cdx") + "theirs";
+        int left = 0;
+        for (int at = 1; bench.reset(), bench.again({Fate::Kill, at, 8, 0, 0}).status == 99; ++at) {
+            if (!filesIn(bench.folder).contains("t.dbf-mira.cdx")) continue;
+            writeAll(bench.file("t.cdx"), theirs);
+            const Ended ended = run(bench.folder, {"info", "t"});
+            EXPECT_EQ(readAll(bench.file("t.cdx")), theirs) << whereOf(bench, "killed", at);
+            left += ended.said.find("worked on its index since") != std::string::npos;
+        }
+        EXPECT_GT(left, 0) << kCommands[i].name;
+    }
+}
+
 /// What succeeds is there as if one had come after the other.
 TEST_F(ChangeTest, TwoAtOnceLoseNothing) {
     const std::size_t count = std::size(kCommands);

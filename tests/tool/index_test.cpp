@@ -268,6 +268,14 @@ TEST(Index, OtherKindsAgree) {
     EXPECT_EQ(comparedBytes(dir, *table, "t.idx", old), "");
 }
 
+IndexFile made(const std::string& path, const std::function<void(int)>& write) {
+    writeAll(path, "");
+    const int file = open(path.c_str(), O_RDWR);
+    write(file);
+    close(file);
+    return openIndex(path);
+}
+
 TEST(Index, RebuiltHoldsEveryRecordInOrder) {
     const TempDir dir;
     constexpr u32 kRecords = 5000;
@@ -295,13 +303,9 @@ TEST(Index, RebuiltHoldsEveryRecordInOrder) {
     const IndexFile before = openIndex(dir.file("old.cdx"));
     EXPECT_EQ(tables::whyNotRebuilt(*table, before, true), "");
     EXPECT_NE(tables::whyNotRebuilt(*table, before, false), "") << "the key of record 1 differs";
-    writeAll(dir.file("new.cdx"), "");
-    const int file = open(dir.file("new.cdx").c_str(), O_RDWR);
-    writeIndex(*table, before, file);
-    close(file);
-
+    const IndexFile after =
+        made(dir.file("new.cdx"), [&](int file) { writeIndex(*table, before, file); });
     const std::string bytes = readAll(dir.file("new.cdx"));
-    const IndexFile after = openIndex(dir.file("new.cdx"));
     ASSERT_EQ(after.tags.size(), 3U);
     EXPECT_EQ(after.tags[0].name, "A-THIRD") << "the directory is in order";
     for (const auto& report : compareTags(*table, after)) EXPECT_EQ(sentenceOf(report), "");
@@ -345,6 +349,64 @@ TEST(Index, DamagedFilesAreRefusedOrRead) {
     loop.replace(1024 + 8, 4, le(1024, 4));
     writeAll(dir.file("t.cdx"), loop);
     EXPECT_THROW(openIndex(dir.file("t.cdx")), tables::Refusal);
+}
+
+using EntriesByTag = std::map<std::string, std::vector<Entry>>;
+
+EntriesByTag entriesIn(const IndexFile& file) {
+    EntriesByTag all;
+    for (const auto& tag : file.tags) {
+        std::vector<Entry>& entries = all[tag.name + '|' + tag.expression];
+        eachEntry(file, tag, ' ', [&](std::string_view key, u32 record) {
+            entries.push_back({std::string(key), record});
+            return true;
+        });
+    }
+    return all;
+}
+
+/// From its own entries.
+TEST(Index, RewrittenReadsBackTheSame) {
+    const TempDir dir;
+    std::vector<std::string> files;
+    for (const TagBytes& tag : visualTags()) {
+        for (const bool deep : {false, true}) {
+            files.push_back(dir.file("t" + std::to_string(files.size()) + ".cdx"));
+            writeAll(files.back(), cdxOf({tag, {"EMPTY", "name"}}, deep));
+        }
+    }
+    if (const char* const folder = std::getenv("MIRA_INDEXES")) {
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+            const std::string path = entry.path();
+            if (path.ends_with(".cdx") || path.ends_with(".CDX")) files.push_back(path);
+        }
+    }
+    for (const std::string& path : files) {
+        const IndexFile old = openIndex(path);
+        const IndexFile copy =
+            made(dir.file("copy.cdx"), [&](int file) { rewriteIndex(old, ' ', file); });
+        EXPECT_TRUE(entriesIn(copy) == entriesIn(old)) << path;
+    }
+    RecordProperty("files", static_cast<int>(files.size()));
+}
+
+TEST(Index, ABackupVouchesForTheKeys) {
+    const TempDir dir;
+    const auto table = openVisual(dir);
+    const auto why = [&](const std::string& key) {
+        writeAll(dir.file("t.cdx"), cdxOf({{"T", "name", "", {{"Anvil ", 2}, {key, 1}}}}));
+        return tables::whyNotRebuilt(*table, openIndex(dir.file("t.cdx")), false);
+    };
+    EXPECT_EQ(why("bolt  "), "");
+    EXPECT_TRUE(
+        why("rivet ").starts_with("tag T: 1 record missing, first 3; 1 other key, first 1"));
+    std::string before = readAll(table->path);
+    writeAll(dir.file("t.bak"), before);
+    EXPECT_NE(why("rivet "), "");
+    before.replace(before.find("bolt  "), 6, "rivet ");
+    writeAll(dir.file("t.bak1"), before);
+    EXPECT_EQ(why("rivet "), "");
+    EXPECT_NE(why("screw "), "");
 }
 
 struct RealTag {

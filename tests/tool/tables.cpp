@@ -169,8 +169,8 @@ void layStray(const std::string& folder) {
         le(2, 4), 4);
 }
 
-/// A table with a compound index that agrees, and one with a tag that agrees, one that is stale, and
-/// one that nobody computes.
+/// A table with a compound index that agrees, and one with a tag that agrees, one that is stale,
+/// and one that nobody computes.
 void layIndex(const std::string& folder) {
     const Layout layout{0x03, {{"CODE", 'C', 3}}, {" b  ", " a  ", "*c  "}};
     writeAll(folder + "/tagged.dbf", layout.bytes());
