@@ -273,13 +273,21 @@ struct Batch {
 
 constexpr std::size_t kMostBytes = std::size_t{1} << 28;  // unless one tag alone needs more
 
+KeyRule ruleFor(const Table& table, const IndexFile& old, const Tag& tag) {
+    try {
+        return index::ruleOf(table, old, tag);
+    } catch (const index::NotComputed& reason) {
+        refuse(old.path, ": cannot be rebuilt: tag ", tag.name, ": not computed: ", reason.what());
+    }
+}
+
 /// Those from first on, by one pass through the table.
 Batch readBatch(const Table& table, const IndexFile& old, std::size_t first,
                 const index::Step& step) {
     Batch batch;
     std::size_t bytes = 0;
     for (std::size_t i = first; i < old.tags.size(); ++i) {
-        KeyRule rule = index::ruleOf(table, old, old.tags[i]);
+        KeyRule rule = ruleFor(table, old, old.tags[i]);
         bytes += (rule.length + 2 * kRecordBytes) * reccount(table.base.get());
         if (bytes > kMostBytes && i != first) break;
         batch.entries.push_back({rule.length});
@@ -336,11 +344,7 @@ void addTags(Rebuilt& made, const Table& table, const index::Step& step) {
 void writeIndex(const Table& table, const IndexFile& old, int descriptor,
                 const std::function<void()>& step) {
     Rebuilt made(old, descriptor);
-    try {
-        addTags(made, table, step);
-    } catch (const index::NotComputed& reason) {
-        refuse(old.path, ": cannot be rebuilt: not computed: ", reason.what());
-    }
+    addTags(made, table, step);
     made.names.sort();
     made.finish();
 }

@@ -372,7 +372,9 @@ TEST(Index, RewrittenReadsBackTheSame) {
     for (const TagBytes& tag : visualTags()) {
         for (const bool deep : {false, true}) {
             files.push_back(dir.file("t" + std::to_string(files.size()) + ".cdx"));
-            writeAll(files.back(), cdxOf({tag, {"EMPTY", "name"}}, deep));
+            std::vector<TagBytes> tags = {tag};
+            if (!deep) tags.push_back({"EMPTY", "name"});
+            writeAll(files.back(), cdxOf(tags, deep));
         }
     }
     if (const char* const folder = std::getenv("MIRA_INDEXES")) {
