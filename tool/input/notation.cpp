@@ -97,7 +97,7 @@ std::optional<std::string> ungrouped(std::string_view whole) {
 
 Notation notationOf(std::string_view decimal, std::string_view dates) {
     Notation notation;
-    if (decimal != "" && decimal != "." && decimal != ",") {
+    if (!decimal.empty() && decimal != "." && decimal != ",") {
         refuse("--decimal ", decimal, ": a comma or a point");
     }
     if (!decimal.empty()) notation.decimal = decimal.front();

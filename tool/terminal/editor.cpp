@@ -15,8 +15,6 @@
 
 #include "tables/page/refusal.h"
 
-extern char** environ;
-
 namespace mira::tool {
 
 using tables::refuse;
