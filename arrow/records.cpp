@@ -53,7 +53,7 @@ u32 Records::takeAll(u32 count) {
     for (u32 i = 0; i < got; ++i) {
         const u8* const bytes = block_.data() + kSlack + std::size_t{i} * length;
         rows_[wanted] = {bytes, next_ + i};
-        wanted += isWanted(bytes) ? 1 : 0;
+        if (isWanted(bytes)) ++wanted;
     }
     rows_.resize(wanted);
     return got;
@@ -69,12 +69,12 @@ u32 Records::takeFiltered(u32 count) {
     if (base->FilterCount != 0) {
         const u32 first = base->FilterIndex[0];
         const u32 last = base->FilterIndex[base->FilterCount - 1];
-        const u32 read = this->read(first, last - first + 1);
-        if (first + read <= last) got = first + read - next_;
+        const u32 there = read(first, last - first + 1);
+        if (first + there <= last) got = first + there - next_;
         const u32 length = base->Header.RecordLength;
         for (u32 i = 0; i < base->FilterCount; ++i) {
             const u32 record = base->FilterIndex[i];
-            if (record - first >= read) break;
+            if (record - first >= there) break;
             const u8* const bytes = block_.data() + kSlack + std::size_t{record - first} * length;
             if (isWanted(bytes)) rows_.push_back({bytes, record});
         }
