@@ -20,6 +20,7 @@
 #include "tables/open/container.h"
 #include "tables/open/find.h"
 #include "tables/page/bytes.h"
+#include "tables/page/pagenames.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
 #include "tables/value/storage.h"
@@ -307,12 +308,14 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
 }
 
 [[noreturn]] void refusePage(const Table& table) {
-    if (!table.options.codePage.empty()) {
-        throw UnknownPage(textOf(table.path, ": no such code page: ", table.page.missing));
+    const PageChoice& page = table.page;
+    const bool asked = !table.options.codePage.empty();
+    if (asked && markOfPage(pageOfSpelling(page.missing)) == 0) {
+        throw UnknownPage(textOf(table.path, ": no such code page: ", page.missing));
     }
-    throw UnknownPage(textOf(table.path, ": its code page ", table.page.missing, " (",
-                             table.page.from,
-                             ") is not among those of this system's iconv; install all of them "
+    throw UnknownPage(textOf(table.path, ": ", asked ? "code page " : "its code page ",
+                             page.missing, asked ? "" : textOf(" (", page.from, ")"),
+                             " is not among those of this system's iconv; install all of them "
                              "(libc-gconv-modules-extra), or name another code page"));
 }
 
