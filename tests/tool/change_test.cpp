@@ -17,6 +17,7 @@
 #include <functional>
 #include <random>
 
+#include "support/disk.h"
 #include "support/sample.h"
 #include "tables/change/append.h"
 #include "tables/change/recovery.h"
@@ -37,30 +38,7 @@ struct Plan {
 Plan* plan = nullptr;
 bool watched = false;
 
-/// A call that changes a file or a name, for the model of a power cut.
-struct Call {
-    enum Kind { Create, Write, Cut, Rename, Link, Unlink, SyncFile, SyncFolder } kind;
-    ino_t file = 0;
-    std::string name{}, other{};  // bytes of a write in other
-    u_int64_t place = 0;
-};
-std::vector<Call>* calls = nullptr;
-
-void record(Call call) {
-    if (calls != nullptr) calls->push_back(std::move(call));
-}
-
-ino_t fileOf(int fd) {
-    struct stat info = {};
-    return fstat(fd, &info) == 0 ? info.st_ino : 0;
-}
-
-bool isFolder(int fd) {
-    struct stat info = {};
-    return fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-std::string lastName(const char* path) { return std::filesystem::path(path).filename(); }
+using test::Call, test::calls, test::fileOf, test::isFolder, test::lastName, test::record;
 
 /// Whether the next call fails; before a kill part of it may be done.
 template <typename Part>
@@ -183,23 +161,7 @@ const bool all = std::getenv("MIRA_FAULT_ALL") != nullptr;
 constexpr unsigned kWidth = 6;
 constexpr u32 kKinds[] = {0, 2, 3, 4};
 
-using Files = std::map<std::string, std::string>;
 using Words = std::vector<std::string>;
-
-Files filesIn(const std::string& folder) {
-    Files files;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        files[entry.path().filename()] = readAll(entry.path());
-    }
-    return files;
-}
-
-void lay(const std::string& folder, const Files& files) {
-    for (const auto& [name, bytes] : filesIn(folder)) {
-        if (!files.contains(name)) std::filesystem::remove(folder + "/" + name);
-    }
-    for (const auto& [name, bytes] : files) writeAll(folder + "/" + name, bytes);
-}
 
 struct Ended {
     int status = 0;
@@ -453,90 +415,6 @@ TEST_F(ChangeTest, StoppedIsUndoneAtOnce) {
 // Power cuts
 // ---------------------------------------------------------------------------------------------
 
-/// Files and names as the disk may have them when the power goes: of what has been changed since
-/// it was last synchronised any part.
-class Disk {
-public:
-    Disk(const std::string& folder, const Files& files) {
-        for (const auto& [name, bytes] : files) {
-            struct stat info = {};
-            stat((folder + "/" + name).c_str(), &info);
-            names_[name] = info.st_ino;
-            bytes_[info.st_ino] = bytes;
-        }
-        shown_ = names_;
-    }
-
-    void take(const Call& call) {
-        switch (call.kind) {
-            case Call::Write:
-            case Call::Cut:
-                writes_[call.file].push_back(call);
-                return;
-            case Call::SyncFile:
-                for (const Call& write : std::exchange(writes_[call.file], {})) apply(write);
-                return;
-            case Call::SyncFolder:
-                for (const Call& name : std::exchange(pending_, {})) rename(names_, name);
-                return;
-            default:
-                pending_.push_back(call);
-                if (call.kind != Call::Create) pending_.back().file = shown_[call.name];
-                rename(shown_, pending_.back());
-        }
-    }
-
-    Files cut(std::mt19937& random) {
-        for (auto& [file, writes] : writes_) {
-            std::vector<Call> kept;
-            for (const Call& write : writes) {
-                for (std::size_t at = 0; at == 0 || at < write.other.size(); at += 512) {
-                    Call part = write;
-                    if (write.kind == Call::Write) {
-                        part.place += at;
-                        part.other = write.other.substr(at, 512);
-                    }
-                    if (random() % 2 != 0) kept.push_back(part);
-                }
-            }
-            std::shuffle(kept.begin(), kept.end(), random);
-            for (const Call& write : kept) apply(write);
-        }
-        for (const Call& name : pending_) {
-            if (random() % 2 != 0) rename(names_, name);
-        }
-        Files files;
-        for (const auto& [name, file] : names_) files[name] = bytes_[file];
-        return files;
-    }
-
-private:
-    using Names = std::map<std::string, ino_t>;
-
-    void apply(const Call& call) {
-        std::string& bytes = bytes_[call.file];
-        if (call.kind == Call::Cut) return bytes.resize(call.place);
-        if (bytes.size() < call.place + call.other.size()) {
-            bytes.resize(call.place + call.other.size());
-        }
-        call.other.copy(bytes.data() + call.place, call.other.size());
-    }
-
-    static void rename(Names& names, const Call& call) {
-        const bool here = names.contains(call.name) && names[call.name] == call.file;
-        if (call.kind == Call::Create) names[call.name] = call.file;
-        if (call.kind == Call::Rename || call.kind == Call::Link) names[call.other] = call.file;
-        if (here && (call.kind == Call::Rename || call.kind == Call::Unlink)) {
-            names.erase(call.name);
-        }
-    }
-
-    Names names_, shown_;
-    std::map<ino_t, std::string> bytes_;
-    std::map<ino_t, std::vector<Call>> writes_;
-    std::vector<Call> pending_;
-};
-
 /// The calls of a command, by a pipe from the child.
 std::vector<Call> callsOf(const Bench& bench) {
     const std::string log = bench.folder + "/../calls";
@@ -583,7 +461,7 @@ TEST_F(ChangeTest, PowerCutLeavesOldOrNew) {
             for (int i = 0; i < (all ? 40 : 2); ++i) {
                 Disk disk = start;
                 for (std::size_t at = 0; at < count; ++at) disk.take(made[at]);
-                lay(bench.folder, disk.cut(random));
+                disk.cut(random, bench.folder);
                 const std::string where = whereOf(bench, "power cut", static_cast<int>(count));
                 bench.expectWhole(where);
                 if (HasFailure()) return;
@@ -592,7 +470,7 @@ TEST_F(ChangeTest, PowerCutLeavesOldOrNew) {
         // What is said to be done has come to the disk.
         Disk disk = start;
         for (const Call& call : made) disk.take(call);
-        lay(bench.folder, disk.cut(random));
+        disk.cut(random, bench.folder);
         run(bench.folder, {"info", bench.command.table});
         EXPECT_EQ(bench.rows(), bench.after) << whereOf(bench, "power cut", -1);
     });
