@@ -11,7 +11,7 @@ namespace mira {
 namespace {
 
 constexpr u32 kBufferSize = 131072;
-constexpr u32 kSpareBytes = 4 << 20;
+constexpr u32 kSpareBytes = 2 << 20;
 constexpr u32 kRoomBytes = 1 << 20;  // between new places and old ones: goes without spare copies
 
 /// As many whole records as fit, at least one.

@@ -545,6 +545,31 @@ TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
     EXPECT_EQ(bench.rows(), wanted);
 }
 
+/// Records that a Pack of the library has moved before it was killed.
+TEST_F(ChangeTest, AnInterruptedPackIsFinishedFirst) {
+    const Bench bench(kCommands[9], 2);
+    const pid_t child = fork();
+    if (child == 0) {
+        const Table h(OpenBase(bench.file("t.dbf").c_str()));
+        *plan = {Fate::Kill, 6, 4, 0, 0};  // the first write of records
+        watched = true;
+        Pack(h.get(), 1);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    const Ended check = run(bench.folder, {"check", "t"});
+    EXPECT_NE(check.said.find("until `mira pack` has finished it"), std::string::npos)
+        << check.said;
+    const Files left = filesIn(bench.folder);
+    const Ended set = run(bench.folder, {"set", "t", "FILL=x", "--all"});
+    EXPECT_EQ(set.status, 2);
+    EXPECT_NE(set.said.find("`mira pack` finishes it"), std::string::npos) << set.said;
+    EXPECT_EQ(filesIn(bench.folder), left);
+    EXPECT_EQ(bench.again().status, 0);
+    EXPECT_EQ(bench.rows(), bench.after);
+}
+
 /// What succeeds is there as if one had come after the other.
 TEST_F(ChangeTest, TwoAtOnceLoseNothing) {
     const std::size_t count = std::size(kCommands);
