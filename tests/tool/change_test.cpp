@@ -12,13 +12,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstring>
 #include <functional>
+#include <new>
 #include <random>
 
 #include "support/disk.h"
 #include "support/sample.h"
+#include "support/wrap.h"
 #include "tables/change/append.h"
 #include "tables/change/recovery.h"
 
@@ -26,24 +29,37 @@ int miraMain(int argc, char** argv);
 
 namespace {
 
-enum class Fate { None, Kill, Fail, FailForGood, FullDisk, Stop };
+enum class Fate {
+    None,
+    Kill,
+    Fail,
+    FailForGood,
+    FullDisk,
+    Stop,
+    Terminate,
+    NoMemory,
+    NoMemoryAnyMore
+};
 
-/// What happens to the call of a number, and what has been met; shared with the child.
+/// What happens to the call, or the allocation, of a number, and what has been met; shared with the
+/// child.
 struct Plan {
     Fate fate;
-    int at;       // which call, from 1
+    int at;       // which one, from 1
     int eighths;  // of a write, done before
     int calls, syncs;
 };
 Plan* plan = nullptr;
 bool watched = false;
+bool noLocks = false;  // of the file system
+bool asGuest = false;  // who owns nothing here
 
 using test::Call, test::calls, test::fileOf, test::isFolder, test::lastName, test::record;
 
 /// Whether the next call fails; before a kill part of it may be done.
 template <typename Part>
 bool fails(bool takesRoom, Part part) {
-    if (!watched) return false;
+    if (!watched || plan->fate >= Fate::NoMemory) return false;
     const int call = ++plan->calls;
     const bool due = call == plan->at, later = call >= plan->at;
     switch (plan->fate) {
@@ -52,7 +68,8 @@ bool fails(bool takesRoom, Part part) {
             part();
             _exit(99);
         case Fate::Stop:
-            if (due) raise(SIGINT);
+        case Fate::Terminate:
+            if (due) raise(plan->fate == Fate::Stop ? SIGINT : SIGTERM);
             return false;
         case Fate::Fail:
         case Fate::FailForGood:
@@ -63,7 +80,7 @@ bool fails(bool takesRoom, Part part) {
             if (due) part();
             errno = ENOSPC;
             return true;
-        case Fate::None:
+        default:
             return false;
     }
     return false;
@@ -72,9 +89,19 @@ bool fails() {
     return fails(false, [] {});
 }
 
+bool lacksMemory() {
+    if (!watched || plan->fate < Fate::NoMemory) return false;
+    const int call = ++plan->calls;
+    return call == plan->at || (call > plan->at && plan->fate == Fate::NoMemoryAnyMore);
+}
+
 }  // namespace
 
 extern "C" {
+WRAP(void*, malloc, lacksMemory(), nullptr, (std::size_t size), (size))
+WRAP(void*, calloc, lacksMemory(), nullptr, (std::size_t n, std::size_t size), (n, size))
+WRAP(void*, realloc, lacksMemory(), nullptr, (void* block, std::size_t size), (block, size))
+
 int __real_open(const char* path, int flags, ...);
 int __wrap_open(const char* path, int flags, ...) {
     va_list arguments;
@@ -115,6 +142,19 @@ std::size_t __wrap_fwrite(const void* from, std::size_t size, std::size_t n, std
     return __real_fwrite(from, size, n, file);
 }
 
+int __real_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (!noLocks || (command != F_OFD_SETLK && command != F_OFD_GETLK)) {
+        return __real_fcntl(fd, command, argument);
+    }
+    errno = ENOLCK;
+    return -1;
+}
+
 int __real_ftruncate(int fd, off_t size);
 int __wrap_ftruncate(int fd, off_t size) {
     if (fails()) return -1;
@@ -153,6 +193,16 @@ int __wrap_fsync(int fd) {
 }
 }
 
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* const memory = malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    free(memory);
+}
+
 namespace {
 
 using namespace test;
@@ -186,6 +236,8 @@ pid_t start(const std::string& folder, const Words& words, const Plan& wanted,
     Words own = words;
     for (std::string& word : own) arguments.push_back(word.data());
     arguments.push_back(nullptr);
+    constexpr uid_t kNobody = 65534;
+    if (asGuest && geteuid() == 0 && setuid(kNobody) != 0) _exit(97);
     watched = true;
     const int status = miraMain(static_cast<int>(arguments.size()) - 1, arguments.data());
     watched = false;
@@ -398,16 +450,40 @@ TEST_F(ChangeTest, FailingLeavesOldOrNew) {
 
 TEST_F(ChangeTest, StoppedIsUndoneAtOnce) {
     forEach([](const Bench& bench) {
-        for (int at = 1;; ++at) {
-            const std::string where = whereOf(bench, "stopped", at);
-            bench.reset();
-            const Ended ended = bench.again({Fate::Stop, at, 0, 0, 0});
-            if (ended.calls < at) break;
-            EXPECT_TRUE(ended.status == 0 || ended.status == 130) << where << ended.said;
-            EXPECT_EQ(bench.rows(), ended.status == 0 ? bench.after : bench.before) << where;
-            bench.expectTidy(where);
-            if (HasFailure()) return;
+        for (const Fate fate : {Fate::Stop, Fate::Terminate}) {
+            const int status = 128 + (fate == Fate::Stop ? SIGINT : SIGTERM);
+            for (int at = 1;; at += all || fate == Fate::Stop ? 1 : 3) {
+                const std::string where = whereOf(bench, "stopped", at);
+                bench.reset();
+                const Ended ended = bench.again({fate, at, 0, 0, 0});
+                if (ended.calls < at) break;
+                EXPECT_TRUE(ended.status == 0 || ended.status == status) << where << ended.said;
+                EXPECT_EQ(bench.rows(), ended.status == 0 ? bench.after : bench.before) << where;
+                bench.expectTidy(where);
+                if (HasFailure()) return;
+            }
         }
+    });
+}
+
+/// Allocations are many: the later, the fewer are tried.
+TEST_F(ChangeTest, WithoutMemoryLeavesOldOrNew) {
+    forEach([](const Bench& bench) {
+        int refused = 0;
+        for (const Fate fate : {Fate::NoMemory, Fate::NoMemoryAnyMore}) {
+            for (int at = 1;; at += 1 + at / (all ? 60 : 4)) {
+                const std::string where = whereOf(bench, "no memory", at);
+                bench.reset();
+                const Ended ended = bench.again({fate, at, 0, 0, 0});
+                if (ended.calls < at) break;
+                EXPECT_TRUE(ended.status == 0 || ended.status == 2) << where << ended.said;
+                EXPECT_TRUE(ended.status != 0 || bench.rows() == bench.after) << where;
+                refused += ended.status != 0 ? 1 : 0;
+                bench.expectWhole(where);
+                if (HasFailure()) return;
+            }
+        }
+        EXPECT_GT(refused, 20) << bench.command.name;
     });
 }
 
@@ -543,6 +619,81 @@ TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
     Rows wanted = bench.before;
     wanted[5].replace(1, 4, "mine");
     EXPECT_EQ(bench.rows(), wanted);
+}
+
+TEST_F(ChangeTest, GoesOnWhereThereAreNoLocks) {
+    noLocks = true;
+    const Bench bench(kCommands[1], 2);
+    const Ended ended = bench.again();
+    const std::string said = "cannot be locked here";
+    const std::size_t at = ended.said.find(said);
+    EXPECT_EQ(ended.status, 0) << ended.said;
+    EXPECT_TRUE(at != std::string::npos && ended.said.find(said, at + 1) == std::string::npos);
+    EXPECT_EQ(bench.rows(), bench.after);
+    bench.expectTidy("no locks");
+    // Nobody can tell then whether the one who left a journal is still there.
+    bench.reset();
+    bench.again({Fate::Kill, 6, 8, 0, 0});
+    const Files left = filesIn(bench.folder);
+    ASSERT_TRUE(left.contains("t.dbf-mira"));
+    EXPECT_EQ(bench.again().status, 2);
+    EXPECT_EQ(filesIn(bench.folder), left);
+    noLocks = false;
+    bench.expectWhole("locks again");
+}
+
+/// Whoever may not write is told before anything is done, and what to do about a journal.
+TEST_F(ChangeTest, LeavesWhatMayNotBeWritten) {
+    using std::filesystem::perms, std::filesystem::permissions;
+    const perms readable = perms(0444), enter = perms(0555);
+    for (const std::size_t i : {0U, 9U}) {
+        const Bench bench(kCommands[i], 3);
+        for (const int killed : {0, 1}) {
+            bench.reset();
+            if (killed != 0) {
+                int at = 1;
+                do {
+                    bench.reset();
+                    bench.again({Fate::Kill, at++, 8, 0, 0});
+                } while (filesIn(bench.folder)["t.dbf"] == bench.files.at("t.dbf"));
+            }
+            const Files left = filesIn(bench.folder);
+            for (const auto& [name, bytes] : left) permissions(bench.file(name), readable);
+            permissions(bench.folder, enter);
+            permissions(bench.folder + "/..", perms(0755));
+            asGuest = true;
+            const Ended changed = bench.again(), read = run(bench.folder, {"info", "t"});
+            asGuest = false;
+            permissions(bench.folder, perms(0755));
+            for (const auto& [name, bytes] : left) permissions(bench.file(name), perms(0644));
+            EXPECT_EQ(changed.status, 2) << changed.said;
+            EXPECT_EQ(read.status, killed != 0 ? 2 : 0) << read.said;
+            EXPECT_EQ(killed != 0, read.said.find("to where you may write") != std::string::npos)
+                << read.said;
+            EXPECT_EQ(filesIn(bench.folder), left) << i;
+        }
+        bench.expectWhole("by its owner");
+    }
+}
+
+/// A new file would take one name from a table or memo file that has several.
+TEST_F(ChangeTest, SeveralNamesAreNotSwapped) {
+    for (const std::size_t i : {7U, 9U, 11U, 12U, 13U, 1U}) {
+        const Bench bench(kCommands[i], 2);
+        for (const auto& [name, other] : {std::pair("t.dbf", "other"), {"t.dbt", "t.tbk"}}) {
+            bench.reset();
+            std::filesystem::remove(bench.file(other));
+            std::filesystem::create_hard_link(bench.file(name), bench.file(other));
+            const Files before = filesIn(bench.folder);
+            const Ended ended = bench.again();
+            const bool inPlace = i == 1;
+            EXPECT_EQ(ended.status, inPlace ? 0 : 2) << bench.command.name << ended.said;
+            EXPECT_NE(inPlace, ended.said.find("names (hard links)") != std::string::npos)
+                << ended.said;
+            EXPECT_EQ(inPlace, filesIn(bench.folder) != before) << bench.command.name;
+            EXPECT_EQ(std::filesystem::hard_link_count(bench.file(name)), 2U);
+        }
+    }
 }
 
 /// Records that a Pack of the library has moved before it was killed.
