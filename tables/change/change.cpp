@@ -10,6 +10,7 @@
 
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
+#include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
@@ -47,6 +48,9 @@ Change::Change(Table& table, const BackupPlan& backups)
     File& file = of(FileOf::Table);
     file.descriptor = fileno(table.base->TableFile);
     try {
+        if (isHalfPacked(table_)) {
+            refuse(table_.path, ": a pack was interrupted; `mira pack` finishes it");
+        }
         for (File& each : files_) {
             const auto info = each.descriptor >= 0 ? statusOf(each.descriptor) : std::nullopt;
             each.sizeBefore = info ? static_cast<u64>(info->st_size) : 0;

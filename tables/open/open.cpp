@@ -405,8 +405,21 @@ std::string strayRepair(const Table& table) {
                   " of the file are no records and are left out");
 }
 
+bool isHalfPacked(const Table& table) {
+    const DbfBase& base = *table.base;
+    const u64 end =
+        Calc64(base.Header.RecordLength, base.Header.RecordCount, base.Header.HeaderLength);
+    return table.fileSize > end + base.Header.RecordLength &&
+           IsPackUnfinished(table.base.get()) == 1;
+}
+
 std::vector<std::string> repairsOf(const Table& table) {
     std::vector<std::string> repairs;
+    if (isHalfPacked(table)) {
+        repairs.emplace_back(
+            "a pack was interrupted; until `mira pack` has finished it, records may be there "
+            "twice");
+    }
     const DbfBase& base = *table.base;
     if ((base.Status & kVersionRepaired) != 0) {
         repairs.push_back(textOf("version ", hexByte(table.storedVersion), " is unknown; read as ",
