@@ -75,8 +75,8 @@ void Changes::begin() {
     refuseLost();
     if (file_.open != nullptr) {
         // Within a transaction SQLite may connect a table anew; the one before goes on with it.
-        if (file_.open->name_ == name_) return;
-        throw Locked(tables::textOf(table_.path, ": is being changed as ", file_.open->name_,
+        if (file_.open->isNamed(name())) return;
+        throw Locked(tables::textOf(table_.path, ": is being changed as ", file_.open->name(),
                                     "; COMMIT or ROLLBACK first"));
     }
     const std::vector<Column> declared = table_.columns;
@@ -279,17 +279,13 @@ bool Changes::givesAll(std::span<sqlite3_value*> values) const {
            sqlite3_value_nochange(values[kBeforeColumns + columns_.recordNumber()]) == 0;
 }
 
-/// SQLite sets no savepoint for an UPDATE ... FROM of a virtual table, of however many rows: the
-/// first one that comes from another run of the statements is its beginning.
+/// SQLite sets no savepoint for an UPDATE ... FROM of a virtual table, of however many rows. What
+/// tells one statement from the next is the number of rows that all before it have changed; while
+/// that is the same, nothing has come after the mark.
 void Changes::beginStatement() {
-    std::vector<Run> running;
-    for (sqlite3_stmt* each = sqlite3_next_stmt(connection_, nullptr); each != nullptr;
-         each = sqlite3_next_stmt(connection_, each)) {
-        if (sqlite3_stmt_busy(each) == 0 || sqlite3_stmt_readonly(each) != 0) continue;
-        running.emplace_back(each, sqlite3_stmt_status(each, SQLITE_STMTSTATUS_RUN, 0));
-    }
-    if (running == statement_) return;
-    statement_ = std::move(running);
+    const int changes = sqlite3_total_changes(connection_);
+    if (statement_ == changes) return;
+    statement_ = changes;
     startsStatement_ = !change_;
     if (change_) change_->mark(kStatement);
 }
@@ -302,6 +298,7 @@ void Changes::undoStatement() {
 }
 
 void Changes::mark(int number) {
+    statement_.reset();
     if (!change_) {
         joined_ = number;
     } else {
@@ -310,11 +307,13 @@ void Changes::mark(int number) {
 }
 
 void Changes::release(int number) {
+    statement_.reset();
     joined_ = std::min(joined_, number - 1);
     if (change_) change_->release(number);
 }
 
 void Changes::undoTo(int number) {
+    statement_.reset();
     if (change_ && number > joined_) {
         change_->undoTo(number);
         return noteUndone();
@@ -382,7 +381,7 @@ void Changes::end() {
     file_.open = nullptr;
     joined_ = -1;
     prepared_ = appends_ = false;
-    statement_.clear();
+    statement_.reset();
     values_.clear();
     cells_.reset();
 }

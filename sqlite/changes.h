@@ -10,6 +10,7 @@
 // The journal and the backups are made with the first row.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <span>
 #include <string>
@@ -35,12 +36,16 @@ public:
           connection_(connection),
           session_(session),
           file_(file),
-          name_(std::move(name)) {}
+          names_{std::move(name)} {}
     ~Changes();
     Changes(const Changes&) = delete;
 
-    const std::string& name() const { return name_; }
-    void rename(std::string name) { name_ = std::move(name); }
+    const std::string& name() const { return names_.back(); }
+    /// The table may get its old name back by a rollback, of which it is not told.
+    bool isNamed(const std::string& name) const {
+        return std::find(names_.begin(), names_.end(), name) != names_.end();
+    }
+    void rename(std::string name) { names_.push_back(std::move(name)); }
     const tables::Table& table() const { return table_; }
     /// Throws a Refusal once the table has been found to have other fields than were declared.
     void refuseLost() const;
@@ -82,8 +87,6 @@ private:
         const tables::Column* column;
         tables::Encoded encoded;
     };
-    /// A statement that runs, and how often it has been run before.
-    using Run = std::pair<sqlite3_stmt*, int>;
 
     void prepare();
     Row rowOf(std::span<sqlite3_value*> values);
@@ -109,13 +112,13 @@ private:
     sqlite3* connection_;
     Session& session_;
     SharedFile& file_;
-    std::string name_;
+    std::vector<std::string> names_;        ///< the last one holds
     std::optional<tables::Change> change_;  ///< from the first row on
     int joined_ = -1;        ///< savepoints up to this one are older than the table's first row
     bool prepared_ = false;  ///< for rows of this transaction
     bool appends_ = false;   ///< and for new records
-    std::vector<Run> statement_;    ///< of the last UPDATE ... FROM: all statements that run
-    bool startsStatement_ = false;  ///< nothing had been written before it
+    std::optional<int> statement_;  ///< of the last UPDATE ... FROM: rows changed before it
+    bool startsStatement_ = false;  ///< of these none here
     std::vector<NewValue> values_;  ///< of a row; the first count_ of them
     std::size_t count_ = 0;
     std::optional<tables::CellReader> cells_;  ///< old values

@@ -121,7 +121,7 @@ int disconnect(sqlite3_vtab* table) {
 /// transaction; null outside of one.
 Changes* openChanges(const VirtualTable& of) {
     Changes* const open = of.file->open;
-    return of.changes && open != nullptr && open->name() == of.changes->name() ? open : nullptr;
+    return of.changes && open != nullptr && open->isNamed(of.name) ? open : nullptr;
 }
 
 /// SQLite has no message of its own here.
@@ -309,8 +309,10 @@ int rollbackTo(sqlite3_vtab* table, int number) {
 int rename(sqlite3_vtab* table, const char* name) {
     return guarded(&table->zErrMsg, [&] {
         VirtualTable& of = tableOf(table);
+        Changes* const open = openChanges(of);
         of.name = of.name.substr(0, of.name.find('.') + 1) + name;
         if (of.changes) of.changes->rename(of.name);
+        if (open != nullptr) open->rename(of.name);
         return SQLITE_OK;
     });
 }

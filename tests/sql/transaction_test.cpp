@@ -68,9 +68,9 @@ public:
             case 12:
                 return "INSERT INTO log SELECT QTY % 50 FROM " + t + " WHERE " + condition(t);
             case 13:
-                return below(2) == 0 ? "DROP TABLE c"
-                       : below(2) == 0
-                           ? "CREATE TABLE other" + number(9) + "(x)"
+                if (below(2) == 0) return "CREATE TABLE other" + number(99) + "(x)";
+                return below(2) == 0
+                           ? "DROP TABLE c"
                            : "CREATE VIRTUAL TABLE temp.c USING mira('c.dbf', writable=1)";
             default:
                 return "UPDATE" + orRollback() + " " + t + " SET " +

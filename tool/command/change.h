@@ -22,7 +22,9 @@ struct ChangeOptions {
     bool force = false;
 };
 
-/// --no-backup, --backups and --dry-run.
+/// --no-backup and --backups.
+void addBackupOptions(CLI::App& command, ChangeOptions& options);
+/// These, and --dry-run.
 void addChangeOptions(CLI::App& command, ChangeOptions& options);
 /// --force, for commands that change the number or order of records.
 void addForceOption(CLI::App& command, ChangeOptions& options);
