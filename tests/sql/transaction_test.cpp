@@ -28,7 +28,8 @@ bool hasFailed(const Connection& connection) {
 // Random scripts
 // --------------------------------------------------------------------------------------------
 
-/// Statements over tables a, b and c of notes, and an ordinary table log. A name of more than 8 characters and a number above 99999 do not fit.
+/// Statements over tables a, b and c of notes, and an ordinary table log. A name of more than 8
+/// characters and a number above 99999 do not fit.
 class Script {
 public:
     explicit Script(unsigned seed) : random_(seed) {}
@@ -210,6 +211,191 @@ TEST(SqlTransactions, RandomScriptsLeaveWhatOrdinaryTablesHold) {
         pair.expectSameFiles();
         ASSERT_FALSE(testing::Test::HasFailure()) << seed << "\n" << told;
     }
+}
+
+// --------------------------------------------------------------------------------------------
+// Others
+// --------------------------------------------------------------------------------------------
+
+struct Shared : testing::Test {
+    Folder folder;
+    std::string path = folder.file("a.dbf");
+    Connection connection = connect();
+
+    Shared() {
+        for (const std::string name : {"a", "b"}) {
+            writeNotes(folder.file(name + ".dbf"));
+            attach(connection, name, folder.file(name + ".dbf"), ", writable=1");
+            answer(connection, "INSERT INTO " + name + "(NAME, QTY) VALUES ('x', 1), ('y', 2)");
+        }
+    }
+
+    void expectError(const Connection& of, const std::string& statement, int code,
+                     const std::string& text) const {
+        const Rows said = answer(of, statement);
+        EXPECT_EQ(sqlite3_errcode(of.get()), code) << statement;
+        ASSERT_EQ(said.size(), 1U) << statement;
+        EXPECT_NE(said[0].find(text), std::string::npos) << said[0];
+    }
+    int mira(const std::string& words) const {
+        const std::string command =
+            "cd " + folder.file("") + " && " + MIRA_PROGRAM + " " + words + " > said 2>&1";
+        const int status = std::system(command.c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string said() const { return readAll(folder.file("said")); }
+};
+using SqlShared = Shared;
+
+TEST_F(SqlShared, OneWritesAtATime) {
+    const std::string busy = "a.dbf: is being changed by another program";
+    const Connection other = connect();
+    attach(other, "a", path, ", writable=1");
+    answer(connection, "BEGIN");
+    EXPECT_EQ(answer(connection, "UPDATE a SET QTY = 5"), kNone);
+    expectError(other, "UPDATE a SET QTY = 6", SQLITE_BUSY, busy);
+    EXPECT_EQ(mira("set a QTY=7 --all"), 2);
+    EXPECT_NE(said().find(busy), std::string::npos) << said();
+    EXPECT_EQ(mira("query --write 'DELETE FROM a' a.dbf"), 2);
+    EXPECT_EQ(mira("export a -f QTY"), 0);
+    EXPECT_EQ(said(), "QTY\n1\n2\n");  // nothing of this has been needed in the file
+    EXPECT_EQ(answer(connection, "SELECT QTY FROM a"), (Rows{"5", "5"}));
+    EXPECT_EQ(answer(connection, "COMMIT"), kNone);
+    EXPECT_EQ(answer(other, "UPDATE a SET QTY = QTY + 1"), kNone);
+    EXPECT_EQ(mira("set a QTY=9 -w QTY=6"), 0) << said();
+    EXPECT_EQ(answer(connection, "SELECT QTY FROM a"), (Rows{"9", "9"}));
+    // And the other way round.
+    const auto opened = mira::tables::openForChange(path, {});
+    expectError(connection, "UPDATE a SET QTY = 6", SQLITE_BUSY, busy);
+}
+
+TEST_F(SqlShared, TwoNamesOfOneFile) {
+    attach(connection, "twin", path, ", writable=1");
+    answer(connection, "BEGIN");
+    answer(connection, "INSERT INTO a(NAME) VALUES ('z')");
+    EXPECT_EQ(answer(connection, "SELECT NAME FROM twin"), (Rows{"x", "y", "z"}));
+    expectError(connection, "UPDATE twin SET QTY = 6", SQLITE_LOCKED,
+                "is being changed as temp.a; COMMIT or ROLLBACK first");
+    expectError(connection, "DROP TABLE a", SQLITE_LOCKED, "locked");
+    EXPECT_EQ(answer(connection, "DROP TABLE twin"), kNone);
+    attach(connection, "late", folder.file("b.dbf"), ", writable=1");
+    expectError(connection, "UPDATE late SET QTY = 6", SQLITE_ERROR,
+                "temp.late has been created within this transaction");
+    // SQLite connects a table anew after these.
+    answer(connection, "SAVEPOINT s");
+    answer(connection, "INSERT INTO a(NAME) VALUES ('gone')");
+    answer(connection, "ALTER TABLE a RENAME TO other");
+    EXPECT_EQ(answer(connection, "UPDATE other SET QTY = 8"), kNone);
+    answer(connection, "ROLLBACK TO s");
+    EXPECT_EQ(answer(connection, "INSERT INTO a(NAME) VALUES ('last')"), kNone);
+    answer(connection, "COMMIT");
+    EXPECT_EQ(answer(connection, "SELECT ID, NAME, QTY FROM a"),
+              (Rows{"1|x|1", "2|y|2", "3|z|", "4|last|"}));
+    EXPECT_EQ(answer(connection, "UPDATE late SET QTY = 6"), kNone);
+}
+
+TEST_F(SqlShared, ScansEndWhereARollbackHasCut) {
+    answer(connection, "BEGIN");
+    answer(connection, "INSERT INTO a(NAME) SELECT 'n' || b.ID FROM a, b");
+    sqlite3_stmt* scan = nullptr;
+    sqlite3_prepare_v2(connection.get(), "SELECT NAME FROM a", -1, &scan, nullptr);
+    EXPECT_EQ(sqlite3_step(scan), SQLITE_ROW);
+    EXPECT_EQ(answer(connection, "ROLLBACK"), kNone);
+    EXPECT_EQ(sqlite3_step(scan), SQLITE_ROW);
+    EXPECT_EQ(sqlite3_step(scan), SQLITE_DONE);
+    sqlite3_finalize(scan);
+}
+
+TEST_F(SqlShared, FailingKindsOfStatements) {
+    answer(connection, "BEGIN");
+    answer(connection, "UPDATE a SET QTY = 3");
+    for (const char* kind : {"ABORT", "FAIL", "IGNORE", "REPLACE"}) {
+        expectError(connection,
+                    "INSERT OR " + std::string(kind) + " INTO a(QTY) VALUES (1), (123456)",
+                    SQLITE_ERROR, "new record, QTY: ");
+        EXPECT_EQ(answer(connection, "SELECT QTY FROM a"), (Rows{"3", "3"})) << kind;
+    }
+    expectError(connection, "INSERT OR ROLLBACK INTO a(QTY) VALUES (1), (123456)",
+                SQLITE_CONSTRAINT, "new record, QTY: ");
+    EXPECT_EQ(sqlite3_get_autocommit(connection.get()), 1);
+    EXPECT_EQ(answer(connection, "SELECT QTY FROM a"), (Rows{"1", "2"}));
+}
+
+/// A database that is busy refuses COMMIT when the tables have been synchronised; it can be said
+/// again.
+TEST_F(SqlShared, CommitsAgainAfterABusyDatabase) {
+    const std::string database = folder.file("main.db");
+    const Connection own = connect(database), holder = connect(database);
+    attach(own, "a", path, ", writable=1");
+    answer(own, "CREATE TABLE t(x)");
+    answer(own, "BEGIN");
+    answer(own, "INSERT INTO t VALUES (1)");
+    answer(own, "UPDATE a SET QTY = 3");
+    sqlite3_stmt* held = nullptr;
+    sqlite3_prepare_v2(holder.get(), "SELECT 1 FROM sqlite_schema", -1, &held, nullptr);
+    sqlite3_step(held);
+    expectError(own, "COMMIT", SQLITE_BUSY, "locked");
+    EXPECT_EQ(answer(own, "UPDATE a SET QTY = QTY + 1 WHERE ID = 2"), kNone);
+    sqlite3_finalize(held);
+    EXPECT_EQ(answer(own, "COMMIT"), kNone);
+    EXPECT_EQ(answer(connection, "SELECT QTY FROM a"), (Rows{"3", "4"}));
+}
+
+TEST_F(SqlShared, AFullDiskTakesBackTheTransaction) {
+    answer(connection, "BEGIN");
+    answer(connection, "UPDATE a SET QTY = 3");
+    answer(connection, "UPDATE b SET QTY = 4");
+    rlimit old{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit full{20000, old.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    answer(connection, "INSERT INTO a(NOTE) VALUES (zeroblob(30000))");
+    expectError(connection, "SELECT * FROM a", SQLITE_IOERR, "cannot be written");
+    setrlimit(RLIMIT_FSIZE, &old);
+    EXPECT_EQ(sqlite3_get_autocommit(connection.get()), 1);
+    for (const char* name : {"a", "b"})
+        EXPECT_EQ(answer(connection, "SELECT QTY FROM " + std::string(name)), (Rows{"1", "2"}));
+}
+
+TEST_F(SqlShared, MiraQueryEndsWhatItBegins) {
+    EXPECT_EQ(mira("query --write 'BEGIN; UPDATE a SET QTY = 5' a.dbf"), 2);
+    EXPECT_NE(said().find("no COMMIT"), std::string::npos) << said();
+    EXPECT_EQ(mira("query --write --backups 2 'SAVEPOINT s; UPDATE a SET QTY = 6; RELEASE s' ."), 0)
+        << said();
+    // A reader that goes away in the middle of a transaction.
+    EXPECT_EQ(mira("query -q --write --no-backup 'BEGIN; UPDATE a SET QTY = 7; SELECT QTY, "
+                   "zeroblob(99999) FROM a; COMMIT' . -F csv | true"),
+              0);
+    EXPECT_FALSE(std::filesystem::exists(path + "-mira"));
+    EXPECT_EQ(answer(connection, "SELECT QTY FROM a"), (Rows{"6", "6"}));
+}
+
+/// Rows are not held, whatever their number.
+TEST(SqlTransactions, TakeLittleMemory) {
+    const int count = all ? 3000000 : 300000;
+    Folder folder;
+    Layout layout{0x03, {{"NAME", 'C', 8}, {"QTY", 'N', 8}}};
+    std::string bytes = layout.bytes();
+    bytes.replace(4, 4, le(static_cast<u64>(count), 4));
+    bytes.insert(bytes.size() - 1, repeat(" name           1", count));
+    writeAll(folder.file("large.dbf"), bytes);
+    bytes = {};
+    const pid_t child = fork();
+    if (child == 0) {
+        rusage usage{};
+        const Connection own = connect();
+        attach(own, "large", folder.file("large.dbf"), ", writable=1");
+        getrusage(RUSAGE_SELF, &usage);
+        const long before = usage.ru_maxrss;
+        const Rows said = answer(own, "UPDATE large SET QTY = QTY + 1, NAME = 'x'");
+        getrusage(RUSAGE_SELF, &usage);
+        _exit(!said.empty() ? 255 : static_cast<int>((usage.ru_maxrss - before) / 1024));
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    RecordProperty("MiB", WEXITSTATUS(status));
+    EXPECT_LT(WEXITSTATUS(status), 64);
 }
 
 }  // namespace
