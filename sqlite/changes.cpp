@@ -247,8 +247,8 @@ void Changes::writeRow(const Row& row) {
 }
 
 void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
-    const bool all = givesAll(values);
-    if (all) beginStatement();
+    const bool updates = values.size() > kBeforeColumns && !isNull(values[0]);
+    if (updates) beginStatement();
     try {
         prepare();
         count_ = 0;
@@ -261,7 +261,7 @@ void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
     } catch (const tables::DiskError&) {
         throw;
     } catch (...) {
-        if (all) undoStatement();
+        if (updates) undoStatement();
         throw;
     }
 }
@@ -274,12 +274,8 @@ void Changes::show() {
 // Savepoints
 // --------------------------------------------------------------------------------------------
 
-bool Changes::givesAll(std::span<sqlite3_value*> values) const {
-    return values.size() > kBeforeColumns && !isNull(values[0]) &&
-           sqlite3_value_nochange(values[kBeforeColumns + columns_.recordNumber()]) == 0;
-}
-
-/// SQLite sets no savepoint for an UPDATE ... FROM of a virtual table, of however many rows. What
+/// SQLite sets no savepoint for an UPDATE ... FROM of a virtual table, of however many rows, nor
+/// does every version hand it over so that it can be told from another UPDATE. What
 /// tells one statement from the next is the number of rows that all before it have changed; while
 /// that is the same, nothing has come after the mark.
 void Changes::beginStatement() {

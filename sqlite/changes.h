@@ -56,7 +56,7 @@ public:
     bool isOpen() const { return file_.open == this; }
     /// Writes a row of xUpdate: the old rowid or null, the new one, then the columns. Of an
     /// inserted row *rowid becomes the new record, from 1. Throws a Refusal that names column and
-    /// value: the row is not written then, nor those before it of an UPDATE ... FROM. After a
+    /// value: the row is not written then, nor those before it of an UPDATE. After a
     /// DiskError the whole transaction has to be rolled back.
     void take(std::span<sqlite3_value*> values, sqlite3_int64* rowid);
     /// Brings rows into the file for those who read it. Throws a Refusal.
@@ -99,7 +99,6 @@ private:
     void load(u32 record);
     void makeChange();
     void writeRow(const Row& row);
-    bool givesAll(std::span<sqlite3_value*> values) const;
     void beginStatement();
     void undoStatement();
     void undoAll();
@@ -117,7 +116,7 @@ private:
     int joined_ = -1;        ///< savepoints up to this one are older than the table's first row
     bool prepared_ = false;  ///< for rows of this transaction
     bool appends_ = false;   ///< and for new records
-    std::optional<int> statement_;  ///< of the last UPDATE ... FROM: rows changed before it
+    std::optional<int> statement_;  ///< of the last UPDATE: rows changed before it
     bool startsStatement_ = false;  ///< of these none here
     std::vector<NewValue> values_;  ///< of a row; the first count_ of them
     std::size_t count_ = 0;
