@@ -247,14 +247,14 @@ int rowid(sqlite3_vtab_cursor* cursor, sqlite3_int64* result) {
 }
 
 int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64* rowid) {
+    const VirtualTable& of = tableOf(table);
+    Changes* const changes = openChanges(of);
     const int result = guarded(&table->zErrMsg, [&] {
-        const VirtualTable& of = tableOf(table);
         if (!of.changes) {
             tables::refuse(of.table->path,
                            ": is open for reading only; USING mira(PATH, writable=1), "
                            "mira_attach(FOLDER, 1) and `mira query --write` open for writing");
         }
-        Changes* const changes = openChanges(of);
         if (changes == nullptr) {  // SQLite would not say when a savepoint takes the table back
             tables::refuse(of.table->path, ": ", of.name,
                            " has been created within this transaction; COMMIT before writing");
@@ -262,9 +262,9 @@ int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64
         changes->take({values, static_cast<std::size_t>(count)}, rowid);
         return SQLITE_OK;
     });
-    // OR FAIL and OR IGNORE act as OR ABORT.
-    const bool all = sqlite3_vtab_on_conflict(tableOf(table).connection) == SQLITE_ROLLBACK;
-    return result == SQLITE_ERROR && all ? SQLITE_CONSTRAINT : result;
+    // A row that does not fit. OR FAIL and OR IGNORE act as OR ABORT.
+    const bool all = sqlite3_vtab_on_conflict(of.connection) == SQLITE_ROLLBACK;
+    return result == SQLITE_ERROR && changes != nullptr && all ? SQLITE_CONSTRAINT : result;
 }
 
 /// Comes before the cursors of a statement that writes.
