@@ -1,10 +1,12 @@
 #include "changes.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "shortcut.h"
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
+#include "tables/change/disk.h"
 #include "tables/change/recovery.h"
 #include "tables/index/rebuild.h"
 #include "tables/index/stale.h"
@@ -17,7 +19,15 @@ namespace {
 using tables::Column;
 using tables::Given;
 
+constexpr std::size_t kBeforeColumns = 2;  // old and new rowid
+constexpr int kStatement = 1 << 30;        // mark of a statement, above all of SQLite's
 constexpr const char* kFixed = "a record's number is its place in the file and cannot be given";
+
+[[noreturn]] void refuseReplaced(const tables::Table& table) {
+    tables::refuse(table.path,
+                   ": another program has replaced the file since the transaction began; "
+                   "nothing is written");
+}
 
 bool isNull(sqlite3_value* value) { return sqlite3_value_type(value) == SQLITE_NULL; }
 
@@ -55,16 +65,25 @@ bool isSame(const std::vector<Column>& a, const std::vector<Column>& b) {
 
 }  // namespace
 
+Changes::~Changes() {
+    if (isOpen()) rollback();
+}
+
 void Changes::refuseLost() const {
     if (lost_) tables::refuse(table_.path, ": its fields have changed since it was opened");
 }
 
 void Changes::begin() {
     refuseLost();
-    if (tables::isReplaced(table_)) backedUp_ = false;
+    if (file_.open != nullptr) {
+        // Within a transaction SQLite may connect a table anew; the one before goes on with it.
+        if (file_.open->isNamed(name())) return;
+        throw Locked(tables::textOf(table_.path, ": is being changed as ", file_.open->name(),
+                                    "; COMMIT or ROLLBACK first"));
+    }
     const std::vector<Column> declared = table_.columns;
     for (const std::string& note : tables::lockForChange(table_)) {
-        host_.tell(Notice::Remark, note);
+        session_.host.tell(Notice::Remark, note);
     }
     if (!isSame(declared, table_.columns)) {
         table_.columns = declared;
@@ -73,6 +92,7 @@ void Changes::begin() {
         refuseLost();
     }
     tables::refreshTable(table_);
+    file_.open = this;
 }
 
 void Changes::refuse(const Row& row, const std::string& what) const {
@@ -81,23 +101,27 @@ void Changes::refuse(const Row& row, const std::string& what) const {
                    what);
 }
 
-/// Before the first row of a statement: another program may have written meanwhile.
+/// Before the first row: another program may have written since the last transaction.
 void Changes::prepare() {
-    if (!rows_.empty()) return;
+    if (prepared_) return;
     tables::checkWritable(table_);
     tables::loadCounters(table_);
-    table_.page.uncertain = false;  // until a text of this statement has letters beyond ASCII
-    added_ = 0;
+    table_.page.uncertain = false;  // until a text of this transaction has letters beyond ASCII
+    prepared_ = true;
 }
 
-void Changes::encode(Row& row, std::size_t column, sqlite3_value* value) {
-    const Column& of = columns_[column];
-    const std::string reason = tables::encodeValue(table_, of, givenOf(value), row.isNew, encoded_);
-    if (!reason.empty()) refuse(row, of.name + ": " + reason);
-    values_.push_back({static_cast<u16>(column), encoded_.isNull, encoded_.partial,
-                       static_cast<u32>(encoded_.memo.size())});
-    bytes_.append(encoded_.bytes).append(encoded_.memo);
-    ++row.values;
+// --------------------------------------------------------------------------------------------
+// A row
+// --------------------------------------------------------------------------------------------
+
+void Changes::encode(const Row& row, const Column& column, sqlite3_value* value) {
+    if (count_ == values_.size()) values_.emplace_back();
+    NewValue& made = values_[count_];
+    made.column = &column;
+    const std::string reason =
+        tables::encodeValue(table_, column, givenOf(value), row.isNew, made.encoded);
+    if (!reason.empty()) refuse(row, column.name + ": " + reason);
+    ++count_;
 }
 
 void Changes::checkNumber(const Row& row, const Column& column, sqlite3_value* value) const {
@@ -115,14 +139,14 @@ Changes::Mark Changes::markOf(const Row& row, const Column& column, sqlite3_valu
 }
 
 Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
-    constexpr std::size_t kBeforeColumns = 2;  // old and new rowid
     Row row;
     row.isNew = isNull(values[0]);
-    if (row.isNew && added_ == 0) {
+    if (row.isNew && !appends_) {
         tables::refuseBesideShapes(table_, "`mira import --append --force` appends all the same");
+        appends_ = true;
     }
-    const u32 count = reccount(table_.base.get());
-    row.record = row.isNew ? count + added_ : static_cast<u32>(sqlite3_value_int64(values[0]) - 1);
+    row.record = row.isNew ? reccount(table_.base.get())
+                           : static_cast<u32>(sqlite3_value_int64(values[0]) - 1);
     if (values.size() == 1) {
         row.mark = Mark::Deleted;
         return row;
@@ -134,15 +158,39 @@ Changes::Row Changes::rowOf(std::span<sqlite3_value*> values) {
     return row;
 }
 
+/// A record as the transaction has left it, into RecordBuffer.
+void Changes::load(u32 record) {
+    if (loaded_ == record) return;
+    if (change_) {
+        change_->readRecord(record);
+    } else {
+        tables::readRecord(table_, record);
+    }
+    loaded_ = record;
+}
+
+/// Of the record in RecordBuffer.
+tables::Value Changes::storedValue(const Column& column) {
+    tables::Value stored;
+    if (!cells_) cells_.emplace(table_);
+    cells_->record = *loaded_;
+    tables::readCell(*cells_, column, stored);
+    if (stored.fault != tables::Fault::NoMemo && stored.fault != tables::Fault::MemoCut) {
+        return stored;
+    }
+    // The memo may have come since the memo file was opened.
+    cells_.emplace(table_);
+    cells_->record = *loaded_;
+    stored = {};
+    tables::readCell(*cells_, column, stored);
+    return stored;
+}
+
 /// Whether an old record gives the value already. Its bytes then stay as they are: they may say
 /// more than SQLite's value does.
 bool Changes::isAsStored(const Row& row, const Column& column, sqlite3_value* value) {
-    if (!cells_) cells_.emplace(table_);
-    if (cellsOf_ != row.record) tables::readRecord(table_, row.record);
-    cellsOf_ = cells_->record = row.record;
-    tables::Value stored;
-    tables::readCell(*cells_, column, stored);
-    return isSame(tables::storedAs(column, stored), value);
+    load(row.record);
+    return isSame(tables::storedAs(column, storedValue(column)), value);
 }
 
 /// UPDATE ... FROM gives all columns, those that are not set as the record has given them.
@@ -161,106 +209,180 @@ void Changes::readValues(Row& row, std::span<sqlite3_value*> values) {
         } else if (column.kind == tables::Kind::Deletion) {
             row.mark = markOf(row, column, value);
         } else {
-            encode(row, i, value);
+            encode(row, column, value);
         }
     }
 }
 
-void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
-    prepare();
-    const std::size_t heldValues = values_.size(), heldBytes = bytes_.size();
-    Row row;
-    try {
-        row = rowOf(values);
-    } catch (...) {
-        values_.resize(heldValues);
-        bytes_.resize(heldBytes);
-        throw;
-    }
-    if (row.isNew) {
-        tables::advanceCounters(table_);
-        ++added_;
-        *rowid = i64{row.record} + 1;
-    }
-    rows_.push_back(row);
+/// Journal, and the backups when they are due.
+void Changes::makeChange() {
+    if (change_) return;
+    if (tables::isReplaced(table_)) refuseReplaced(table_);
+    const auto info = tables::statusOf(fileno(table_.base->TableFile));
+    const std::optional<ino_t> file = info ? std::optional(info->st_ino) : std::nullopt;
+    const bool first = !file || file_.backedUp != file;
+    tables::IndexPlan index =
+        table_.options.reindex ? tables::planReindex(table_) : tables::IndexPlan{};
+    loaded_.reset();
+    change_.emplace(table_,
+                    tables::BackupPlan{first && session_.host.backups, session_.host.backupCopies});
+    change_->reindex(std::move(index));
+    if (first) file_.backedUp = file;
 }
 
-/// Puts the row's values into RecordBuffer.
-void Changes::putValues(tables::Change& change, const Row& row) {
-    for (u16 i = 0; i < row.values; ++i) {
-        const HeldValue& value = values_[nextValue_++];
-        const Column& column = columns_[value.column];
-        encoded_.bytes.assign(bytes_, nextByte_, column.length);
-        encoded_.memo.assign(bytes_, nextByte_ + column.length, value.memoSize);
-        encoded_.hasMemo = value.memoSize != 0;
-        encoded_.isNull = value.isNull;
-        encoded_.partial = value.partial;
-        nextByte_ += column.length + value.memoSize;
-        change.put(column, encoded_);
-    }
-}
-
-void Changes::writeRow(tables::Change& change, const Row& row) {
+void Changes::writeRow(const Row& row) {
     DbfBase* const base = table_.base.get();
+    makeChange();
     if (row.isNew) {
         tables::newRecord(table_);
     } else {
-        change.readRecord(row.record);
+        load(row.record);
     }
-    putValues(change, row);
-    if (row.mark != Mark::Keep) change.touchMarks();
+    for (std::size_t i = 0; i < count_; ++i) change_->put(*values_[i].column, values_[i].encoded);
+    if (row.mark != Mark::Keep) change_->touchMarks();
     if (row.mark != Mark::Keep) base->RecordBuffer[0] = row.mark == Mark::Deleted ? '*' : ' ';
     if (row.isNew) {
-        change.appendRecord();
+        change_->appendRecord();
     } else {
-        change.writeRecord(row.record);
+        change_->writeRecord(row.record);
     }
+    ++file_.written;
 }
 
-void Changes::write() {
-    if (rows_.empty()) return;
-    if (tables::isReplaced(table_)) {
-        drop();
-        tables::refuse(table_.path,
-                       ": another program has replaced the file since the statement began; "
-                       "nothing is written");
-    }
-    if (table_.page.uncertain) {
-        host_.tell(Notice::Remark,
-                   table_.path + ": " + tables::pageDoubt(table_.page, host_.pageOption));
-    }
+void Changes::take(std::span<sqlite3_value*> values, sqlite3_int64* rowid) {
+    const bool updates = values.size() > kBeforeColumns && !isNull(values[0]);
+    if (updates) beginStatement();
     try {
-        writeRows();
+        prepare();
+        count_ = 0;
+        loaded_.reset();
+        const Row row = rowOf(values);
+        if (row.isNew || row.mark != Mark::Keep || count_ != 0) writeRow(row);
+        if (!row.isNew) return;
+        tables::advanceCounters(table_);
+        *rowid = i64{row.record} + 1;
+    } catch (const tables::DiskError&) {
+        throw;
     } catch (...) {
-        drop();
+        if (updates) undoStatement();
         throw;
     }
-    drop();
 }
 
-void Changes::writeRows() {
-    const bool reindex = table_.options.reindex;
-    tables::IndexPlan index = reindex ? tables::planReindex(table_) : tables::IndexPlan{};
-    tables::Change change(table_, {.wanted = !backedUp_});
-    change.reindex(std::move(index));
-    backedUp_ = true;
-    for (const Row& row : rows_) writeRow(change, row);
-    change.commit();
-    if (reindex) return;
-    for (const std::string& stale : tables::staleIndexes(table_, change.touched())) {
-        if (toldStale_.insert(stale).second) host_.tell(Notice::Remark, stale);
+void Changes::show() {
+    if (change_) change_->flush();
+}
+
+// --------------------------------------------------------------------------------------------
+// Savepoints
+// --------------------------------------------------------------------------------------------
+
+/// SQLite sets no savepoint for an UPDATE ... FROM of a virtual table, of however many rows, nor
+/// does every version hand it over so that it can be told from another UPDATE. What
+/// tells one statement from the next is the number of rows that all before it have changed; while
+/// that is the same, nothing has come after the mark.
+void Changes::beginStatement() {
+    const int changes = sqlite3_total_changes(connection_);
+    if (statement_ == changes) return;
+    statement_ = changes;
+    startsStatement_ = !change_;
+    if (change_) change_->mark(kStatement);
+}
+
+void Changes::undoStatement() {
+    if (!change_) return;
+    if (startsStatement_) return undoAll();
+    change_->undoTo(kStatement);
+    noteUndone();
+}
+
+void Changes::mark(int number) {
+    statement_.reset();
+    if (!change_) {
+        joined_ = number;
+    } else {
+        change_->mark(number);
     }
 }
 
-void Changes::drop() {
-    if (table_.base != nullptr) tables::unlock(table_);
-    rows_.clear();
-    values_.clear();
-    bytes_.clear();
-    nextValue_ = nextByte_ = 0;
-    added_ = 0;
+void Changes::release(int number) {
+    statement_.reset();
+    joined_ = std::min(joined_, number - 1);
+    if (change_) change_->release(number);
+}
+
+void Changes::undoTo(int number) {
+    statement_.reset();
+    if (change_ && number > joined_) {
+        change_->undoTo(number);
+        return noteUndone();
+    }
+    joined_ = number;
+    undoAll();
+}
+
+/// What comes after it is a change of its own.
+void Changes::undoAll() {
+    if (!change_) return;
+    const std::string later = change_->undo();
+    change_.reset();
+    noteUndone();
+    if (!later.empty()) throw tables::DiskError(table_.path + ": " + later);
+}
+
+void Changes::noteUndone() {
+    ++file_.written;
+    ++file_.undone;
     cells_.reset();
-    cellsOf_.reset();
+}
+
+// --------------------------------------------------------------------------------------------
+// The end
+// --------------------------------------------------------------------------------------------
+
+void Changes::sync() {
+    if (!change_) return;
+    if (tables::isReplaced(table_)) refuseReplaced(table_);
+    change_->prepare();
+    if (!std::exchange(table_.page.uncertain, false)) return;
+    session_.host.tell(Notice::Remark,
+                       tables::textOf(table_.path, ": ",
+                                      tables::pageDoubt(table_.page, session_.host.pageOption)));
+}
+
+void Changes::commit() {
+    if (change_ && !change_->finish()) {
+        // SQLite asks nobody any more, so it is only told.
+        rollback();
+        session_.host.tell(Notice::Undone,
+                           table_.path +
+                               ": the journal could not be ended, and so what has been "
+                               "committed is undone");
+        return;
+    }
+    end();
+}
+
+void Changes::rollback() {
+    std::string later;
+    if (change_) {
+        later = change_->undo();
+        noteUndone();
+    }
+    end();
+    if (!later.empty()) session_.host.tell(Notice::Undone, table_.path + ": " + later);
+}
+
+void Changes::end() {
+    if (!isOpen()) return;
+    change_.reset();
+    tables::unlock(table_);
+    file_.open = nullptr;
+    joined_ = -1;
+    prepared_ = appends_ = false;
+    statement_.reset();
+    values_.clear();
+    cells_.reset();
 }
 
 }  // namespace mira::sql

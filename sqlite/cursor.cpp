@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "module.h"
+#include "tables/open/open.h"
 #include "tables/page/refusal.h"
 
 namespace mira::sql {
@@ -151,8 +152,35 @@ void useIndex(Cursor& cursor) {
     cursor.indexed = true;
 }
 
+/// What the connection has written since the last scan.
+void lookAgain(Cursor& cursor) {
+    const SharedFile& file = *tableOf(cursor).file;
+    if (file.open != nullptr) file.open->show();
+    if (cursor.written == file.written) return;
+    tables::refreshTable(*cursor.table);
+    cursor.cells->memos = {};
+    cursor.index.reset();
+    cursor.written = file.written;
+    cursor.undone = file.undone;
+}
+
+/// A rollback within a scan may have taken records from it.
+void endSooner(Cursor& cursor) {
+    const SharedFile& file = *tableOf(cursor).file;
+    if (cursor.undone == file.undone) return;
+    tables::refreshTable(*cursor.table);
+    cursor.cells->memos = {};
+    cursor.undone = file.undone;
+    const u32 count = reccount(cursor.table->base.get());
+    cursor.end = std::min(cursor.end, count);
+    const auto last = std::find_if(cursor.found.begin(), cursor.found.end(),
+                                   [&](const KeyIndex::Entry& e) { return e.record >= count; });
+    cursor.found = cursor.found.first(static_cast<std::size_t>(last - cursor.found.begin()));
+}
+
 /// The next record to look at; nothing at the end.
 std::optional<u32> advance(Cursor& cursor) {
+    endSooner(cursor);
     if (!cursor.indexed) {
         return cursor.record < cursor.end ? std::optional(cursor.record++) : std::nullopt;
     }
@@ -176,6 +204,7 @@ void addLoss(Cursor& cursor, const Column& column, Fault fault) {
 }
 
 void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> constants) {
+    lookAgain(cursor);
     const Columns& columns = *tableOf(cursor).columns;
     const int recordColumn = static_cast<int>(columns.recordNumber());
     const bool repeated = !cursor.plan.empty() && cursor.plan == plan;

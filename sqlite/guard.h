@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "api.h"
+#include "session.h"
 #include "tables/change/disk.h"
 
 namespace mira::sql {
@@ -28,6 +29,12 @@ int guarded(char** message, Work work) noexcept {
         } catch (const tables::Busy& busy) {
             setMessage(message, busy.what());
             return SQLITE_BUSY;
+        } catch (const Locked& locked) {
+            setMessage(message, locked.what());
+            return SQLITE_LOCKED;
+        } catch (const tables::DiskError& error) {  // SQLite then rolls the transaction back
+            setMessage(message, error.what());
+            return SQLITE_IOERR;
         } catch (const std::exception& error) {
             setMessage(message, error.what());
             return SQLITE_ERROR;

@@ -11,9 +11,10 @@
 
 namespace mira::sql {
 
-/// What a sentence is about: something odd that changes no value, or a value that came out other
-/// than it is stored, or not at all.
-enum class Notice : unsigned char { Remark, Loss };
+/// What a sentence is about: something odd that changes no value; a value that came out other than
+/// it is stored, or not at all; a change that is undone, or will be, although SQLite has been told
+/// that all is well.
+enum class Notice : unsigned char { Remark, Loss, Undone };
 
 /// Into SQLite's error log.
 void logNotice(Notice notice, const std::string& sentence);
@@ -26,6 +27,8 @@ struct Host {
     const char* pageOption = "code_page=NAME";  ///< how to say which code page a table is in
     const char* exactOption = "exact=1";        ///< and how to keep all digits of numbers
     bool readOnly = false;                      ///< refuses `writable=1`
+    bool backups = true;                        ///< made by the first write of a connection
+    unsigned backupCopies = 3;                  ///< how many are kept
     bool outerJoins = true;                     ///< statements may hold some
     bool rowLists = false;                      ///< and some with (A, B) IN (...)
 };

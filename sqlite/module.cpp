@@ -2,6 +2,7 @@
 // throw into a result and a message.
 #include "module.h"
 
+#include <filesystem>
 #include <utility>
 
 #include "attach.h"
@@ -45,16 +46,24 @@ bool isUtf8(sqlite3* connection) {
 
 /// Refuses what a host for reading does not open.
 void checkAccess(const VirtualTable& of) {
-    if (!of.host.readOnly || !of.arguments.table.writable) return;
+    if (!of.session->host.readOnly || !of.arguments.table.writable) return;
     tables::refuse(of.arguments.path,
                    ": writable=1 is refused here; `mira query --write` opens for writing");
 }
 
-std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, const Host& host,
+std::string canonicalPath(const std::string& path) {
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::canonical(path, error);
+    return error ? path : real.string();
+}
+
+std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, Session& session, std::string name,
                                         const Arguments& arguments) {
     auto made = std::make_unique<VirtualTable>();
+    const Host& host = session.host;
     made->connection = connection;
-    made->host = host;
+    made->session = &session;
+    made->name = std::move(name);
     made->arguments = arguments;
     checkAccess(*made);
     const tables::Recovery found = tables::recoverNamed(arguments.path);
@@ -69,17 +78,21 @@ std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, const Host& host,
         table.notes.push_back(tables::pageDoubt(table.page, host.pageOption));
     }
     made->columns.emplace(table);
-    if (arguments.table.writable) made->changes.emplace(table, *made->columns, made->host);
+    made->file = &session.files[canonicalPath(table.path)];
+    if (arguments.table.writable) {
+        made->changes.emplace(table, *made->columns, connection, session, *made->file, made->name);
+    }
     made->utf8 = isUtf8(connection);
     return made;
 }
 
-int connect(sqlite3* connection, void* host, int count, const char* const* texts,
+int connect(sqlite3* connection, void* session, int count, const char* const* texts,
             sqlite3_vtab** result, char** message) {
     // The first three are the names of module, database and table.
     constexpr int kNames = 3;
     return guarded(message, [&] {
-        auto made = makeTable(connection, *static_cast<const Host*>(host),
+        auto made = makeTable(connection, *static_cast<Session*>(session),
+                              tables::textOf(texts[1], ".", texts[2]),
                               readArguments(count - kNames, texts + kNames));
         const int declared = sqlite3_declare_vtab(connection, declaration(*made->columns).c_str());
         if (declared != SQLITE_OK) {
@@ -87,15 +100,16 @@ int connect(sqlite3* connection, void* host, int count, const char* const* texts
             return declared;
         }
         sqlite3_vtab_config(connection, SQLITE_VTAB_DIRECTONLY);
+        sqlite3_vtab_config(connection, SQLITE_VTAB_CONSTRAINT_SUPPORT, 1);  // for OR ROLLBACK
         *result = made.release();
         return SQLITE_OK;
     });
 }
 
 /// Another function than connect, so that the module's own name is no table.
-int create(sqlite3* connection, void* host, int count, const char* const* texts,
+int create(sqlite3* connection, void* session, int count, const char* const* texts,
            sqlite3_vtab** result, char** message) {
-    return connect(connection, host, count, texts, result, message);
+    return connect(connection, session, count, texts, result, message);
 }
 
 int disconnect(sqlite3_vtab* table) {
@@ -103,31 +117,63 @@ int disconnect(sqlite3_vtab* table) {
     return SQLITE_OK;
 }
 
+/// Who writes to the table: it, or the one that it was before SQLite connected it anew within the
+/// transaction; null outside of one.
+Changes* openChanges(const VirtualTable& of) {
+    Changes* const open = of.file->open;
+    return of.changes && open != nullptr && open->isNamed(of.name) ? open : nullptr;
+}
+
+/// SQLite has no message of its own here.
+int destroy(sqlite3_vtab* table) {
+    const VirtualTable& of = tableOf(table);
+    if (openChanges(of) == nullptr) return disconnect(table);
+    return guarded(&table->zErrMsg, [&] {
+        of.session->host.tell(Notice::Remark, of.name + ": COMMIT or ROLLBACK first");
+        return SQLITE_LOCKED;
+    });
+}
+
 int bestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
     const VirtualTable& of = tableOf(table);
     return guarded(&table->zErrMsg, [&] {
-        const bool patterns = !of.host.outerJoins || keepsOnTerms();
+        const Host& host = of.session->host;
+        const bool patterns = !host.outerJoins || keepsOnTerms();
         return choosePlan(
-            {*of.columns, reccount(of.table->base.get()), of.utf8, patterns, of.host.rowLists},
-            info);
+            {*of.columns, reccount(of.table->base.get()), of.utf8, patterns, host.rowLists}, info);
     });
 }
 
 /// What is odd about a table is told when it is first read.
 void tellNotes(VirtualTable& of) {
     for (const std::string& note : std::exchange(of.table->notes, {})) {
-        of.host.tell(Notice::Remark, of.table->path + ": " + note);
+        of.session->host.tell(Notice::Remark, of.table->path + ": " + note);
     }
+}
+
+/// Where the connection changes the file, that one as it is by now.
+std::unique_ptr<tables::Table> openToRead(const VirtualTable& of) {
+    Changes* const open = of.file->open;
+    if (open != nullptr) open->show();
+    auto table = tables::openAgain(*of.table);
+    if (open != nullptr && tables::isReplaced(open->table())) {
+        tables::refuse(of.table->path,
+                       ": another program has replaced the file since the transaction began");
+    }
+    return table;
 }
 
 int open(sqlite3_vtab* table, sqlite3_vtab_cursor** result) {
     return guarded(&table->zErrMsg, [&] {
-        tellNotes(tableOf(table));
-        if (tableOf(table).changes) tableOf(table).changes->refuseLost();
+        VirtualTable& of = tableOf(table);
+        tellNotes(of);
+        if (of.changes) of.changes->refuseLost();
         auto cursor = std::make_unique<Cursor>();
-        cursor->table = tables::openAgain(*tableOf(table).table);
+        cursor->table = openToRead(of);
         cursor->cells.emplace(*cursor->table);
-        ++tableOf(table).cursors;
+        cursor->written = of.file->written;
+        cursor->undone = of.file->undone;
+        ++of.cursors;
         *result = cursor.release();
         return SQLITE_OK;
     });
@@ -141,7 +187,7 @@ int close(sqlite3_vtab_cursor* cursor) {
     delete &cursorOf(cursor);
     if (--of.cursors != 0) return SQLITE_OK;
     return guarded(&of.zErrMsg, [&] {
-        of.losses.tell(of.table->path, of.host);
+        of.losses.tell(of.table->path, of.session->host);
         return SQLITE_OK;
     });
 }
@@ -200,26 +246,25 @@ int rowid(sqlite3_vtab_cursor* cursor, sqlite3_int64* result) {
     return SQLITE_OK;
 }
 
-/// There is no rollback, so nothing is written inside a transaction.
-void refuseTransaction(const VirtualTable& table) {
-    if (sqlite3_get_autocommit(table.connection) != 0) return;
-    tables::refuse(table.table->path,
-                   ": tables cannot be written inside a transaction, since they know no "
-                   "ROLLBACK: COMMIT first (in Python, connect with isolation_level=None)");
-}
-
 int update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64* rowid) {
-    return guarded(&table->zErrMsg, [&] {
-        VirtualTable& of = tableOf(table);
+    const VirtualTable& of = tableOf(table);
+    Changes* const changes = openChanges(of);
+    const int result = guarded(&table->zErrMsg, [&] {
         if (!of.changes) {
             tables::refuse(of.table->path,
                            ": is open for reading only; USING mira(PATH, writable=1), "
                            "mira_attach(FOLDER, 1) and `mira query --write` open for writing");
         }
-        refuseTransaction(of);
-        of.changes->take({values, static_cast<std::size_t>(count)}, rowid);
+        if (changes == nullptr) {  // SQLite would not say when a savepoint takes the table back
+            tables::refuse(of.table->path, ": ", of.name,
+                           " has been created within this transaction; COMMIT before writing");
+        }
+        changes->take({values, static_cast<std::size_t>(count)}, rowid);
         return SQLITE_OK;
     });
+    // A row that does not fit. OR FAIL and OR IGNORE act as OR ABORT.
+    const bool all = sqlite3_vtab_on_conflict(of.connection) == SQLITE_ROLLBACK;
+    return result == SQLITE_ERROR && changes != nullptr && all ? SQLITE_CONSTRAINT : result;
 }
 
 /// Comes before the cursors of a statement that writes.
@@ -230,20 +275,47 @@ int begin(sqlite3_vtab* table) {
     });
 }
 
-int sync(sqlite3_vtab* table) {
+/// For a table that changes its file. One that was connected anew leaves it to the one before,
+/// which SQLite tells the same.
+template <typename Work>
+int whereOpen(sqlite3_vtab* table, Work work) {
+    std::optional<Changes>& changes = tableOf(table).changes;
+    if (!changes || !changes->isOpen()) return SQLITE_OK;
     return guarded(&table->zErrMsg, [&] {
-        if (tableOf(table).changes) tableOf(table).changes->write();
+        work(*changes);
         return SQLITE_OK;
     });
 }
 
-/// Also after a commit: nothing is held any more.
-int drop(sqlite3_vtab* table) {
-    if (tableOf(table).changes) tableOf(table).changes->drop();
-    return SQLITE_OK;
+int sync(sqlite3_vtab* table) {
+    return whereOpen(table, [](Changes& changes) { changes.sync(); });
+}
+int commit(sqlite3_vtab* table) {
+    return whereOpen(table, [](Changes& changes) { changes.commit(); });
+}
+int rollback(sqlite3_vtab* table) {
+    return whereOpen(table, [](Changes& changes) { changes.rollback(); });
+}
+int savepoint(sqlite3_vtab* table, int number) {
+    return whereOpen(table, [=](Changes& changes) { changes.mark(number); });
+}
+int release(sqlite3_vtab* table, int number) {
+    return whereOpen(table, [=](Changes& changes) { changes.release(number); });
+}
+int rollbackTo(sqlite3_vtab* table, int number) {
+    return whereOpen(table, [=](Changes& changes) { changes.undoTo(number); });
 }
 
-int rename(sqlite3_vtab* /*table*/, const char* /*name*/) { return SQLITE_OK; }
+int rename(sqlite3_vtab* table, const char* name) {
+    return guarded(&table->zErrMsg, [&] {
+        VirtualTable& of = tableOf(table);
+        Changes* const open = openChanges(of);
+        of.name = of.name.substr(0, of.name.find('.') + 1) + name;
+        if (of.changes) of.changes->rename(of.name);
+        if (open != nullptr) open->rename(of.name);
+        return SQLITE_OK;
+    });
+}
 
 constexpr sqlite3_module kModule = [] {
     sqlite3_module module{};
@@ -252,7 +324,7 @@ constexpr sqlite3_module kModule = [] {
     module.xConnect = connect;
     module.xBestIndex = bestIndex;
     module.xDisconnect = disconnect;
-    module.xDestroy = disconnect;
+    module.xDestroy = destroy;
     module.xOpen = open;
     module.xClose = close;
     module.xFilter = filter;
@@ -263,9 +335,12 @@ constexpr sqlite3_module kModule = [] {
     module.xUpdate = update;
     module.xBegin = begin;
     module.xSync = sync;
-    module.xCommit = drop;
-    module.xRollback = drop;
+    module.xCommit = commit;
+    module.xRollback = rollback;
     module.xRename = rename;
+    module.xSavepoint = savepoint;
+    module.xRelease = release;
+    module.xRollbackTo = rollbackTo;
     return module;
 }();
 
@@ -276,14 +351,14 @@ void logNotice(Notice /*notice*/, const std::string& sentence) {
 }
 
 int registerMira(sqlite3* connection, const Host& host) {
-    Host* kept = nullptr;
+    Session* kept = nullptr;
     try {
-        kept = new Host(host);
+        kept = new Session{host};
     } catch (const std::bad_alloc&) {
         return SQLITE_NOMEM;
     }
-    const int result = sqlite3_create_module_v2(connection, "mira", &kModule, kept,
-                                                [](void* own) { delete static_cast<Host*>(own); });
+    const int result = sqlite3_create_module_v2(
+        connection, "mira", &kModule, kept, [](void* own) { delete static_cast<Session*>(own); });
     return result == SQLITE_OK ? registerAttach(connection, host.readOnly) : result;
 }
 

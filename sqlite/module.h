@@ -19,6 +19,7 @@
 #include "losses.h"
 #include "mira_sqlite.h"
 #include "plan.h"
+#include "session.h"
 #include "shortcut.h"
 #include "tables/column/column.h"
 #include "tables/value/value.h"
@@ -28,10 +29,12 @@ namespace mira::sql {
 struct VirtualTable : sqlite3_vtab {
     sqlite3* connection = nullptr;
     bool utf8 = true;  ///< encoding of the connection's database
-    Host host;
+    Session* session = nullptr;
+    std::string name{};  ///< with that of its schema
     Arguments arguments;
     std::unique_ptr<tables::Table> table;
     std::optional<Columns> columns;
+    SharedFile* file = nullptr;      ///< in session
     std::optional<Changes> changes;  ///< of a writable table
     Losses losses;
     u32 cursors = 0;  ///< open ones
@@ -47,7 +50,8 @@ struct Cursor : sqlite3_vtab_cursor {
     bool atEnd = true;
     std::optional<KeyIndex> index;
     std::span<const KeyIndex::Entry> found;
-    bool indexed = false;  ///< this scan goes through found
+    bool indexed = false;         ///< this scan goes through found
+    u64 written = 0, undone = 0;  ///< of its file, when the table was last looked at
 };
 
 inline VirtualTable& tableOf(sqlite3_vtab* table) { return *static_cast<VirtualTable*>(table); }

@@ -83,8 +83,8 @@ void Change::openMemoFile() {
 
 void Change::refuseWrite(const char* what) const {
     const int error = errno;
-    refuse(table_.path, ": ", what, " cannot be written: ", std::strerror(error),
-           error == EIO ? "; is the disk full?" : "");
+    throw DiskError(textOf(table_.path, ": ", what, " cannot be written: ", std::strerror(error),
+                           error == EIO ? "; is the disk full?" : ""));
 }
 
 // --------------------------------------------------------------------------------------------
@@ -235,7 +235,7 @@ void Change::begin() {
         std::string bytes(static_cast<std::size_t>(length), '\0');
         if (length == 0) continue;
         if (!readAt(of(file).descriptor, 0, bytes.data(), bytes.size())) {
-            refuse(table_.path, ": the header cannot be read");
+            throw DiskError(table_.path + ": the header cannot be read");
         }
         addPiece(file, 0, static_cast<u32>(length), bytes);
     }
@@ -246,7 +246,7 @@ void Change::begin() {
 void Change::addPiece(FileOf to, u64 place, u32 oldSize, std::string_view bytes) {
     std::string old(oldSize, '\0');
     if (oldSize != 0 && !readAt(of(to).descriptor, place, old.data(), old.size())) {
-        refuse(table_.path, ": what is to be changed cannot be read");
+        throw DiskError(table_.path + ": what is to be changed cannot be read");
     }
     const u64 at = journal_.add('P', to, place, old, bytes);
     pieces_.push_back({to, place, oldSize, static_cast<u32>(bytes.size()), at});

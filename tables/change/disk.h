@@ -67,6 +67,10 @@ void checkRoom(const std::string& path, u64 bytes);
 struct Busy : Refusal {
     using Refusal::Refusal;
 };
+/// A file cannot be read or written.
+struct DiskError : Refusal {
+    using Refusal::Refusal;
+};
 [[noreturn]] void refuseBusy(const std::string& path);
 
 enum class Lock : u8 {

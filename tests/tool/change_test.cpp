@@ -267,6 +267,7 @@ struct Command {
     const char* table = "t";
     bool large = false;  // more than waits in memory
     bool indexed = false;
+    bool two = false;  // a copy of the table, u, is there, too
 };
 
 /// "CSV" and "MEMO" stand for files with rows and a text.
@@ -306,6 +307,13 @@ const Command kCommands[] = {
      "t",
      false,
      true},
+    {"transaction",
+     {},
+     {"query", "--write",
+      "BEGIN; UPDATE t SET FILL = 'p'; SAVEPOINT s; INSERT INTO t (NAME, NOTE) SELECT NAME, FILL "
+      "FROM t; UPDATE t SET NOTE = 'new'; ROLLBACK TO s; INSERT INTO t (NAME, NOTE) VALUES ('k', "
+      "'memo'); UPDATE t SET NOTE = NAME WHERE NAME > 'n103'; COMMIT",
+      "."}},
 };
 
 /// What a tag of NAME holds.
@@ -347,7 +355,9 @@ public:
         std::filesystem::create_directory(folder);
         const Sample sample(kind, kWidth, records);
         for (const std::string& name : sample.names()) {
-            writeAll(folder + "/" + name, readAll(sample.file(name.c_str())));
+            const std::string bytes = readAll(sample.file(name.c_str()));
+            writeAll(folder + "/" + name, bytes);
+            if (command.two) writeAll(folder + "/u" + name.substr(1), bytes);
         }
         writeAll(dir_.file("rows.csv"), "NAME,FILL,NOTE\nc1,x,first memo\nc2,y,\nc3,z,third\n");
         writeAll(dir_.file("memo.txt"), std::string(700, 'm'));
@@ -391,9 +401,9 @@ public:
 
     /// By the readers' own account; "gone" for no table, "broken" for one whose count is not its
     /// size; behind the rows "stale" for an index that does not agree with them.
-    Rows rows() const {
+    Rows rows() const { return rows(command.table); }
+    Rows rows(const std::string& stem) const {
         const Files now = filesIn(folder);
-        const std::string stem = command.table;
         const auto table = now.find(stem + ".dbf");
         if (table == now.end()) return {"gone"};
         const auto memos = now.find(stem + std::string(memoNameOf(kind)).substr(1));
@@ -601,6 +611,57 @@ TEST_F(ChangeTest, PowerCutLeavesOldOrNew) {
         run(bench.folder, {"info", bench.command.table});
         EXPECT_EQ(bench.rows(), bench.after) << whereOf(bench, "power cut", -1);
     });
+}
+
+/// COMMIT ends one table after the other, in the order in which they were first written to.
+TEST_F(ChangeTest, TransactionOfTwoTablesLeavesEachWhole) {
+    const Command both{"two tables",
+                       {},
+                       {"query", "--write",
+                        "BEGIN; UPDATE t SET NOTE = FILL; INSERT INTO u (NAME, NOTE) VALUES ('u', "
+                        "'memo'); DELETE FROM t WHERE NAME > 'n103'; COMMIT",
+                        "."},
+                       "t",
+                       false,
+                       false,
+                       true};
+    std::mt19937 random(2);
+    for (const u32 kind : kKinds) {
+        if (!all && kind != 3) continue;
+        const Bench bench(both, kind);
+        bench.again();
+        const Rows afterU = bench.rows("u");
+        const auto expectWhole = [&](const std::string& where, bool done) {
+            run(bench.folder, {"tables", "."});
+            const Rows t = bench.rows("t"), u = bench.rows("u");
+            EXPECT_TRUE(t == bench.after || (t == bench.before && !done)) << where;
+            EXPECT_TRUE(u == afterU || (u == bench.before && !done)) << where;
+            EXPECT_TRUE(t == bench.after || u == bench.before) << where;
+            bench.expectTidy(where);
+        };
+        for (const Fate fate : {Fate::Kill, Fate::Fail, Fate::FailForGood, Fate::FullDisk}) {
+            for (int at = 1; !HasFailure(); at += all || fate == Fate::Kill ? 1 : 3) {
+                bench.reset();
+                const Ended ended = bench.again({fate, at, 4, 0, 0});
+                if (ended.calls < at) break;
+                const std::string where = whereOf(bench, "fate", at) + ended.said;
+                EXPECT_TRUE(ended.status == 0 || ended.status == (fate == Fate::Kill ? 99 : 2));
+                expectWhole(where, ended.status == 0);
+            }
+        }
+        bench.reset();
+        const Disk start(bench.folder, bench.files);
+        const std::vector<Call> made = callsOf(bench);
+        for (std::size_t count = 0; count <= made.size() && !HasFailure(); ++count) {
+            for (int i = 0; i < (all ? 40 : 2); ++i) {
+                Disk disk = start;
+                for (std::size_t at = 0; at < count; ++at) disk.take(made[at]);
+                lay(bench.folder, disk.cut(random));
+                expectWhole(whereOf(bench, "power cut", static_cast<int>(count)),
+                            count == made.size());
+            }
+        }
+    }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -920,9 +981,12 @@ TEST_F(ChangeTest, HostileJournalsTouchNothingElse) {
 // ---------------------------------------------------------------------------------------------
 
 TEST_F(ChangeTest, OneRecordTakesFewSynchronisations) {
-    const std::pair<Words, int> rows[] = {{{"set", "t", "FILL=one", "-w", "NAME='n102'"}, 4},
-                                          {{"delete", "t", "-w", "NAME='n102'"}, 4},
-                                          {{"set", "t", "NOTE=one", "-w", "NAME='n102'"}, 5}};
+    const std::pair<Words, int> rows[] = {
+        {{"set", "t", "FILL=one", "-w", "NAME='n102'"}, 4},
+        {{"delete", "t", "-w", "NAME='n102'"}, 4},
+        {kCommands[15].words, 5},
+        {{"query", "--write", "INSERT INTO t (NAME) VALUES (1)", "."}, 4},
+        {{"set", "t", "NOTE=one", "-w", "NAME='n102'"}, 5}};
     const Bench bench(kCommands[0], 3);
     for (auto [words, most] : rows) {
         words.emplace_back("--no-backup");

@@ -22,13 +22,17 @@ void tellChanged(const Selection& selection, const char* verb, const ChangeOptio
 
 }  // namespace
 
-void addChangeOptions(CLI::App& command, ChangeOptions& options) {
+void addBackupOptions(CLI::App& command, ChangeOptions& options) {
     auto* const none =
         command.add_flag("--no-backup", options.noBackup, "Make no backup copies (.bak, .tbk)");
     command.add_option("--backups", options.backups, "How many backups to keep, this one included")
         ->type_name("N")
         ->check(CLI::Range(u32{1}, kBackupsMost).description(""))
         ->excludes(none);
+}
+
+void addChangeOptions(CLI::App& command, ChangeOptions& options) {
+    addBackupOptions(command, options);
     command.add_flag("--dry-run", options.dryRun, "Only tell what would be done");
 }
 

@@ -24,7 +24,9 @@ struct ChangeOptions {
     bool reindex = false;
 };
 
-/// --no-backup, --backups and --dry-run.
+/// --no-backup and --backups.
+void addBackupOptions(CLI::App& command, ChangeOptions& options);
+/// These, and --dry-run.
 void addChangeOptions(CLI::App& command, ChangeOptions& options);
 /// --reindex, for commands that change what index files are made of.
 void addReindexOption(CLI::App& command, ChangeOptions& options);

@@ -3,6 +3,7 @@
 
 #include <set>
 
+#include "command/change.h"
 #include "command/commands.h"
 #include "rows/database.h"
 #include "rows/grid.h"
@@ -15,6 +16,7 @@
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
+#include "terminal/status.h"
 
 namespace mira::tool {
 namespace {
@@ -32,6 +34,7 @@ struct Options {
     TableNames tables;
     Format format = Format::None;
     bool write = false;
+    ChangeOptions change{};
     Deleted deleted = Deleted::Skip;
     TableOptions table;
 };
@@ -62,13 +65,16 @@ bool comparesRows(std::string_view sql) {
     return false;
 }
 
-/// *lost becomes true when a value could not be kept.
-sql::Host hostFor(const Options& options, bool* lost) {
+/// *status becomes what comes of what is told.
+sql::Host hostFor(const Options& options, Status* status) {
     sql::Host host;
-    host.tell = [lost](sql::Notice notice, const std::string& sentence) {
-        tell(sentence);
-        *lost = *lost || notice == sql::Notice::Loss;
+    host.tell = [status](sql::Notice notice, const std::string& sentence) {
+        notice == sql::Notice::Undone ? tellError(sentence) : tell(sentence);
+        constexpr Status kOf[] = {kDone, kFound, kFailed};
+        *status = worse(*status, kOf[static_cast<std::size_t>(notice)]);
     };
+    host.backups = !options.change.noBackup;
+    host.backupCopies = options.change.backups;
     host.pageOption = "--code-page NAME";
     host.exactOption = "--exact";
     host.readOnly = !options.write;
@@ -79,12 +85,12 @@ sql::Host hostFor(const Options& options, bool* lost) {
 }
 
 /// A database in memory that nothing stays of, with the module in it.
-Connection openConnection(const Options& options, bool* lost) {
+Connection openConnection(const Options& options, Status* status) {
     sqlite3* opened = nullptr;
     const int result = sqlite3_open(":memory:", &opened);
     Connection connection(opened);
     if (result != SQLITE_OK || sql::registerLetters(opened) != SQLITE_OK ||
-        sql::registerMira(opened, hostFor(options, lost)) != SQLITE_OK) {
+        sql::registerMira(opened, hostFor(options, status)) != SQLITE_OK) {
         fail(opened);
     }
     if (!options.write) sqlite3_set_authorizer(opened, refuseAttach, nullptr);
@@ -243,13 +249,18 @@ void runAll(Output& out, Format format, sqlite3* connection, const std::string& 
 }
 
 Status run(const Options& options) {
-    bool lost = false;
-    const Connection connection = openConnection(options, &lost);
+    Status status = kDone;
+    std::optional<HoldPipeSignal> hold;
+    if (options.write) hold.emplace();
+    const Connection connection = openConnection(options, &status);
     const Status attached = attachTables(connection.get(), options);
     Output out(targetOf("-"), false);
     runAll(out, options.format, connection.get(), options.sql);
     out.finish();
-    return attached == kDone && !lost ? kDone : kFound;
+    if (sqlite3_get_autocommit(connection.get()) == 0 && options.write) {
+        refuse("there is no COMMIT after the last BEGIN or SAVEPOINT, so its changes are undone");
+    }
+    return worse(attached, status);
 }
 
 }  // namespace
@@ -274,6 +285,7 @@ void addQuery(CLI::App& program, Job& job) {
         .add_flag("--reindex", options.table.reindex,
                   "With --write, rebuild the .cdx files beside changed tables, too")
         ->needs(write);
+    addBackupOptions(command, options.change);
     command.add_flag("--exact", options.table.exact,
                      "Numbers that may have more than 15 digits as text, all digits kept");
     addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",

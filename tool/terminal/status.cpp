@@ -1,19 +1,20 @@
 #include "terminal/status.h"
 
 #include <csignal>
+#include <initializer_list>
 
 namespace mira::tool {
 namespace {
 
 volatile std::sig_atomic_t stopSignal = 0;
-constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr auto kStopSignals = {SIGINT, SIGTERM, SIGHUP};
 
 void note(int signal) { stopSignal = signal; }
 
-void mask(int how) {
+void mask(int how, std::initializer_list<int> which) {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int signal : kStopSignals) sigaddset(&signals, signal);
+    for (const int signal : which) sigaddset(&signals, signal);
     pthread_sigmask(how, &signals, nullptr);
 }
 
@@ -34,7 +35,10 @@ void watchSignals() {
 bool stopped() { return stopSignal != 0; }
 int stopStatus() { return 128 + stopSignal; }
 
-HoldSignals::HoldSignals() { mask(SIG_BLOCK); }
-HoldSignals::~HoldSignals() { mask(SIG_UNBLOCK); }
+HoldSignals::HoldSignals() { mask(SIG_BLOCK, kStopSignals); }
+HoldSignals::~HoldSignals() { mask(SIG_UNBLOCK, kStopSignals); }
+
+HoldPipeSignal::HoldPipeSignal() { mask(SIG_BLOCK, {SIGPIPE}); }
+HoldPipeSignal::~HoldPipeSignal() { mask(SIG_UNBLOCK, {SIGPIPE}); }
 
 }  // namespace mira::tool

@@ -25,6 +25,15 @@ inline void leaveIfStopped() {
     if (stopped()) throw Stopped{};
 }
 
+/// While it lives a reader that closes the pipe makes writing fail; then it ends the program as
+/// ever, once what is half done has been taken back.
+class HoldPipeSignal {
+public:
+    HoldPipeSignal();
+    ~HoldPipeSignal();
+    HoldPipeSignal(const HoldPipeSignal&) = delete;
+};
+
 /// While it lives such signals wait, for work that must not be cut in half.
 class HoldSignals {
 public:
