@@ -57,12 +57,12 @@ std::string canonicalPath(const std::string& path) {
     return error ? path : real.string();
 }
 
-std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, Session& session, std::string name,
-                                        const Arguments& arguments) {
+std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, std::shared_ptr<Session> session,
+                                        std::string name, const Arguments& arguments) {
     auto made = std::make_unique<VirtualTable>();
-    const Host& host = session.host;
     made->connection = connection;
-    made->session = &session;
+    made->session = std::move(session);
+    const Host& host = made->session->host;
     made->name = std::move(name);
     made->arguments = arguments;
     checkAccess(*made);
@@ -78,9 +78,10 @@ std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, Session& session, s
         table.notes.push_back(tables::pageDoubt(table.page, host.pageOption));
     }
     made->columns.emplace(table);
-    made->file = &session.files[canonicalPath(table.path)];
+    made->file = &made->session->files[canonicalPath(table.path)];
     if (arguments.table.writable) {
-        made->changes.emplace(table, *made->columns, connection, session, *made->file, made->name);
+        made->changes.emplace(table, *made->columns, connection, *made->session, *made->file,
+                              made->name);
     }
     made->utf8 = isUtf8(connection);
     return made;
@@ -91,7 +92,7 @@ int connect(sqlite3* connection, void* session, int count, const char* const* te
     // The first three are the names of module, database and table.
     constexpr int kNames = 3;
     return guarded(message, [&] {
-        auto made = makeTable(connection, *static_cast<Session*>(session),
+        auto made = makeTable(connection, *static_cast<std::shared_ptr<Session>*>(session),
                               tables::textOf(texts[1], ".", texts[2]),
                               readArguments(count - kNames, texts + kNames));
         const int declared = sqlite3_declare_vtab(connection, declaration(*made->columns).c_str());
@@ -351,14 +352,15 @@ void logNotice(Notice /*notice*/, const std::string& sentence) {
 }
 
 int registerMira(sqlite3* connection, const Host& host) {
-    Session* kept = nullptr;
+    std::shared_ptr<Session>* kept = nullptr;
     try {
-        kept = new Session{host};
+        kept = new std::shared_ptr<Session>(std::make_shared<Session>(Session{host}));
     } catch (const std::bad_alloc&) {
         return SQLITE_NOMEM;
     }
-    const int result = sqlite3_create_module_v2(
-        connection, "mira", &kModule, kept, [](void* own) { delete static_cast<Session*>(own); });
+    const int result = sqlite3_create_module_v2(connection, "mira", &kModule, kept, [](void* own) {
+        delete static_cast<std::shared_ptr<Session>*>(own);
+    });
     return result == SQLITE_OK ? registerAttach(connection, host.readOnly) : result;
 }
 

@@ -28,9 +28,9 @@ namespace mira::sql {
 
 struct VirtualTable : sqlite3_vtab {
     sqlite3* connection = nullptr;
-    bool utf8 = true;  ///< encoding of the connection's database
-    Session* session = nullptr;
-    std::string name{};  ///< with that of its schema
+    bool utf8 = true;                    ///< encoding of the connection's database
+    std::shared_ptr<Session> session{};  ///< SQLite may drop the module before the table
+    std::string name{};                  ///< with that of its schema
     Arguments arguments;
     std::unique_ptr<tables::Table> table;
     std::optional<Columns> columns;

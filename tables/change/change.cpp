@@ -445,7 +445,9 @@ bool Change::putBack(const State& state) {
         if (!file.touched || file.descriptor < 0) continue;
         const auto info = statusOf(file.descriptor);
         if (info && static_cast<u64>(info->st_size) <= end) continue;
-        done = ftruncate(file.descriptor, static_cast<off_t>(end)) == 0 && done;
+        // What is written there next must not come to the disk before the cut.
+        done = ftruncate(file.descriptor, static_cast<off_t>(end)) == 0 &&
+               fsync(file.descriptor) == 0 && done;
         file.written = std::min(file.written, end);
     }
     std::string bytes;
