@@ -51,7 +51,7 @@ TEST_F(SqlModule, NamesWhatItCannotOpen) {
               Rows{folder.file("nope.dbf") + ": no such table"});
     EXPECT_EQ(attach(connection, "x", path, ", colour=red"),
               Rows{path + ": there is no option \"colour\"; those there are: code_page, deleted, "
-                          "writable, exact, long_names, as_text"});
+                          "writable, reindex, exact, long_names, as_text"});
     EXPECT_EQ(attach(connection, "x", path, ", deleted=maybe"),
               Rows{path + ": deleted is skip, include or only, not \"maybe\""});
     Layout wide{0x03, {}};
