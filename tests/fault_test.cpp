@@ -630,7 +630,12 @@ void cutPowerOfPack(const Sample& sample, u32 mode, std::mt19937& random, bool e
     const Rows wanted = sample.rows();
     for (const Call& call : made) {
         const bool synchronises = call.kind == Call::SyncFile || call.kind == Call::SyncFolder;
-        for (int i = synchronises ? all ? 60 : 6 : everywhere ? 2 : 0; i != 0; --i) {
+        for (int i = synchronises ? all          ? 60
+                                    : everywhere ? 6
+                                                 : 2
+                     : everywhere ? 2
+                                  : 0;
+             i != 0; --i) {
             const std::string where = "format " + std::to_string(sample.kind) + ", mode " +
                                       std::to_string(mode) + ", cut at " +
                                       std::to_string(&call - made.data());
