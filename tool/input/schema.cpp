@@ -18,8 +18,9 @@ constexpr u8 kVisualVersion = 0x30, kLevel7Version = 0x04;
 constexpr u8 kCountingVersion = 0x31, kVariableVersion = 0x32;  // of Visual FoxPro
 constexpr u8 kMemoFlag = 2;     // header byte 28; 1 is an index file, 4 a database container
 constexpr u32 kWorkPlace = 12;  // header bytes 12 to 15: a transaction under way, encryption
-constexpr u32 kDescriptor = 32, kFieldFlagsPlace = 18;  // next value and step follow the flags
-constexpr u32 kBackLink = 263;  // bytes before the records of a Visual FoxPro table
+constexpr u32 kDescriptor = 32, kDecimalsPlace = 17,
+              kFieldFlagsPlace = 18;  // next value and step follow the flags
+constexpr u32 kBackLink = 263;        // bytes before the records of a Visual FoxPro table
 constexpr char kTerminator = 0x0D;
 
 constexpr unsigned kNameLength = 10, kNameLength7 = 31;
@@ -337,6 +338,8 @@ void finishVisual(const Target& target, const std::vector<FieldPlan>& fields) {
         const bool counting = (field.flags & kCounting) != 0;
         if (counting) version = std::max(version, kCountingVersion);
         if (isVariableType(field.type) || field.type == 'W') version = kVariableVersion;
+        const u8 decimals = field.type == 'Y' ? kCurrencyDecimals : 0;
+        if (decimals != 0) patch(target, descriptor + kDecimalsPlace, &decimals, 1);
         patch(target, descriptor + kFieldFlagsPlace, &field.flags, 1);
         if (counting) patch(target, descriptor + kFieldFlagsPlace + 1, "\1\0\0\0\1", 5);
         descriptor += kDescriptor;
