@@ -262,6 +262,8 @@ const Command kCommands[] = {
     {"memo", {}, {"memo", "t", "NOTE", "2", "--set", "MEMO"}},
     {"append", {}, {"import", "CSV", "t", "--append"}},
     {"append much", {}, {"import", "LARGE", "t", "--append"}, "t", true},
+    {"append tables", {}, {"append", "t", "t", "t.dbf"}},
+    {"add", {}, {"add", "t", "NAME=a", "NOTE=a memo"}},
     {"replace", {{"set", "t", "FILL=x", "--all"}}, {"import", "CSV", "t", "--force", "KIND"}},
     {"new", {}, {"import", "CSV", "u", "--force", "KIND"}, "u"},
     {"pack", {}, {"pack", "t"}},
