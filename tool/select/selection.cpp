@@ -146,6 +146,20 @@ void addList(CLI::App& command, const char* name, std::vector<std::string>& list
     command.add_option_function<std::string>(name, take, help)->type_name("A,B,...");
 }
 
+void addColumnOptions(CLI::App& command, SelectOptions& options) {
+    addList(command, "-f,--fields", options.fields, "These columns, in this order");
+    addList(command, "-x,--exclude", options.exclude, "All columns but these");
+}
+
+void addDeletedOption(CLI::App& command, SelectOptions& options) {
+    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
+              kDeletedWords, options.deleted);
+}
+
+void addRawOption(CLI::App& command, SelectOptions& options) {
+    command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
+}
+
 }  // namespace
 
 void addFilterOptions(CLI::App& command, SelectOptions& options) {
@@ -167,20 +181,26 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
     addFilterOptions(command, options);
     addList(command, "-s,--sort", options.sort, "Sort by these fields");
     command.add_flag("--descending", options.descending, "Sort from the greatest down");
-    addList(command, "-f,--fields", options.fields, "These columns, in this order");
-    addList(command, "-x,--exclude", options.exclude, "All columns but these");
+    addColumnOptions(command, options);
     command.add_option("--calc", options.calculated, "Add a calculated column; may be given again")
         ->type_name("NAME=EXPRESSION")
         ->allow_extra_args(false);
-    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
-              kDeletedWords, options.deleted);
+    addDeletedOption(command, options);
     command.add_flag("--record", options.recordColumn, "A first column _record with the number");
     addCount(command, "-n,--limit", "At most N records, 0 for all", options.limit);
     addCount(command, "--offset", "Leave out the first N records", options.offset);
     command.add_option("--shard", options.shard, "The K-th of N equal ranges of records")
         ->type_name("K/N");
     addTableOptions(command, options.table);
-    command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
+    addRawOption(command, options);
+}
+
+void addCompareOptions(CLI::App& command, SelectOptions& options) {
+    addFilterOptions(command, options);
+    addColumnOptions(command, options);
+    addDeletedOption(command, options);
+    addTableOptions(command, options.table);
+    addRawOption(command, options);
 }
 
 std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options,

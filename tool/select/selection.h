@@ -63,6 +63,8 @@ CLI::Option* addCount(CLI::App& command, const std::string& name, const std::str
 
 /// Adds them all to a command.
 void addSelectOptions(CLI::App& command, SelectOptions& options);
+/// Those that leave the order of records as it is and add nothing.
+void addCompareOptions(CLI::App& command, SelectOptions& options);
 /// Only --code-page, --as-text and --long-names.
 void addTableOptions(CLI::App& command, TableOptions& options);
 /// Only --where, --records and --ignore-case.
