@@ -263,6 +263,8 @@ const Command kCommands[] = {
     {"append", {}, {"import", "CSV", "t", "--append"}},
     {"append much", {}, {"import", "LARGE", "t", "--append"}, "t", true},
     {"append tables", {}, {"append", "t", "t", "t.dbf"}},
+    {"alter", {}, {"alter", "t", "--add", "NEW C(3)", "--type", "FILL C(9)"}},
+    {"alter alone", {}, {"alter", "t", "--rename", "NOTE=MEMO", "--no-backup"}},
     {"add", {}, {"add", "t", "NAME=a", "NOTE=a memo"}},
     {"replace", {{"set", "t", "FILL=x", "--all"}}, {"import", "CSV", "t", "--force", "KIND"}},
     {"new", {}, {"import", "CSV", "u", "--force", "KIND"}, "u"},

@@ -15,6 +15,7 @@ void addMemo(CLI::App& program, Job& job);
 void addImport(CLI::App& program, Job& job);
 void addAppend(CLI::App& program, Job& job);
 void addAdd(CLI::App& program, Job& job);
+void addAlter(CLI::App& program, Job& job);
 void addSet(CLI::App& program, Job& job);
 void addDelete(CLI::App& program, Job& job);
 void addRecall(CLI::App& program, Job& job);
@@ -27,10 +28,10 @@ void addHelp(CLI::App& program, Job& job);
 void addCompletion(CLI::App& program, Job& job);
 namespace {
 using AddCommand = void (*)(CLI::App& program, Job& job);
-constexpr AddCommand kCommands[] = {addInfo,   addTables, addShow,   addExport,    addQuery,
-                                    addMemo,   addImport, addAppend, addAdd,       addSet,
-                                    addDelete, addRecall, addPack,   addZap,       addUndo,
-                                    addCheck,  addDiff,   addHelp,   addCompletion};
+constexpr AddCommand kCommands[] = {addInfo,   addTables, addShow,   addExport, addQuery,
+                                    addMemo,   addImport, addAppend, addAdd,    addSet,
+                                    addDelete, addAlter,  addRecall, addPack,   addZap,
+                                    addUndo,   addCheck,  addDiff,   addHelp,   addCompletion};
 }  // namespace
 
 void addCommands(CLI::App& program, Job& job) {

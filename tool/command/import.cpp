@@ -27,10 +27,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::pair<const char*, TableKind> kKinds[] = {
-    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
-    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
-
 struct Options {
     std::string csv, table;
     std::string like, schema;
@@ -370,7 +366,7 @@ void addOptions(CLI::App& command, Options& options) {
     auto* const append = command.add_flag("--append", options.append, "To the end of the table");
     auto* const kind =
         addChoice(command, "--kind", "dbase3 (default), dbase4, foxpro, visual, smt, level7",
-                  "KIND", kKinds, options.kind);
+                  "KIND", kKindWords, options.kind);
     auto* const block =
         command.add_option("--block-size", options.blockSize, "Bytes per block of the memo file")
             ->type_name("N")

@@ -52,10 +52,6 @@ const TypeRow* typeRow(char type, TableKind kind) {
     return nullptr;
 }
 
-std::size_t nameLimit(TableKind kind) {
-    return kind == TableKind::Level7 ? kNameLength7 : kNameLength;
-}
-
 /// Words behind a type, and what they set.
 constexpr std::pair<std::string_view, u8> kFlagWords[] = {
     {"NULL", kNullable}, {"BINARY", kBinary}, {"AUTOINC", kCounting | kBinary}};
@@ -316,10 +312,6 @@ void lengthenHeader(const Target& target) {
     patch(target, kLengthPlace, length, sizeof length);
 }
 
-bool isMemoType(char type, TableKind kind) {
-    return type == 'M' || type == 'G' || type == 'W' || (type == 'B' && kind != TableKind::Visual);
-}
-
 /// Bits that the null flags of these fields have.
 unsigned nullBits(const std::vector<FieldPlan>& fields) {
     unsigned bits = 0;
@@ -347,7 +339,26 @@ void finishVisual(const Target& target, const std::vector<FieldPlan>& fields) {
     patch(target, kVersionPlace, &version, 1);
 }
 
+/// What holds the values of a type where a kind of table has no such fields: the first that it has.
+struct Counterpart {
+    char type;
+    std::string_view instead;
+    unsigned length, decimals;  ///< of a field of characters or digits; 0: as it was
+};
+constexpr Counterpart kCounterparts[] = {
+    {'F', "N", 0, 0},  {'V', "C", 0, 0},  {'Q', "M", 0, 0},   {'W', "GM", 0, 0}, {'P', "GM", 0, 0},
+    {'G', "M", 0, 0},  {'B', "GM", 0, 0}, {'C', "M", 0, 0},   {'I', "N", 11, 0}, {'+', "N", 11, 0},
+    {'Y', "N", 20, 4}, {'O', "N", 20, 4}, {'T', "@C", 23, 0}, {'@', "TC", 23, 0}};
+
 }  // namespace
+
+std::size_t nameLimit(TableKind kind) {
+    return kind == TableKind::Level7 ? kNameLength7 : kNameLength;
+}
+
+bool isMemoType(char type, TableKind kind) {
+    return type == 'M' || type == 'G' || type == 'W' || (type == 'B' && kind != TableKind::Visual);
+}
 
 std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind, const char* option) {
     std::vector<FieldPlan> fields;
@@ -388,6 +399,37 @@ FieldPlan planOf(const Column& column) {
     u8 flags = column.flags & (kNullable | kCounting);
     if (column.untranslated) flags |= kBinary;
     return {column.name, column.type, column.length, column.decimals, flags};
+}
+
+std::optional<FieldPlan> counterpartOf(const FieldPlan& field, TableKind from, TableKind to) {
+    const bool isDouble =
+        field.type == 'O' || (field.type == 'B' && from == TableKind::Visual && field.length == 8);
+    const bool counts = field.type == '+' || (field.flags & kCounting) != 0;
+    FieldPlan other = field;
+    if (to != TableKind::Visual) other.flags = 0;
+    if (counts && to == TableKind::Level7) other.type = '+';
+    if (counts && to == TableKind::Visual) other.flags = kCounting | kBinary;
+    if (counts && to == TableKind::Visual) other.type = 'I';
+    if (isDouble) other.type = to == TableKind::Visual ? 'B' : 'O';
+    const bool wide = field.type == 'C' && field.length > lengthMost('C', to);
+    const bool memoInB = other.type == 'B' && !isDouble && to == TableKind::Visual;
+    if (const TypeRow* const own = typeRow(other.type, to); own != nullptr && !wide && !memoInB) {
+        if (own->length != 0) other.length = own->length;
+        return other;
+    }
+    for (const Counterpart& row : kCounterparts) {
+        if (row.type != other.type) continue;
+        for (const char instead : row.instead) {
+            const TypeRow* const known = typeRow(instead, to);
+            if (known == nullptr) continue;
+            const bool sized = known->length == 0 && row.length != 0;
+            other.type = instead;
+            other.length = known->length != 0 ? known->length : sized ? row.length : other.length;
+            if (sized) other.decimals = row.decimals;
+            return other;
+        }
+    }
+    return std::nullopt;
 }
 
 std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string>& headings,

@@ -2,8 +2,10 @@
 // as another table has them.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "input/csvreader.h"
@@ -33,6 +35,16 @@ std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind,
 std::string schemaText(const std::vector<FieldPlan>& fields);
 /// What a column is.
 FieldPlan planOf(const Column& column);
+/// The field that holds the same values in a table of another kind, or the nearest; nothing when
+/// there is none.
+std::optional<FieldPlan> counterpartOf(const FieldPlan& field, TableKind from, TableKind to);
+/// The most bytes of a name.
+std::size_t nameLimit(TableKind kind);
+bool isMemoType(char type, TableKind kind);
+
+constexpr std::pair<const char*, TableKind> kKindWords[] = {
+    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
+    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
 /// Fields for the columns of a CSV file, by all its values; reads it from its second row to its
 /// end.
 std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string>& headings,
