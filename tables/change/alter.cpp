@@ -119,7 +119,8 @@ private:
                 if (most != nullptr) ways_.push_back({Way::How::Count, *to, *to, most});
                 continue;
             }
-            const bool bits = from->nullBit != kNoBit || from->lengthBit != kNoBit;
+            const bool bits = from->nullBit != kNoBit || from->lengthBit != kNoBit ||
+                              to->nullBit != kNoBit || to->lengthBit != kNoBit;
             if (source.same && !bits && !isMemo(*from) && from->length == to->length) {
                 addStretch({from->offset, to->offset, from->length});
             } else {

@@ -48,6 +48,13 @@ std::string misfitOf(ValueKind nothing, const Column& column) {
     return "";
 }
 
+/// Whether bytes in a memo field are taken for text: those without a zero byte in them.
+bool wouldBeText(std::string_view bytes, const Column& column) {
+    const std::size_t zero = bytes.find('\0');
+    return column.kind == Kind::Memo && !column.untranslated &&
+           (zero == std::string_view::npos || zero + 1 == bytes.size());
+}
+
 /// A value as another field is given it. plain holds the text of those that have none.
 Given givenOf(const Value& value, const Column& source, const Column& column, std::string& plain) {
     switch (value.kind) {
@@ -92,6 +99,10 @@ std::string transferValue(CellReader& from, const Column& source, Table& table,
     const bool padded = value.kind == ValueKind::Text && value.text.ends_with(' ');
     if (padded && column.kind == Kind::Text && nothing == Nothing::Misfits) {
         return textOf("blanks at its end, which ", typeLabel(column), " does not keep");
+    }
+    if (value.kind == ValueKind::Bytes && nothing == Nothing::Misfits &&
+        wouldBeText(value.text, column)) {
+        return "bytes that a memo field shows as text";
     }
     std::string plain;
     Given given = givenOf(value, source, column, plain);

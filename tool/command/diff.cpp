@@ -50,7 +50,9 @@ bool haveSameBytes(const Pair& pair, const Column& a, const Column& b) {
     const bool memo = a.kind == Kind::Memo || a.kind == Kind::Blob;
     const bool bits = a.nullBit != kNoBit || b.nullBit != kNoBit || a.lengthBit != kNoBit ||
                       b.lengthBit != kNoBit;
-    return !memo && !bits && a.field != kNoField && a.kind != Kind::Calculated &&
+    // Level-7 tables of two makers read the same bytes as other numbers.
+    const bool makers = a.kind == Kind::Integer && pair.sides[A]->table->base->Level7 != 0;
+    return !memo && !bits && !makers && a.field != kNoField && a.kind != Kind::Calculated &&
            a.kind == b.kind && a.type == b.type && a.length == b.length &&
            a.untranslated == b.untranslated && a.foreignMoment == b.foreignMoment &&
            pair.sides[A]->table->base->Level7 == pair.sides[B]->table->base->Level7 &&
@@ -113,6 +115,10 @@ bool isNothing(const Value& value) {
 
 /// Digits in a form that equal numbers share.
 std::string plainNumber(std::string_view text) {
+    const std::string_view whole = text.substr(text.starts_with('-') ? 1 : 0);
+    if (!whole.empty() && whole.front() != '0' && whole.back() != '0' && areDigits(whole)) {
+        return std::string(text) + "e0";
+    }
     std::optional<Decimal> number = readDecimal(text);
     if (!number) return std::string(text);
     std::string digits = number->digits;
@@ -127,7 +133,12 @@ std::string plainNumber(std::string_view text) {
 /// The value as a text that equal values share, whatever the type of their fields.
 void putComparable(std::string& out, const Shared& shared, const Value& value) {
     const bool empty = value.kind == ValueKind::Text && value.text.empty();
-    if (isNothing(value) || (empty && !shared.texts)) return;
+    if (value.kind == ValueKind::Null || (empty && !shared.texts)) return;
+    if (value.kind == ValueKind::Blank) {
+        // No memo, and one without a letter, are both an empty text.
+        if (shared.texts) out += 't';
+        return;
+    }
     const std::size_t start = out.size();
     out += value.kind == ValueKind::Bytes ? 'b' : 't';
     putPlain(out, value);
@@ -317,13 +328,16 @@ void compareByNumber(Report& report, Pair& pair) {
     }
 }
 
-/// A record by the hash of its key.
-struct Keyed {
-    u64 hash;
-    u32 record;
-    bool operator<(const Keyed& other) const {
-        return hash != other.hash ? hash < other.hash : record < other.record;
-    }
+/// The records of B by the hashes of their keys.
+struct Keys {
+    struct Keyed {
+        u64 hash;
+        u32 record;
+        bool taken;
+    };
+    std::vector<Keyed> records{};  ///< in their order
+    std::vector<u32> byHash{};     ///< places among them; made when they are first needed
+    std::size_t next = 0;          ///< where the record that is looked for most likely is
 };
 
 std::string keyOf(Pair& pair, Side side) {
@@ -347,46 +361,57 @@ void goTo(Selection& selection, u32 record) {
     selection.cells.record = record;
 }
 
-/// The first record of B with the key that is not taken; npos when there is none.
-std::size_t findKey(Pair& pair, const std::vector<Keyed>& index, const std::vector<bool>& taken,
-                    const std::string& key) {
-    const u64 hash = hashOf(key);
-    auto at = std::lower_bound(index.begin(), index.end(), Keyed{hash, 0});
-    for (; at != index.end() && at->hash == hash; ++at) {
-        const auto place = static_cast<std::size_t>(at - index.begin());
-        if (taken[place]) continue;
-        goTo(*pair.sides[B], at->record);
-        if (keyOf(pair, B) == key) return place;
-    }
-    return std::string::npos;
+/// Goes to a record of B; whether it has the key of A's current record.
+bool hasKey(Pair& pair, u32 record, const std::string& key) {
+    goTo(*pair.sides[B], record);
+    const bool same = std::all_of(pair.keys.begin(), pair.keys.end(), [&](std::size_t i) {
+        const Shared& shared = pair.shared[i];
+        return shared.sameBytes && storedBytes(*pair.sides[A]->table, shared.columns[A]) ==
+                                       storedBytes(*pair.sides[B]->table, shared.columns[B]);
+    });
+    return same || keyOf(pair, B) == key;
 }
 
-/// Records with the same key are matched in their order.
+void sortByHash(Keys& keys) {
+    for (u32 i = 0; i < keys.records.size(); ++i) keys.byHash.push_back(i);
+    std::sort(keys.byHash.begin(), keys.byHash.end(), [&](u32 a, u32 b) {
+        const u64 hashes[] = {keys.records[a].hash, keys.records[b].hash};
+        return hashes[0] != hashes[1] ? hashes[0] < hashes[1] : a < b;
+    });
+}
+
+/// Goes to a record of B that has the key and is not taken, and takes it; false when there is none.
+bool takeKey(Pair& pair, Keys& keys, const std::string& key) {
+    const u64 hash = hashOf(key);
+    const auto take = [&](std::size_t place) {
+        Keys::Keyed& keyed = keys.records[place];
+        if (keyed.taken || keyed.hash != hash || !hasKey(pair, keyed.record, key)) return false;
+        keys.next = place + 1;
+        return keyed.taken = true;
+    };
+    if (keys.next < keys.records.size() && take(keys.next)) return true;
+    if (keys.byHash.empty()) sortByHash(keys);
+    auto at = std::lower_bound(keys.byHash.begin(), keys.byHash.end(), hash,
+                               [&](u32 place, u64 h) { return keys.records[place].hash < h; });
+    for (; at != keys.byHash.end() && keys.records[*at].hash == hash; ++at) {
+        if (take(*at)) return true;
+    }
+    return false;
+}
+
 void compareByKey(Report& report, Pair& pair) {
     Selection& a = *pair.sides[A];
     Selection& b = *pair.sides[B];
-    std::vector<Keyed> index;
-    while (nextRow(b)) index.push_back({hashOf(keyOf(pair, B)), b.cells.record});
-    std::sort(index.begin(), index.end());
+    Keys keys;
+    while (nextRow(b)) keys.records.push_back({hashOf(keyOf(pair, B)), b.cells.record, false});
     ClearAllFilter(b.table->base.get());  // records go by their number from here on
-    std::vector<bool> taken(index.size());
     while (nextRow(a)) {
-        const std::size_t place = findKey(pair, index, taken, keyOf(pair, A));
-        if (place == std::string::npos) {
-            remove(report, pair);
-            continue;
-        }
-        taken[place] = true;
-        compare(report, pair);
+        takeKey(pair, keys, keyOf(pair, A)) ? compare(report, pair) : remove(report, pair);
     }
-    std::vector<u32> left;
-    for (std::size_t i = 0; i < index.size(); ++i) {
-        if (!taken[i]) left.push_back(index[i].record);
-    }
-    std::sort(left.begin(), left.end());
-    for (const u32 record : left) {
+    for (const Keys::Keyed& keyed : keys.records) {
+        if (keyed.taken) continue;
         leaveIfStopped();
-        goTo(b, record);
+        goTo(b, keyed.record);
         add(report, pair);
     }
 }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr u32 kLengthsPlace = 8, kFlagsPlace = 28, kMarkPlace = 29;
 constexpr u32 kDriverPlace = 32, kDriverSize = 32;  // of level 7
-constexpr u32 kDescriptor = 32, kNameSize = 11, kOffsetPlace = 12;
+constexpr u32 kDescriptor = 32, kOffsetPlace = 12;
 constexpr u32 kLevel7Least = 128;
 constexpr u32 kBackLink = 263;
 constexpr u8 kMemoFlag = 2;
@@ -216,43 +216,72 @@ bool hasMemos(const Plan& plan, bool old) {
     });
 }
 
+/// Where a descriptor says what.
+struct Places {
+    u32 size, name, type, length, decimals;
+};
+constexpr Places kPlaces = {32, 11, 11, 16, 17};
+constexpr Places kPlaces7 = {48, 32, 32, 34, 35};
+constexpr Places kForeignPlaces7 = {48, 32, 32, 33, 34};  // of other makers of level-7 tables
+
+std::string descriptorIn(const Table& table, const Column& column) {
+    const DbfBase& base = *table.base;
+    std::string bytes(base.DescriptorSize, '\0');
+    const auto size = static_cast<u32>(bytes.size());
+    readFileAt(base.TableFile, base.HeaderSize + size * static_cast<u32>(column.field),
+               bytes.data(), size);
+    return bytes;
+}
+
+const Places& placesOf(const Table& table) {
+    if (table.base->Level7 == 0) return kPlaces;
+    for (const Column& column : table.columns) {
+        const std::string bytes = descriptorIn(table, column);
+        if (static_cast<u8>(bytes[kPlaces7.length]) != column.length) return kForeignPlaces7;
+    }
+    return kPlaces7;
+}
+
 /// Bytes of a field in the record, by its descriptor.
-u32 lengthIn(std::string_view descriptor) {
-    const auto low = static_cast<u8>(descriptor[16]);
-    return descriptor[11] == 'C' ? low + 256u * static_cast<u8>(descriptor[17]) : low;
+u32 lengthIn(std::string_view descriptor, const Places& at) {
+    const auto low = static_cast<u8>(descriptor[at.length]);
+    const bool wide = at.size == kPlaces.size && descriptor[at.type] == 'C';
+    return wide ? low + 256u * static_cast<u8>(descriptor[at.decimals]) : low;
 }
 
 /// The descriptor of the old table with what changes about it.
 std::string keptDescriptor(const Plan& plan, const Planned& planned, std::string_view made,
-                           u32 offset) {
-    const DbfBase& base = *plan.table.base;
-    std::string kept(kDescriptor, '\0');
-    const u32 place = base.HeaderSize + kDescriptor * static_cast<u32>(planned.from->field);
-    readFileAt(base.TableFile, place, kept.data(), kDescriptor);
-    if (planned.renamed || plan.page) kept.replace(0, kNameSize, made.substr(0, kNameSize));
-    // Some write the offset here, others what was in memory.
-    const bool told = loadLe<u16>(kept.data() + kOffsetPlace) == planned.from->offset;
-    if (!plan.table.visual && !told) return kept;
-    const auto bytes = bytesLe(offset);
-    std::copy(bytes.begin(), bytes.end(), kept.begin() + kOffsetPlace);
+                           const Places& at) {
+    std::string kept = descriptorIn(plan.table, *planned.from);
+    if (planned.renamed || plan.page) kept.replace(0, at.name, made.substr(0, at.name));
     return kept;
+}
+
+/// Some write the offset in the record into a descriptor, others what was in memory.
+void setOffset(const Plan& plan, const Planned* planned, u32 offset, std::string& descriptor) {
+    const bool told = planned != nullptr && planned->from != nullptr &&
+                      loadLe<u16>(descriptor.data() + kOffsetPlace) == planned->from->offset;
+    if (plan.table.base->Level7 != 0 || (!plan.table.visual && !told)) return;
+    const auto bytes = bytesLe(offset);
+    std::copy(bytes.begin(), bytes.end(), descriptor.begin() + kOffsetPlace);
 }
 
 /// The descriptors: of fields that stay those of the old table.
 std::string descriptorsOf(const Plan& plan, u32* recordLength) {
-    const u32 size = plan.table.base->DescriptorSize;
+    const Places& at = placesOf(plan.table);
+    const u32 start = plan.table.base->HeaderSize;
     std::string all;
     *recordLength = 1;
-    for (std::size_t i = 0; plan.made[plan.table.base->HeaderSize + i * size] != kTerminator; ++i) {
-        std::string one = plan.made.substr(plan.table.base->HeaderSize + i * size, size);
-        const bool planned = i < plan.fields.size();
-        if (planned && plan.fields[i].from != nullptr && !plan.fields[i].retyped) {
-            one = keptDescriptor(plan, plan.fields[i], one, *recordLength);
-        } else if (plan.table.visual) {
-            const auto bytes = bytesLe(*recordLength);
-            std::copy(bytes.begin(), bytes.end(), one.begin() + kOffsetPlace);
+    for (std::size_t i = 0; plan.made[start + i * at.size] != kTerminator; ++i) {
+        std::string one = plan.made.substr(start + i * at.size, at.size);
+        const Planned* const planned = i < plan.fields.size() ? &plan.fields[i] : nullptr;
+        if (planned != nullptr && planned->from != nullptr && !planned->retyped) {
+            one = keptDescriptor(plan, *planned, one, at);
+        } else if (&at == &kForeignPlaces7) {
+            one.erase(at.length, 1).push_back('\0');
         }
-        *recordLength += lengthIn(one);
+        setOffset(plan, planned, *recordLength, one);
+        *recordLength += lengthIn(one, at);
         all += one;
     }
     return all;
@@ -280,6 +309,7 @@ std::string headOf(const Plan& plan) {
         head[kFlagsPlace] =
             static_cast<char>((head[kFlagsPlace] & ~kMemoFlag) | (memos ? kMemoFlag : 0));
     }
+    if (base.Level7 != 0) head.resize(std::max<std::size_t>(head.size(), kLevel7Least));
     if (head.size() > 0xFFFF || recordLength > 0xFFFF) {
         refuse(plan.table.path, ": the fields are more than a table holds");
     }
@@ -289,15 +319,6 @@ std::string headOf(const Plan& plan) {
     const auto record = bytesLe(static_cast<u16>(recordLength));
     std::copy(length.begin(), length.end(), head.begin() + kLengthsPlace);
     std::copy(record.begin(), record.end(), head.begin() + kLengthsPlace + 2);
-    return head;
-}
-
-/// Level 7 keeps its driver's name; all else is laid anew.
-std::string level7Head(const Plan& plan) {
-    std::string head = plan.made;
-    const DbfBase& base = *plan.table.base;
-    readFileAt(base.TableFile, kMarkPlace, &head[kMarkPlace], 1);
-    readFileAt(base.TableFile, kDriverPlace, &head[kDriverPlace], kDriverSize);
     return head;
 }
 
@@ -346,7 +367,7 @@ bool staysSame(const Plan& plan, const Planned& planned) {
                           before.decimals == after.decimals && before.flags == after.flags;
         return same && (characters || plan.sameKind());
     }
-    return !from.foreignMoment;
+    return true;
 }
 
 }  // namespace
@@ -363,8 +384,7 @@ Alteration planAlteration(Table& table, const Restructure& wanted, const Swap& s
     fitNames(plan);
     plan.made = makeHead(plan, swap);
     Alteration alteration;
-    const bool level7 = plan.kind == TableKind::Level7;
-    alteration.head = !plan.sameKind() ? plan.made : level7 ? level7Head(plan) : headOf(plan);
+    alteration.head = plan.sameKind() ? headOf(plan) : plan.made;
     setPage(plan, alteration.head);
     for (const Planned& planned : plan.fields) {
         alteration.sources.push_back(

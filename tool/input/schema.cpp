@@ -346,7 +346,7 @@ struct Counterpart {
     unsigned length, decimals;  ///< of a field of characters or digits; 0: as it was
 };
 constexpr Counterpart kCounterparts[] = {
-    {'F', "N", 0, 0},  {'V', "C", 0, 0},  {'Q', "M", 0, 0},   {'W', "GM", 0, 0}, {'P', "GM", 0, 0},
+    {'F', "N", 0, 0},  {'V', "C", 0, 0},  {'Q', "GM", 0, 0},  {'W', "GM", 0, 0}, {'P', "GM", 0, 0},
     {'G', "M", 0, 0},  {'B', "GM", 0, 0}, {'C', "M", 0, 0},   {'I', "N", 11, 0}, {'+', "N", 11, 0},
     {'Y', "N", 20, 4}, {'O', "N", 20, 4}, {'T', "@C", 23, 0}, {'@', "TC", 23, 0}};
 
