@@ -8,6 +8,7 @@
 #include "command/commands.h"
 #include "input/restructure.h"
 #include "tables/change/pack.h"
+#include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
 #include "terminal/progress.h"
@@ -52,6 +53,9 @@ Status run(const Options& options) {
     tellLostMemos(*table, options.lenient);
     Swap swap(table->path, memoFileOf(*table));
     checkRoom(swap.newTable(), table->fileSize);
+    if (const std::string stray = strayRepair(*table); !stray.empty()) {
+        note("{}: {}", table->path, stray);
+    }
     const Alteration alteration = planAlteration(*table, options.wanted, swap);
     std::string memos;
     const u64 misfits = copyRecords(*table, alteration, swap, &memos);
