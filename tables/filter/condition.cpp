@@ -118,6 +118,25 @@ std::string momentDigits(const Moment& moment, bool withTime) {
     return digits;
 }
 
+/// _record and a number.
+std::string ofRecords(const Writer& writer) {
+    constexpr u64 kMost = 0xFFFFFFFF;
+    const std::string_view right = bare(writer.condition.right);
+    const std::optional<i64> given = areDigits(right) ? toInteger(right) : std::nullopt;
+    const bool below = writer.signIs({"<", "<=", "=<"});
+    const bool above = writer.signIs({">", ">=", "=>"});
+    if (!given || !(below || above || writer.equal() || writer.different())) {
+        writer.fail(": records are compared by number, with = <> < > <= >=");
+    }
+    const u64 number = std::min<u64>(static_cast<u64>(*given), kMost);
+    std::string condition = test(writer, FieldTest::Asked::Record, !writer.different());
+    FieldTest& added = writer.tests.back();
+    added.first = below ? 0 : number + (writer.condition.sign == ">" ? 1 : 0);
+    added.last = above ? kMost : number;
+    if (writer.condition.sign == "<") added.last = number == 0 ? 0 : number - 1;
+    return condition;
+}
+
 bool isOfDates(const Column& column) {
     const Kind kind = heldKind(column);
     return kind == Kind::Date || kind == Kind::Moment;
@@ -319,6 +338,10 @@ bool passes(CellReader& cells, const FieldTest& test) {
     const Table& table = *cells.table;
     const Column& column = test.column;
     bool answer = false;
+    if (test.asked == FieldTest::Asked::Record) {
+        const u64 number = u64{cells.record} + 1;
+        return (number >= test.first && number <= test.last) == test.wanted;
+    }
     if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
         const MemoReference reference = memoReference(table, column);
         answer = isNull(table, column) ||
@@ -352,6 +375,7 @@ bool passes(CellReader& cells, const FieldTest& test) {
 std::string libraryCondition(const Table& table, const FilterCondition& condition,
                              std::vector<FieldTest>& tests, std::vector<std::string>& notes) {
     const Writer writer{table, condition, tests, notes};
+    if (condition.column->kind == Kind::RecordNumber) return ofRecords(writer);
     if (bare(condition.right).empty()) return blankTest(writer);
     switch (heldKind(*condition.column)) {
         case Kind::Decimal:

@@ -19,14 +19,16 @@ struct FilterCondition {
     bool spaced = false;     ///< a blank before the sign: the one behind it is no part of a text
 };
 
-/// What a filter cannot ask the library: whether a field is blank, true or false. The answer is
-/// put into a field of one character that the record gets for the time of the filter.
+/// What a filter cannot ask the library: whether a field is blank, true or false, which number the
+/// record has. The answer is put into a field of one character that the record gets for the time of
+/// the filter.
 struct FieldTest {
-    enum class Asked : u8 { Blank, True, False };
+    enum class Asked : u8 { Blank, True, False, Record };
     Column column;
     Asked asked;
     bool wanted;
-    std::string name;  ///< of that field; "1" where the answer is the wanted one
+    std::string name;         ///< of that field; "1" where the answer is the wanted one
+    u64 first = 0, last = 0;  ///< numbers, from 1, that answer Record
 };
 
 /// Whether the current record passes.

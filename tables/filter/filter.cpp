@@ -169,7 +169,9 @@ std::string checkedCondition(const Table& table, std::string_view text, LibraryF
     if (place == std::string_view::npos) {
         refuseFilterPart(table, text, " has no operator, such as = <> < > ~");
     }
-    const Column& column = leftColumn(table, text, place);
+    const Column numbers = extraColumn(table, "_record", Kind::RecordNumber);
+    const bool isNumber = sameText(trimmed(text.substr(0, place)), numbers.name);
+    const Column& column = isNumber ? numbers : leftColumn(table, text, place);
     const bool two = text[place] != '^' && text.find_first_of("<>=", place + 1) == place + 1;
     const std::size_t after = place + (two ? 2 : 1);
     const FilterCondition condition{.column = &column,
@@ -177,7 +179,7 @@ std::string checkedCondition(const Table& table, std::string_view text, LibraryF
                                     .sign = text.substr(place, after - place),
                                     .right = text.substr(after),
                                     .spaced = text.substr(0, place).ends_with(' ')};
-    noteCompared(table, condition, filter);
+    if (!isNumber) noteCompared(table, condition, filter);
     return libraryCondition(table, condition, filter.tests, filter.notes);
 }
 
@@ -216,6 +218,7 @@ void bareCharacters(const Table& table, const Column& column) {
 int afterRead(DbfBase* base) {
     Run& run = *running;
     run.read = true;
+    run.cells.record = recno(base, GetOrder(base, run.tested));
     u8* answer = base->RecordBuffer + base->Header.RecordLength;
     for (const FieldTest& test : run.filter.tests) *answer++ = passes(run.cells, test) ? '1' : '0';
     for (const Column* column : run.filter.compared) bareCharacters(run.table, *column);

@@ -89,15 +89,16 @@ Changing::~Changing() {
 
 void addWhichOptions(CLI::App& command, WhichOptions& options) {
     addFilterOptions(command, options.select);
-    command.add_flag("--all", options.all, "All records, without a filter");
+    command.add_flag("--all", options.all, "All records, without a filter or numbers");
     addTableOptions(command, options.select.table);
 }
 
 std::unique_ptr<Selection> selectToChange(const WhichOptions& options, const std::string& table,
                                           const char* what, Deleted deleted) {
     SelectOptions select = options.select;
-    if (options.all && !select.where.empty()) refuse("-w FILTER or --all, not both");
-    if (!options.all && select.where.empty()) {
+    const bool chosen = !select.where.empty() || !select.records.empty();
+    if (options.all && chosen) refuse("-w FILTER or --all, not both");
+    if (!options.all && !chosen) {
         refuse("-w FILTER says which records to ", what, "; --all takes all");
     }
     select.deleted = deleted;

@@ -13,6 +13,9 @@ void addExport(CLI::App& program, Job& job);
 void addQuery(CLI::App& program, Job& job);
 void addMemo(CLI::App& program, Job& job);
 void addImport(CLI::App& program, Job& job);
+void addAppend(CLI::App& program, Job& job);
+void addAdd(CLI::App& program, Job& job);
+void addAlter(CLI::App& program, Job& job);
 void addSet(CLI::App& program, Job& job);
 void addDelete(CLI::App& program, Job& job);
 void addRecall(CLI::App& program, Job& job);
@@ -21,14 +24,15 @@ void addZap(CLI::App& program, Job& job);
 void addReindex(CLI::App& program, Job& job);
 void addUndo(CLI::App& program, Job& job);
 void addCheck(CLI::App& program, Job& job);
+void addDiff(CLI::App& program, Job& job);
 void addHelp(CLI::App& program, Job& job);
 void addCompletion(CLI::App& program, Job& job);
 namespace {
 using AddCommand = void (*)(CLI::App& program, Job& job);
-constexpr AddCommand kCommands[] = {addInfo, addTables,    addShow,    addExport, addQuery,
-                                    addMemo, addImport,    addSet,     addDelete, addRecall,
-                                    addPack, addZap,       addReindex, addUndo,   addCheck,
-                                    addHelp, addCompletion};
+constexpr AddCommand kCommands[] = {
+    addInfo,   addTables,  addShow, addExport, addQuery, addMemo,   addImport,
+    addAppend, addAdd,     addSet,  addDelete, addAlter, addRecall, addPack,
+    addZap,    addReindex, addUndo, addCheck,  addDiff,  addHelp,   addCompletion};
 }  // namespace
 
 void addCommands(CLI::App& program, Job& job) {

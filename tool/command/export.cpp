@@ -17,6 +17,7 @@
 #include "select/selection.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
+#include "tables/store/store.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -34,7 +35,7 @@ struct Options {
     std::string delimiter;
     bool force = false;
     unsigned jobs = 0;
-    bool replace = false, append = false, schema = false;
+    bool replace = false, append = false, schema = false, source = false;
 };
 
 /// A format and the extension of its files; the first extension of a format is the one written.
@@ -74,6 +75,7 @@ struct Work {
     std::vector<FoundTable> tables;
     Listing listing;
     bool several = false;  // folders or more than one table
+    bool joined = false;   // several of one structure into one file
     std::vector<Target> targets;
     std::atomic<std::size_t> next = 0;  // table to do
 
@@ -119,29 +121,55 @@ void countTable(Work& work, const Selection& selection) {
 // Texts
 // --------------------------------------------------------------------------------------------
 
-void writeText(Work& work, Selection& selection, const Target& target) {
-    Output out(target, work.options.force);
-    const std::unique_ptr<RowWriter> writer = textWriter(out, work.options.writer);
+/// The name that --source gives a table: of its file, with the folders below the one that was
+/// named.
+std::string sourceOf(const FoundTable& found, const Table& table) {
+    return (fs::path(found.below) / fs::path(table.path).filename()).string();
+}
+
+void putHeadings(const Work& work, const Selection& selection, RowWriter& writer) {
     std::vector<Heading> headings;
+    if (work.options.source) {
+        headings.push_back({extraColumn(*selection.table, "_source", Kind::Text).name, false});
+    }
     for (const Column& column : selection.columns) {
         headings.push_back({column.name, column.mayBeNull()});
     }
-    writer->begin(headings);
+    writer.begin(headings);
+}
+
+void putRows(const Work& work, const FoundTable& found, Selection& selection, RowWriter& writer) {
     const std::vector<Column>& columns = selection.columns;
+    const std::size_t first = work.options.source ? 1 : 0;
+    const std::string name = sourceOf(found, *selection.table);
+    Value source;
+    source.kind = ValueKind::Text;
+    source.text = name;
     Value value;
     while (nextRow(selection)) {
+        if (first != 0) writer.cell(0, source);
         for (std::size_t i = 0; i < columns.size(); ++i) {
             readCell(selection, columns[i], value);
-            writer->cell(i, value);
+            writer.cell(first + i, value);
         }
-        writer->endRow();
+        writer.endRow();
     }
-    writer->end();
+}
+
+void finishText(RowWriter& writer, Output& out, const std::string& name) {
+    writer.end();
     out.finish();
-    if (writer->guarded != 0) {
-        note("{}: {} got a \"'\" in front, so that no spreadsheet takes it for a formula",
-             selection.table->path, counted(writer->guarded, "text"));
-    }
+    if (writer.guarded == 0) return;
+    note("{}: {} got a \"'\" in front, so that no spreadsheet takes it for a formula", name,
+         counted(writer.guarded, "text"));
+}
+
+void writeText(Work& work, const FoundTable& found, Selection& selection, const Target& target) {
+    Output out(target, work.options.force);
+    const std::unique_ptr<RowWriter> writer = textWriter(out, work.options.writer);
+    putHeadings(work, selection, *writer);
+    putRows(work, found, selection, *writer);
+    finishText(*writer, out, selection.table->path);
 }
 
 void exportText(Work& work, std::size_t index) {
@@ -152,7 +180,7 @@ void exportText(Work& work, std::size_t index) {
         if (work.several && !found.below.empty()) {
             makeFolder(fs::path(work.targets[index].path).parent_path(), "tables go");
         }
-        writeText(work, *selection, work.targets[index]);
+        writeText(work, found, *selection, work.targets[index]);
         countTable(work, *selection);
         tellRows(work, *selection, work.targets[index]);
     } catch (const Refusal& refusal) {
@@ -229,7 +257,9 @@ void nameTargets(Work& work) {
 void exportTexts(Work& work) {
     const Options& options = work.options;
     if (work.several && (options.out.empty() || options.out == "-")) {
-        refuse("several tables need -o FOLDER, or -o NAME.db for one database");
+        refuse(
+            "several tables need -o FOLDER, -o NAME.db for one database, or -o NAME.csv for one "
+            "file of tables that have the same structure");
     }
     nameTargets(work);
     const bool made = work.several && makeFolder(options.out, "several tables go");
@@ -244,6 +274,54 @@ void exportTexts(Work& work) {
     std::error_code ignored;
     if (made && work.done == 0) fs::remove(options.out, ignored);
     if (work.failure) std::rethrow_exception(work.failure);
+}
+
+// --------------------------------------------------------------------------------------------
+// Several tables of one structure in one file
+// --------------------------------------------------------------------------------------------
+
+/// Throws a Refusal when a table has other columns than the first.
+void checkStructure(const Selection& first, const Selection& other) {
+    const std::vector<Column>& columns = other.columns;
+    std::size_t same = 0;
+    const std::size_t count = std::min(columns.size(), first.columns.size());
+    while (same < count && sameText(columns[same].name, first.columns[same].name) &&
+           columns[same].type == first.columns[same].type) {
+        ++same;
+    }
+    if (same == columns.size() && same == first.columns.size()) return;
+    const auto shown = [&](const std::vector<Column>& of) {
+        return same < of.size() ? textOf(of[same].name, ' ', typeLabel(of[same])) : "nothing";
+    };
+    refuse(other.table->path, ": its structure is not that of ", first.table->path, ": ",
+           shown(columns), " instead of ", shown(first.columns),
+           "; -f A,B,... takes the columns that they share");
+}
+
+void exportJoined(Work& work) {
+    const Options& options = work.options;
+    work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
+    checkTargets(work.targets, options.force,
+                 work.targets[0].exists ? inputsOf(work) : std::vector<std::string>());
+    Output out(work.targets[0], options.force);
+    const std::unique_ptr<RowWriter> writer = textWriter(out, options.writer);
+    std::unique_ptr<Selection> first;
+    for (const FoundTable& found : work.tables) {
+        std::unique_ptr<Selection> selection;
+        try {
+            selection = selectFrom(found.path, options.select, &work.listing);
+            requireColumns(*selection);
+            if (first) checkStructure(*first, *selection);
+        } catch (const Refusal& refusal) {
+            addRefusal(work, refusal.what());
+            continue;
+        }
+        if (!first) putHeadings(work, *selection, *writer);
+        putRows(work, found, *selection, *writer);
+        countTable(work, *selection);
+        if (!first) first = std::move(selection);
+    }
+    if (first) finishText(*writer, out, work.targets[0].name);
 }
 
 // --------------------------------------------------------------------------------------------
@@ -351,6 +429,7 @@ void refuseMeaningless(const Options& options) {
     check(options.append, sqlite, "--append", "SQLite");
     check(options.select.table.exact, sqlite, "--exact", "SQLite");
     check(options.jobs != 0, !sqlite, "-j", "text formats");
+    check(options.source, !sqlite, "--source", "text formats");
 }
 
 /// Completes the options of a writer.
@@ -364,10 +443,9 @@ void chooseFormat(Work& work) {
         refuse(options.out, ": its name tells no format; -F csv, tsv, json, jsonl or sqlite does");
     }
     if (format == Format::None) format = Format::Csv;
-    if (work.several && named && !options.schema && format != Format::Sqlite &&
-        formatOfName(options.out) != Format::None) {
-        refuse(options.out, ": several tables go into a folder or a database");
-    }
+    const bool file = named ? formatOfName(options.out) != Format::None : !isFolder(options.out);
+    work.joined = work.several && file && (named || options.source) && !options.schema &&
+                  format != Format::Sqlite;
     options.writer.format = format;
     refuseMeaningless(options);
     options.writer.heading = !options.noHeading;
@@ -391,12 +469,14 @@ Status run(const Options& options) {
         exportSchema(work);
     } else if (database) {
         exportDatabase(work);
+    } else if (work.joined) {
+        exportJoined(work);
     } else {
         exportTexts(work);
     }
     if (work.several && !options.schema) {
         note("{}, {} into {}", counted(work.done, "table"), counted(work.rows, "record"),
-             options.out);
+             options.out.empty() ? "standard output" : options.out);
     }
     return statusOf(work);
 }
@@ -410,6 +490,7 @@ void addExport(CLI::App& program, Job& job) {
                    "  mira export stock > stock.csv\n"
                    "  mira export stock -o stock.jsonl -w 'PRICE>10' -f CODE,PRICE\n"
                    "  mira export folder -o csv-folder\n"
+                   "  mira export 2023 2024 --source -o both.csv\n"
                    "  mira export folder -R -o tables.db");
     addTableNames(command, options.tables)->required();
     command
@@ -434,6 +515,8 @@ void addExport(CLI::App& program, Job& job) {
     command.add_flag("--append", options.append, "Add to tables that the database has")
         ->excludes(replace);
     command.add_flag("--schema", options.schema, "CREATE TABLE only");
+    command.add_flag("--source", options.source,
+                     "A first column _source with the name of the table's file");
     command.add_flag("--exact", options.select.table.exact,
                      "SQLite: numbers that may have more than 15 digits as text, all digits kept");
     addSelectOptions(command, options.select);

@@ -10,6 +10,7 @@
 #include "command/change.h"
 #include "command/commands.h"
 #include "input/csvreader.h"
+#include "input/mapping.h"
 #include "input/notation.h"
 #include "input/schema.h"
 #include "select/opening.h"
@@ -27,12 +28,6 @@ namespace mira::tool {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::size_t kNoCell = static_cast<std::size_t>(-1);
-
-constexpr std::pair<const char*, TableKind> kKinds[] = {
-    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
-    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
 
 struct Options {
     std::string csv, table;
@@ -96,52 +91,6 @@ std::vector<std::string> findHeadings(CsvReader& csv, const Options& options) {
 // ---------------------------------------------------------------------------------------------
 // Rows into records
 // ---------------------------------------------------------------------------------------------
-
-/// Which cell goes into which column.
-struct Mapping {
-    std::vector<std::size_t> cells;  ///< one per column of the table; kNoCell: none
-    std::size_t deletion = kNoCell;  ///< of "_deleted"
-    std::size_t width = 0;           ///< cells of a row
-};
-
-std::size_t columnOf(const Table& table, const std::string& heading) {
-    const auto found = std::find_if(table.columns.begin(), table.columns.end(),
-                                    [&](const Column& c) { return sameText(c.name, heading); });
-    return static_cast<std::size_t>(found - table.columns.begin());
-}
-
-/// Matches headings and fields, and names those that have no counterpart.
-Mapping mapColumns(const Table& table, const std::vector<std::string>& headings,
-                   const std::string& csv) {
-    const std::size_t count = table.columns.size();
-    Mapping mapping{std::vector<std::size_t>(count, kNoCell), kNoCell, headings.size()};
-    std::vector<std::string> strangers;
-    std::vector<std::string> repeated;
-    std::vector<std::string> missing;
-    for (std::size_t i = 0; i < headings.size(); ++i) {
-        const std::size_t column = columnOf(table, headings[i]);
-        if (column < count && mapping.cells[column] == kNoCell) {
-            mapping.cells[column] = i;
-        } else if (column < count) {
-            repeated.push_back('"' + headings[i] + '"');
-        } else if (headings[i] == "_deleted") {
-            mapping.deletion = i;
-        } else if (headings[i] != "_record") {
-            strangers.push_back('"' + headings[i] + '"');
-        }
-    }
-    if (strangers.size() == headings.size()) {
-        refuse(csv, ": no heading is a field of ", table.path, ": ", joined(strangers));
-    }
-    for (std::size_t i = 0; i < count; ++i) {
-        const bool left = mapping.cells[i] == kNoCell && !isCounting(table.columns[i]);
-        if (left) missing.push_back(table.columns[i].name);
-    }
-    if (!strangers.empty()) note("{}: left out, no such field: {}", csv, joined(strangers));
-    if (!repeated.empty()) note("{}: left out, there before: {}", csv, joined(repeated));
-    if (!missing.empty()) note("{}: no heading, so blank: {}", csv, joined(missing));
-    return mapping;
-}
 
 /// The way of all rows into a table.
 struct Importer {
@@ -334,7 +283,7 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
     const auto table = openToChange(options.table, {.codePage = options.codePage});
     refuseBesideShapes(*table, options.change);
     Importer importer{*table, csv, notationOf(options.decimal, options.dates),
-                      mapColumns(*table, headings, csv.name())};
+                      mapColumns(*table, headings, csv.name(), "heading")};
     takeRows(importer, Pass::Check, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     if (!options.change.dryRun && importer.rows != 0) {
@@ -412,7 +361,7 @@ void makeEmptyTable(const Target& target, const Plan& plan, const Options& optio
 /// Fields of an inferred plan are found by place, as their names may differ from the headings.
 Mapping newMapping(const Plan& plan, const Options& options, const Table& table,
                    const std::vector<std::string>& headings, const std::string& csv) {
-    if (plan.like || !options.schema.empty()) return mapColumns(table, headings, csv);
+    if (plan.like || !options.schema.empty()) return mapColumns(table, headings, csv, "heading");
     Mapping mapping{{}, kNoCell, headings.size()};
     for (std::size_t i = 0; i < table.columns.size(); ++i) mapping.cells.push_back(i);
     return mapping;
@@ -502,7 +451,7 @@ void addOptions(CLI::App& command, Options& options) {
     auto* const append = command.add_flag("--append", options.append, "To the end of the table");
     auto* const kind =
         addChoice(command, "--kind", "dbase3 (default), dbase4, foxpro, visual, smt, level7",
-                  "KIND", kKinds, options.kind);
+                  "KIND", kKindWords, options.kind);
     auto* const block =
         command.add_option("--block-size", options.blockSize, "Bytes per block of the memo file")
             ->type_name("N")

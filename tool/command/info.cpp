@@ -1,6 +1,7 @@
 // mira info: everything about a table but its values.
 #include "command/commands.h"
 #include "command/facts.h"
+#include "input/schema.h"
 #include "rows/grid.h"
 #include "rows/writer.h"
 #include "select/opening.h"
@@ -16,7 +17,7 @@ namespace {
 
 struct Options {
     TableNames tables;
-    bool json = false;
+    bool json = false, schema = false;
     TableOptions table;
 };
 
@@ -111,12 +112,27 @@ void putText(Output& out, const Table& table, const Facts& facts) {
     putIndexes(out, facts);
 }
 
+void putSchema(Output& out, const Table& table) {
+    std::vector<FieldPlan> fields;
+    for (const Column& column : table.columns) fields.push_back(planOf(column));
+    const std::string text = schemaText(fields) + "\n";
+    out.put(out.isTerminal() ? escaped(text) : text);
+}
+
 Status run(const Options& options) {
     Output out(targetOf("-"), false);
     bool first = true;
     Listing listing;
+    const std::vector<std::string> names =
+        findToRead(options.tables.names, options.tables.recursive, &listing);
     const auto show = [&](const std::string& name) {
         const auto table = openToRead(name, options.table, &listing);
+        if (options.schema) {
+            if (names.size() > 1) out.put(escaped(table->path) + ": ");
+            putSchema(out, *table);
+            tellPage(*table);
+            return kDone;
+        }
         const Facts facts = factsOf(*table, true, &listing);
         loadCounters(*table);
         if (!std::exchange(first, false) && !options.json) out.put('\n');
@@ -128,8 +144,7 @@ Status run(const Options& options) {
         tellPage(*table);
         return kDone;
     };
-    const Status status =
-        eachTable(findToRead(options.tables.names, options.tables.recursive, &listing), show, &out);
+    const Status status = eachTable(names, show, &out);
     out.finish();
     return status;
 }
@@ -141,9 +156,15 @@ void addInfo(CLI::App& program, Job& job) {
         newCommand(program, job, "info", "What a table is and which fields it has", run,
                    "Examples:\n"
                    "  mira info stock.dbf\n"
-                   "  mira info folder --json");
+                   "  mira info folder --json\n"
+                   "  mira info stock --schema");
     addTableNames(command, options.tables)->required();
-    command.add_flag("--json", options.json, "A JSON object per table, a line each");
+    auto* const json =
+        command.add_flag("--json", options.json, "A JSON object per table, a line each");
+    command
+        .add_flag("--schema", options.schema,
+                  "Only the fields, as import --schema and alter --add take them")
+        ->excludes(json);
     addTableOptions(command, options.table);
 }
 

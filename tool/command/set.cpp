@@ -1,8 +1,7 @@
 // mira set: values into the fields of chosen records.
+#include "command/assignment.h"
 #include "command/change.h"
 #include "command/commands.h"
-#include "tables/page/refusal.h"
-#include "tables/store/store.h"
 
 namespace mira::tool {
 namespace {
@@ -14,42 +13,10 @@ struct Options {
     ChangeOptions change;
 };
 
-struct Assignment {
-    const Column* column;
-    Encoded value;
-};
-
-/// FIELD=VALUE, checked. A value of "" is an empty text where nothing would be null.
-Assignment assignmentOf(Table& table, const std::string& text) {
-    const std::size_t equals = text.find('=');
-    if (equals == std::string::npos) {
-        refuse("\"", text, "\": FIELD=VALUE, such as PRICE=12.50");
-    }
-    const Column& column = columnNamed(table, text.substr(0, equals));
-    const std::string value = text.substr(equals + 1);
-    const Given given = value == "\"\"" ? Given::cell("", true) : Given::cell(value);
-    Assignment assignment{&column, {}};
-    const std::string reason = encodeValue(table, column, given, false, assignment.value);
-    if (!reason.empty()) refuse(table.path, ": ", column.name, ": ", reason);
-    return assignment;
-}
-
-std::vector<Assignment> assignmentsOf(Table& table, const std::vector<std::string>& texts) {
-    std::vector<Assignment> assignments;
-    for (const std::string& text : texts) {
-        assignments.push_back(assignmentOf(table, text));
-        for (std::size_t i = 0; i + 1 < assignments.size(); ++i) {
-            if (assignments[i].column != assignments.back().column) continue;
-            refuse(assignments[i].column->name, " is given twice");
-        }
-    }
-    return assignments;
-}
-
 Status run(const Options& options) {
     const auto selection = selectToChange(options.which, options.name, "change", Deleted::Skip);
     Table& table = *selection->table;
-    const std::vector<Assignment> assignments = assignmentsOf(table, options.assignments);
+    const std::vector<Assignment> assignments = assignmentsOf(table, options.assignments, false);
     changeRecords(*selection, "changed", options.change, [&](Change& change, u32 record) {
         for (const auto& [column, value] : assignments) change.put(*column, value);
         change.writeRecord(record);

@@ -15,15 +15,19 @@ namespace {
 
 constexpr u32 kVersionPlace = 0, kLengthPlace = 8, kFlagsPlace = 28, kMarkPlace = 29;
 constexpr u8 kVisualVersion = 0x30, kLevel7Version = 0x04;
+constexpr u8 kCountingVersion = 0x31, kVariableVersion = 0x32;  // of Visual FoxPro
 constexpr u8 kMemoFlag = 2;     // header byte 28; 1 is an index file, 4 a database container
 constexpr u32 kWorkPlace = 12;  // header bytes 12 to 15: a transaction under way, encryption
-constexpr u32 kBackLink = 263;  // bytes before the records of a Visual FoxPro table
+constexpr u32 kDescriptor = 32, kDecimalsPlace = 17,
+              kFieldFlagsPlace = 18;  // next value and step follow the flags
+constexpr u32 kBackLink = 263;        // bytes before the records of a Visual FoxPro table
 constexpr char kTerminator = 0x0D;
 
 constexpr unsigned kNameLength = 10, kNameLength7 = 31;
 constexpr unsigned kTextMost = 254;        // what every program reads
 constexpr unsigned kWideTextMost = 65000;  // with the decimals for a second byte of length
 constexpr unsigned kNumberMost = 20, kDigitsMost = 18, kDecimalsMost = 15;
+constexpr unsigned kCurrencyDecimals = 4;
 
 /// What a field of a type is in a kind of table.
 struct TypeRow {
@@ -34,6 +38,7 @@ struct TypeRow {
 constexpr TypeRow kTypes[] = {{'C', "34fvs7", 0}, {'N', "34fvs7", 0}, {'F', "4fvs7", 0},
                               {'D', "34fvs7", 8}, {'L', "34fvs7", 1}, {'M', "34fvs7", 10},
                               {'G', "4fvs7", 10}, {'B', "47s", 10},   {'B', "v", 8},
+                              {'V', "v", 0},      {'Q', "v", 0},      {'W', "v", 4},
                               {'I', "v7", 4},     {'Y', "v", 8},      {'T', "v", 8},
                               {'+', "7", 4},      {'O', "7", 8},      {'@', "7", 8}};
 
@@ -47,29 +52,39 @@ const TypeRow* typeRow(char type, TableKind kind) {
     return nullptr;
 }
 
-std::size_t nameLimit(TableKind kind) {
-    return kind == TableKind::Level7 ? kNameLength7 : kNameLength;
-}
+/// Words behind a type, and what they set.
+constexpr std::pair<std::string_view, u8> kFlagWords[] = {
+    {"NULL", kNullable}, {"BINARY", kBinary}, {"AUTOINC", kCounting | kBinary}};
 
-bool sizedType(char type) { return type == 'C' || type == 'N' || type == 'F'; }
+bool isNumberType(char type) { return type == 'N' || type == 'F'; }
+bool isVariableType(char type) { return type == 'V' || type == 'Q'; }
 
-[[noreturn]] void refusePart(std::string_view part, const std::string& why) {
-    refuse("--schema: \"", trimmed(part), "\": ", why);
-}
+/// A field in the text of a schema.
+struct Part {
+    std::string_view text;
+    const char* option;
+
+    [[noreturn]] void fail(const std::string& why) const {
+        refuse(option, ": \"", trimmed(text), "\": ", why);
+    }
+};
 
 // ---------------------------------------------------------------------------------------------
 // As the user writes them
 // ---------------------------------------------------------------------------------------------
 
-/// The parts between commas that are not in parentheses.
+/// The parts between commas that are neither in parentheses nor in quotes.
 std::vector<std::string_view> partsOf(std::string_view text) {
     std::vector<std::string_view> parts;
     int depth = 0;
+    bool quoted = false;
     std::size_t start = 0;
     for (std::size_t i = 0; i <= text.size(); ++i) {
-        if (i < text.size() && text[i] == '(') ++depth;
-        if (i < text.size() && text[i] == ')') --depth;
-        if (i < text.size() && (text[i] != ',' || depth > 0)) continue;
+        const char c = i < text.size() ? text[i] : ',';
+        if (c == '"') quoted = !quoted;
+        if (c == '(') ++depth;
+        if (c == ')') --depth;
+        if (i < text.size() && (c != ',' || depth > 0 || quoted)) continue;
         if (!trimmed(text.substr(start, i - start)).empty()) {
             parts.push_back(text.substr(start, i - start));
         }
@@ -78,65 +93,106 @@ std::vector<std::string_view> partsOf(std::string_view text) {
     return parts;
 }
 
-unsigned takeSize(std::string_view* text, std::string_view part) {
+/// The name in front, in double quotes or without blanks; what follows it stays.
+std::string takeName(std::string_view* text, const Part& part) {
+    const bool quoted = text->starts_with('"');
+    const std::size_t end = quoted ? text->find('"', 1) : text->find_first_of(" \t");
+    if (end == std::string_view::npos || end + 1 >= text->size()) {
+        part.fail("NAME TYPE, such as PRICE N(10,2)");
+    }
+    const std::string name(text->substr(quoted ? 1 : 0, quoted ? end - 1 : end));
+    *text = trimmed(text->substr(end + 1));
+    if (name.empty() || text->empty()) part.fail("NAME TYPE, such as PRICE N(10,2)");
+    return name;
+}
+
+unsigned takeSize(std::string_view* text, const Part& part) {
     *text = trimmed(*text);
     unsigned size = 0;
     const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), size);
-    if (error != std::errc{}) refusePart(part, "no size where one is wanted, such as C(20)");
+    if (error != std::errc{}) part.fail("no size where one is wanted, such as C(20)");
     text->remove_prefix(static_cast<std::size_t>(end - text->data()));
     *text = trimmed(*text);
     return size;
 }
 
-/// ["(" length ["," decimals] ")"]
-void takeSizes(std::string_view rest, std::string_view part, FieldPlan* field) {
-    if (rest.empty()) return;
-    if (rest.front() != '(' || rest.back() != ')') refusePart(part, "NAME TYPE(LENGTH,DECIMALS)");
-    rest = rest.substr(1, rest.size() - 2);
-    field->length = takeSize(&rest, part);
-    if (rest.starts_with(',')) {
-        rest.remove_prefix(1);
-        field->decimals = takeSize(&rest, part);
+/// ["(" length ["," decimals] ")"]; what follows stays.
+void takeSizes(std::string_view* text, const Part& part, FieldPlan* field) {
+    *text = trimmed(*text);
+    if (!text->starts_with('(')) return;
+    const std::size_t end = text->find(')');
+    if (end == std::string_view::npos) part.fail("NAME TYPE(LENGTH,DECIMALS)");
+    std::string_view sizes = text->substr(1, end - 1);
+    text->remove_prefix(end + 1);
+    field->length = takeSize(&sizes, part);
+    if (sizes.starts_with(',')) {
+        sizes.remove_prefix(1);
+        field->decimals = takeSize(&sizes, part);
     }
-    if (!rest.empty()) refusePart(part, "NAME TYPE(LENGTH,DECIMALS)");
+    if (!sizes.empty()) part.fail("NAME TYPE(LENGTH,DECIMALS)");
 }
 
-void checkSizes(std::string_view part, TableKind kind, const TypeRow& row, FieldPlan* field) {
+/// NULL, BINARY, AUTOINC
+void takeFlags(std::string_view text, const Part& part, TableKind kind, FieldPlan* field) {
+    while (!(text = trimmed(text)).empty()) {
+        const std::string_view word = text.substr(0, text.find(' '));
+        const auto* const row =
+            std::find_if(std::begin(kFlagWords), std::end(kFlagWords),
+                         [&](const auto& known) { return upperAscii(word) == known.first; });
+        if (row == std::end(kFlagWords)) part.fail("NAME TYPE(LENGTH,DECIMALS)");
+        if (kind != TableKind::Visual) part.fail(textOf("only Visual FoxPro has ", row->first));
+        if (row->second == kBinary && std::strchr("CVM", field->type) == nullptr) {
+            part.fail("only C, V and M can be BINARY");
+        }
+        if ((row->second & kCounting) != 0 && field->type != 'I')
+            part.fail("only I can be AUTOINC");
+        field->flags |= row->second;
+        text.remove_prefix(word.size());
+    }
+}
+
+unsigned lengthMost(char type, TableKind kind) {
+    if (isNumberType(type)) return kNumberMost;
+    const bool wide = kind == TableKind::DBase3 || kind == TableKind::FoxPro;
+    return wide ? kWideTextMost : kTextMost;
+}
+
+void checkSizes(const Part& part, TableKind kind, const TypeRow& row, FieldPlan* field) {
     if (row.length != 0) {
         // What stands in parentheses after a double are the decimals that are shown.
         const bool isDouble = kind == TableKind::Visual && field->type == 'B';
-        field->decimals = isDouble ? std::min(field->length, kDecimalsMost) : 0;
+        field->decimals = isDouble             ? std::min(field->length, kDecimalsMost)
+                          : field->type == 'Y' ? kCurrencyDecimals
+                                               : 0;
         field->length = row.length;
         return;
     }
-    const bool wide = kind == TableKind::DBase3 || kind == TableKind::FoxPro;
-    const unsigned most = field->type != 'C' ? kNumberMost : wide ? kWideTextMost : kTextMost;
+    const unsigned most = lengthMost(field->type, kind);
     if (field->length < 1 || field->length > most) {
-        refusePart(part, textOf("the length is 1 to ", most));
+        part.fail(textOf("the length is 1 to ", most));
     }
-    if (field->type == 'C' && field->decimals != 0) refusePart(part, "a text has no decimals");
+    if (!isNumberType(field->type) && field->decimals != 0) part.fail("a text has no decimals");
     // A point, and before it at least room for a sign or digit, or nothing but the decimals.
     if (field->decimals != 0 && field->decimals + 1 > field->length) {
-        refusePart(part, "decimals and point do not fit the length");
+        part.fail("decimals and point do not fit the length");
     }
 }
 
-FieldPlan fieldOf(std::string_view part, TableKind kind) {
-    const std::string_view text = trimmed(part);
-    const std::size_t blank = text.find_first_of(" \t");
-    if (blank == std::string_view::npos) refusePart(part, "NAME TYPE, such as PRICE N(10,2)");
-    const std::string_view rest = trimmed(text.substr(blank));
+FieldPlan fieldOf(const Part& part, TableKind kind) {
+    std::string_view text = trimmed(part.text);
     FieldPlan field;
-    field.name = text.substr(0, blank);
-    field.type = upperAscii(rest.substr(0, 1))[0];
+    field.name = takeName(&text, part);
+    field.type = upperAscii(text.substr(0, 1))[0];
     const TypeRow* row = typeRow(field.type, kind);
     if (row == nullptr) {
-        refusePart(part, textOf("this kind of table has no fields of type ", rest.substr(0, 1)));
+        part.fail(textOf("this kind of table has no fields of type ", text.substr(0, 1)));
     }
-    takeSizes(trimmed(rest.substr(1)), part, &field);
+    text.remove_prefix(1);
+    takeSizes(&text, part, &field);
+    takeFlags(text, part, kind, &field);
     checkSizes(part, kind, *row, &field);
     if (field.name.size() > nameLimit(kind)) {
-        refusePart(part, textOf("a name has at most ", nameLimit(kind), " bytes"));
+        part.fail(textOf("a name has at most ", nameLimit(kind), " bytes"));
     }
     return field;
 }
@@ -258,32 +314,124 @@ void lengthenHeader(const Target& target) {
     patch(target, kLengthPlace, length, sizeof length);
 }
 
-bool isMemoType(char type, TableKind kind) {
-    return type == 'M' || type == 'G' || (type == 'B' && kind != TableKind::Visual);
+/// Bits that the null flags of these fields have.
+unsigned nullBits(const std::vector<FieldPlan>& fields) {
+    unsigned bits = 0;
+    for (const FieldPlan& field : fields) {
+        if (isVariableType(field.type)) ++bits;
+        if ((field.flags & kNullable) != 0) ++bits;
+    }
+    return bits;
 }
+
+/// Version and the flags of the fields.
+void finishVisual(const Target& target, const std::vector<FieldPlan>& fields) {
+    u8 version = kVisualVersion;
+    u32 descriptor = kDescriptor;  // the fixed header is as long
+    for (const FieldPlan& field : fields) {
+        const bool counting = (field.flags & kCounting) != 0;
+        if (counting) version = std::max(version, kCountingVersion);
+        if (isVariableType(field.type) || field.type == 'W') version = kVariableVersion;
+        const u8 decimals = field.type == 'Y' ? kCurrencyDecimals : 0;
+        if (decimals != 0) patch(target, descriptor + kDecimalsPlace, &decimals, 1);
+        patch(target, descriptor + kFieldFlagsPlace, &field.flags, 1);
+        if (counting) patch(target, descriptor + kFieldFlagsPlace + 1, "\1\0\0\0\1", 5);
+        descriptor += kDescriptor;
+    }
+    patch(target, kVersionPlace, &version, 1);
+}
+
+/// What holds the values of a type where a kind of table has no such fields: the first that it has.
+struct Counterpart {
+    char type;
+    std::string_view instead;
+    unsigned length, decimals;  ///< of a field of characters or digits; 0: as it was
+};
+constexpr Counterpart kCounterparts[] = {
+    {'F', "N", 0, 0},  {'V', "C", 0, 0},  {'Q', "GM", 0, 0},  {'W', "GM", 0, 0}, {'P', "GM", 0, 0},
+    {'G', "M", 0, 0},  {'B', "GM", 0, 0}, {'C', "M", 0, 0},   {'I', "N", 11, 0}, {'+', "N", 11, 0},
+    {'Y', "N", 20, 4}, {'O', "N", 20, 4}, {'T', "@C", 23, 0}, {'@', "TC", 23, 0}};
 
 }  // namespace
 
-std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind) {
+std::size_t nameLimit(TableKind kind) {
+    return kind == TableKind::Level7 ? kNameLength7 : kNameLength;
+}
+
+bool isMemoType(char type, TableKind kind) {
+    return type == 'M' || type == 'G' || type == 'W' || (type == 'B' && kind != TableKind::Visual);
+}
+
+std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind, const char* option) {
     std::vector<FieldPlan> fields;
     std::set<std::string> names;
-    for (const std::string_view part : partsOf(text)) {
+    for (const std::string_view piece : partsOf(text)) {
+        const Part part{piece, option};
         fields.push_back(fieldOf(part, kind));
-        if (!names.insert(foldCase(fields.back().name)).second)
-            refusePart(part, "the name is taken");
+        if (!names.insert(foldCase(fields.back().name)).second) part.fail("the name is taken");
     }
-    if (fields.empty()) refusePart(text, "no fields");
+    if (fields.empty()) Part{text, option}.fail("no fields");
     return fields;
 }
 
 std::string schemaText(const std::vector<FieldPlan>& fields) {
     std::vector<std::string> fieldTexts;
     for (const FieldPlan& field : fields) {
-        const u32 length = sizedType(field.type) ? field.length : 0;
-        fieldTexts.push_back(
-            textOf(field.name, ' ', typeLabel(field.type, length, field.decimals)));
+        const bool quoted = field.name.find_first_of(" \t,()") != std::string::npos;
+        const char* const quote = quoted ? "\"" : "";
+        // Only the decimals of a double are shown: its length is always the same.
+        const bool isDouble = field.type == 'B' && field.length == 8;
+        const bool sized = std::strchr("DLMGWIYT+O@B", field.type) == nullptr;
+        std::string text = textOf(
+            quote, field.name, quote, ' ',
+            isDouble ? typeLabel(field.type, field.decimals, 0)
+                     : typeLabel(field.type, sized ? field.length : 0, sized ? field.decimals : 0));
+        u8 left = field.flags;
+        if ((left & kCounting) != 0) left &= static_cast<u8>(~kBinary);
+        for (const auto& [word, flags] : kFlagWords) {
+            const u8 own = flags == kBinary ? kBinary : flags & static_cast<u8>(~kBinary);
+            if ((left & own) != 0) (text += ' ') += word;
+        }
+        fieldTexts.push_back(text);
     }
     return joined(fieldTexts);
+}
+
+FieldPlan planOf(const Column& column) {
+    u8 flags = column.flags & (kNullable | kCounting);
+    if (column.untranslated) flags |= kBinary;
+    return {column.name, column.type, column.length, column.decimals, flags};
+}
+
+std::optional<FieldPlan> counterpartOf(const FieldPlan& field, TableKind from, TableKind to) {
+    const bool isDouble =
+        field.type == 'O' || (field.type == 'B' && from == TableKind::Visual && field.length == 8);
+    const bool counts = field.type == '+' || (field.flags & kCounting) != 0;
+    FieldPlan other = field;
+    if (to != TableKind::Visual) other.flags = 0;
+    if (counts && to == TableKind::Level7) other.type = '+';
+    if (counts && to == TableKind::Visual) other.flags = kCounting | kBinary;
+    if (counts && to == TableKind::Visual) other.type = 'I';
+    if (isDouble) other.type = to == TableKind::Visual ? 'B' : 'O';
+    const bool wide = field.type == 'C' && field.length > lengthMost('C', to);
+    const bool memoInB = other.type == 'B' && !isDouble && to == TableKind::Visual;
+    if (const TypeRow* const own = typeRow(other.type, to); own != nullptr && !wide && !memoInB) {
+        if (own->length != 0) other.length = own->length;
+        return other;
+    }
+    for (const Counterpart& row : kCounterparts) {
+        if (row.type != other.type) continue;
+        for (const char instead : row.instead) {
+            const TypeRow* const known = typeRow(instead, to);
+            if (known == nullptr) continue;
+            const bool sized = known->length == 0 && row.length != 0;
+            other.type = instead;
+            other.length = known->length != 0 ? known->length : sized ? row.length : other.length;
+            if (sized) other.decimals = row.decimals;
+            return other;
+        }
+    }
+    return std::nullopt;
 }
 
 std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string>& headings,
@@ -308,24 +456,27 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
 
 void makeTable(const Target& target, const std::vector<FieldPlan>& fields, TableKind kind,
                const CodePage& page, u32 blockSize) {
-    const auto made = std::make_unique<DbfField[]>(fields.size());
+    const unsigned bits = kind == TableKind::Visual ? nullBits(fields) : 0;
+    std::vector<FieldPlan> all = fields;
+    if (bits != 0) all.push_back({"_NullFlags", '0', (bits + 7) / 8, 0, kSystem | kBinary});
+    const auto made = std::make_unique<DbfField[]>(all.size());
     bool memos = false;
-    for (std::size_t i = 0; i < fields.size(); ++i) {
+    for (std::size_t i = 0; i < all.size(); ++i) {
         std::string name;
-        if (!fromUtf8(page, fields[i].name, name)) {
-            refuse("code page ", pageName(page), " lacks letters of the name ", fields[i].name);
+        if (!fromUtf8(page, all[i].name, name)) {
+            refuse("code page ", pageName(page), " lacks letters of the name ", all[i].name);
         }
-        CreateField(&made[i], name.c_str(), fields[i].type, static_cast<int>(fields[i].length));
-        if (fields[i].type != 'C') made[i].Decimals = static_cast<u8>(fields[i].decimals);
-        memos = memos || isMemoType(fields[i].type, kind);
+        CreateField(&made[i], name.c_str(), all[i].type, static_cast<int>(all[i].length));
+        if (all[i].type != 'C') made[i].Decimals = static_cast<u8>(all[i].decimals);
+        memos = memos || isMemoType(all[i].type, kind);
     }
-    if (CreateDatabase(target.path.c_str(), made.get(), static_cast<int>(fields.size()),
+    if (CreateDatabase(target.path.c_str(), made.get(), static_cast<int>(all.size()),
                        static_cast<u32>(kind), blockSize, 1) == 0) {
         refuse(target.name, ": cannot be written, or the fields are more than a table holds");
     }
     if (kind == TableKind::Level7) lengthenHeader(target);
     // The library marks tables without memos as plain ones, and Visual FoxPro's as having an index.
-    if (!memos && kind == TableKind::Visual) patch(target, kVersionPlace, &kVisualVersion, 1);
+    if (kind == TableKind::Visual) finishVisual(target, all);
     if (!memos && kind == TableKind::Level7) patch(target, kVersionPlace, &kLevel7Version, 1);
     const u8 flags = memos && kind == TableKind::Visual ? kMemoFlag : 0;
     const u8 bytes[] = {flags, markOf(page)};

@@ -2,8 +2,10 @@
 // as another table has them.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "input/csvreader.h"
@@ -23,19 +25,35 @@ struct FieldPlan {
     char type = 'C';
     unsigned length = 0;
     unsigned decimals = 0;
+    u8 flags = 0;  ///< kNullable, kBinary, kCounting; in Visual FoxPro
 };
 
-/// "NAME C(20), PRICE N(10,2), ..." for a kind of table. Throws a Refusal.
-std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind);
+/// "NAME C(20), PRICE N(10,2) NULL, ..." for a kind of table; option is the one that gives the
+/// text. A name with blanks stands in double quotes. Throws a Refusal.
+std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind,
+                                   const char* option = "--schema");
 /// The same the other way.
 std::string schemaText(const std::vector<FieldPlan>& fields);
+/// What a column is.
+FieldPlan planOf(const Column& column);
+/// The field that holds the same values in a table of another kind, or the nearest; nothing when
+/// there is none.
+std::optional<FieldPlan> counterpartOf(const FieldPlan& field, TableKind from, TableKind to);
+/// The most bytes of a name.
+std::size_t nameLimit(TableKind kind);
+bool isMemoType(char type, TableKind kind);
+
+constexpr std::pair<const char*, TableKind> kKindWords[] = {
+    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
+    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
 /// Fields for the columns of a CSV file, by all its values; reads it from its second row to its
 /// end.
 std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string>& headings,
                                    const Notation& notation, TableKind kind, const CodePage& page);
 
 /// Writes an empty table, and its memo file when it needs one; nothing may be there yet. The mark
-/// says the page, where there is one for it. Throws a Refusal.
+/// says the page, where there is one for it. Null flags follow the fields that need them. Throws a
+/// Refusal.
 void makeTable(const Target& target, const std::vector<FieldPlan>& fields, TableKind kind,
                const CodePage& page, u32 blockSize);
 /// Writes an empty table with structure, flags and mark of another one; mark 0 keeps that one's.

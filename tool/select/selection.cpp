@@ -61,9 +61,40 @@ std::vector<Column> chosenColumns(const Table& table, const SelectOptions& optio
 // Records
 // --------------------------------------------------------------------------------------------
 
-struct Range {
-    u32 first, end;
-};
+/// "5,9-12" as ranges that lie in order and apart.
+std::vector<Range> numberedRecords(const std::string& list) {
+    std::vector<Range> ranges;
+    for (const std::string& part : splitList(list)) {
+        u32 first = 0;
+        const char* const end = part.data() + part.size();
+        auto read = std::from_chars(part.data(), end, first);
+        u32 last = first;
+        if (read.ptr != end && *read.ptr == '-') read = std::from_chars(read.ptr + 1, end, last);
+        if (read.ec != std::errc() || read.ptr != end || first < 1 || last < first) {
+            refuse("--records ", list, ": numbers from 1 and ranges of them, such as 5,9-12");
+        }
+        ranges.push_back({first - 1, last});
+    }
+    if (ranges.empty()) refuse("--records: no number is given, such as 5,9-12");
+    std::sort(ranges.begin(), ranges.end(),
+              [](const Range& a, const Range& b) { return a.first < b.first; });
+    std::vector<Range> apart;
+    for (const Range& range : ranges) {
+        if (apart.empty() || range.first > apart.back().end) {
+            apart.push_back(range);
+        } else {
+            apart.back().end = std::max(apart.back().end, range.end);
+        }
+    }
+    return apart;
+}
+
+bool isNumbered(const std::vector<Range>& ranges, u32 record) {
+    const auto after =
+        std::upper_bound(ranges.begin(), ranges.end(), record,
+                         [](u32 number, const Range& range) { return number < range.first; });
+    return after != ranges.begin() && record < std::prev(after)->end;
+}
 
 Range shardRange(const std::string& shard, u32 count) {
     if (shard.empty()) return {0, count};
@@ -77,6 +108,13 @@ Range shardRange(const std::string& shard, u32 count) {
         refuse("--shard ", shard, ": K/N, with K from 1 to N, such as 1/4");
     }
     return {static_cast<u32>(count * (k - 1) / n), static_cast<u32>(count * k / n)};
+}
+
+/// The records of a range from the first to the last that have numbers of their own.
+Range withinNumbered(const Range& range, const std::vector<Range>& numbered) {
+    if (numbered.empty()) return range;
+    const u32 first = std::clamp(numbered.front().first, range.first, range.end);
+    return {first, std::clamp(numbered.back().end, first, range.end)};
 }
 
 int stopSort() { return stopped() ? 1 : 0; }
@@ -131,11 +169,27 @@ void addList(CLI::App& command, const char* name, std::vector<std::string>& list
     command.add_option_function<std::string>(name, take, help)->type_name("A,B,...");
 }
 
+void addColumnOptions(CLI::App& command, SelectOptions& options) {
+    addList(command, "-f,--fields", options.fields, "These columns, in this order");
+    addList(command, "-x,--exclude", options.exclude, "All columns but these");
+}
+
+void addDeletedOption(CLI::App& command, SelectOptions& options) {
+    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
+              kDeletedWords, options.deleted);
+}
+
+void addRawOption(CLI::App& command, SelectOptions& options) {
+    command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
+}
+
 }  // namespace
 
 void addFilterOptions(CLI::App& command, SelectOptions& options) {
     command.add_option("-w,--where", options.where, "Only records that satisfy the filter")
         ->type_name("FILTER");
+    command.add_option("--records", options.records, "Only records of these numbers, from 1")
+        ->type_name("5,9-12");
     command.add_flag("-i,--ignore-case", options.ignoreCase, "Filters ignore letter case");
 }
 
@@ -150,20 +204,26 @@ void addSelectOptions(CLI::App& command, SelectOptions& options) {
     addFilterOptions(command, options);
     addList(command, "-s,--sort", options.sort, "Sort by these fields");
     command.add_flag("--descending", options.descending, "Sort from the greatest down");
-    addList(command, "-f,--fields", options.fields, "These columns, in this order");
-    addList(command, "-x,--exclude", options.exclude, "All columns but these");
+    addColumnOptions(command, options);
     command.add_option("--calc", options.calculated, "Add a calculated column; may be given again")
         ->type_name("NAME=EXPRESSION")
         ->allow_extra_args(false);
-    addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",
-              kDeletedWords, options.deleted);
+    addDeletedOption(command, options);
     command.add_flag("--record", options.recordColumn, "A first column _record with the number");
     addCount(command, "-n,--limit", "At most N records, 0 for all", options.limit);
     addCount(command, "--offset", "Leave out the first N records", options.offset);
     command.add_option("--shard", options.shard, "The K-th of N equal ranges of records")
         ->type_name("K/N");
     addTableOptions(command, options.table);
-    command.add_flag("--raw", options.table.raw, "Texts, numbers and dates as they are stored");
+    addRawOption(command, options);
+}
+
+void addCompareOptions(CLI::App& command, SelectOptions& options) {
+    addFilterOptions(command, options);
+    addColumnOptions(command, options);
+    addDeletedOption(command, options);
+    addTableOptions(command, options.table);
+    addRawOption(command, options);
 }
 
 std::unique_ptr<Selection> selectFrom(const std::string& path, const SelectOptions& options,
@@ -186,9 +246,12 @@ std::unique_ptr<Selection> selectFrom(std::unique_ptr<Table> opened, const Selec
     }
 
     base->SkipDeleted = options.deleted == Deleted::Skip ? 1 : 0;
-    const Range range = shardRange(options.shard, base->Header.RecordCount);
+    if (!options.records.empty()) selection->numbered = numberedRecords(options.records);
+    const Range range =
+        withinNumbered(shardRange(options.shard, base->Header.RecordCount), selection->numbered);
+    const bool whole = range.first == 0 && range.end == base->Header.RecordCount;
     const bool reordered = !options.where.empty() || !options.sort.empty();
-    if (!options.shard.empty() && reordered) viewRange(base, range.first, range.end);
+    if (!whole && reordered) viewRange(base, range.first, range.end);
     if (!options.where.empty()) applyFilter(table, options.where, options.ignoreCase);
     if (!options.sort.empty()) sortView(table, options);
     selection->position = reordered ? 0 : range.first;
@@ -215,6 +278,10 @@ bool nextRow(Selection& s) {
         leaveIfStopped();
         const u32 position = s.position++;
         s.cells.record = recno(base, GetOrder(base, position));
+        if (!s.numbered.empty() && !isNumbered(s.numbered, s.cells.record)) {
+            s.progress->add(1);
+            continue;
+        }
         if (ReadRecord(base, position) == 0) {
             refuse(s.table->path, ": record ", u64{s.cells.record} + 1, " cannot be read");
         }

@@ -29,7 +29,8 @@ struct SelectOptions {
     bool ignoreCase = false;
     std::optional<u64> limit;  // none: the command's own
     u64 offset = 0;
-    std::string shard;  // K/N
+    std::string shard;    // K/N
+    std::string records;  // numbers and ranges from 1: "5,9-12"
 };
 
 /// Adds an option whose value is one of a few words, given in pairs with what they mean.
@@ -62,10 +63,17 @@ CLI::Option* addCount(CLI::App& command, const std::string& name, const std::str
 
 /// Adds them all to a command.
 void addSelectOptions(CLI::App& command, SelectOptions& options);
+/// Those that leave the order of records as it is and add nothing.
+void addCompareOptions(CLI::App& command, SelectOptions& options);
 /// Only --code-page, --as-text and --long-names.
 void addTableOptions(CLI::App& command, TableOptions& options);
-/// Only --where and --ignore-case.
+/// Only --where, --records and --ignore-case.
 void addFilterOptions(CLI::App& command, SelectOptions& options);
+
+/// Physical records from first to before end, from 0.
+struct Range {
+    u32 first, end;
+};
 
 /// A table with the records in view and the columns to show. Records are read one by one.
 struct Selection {
@@ -76,8 +84,9 @@ struct Selection {
 
     Deleted deleted = Deleted::Skip;
     u64 limit = 0, offset = 0;
-    u32 position = 0, end = 0;             // in the view
-    u64 rows = 0;                          // rows given out
+    std::vector<Range> numbered{};  // the only records, where some are named: in order, apart
+    u32 position = 0, end = 0;      // in the view
+    u64 rows = 0;                   // rows given out
     std::unique_ptr<Progress> progress{};  // while rows are read
 };
 
