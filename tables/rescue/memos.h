@@ -1,0 +1,64 @@
+// The memo file of a damaged table. How long its blocks are and where the first one lies is tried
+// on the references of the records; how far the file is theirs, on whether they lead to where one
+// memo after the other begins.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tables/column/column.h"
+#include "tables/rescue/source.h"
+#include "tables/value/memo.h"
+
+namespace mira::tables {
+
+class DamagedMemos {
+public:
+    /// path: empty when the file is missing. unit: bytes per block; 0: what the header says, or
+    /// else what fits.
+    DamagedMemos(const std::string& path, MemoFormat format, u32 unit);
+
+    /// To be told every reference before the first memo is read.
+    void add(MemoReference reference) { references_.push_back(reference); }
+    /// Decides; what came of it, a sentence each.
+    std::vector<std::string> settle();
+
+    enum class Found : u8 { Lost, Doubtful, Sound };
+    Found read(MemoReference reference, std::string& bytes);
+    /// Bytes per block for the new file.
+    u32 unit() const { return plan_.unit; }
+
+private:
+    /// Where blocks lie: a header that is not there makes all of them begin earlier.
+    struct Plan {
+        u32 unit = 0;
+        u32 lacking = 0;
+    };
+    /// A memo's bytes in the file.
+    struct Extent {
+        u64 first = 0, end = 0;
+        bool whole = false;
+    };
+    struct Chain {
+        u64 off = 0;             ///< references that lead to no beginning
+        bool lastIsHeld = true;  ///< the memo that was written last is referred to
+    };
+
+    u32 headerNumber(u32 place, u32 size);
+    std::optional<Extent> extentAt(u64 place, u32 length);
+    std::optional<Extent> extentOf(const Plan& plan, MemoReference reference);
+    u64 markedEnd(u64 place);
+    u64 whole(const Plan& plan);
+    u64 choose();
+    Chain follow();
+
+    std::optional<Source> source_;
+    const MemoFormat format_;
+    const u32 wanted_;
+    Plan plan_;
+    std::vector<MemoReference> references_;
+    bool doubtful_ = false;
+};
+
+}  // namespace mira::tables
