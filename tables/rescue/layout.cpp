@@ -41,7 +41,8 @@ struct List {
     std::vector<std::string> others{};  ///< what else the mended one may be
     std::size_t mended = kFieldsMost;   ///< its number
     u32 mends = 0;
-    u64 end = 0;  ///< after the last descriptor and the terminator
+    bool unsure = false;  ///< what was lost may be more than bytes without a meaning
+    u64 end = 0;          ///< after the last descriptor and the terminator
     bool ended = false;
     i64 worth() const {
         return 8 * static_cast<i64>(descriptors.size()) - 12 * i64{mends} -
@@ -60,8 +61,8 @@ bool isDescriptor(std::string_view bytes, const Form& form, bool known = true) {
     const char type = bytes[form.type];
     if (known && kLetters.find(type) == std::string_view::npos) return false;
     if (!known && (type <= ' ' || type > '~')) return false;
-    return bytes[form.length] != 0 || bytes[form.length + 1] != 0 ||
-           (form.level7 && bytes[form.length - 1] != 0);
+    const bool high = type == 'C' && bytes[form.length + 1] != 0;
+    return bytes[form.length] != 0 || high || (form.level7 && bytes[form.length - 1] != 0);
 }
 
 /// The length that values of a type have; 0: any.
@@ -82,6 +83,13 @@ u32 fixedLength(char type) {
     }
 }
 
+/// The bytes in a size, zeros put in or bytes taken out at a place.
+std::string resized(std::string bytes, std::size_t at, std::size_t size) {
+    if (bytes.size() < size) bytes.insert(std::min(at, bytes.size()), size - bytes.size(), '\0');
+    if (bytes.size() > size) bytes.erase(std::min(at, size), bytes.size() - size);
+    return bytes;
+}
+
 class Lister {
 public:
     Lister(Source& source, const Form& form, i64 ahead, u64 limit)
@@ -89,6 +97,9 @@ public:
         list_.form = &form;
         list_.ahead = ahead;
         place_ = static_cast<u64>(form.fixed + ahead);
+        for (u64 at = limit_ < kSlip ? 0 : limit_ - kSlip; at < limit_; ++at) {
+            if (isTerminator(at)) limit_ = 0;
+        }
     }
 
     List run() {
@@ -137,7 +148,9 @@ private:
             for (const i64 way : {-slip, slip}) {
                 const u64 next = place + static_cast<u64>(list_.form->size + way);
                 if (isAt(next) && follows(next + list_.form->size)) return way;
-                if (isTerminator(next) && isAt(place)) return way;
+                if (!isTerminator(next)) continue;
+                const auto bytes = static_cast<std::size_t>(next - place);
+                if (isAt(place) || !waysOf(place, bytes).empty()) return way;
             }
         }
         return 0;
@@ -146,19 +159,13 @@ private:
         list_.descriptors.emplace_back(bytesAt(place_));
         place_ += bytes;
     }
-    /// Takes a descriptor of so many bytes: some are put in, or taken out, where that makes one.
-    void mend(u32 bytes) {
+    /// The descriptors that so many bytes may have been, before some were lost or put in.
+    std::vector<std::string> waysOf(u64 place, std::size_t bytes) {
         const Form& form = *list_.form;
-        const std::string found(source_.at(place_, bytes));
+        const std::string found(source_.at(place, bytes));
         std::vector<std::string> ways;
         for (std::size_t at = form.size; at-- > 0;) {
-            std::string way = found;
-            if (way.size() < form.size)
-                way.insert(std::min(at, way.size()), form.size - way.size(), '\0');
-            if (way.size() > form.size && at + (way.size() - form.size) <= way.size()) {
-                way.erase(at, way.size() - form.size);
-            }
-            way.resize(form.size);
+            const std::string way = resized(found, at, form.size);
             if (!isDescriptor(way, form)) continue;
             const auto same = [&](const std::string& other) {
                 return other[form.type] == way[form.type] &&
@@ -166,7 +173,15 @@ private:
             };
             if (std::none_of(ways.begin(), ways.end(), same)) ways.push_back(way);
         }
+        return ways;
+    }
+    /// Takes a descriptor of so many bytes.
+    void mend(u32 bytes) {
+        const Form& form = *list_.form;
+        const std::string found(source_.at(place_, bytes));
+        std::vector<std::string> ways = waysOf(place_, bytes);
         if (ways.empty()) ways.push_back(asText(found));
+        list_.unsure |= bytes == form.size || !isAt(place_) || form.level7;
         ++list_.mends;
         list_.mended = list_.descriptors.size();
         list_.descriptors.push_back(ways[0]);
@@ -187,7 +202,7 @@ private:
     }
 
     Source& source_;
-    const u64 limit_;
+    u64 limit_;  ///< the end of the header, where that may be the end of the list; else 0
     u64 place_;
     List list_;
 };
@@ -266,17 +281,20 @@ public:
 
     std::vector<Reading> readings{};
 
-    /// Shapes of the descriptors, and those with a length changed until the header's record length
-    /// comes out.
-    void addList(const std::vector<std::string>& descriptors, const Form& form) {
+    /// Shapes of the lists and, when the header's record length is none of theirs, those with a
+    /// length changed until it comes out.
+    void addLists(const std::vector<std::vector<std::string>>& lists, const Form& form) {
         form_ = &form;
         bool agrees = false;
-        for (const Lengths lengths : {Lengths::Full, Lengths::Low, Lengths::Foreign}) {
-            if (lengths == Lengths::Foreign && !form.level7) continue;
-            Reading reading{descriptors, lengths};
-            agrees |= add(reading) == said_.record;
+        for (const auto& descriptors : lists) {
+            for (const Lengths lengths : {Lengths::Full, Lengths::Low, Lengths::Foreign}) {
+                if (lengths == Lengths::Foreign && !form.level7) continue;
+                Reading reading{descriptors, lengths};
+                agrees |= add(reading) == said_.record;
+            }
         }
-        if (!agrees && said_.record > 1) addMended(descriptors);
+        if (agrees || said_.record <= 1) return;
+        for (const auto& descriptors : lists) addMended(descriptors);
     }
 
     void addShape(const Shape& shape, const std::vector<u64>& places) {
@@ -426,11 +444,7 @@ std::string fixedHeader(Source& source, const List& list) {
     std::string best;
     int most = -1;
     for (std::size_t at = size; at-- > 0;) {
-        std::string way = found;
-        if (way.size() < size) way.insert(std::min(at, way.size()), size - way.size(), '\0');
-        if (way.size() > size && at + (way.size() - size) <= way.size())
-            way.erase(at, way.size() - size);
-        way.resize(size);
+        const std::string way = resized(found, at, size);
         const Said said = saidBy(way);
         u32 length = 1;
         for (const std::string& one : list.descriptors)
@@ -494,12 +508,12 @@ Layout ownLayout(Source& source, const std::string& name) {
     addAround(reader.starts, list.end, list.form->fixed);
     if (said.visual || list.form->level7)
         addAround(reader.starts, list.end + kBackLink, list.form->fixed);
-    reader.addList(list.descriptors, *list.form);
+    std::vector<std::vector<std::string>> lists{list.descriptors};
     for (const std::string& other : list.others) {
-        std::vector<std::string> changed = list.descriptors;
-        changed[list.mended] = other;
-        reader.addList(changed, *list.form);
+        lists.push_back(list.descriptors);
+        lists.back()[list.mended] = other;
     }
+    reader.addLists(lists, *list.form);
     if (reader.readings.empty()) refuse(name, ": no record can be made of its descriptors");
     const bool near = sortReadings(reader.readings);
     const Reading& best = reader.readings.front();
@@ -508,7 +522,7 @@ Layout ownLayout(Source& source, const std::string& name) {
     layout.shape = best.shape;
     layout.first = best.first;
     layout.counted = said.count;
-    layout.doubtful = near || list.mends > 1;
+    layout.doubtful = near || list.unsure || (list.mends != 0 && said.visual);
     const auto repaired = [&](auto... parts) { layout.repairs.push_back(textOf(parts...)); };
     if (list.ahead != 0) repaired("the header has lost or got bytes");
     if (list.mends != 0) repaired("the descriptor of field ", list.mended + 1, " is damaged");

@@ -19,7 +19,7 @@ u64 roundedUp(u64 place, u32 unit) { return (place + unit - 1) / unit * unit; }
 }  // namespace
 
 DamagedMemos::DamagedMemos(const std::string& path, MemoFormat format, u32 unit)
-    : format_(format), wanted_(unit) {
+    : path_(path), format_(format), wanted_(unit) {
     if (!path.empty()) source_.emplace(path);
 }
 
@@ -136,8 +136,7 @@ u64 DamagedMemos::choose() {
 }
 
 /// Goes from memo to memo, as they were written.
-DamagedMemos::Chain DamagedMemos::follow() {
-    Chain chain;
+void DamagedMemos::follow(Accord& accord) {
     std::vector<u64> places;
     for (const MemoReference reference : references_) {
         const u64 place = u64{plan_.unit} * reference.block;
@@ -151,16 +150,23 @@ DamagedMemos::Chain DamagedMemos::follow() {
     u64 place = plan_.lacking != 0 ? 0 : roundedUp(kHeader, unit);
     std::size_t next = 0;
     while (place < source_->size()) {
-        while (next < places.size() && places[next] < place) ++chain.off, ++next;
+        while (next < places.size() && places[next] < place) ++accord.off, ++next;
         const std::optional<Extent> extent = extentAt(place, 0);
         const bool memo = extent && extent->end > extent->first;
-        if (memo) chain.lastIsHeld = next < places.size() && places[next] == place;
+        if (memo) accord.lastIsHeld = next < places.size() && places[next] == place;
         if (next < places.size() && places[next] == place) ++next;
         const u64 end = memo ? std::max(extent->end, place + 1) : place + 1;
         place = memo && !extent->whole ? source_->size() : roundedUp(end, unit);
     }
-    chain.off += places.size() - next;
-    return chain;
+    accord.off += places.size() - next;
+}
+
+DamagedMemos::Accord DamagedMemos::tryAll() {
+    Accord accord;
+    doubtful_ = false;
+    accord.whole = choose();
+    if (format_ != MemoFormat::Smt && plan_.unit != 0 && !references_.empty()) follow(accord);
+    return accord;
 }
 
 std::vector<std::string> DamagedMemos::settle() {
@@ -171,15 +177,19 @@ std::vector<std::string> DamagedMemos::settle() {
         return sentences;
     }
     const u32 next = headerNumber(0, 4);
-    u64 whole = choose();
-    if (whole < count && source_->hasTextEnds()) {
-        const Plan plan = plan_;
+    Accord accord = tryAll();
+    if (!accord.isFull(count) && source_->hasTextEnds()) {
+        Source found = std::move(*source_);
+        source_.emplace(path_);
         source_->undoTextEnds();
-        const u64 now = choose();
-        if (now > whole) sentences.push_back("the memo file has come through a transfer as text");
-        // Otherwise what it held is as good as lost either way.
-        whole = std::max(whole, now);
-        if (now < whole) plan_ = plan;
+        const Accord undone = tryAll();
+        if (undone.worth() > accord.worth()) {
+            accord = undone;
+            sentences.push_back("the memo file has come through a transfer as text");
+        } else {
+            *source_ = std::move(found);
+            tryAll();
+        }
     }
     if (count == 0 || plan_.unit == 0) return sentences;
     if (plan_.lacking != 0) sentences.push_back("the memo file has lost its header");
@@ -192,10 +202,9 @@ std::vector<std::string> DamagedMemos::settle() {
     for (const MemoReference reference : references_) {
         if (u64{plan_.unit} * reference.block >= source_->size() + plan_.lacking) ++past;
     }
-    const Chain chain = follow();
     const bool isWhole = next != 0 && u64{plan_.unit} * (next - 1) < source_->size();
-    const u64 strange = chain.off + (isWhole ? past : 0);
-    if (strange * kFewIn > count || !chain.lastIsHeld) {
+    const u64 strange = accord.off + (isWhole ? past : 0);
+    if (strange * kFewIn > count || !accord.lastIsHeld) {
         doubtful_ = true;
         sentences.push_back("the memo file may be another table's, so every memo is doubtful");
     }

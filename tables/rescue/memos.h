@@ -40,9 +40,15 @@ private:
         u64 first = 0, end = 0;
         bool whole = false;
     };
-    struct Chain {
-        u64 off = 0;             ///< references that lead to no beginning
+    /// How the references go with the file.
+    struct Accord {
+        u64 whole = 0;           ///< lead to whole memos
+        u64 off = 0;             ///< lead to where no memo begins
         bool lastIsHeld = true;  ///< the memo that was written last is referred to
+        bool isFull(u64 count) const { return whole == count && off == 0 && lastIsHeld; }
+        i64 worth() const {
+            return 4 * static_cast<i64>(whole) - 3 * static_cast<i64>(off) + (lastIsHeld ? 1 : 0);
+        }
     };
 
     u32 headerNumber(u32 place, u32 size);
@@ -51,8 +57,10 @@ private:
     u64 markedEnd(u64 place);
     u64 whole(const Plan& plan);
     u64 choose();
-    Chain follow();
+    void follow(Accord& accord);
+    Accord tryAll();
 
+    const std::string path_;
     std::optional<Source> source_;
     const MemoFormat format_;
     const u32 wanted_;

@@ -7,6 +7,7 @@ namespace mira::tables {
 namespace {
 
 constexpr u32 kRun = 12;         // records that have to fit where others begin anew
+constexpr u32 kSureRun = 3;      // fewer are doubtful
 constexpr u32 kShortRun = 4;     // the same behind those that the header counts
 constexpr double kMargin = 12;   // by which one reading has to be likelier than another
 constexpr double kDecided = 25;  // from which on the other one is out of the question
@@ -29,6 +30,7 @@ public:
     Walk(Source& source, Fit& fit, u64 first, u32 counted, const std::function<void()>& step)
         : source_(source),
           fit_(fit),
+          prior_(fit),
           length_(fit.shape().length),
           stride_(fit.shape().stride),
           first_(first),
@@ -66,6 +68,15 @@ private:
         return !bytes.empty() && fit_.faults(bytes) < kNoMark;
     }
     double likelihood(u64 place) { return fit_.likelihood(record(place)); }
+    /// By the types of the fields alone: what has been learned may have been the wrong places.
+    double priorLikelihood(u64 place) { return prior_.likelihood(record(place)); }
+
+    /// A line end behind the last record that the header counts is no damage.
+    bool isPadding(u64 place) {
+        if (records_ != counted_ || end_ - place > 2) return false;
+        const std::string_view rest = source_.at(place, static_cast<std::size_t>(end_ - place));
+        return rest.find_first_not_of("\r\n\x1A") == rest.npos;
+    }
 
     /// The end byte in a record's place, behind all that the header counts.
     bool isEnd(u64 place) {
@@ -132,7 +143,7 @@ private:
         for (; place + length_ <= end_ && !isEnd(place); place += stride_) {
             const std::string_view bytes = record(place);
             if (bytes.empty() || fit_.faults(bytes) != 0) break;
-            const bool zeroed = isZeroed(place);
+            const bool zeroed = unsure_ || isZeroed(place);
             push(zeroed ? Stretch::Is::Doubtful : Stretch::Is::Sound, place, stride_);
             if (!zeroed) fit_.learn(record(place));
             if (records_ % 256 == 0) step_();
@@ -210,7 +221,7 @@ private:
             step_();
         }
         const bool inPlace = next >= place && (next - place) % stride_ == 0;
-        if (next == end_ && old) {
+        if (next == end_ && old && (end_ - place > kSlip || isPadding(place))) {
             push(Stretch::Is::LeftOut, place, end_ - place);
         } else if (inPlace) {
             takeBad(place, next);
@@ -245,8 +256,8 @@ private:
         while (back >= anchor_ + stride_) {
             const u64 at = back - stride_;
             const u64 other = oldPlace(place, at);
-            const double here = likelihood(at);
-            const double there = other + length_ <= end_ ? likelihood(other) : here;
+            const double here = priorLikelihood(at);
+            const double there = other + length_ <= end_ ? priorLikelihood(other) : here;
             if (!fits(at) && !(isMarked(at) && here > there)) break;
             if (at < place && there - here > kDecided) break;
             back = at;
@@ -262,6 +273,7 @@ private:
         joinAt(place, begin);
         for (u64 at = begin; at < next; at += stride_) push(Stretch::Is::Doubtful, at, stride_);
         anchor_ = next;
+        unsure_ = runFrom(next).count < kSureRun;
     }
 
     i64 signedRest(i64 distance) const {
@@ -296,11 +308,13 @@ private:
 
     Source& source_;
     Fit& fit_;
+    const Fit prior_;
     const u32 length_, stride_;
     const u64 first_;
     const u32 counted_;
     const std::function<void()>& step_;
-    u64 anchor_;  ///< where records began to lie as they do
+    bool unsure_ = false;  ///< too few records follow to tell how they lie
+    u64 anchor_;           ///< where records began to lie as they do
     u64 end_ = 0;
     u32 records_ = 0;
     std::vector<Stretch> stretches_;
