@@ -21,9 +21,13 @@ constexpr u32 kBackLink = 263;
 constexpr u32 kLevel7Least = 128;  // a level-7 table is told by its first 128 bytes
 constexpr i64 kSlip = 4;           // bytes that a header may have lost or got
 constexpr char kTerminator = 0x0D;
-constexpr u64 kSampled = 40000;   // bytes of records that a reading is tried on
-constexpr u32 kSampledMost = 40;  // records
+constexpr u64 kSampled = 40000;         // bytes of records that a reading is tried on
+constexpr u32 kSampledMost = 40;        // records
+constexpr u32 kMovedRecords = 12;       // the same, for one of many readings
+constexpr std::size_t kMovedMost = 40;  // fields among which bytes are moved
 constexpr double kMargin = 12;
+constexpr double kLikely = 200;  // for what the header says of the record length
+constexpr double kAgreed = 1e6;  // when all its numbers agree with the file
 constexpr std::string_view kLetters = "CNFDLMTGYBI0@+OVQWP";
 
 /// Places in descriptors of either size.
@@ -239,7 +243,8 @@ struct Reading {
     Shape shape{};
     u64 first = 0;
     double worth = 0;
-    bool mended = false;  ///< a length is another than the one that stands there
+    bool mended = false;     ///< a length is another than the one that stands there
+    bool byOffsets = false;  ///< and the places of the fields in their descriptors say so
 };
 
 u32 lengthOf(const std::string& descriptor, const Form& form, Lengths lengths) {
@@ -307,13 +312,8 @@ public:
 
 private:
     u32 add(Reading& reading) {
-        reading.shape = Shape{};
-        reading.shape.memos = memos_;
-        for (const std::string& descriptor : reading.descriptors) {
-            reading.shape.add(descriptor[form_->type],
-                              lengthOf(descriptor, *form_, reading.lengths));
-            if (reading.shape.length > 65535) return 0;
-        }
+        reading.shape = shapeBy(reading.descriptors, reading.lengths);
+        if (reading.shape.length > 65535) return 0;
         const u32 length = reading.shape.length;
         tryStarts(reading, starts);
         if (said_.record > length && said_.record < 2 * length) {
@@ -333,24 +333,74 @@ private:
             length += lengthOf(descriptor, *form_, Lengths::Full);
         }
         if (length == said_.record) return addChanged(fixed);
-        for (std::size_t i = 0; i < fixed.size(); ++i) addStretched(fixed, i);
-        if (fixed == descriptors) return;
-        for (std::size_t i = 0; i < fixed.size(); ++i) addStretched(descriptors, i);
+        addStretched(fixed);
+        if (fixed != descriptors) addStretched(descriptors);
     }
     void addChanged(const std::vector<std::string>& descriptors) {
         Reading reading{descriptors, Lengths::Full};
         reading.mended = true;
         add(reading);
     }
-    /// With the length of one field changed.
-    void addStretched(const std::vector<std::string>& descriptors, std::size_t field) {
-        if (fixedLength(descriptors[field][form_->type]) != 0) return;
-        i64 length = said_.record - 1;
-        for (std::size_t i = 0; i < descriptors.size(); ++i) {
-            if (i != field) length -= lengthOf(descriptors[i], *form_, Lengths::Full);
+    /// With the length of one field changed, and then of others where the records fit better.
+    void addStretched(const std::vector<std::string>& descriptors) {
+        std::vector<std::string> best;
+        double most = 0;
+        for (std::size_t field = 0; field < descriptors.size(); ++field) {
+            i64 length = said_.record - 1;
+            for (std::size_t i = 0; i < descriptors.size(); ++i) {
+                if (i != field) length -= lengthOf(descriptors[i], *form_, Lengths::Full);
+            }
+            std::vector<std::string> changed = descriptors;
+            if (!setLength(changed[field], *form_, Lengths::Full, length)) continue;
+            const double worth = worthOf(changed);
+            if (!best.empty() && worth <= most) continue;
+            most = worth;
+            best = std::move(changed);
         }
-        std::vector<std::string> changed = descriptors;
-        if (setLength(changed[field], *form_, Lengths::Full, length)) addChanged(changed);
+        if (best.empty()) return;
+        while (best.size() <= kMovedMost && move(best, most)) {
+        }
+        addChanged(best);
+    }
+    /// Takes bytes from one field and gives them to another; false when nothing fits better then.
+    bool move(std::vector<std::string>& best, double& most) {
+        const std::vector<std::string> from = best;
+        const double before = most;
+        for (std::size_t i = 0; i < from.size(); ++i) {
+            for (std::size_t j = 0; j < from.size(); ++j) {
+                for (i64 bytes = 1; bytes <= kSlip && i != j; ++bytes) {
+                    std::vector<std::string> changed = from;
+                    if (!give(changed[i], -bytes) || !give(changed[j], bytes)) break;
+                    const double worth = worthOf(changed);
+                    if (worth <= most) continue;
+                    most = worth;
+                    best = std::move(changed);
+                }
+            }
+        }
+        return most > before;
+    }
+    bool give(std::string& descriptor, i64 bytes) const {
+        return setLength(descriptor, *form_, Lengths::Full,
+                         lengthOf(descriptor, *form_, Lengths::Full) + bytes);
+    }
+    double worthOf(const std::vector<std::string>& descriptors) {
+        const Fit fit(shapeBy(descriptors, Lengths::Full));
+        double worth = fitFrom(source_, fit, said_.header, kMovedRecords);
+        for (const std::string& descriptor : descriptors) {
+            const u32 wanted = fixedLength(descriptor[form_->type]);
+            const bool other = wanted != 0 && wanted != lengthOf(descriptor, *form_, Lengths::Full);
+            worth -= other ? kMargin : 0;
+        }
+        return worth;
+    }
+    Shape shapeBy(const std::vector<std::string>& descriptors, Lengths lengths) const {
+        Shape shape;
+        shape.memos = memos_;
+        for (const std::string& descriptor : descriptors) {
+            shape.add(descriptor[form_->type], lengthOf(descriptor, *form_, lengths));
+        }
+        return shape;
     }
     /// By the offsets of the fields, which some programs write.
     void addByOffsets(const std::vector<std::string>& descriptors) {
@@ -367,7 +417,9 @@ private:
             }
         }
         bonus_ = 30;
-        addChanged(changed);
+        Reading reading{changed, Lengths::Full};
+        reading.mended = reading.byOffsets = true;
+        add(reading);
         bonus_ = 0;
     }
 
@@ -379,13 +431,16 @@ private:
             if (first > end_) continue;
             reading.first = first;
             const u64 bytes = end_ - first;
+            const bool exact = bytes == said_.count * stride;
             reading.worth = fitFrom(source_, fit, first, count) + bonus_;
             if (first == said_.header) reading.worth += 15;
-            if (stride == said_.record) reading.worth += 15;
+            if (stride == said_.record && !reading.mended) {
+                reading.worth += first == said_.header && exact ? kAgreed : kLikely;
+            }
             // When bytes are lost or added further on, the end speaks for the wrong place.
             if (first == said_.header || !isBelievable_) {
                 if (bytes % stride == 0) reading.worth += 10;
-                if (bytes == said_.count * stride) reading.worth += 25;
+                if (exact) reading.worth += reading.mended ? kLikely : 25;
             }
             readings.push_back(reading);
         }
@@ -522,7 +577,8 @@ Layout ownLayout(Source& source, const std::string& name) {
     layout.shape = best.shape;
     layout.first = best.first;
     layout.counted = said.count;
-    layout.doubtful = near || list.unsure || (list.mends != 0 && said.visual);
+    layout.doubtful =
+        near || list.unsure || (list.mends != 0 && said.visual) || (best.mended && !best.byOffsets);
     const auto repaired = [&](auto... parts) { layout.repairs.push_back(textOf(parts...)); };
     if (list.ahead != 0) repaired("the header has lost or got bytes");
     if (list.mends != 0) repaired("the descriptor of field ", list.mended + 1, " is damaged");

@@ -39,6 +39,7 @@ public:
           anchor_(first) {
         end_ = source.size();
         while (end_ > first && source.byteAt(end_ - 1) == kEndByte) --end_;
+        isInPlace_ = end_ == first_ + u64{counted_} * stride_;
     }
 
     Walked run() {
@@ -212,11 +213,15 @@ private:
     /// From a record that does not fit; the place from which records fit again, or the end.
     u64 recover(u64 place) {
         step_();
+        if (isInPlace_) {
+            takeBad(place, std::min(place + stride_, end_));
+            return std::min(place + stride_, end_);
+        }
         const u64 low = place >= anchor_ + stride_ ? place - stride_ + 1 : anchor_;
         double likelihood = 0;
-        u64 next = bestIn(low, place + stride_ + 1, place, &likelihood);
+        u64 next = bestIn(low, place + 2 * stride_, place, &likelihood);
         const bool old = counted_ != 0 && records_ >= counted_;
-        for (u64 at = place + stride_ + 1; next == end_ && !old && at < end_; at += stride_) {
+        for (u64 at = place + 2 * stride_; next == end_ && !old && at < end_; at += stride_) {
             next = bestIn(at, at + stride_, place, &likelihood);
             step_();
         }
@@ -313,8 +318,9 @@ private:
     const u64 first_;
     const u32 counted_;
     const std::function<void()>& step_;
-    bool unsure_ = false;  ///< too few records follow to tell how they lie
-    u64 anchor_;           ///< where records began to lie as they do
+    bool isInPlace_ = false;  ///< the file is as long as the header says: nothing is lost or added
+    bool unsure_ = false;     ///< too few records follow to tell how they lie
+    u64 anchor_;              ///< where records began to lie as they do
     u64 end_ = 0;
     u32 records_ = 0;
     std::vector<Stretch> stretches_;

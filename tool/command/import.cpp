@@ -9,13 +9,12 @@
 
 #include "command/change.h"
 #include "command/commands.h"
+#include "command/newtable.h"
 #include "input/csvreader.h"
 #include "input/schema.h"
 #include "select/opening.h"
 #include "tables/change/append.h"
-#include "tables/change/recovery.h"
 #include "tables/change/swap.h"
-#include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
@@ -27,10 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kNoCell = static_cast<std::size_t>(-1);
-
-constexpr std::pair<const char*, TableKind> kKinds[] = {
-    {"dbase3", TableKind::DBase3}, {"dbase4", TableKind::DBase4}, {"foxpro", TableKind::FoxPro},
-    {"visual", TableKind::Visual}, {"smt", TableKind::Smt},       {"level7", TableKind::Level7}};
 
 struct Options {
     std::string csv, table;
@@ -285,21 +280,6 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
 // A new table
 // ---------------------------------------------------------------------------------------------
 
-/// Where the new table goes: a name without extension gets ".dbf".
-Target newTarget(const Options& options) {
-    fs::path path = options.table;
-    if (path.extension().empty()) path += ".dbf";
-    Target target = targetOf(path.string());
-    if (!target.regular || target.path.empty()) {
-        refuse(options.table, ": a table is a file of its own, no pipe or device");
-    }
-    const std::string other = target.exists ? target.path : inAnyCase(target.path);
-    if (!other.empty() && !options.change.force) {
-        refuse(other, ": exists; --append adds to it, --force replaces it");
-    }
-    return target;
-}
-
 struct Plan {
     std::unique_ptr<Table> like;
     std::vector<FieldPlan> fields;
@@ -349,49 +329,24 @@ Mapping newMapping(const Plan& plan, const Options& options, const Table& table,
     return mapping;
 }
 
-/// Where the memo file of a new table goes; empty when it has none.
-fs::path memoTarget(const Table& table, const Target& target) {
-    const fs::path made = memoFileOf(table);
-    return made.empty() ? made : fs::path(target.path).replace_extension(made.extension());
-}
-
-void checkFree(const Table& table, const Target& target, const Options& options) {
-    std::error_code ignored;
-    for (const fs::path& path : {memoTarget(table, target), fs::path(target.path)}) {
-        if (options.change.force || !fs::exists(path, ignored)) continue;
-        refuse(path.string(), ": exists; --force replaces it");
-    }
-}
-
-/// The table that is there, locked; null when there is none, or nothing that needs a backup.
-std::unique_ptr<Table> openOld(const Target& target, const Options& options) {
-    tellRecovery(recoverNamed(target.path));
-    if (!target.exists) return nullptr;
-    try {
-        return openToChange(target.path, {});
-    } catch (const Refusal&) {
-        if (!options.change.noBackup) throw;
-        return nullptr;
-    }
-}
-
 Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
-    const Target target = newTarget(options);
+    const Target target =
+        newTableTarget(options.table, options.change, "--append adds to it, --force replaces it");
     const Plan plan = planTable(options, csv, headings);
-    const std::unique_ptr<Table> old = openOld(target, options);
+    const std::unique_ptr<Table> old = openOld(target, options.change);
     std::optional<Swap> swap;
     old ? swap.emplace(target.path, memoFileOf(*old)) : swap.emplace(target.path);
     makeEmptyTable({target.path, swap->newTable()}, plan, options);
     auto table = openTable(swap->newTable(), {.codePage = plan.codePage, .writable = true});
     table->path = target.path;  // for messages: there it will be
-    checkFree(*table, target, options);
+    checkFree(*table, target, options.change);
     Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
     importer.isNew = true;
     importer.asWritten = plan.like != nullptr;
     takeRows(importer, Pass::Write, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
-    checkFree(*table, target, options);
+    checkFree(*table, target, options.change);
     const std::string memos = memoTarget(*table, target).filename().string();
     leaveIfStopped();
     if (!options.change.dryRun) swap->commit(backupsOf(options.change), memos);
