@@ -26,8 +26,8 @@ constexpr u32 kSampledMost = 40;        // records
 constexpr u32 kMovedRecords = 12;       // the same, for one of many readings
 constexpr std::size_t kMovedMost = 40;  // fields among which bytes are moved
 constexpr double kMargin = 12;
-constexpr double kLikely = 200;  // for what the header says of the record length
-constexpr double kAgreed = 1e6;  // when all its numbers agree with the file
+constexpr double kLikely = 1000;  // for what the header says of the record length
+constexpr double kAgreed = 1e6;   // when all its numbers agree with the file
 constexpr std::string_view kLetters = "CNFDLMTGYBI0@+OVQWP";
 
 /// Places in descriptors of either size.
@@ -309,6 +309,7 @@ public:
     }
 
     std::vector<u64> starts{};
+    u64 listEnd = 0;  ///< where descriptors end
 
 private:
     u32 add(Reading& reading) {
@@ -372,7 +373,7 @@ private:
                     std::vector<std::string> changed = from;
                     if (!give(changed[i], -bytes) || !give(changed[j], bytes)) break;
                     const double worth = worthOf(changed);
-                    if (worth <= most) continue;
+                    if (worth <= most + kMargin * kMovedRecords / 2) continue;
                     most = worth;
                     best = std::move(changed);
                 }
@@ -402,28 +403,34 @@ private:
         }
         return shape;
     }
-    /// By the offsets of the fields, which some programs write.
+    /// By the offsets of the fields, or their addresses in memory, which some programs write.
     void addByOffsets(const std::vector<std::string>& descriptors) {
         if (form_->level7) return;
         std::vector<std::string> changed = descriptors;
         const auto offset = [&](std::size_t i) {
-            return i < changed.size() ? i64{loadLe<u32>(changed[i].data() + 12)}
-                                      : i64{said_.record};
+            const i64 first = loadLe<u32>(changed[0].data() + 12);
+            return i < changed.size() ? loadLe<u32>(changed[i].data() + 12) - first
+                                      : i64{said_.record} - 1;
         };
         for (std::size_t i = 0; i < changed.size(); ++i) {
-            if ((i == 0 && offset(0) != 1) ||
-                !setLength(changed[i], *form_, Lengths::Full, offset(i + 1) - offset(i))) {
-                return;
-            }
+            if (!setLength(changed[i], *form_, Lengths::Full, offset(i + 1) - offset(i))) return;
         }
-        bonus_ = 30;
+        bonus_ = kLikely / 2;
         Reading reading{changed, Lengths::Full};
         reading.mended = reading.byOffsets = true;
         add(reading);
         bonus_ = 0;
     }
 
-    void tryStarts(Reading& reading, const std::vector<u64>& places) {
+    void tryStarts(Reading& reading, std::vector<u64> places) {
+        // Where the records begin if there are as many as the header says.
+        const u64 all = u64{said_.count} * reading.shape.stride;
+        if (all != 0 && all <= end_ && end_ - all >= listEnd && end_ - all <= 65535 &&
+            std::find(places.begin(), places.end(), end_ - all) == places.end()) {
+            places.push_back(end_ - all);
+        }
+        const u64 tail = said_.header - listEnd;
+        isUsual_ = said_.header >= listEnd && (tail <= 1 || tail == kBackLink);
         const Fit fit(reading.shape);
         const u64 stride = reading.shape.stride;
         const auto count = static_cast<u32>(std::clamp<u64>(kSampled / stride, 1, kSampledMost));
@@ -433,14 +440,14 @@ private:
             const u64 bytes = end_ - first;
             const bool exact = bytes == said_.count * stride;
             reading.worth = fitFrom(source_, fit, first, count) + bonus_;
-            if (first == said_.header) reading.worth += 15;
+            if (first == said_.header) reading.worth += isUsual_ ? 60 : 15;
             if (stride == said_.record && !reading.mended) {
                 reading.worth += first == said_.header && exact ? kAgreed : kLikely;
             }
             // When bytes are lost or added further on, the end speaks for the wrong place.
             if (first == said_.header || !isBelievable_) {
                 if (bytes % stride == 0) reading.worth += 10;
-                if (exact) reading.worth += reading.mended ? kLikely : 25;
+                if (exact) reading.worth += reading.mended ? kLikely : kLikely / 2;
             }
             readings.push_back(reading);
         }
@@ -452,7 +459,8 @@ private:
     const Form* form_ = &kForms[0];
     double bonus_ = 0;
     u64 end_ = 0;
-    bool isBelievable_ = false;
+    bool isUsual_ = false;       ///< its length is that of other tables with such fields
+    bool isBelievable_ = false;  ///< the header's length
 };
 
 void addAround(std::vector<u64>& starts, u64 place, u64 least) {
@@ -563,6 +571,7 @@ Layout ownLayout(Source& source, const std::string& name) {
     addAround(reader.starts, list.end, list.form->fixed);
     if (said.visual || list.form->level7)
         addAround(reader.starts, list.end + kBackLink, list.form->fixed);
+    reader.listEnd = list.end;
     std::vector<std::vector<std::string>> lists{list.descriptors};
     for (const std::string& other : list.others) {
         lists.push_back(list.descriptors);

@@ -18,8 +18,8 @@ u64 roundedUp(u64 place, u32 unit) { return (place + unit - 1) / unit * unit; }
 
 }  // namespace
 
-DamagedMemos::DamagedMemos(const std::string& path, MemoFormat format, u32 unit)
-    : path_(path), format_(format), wanted_(unit) {
+DamagedMemos::DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText)
+    : path_(path), format_(format), wanted_(unit), isText_(isText) {
     if (!path.empty()) source_.emplace(path);
 }
 
@@ -83,7 +83,8 @@ u64 DamagedMemos::whole(const Plan& plan) {
     u64 count = 0;
     for (const MemoReference reference : references_) {
         const std::optional<Extent> extent = extentOf(plan, reference);
-        if (!extent || !extent->whole) continue;
+        const bool some = extent && (extent->end > extent->first || format_ != MemoFormat::FoxPro);
+        if (!some || !extent->whole) continue;
         // A text of dBase III begins behind the end of another one.
         const u64 place = extent->first;
         const bool dBase3 = format_ == MemoFormat::DBase3 && place > kHeader;
@@ -178,12 +179,12 @@ std::vector<std::string> DamagedMemos::settle() {
     }
     const u32 next = headerNumber(0, 4);
     Accord accord = tryAll();
-    if (!accord.isFull(count) && source_->hasTextEnds()) {
+    if ((isText_ || !accord.isFull(count)) && source_->hasTextEnds()) {
         Source found = std::move(*source_);
         source_.emplace(path_);
         source_->undoTextEnds();
         const Accord undone = tryAll();
-        if (undone.worth() > accord.worth()) {
+        if (undone.worth() > accord.worth() - (isText_ ? 1 : 0)) {
             accord = undone;
             sentences.push_back("the memo file has come through a transfer as text");
         } else {

@@ -16,8 +16,8 @@ namespace mira::tables {
 class DamagedMemos {
 public:
     /// path: empty when the file is missing. unit: bytes per block; 0: what the header says, or
-    /// else what fits.
-    DamagedMemos(const std::string& path, MemoFormat format, u32 unit);
+    /// else what fits. isText: the table has come through a transfer as text, and so has this.
+    DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText);
 
     /// To be told every reference before the first memo is read.
     void add(MemoReference reference) { references_.push_back(reference); }
@@ -64,6 +64,7 @@ private:
     std::optional<Source> source_;
     const MemoFormat format_;
     const u32 wanted_;
+    const bool isText_;
     Plan plan_;
     std::vector<MemoReference> references_;
     bool doubtful_ = false;

@@ -315,6 +315,7 @@ Damaged examine(const std::string& path, const Table* like) {
                 undone.layout.repairs.insert(undone.layout.repairs.begin(),
                                              "the file has come through a transfer as text: every "
                                              "line feed got a carriage return before it");
+                undone.isText = true;
                 return undone;
             }
         } catch (const Refusal&) {
@@ -335,7 +336,7 @@ void layTable(const std::string& path, const std::string& head) {
 
 Rescued rescue(Damaged& damaged, Table& to, const std::string& memos, u32 memoBlock,
                const RescueHooks& hooks) {
-    DamagedMemos reader(memos, to.memoFormat, memoBlock);
+    DamagedMemos reader(memos, to.memoFormat, memoBlock, damaged.isText);
     return Saver(damaged, to, reader, hooks).run();
 }
 

@@ -48,6 +48,7 @@ struct Rescued {
 struct Damaged {
     std::unique_ptr<Source> source{};
     Layout layout{};
+    bool isText = false;  ///< it has come through a transfer as text, which is undone
 };
 /// Looks how a table is to be read. like: an open table that has its fields; null: by its own
 /// header. Throws a Refusal when nothing can be saved.

@@ -168,7 +168,8 @@ private:
                 for (std::size_t i = at; i < end && usual; ++i) {
                     usual = fit_.zeroIsUsual(static_cast<u32>(i));
                 }
-                if (to - from >= kSector && !usual) return true;
+                const bool sector = to - from >= kSector || to == source_.size();
+                if (sector && !usual) return true;
             }
             at = bytes.find('\0', end);
         }
@@ -334,7 +335,7 @@ Walked walkRecords(Source& source, Fit& fit, u64 first, u32 counted,
 }
 
 double fitFrom(Source& source, const Fit& fit, u64 place, u32 count) {
-    constexpr double kSumOfWeights = 1.64;
+    constexpr double kWeight = 8;
     double sum = 0;
     for (u32 i = 0; i < count; ++i) {
         const std::string_view bytes =
@@ -342,7 +343,7 @@ double fitFrom(Source& source, const Fit& fit, u64 place, u32 count) {
         if (bytes.size() < fit.shape().length) break;
         const u32 faults = fit.faults(bytes);
         const u32 weighed = faults % kNoMark + (faults >= kNoMark ? 3 : 0);
-        const double weight = count / kSumOfWeights / ((i + 1.0) * (i + 1.0));
+        const double weight = kWeight / ((i + 1.0) * (i + 1.0));
         sum += weight * (fit.likelihood(bytes) - kFaultWeight * weighed);
     }
     return sum;
