@@ -21,10 +21,11 @@ constexpr u32 kBackLink = 263;
 constexpr u32 kLevel7Least = 128;  // a level-7 table is told by its first 128 bytes
 constexpr i64 kSlip = 4;           // bytes that a header may have lost or got
 constexpr char kTerminator = 0x0D;
-constexpr u64 kSampled = 40000;         // bytes of records that a reading is tried on
-constexpr u32 kSampledMost = 40;        // records
-constexpr u32 kMovedRecords = 12;       // the same, for one of many readings
-constexpr std::size_t kMovedMost = 40;  // fields among which bytes are moved
+constexpr u64 kSampled = 40000;    // bytes of records that a reading is tried on
+constexpr u32 kSampledMost = 40;   // records
+constexpr u32 kMovedRecords = 12;  // the same, for one of many readings
+constexpr u32 kMoves = 4;
+constexpr std::size_t kMovedMost = 20;  // fields among which bytes are moved
 constexpr double kMargin = 12;
 constexpr double kLikely = 1000;  // for what the header says of the record length
 constexpr double kAgreed = 1e6;   // when all its numbers agree with the file
@@ -49,8 +50,9 @@ struct List {
     u64 end = 0;          ///< after the last descriptor and the terminator
     bool ended = false;
     i64 worth() const {
-        return 8 * static_cast<i64>(descriptors.size()) - 12 * i64{mends} -
-               (ahead < 0 ? -ahead : ahead) + (ended ? 4 : 0);
+        const i64 slipped = ahead == 0 ? 0 : 6 + 2 * (ahead < 0 ? -ahead : ahead);
+        return 8 * static_cast<i64>(descriptors.size()) - 12 * i64{mends} - slipped +
+               (ended ? 4 : 0);
     }
 };
 
@@ -280,7 +282,7 @@ public:
     Reader(Source& source, const Said& said, MemoFormat memos)
         : source_(source), said_(said), memos_(memos) {
         end_ = source.size();
-        while (end_ > 0 && source.byteAt(end_ - 1) == 0x1A) --end_;
+        if (end_ > 0 && source.byteAt(end_ - 1) == 0x1A) --end_;
         isBelievable_ = said.header > kFixed && said.header <= end_;
     }
 
@@ -359,7 +361,7 @@ private:
             best = std::move(changed);
         }
         if (best.empty()) return;
-        while (best.size() <= kMovedMost && move(best, most)) {
+        for (u32 i = 0; i < kMoves && best.size() <= kMovedMost && move(best, most); ++i) {
         }
         addChanged(best);
     }
@@ -373,7 +375,7 @@ private:
                     std::vector<std::string> changed = from;
                     if (!give(changed[i], -bytes) || !give(changed[j], bytes)) break;
                     const double worth = worthOf(changed);
-                    if (worth <= most + kMargin * kMovedRecords / 2) continue;
+                    if (worth <= most + 2 * kMargin) continue;
                     most = worth;
                     best = std::move(changed);
                 }
@@ -441,7 +443,7 @@ private:
             const bool exact = bytes == said_.count * stride;
             reading.worth = fitFrom(source_, fit, first, count) + bonus_;
             if (first == said_.header) reading.worth += isUsual_ ? 60 : 15;
-            if (stride == said_.record && !reading.mended) {
+            if (stride == said_.record && stride == reading.shape.length && !reading.mended) {
                 reading.worth += first == said_.header && exact ? kAgreed : kLikely;
             }
             // When bytes are lost or added further on, the end speaks for the wrong place.

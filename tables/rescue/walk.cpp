@@ -38,7 +38,7 @@ public:
           step_(step),
           anchor_(first) {
         end_ = source.size();
-        while (end_ > first && source.byteAt(end_ - 1) == kEndByte) --end_;
+        if (end_ > first && source.byteAt(end_ - 1) == kEndByte) --end_;
         isInPlace_ = end_ == first_ + u64{counted_} * stride_;
     }
 
@@ -46,7 +46,7 @@ public:
         u64 place = first_;
         while (place < end_) {
             if (isEnd(place)) {
-                push(Stretch::Is::LeftOut, place, end_ - place);
+                if (end_ - place > 1) push(Stretch::Is::LeftOut, place, end_ - place);
                 break;
             }
             place = takeGood(place);
@@ -343,7 +343,7 @@ double fitFrom(Source& source, const Fit& fit, u64 place, u32 count) {
         if (bytes.size() < fit.shape().length) break;
         const u32 faults = fit.faults(bytes);
         const u32 weighed = faults % kNoMark + (faults >= kNoMark ? 3 : 0);
-        const double weight = kWeight / ((i + 1.0) * (i + 1.0));
+        const double weight = kWeight / ((i + 1.0) * (i + 1.0) * (i + 1.0));
         sum += weight * (fit.likelihood(bytes) - kFaultWeight * weighed);
     }
     return sum;

@@ -83,11 +83,22 @@ Damaged begin(const Options& options, const std::string& source, const std::stri
     return damaged;
 }
 
+std::unique_ptr<Table> openNew(const Options& options, const std::string& source,
+                               const std::string& made) {
+    try {
+        return openTable(made, {.codePage = options.codePage, .writable = true});
+    } catch (const UnknownPage&) {
+        throw;
+    } catch (const Refusal&) {
+        refuse(source, ": its header gives no table; --like SOUND or --schema says its fields");
+    }
+}
+
 /// Fills the new files.
 Rescued save(const Options& options, const std::string& source, const Target& target,
              const std::string& made, Output& out, std::string* memos) {
     Damaged damaged = begin(options, source, made);
-    const auto to = openTable(made, {.codePage = options.codePage, .writable = true});
+    const auto to = openNew(options, source, made);
     to->path = target.path;  // for messages: there it will be
     checkFree(*to, target, options.change);
     *memos = memoTarget(*to, target).filename().string();
