@@ -126,9 +126,7 @@ Fit::Fit(const Shape& shape) : shape_(shape), weights_(shape.length, kMarkRow) {
     }
     const std::size_t step = shape.length / kTellingMost + 1;
     for (u32 i = 0; i < shape.length; i += static_cast<u32>(step)) telling_.push_back(i);
-    if (step > 1 && edges.size() <= kTellingMost) {
-        telling_.insert(telling_.end(), edges.begin(), edges.end());
-    }
+    if (step > 1) telling_.insert(telling_.end(), edges.begin(), edges.end());
     std::sort(telling_.begin(), telling_.end());
     telling_.erase(std::unique(telling_.begin(), telling_.end()), telling_.end());
     std::erase_if(telling_, [&](u32 offset) { return offset >= shape.length; });

@@ -24,6 +24,7 @@ constexpr char kTerminator = 0x0D;
 constexpr u64 kSampled = 40000;    // bytes of records that a reading is tried on
 constexpr u32 kSampledMost = 40;   // records
 constexpr u32 kMovedRecords = 12;  // the same, for one of many readings
+constexpr double kMoveMargin = 10;
 constexpr u32 kMoves = 4;
 constexpr std::size_t kMovedMost = 20;  // fields among which bytes are moved
 constexpr double kMargin = 12;
@@ -245,6 +246,7 @@ struct Reading {
     Shape shape{};
     u64 first = 0;
     double worth = 0;
+    bool confirmed = false;  ///< the header's record length or the file's size agrees
     bool mended = false;     ///< a length is another than the one that stands there
     bool byOffsets = false;  ///< and the places of the fields in their descriptors say so
 };
@@ -301,7 +303,12 @@ public:
             }
         }
         if (agrees || said_.record <= 1) return;
-        for (const auto& descriptors : lists) addMended(descriptors);
+        for (const auto& descriptors : lists) {
+            lengths_ = Lengths::Full;
+            addMended(descriptors);
+            lengths_ = Lengths::Foreign;
+            if (form.level7) addMended(descriptors);
+        }
     }
 
     void addShape(const Shape& shape, const std::vector<u64>& places) {
@@ -332,15 +339,15 @@ private:
         i64 length = 1;
         for (std::string& descriptor : fixed) {
             const u32 wanted = fixedLength(descriptor[form_->type]);
-            if (wanted != 0) setLength(descriptor, *form_, Lengths::Full, wanted);
-            length += lengthOf(descriptor, *form_, Lengths::Full);
+            if (wanted != 0) setLength(descriptor, *form_, lengths_, wanted);
+            length += lengthOf(descriptor, *form_, lengths_);
         }
         if (length == said_.record) return addChanged(fixed);
         addStretched(fixed);
         if (fixed != descriptors) addStretched(descriptors);
     }
     void addChanged(const std::vector<std::string>& descriptors) {
-        Reading reading{descriptors, Lengths::Full};
+        Reading reading{descriptors, lengths_};
         reading.mended = true;
         add(reading);
     }
@@ -351,10 +358,10 @@ private:
         for (std::size_t field = 0; field < descriptors.size(); ++field) {
             i64 length = said_.record - 1;
             for (std::size_t i = 0; i < descriptors.size(); ++i) {
-                if (i != field) length -= lengthOf(descriptors[i], *form_, Lengths::Full);
+                if (i != field) length -= lengthOf(descriptors[i], *form_, lengths_);
             }
             std::vector<std::string> changed = descriptors;
-            if (!setLength(changed[field], *form_, Lengths::Full, length)) continue;
+            if (!setLength(changed[field], *form_, lengths_, length)) continue;
             const double worth = worthOf(changed);
             if (!best.empty() && worth <= most) continue;
             most = worth;
@@ -375,7 +382,7 @@ private:
                     std::vector<std::string> changed = from;
                     if (!give(changed[i], -bytes) || !give(changed[j], bytes)) break;
                     const double worth = worthOf(changed);
-                    if (worth <= most + 2 * kMargin) continue;
+                    if (worth <= most + kMoveMargin) continue;
                     most = worth;
                     best = std::move(changed);
                 }
@@ -384,15 +391,15 @@ private:
         return most > before;
     }
     bool give(std::string& descriptor, i64 bytes) const {
-        return setLength(descriptor, *form_, Lengths::Full,
-                         lengthOf(descriptor, *form_, Lengths::Full) + bytes);
+        return setLength(descriptor, *form_, lengths_,
+                         lengthOf(descriptor, *form_, lengths_) + bytes);
     }
     double worthOf(const std::vector<std::string>& descriptors) {
-        const Fit fit(shapeBy(descriptors, Lengths::Full));
+        const Fit fit(shapeBy(descriptors, lengths_));
         double worth = fitFrom(source_, fit, said_.header, kMovedRecords);
         for (const std::string& descriptor : descriptors) {
             const u32 wanted = fixedLength(descriptor[form_->type]);
-            const bool other = wanted != 0 && wanted != lengthOf(descriptor, *form_, Lengths::Full);
+            const bool other = wanted != 0 && wanted != lengthOf(descriptor, *form_, lengths_);
             worth -= other ? kMargin : 0;
         }
         return worth;
@@ -407,18 +414,22 @@ private:
     }
     /// By the offsets of the fields, or their addresses in memory, which some programs write.
     void addByOffsets(const std::vector<std::string>& descriptors) {
-        if (form_->level7) return;
+        if (form_->level7 || descriptors.size() < 3) return;
         std::vector<std::string> changed = descriptors;
+        std::size_t others = 0;
         const auto offset = [&](std::size_t i) {
             const i64 first = loadLe<u32>(changed[0].data() + 12);
             return i < changed.size() ? loadLe<u32>(changed[i].data() + 12) - first
                                       : i64{said_.record} - 1;
         };
         for (std::size_t i = 0; i < changed.size(); ++i) {
-            if (!setLength(changed[i], *form_, Lengths::Full, offset(i + 1) - offset(i))) return;
+            const i64 length = offset(i + 1) - offset(i);
+            if (length != lengthOf(changed[i], *form_, lengths_)) ++others;
+            if (!setLength(changed[i], *form_, lengths_, length)) return;
         }
+        if (2 * others >= changed.size() && others > 1) return;
         bonus_ = kLikely / 2;
-        Reading reading{changed, Lengths::Full};
+        Reading reading{changed, lengths_};
         reading.mended = reading.byOffsets = true;
         add(reading);
         bonus_ = 0;
@@ -442,6 +453,7 @@ private:
             const u64 bytes = end_ - first;
             const bool exact = bytes == said_.count * stride;
             reading.worth = fitFrom(source_, fit, first, count) + bonus_;
+            reading.confirmed = exact || (stride == said_.record && stride == reading.shape.length);
             if (first == said_.header) reading.worth += isUsual_ ? 60 : 15;
             if (stride == said_.record && stride == reading.shape.length && !reading.mended) {
                 reading.worth += first == said_.header && exact ? kAgreed : kLikely;
@@ -459,6 +471,7 @@ private:
     const Said said_;
     const MemoFormat memos_;
     const Form* form_ = &kForms[0];
+    Lengths lengths_ = Lengths::Full;  ///< of lists that are mended
     double bonus_ = 0;
     u64 end_ = 0;
     bool isUsual_ = false;       ///< its length is that of other tables with such fields

@@ -132,7 +132,8 @@ u64 DamagedMemos::choose() {
         if (most == references_.size()) break;
     }
     const bool own = isSaid && plan_.unit == said && plan_.lacking == 0 && headerNumber(0, 4) != 0;
-    if (!own) doubtful_ = most != references_.size() || most < 2 || rival == most;
+    const bool unprefixed = format_ == MemoFormat::DBase3 && plan_.lacking != 0;
+    if (!own) doubtful_ = most != references_.size() || most < 2 || rival == most || unprefixed;
     return most;
 }
 
@@ -154,7 +155,11 @@ void DamagedMemos::follow(Accord& accord) {
         while (next < places.size() && places[next] < place) ++accord.off, ++next;
         const std::optional<Extent> extent = extentAt(place, 0);
         const bool memo = extent && extent->end > extent->first;
-        if (memo) accord.lastIsHeld = next < places.size() && places[next] == place;
+        if (memo) {
+            const bool held = next < places.size() && places[next] == place;
+            const u64 block = (place + plan_.lacking) / unit;
+            accord.lastIsHeld = held || std::binary_search(others_.begin(), others_.end(), block);
+        }
         if (next < places.size() && places[next] == place) ++next;
         const u64 end = memo ? std::max(extent->end, place + 1) : place + 1;
         place = memo && !extent->whole ? source_->size() : roundedUp(end, unit);
@@ -177,6 +182,7 @@ std::vector<std::string> DamagedMemos::settle() {
         if (count != 0) sentences.push_back("the memo file is missing");
         return sentences;
     }
+    std::sort(others_.begin(), others_.end());
     const u32 next = headerNumber(0, 4);
     Accord accord = tryAll();
     if ((isText_ || !accord.isFull(count)) && source_->hasTextEnds()) {
@@ -184,7 +190,7 @@ std::vector<std::string> DamagedMemos::settle() {
         source_.emplace(path_);
         source_->undoTextEnds();
         const Accord undone = tryAll();
-        if (undone.worth() > accord.worth() - (isText_ ? 1 : 0)) {
+        if (undone.gain(accord, isText_)) {
             accord = undone;
             sentences.push_back("the memo file has come through a transfer as text");
         } else {

@@ -21,6 +21,8 @@ public:
 
     /// To be told every reference before the first memo is read.
     void add(MemoReference reference) { references_.push_back(reference); }
+    /// The same of records that are doubtful.
+    void addDoubtful(MemoReference reference) { others_.push_back(reference.block); }
     /// Decides; what came of it, a sentence each.
     std::vector<std::string> settle();
 
@@ -46,8 +48,11 @@ private:
         u64 off = 0;             ///< lead to where no memo begins
         bool lastIsHeld = true;  ///< the memo that was written last is referred to
         bool isFull(u64 count) const { return whole == count && off == 0 && lastIsHeld; }
-        i64 worth() const {
-            return 4 * static_cast<i64>(whole) - 3 * static_cast<i64>(off) + (lastIsHeld ? 1 : 0);
+        /// Whether these references go better with the file than the others did.
+        bool gain(const Accord& other, bool alsoSame) const {
+            const bool same = whole == other.whole && off == other.off;
+            return whole > other.whole || (whole == other.whole && off < other.off) ||
+                   (same && alsoSame);
         }
     };
 
@@ -67,6 +72,7 @@ private:
     const bool isText_;
     Plan plan_;
     std::vector<MemoReference> references_;
+    std::vector<u32> others_;  ///< blocks
     bool doubtful_ = false;
 };
 

@@ -103,14 +103,16 @@ private:
 
     void gatherReferences(const Walked& walked) {
         for (const Stretch& stretch : walked.stretches) {
-            if (stretch.is != Stretch::Is::Sound) continue;
+            using Is = Stretch::Is;
+            if (stretch.is != Is::Sound && stretch.is != Is::Doubtful) continue;
             for (u32 i = 0; i < stretch.count; ++i) {
                 load(recordAt(stretch, i));
                 for (const Column* column : memoColumns_) {
                     const MemoReference reference = memoReference(to_, *column);
                     const bool some = reference.block != 0 || reference.length != 0;
                     if (reference.isReference && some && !isNull(to_, *column)) {
-                        memos_.add(reference);
+                        stretch.is == Is::Sound ? memos_.add(reference)
+                                                : memos_.addDoubtful(reference);
                     }
                 }
             }

@@ -46,6 +46,11 @@ public:
         u64 place = first_;
         while (place < end_) {
             if (isEnd(place)) {
+                // One end byte more, or the last byte of a record that has got one.
+                if (end_ - place == 1 && records_ == counted_ && counted_ != 0) {
+                    shift(place, end_);
+                    break;
+                }
                 if (end_ - place > 1) push(Stretch::Is::LeftOut, place, end_ - place);
                 break;
             }

@@ -60,6 +60,7 @@ std::vector<Row> rowsOf(const std::string& path) {
 struct Files {
     std::string table, memos;
     std::string tableName, memoName;  ///< file names
+    std::set<mira::u32> blocks{};     ///< that its records refer to
     std::size_t header = 0, record = 1;
     std::vector<std::pair<std::size_t, std::size_t>> hit{};  ///< of the table
     bool memosHit = false;                                   ///< any of the memos
@@ -67,11 +68,20 @@ struct Files {
 };
 
 Files filesOf(const fs::path& path) {
-    Files files{readAll(path.string())};
+    Files files;
+    files.table = readAll(path.string());
     files.tableName = path.filename().string();
     const auto table = tables::openTable(path.string(), {});
     files.header = table->base->Header.HeaderLength;
     files.record = table->base->Header.RecordLength;
+    for (mira::u32 i = 0; i < table->base->Header.RecordCount; ++i) {
+        tables::readRecord(*table, i);
+        for (int field = 0; field < table->base->FieldCount; ++field) {
+            mira::u32 block = 0, length = 0;
+            if (GetMemoReference(table->base.get(), field, &block, &length) != 0)
+                files.blocks.insert(block);
+        }
+    }
     const fs::path memos = tables::memoFileOf(*table);
     if (!memos.empty() && fs::exists(memos)) {
         files.memos = readAll(memos.string());
@@ -188,7 +198,8 @@ std::vector<Damage> damages() {
          [](Files& f, const Files& other, std::mt19937&) {
              f.memos = other.memos;
              f.memosHit = true;
-             return !f.memoName.empty() && !f.memos.empty();
+             // Where memos begin at the same blocks nothing tells one file from the other.
+             return !f.memoName.empty() && !f.memos.empty() && f.blocks != other.blocks;
          }},
         {"memo file cut",
          [](Files& f, const Files&, std::mt19937&) {
@@ -267,7 +278,7 @@ void judge(const std::vector<Row>& wanted, const std::vector<Row>& got, const Fi
            Share& share) {
     std::size_t next = 0;
     for (const Row& row : got) {
-        share.doubtful += row.doubtful ? 1 : 0;
+        share.doubtful += row.doubtful ? 1U : 0U;
         if (row.doubtful) continue;
         while (next < wanted.size() && !agrees(row, wanted[next])) ++next;
         if (next == wanted.size()) {
@@ -290,11 +301,11 @@ void judge(const std::vector<Row>& wanted, const std::vector<Row>& got, const Fi
         });
         if (hit) continue;
         ++share.outside;
-        share.saved += saved[wanted[i].cells]-- > 0 ? 1 : 0;
+        share.saved += saved[wanted[i].cells]-- > 0 ? 1U : 0U;
         for (const std::string& memo : wanted[i].memos) {
             if (memo.empty() || files.memosHit) continue;
             ++share.memosOutside;
-            share.memosSaved += memos[memo]-- > 0 ? 1 : 0;
+            share.memosSaved += memos[memo]-- > 0 ? 1U : 0U;
         }
     }
 }

@@ -194,8 +194,7 @@ bool isShifted(RecordCheck& check, const Report& report) {
         check.shift = shiftOf(*check.cells.table);
         if (!check.shift) return false;
         report(
-            {.record = u64{check.shift->record} + 1,
-             .what = fmt::format("shifted by {} bytes from record {} on; `mira repair` saves them",
+            {.what = fmt::format("shifted by {} bytes from record {} on; `mira repair` saves them",
                                  check.shift->bytes, u64{check.shift->record} + 1)});
     }
     return check.shift && check.cells.record >= check.shift->record;
