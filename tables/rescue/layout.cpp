@@ -26,7 +26,7 @@ constexpr u32 kSampledMost = 40;   // records
 constexpr u32 kMovedRecords = 12;  // the same, for one of many readings
 constexpr double kMoveMargin = 10;
 constexpr u32 kMoves = 4;
-constexpr std::size_t kMovedMost = 20;  // fields among which bytes are moved
+constexpr std::size_t kManyFields = 100;
 constexpr double kMargin = 12;
 constexpr double kLikely = 1000;  // for what the header says of the record length
 constexpr double kAgreed = 1e6;   // when all its numbers agree with the file
@@ -63,11 +63,27 @@ bool isName(std::string_view name) {
            std::none_of(text.begin(), text.end(), [](char c) { return static_cast<u8>(c) < ' '; });
 }
 
+/// Whether a length is one that fields of a type have.
+bool isLength(char type, u8 length) {
+    constexpr struct {
+        std::string_view types;
+        u8 length, other;
+    } kLengths[] = {{"D", 8, 10}, {"L", 1, 1},  {"MG", 10, 4},
+                    {"I+", 4, 4}, {"YO", 8, 8}, {"T@", 8, 14}};
+    for (const auto& row : kLengths) {
+        if (row.types.find(type) == std::string_view::npos) continue;
+        return length == row.length || length == row.other;
+    }
+    return true;
+}
+
 bool isDescriptor(std::string_view bytes, const Form& form, bool known = true) {
     if (bytes.size() < form.size || !isName(bytes.substr(0, form.name))) return false;
     const char type = bytes[form.type];
     if (known && kLetters.find(type) == std::string_view::npos) return false;
     if (!known && (type <= ' ' || type > '~')) return false;
+    const auto length = static_cast<u8>(bytes[form.length]);
+    if (known && !form.level7 && !isLength(type, length)) return false;
     const bool high = type == 'C' && bytes[form.length + 1] != 0;
     return bytes[form.length] != 0 || high || (form.level7 && bytes[form.length - 1] != 0);
 }
@@ -99,8 +115,8 @@ std::string resized(std::string bytes, std::size_t at, std::size_t size) {
 
 class Lister {
 public:
-    Lister(Source& source, const Form& form, i64 ahead, u64 limit)
-        : source_(source), limit_(limit) {
+    Lister(Source& source, const Form& form, i64 ahead, u64 said)
+        : source_(source), said_(said), limit_(said) {
         list_.form = &form;
         list_.ahead = ahead;
         place_ = static_cast<u64>(form.fixed + ahead);
@@ -149,13 +165,17 @@ private:
         }
         return false;
     }
+    /// Where the last descriptor and a damaged terminator have to end by the header.
+    bool endsHeader(u64 next, i64 slip) const {
+        return static_cast<i64>(next) + 1 - slip == static_cast<i64>(said_);
+    }
     /// By how many bytes the descriptor at a place is too long or too short; 0: it cannot be told.
     i64 slipAt(u64 place) {
         for (i64 slip = 1; slip <= kSlip; ++slip) {
             for (const i64 way : {-slip, slip}) {
                 const u64 next = place + static_cast<u64>(list_.form->size + way);
                 if (isAt(next) && follows(next + list_.form->size)) return way;
-                if (!isTerminator(next)) continue;
+                if (!isTerminator(next) && !endsHeader(next, way)) continue;
                 const auto bytes = static_cast<std::size_t>(next - place);
                 if (isAt(place) || !waysOf(place, bytes).empty()) return way;
             }
@@ -209,7 +229,8 @@ private:
     }
 
     Source& source_;
-    u64 limit_;  ///< the end of the header, where that may be the end of the list; else 0
+    const u64 said_;  ///< the header's length
+    u64 limit_;       ///< the end of the header, where that may be the end of the list; else 0
     u64 place_;
     List list_;
 };
@@ -302,7 +323,9 @@ public:
                 agrees |= add(reading) == said_.record;
             }
         }
-        if (agrees || said_.record <= 1) return;
+        // Only a header that else agrees with the file is to be believed more than descriptors.
+        const u64 all = u64{said_.count} * said_.record;
+        if (agrees || said_.record <= 1 || said_.header + all != end_) return;
         for (const auto& descriptors : lists) {
             lengths_ = Lengths::Full;
             addMended(descriptors);
@@ -354,6 +377,7 @@ private:
     /// With the length of one field changed, and then of others where the records fit better.
     void addStretched(const std::vector<std::string>& descriptors) {
         std::vector<std::string> best;
+        std::size_t pivot = 0;
         double most = 0;
         for (std::size_t field = 0; field < descriptors.size(); ++field) {
             i64 length = said_.record - 1;
@@ -365,27 +389,28 @@ private:
             const double worth = worthOf(changed);
             if (!best.empty() && worth <= most) continue;
             most = worth;
+            pivot = field;
             best = std::move(changed);
         }
         if (best.empty()) return;
-        for (u32 i = 0; i < kMoves && best.size() <= kMovedMost && move(best, most); ++i) {
+        for (u32 i = 0; i < kMoves && move(best, pivot, most); ++i) {
         }
         addChanged(best);
     }
-    /// Takes bytes from one field and gives them to another; false when nothing fits better then.
-    bool move(std::vector<std::string>& best, double& most) {
+    /// Takes bytes from a field and gives them to another, or the other way; false when nothing
+    /// fits better then.
+    bool move(std::vector<std::string>& best, std::size_t pivot, double& most) {
         const std::vector<std::string> from = best;
         const double before = most;
         for (std::size_t i = 0; i < from.size(); ++i) {
-            for (std::size_t j = 0; j < from.size(); ++j) {
-                for (i64 bytes = 1; bytes <= kSlip && i != j; ++bytes) {
-                    std::vector<std::string> changed = from;
-                    if (!give(changed[i], -bytes) || !give(changed[j], bytes)) break;
-                    const double worth = worthOf(changed);
-                    if (worth <= most + kMoveMargin) continue;
-                    most = worth;
-                    best = std::move(changed);
-                }
+            for (i64 bytes = -kSlip; bytes <= kSlip && i != pivot; ++bytes) {
+                std::vector<std::string> changed = from;
+                if (bytes == 0 || !give(changed[pivot], -bytes) || !give(changed[i], bytes))
+                    continue;
+                const double worth = worthOf(changed);
+                if (worth <= most + kMoveMargin) continue;
+                most = worth;
+                best = std::move(changed);
             }
         }
         return most > before;
@@ -396,7 +421,8 @@ private:
     }
     double worthOf(const std::vector<std::string>& descriptors) {
         const Fit fit(shapeBy(descriptors, lengths_));
-        double worth = fitFrom(source_, fit, said_.header, kMovedRecords);
+        double worth = fitFrom(source_, fit, said_.header,
+                               descriptors.size() > kManyFields ? 3 : kMovedRecords);
         for (const std::string& descriptor : descriptors) {
             const u32 wanted = fixedLength(descriptor[form_->type]);
             const bool other = wanted != 0 && wanted != lengthOf(descriptor, *form_, lengths_);
@@ -625,6 +651,7 @@ Layout layoutLike(Source& source, const Table& like) {
     Reader reader(source, said, like.memoFormat);
     std::vector<u64> starts;
     addAround(starts, like.base->Header.HeaderLength, 0);
+    addAround(starts, 0, 0);  // the whole header may be lost
     if (said.header > kFixed) addAround(starts, said.header, 0);
     reader.addShape(shape, starts);
     Layout layout;
