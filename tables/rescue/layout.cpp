@@ -207,7 +207,7 @@ private:
         const Form& form = *list_.form;
         const std::string found(source_.at(place_, bytes));
         std::vector<std::string> ways = waysOf(place_, bytes);
-        if (ways.empty()) ways.push_back(asText(found));
+        if (ways.empty()) ways.push_back(asText(resized(found, form.type, form.size)));
         list_.unsure |= bytes == form.size || !isAt(place_) || form.level7;
         ++list_.mends;
         list_.mended = list_.descriptors.size();
@@ -218,10 +218,11 @@ private:
     /// What cannot be read as a descriptor at all is one of a text.
     std::string asText(std::string found) const {
         const Form& form = *list_.form;
-        found.resize(form.size);
-        if (!isName(found))
-            found.replace(0, form.name, textOf("FIELD", list_.descriptors.size() + 1));
-        found.resize(form.size);
+        if (!isName(found)) {
+            std::string name = textOf("FIELD", list_.descriptors.size() + 1);
+            name.resize(form.name);
+            found.replace(0, form.name, name);
+        }
         found[form.type] = 'C';
         if (found[form.length] == 0) found[form.length] = 1;
         found[form.length + 1] = 0;
@@ -323,9 +324,10 @@ public:
                 agrees |= add(reading) == said_.record;
             }
         }
-        // Only a header that else agrees with the file is to be believed more than descriptors.
+        // Only a header that else agrees with the file is to be believed more than descriptors
+        // that look whole.
         const u64 all = u64{said_.count} * said_.record;
-        if (agrees || said_.record <= 1 || said_.header + all != end_) return;
+        if (agrees || said_.record <= 1 || (!isMended && said_.header + all != end_)) return;
         for (const auto& descriptors : lists) {
             lengths_ = Lengths::Full;
             addMended(descriptors);
@@ -341,7 +343,8 @@ public:
     }
 
     std::vector<u64> starts{};
-    u64 listEnd = 0;  ///< where descriptors end
+    u64 listEnd = 0;        ///< where descriptors end
+    bool isMended = false;  ///< one of them has lost or got bytes
 
 private:
     u32 add(Reading& reading) {
@@ -596,6 +599,22 @@ std::string headOf(Source& source, const List& list, const Reading& reading, std
     return head;
 }
 
+/// What the reading takes otherwise than the header says, a sentence each.
+std::vector<std::string> repairsOf(const List& list, const Reading& reading, const Said& said) {
+    std::vector<std::string> repairs;
+    const auto add = [&](auto... parts) { repairs.push_back(textOf(parts...)); };
+    if (list.ahead != 0) add("the header has lost or got bytes");
+    if (list.mends != 0) add("the descriptor of field ", list.mended + 1, " is damaged");
+    if (reading.mended) add("the field lengths do not add up to the record length ", said.record);
+    if (said.header != reading.first) {
+        add("the header length is ", said.header, ", the records begin at ", reading.first);
+    }
+    if (said.record != reading.shape.stride && !reading.mended) {
+        add("the record length is ", said.record, ", the fields take ", reading.shape.length);
+    }
+    return repairs;
+}
+
 }  // namespace
 
 Layout ownLayout(Source& source, const std::string& name) {
@@ -613,6 +632,7 @@ Layout ownLayout(Source& source, const std::string& name) {
     if (said.visual || list.form->level7)
         addAround(reader.starts, list.end + kBackLink, list.form->fixed);
     reader.listEnd = list.end;
+    reader.isMended = list.mends != 0;
     std::vector<std::vector<std::string>> lists{list.descriptors};
     for (const std::string& other : list.others) {
         lists.push_back(list.descriptors);
@@ -627,19 +647,12 @@ Layout ownLayout(Source& source, const std::string& name) {
     layout.shape = best.shape;
     layout.first = best.first;
     layout.counted = said.count;
-    layout.doubtful =
-        near || list.unsure || (list.mends != 0 && said.visual) || (best.mended && !best.byOffsets);
-    const auto repaired = [&](auto... parts) { layout.repairs.push_back(textOf(parts...)); };
-    if (list.ahead != 0) repaired("the header has lost or got bytes");
-    if (list.mends != 0) repaired("the descriptor of field ", list.mended + 1, " is damaged");
-    if (best.mended) repaired("the field lengths do not add up to the record length ", said.record);
-    if (said.header != best.first) {
-        repaired("the header length is ", said.header, ", the records begin at ", best.first);
+    layout.doubtful = near || list.unsure || (list.mends != 0 && said.visual) ||
+                      (best.mended ? !best.byOffsets : !best.confirmed);
+    layout.repairs = repairsOf(list, best, said);
+    if (layout.doubtful) {
+        layout.repairs.push_back("the fields may lie otherwise, so every record is doubtful");
     }
-    if (said.record != best.shape.stride && !best.mended) {
-        repaired("the record length is ", said.record, ", the fields take ", best.shape.length);
-    }
-    if (layout.doubtful) repaired("the fields may lie otherwise, so every record is doubtful");
     return layout;
 }
 

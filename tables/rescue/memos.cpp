@@ -175,6 +175,22 @@ DamagedMemos::Accord DamagedMemos::tryAll() {
     return accord;
 }
 
+/// Undoes a transfer as text where references go better with the file then.
+bool DamagedMemos::undoTextEnds(Accord& accord) {
+    Source found = std::move(*source_);
+    source_.emplace(path_);
+    source_->undoTextEnds();
+    const Accord undone = tryAll();
+    const bool better = undone.gain(accord, isText_);
+    if (better) {
+        accord = undone;
+    } else {
+        *source_ = std::move(found);
+        tryAll();
+    }
+    return better;
+}
+
 std::vector<std::string> DamagedMemos::settle() {
     std::vector<std::string> sentences;
     const u64 count = references_.size();
@@ -185,18 +201,9 @@ std::vector<std::string> DamagedMemos::settle() {
     std::sort(others_.begin(), others_.end());
     const u32 next = headerNumber(0, 4);
     Accord accord = tryAll();
-    if ((isText_ || !accord.isFull(count)) && source_->hasTextEnds()) {
-        Source found = std::move(*source_);
-        source_.emplace(path_);
-        source_->undoTextEnds();
-        const Accord undone = tryAll();
-        if (undone.gain(accord, isText_)) {
-            accord = undone;
-            sentences.push_back("the memo file has come through a transfer as text");
-        } else {
-            *source_ = std::move(found);
-            tryAll();
-        }
+    const bool mayBeText = isText_ || !accord.isFull(count);
+    if (mayBeText && source_->hasTextEnds() && undoTextEnds(accord)) {
+        sentences.push_back("the memo file has come through a transfer as text");
     }
     if (count == 0 || plan_.unit == 0) return sentences;
     if (plan_.lacking != 0) sentences.push_back("the memo file has lost its header");

@@ -64,6 +64,7 @@ private:
     u64 choose();
     void follow(Accord& accord);
     Accord tryAll();
+    bool undoTextEnds(Accord& accord);
 
     const std::string path_;
     std::optional<Source> source_;

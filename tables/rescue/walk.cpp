@@ -223,6 +223,10 @@ private:
             takeBad(place, std::min(place + stride_, end_));
             return std::min(place + stride_, end_);
         }
+        if (place + length_ > end_ && !isSlip(end_ - place)) {  // the file is cut there
+            takeBad(place, end_);
+            return end_;
+        }
         const u64 low = place >= anchor_ + stride_ ? place - stride_ + 1 : anchor_;
         double likelihood = 0;
         u64 next = bestIn(low, place + 2 * stride_, place, &likelihood);
