@@ -27,6 +27,8 @@ constexpr u32 kMovedRecords = 12;  // the same, for one of many readings
 constexpr double kMoveMargin = 10;
 constexpr u32 kMoves = 4;
 constexpr std::size_t kManyFields = 100;
+constexpr std::size_t kNear = 12;     // fields around one that may have changed with it
+constexpr u64 kTooMany = 20'000'000;  // bytes of records times fields: not tried any more
 constexpr double kMargin = 12;
 constexpr double kLikely = 1000;  // for what the header says of the record length
 constexpr double kAgreed = 1e6;   // when all its numbers agree with the file
@@ -327,7 +329,9 @@ public:
         // Only a header that else agrees with the file is to be believed more than descriptors
         // that look whole.
         const u64 all = u64{said_.count} * said_.record;
-        if (agrees || said_.record <= 1 || (!isMended && said_.header + all != end_)) return;
+        const bool tooMany = u64{said_.record} * lists[0].size() > kTooMany;
+        if (agrees || tooMany || said_.record <= 1 || (!isMended && said_.header + all != end_))
+            return;
         for (const auto& descriptors : lists) {
             lengths_ = Lengths::Full;
             addMended(descriptors);
@@ -405,7 +409,8 @@ private:
     bool move(std::vector<std::string>& best, std::size_t pivot, double& most) {
         const std::vector<std::string> from = best;
         const double before = most;
-        for (std::size_t i = 0; i < from.size(); ++i) {
+        const std::size_t first = pivot < kNear ? 0 : pivot - kNear;
+        for (std::size_t i = first; i < std::min(from.size(), pivot + kNear); ++i) {
             for (i64 bytes = -kSlip; bytes <= kSlip && i != pivot; ++bytes) {
                 std::vector<std::string> changed = from;
                 if (bytes == 0 || !give(changed[pivot], -bytes) || !give(changed[i], bytes))
