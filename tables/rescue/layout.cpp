@@ -628,6 +628,9 @@ Layout ownLayout(Source& source, const std::string& name) {
         refuse(name,
                ": its descriptors are lost; --like SOUND or --schema says which fields it has");
     }
+    if (source.byteAt(0) == 2 && (list.ahead != 0 || list.mends != 0)) {
+        refuse(name, ": tables of dBase II are not supported");
+    }
     std::string fixed = fixedHeader(source, list);
     const Said said = saidBy(fixed);
     Reader reader(source, said,
