@@ -108,6 +108,7 @@ struct Surface {
     void (*check)(Input&);
     std::size_t limit;
 };
-extern const Surface kArithmetic, kStrings, kFilter, kValues, kTable, kSession, kArrow, kIndex;
+extern const Surface kArithmetic, kStrings, kFilter, kValues, kTable, kSession, kArrow, kIndex,
+    kRepair;
 
 }  // namespace test

@@ -47,7 +47,7 @@ std::vector<std::string> realTables(std::size_t limit) {
 
 bool takesTables(const Surface* surface) {
     const std::string_view name = surface->name;
-    return name == "table" || name == "arrow";
+    return name == "table" || name == "arrow" || name == "repair";
 }
 
 /// Bytes set, put in and taken out, and the middle or the end replaced by those of another input.

@@ -19,6 +19,12 @@ constexpr u32 kNextPlace = 19;
 constexpr u32 kStepPlace = 23;
 constexpr u32 kNextPlace7 = 42;
 constexpr u64 kTableMost = 0x7FFFFFFF;
+constexpr char kTerminator = 0x0D;
+constexpr u32 kBackLink = 263;     // bytes before the records of a Visual FoxPro table
+constexpr u32 kLevel7Least = 128;  // by its first 128 bytes a level-7 table is told
+constexpr u32 kWork = 4;           // header bytes 12 to 15: a transaction under way, encryption
+constexpr u32 kFlags = 28 - 12;    // in DbfHeader::Rest
+constexpr u8 kMemoFlag = 2;        // 1 is an index file, 4 a database container
 
 /// The value after the largest of a field. The record buffer holds the last record then.
 u32 afterLargest(Table& table, const Column& column) {
@@ -117,6 +123,27 @@ std::string headerImage(const DbfHeader& header, u32 size) {
     put(header.RecordLength);
     image.append(reinterpret_cast<const char*>(header.Rest), sizeof header.Rest);
     image.resize(size);
+    return image;
+}
+
+std::string emptyHead(const Table& like) {
+    const DbfBase& from = *like.base;
+    std::string image(from.Header.HeaderLength, '\0');
+    const u32 end = from.HeaderSize + from.DescriptorSize * from.FieldCount;
+    if (from.FieldCount == 0 || end > image.size() ||
+        readFileAt(from.TableFile, 0, image.data(), static_cast<u32>(image.size())) < end) {
+        refuse(like.path, ": its structure cannot be copied");
+    }
+    if (end < image.size()) image[end] = kTerminator;
+    const bool linked = like.visual && image.size() >= end + 1 + kBackLink;
+    if (linked) std::memset(&image[image.size() - kBackLink], 0, kBackLink);
+    if (from.Level7 != 0 && image.size() < kLevel7Least) image.resize(kLevel7Least);
+    DbfHeader header = from.Header;
+    header.RecordCount = 0;
+    header.HeaderLength = static_cast<u16>(image.size());
+    std::memset(header.Rest, 0, kWork);
+    header.Rest[kFlags] &= kMemoFlag;
+    image.replace(0, from.HeaderSize, headerImage(header, from.HeaderSize));
     return image;
 }
 

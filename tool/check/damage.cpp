@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
 #include "check/indexdamage.h"
 #include "check/memodamage.h"
 #include "select/records.h"
 #include "tables/open/open.h"
+#include "tables/rescue/walk.h"
 
 namespace mira::tool {
 namespace {
@@ -53,6 +55,20 @@ void checkNullFlags(const Table& table, const Report& report) {
     if (bits <= 8 * table.nullLength) return;
     report({.what = fmt::format("the null flags hold {} bits, the fields need {}",
                                 8 * table.nullLength, bits)});
+}
+
+/// Header bytes 14 and 15 are 1 in tables of dBase IV and those that followed it; FoxPro's mean
+/// nothing by them.
+void checkWork(const Table& table, const Report& report) {
+    constexpr std::size_t kTransaction = 14 - 12, kEncrypted = 15 - 12;  // in Rest
+    if (table.memoFormat == MemoFormat::FoxPro) return;
+    const u8* const rest = table.base->Header.Rest;
+    if (rest[kTransaction] == 1) {
+        report({.isNote = true, .what = "a transaction was not finished (header byte 14)"});
+    }
+    if (rest[kEncrypted] == 1) {
+        report({.isNote = true, .what = "its records are encrypted (header byte 15)"});
+    }
 }
 
 bool hasEndByte(const Table& table, u32 records) {
@@ -150,6 +166,8 @@ struct RecordCheck {
     MemoReferences memos;
     std::vector<const Column*> columns{};  // that can fail
     Faults faults{};                       // letters that the code page lacks
+    bool shiftSought = false;
+    std::optional<Shift> shift{};
 };
 
 void checkCells(RecordCheck& check, const Report& report) {
@@ -169,10 +187,25 @@ void checkCells(RecordCheck& check, const Report& report) {
     }
 }
 
+/// Records that lie elsewhere are one finding, and nothing in them is looked at.
+bool isShifted(RecordCheck& check, const Report& report) {
+    if (!check.shiftSought) {
+        check.shiftSought = true;
+        check.shift = shiftOf(*check.cells.table);
+        if (!check.shift) return false;
+        report(
+            {.what = fmt::format("shifted by {} bytes from record {} on; `mira repair` saves them",
+                                 check.shift->bytes, u64{check.shift->record} + 1)});
+    }
+    return check.shift && check.cells.record >= check.shift->record;
+}
+
 void checkRecord(RecordCheck& check, const Report& report) {
     const Table& table = *check.cells.table;
     const u8 mark = table.base->RecordBuffer[0];
-    if (mark != ' ' && mark != '*') {
+    const bool marked = mark == ' ' || mark == '*';
+    if ((!marked || check.shift) && isShifted(check, report)) return;
+    if (!marked) {
         report({.record = u64{check.cells.record} + 1,
                 .what = fmt::format("the deletion byte is {:02X}, neither blank nor \"*\"", mark)});
     }
@@ -208,6 +241,7 @@ std::string lineOf(const Table& table, const Finding& finding) {
 void checkTable(Table& table, const Report& report) {
     checkHeader(table, report);
     checkNullFlags(table, report);
+    checkWork(table, report);
     if (table.strayBytes == 0) checkEndByte(table, report);
     checkMemoName(table, report);
     RecordCheck check{CellReader(table), memoReferencesOf(table)};

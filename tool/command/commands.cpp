@@ -25,14 +25,15 @@ void addReindex(CLI::App& program, Job& job);
 void addUndo(CLI::App& program, Job& job);
 void addCheck(CLI::App& program, Job& job);
 void addDiff(CLI::App& program, Job& job);
+void addRepair(CLI::App& program, Job& job);
 void addHelp(CLI::App& program, Job& job);
 void addCompletion(CLI::App& program, Job& job);
 namespace {
 using AddCommand = void (*)(CLI::App& program, Job& job);
 constexpr AddCommand kCommands[] = {
-    addInfo,   addTables,  addShow, addExport, addQuery, addMemo,   addImport,
-    addAppend, addAdd,     addSet,  addDelete, addAlter, addRecall, addPack,
-    addZap,    addReindex, addUndo, addCheck,  addDiff,  addHelp,   addCompletion};
+    addInfo, addTables, addShow,   addExport, addQuery,  addMemo,      addImport, addAppend,
+    addAdd,  addSet,    addDelete, addAlter,  addRecall, addPack,      addZap,    addReindex,
+    addUndo, addCheck,  addDiff,   addRepair, addHelp,   addCompletion};
 }  // namespace
 
 void addCommands(CLI::App& program, Job& job) {

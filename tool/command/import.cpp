@@ -9,15 +9,14 @@
 
 #include "command/change.h"
 #include "command/commands.h"
+#include "command/newtable.h"
 #include "input/csvreader.h"
 #include "input/mapping.h"
 #include "input/notation.h"
 #include "input/schema.h"
 #include "select/opening.h"
 #include "tables/change/append.h"
-#include "tables/change/recovery.h"
 #include "tables/change/swap.h"
-#include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "tables/page/utf8.h"
@@ -302,21 +301,6 @@ Status append(const Options& options, CsvReader& csv, const std::vector<std::str
 // A new table
 // ---------------------------------------------------------------------------------------------
 
-/// Where the new table goes: a name without extension gets ".dbf".
-Target newTarget(const Options& options) {
-    fs::path path = options.table;
-    if (path.extension().empty()) path += ".dbf";
-    Target target = targetOf(path.string());
-    if (!target.regular || target.path.empty()) {
-        refuse(options.table, ": a table is a file of its own, no pipe or device");
-    }
-    const std::string other = target.exists ? target.path : inAnyCase(target.path);
-    if (!other.empty() && !options.change.force) {
-        refuse(other, ": exists; --append adds to it, --force replaces it");
-    }
-    return target;
-}
-
 struct Plan {
     std::unique_ptr<Table> like;
     std::vector<FieldPlan> fields;
@@ -367,32 +351,6 @@ Mapping newMapping(const Plan& plan, const Options& options, const Table& table,
     return mapping;
 }
 
-/// Where the memo file of a new table goes; empty when it has none.
-fs::path memoTarget(const Table& table, const Target& target) {
-    const fs::path made = memoFileOf(table);
-    return made.empty() ? made : fs::path(target.path).replace_extension(made.extension());
-}
-
-void checkFree(const Table& table, const Target& target, const Options& options) {
-    std::error_code ignored;
-    for (const fs::path& path : {memoTarget(table, target), fs::path(target.path)}) {
-        if (options.change.force || !fs::exists(path, ignored)) continue;
-        refuse(path.string(), ": exists; --force replaces it");
-    }
-}
-
-/// The table that is there, locked; null when there is none, or nothing that needs a backup.
-std::unique_ptr<Table> openOld(const Target& target, const Options& options) {
-    tellRecovery(recoverNamed(target.path));
-    if (!target.exists) return nullptr;
-    try {
-        return openToChange(target.path, {});
-    } catch (const Refusal&) {
-        if (!options.change.noBackup) throw;
-        return nullptr;
-    }
-}
-
 /// The index that is made anew for a table that is replaced.
 IndexPlan indexOf(const Table* old, const Target& target, const Options& options) {
     if (old != nullptr) return tool::indexOf(*old, options.change);
@@ -405,15 +363,16 @@ IndexPlan indexOf(const Table* old, const Target& target, const Options& options
 }
 
 Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
-    const Target target = newTarget(options);
+    const Target target =
+        newTableTarget(options.table, options.change, "--append adds to it, --force replaces it");
     const Plan plan = planTable(options, csv, headings);
-    const std::unique_ptr<Table> old = openOld(target, options);
+    const std::unique_ptr<Table> old = openOld(target, options.change);
     std::optional<Swap> swap;
     old ? swap.emplace(target.path, memoFileOf(*old)) : swap.emplace(target.path);
     makeEmptyTable({target.path, swap->newTable()}, plan, options);
     auto table = openTable(swap->newTable(), {.codePage = plan.codePage, .writable = true});
     table->path = target.path;  // for messages: there it will be
-    checkFree(*table, target, options);
+    checkFree(*table, target, options.change);
     Importer importer{*table, csv, notationOf(options.decimal, options.dates),
                       newMapping(plan, options, *table, headings, csv.name())};
     importer.isNew = true;
@@ -421,7 +380,7 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     takeRows(importer, Pass::Write, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
-    checkFree(*table, target, options);
+    checkFree(*table, target, options.change);
     const IndexPlan index = indexOf(old.get(), target, options);
     const std::string memos = memoTarget(*table, target).filename().string();
     leaveIfStopped();

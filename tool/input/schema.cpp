@@ -7,6 +7,7 @@
 #include <memory>
 #include <set>
 
+#include "tables/change/append.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
 
@@ -16,12 +17,9 @@ namespace {
 constexpr u32 kVersionPlace = 0, kLengthPlace = 8, kFlagsPlace = 28, kMarkPlace = 29;
 constexpr u8 kVisualVersion = 0x30, kLevel7Version = 0x04;
 constexpr u8 kCountingVersion = 0x31, kVariableVersion = 0x32;  // of Visual FoxPro
-constexpr u8 kMemoFlag = 2;     // header byte 28; 1 is an index file, 4 a database container
-constexpr u32 kWorkPlace = 12;  // header bytes 12 to 15: a transaction under way, encryption
+constexpr u8 kMemoFlag = 2;  // header byte 28; 1 is an index file, 4 a database container
 constexpr u32 kDescriptor = 32, kDecimalsPlace = 17,
               kFieldFlagsPlace = 18;  // next value and step follow the flags
-constexpr u32 kBackLink = 263;        // bytes before the records of a Visual FoxPro table
-constexpr char kTerminator = 0x0D;
 
 constexpr unsigned kNameLength = 10, kNameLength7 = 31;
 constexpr unsigned kTextMost = 254;        // what every program reads
@@ -486,31 +484,14 @@ void makeTable(const Target& target, const std::vector<FieldPlan>& fields, Table
 
 void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize) {
     const DbfBase& from = *like.base;
-    std::string image(from.Header.HeaderLength, '\0');
-    const u32 end = from.HeaderSize + from.DescriptorSize * from.FieldCount;
-    if (from.FieldCount == 0 || end > image.size() ||
-        readFileAt(from.TableFile, 0, image.data(), static_cast<u32>(image.size())) < end) {
-        refuse(like.path, ": its structure cannot be copied");
-    }
-    const DbfHeader& header = from.Header;
-    image[0] = static_cast<char>(header.Version);
-    std::memset(&image[4], 0, 4);
-    image[10] = static_cast<char>(header.RecordLength & 0xFF);
-    image[11] = static_cast<char>(header.RecordLength >> 8);
-    std::memset(&image[kWorkPlace], 0, 4);
-    image[kFlagsPlace] = static_cast<char>(image[kFlagsPlace] & kMemoFlag);
+    std::string image = emptyHead(like);
     if (mark != 0) image[kMarkPlace] = static_cast<char>(mark);
-    if (end < image.size()) image[end] = kTerminator;
-    const bool linked = like.visual && image.size() >= end + 1 + kBackLink;
-    if (linked) std::memset(&image[image.size() - kBackLink], 0, kBackLink);
-
     File file(std::fopen(target.path.c_str(), "wbx"));
     if (!file ||
         WriteFile(file.get(), image.data(), static_cast<i32>(image.size())) != image.size() ||
         std::fclose(file.release()) != 0) {
         refuse(target.name, ": cannot be written");
     }
-    if (from.Level7 != 0) lengthenHeader(target);
     if (from.FirstMemoField == -1) return;
     const u32 unit = blockSize != 0 ? blockSize : GetBlockSize(like.base.get());
     if (CreateMemoFile(target.path.c_str(), GetMemoType(like.base.get()), unit) == 0) {
