@@ -77,8 +77,7 @@ public:
             refuse(table.path, ": the new memo file cannot be read");
         }
         unit_ = unit != 0 ? unit : 512;
-        next_ = bigEndian() ? loadBe32(reinterpret_cast<const u8*>(header.data()))
-                            : loadLe<u32>(header.data());
+        next_ = memoNumber(table, reinterpret_cast<const u8*>(header.data()));
         file_.emplace(std::move(file), table.path);
         file_->put(header);
     }
@@ -95,15 +94,12 @@ public:
     }
 
     void finish() {
-        auto next = bytesLe(next_);
-        if (bigEndian()) std::reverse(next.begin(), next.end());
+        const auto next = memoBytes(table_, next_);
         file_->flush();
         file_->patch(0, {reinterpret_cast<const char*>(next.data()), next.size()});
     }
 
 private:
-    bool bigEndian() const { return table_.memoFormat == MemoFormat::FoxPro; }
-
     Table& table_;
     std::optional<Written> file_;
     u32 unit_ = 0, next_ = 0;

@@ -10,32 +10,42 @@ bool isCounting(const Column& column) {
     return column.type == '+' || (column.kind == Kind::Integer && (column.flags & kCounting) != 0);
 }
 
-Kind heldKind(const Column& column) {
-    if (column.kind != Kind::Text) return column.kind;
-    switch (column.type) {
-        case 'N':
-        case 'F':
-            return Kind::Decimal;
-        case 'D':
+Kind kindOf(FieldClass stored, char type) {
+    switch (stored) {
+        case FieldClass::None:
+        case FieldClass::System:
+            return Kind::Bytes;
+        case FieldClass::Text:
+            return type == 'V' ? Kind::Varchar : type == 'Q' ? Kind::Varbinary : Kind::Text;
+        case FieldClass::Logical:
+            return Kind::Logical;
+        case FieldClass::Date:
             return Kind::Date;
-        case 'T':
-        case '@':
+        case FieldClass::Moment:
             return Kind::Moment;
-        default:
-            return Kind::Text;
+        case FieldClass::Decimal:
+            return Kind::Decimal;
+        case FieldClass::Integer:
+            return Kind::Integer;
+        case FieldClass::Double:
+            return Kind::Double;
+        case FieldClass::Currency:
+            return Kind::Currency;
+        case FieldClass::Memo:
+            return type == 'M' ? Kind::Memo : Kind::Blob;
     }
+    return Kind::Bytes;
 }
 
-bool isOfNumbers(const Column& column) {
-    switch (heldKind(column)) {
-        case Kind::Decimal:
-        case Kind::Integer:
-        case Kind::Double:
-        case Kind::Currency:
-            return true;
-        default:
-            return false;
-    }
+bool isOfDigits(const Column& column, Kind kind) {
+    return kind == Kind::Decimal || kind == Kind::Date ||
+           (kind == Kind::Moment && column.length != 8);
+}
+
+Kind heldKind(const Column& column) {
+    const Kind kind = kindOf(column.stored, column.type);
+    const bool asStored = column.kind == Kind::Text && isOfDigits(column, kind);
+    return asStored ? kind : column.kind;
 }
 
 const Column* findColumn(const Table& table, std::string_view name) {
@@ -86,7 +96,7 @@ u32 readRecords(const Table& table, u32 first, u32 count, void* to) {
 
 std::string memoFileOf(const Table& table) {
     const DbfBase& base = *table.base;
-    return base.FirstMemoField != -1 && base.MemoFileName != nullptr ? base.MemoFileName : "";
+    return table.hasMemos && base.MemoFileName != nullptr ? base.MemoFileName : "";
 }
 
 bool isReplaced(const Table& table) {

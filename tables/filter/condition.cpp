@@ -119,8 +119,7 @@ std::string momentDigits(const Moment& moment, bool withTime) {
 }
 
 bool isOfDates(const Column& column) {
-    const Kind kind = heldKind(column);
-    return kind == Kind::Date || kind == Kind::Moment;
+    return kindRow(heldKind(column)).compared == Compared::Dates;
 }
 
 /// Whether a text calls a function of the library.
@@ -319,7 +318,7 @@ bool passes(CellReader& cells, const FieldTest& test) {
     const Table& table = *cells.table;
     const Column& column = test.column;
     bool answer = false;
-    if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
+    if (kindRow(column.kind).compared == Compared::Memos) {
         const MemoReference reference = memoReference(table, column);
         answer = isNull(table, column) ||
                  (reference.isReference && reference.block == 0 && reference.length == 0);
@@ -343,7 +342,12 @@ bool passes(CellReader& cells, const FieldTest& test) {
             answer = test.asked ==
                      (value.integer != 0 ? FieldTest::Asked::True : FieldTest::Asked::False);
             break;
-        default:
+        case ValueKind::Digits:
+        case ValueKind::Integer:
+        case ValueKind::Real:
+        case ValueKind::Currency:
+        case ValueKind::Date:
+        case ValueKind::Moment:
             break;
     }
     return answer == test.wanted;
@@ -353,23 +357,19 @@ std::string libraryCondition(const Table& table, const FilterCondition& conditio
                              std::vector<FieldTest>& tests, std::vector<std::string>& notes) {
     const Writer writer{table, condition, tests, notes};
     if (bare(condition.right).empty()) return blankTest(writer);
-    switch (heldKind(*condition.column)) {
-        case Kind::Decimal:
-        case Kind::Integer:
-        case Kind::Double:
-        case Kind::Currency:
-            return ofNumbers(writer);
-        case Kind::Date:
-        case Kind::Moment:
-            return ofDates(writer);
-        case Kind::Logical:
-            return ofLogicals(writer);
-        case Kind::Memo:
-        case Kind::Blob:
-            return ofMemos(writer);
-        default:
+    switch (kindRow(heldKind(*condition.column)).compared) {
+        case Compared::Texts:
             return ofTexts(writer);
+        case Compared::Numbers:
+            return ofNumbers(writer);
+        case Compared::Dates:
+            return ofDates(writer);
+        case Compared::Logicals:
+            return ofLogicals(writer);
+        case Compared::Memos:
+            return ofMemos(writer);
     }
+    return "";
 }
 
 }  // namespace mira::tables

@@ -20,16 +20,7 @@ struct Options {
 };
 
 bool isNumber(const Column& column) {
-    switch (column.kind) {
-        case Kind::Decimal:
-        case Kind::Integer:
-        case Kind::Double:
-        case Kind::Currency:
-        case Kind::RecordNumber:
-            return true;
-        default:
-            return column.kind == Kind::Calculated && column.numeric;
-    }
+    return kindRow(column.kind).compared == Compared::Numbers || column.numeric;
 }
 
 /// A cell as it is shown, without control characters.

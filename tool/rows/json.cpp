@@ -56,7 +56,8 @@ public:
             case ValueKind::Real:
                 if (!std::isfinite(value.real)) return out_.put("null");
                 [[fallthrough]];
-            default:
+            case ValueKind::Integer:
+            case ValueKind::Logical:
                 text_.clear();
                 putPlain(text_, value);
                 return out_.put(text_);
