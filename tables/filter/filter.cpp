@@ -68,7 +68,6 @@ std::optional<Parts> partsOf(const Table& table, const std::string& filter, u32 
     // Connectives and the parentheses of groups end before it.
     const std::string_view before = std::string_view(filter).substr(after, sign - after);
     parts.first += before.find_last_of("&|()") + 1;
-    while (parts.first < parts.end && filter[parts.first] == ' ') ++parts.first;
     // A name may hold the sign itself, as in "FIRST-NAME".
     const std::size_t comparing = filter.find_first_of(kComparing, sign);
     if (comparing < parts.end && comparing != sign &&
@@ -239,12 +238,13 @@ LibraryFilter checkedFilter(const Table& table, std::string_view given) {
     LibraryFilter checked;
     std::size_t after = 0;
     for (u32 number = 0; auto parts = partsOf(table, filter, number, after); ++number) {
+        checked.text.append(filter, after, parts->first - after);
         // Blanks beside a connective are no part of the texts, as they are for the library.
         const std::size_t end = parts->end;
+        while (parts->first < parts->sign && filter[parts->first] == ' ') ++parts->first;
         while (end != filter.size() && parts->end > parts->right && filter[parts->end - 1] == ' ') {
             --parts->end;
         }
-        checked.text.append(filter, after, parts->first - after);
         checked.text += checkedCondition(table, filter, *parts, checked);
         after = end;
     }
