@@ -28,7 +28,7 @@ struct Options {
     TableNames tables;
     SelectOptions select;
     std::string out;
-    Format format = Format::None;
+    const Format* format = nullptr;
     WriterOptions writer;
     bool noHeading = false;
     std::string delimiter;
@@ -37,35 +37,14 @@ struct Options {
     bool replace = false, append = false, schema = false;
 };
 
-/// A format and the extension of its files; the first extension of a format is the one written.
-constexpr std::pair<const char*, Format> kExtensions[] = {
-    {".csv", Format::Csv},         {".tsv", Format::Tsv},          {".json", Format::Json},
-    {".jsonl", Format::JsonLines}, {".ndjson", Format::JsonLines}, {".db", Format::Sqlite},
-    {".sqlite", Format::Sqlite},   {".sqlite3", Format::Sqlite}};
-constexpr std::pair<const char*, Format> kFormats[] = {{"csv", Format::Csv},
-                                                       {"tsv", Format::Tsv},
-                                                       {"json", Format::Json},
-                                                       {"jsonl", Format::JsonLines},
-                                                       {"sqlite", Format::Sqlite}};
-
-const char* extensionOf(Format format) {
-    return std::find_if(std::begin(kExtensions), std::end(kExtensions),
-                        [&](const auto& row) { return row.second == format; })
-        ->first;
-}
-
 bool isFolder(const std::string& name) {
     std::error_code ignored;
     return fs::is_directory(name, ignored);
 }
 
-/// What the name of the output says; None when nothing.
-Format formatOfName(const std::string& out) {
-    const std::string extension = foldCase(fs::path(out).extension().string());
-    for (const auto& [known, format] : kExtensions) {
-        if (extension == known) return format;
-    }
-    return Format::None;
+/// What the name of the output says; null when nothing.
+const Format* formatOfName(const std::string& out) {
+    return formatOfExtension(fs::path(out).extension().string());
 }
 
 /// The work of one call: the tables and what was done with them.
@@ -115,27 +94,34 @@ void countTable(Work& work, const Selection& selection) {
     work.faulty += faulty ? 1 : 0;
 }
 
+void copyRows(Selection& selection, RowWriter& writer) {
+    const std::vector<Column>& columns = selection.columns;
+    Value value;
+    while (nextRow(selection)) {
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            readCell(selection, columns[i], value);
+            writer.cell(i, value);
+            if (std::exchange(writer.rounded, false)) {
+                countFault(selection.faults, Fault::Rounded, selection.cells.record, columns[i]);
+            }
+        }
+        writer.endRow();
+    }
+}
+
 // --------------------------------------------------------------------------------------------
 // Texts
 // --------------------------------------------------------------------------------------------
 
 void writeText(Work& work, Selection& selection, const Target& target) {
     Output out(target, work.options.force);
-    const std::unique_ptr<RowWriter> writer = textWriter(out, work.options.writer);
+    const std::unique_ptr<RowWriter> writer = work.options.format->make(out, work.options.writer);
     std::vector<Heading> headings;
     for (const Column& column : selection.columns) {
         headings.push_back({column.name, column.mayBeNull()});
     }
     writer->begin(headings);
-    const std::vector<Column>& columns = selection.columns;
-    Value value;
-    while (nextRow(selection)) {
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            readCell(selection, columns[i], value);
-            writer->cell(i, value);
-        }
-        writer->endRow();
-    }
+    copyRows(selection, *writer);
     writer->end();
     out.finish();
     if (writer->guarded != 0) {
@@ -215,7 +201,7 @@ void nameTargets(Work& work) {
         work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
     } else {
         for (const FoundTable& table : work.tables) {
-            const std::string name = stemOf(table.path) + extensionOf(options.writer.format);
+            const std::string name = stemOf(table.path) + extensionOf(*options.format);
             work.targets.push_back(targetOf((fs::path(options.out) / table.below / name).string()));
             work.targets.back().source = table.path;
         }
@@ -259,20 +245,8 @@ void exportTable(Work& work, Selection& selection, Database& database) {
     const std::string& path = selection.table->path;
     const std::string name = database.freeName(stemOf(path));
     tellOtherName(name, path);
-    database.addTable(name, selection.columns);
-    const std::vector<Column>& columns = selection.columns;
-    Value value;
-    while (nextRow(selection)) {
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            readCell(selection, columns[i], value);
-            const Stored stored = storedAs(columns[i], value);
-            if (stored.rounded) {
-                countFault(selection.faults, Fault::Rounded, selection.cells.record, columns[i]);
-            }
-            database.cell(i, stored, lastsForRecord(*selection.table, value.text));
-        }
-        database.endRow();
-    }
+    database.addTable(name, *selection.table, selection.columns);
+    copyRows(selection, database);
     countTable(work, selection);
 }
 
@@ -335,10 +309,9 @@ void exportSchema(Work& work) {
 
 /// Throws a Refusal for options that mean nothing to the format.
 void refuseMeaningless(const Options& options) {
-    const Format format = options.writer.format;
-    const bool csv = format == Format::Csv && !options.schema;
-    const bool lines = csv || (format == Format::Tsv && !options.schema);
-    const bool sqlite = format == Format::Sqlite || options.schema;
+    const bool csv = options.format->has(kTakesDelimiter) && !options.schema;
+    const bool lines = options.format->has(kTakesLines) && !options.schema;
+    const bool sqlite = options.format->has(kTakesTables) || options.schema;
     const auto check = [](bool given, bool meant, const char* option, const char* formats) {
         if (given && !meant) refuse(option, " is for ", formats, " only");
     };
@@ -356,19 +329,18 @@ void refuseMeaningless(const Options& options) {
 /// Completes the options of a writer.
 void chooseFormat(Work& work) {
     Options& options = work.options;
-    Format& format = options.format;
+    const Format*& format = options.format;
     const bool named = !options.out.empty() && options.out != "-" && !isFolder(options.out);
-    if (format == Format::None && named) format = formatOfName(options.out);
+    if (format == nullptr && named) format = formatOfName(options.out);
     const bool special = named && !targetOf(options.out).regular;
-    if (format == Format::None && named && !work.several && !options.schema && !special) {
-        refuse(options.out, ": its name tells no format; -F csv, tsv, json, jsonl or sqlite does");
+    if (format == nullptr && named && !work.several && !options.schema && !special) {
+        refuse(options.out, ": its name tells no format; -F ", namesOf(fileFormats()), " does");
     }
-    if (format == Format::None) format = Format::Csv;
-    if (work.several && named && !options.schema && format != Format::Sqlite &&
-        formatOfName(options.out) != Format::None) {
+    if (format == nullptr) format = fileFormats().front().second;
+    if (work.several && named && !options.schema && !format->has(kTakesTables) &&
+        formatOfName(options.out) != nullptr) {
         refuse(options.out, ": several tables go into a folder or a database");
     }
-    options.writer.format = format;
     refuseMeaningless(options);
     options.writer.heading = !options.noHeading;
     if (!options.delimiter.empty()) options.writer.delimiter = delimiterOf(options.delimiter);
@@ -386,7 +358,7 @@ Status run(const Options& options) {
         findWithFoldersToRead(options.tables.names, options.tables.recursive, &work.listing);
     work.several = work.tables.size() > 1 || isFolder(options.tables.names.front());
     chooseFormat(work);
-    const bool database = work.options.format == Format::Sqlite;
+    const bool database = work.options.format->has(kTakesTables);
     if (options.schema && (!database || options.out.empty())) {
         exportSchema(work);
     } else if (database) {
@@ -415,7 +387,7 @@ void addExport(CLI::App& program, Job& job) {
     command
         .add_option("-o,--output", options.out, "File, folder or database; - for standard output")
         ->type_name("OUT");
-    addChoice(command, "-F,--format", "csv, tsv, json, jsonl or sqlite", "FORMAT", kFormats,
+    addChoice(command, "-F,--format", namesOf(fileFormats()), "FORMAT", fileFormats(),
               options.format);
     command.add_flag("--force", options.force, "Replace files that are there");
     addCount(command, "-j,--jobs", "Tables at a time (default: processors)", options.jobs);

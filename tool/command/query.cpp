@@ -1,11 +1,8 @@
 // mira query: SQL over tables.
-#include <unistd.h>
-
 #include <set>
 
 #include "command/commands.h"
 #include "rows/database.h"
-#include "rows/grid.h"
 #include "rows/writer.h"
 #include "select/opening.h"
 #include "select/selection.h"
@@ -19,18 +16,12 @@
 namespace mira::tool {
 namespace {
 
-constexpr std::pair<const char*, Format> kFormats[] = {{"table", Format::None},
-                                                       {"csv", Format::Csv},
-                                                       {"tsv", Format::Tsv},
-                                                       {"json", Format::Json},
-                                                       {"jsonl", Format::JsonLines}};
-
 constexpr std::string_view kBlanks = " \t\r\n";
 
 struct Options {
     std::string sql;
     TableNames tables;
-    Format format = Format::None;
+    const Format* format = shownFormats().front().second;
     bool write = false;
     Deleted deleted = Deleted::Skip;
     TableOptions table;
@@ -165,37 +156,8 @@ bool step(sqlite3* connection, sqlite3_stmt* statement) {
     return result == SQLITE_ROW;
 }
 
-/// Rows are kept until the widths are known.
-u64 printGrid(Output& out, sqlite3* connection, sqlite3_stmt* statement) {
-    Grid grid;
-    grid.lineWidth = terminalWidth(STDOUT_FILENO);
-    for (const Heading& heading : headingsOf(statement)) {
-        grid.columns.push_back({escaped(heading.name), true, 0});
-    }
-    std::vector<std::vector<std::string>> rows;
-    while (step(connection, statement)) {
-        std::vector<std::string>& row = rows.emplace_back();
-        for (std::size_t i = 0; i < grid.columns.size(); ++i) {
-            const Value value = valueOf(statement, static_cast<int>(i));
-            std::string& text = row.emplace_back();
-            if (value.kind == ValueKind::Null) {
-                text = "NULL";
-            } else if (value.kind == ValueKind::Text) {
-                putEscaped(text, value.text);
-                grid.columns[i].right = false;
-            } else {
-                putPlain(text, value);
-            }
-        }
-    }
-    if (!rows.empty()) putGrid(out, grid, rows);
-    return rows.size();
-}
-
-u64 printRows(Output& out, Format format, sqlite3* connection, sqlite3_stmt* statement) {
-    WriterOptions options;
-    options.format = format;
-    const std::unique_ptr<RowWriter> writer = textWriter(out, options);
+u64 printRows(Output& out, const Format& format, sqlite3* connection, sqlite3_stmt* statement) {
+    const std::unique_ptr<RowWriter> writer = format.make(out, {});
     const std::vector<Heading> headings = headingsOf(statement);
     writer->begin(headings);
     u64 rows = 0;
@@ -210,7 +172,7 @@ u64 printRows(Output& out, Format format, sqlite3* connection, sqlite3_stmt* sta
 }
 
 /// Runs a statement and prints its answer, or how many records it has changed.
-void runStatement(Output& out, Format format, sqlite3* connection, sqlite3_stmt* statement) {
+void runStatement(Output& out, const Format& format, sqlite3* connection, sqlite3_stmt* statement) {
     const int before = sqlite3_total_changes(connection);
     if (sqlite3_column_count(statement) == 0) {
         step(connection, statement);
@@ -220,12 +182,10 @@ void runStatement(Output& out, Format format, sqlite3* connection, sqlite3_stmt*
         }
         return;
     }
-    const u64 rows = format == Format::None ? printGrid(out, connection, statement)
-                                            : printRows(out, format, connection, statement);
-    if (rows == 0) note("0 rows");
+    if (printRows(out, format, connection, statement) == 0) note("0 rows");
 }
 
-void runAll(Output& out, Format format, sqlite3* connection, const std::string& sql) {
+void runAll(Output& out, const Format& format, sqlite3* connection, const std::string& sql) {
     const char* rest = sql.c_str();
     bool any = false;
     while (*rest != 0) {
@@ -246,7 +206,7 @@ Status run(const Options& options) {
     const Connection connection = openConnection(options, &lost);
     const Status attached = attachTables(connection.get(), options);
     Output out(targetOf("-"), false);
-    runAll(out, options.format, connection.get(), options.sql);
+    runAll(out, *options.format, connection.get(), options.sql);
     out.finish();
     return attached == kDone && !lost ? kDone : kFound;
 }
@@ -265,8 +225,8 @@ void addQuery(CLI::App& program, Job& job) {
         ->required();
     addTableNames(command, options.tables)
         ->description("Tables and folders; the current folder by default");
-    addChoice(command, "-F,--format", "table (default), csv, tsv, json, jsonl", "FORMAT", kFormats,
-              options.format);
+    addChoice(command, "-F,--format", namesOf(shownFormats()) + "; a table by default", "FORMAT",
+              shownFormats(), options.format);
     command.add_flag("--write", options.write, "Allow INSERT, UPDATE, DELETE; makes backups");
     command.add_flag("--exact", options.table.exact,
                      "Numbers that may have more than 15 digits as text, all digits kept");

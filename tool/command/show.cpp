@@ -3,7 +3,6 @@
 
 #include "command/commands.h"
 #include "rows/grid.h"
-#include "rows/writer.h"
 #include "select/selection.h"
 #include "terminal/message.h"
 
@@ -11,7 +10,6 @@ namespace mira::tool {
 namespace {
 
 constexpr u64 kTerminalRows = 50;
-constexpr std::string_view kNull = "NULL";
 
 struct Options {
     std::string table;
@@ -28,13 +26,7 @@ void readShown(Selection& selection, const Column& column, std::string& text) {
     Value value;
     readCell(selection, column, value);
     text.clear();
-    if (value.kind == ValueKind::Null) {
-        text = kNull;
-    } else if (value.kind == ValueKind::Text) {
-        putEscaped(text, value.text);
-    } else {
-        putPlain(text, value);
-    }
+    putShown(text, value);
 }
 
 /// Deleted records carry a mark in front where they are shown at all.
