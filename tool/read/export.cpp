@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "command/commands.h"
+#include "command/command.h"
 #include "rows/database.h"
 #include "rows/writer.h"
 #include "select/opening.h"

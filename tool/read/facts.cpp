@@ -1,4 +1,4 @@
-#include "command/facts.h"
+#include "read/facts.h"
 
 #include "select/records.h"
 

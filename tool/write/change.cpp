@@ -1,4 +1,4 @@
-#include "command/change.h"
+#include "write/change.h"
 
 #include <utility>
 

@@ -1,8 +1,8 @@
 // mira set: values into the fields of chosen records.
-#include "command/change.h"
-#include "command/commands.h"
+#include "command/command.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
+#include "write/change.h"
 
 namespace mira::tool {
 namespace {

@@ -4,12 +4,12 @@
 #include <filesystem>
 
 #include "check/memoloss.h"
-#include "command/change.h"
-#include "command/commands.h"
-#include "command/facts.h"
+#include "command/command.h"
+#include "read/facts.h"
 #include "tables/change/swap.h"
 #include "tables/value/memo.h"
 #include "terminal/message.h"
+#include "write/change.h"
 
 namespace mira::tool {
 namespace {

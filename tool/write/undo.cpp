@@ -1,7 +1,7 @@
 // mira undo: the newest backup back in place.
 #include "tables/change/undo.h"
 
-#include "command/commands.h"
+#include "command/command.h"
 #include "terminal/message.h"
 
 namespace mira::tool {

@@ -1,37 +1,9 @@
-#include "command/commands.h"
+#include "command/command.h"
 
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
-
-// The table of commands. Each stands in a file of its name.
-void addInfo(CLI::App& program, Job& job);
-void addTables(CLI::App& program, Job& job);
-void addShow(CLI::App& program, Job& job);
-void addExport(CLI::App& program, Job& job);
-void addQuery(CLI::App& program, Job& job);
-void addMemo(CLI::App& program, Job& job);
-void addImport(CLI::App& program, Job& job);
-void addSet(CLI::App& program, Job& job);
-void addDelete(CLI::App& program, Job& job);
-void addRecall(CLI::App& program, Job& job);
-void addPack(CLI::App& program, Job& job);
-void addZap(CLI::App& program, Job& job);
-void addUndo(CLI::App& program, Job& job);
-void addCheck(CLI::App& program, Job& job);
-void addHelp(CLI::App& program, Job& job);
-void addCompletion(CLI::App& program, Job& job);
-namespace {
-using AddCommand = void (*)(CLI::App& program, Job& job);
-constexpr AddCommand kCommands[] = {
-    addInfo,   addTables, addShow, addExport, addQuery, addMemo,  addImport, addSet,
-    addDelete, addRecall, addPack, addZap,    addUndo,  addCheck, addHelp,   addCompletion};
-}  // namespace
-
-void addCommands(CLI::App& program, Job& job) {
-    for (const AddCommand add : kCommands) add(program, job);
-}
 
 std::string nearestCommand(const CLI::App& program, const std::string& name) {
     std::vector<std::string> names;

@@ -3,8 +3,7 @@
 
 #include <filesystem>
 
-#include "command/change.h"
-#include "command/commands.h"
+#include "command/command.h"
 #include "rows/output.h"
 #include "rows/writer.h"
 #include "select/opening.h"
@@ -12,6 +11,7 @@
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
 #include "terminal/message.h"
+#include "write/change.h"
 
 namespace mira::tool {
 namespace {

@@ -3,12 +3,12 @@
 
 #include <cstdio>
 
-#include "command/change.h"
-#include "command/commands.h"
+#include "command/command.h"
 #include "tables/change/pack.h"
 #include "tables/change/swap.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
+#include "write/change.h"
 
 namespace mira::tool {
 namespace {

@@ -7,8 +7,7 @@
 #include <optional>
 #include <set>
 
-#include "command/change.h"
-#include "command/commands.h"
+#include "command/command.h"
 #include "input/csvreader.h"
 #include "input/schema.h"
 #include "select/opening.h"
@@ -20,6 +19,7 @@
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
 #include "terminal/message.h"
+#include "write/change.h"
 
 namespace mira::tool {
 namespace {

@@ -1,5 +1,5 @@
-// The commands, and what they share. Each adds itself to the program: its options, its help, and
-// what it does.
+// What the commands share. Each adds itself to the program: its options, its help, and what it
+// does.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -16,9 +16,6 @@ namespace mira::tool {
 
 /// What the command line asks for, filled in once the whole line is parsed.
 using Job = std::function<Status()>;
-
-/// Adds all of them, in the order in which help lists them.
-void addCommands(CLI::App& program, Job& job);
 
 /// The command nearest to a mistyped one; empty when none is near.
 std::string nearestCommand(const CLI::App& program, const std::string& name);

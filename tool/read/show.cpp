@@ -1,7 +1,7 @@
 // mira show: the records of a table for eyes.
 #include <unistd.h>
 
-#include "command/commands.h"
+#include "command/command.h"
 #include "rows/grid.h"
 #include "select/selection.h"
 #include "terminal/message.h"

@@ -1,7 +1,7 @@
 // mira query: SQL over tables.
 #include <set>
 
-#include "command/commands.h"
+#include "command/command.h"
 #include "rows/database.h"
 #include "rows/writer.h"
 #include "select/opening.h"

@@ -1,6 +1,6 @@
 // mira delete, mira recall: deletion marks.
-#include "command/change.h"
-#include "command/commands.h"
+#include "command/command.h"
+#include "write/change.h"
 
 namespace mira::tool {
 namespace {

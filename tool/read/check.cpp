@@ -1,6 +1,6 @@
 // mira check: what is damaged in tables, a line each.
 #include "check/damage.h"
-#include "command/commands.h"
+#include "command/command.h"
 #include "rows/writer.h"
 #include "select/opening.h"
 #include "select/selection.h"

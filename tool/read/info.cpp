@@ -1,6 +1,6 @@
 // mira info: everything about a table but its values.
-#include "command/commands.h"
-#include "command/facts.h"
+#include "command/command.h"
+#include "read/facts.h"
 #include "rows/grid.h"
 #include "rows/writer.h"
 #include "select/opening.h"

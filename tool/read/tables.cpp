@@ -1,8 +1,8 @@
 // mira tables: a line per table of a folder.
 #include <filesystem>
 
-#include "command/commands.h"
-#include "command/facts.h"
+#include "command/command.h"
+#include "read/facts.h"
 #include "rows/grid.h"
 #include "select/opening.h"
 #include "tables/open/find.h"
