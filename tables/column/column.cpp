@@ -1,6 +1,9 @@
 #include "tables/column/column.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "tables/page/refusal.h"
 
@@ -108,8 +111,15 @@ bool isReplaced(const Table& table) {
 
 u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {
     if (offset > 0x7FFFFFFF) return 0;
-    if (SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) != offset) return 0;
-    return ReadFile(file, to, static_cast<i32>(count));
+    u32 got = 0;
+    while (got < count) {
+        const ssize_t read =
+            pread(fileno(file), static_cast<char*>(to) + got, count - got, off_t{offset} + got);
+        if (read < 0 && errno == EINTR) continue;
+        if (read <= 0) break;
+        got += static_cast<u32>(read);
+    }
+    return got;
 }
 
 bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count) {

@@ -172,12 +172,16 @@ MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column
     if (!openMemos(reader, table)) return MemoResult::Failed;
     const std::optional<MemoSpan> span = spanOf(reader, table, reference);
     if (!span) return MemoResult::Failed;
-    const u64 end = std::min(span->end, std::max(reader.size, span->first));
+    u64 end = span->end;
+    if (span->cut) {
+        const u64 size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);
+        end = std::clamp(size, span->first, span->end);
+    }
     reader.text.resize(static_cast<std::size_t>(end - span->first));
     const u32 got = readFileAt(reader.file.get(), static_cast<u32>(span->first), reader.text.data(),
                                static_cast<u32>(reader.text.size()));
-    if (std::ferror(reader.file.get()) != 0) return MemoResult::Failed;
-    *bytes = std::string_view(reader.text).substr(0, got);
+    if (got != reader.text.size()) return MemoResult::Failed;
+    *bytes = reader.text;
     return span->cut ? MemoResult::Cut : MemoResult::Found;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <ctime>
@@ -248,22 +249,28 @@ void giveDate(CellReader& reader, const Column& column, Value& value) {
     value.text = {reader.digits, 10};
 }
 
-void putTwo(char* to, int number) {
+void putTwo(char* to, unsigned number) {
     to[0] = static_cast<char>('0' + number / 10);
     to[1] = static_cast<char>('0' + number % 10);
 }
 
 /// "yyyy-mm-dd hh:mm:ss", ".sss" after it when not zero.
-void giveMoment(CellReader& reader, const std::tm& time, int rest, Value& value) {
+void giveMoment(CellReader& reader, i32 day, i32 milliseconds, Value& value) {
+    constexpr i32 kDayOf1970 = 2440588;
+    const std::chrono::year_month_day date{
+        std::chrono::sys_days{std::chrono::days{day - kDayOf1970}}};
+    const auto year = static_cast<unsigned>(static_cast<int>(date.year()));
+    const auto seconds = static_cast<unsigned>(milliseconds) / 1000;
+    const auto rest = static_cast<unsigned>(milliseconds) % 1000;
     char* const to = reader.digits;
     std::memcpy(to, "0000-00-00 00:00:00.000", 23);
-    putTwo(to, time.tm_year / 100);
-    putTwo(to + 2, time.tm_year % 100);
-    putTwo(to + 5, time.tm_mon + 1);
-    putTwo(to + 8, time.tm_mday);
-    putTwo(to + 11, time.tm_hour);
-    putTwo(to + 14, time.tm_min);
-    putTwo(to + 17, time.tm_sec);
+    putTwo(to, year / 100);
+    putTwo(to + 2, year % 100);
+    putTwo(to + 5, static_cast<unsigned>(date.month()));
+    putTwo(to + 8, static_cast<unsigned>(date.day()));
+    putTwo(to + 11, seconds / 3600);
+    putTwo(to + 14, seconds / 60 % 60);
+    putTwo(to + 17, seconds % 60);
     to[20] = static_cast<char>('0' + rest / 100);
     putTwo(to + 21, rest % 100);
     value.kind = ValueKind::Moment;
@@ -273,7 +280,7 @@ void giveMoment(CellReader& reader, const std::tm& time, int rest, Value& value)
 void giveMoment(CellReader& reader, const Column& column, Value& value) {
     i32 day = 0, milliseconds = 0;
     if (GetMoment(baseOf(reader), column.field, &day, &milliseconds) != 0) {
-        return giveMoment(reader, GetTm(baseOf(reader), column.field), milliseconds % 1000, value);
+        return giveMoment(reader, day, milliseconds, value);
     }
     const std::string_view stored = storedBytes(*reader.table, column);
     if (column.length != 8) return giveNoDate(value, withoutPadding(stored));
