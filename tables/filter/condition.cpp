@@ -13,7 +13,6 @@
 namespace mira::tables {
 namespace {
 
-constexpr std::string_view kComparing = "><=~^";
 constexpr std::string_view kQuotes = "\"'";
 /// A condition with its values that is longer is false for the library.
 constexpr std::size_t kConditionLength = 511;

@@ -16,7 +16,6 @@
 namespace mira::tables {
 namespace {
 
-constexpr std::string_view kComparing = "><=~^";
 constexpr std::string_view kTooLong = "it is too long; try `mira query`";
 
 [[noreturn]] void refuseFilter(const Table& table, std::string_view why) {
