@@ -23,59 +23,51 @@ constexpr u64 kLow = 0x7F * kOnes;
 constexpr u64 kBlanks = ' ' * kOnes;
 constexpr u64 kZeros = '0' * kOnes;
 
-/// The high bit of every byte that is not zero.
-constexpr u64 nonZero(u64 word) { return (((word & kLow) + kLow) | word) & kHigh; }
-/// The high bit of every byte that is no digit.
-constexpr u64 nonDigits(u64 word) {
-    const u64 digits = word ^ kZeros;
+/// The high bit of every byte of digits without their '0' that is none.
+constexpr u64 nonDigits(u64 digits) {
     return (((digits & kLow) + (0x80 - 10) * kOnes) | digits) & kHigh;
 }
 
-/// Eight digits as a number.
-constexpr u64 numberOf(u64 word) {
-    word -= kZeros;
-    word = word * 10 + (word >> 8);
+/// Eight digits without their '0' as a number.
+constexpr u64 numberOf(u64 digits) {
+    digits = digits * 10 + (digits >> 8);
     constexpr u64 kPairs = 0x000000FF000000FF;
-    return ((word & kPairs) * (100 + (u64{1000000} << 32)) +
-            ((word >> 16) & kPairs) * (1 + (u64{10000} << 32))) >>
+    return ((digits & kPairs) * (100 + (u64{1000000} << 32)) +
+            ((digits >> 16) & kPairs) * (1 + (u64{10000} << 32))) >>
            32;
 }
 
 enum class Taken : u8 { Value, Null, Declined };
 
 /// Stored digits of one layout: blanks, at most one minus, digits, in some columns a point before
-/// the last of them. The point is left out by reading on both sides of it.
+/// the last of them. The point is left out by reading on both sides of it. Wide are those of more
+/// than eight digits.
+template <bool kFraction, bool kWide>
 struct NumberLayout {
     NumberLayout(unsigned length, unsigned decimals)
-        : place_(decimals != 0 ? length - decimals - 1 : length),
+        : place_(kFraction ? length - decimals - 1 : length),
           length_(length),
           shift_(8 * decimals),
-          fraction_(decimals != 0 ? ~u64{0} << (64 - shift_) : 0),
-          upper_(decimals + place_ > 8 ? decimals + place_ - 8 : 0),
-          others_(maskBefore(upper_ != 0 ? 8 : decimals + place_)),
+          fraction_(kFraction ? ~u64{0} << (64 - shift_) : 0),
+          upper_(kWide ? decimals + place_ - 8 : 0),
+          others_(maskBefore(kWide ? 8 : decimals + place_)),
           upperOthers_(maskBefore(upper_)) {}
 
     /// Digits on both sides of the point, as a whole number.
     [[gnu::always_inline]] inline Taken read(const u8* at, u64& number, bool& negative) const {
-        u64 low = loadLe<u64>(at + place_ - 8) >> shift_;
-        if (fraction_ != 0) {
+        u64 low = loadLe<u64>(at + place_ - 8);
+        if (kFraction) {
             if (at[place_] != '.') return isBlank(at) ? Taken::Null : Taken::Declined;
-            low = (low & ~fraction_) | (loadLe<u64>(at + length_ - 8) & fraction_);
+            low = (low >> shift_ & ~fraction_) | (loadLe<u64>(at + length_ - 8) & fraction_);
         }
-        low = (low & ~others_) | (kBlanks & others_);
-        if (upper_ == 0) return beginLow(low, number, negative);
+        if (!kWide) return beginLow((low & ~others_) | (kBlanks & others_), number, negative);
         u64 high = loadLe<u64>(at + upper_ - 8);
         high = (high & ~upperOthers_) | (kBlanks & upperOthers_);
         if (high == kBlanks) return beginLow(low, number, negative);
         const Taken taken = begin(high, 64, number, negative);
-        if (taken != Taken::Value || nonDigits(low) != 0) return Taken::Declined;
-        number = number * 100000000 + numberOf(low);
+        if (taken != Taken::Value || nonDigits(low ^ kZeros) != 0) return Taken::Declined;
+        number = number * 100000000 + numberOf(low ^ kZeros);
         return Taken::Value;
-    }
-
-    static bool isFor(unsigned length, unsigned decimals) {
-        const unsigned digits = decimals != 0 ? length - 1 : length;
-        return length > decimals && digits > 0 && digits <= 16 && decimals < 8;
     }
 
 private:
@@ -95,23 +87,21 @@ private:
     /// blanks is no blank.
     Taken beginLow(u64 word, u64& number, bool& negative) const {
         constexpr unsigned kLast = 56;
-        if (fraction_ == 0) return begin(word, kLast, number, negative);
-        const Taken taken = begin(word, 64 - shift_, number, negative);
-        return taken == Taken::Value ? Taken::Value : Taken::Declined;
+        const Taken taken = begin(word, kFraction ? 64 - shift_ : kLast, number, negative);
+        return kFraction && taken == Taken::Null ? Taken::Declined : taken;
     }
 
     /// The word in which a number begins; its digits begin at bit last or before.
     static Taken begin(u64 word, unsigned last, u64& number, bool& negative) {
-        const u64 others = nonZero(word ^ kBlanks);
+        const u64 others = word ^ kBlanks;
         if (others == 0) return Taken::Null;
-        unsigned first = static_cast<unsigned>(std::countr_zero(others)) & ~7U;
+        const unsigned first = static_cast<unsigned>(std::countr_zero(others)) & ~7U;
         negative = (word >> first & 0xFF) == '-';
-        first += negative ? 8 : 0;
-        if (first > last) return Taken::Declined;
-        const u64 kept = first == 64 ? 0 : ~u64{0} << first;
-        word = (word & kept) | (kZeros & ~kept);
-        if (nonDigits(word) != 0) return Taken::Declined;
-        number = numberOf(word);
+        const unsigned sign = negative ? 8 : 0;
+        if (first + sign > last) return Taken::Declined;
+        const u64 digits = (word ^ kZeros) & (~u64{0} << first << sign);
+        if (nonDigits(digits) != 0) return Taken::Declined;
+        number = numberOf(digits);
         return Taken::Value;
     }
 
@@ -126,9 +116,10 @@ private:
 // Readers: the bytes of a cell to a value
 // --------------------------------------------------------------------------------------------
 
+template <bool kWide>
 struct ReadInt64 {
     using Value = i64;
-    NumberLayout layout;
+    NumberLayout<false, kWide> layout;
     Taken operator()(const u8* at, i64& value) const {
         u64 number = 0;
         bool negative = false;
@@ -140,9 +131,10 @@ struct ReadInt64 {
 };
 
 /// As many digits as every double holds, divided by a power of ten that one holds: the nearest.
+template <bool kWide>
 struct ReadDecimal {
     using Value = double;
-    NumberLayout layout;
+    NumberLayout<true, kWide> layout;
     double scale;
     Taken operator()(const u8* at, double& value) const {
         constexpr u64 kExact = 1000000000000000;  // 10^15
@@ -194,8 +186,9 @@ struct ReadDate {
         constexpr std::array<u8, 13> kDays = {0, 31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
         const auto word = loadLe<u64>(at);
         if (word == kBlanks) return Taken::Null;
-        if (nonDigits(word) != 0) return Taken::Declined;
-        const auto number = static_cast<unsigned>(numberOf(word));
+        const u64 digits = word ^ kZeros;
+        if (nonDigits(digits) != 0) return Taken::Declined;
+        const auto number = static_cast<unsigned>(numberOf(digits));
         const unsigned year = number / 10000;
         const unsigned month = number / 100 % 100;
         const unsigned day = number % 100;
@@ -305,93 +298,151 @@ void appendLogicals(Cells& cells, const Field& field, const std::vector<Row>& ro
 // Texts
 // --------------------------------------------------------------------------------------------
 
-/// Length without blanks at the end.
-std::size_t withoutBlanks(const u8* at, std::size_t length) {
-    while (length >= 8) {
-        const u64 others = nonZero(loadLe<u64>(at + length - 8) ^ kBlanks);
-        if (others != 0) {
-            return length - static_cast<std::size_t>(std::countl_zero(others)) / 8;
-        }
-        length -= 8;
+/// What copying a field has found: the length of its text without blanks at the end, and whether
+/// all of it is ASCII without a zero.
+struct Copied {
+    std::size_t length;
+    bool ascii;
+};
+
+/// Copies the bytes of a field; writes up to seven more. As many steps for every text, as branches
+/// on its length cannot be predicted.
+[[gnu::always_inline]] inline Copied copyField(u8* to, const u8* from, std::size_t length) {
+    u64 found = 0;  // the high bit of a byte that is zero or above 7F
+    u64 last = 0;   // the last word that is not blank, where blanks are zeros
+    std::size_t place = 0;
+    const auto take = [&](std::size_t at, u64 word) {
+        std::memcpy(to + at, &word, sizeof word);
+        found |= (word - kOnes) | word;
+        const u64 others = word ^ kBlanks;
+        last = others != 0 ? others : last;
+        place = others != 0 ? at : place;
+    };
+    const std::size_t whole = length / 8 * 8;
+    for (std::size_t at = 0; at < whole; at += 8) take(at, loadLe<u64>(from + at));
+    if (whole != length) {
+        const u64 kept = ~u64{0} >> (64 - 8 * (length - whole));
+        take(whole, (loadLe<u64>(from + whole) & kept) | (kBlanks & ~kept));
     }
-    while (length > 0 && at[length - 1] == ' ') --length;
+    const auto blanks = static_cast<std::size_t>(std::countl_zero(last)) / 8;
+    return {place + 8 - blanks, (found & kHigh) == 0};
+}
+
+/// Of a long field, the length without most of the blanks at its end.
+std::size_t withoutBlankEnd(const u8* at, std::size_t length) {
+    constexpr std::size_t kShort = 64;
+    while (length > kShort && loadLe<u64>(at + length - 8) == kBlanks) length -= 8;
     return length;
 }
 
-/// Copies a text; false when not all of it is ASCII without a zero. Writes up to eight bytes more.
-bool copyAscii(u8* to, const u8* from, std::size_t length) {
-    u64 found = 0;  // the high bit of a byte that is zero or above 7F
-    const u8* const last = from + (length - 1) / 8 * 8;
-    for (; from < last; from += 8, to += 8) {
-        const auto word = loadLe<u64>(from);
-        std::memcpy(to, from, 8);
-        found |= (word - kOnes) | word;
-    }
-    std::memcpy(to, from, 8);
-    const std::size_t past = 7 - (length - 1) % 8;
-    const u64 kept = ~u64{0} >> (8 * past);
-    const u64 word = (loadLe<u64>(from) & kept) | (kBlanks & ~kept);
-    found |= (word - kOnes) | word;
-    return (found & kHigh) == 0;
+/// Copies a text whose length is known; blanks at its end belong to it.
+Copied copyText(u8* to, const u8* from, std::size_t length) {
+    return {length, copyField(to, from, length).ascii};
 }
 
-/// Appends bytes of a single-byte page; returns how many bytes they became, nothing when there is
-/// a zero among them or one that the page lacks.
-std::size_t putLetters(u8* to, const tables::CodePage& page, const u8* from, std::size_t length) {
-    u8* const start = to;
-    unsigned bad = 0;
-    for (std::size_t i = 0; i < length; ++i) {
-        const tables::Letter& letter = page.letters[from[i]];
-        std::memcpy(to, &letter, sizeof letter);  // the next one covers what is too much
-        to += letter.length;
-        bad |= letter.missing | static_cast<unsigned>(from[i] == 0);
+/// The letters of a single-byte page as words: UTF-8, in byte 6 whether the plain rule has to
+/// decide, in byte 7 the length.
+using Letters = std::array<u64, 256>;
+
+Letters lettersOf(const tables::CodePage& page) {
+    Letters letters{};
+    for (std::size_t i = 0; i < letters.size(); ++i) {
+        const tables::Letter& letter = page.letters[i];
+        const bool isOdd = i == 0 || letter.missing != 0;
+        std::array<u8, 8> bytes{};
+        std::memcpy(bytes.data(), letter.text, sizeof letter.text);
+        bytes[6] = isOdd ? 1 : 0;
+        bytes[7] = letter.length;
+        letters[i] = loadLe<u64>(bytes.data());
     }
-    return bad == 0 ? static_cast<std::size_t>(to - start) : 0;
+    return letters;
 }
 
-/// Appends a text; false, and nothing done, when the plain rule has to.
-bool putText(const tables::CodePage& page, const u8* from, std::size_t length, Bytes& to) {
-    if (length == 0) return true;
-    to.reserve(length + 8);
-    if (copyAscii(to.end(), from, length)) {
-        to.add(length);
-        return true;
+/// Appends bytes of a single-byte page, at least one; false, and nothing done, when the plain rule
+/// has to.
+bool putLetters(const Letters& letters, const u8* from, std::size_t length, Bytes& to) {
+    to.reserve((length + 1) * sizeof(u64));
+    u8* out = to.end();
+    u64 all = 0;
+    const auto put = [&](u8 byte) {
+        const u64 letter = letters[byte];
+        std::memcpy(out, tables::bytesLe(letter).data(),
+                    sizeof letter);  // the next covers the rest
+        all |= letter;
+        return letter >> 56;
+    };
+    // Two at a time. The first of an even number of bytes is put twice, which takes no branch.
+    const std::size_t odd = length % 2;
+    out += put(from[0]) * odd;
+    for (std::size_t i = odd; i < length; i += 2) {
+        out += put(from[i]);
+        out += put(from[i + 1]);
     }
-    std::size_t put = 0;
-    if (page.kind == tables::CodePage::Kind::SingleByte) {
-        to.reserve((length + 1) * sizeof(tables::Letter));
-        put = putLetters(to.end(), page, from, length);
-    } else if (page.kind == tables::CodePage::Kind::Utf8) {
-        const std::string_view text(reinterpret_cast<const char*>(from), length);
-        const bool valid =
-            text.find('\0') == std::string_view::npos && tables::validRun(text) == text.size();
-        if (valid) put = length;  // as copied
-    }
-    to.add(put);
-    return put != 0;
+    if ((all >> 48 & 0xFF) != 0) return false;
+    to.add(static_cast<std::size_t>(out - to.end()));
+    return true;
 }
+
+/// Adds a copied text that is UTF-8; false, and nothing done, when it is none or has a zero.
+bool keepUtf8(std::size_t length, Bytes& to) {
+    const std::string_view text(reinterpret_cast<const char*>(to.end()), length);
+    if (text.find('\0') != std::string_view::npos || tables::validRun(text) != text.size()) {
+        return false;
+    }
+    to.add(length);
+    return true;
+}
+
+/// How the texts of a column lie in a record.
+struct TextLayout {
+    using PageKind = tables::CodePage::Kind;
+
+    TextLayout(const tables::Table& table, const Column& column)
+        : offset_(column.offset),
+          length_(column.length),
+          counted_(column.lengthBit != tables::kNoBit),
+          partial_(table, column.lengthBit),
+          kind_(table.page.page->kind) {
+        if (kind_ == PageKind::SingleByte) letters_ = lettersOf(*table.page.page);
+    }
+
+    /// Appends the text of a record; false, and nothing done, when the plain rule has to.
+    [[gnu::always_inline]] inline bool put(const u8* record, Bytes& to) const {
+        const u8* const at = record + offset_;
+        to.reserve(length_ + 8);
+        Copied copied{};
+        if (!counted_) {
+            copied = copyField(to.end(), at, withoutBlankEnd(at, length_));
+        } else {
+            const bool isPart = partial_.isSet(record);
+            const std::size_t length = isPart ? at[length_ - 1] : length_;
+            if (isPart && length >= length_) return false;
+            copied = copyText(to.end(), at, length);
+        }
+        if (copied.ascii) {
+            to.add(copied.length);
+            return true;
+        }
+        if (kind_ == PageKind::SingleByte) return putLetters(letters_, at, copied.length, to);
+        return kind_ == PageKind::Utf8 && keepUtf8(copied.length, to);
+    }
+
+private:
+    std::size_t offset_, length_;
+    bool counted_;      // bytes whose number is told: blanks at the end count
+    NullFlag partial_;  // whether the last byte tells it
+    PageKind kind_;
+    Letters letters_{};
+};
 
 void appendTexts(Cells& cells, const Field& field, const std::vector<Row>& rows, Vector& to) {
-    const Column& column = field.column;
-    const tables::CodePage& page = *cells.table->page.page;
-    const NullFlag null(*cells.table, column.nullBit);
-    const NullFlag partial(*cells.table, column.lengthBit);
-    const bool counted = column.lengthBit != tables::kNoBit;
+    const NullFlag null(*cells.table, field.column.nullBit);
+    const TextLayout layout(*cells.table, field.column);
     for (const Row& row : rows) {
-        const u8* const at = row.bytes + column.offset;
         if (null.isSet(row.bytes)) {
             to.setNull();
             to.endText();
-            continue;
-        }
-        std::size_t length = column.length;
-        if (!counted) {
-            length = withoutBlanks(at, length);
-        } else if (partial.isSet(row.bytes)) {
-            length = at[column.length - 1];
-        }
-        if (length <= column.length - (counted && partial.isSet(row.bytes) ? 1U : 0U) &&
-            putText(page, at, length, to.bytes)) {
+        } else if (layout.put(row.bytes, to.bytes)) {
             to.endText();
         } else {
             appendCell(cells, field, row, to);
@@ -419,20 +470,26 @@ constexpr u64 powerOfTen(unsigned exponent) {
     return power;
 }
 
+template <bool kWide>
+void appendNumbers(Cells& cells, const Field& field, const std::vector<Row>& rows, Vector& to) {
+    const u32 length = field.column.length;
+    const u32 decimals = field.column.decimals;
+    if (decimals == 0) {
+        appendFixed(cells, field, rows, to, ReadInt64<kWide>{{length, decimals}});
+    } else {
+        const auto scale = static_cast<double>(powerOfTen(decimals));
+        appendFixed(cells, field, rows, to, ReadDecimal<kWide>{{length, decimals}, scale});
+    }
+}
+
 /// Numbers as digits; false when there is no quick way for the column.
 bool appendDecimals(Cells& cells, const Field& field, const std::vector<Row>& rows, Vector& to) {
     const u32 length = field.column.length;
     const u32 decimals = field.column.decimals;
-    const bool whole = field.shape == Shape::Int64 && decimals == 0;
-    const bool fraction = field.shape == Shape::Double && decimals != 0;
-    if (!(whole || fraction) || !NumberLayout::isFor(length, decimals)) return false;
-    const NumberLayout layout(length, decimals);
-    if (whole) {
-        appendFixed(cells, field, rows, to, ReadInt64{layout});
-    } else {
-        const auto scale = static_cast<double>(powerOfTen(decimals));
-        appendFixed(cells, field, rows, to, ReadDecimal{layout, scale});
-    }
+    const u32 digits = decimals != 0 ? length - 1 : length;
+    if (field.shape != (decimals == 0 ? Shape::Int64 : Shape::Double)) return false;
+    if (length <= decimals || digits == 0 || digits > 16 || decimals >= 8) return false;
+    (digits > 8 ? appendNumbers<true> : appendNumbers<false>)(cells, field, rows, to);
     return true;
 }
 

@@ -31,44 +31,56 @@ bool Records::next(u32 most) {
     rows_.clear();
     if (next_ >= end_) return false;
     const u32 length = table_.base->Header.RecordLength;
-    u32 count = std::max<u32>(kBlock / std::max<u32>(length, 1), 1);
-    count = std::min({count, most, end_ - next_});
-    block_.resize(kSlack + std::size_t{count} * length + kSlack);
-    const u32 got = tables::readRecords(table_, next_, count, block_.data() + kSlack);
-    if (got == 0) {
-        tables::refuse(table_.path, ": record ", u64{next_} + 1, " cannot be read");
-    }
-    if (filter_.text.empty()) {
-        takeAll(got);
-    } else {
-        takeFiltered(got);
-    }
-    next_ += got;
+    const u32 count =
+        std::min({std::max<u32>(kBlock / std::max<u32>(length, 1), 1), most, end_ - next_});
+    next_ += filter_.text.empty() ? takeAll(count) : takeFiltered(count);
     return true;
 }
 
-void Records::takeAll(u32 count) {
+u32 Records::read(u32 first, u32 count) {
     const u32 length = table_.base->Header.RecordLength;
-    rows_.reserve(count);
-    for (u32 i = 0; i < count; ++i) {
-        const u8* const bytes = block_.data() + kSlack + std::size_t{i} * length;
-        if (isWanted(bytes)) rows_.push_back({bytes, next_ + i});
-    }
+    block_.resize(kSlack + std::size_t{count} * length + kSlack);
+    const u32 got = tables::readRecords(table_, first, count, block_.data() + kSlack);
+    if (got == 0) tables::refuse(table_.path, ": record ", u64{first} + 1, " cannot be read");
+    return got;
 }
 
-/// The library tests the records of the block, which it reads once more.
-void Records::takeFiltered(u32 count) {
+u32 Records::takeAll(u32 count) {
+    const u32 got = read(next_, count);
+    const u32 length = table_.base->Header.RecordLength;
+    rows_.resize(got);
+    std::size_t wanted = 0;
+    for (u32 i = 0; i < got; ++i) {
+        const u8* const bytes = block_.data() + kSlack + std::size_t{i} * length;
+        rows_[wanted] = {bytes, next_ + i};
+        if (isWanted(bytes)) ++wanted;
+    }
+    rows_.resize(wanted);
+    return got;
+}
+
+/// The library tests the records; from the first to the last that passes they are read once more.
+u32 Records::takeFiltered(u32 count) {
     DbfBase* const base = table_.base.get();
     ClearAllFilter(base);
     tables::viewRange(base, next_, next_ + count);
     tables::runFilter(table_, filter_, false);
-    const u32 length = base->Header.RecordLength;
-    for (u32 i = 0; i < base->FilterCount; ++i) {
-        const u32 record = base->FilterIndex[i];
-        const u8* const bytes = block_.data() + kSlack + std::size_t{record - next_} * length;
-        if (isWanted(bytes)) rows_.push_back({bytes, record});
+    u32 got = count;
+    if (base->FilterCount != 0) {
+        const u32 first = base->FilterIndex[0];
+        const u32 last = base->FilterIndex[base->FilterCount - 1];
+        const u32 there = read(first, last - first + 1);
+        if (first + there <= last) got = first + there - next_;
+        const u32 length = base->Header.RecordLength;
+        for (u32 i = 0; i < base->FilterCount; ++i) {
+            const u32 record = base->FilterIndex[i];
+            if (record - first >= there) break;
+            const u8* const bytes = block_.data() + kSlack + std::size_t{record - first} * length;
+            if (isWanted(bytes)) rows_.push_back({bytes, record});
+        }
     }
     ClearAllFilter(base);
+    return got;
 }
 
 }  // namespace mira::arrow

@@ -33,8 +33,11 @@ private:
     bool isWanted(const u8* bytes) const {
         return deleted_ == 1 || (bytes[0] == '*') == (deleted_ == 2);
     }
-    void takeAll(u32 count);
-    void takeFiltered(u32 count);
+    /// Reads so many records at most into the block, at least one; how many.
+    u32 read(u32 first, u32 count);
+    /// The wanted ones among the next records; how many of them have been looked at.
+    u32 takeAll(u32 count);
+    u32 takeFiltered(u32 count);
 
     tables::Table& table_;
     u32 next_ = 0, end_ = 0;

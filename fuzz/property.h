@@ -108,6 +108,6 @@ struct Surface {
     void (*check)(Input&);
     std::size_t limit;
 };
-extern const Surface kArithmetic, kStrings, kFilter, kValues, kTable, kSession, kArrow;
+extern const Surface kArithmetic, kStrings, kFilter, kValues, kTable, kSession, kArrow, kIndex;
 
 }  // namespace test

@@ -44,6 +44,9 @@ void checkSpan(DbfBase* h, int field, std::string_view memoFile, const std::stri
     u32 block = 0, length = 0;
     u64 first = 0, end = 0;
     if (GetMemoReference(h, field, &block, &length) == 0 || GetBlockSize(h) == 0) return;
+    // Digits behind a zero byte, at which a text ends.
+    const bool isText = GetMemoKind(h) != 4 && GetLenField(h, field) != 4;
+    if (isText && GetNumeric(h, field) != block) return;
     const int result = GetMemoSpan(h, block, length, &first, &end);
     CHECK(first <= end && (result != 0 || end == 0));
     if (result == 0) return CHECK(memo.empty());

@@ -367,10 +367,12 @@ int Zap(DbfBase*);
 /// Mode 0 drops deleted records and rebuilds the memo file, 1 only drops records, 2 only rebuilds
 /// the memo file; others do nothing. The old memo file stays under its name with "~" for the
 /// extension's first letter. dBase III memos are copied up to their first 0x1A. 0 on failure, after
-/// which Pack may be called again; while the memos cannot be copied nothing changes, deleted
-/// records stay. An interrupted Pack may leave its log in the memo file (IsPackUnfinished): until
-/// Pack has finished that work, no memo is read or written, and Insert, Delete and Truncate fail,
-/// as do writes of records that would give one another memo.
+/// which Pack may be called again; while the memos cannot be copied, or there is no room for the
+/// log, nothing changes, deleted records stay. A Pack that fails later, is killed or loses power
+/// leaves its log (IsPackUnfinished), by which the next one, of any mode, finishes the work, so
+/// that nothing is lost or there twice. Until then AppendBlank, Insert, Delete and Truncate fail;
+/// while the log is in the memo file no memo is read or written, and writes of records that would
+/// give one another memo fail.
 int Pack(DbfBase*, u32 mode);
 ///@}
 
@@ -832,9 +834,9 @@ int GetFilterCondition(DbfBase*, const char* filter, u32 number, int* field, u32
 /// 1 when a name, in any letter case and without a parenthesis, is that of a function in texts or
 /// arithmetic.
 int IsFunction(const char* name);
-/// Whether the memo file has the log of an interrupted Pack, which the next Pack finishes: 1 yes, 0
-/// no, -1 cannot be told (the memo file cannot be opened or read); whatever refuses to work while
-/// there is one refuses then, too.
+/// Whether the table or its memo file has the log of an interrupted Pack, which the next Pack
+/// finishes: 1 yes, 0 no, -1 cannot be told (a file cannot be opened or read); whatever refuses to
+/// work while there is one refuses then, too.
 int IsPackUnfinished(DbfBase*);
 ///@}
 

@@ -52,6 +52,8 @@ void readOption(Arguments& arguments, std::string_view text) {
         arguments.deleted = deletedOption(path, value);
     } else if (name == "writable") {
         arguments.table.writable = isOn(path, name, value);
+    } else if (name == "reindex") {
+        arguments.table.reindex = isOn(path, name, value);
     } else if (name == "exact") {
         arguments.table.exact = isOn(path, name, value);
     } else if (name == "long_names") {
@@ -60,8 +62,8 @@ void readOption(Arguments& arguments, std::string_view text) {
         arguments.table.asText = tables::splitList(value);
     } else {
         tables::refuse(path, ": there is no option \"", name,
-                       "\"; those there are: code_page, deleted, writable, exact, long_names, "
-                       "as_text");
+                       "\"; those there are: code_page, deleted, writable, reindex, exact, "
+                       "long_names, as_text");
     }
 }
 

@@ -6,6 +6,8 @@
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
 #include "tables/change/recovery.h"
+#include "tables/index/rebuild.h"
+#include "tables/index/stale.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 
@@ -206,6 +208,7 @@ void Changes::writeRow(tables::Change& change, const Row& row) {
         change.readRecord(row.record);
     }
     putValues(change, row);
+    if (row.mark != Mark::Keep) change.touchMarks();
     if (row.mark != Mark::Keep) base->RecordBuffer[0] = row.mark == Mark::Deleted ? '*' : ' ';
     if (row.isNew) {
         change.appendRecord();
@@ -236,14 +239,17 @@ void Changes::write() {
 }
 
 void Changes::writeRows() {
+    const bool reindex = table_.options.reindex;
+    tables::IndexPlan index = reindex ? tables::planReindex(table_) : tables::IndexPlan{};
     tables::Change change(table_, {.wanted = !backedUp_});
-    if (!backedUp_) {
-        if (const std::string stale = tables::staleIndexes(table_); !stale.empty())
-            host_.tell(Notice::Remark, stale);
-    }
+    change.reindex(std::move(index));
     backedUp_ = true;
     for (const Row& row : rows_) writeRow(change, row);
     change.commit();
+    if (reindex) return;
+    for (const std::string& stale : tables::staleIndexes(table_, change.touched())) {
+        if (toldStale_.insert(stale).second) host_.tell(Notice::Remark, stale);
+    }
 }
 
 void Changes::drop() {

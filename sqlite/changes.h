@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -75,6 +76,7 @@ private:
     std::optional<u32> cellsOf_;               ///< of which record
     u32 added_ = 0;
     bool backedUp_ = false;
+    std::set<std::string> toldStale_;  ///< once is enough
     bool lost_ = false;
 };
 

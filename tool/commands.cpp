@@ -15,15 +15,17 @@ void addDelete(CLI::App& program, Job& job);
 void addRecall(CLI::App& program, Job& job);
 void addPack(CLI::App& program, Job& job);
 void addZap(CLI::App& program, Job& job);
+void addReindex(CLI::App& program, Job& job);
 void addUndo(CLI::App& program, Job& job);
 void addCheck(CLI::App& program, Job& job);
 void addHelp(CLI::App& program, Job& job);
 void addCompletion(CLI::App& program, Job& job);
 namespace {
 using AddCommand = void (*)(CLI::App& program, Job& job);
-constexpr AddCommand kCommands[] = {
-    addInfo,   addTables, addShow, addExport, addQuery, addMemo,  addImport, addSet,
-    addDelete, addRecall, addPack, addZap,    addUndo,  addCheck, addHelp,   addCompletion};
+constexpr AddCommand kCommands[] = {addInfo, addTables,    addShow,    addExport, addQuery,
+                                    addMemo, addImport,    addSet,     addDelete, addRecall,
+                                    addPack, addZap,       addReindex, addUndo,   addCheck,
+                                    addHelp, addCompletion};
 }  // namespace
 
 void addCommands(CLI::App& program, Job& job) {

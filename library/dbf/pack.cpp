@@ -22,8 +22,8 @@ bool isWritable(const DbfBase* h) {
 
 int pack(DbfBase* h, u32 mode) {
     if (mode > kPackMemos) return 1;
-    if (!unchangedSize(h, true)) return 0;
     const bool writable = isWritable(h);
+    if (finishPackRecords(h, writable) == 0 || !unchangedSize(h, true)) return 0;
     // Before records move: the log of a rebuild goes by their places.
     if (finishPackMemos(h, writable) == 0) return 0;
     return mode == kPackRecords ? packRecords(h, writable)

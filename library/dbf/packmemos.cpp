@@ -182,10 +182,39 @@ struct Log {
     const u8* becomes(u32 record) const { return was(record) + fields.width; }
 };
 
+/// Puts what stands for no reference where a power cut could leave the beginning of one and the end
+/// of another, in two sectors, as what stands for no memo; to the disk before the new ones.
+bool setApart(DbfBase* h, const Log& log, u32 count) {
+    constexpr u64 kSector = 512;
+    if (h->AfterRead != nullptr || h->BeforeWrite != nullptr) return true;
+    bool any = false;
+    for (u32 record = 0; record < count; ++record) {
+        Change change{log.was(record), log.becomes(record)};
+        for (u32 i = 0; i < log.fields.count; ++i) {
+            const DbfField& field = h->Fields[log.fields.numbers[i]];
+            const auto size = static_cast<u32>(fieldBytes(h, field).size());
+            const std::span<const u8> was(change.was, size), becomes(change.becomes, size);
+            const u64 place = offsetOf(h, record, field.Offset);
+            u8 now[kReferenceSize];
+            u32 got = 0;
+            if (place % kSector + size > kSector &&
+                (tearsToBlank(h, field, was, becomes) || tearsToBlank(h, field, becomes, was)) &&
+                readTable(h, place, now, size, &got, true) && got == size &&
+                isLeft(h, field, {now, size}, change)) {
+                any = true;
+                if (!writeTable(h, place, kBetween, size)) return false;
+            }
+            change = {change.was + size, change.becomes + size};
+        }
+    }
+    return !any || synchronise(fileno(h->TableFile));
+}
+
 /// Second pass: gives the records their new references. The number of records done.
 template <typename Read>
 u32 writeReferences(DbfBase* h, const Log& log, bool sure, Read read) {
     const u32 count = std::min(log.records, h->Header.RecordCount);
+    if (!setApart(h, log, count)) return 0;
     for (u32 record = 0; record < count; ++record) {
         const Change change{log.was(record), log.becomes(record)};
         if (!read(record) || !setReferences(h, record, log.fields, change, sure) ||
@@ -251,7 +280,8 @@ bool mayReplace(const DbfBase* h, const char* oldName) {
 std::optional<int> takeNames(DbfBase* h, const char* oldName, NewFile* file) {
     // A "~" name that cannot be had is no failure.
     if (!addName(h->MemoFileName, oldName)) return 1;
-    if (file->take(h->MemoFileName)) return std::nullopt;
+    // Nor is a power cut to leave the old file without one.
+    if (synchroniseFolder(h->MemoFileName) && file->take(h->MemoFileName)) return std::nullopt;
     // Where it could not have two names the old file has lost its first.
     if (access(h->MemoFileName, F_OK) != 0 && std::rename(oldName, h->MemoFileName) != 0) {
         file->abandon();  // for restoreName
@@ -263,8 +293,7 @@ std::optional<int> takeNames(DbfBase* h, const char* oldName, NewFile* file) {
 /// What the log says of the others is then true of the disk, too.
 bool dropRecords(DbfBase* h, ChangedRecords* records, u32 count) {
     if (count == h->Header.RecordCount) return true;
-    return packRecords(h, true, records) != 0 && h->Header.RecordCount == count &&
-           synchronise(fileno(h->TableFile));
+    return packRecords(h, true, records) != 0 && h->Header.RecordCount == count;
 }
 
 /// From the change of names on. read gives the records for the second pass.
@@ -313,6 +342,7 @@ int finish(DbfBase* h, const MemoFamily& family, std::FILE* file, const MemoHead
     ReferenceFields fields;
     RebuildLog left;
     findReferences(h, &fields);
+    if (isLogCut(file, head)) return tidyFile(file, family, oldName);
     if (!readRebuildLog(file, head, &left)) return 0;
     if (left.size != u64{2} * fields.width * left.records) return 0;
     const auto read = [h](u32 record) { return ReadRecord(h, record) != 0; };
@@ -351,7 +381,7 @@ int finishPackMemos(DbfBase* h, bool writable) {
     const Owned<char> oldName = tildeName(h->MemoFileName);
     if (!oldName) return 0;
     if (writable) restoreName(h, oldName.get());
-    const int unfinished = IsPackUnfinished(h);
+    const int unfinished = hasMemoLog(h);
     if (unfinished != 1) return unfinished == 0 ? 1 : 0;
     const OwnedFile file(Open_File(h->MemoFileName));
     MemoHead head;

@@ -2,9 +2,11 @@
 #include "dbf/packrecords.h"
 
 #include <cstring>
+#include <utility>
 
 #include "dbf/changedrecords.h"
 #include "dbf/move.h"
+#include "dbf/packmoves.h"
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
@@ -27,16 +29,24 @@ class KeptRecords {
 public:
     explicit KeptRecords(DbfBase* h)
         : h_(h),
+          moves_(h),
           gather_(h->AfterRead == nullptr && h->BeforeWrite == nullptr),
           buffer_(gather_ ? allocate<u8>(kTransferSize) : nullptr) {}
 
     bool ready() const { return !gather_ || buffer_ != nullptr; }
 
+    /// Goes on where an earlier pack has stopped.
+    bool resume(const MoveLog& log) {
+        next_ = log.to;
+        return moves_.resume(log);
+    }
+
     /// The record in RecordBuffer belongs at the next place.
     bool add(u32 from) {
         const u32 record = next_++;
         if (record == from) return true;
-        if (!gather_) return writePacked(h_, record) || drop(record);
+        if (!moves_.reaches(record) && !(flush() && moves_.advance(from, record))) return false;
+        if (!gather_) return writePacked(h_, record);
         const u32 length = h_->Header.RecordLength;
         if (used_ == 0) first_ = record;
         std::memcpy(buffer_.get() + used_, h_->RecordBuffer, length);
@@ -44,44 +54,35 @@ public:
         return used_ + length <= kTransferSize || flush();
     }
 
-    bool flush() {
-        if (used_ == 0) return true;
-        backUp(h_);
-        h_->Modified = 1;
-        const u32 count = used_;
-        used_ = 0;
-        return writeTable(h_, offsetOf(h_, first_), buffer_.get(), count) || dropTorn(count);
-    }
-
-    u32 count() const { return next_; }
+    /// Cuts the table after them.
+    bool end() { return flush() && (next_ == h_->Header.RecordCount || moves_.end(next_)); }
 
 private:
-    /// Marks a record deleted whose place has been written in part, so that nobody takes it for a
-    /// record; what it was before was deleted or has moved already. Always false.
-    bool drop(u32 record) {
-        writeTable(h_, offsetOf(h_, record), &kDeleted, 1);
-        return false;
-    }
-
-    /// The same for the first of the gathered records that is not whole.
-    bool dropTorn(u32 count) {
-        const u32 length = h_->Header.RecordLength;
-        u32 got = 0;
-        for (u32 at = 0; at < count; at += length) {
-            const u32 record = first_ + at / length;
-            if (!readTable(h_, offsetOf(h_, record), h_->RecordBuffer, length, &got)) return false;
-            if (std::memcmp(h_->RecordBuffer, buffer_.get() + at, length) != 0) return drop(record);
-        }
-        return false;
+    bool flush() {
+        const u32 count = std::exchange(used_, 0);
+        return count == 0 || writeTable(h_, offsetOf(h_, first_), buffer_.get(), count);
     }
 
     DbfBase* h_;
+    PackMoves moves_;
     bool gather_;
     Owned<u8> buffer_;
     u32 used_ = 0;
     u32 first_ = 0;  ///< place of the first gathered record
     u32 next_ = 0;
 };
+
+/// Those from a record on.
+int keepRecords(DbfBase* h, u32 first, bool writable, ChangedRecords* readBefore,
+                KeptRecords* kept) {
+    for (u32 i = first; i < h->Header.RecordCount; ++i) {
+        if (!(readBefore != nullptr ? readBefore->readAgain(i) : ReadRecord(h, i) != 0)) return 0;
+        const bool deleted = h->RecordBuffer[0] == kDeleted;
+        if (deleted && !writable) return 0;
+        if (!deleted && !kept->add(i)) return 0;
+    }
+    return kept->end() ? 1 : 0;
+}
 
 }  // namespace
 
@@ -121,18 +122,24 @@ bool writePacked(DbfBase* h, u32 record) {
 
 int packRecords(DbfBase* h, bool writable, ChangedRecords* readBefore) {
     KeptRecords kept(h);
-    if (!kept.ready()) return 0;
-    for (u32 i = 0; i < h->Header.RecordCount; ++i) {
-        if (!(readBefore != nullptr ? readBefore->readAgain(i) : ReadRecord(h, i) != 0)) {
-            kept.flush();
-            return 0;
-        }
-        const bool deleted = h->RecordBuffer[0] == kDeleted;
-        if (deleted && !writable) return 0;
-        if (!deleted && !kept.add(i)) return 0;
+    return kept.ready() ? keepRecords(h, 0, writable, readBefore, &kept) : 0;
+}
+
+int finishPackRecords(DbfBase* h, bool writable) {
+    std::optional<MoveLog> log;
+    const std::optional<u64> size = sizeOf(fileno(h->TableFile));
+    if (!size || !findMoveLog(h, *size, &log)) return 0;
+    if (!log) return 1;
+    const std::optional<FileId> named = fileId(h->FileName);
+    if (!writable || (named && !isSameFile(named, fileId(h->TableFile)))) return 0;
+    const u32 counted = std::exchange(h->Header.RecordCount, log->records);
+    KeptRecords kept(h);
+    if (kept.ready() && kept.resume(*log) &&
+        (log->turn == 0 || keepRecords(h, log->from, true, nullptr, &kept) != 0)) {
+        return 1;
     }
-    if (!kept.flush()) return 0;
-    return kept.count() == h->Header.RecordCount ? 1 : Truncate(h, kept.count());
+    h->Header.RecordCount = counted;
+    return 0;
 }
 
 }  // namespace mira

@@ -14,4 +14,8 @@ bool writePacked(DbfBase*, u32 record);
 /// are read as they were before, where that has been kept.
 int packRecords(DbfBase*, bool writable, ChangedRecords* readBefore = nullptr);
 
+/// Goes on with moves that an earlier pack, which failed or was killed, did not come to. 1 when
+/// there are none.
+int finishPackRecords(DbfBase*, bool writable);
+
 }  // namespace mira

@@ -81,7 +81,10 @@ bool addName(const char* path, const char* second) {
     const Owned<char> name = firstOwnName(path);
     const auto make = [path](const char* own) { return link(path, own) == 0; };
     if (name == nullptr) return false;
-    if (!giveOwnName(name.get(), make)) return std::rename(path, second) == 0;
+    if (!giveOwnName(name.get(), make)) {
+        // Then the names of new files, by which this is undone, come to the disk first.
+        return synchroniseFolder(path) && std::rename(path, second) == 0;
+    }
     if (std::rename(name.get(), second) == 0) return true;
     unlink(name.get());
     return false;

@@ -130,6 +130,10 @@ bool readRebuildLog(std::FILE* file, const MemoHead& head, RebuildLog* log) {
            checksum(log->bytes.get(), log->size) == loadLe32(head.bytes + kChecksumPlace);
 }
 
+bool isLogCut(std::FILE* file, const MemoHead& head) {
+    return fileSize(file) == u64{loadLe32(head.bytes + kEndPlace)};
+}
+
 bool releaseRebuild(std::FILE* file) {
     constexpr u8 kUnsigned = 0;  // a single byte is written or not, never half
     return seekTo(file, kPackSignPlace) && writeExact(file, &kUnsigned, 1);
@@ -149,10 +153,12 @@ bool tidyRebuild(std::FILE* file, const MemoFamily& family) {
 }
 
 bool isAbandonedRebuild(std::FILE* file) {
-    static constexpr u8 kNothing[kPackSignPlace] = {};
+    static constexpr u8 kNothing[kMemoHeadSize] = {};
     MemoHead head;
     if (!readMemoHead(file, &head)) return false;
-    if (head.size <= kPackSignPlace) return std::memcmp(head.bytes, kNothing, head.size) == 0;
+    // A power cut may have lost its beginning.
+    if (std::memcmp(head.bytes, kNothing, head.size) == 0) return true;
+    if (head.size <= kPackSignPlace) return false;
     const std::size_t sign = std::min<std::size_t>(head.size - kPackSignPlace, sizeof kPackSign);
     return std::memcmp(head.bytes + kPackSignPlace, kPackSign, sign) == 0;
 }

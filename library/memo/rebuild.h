@@ -67,6 +67,8 @@ struct RebuildLog {
 };
 /// Of a file with such a beginning; false when it is damaged.
 bool readRebuildLog(std::FILE*, const MemoHead&, RebuildLog*);
+/// Whether the log has been cut off already, and only the file's beginning still tells of one.
+bool isLogCut(std::FILE*, const MemoHead&);
 /// Makes the file an ordinary memo file, in which the log only takes up room. Done or not done.
 bool releaseRebuild(std::FILE*);
 /// Then cuts the log off, unless something has been appended after it meanwhile.

@@ -1,4 +1,4 @@
-// Backup copies, whether a table can be written at all, and what a write leaves stale beside it.
+// Backup copies, and whether a table can be written at all.
 #include "tables/change/backup.h"
 
 #include <fcntl.h>
@@ -80,17 +80,6 @@ void checkWritable(const Table& table) {
     if (const fs::path memos = presentMemos(table); !memos.empty()) checkWritable(memos);
 }
 
-std::string staleIndexes(const Table& table) {
-    constexpr u8 kIndexFlag = 1;  // header byte 28
-    const std::vector<std::string> indexes = indexFilesBeside(table.path);
-    if (!indexes.empty()) {
-        return textOf(table.path,
-                      ": index files are not kept up and need a reindex: ", joined(indexes));
-    }
-    if ((table.tableFlags & kIndexFlag) == 0) return {};
-    return table.path + ": its index file is not kept up and needs a reindex";
-}
-
 void refuseBesideShapes(const Table& table, const char* wayOut) {
     const std::string shapes = beside(table.path, ".shp");
     if (shapes.empty()) return;
@@ -129,6 +118,7 @@ void makeBackups(const Table& table, const ChangeNames& names, u32 copies) {
 
 bool removeNewFiles(const ChangeNames& names) {
     bool done = removeFile(names.newTable());
+    done = removeFile(names.newIndex()) && done;
     for (const std::string& memos : names.newMemos()) done = removeFile(memos) && done;
     return done;
 }

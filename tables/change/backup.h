@@ -9,8 +9,6 @@
 
 namespace mira::tables {
 
-/// That index files are not kept up, where there are some; else empty.
-std::string staleIndexes(const Table& table);
 /// Throws a Refusal beside a ".shp" file, whose shapes go by record number; it ends with the way
 /// out.
 void refuseBesideShapes(const Table& table, const char* wayOut);

@@ -10,6 +10,7 @@
 
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
+#include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
@@ -47,6 +48,9 @@ Change::Change(Table& table, const BackupPlan& backups)
     File& file = of(FileOf::Table);
     file.descriptor = fileno(table.base->TableFile);
     try {
+        if (isHalfPacked(table_)) {
+            refuse(table_.path, ": a pack was interrupted; `mira pack` finishes it");
+        }
         for (File& each : files_) {
             const auto info = each.descriptor >= 0 ? statusOf(each.descriptor) : std::nullopt;
             each.sizeBefore = info ? static_cast<u64>(info->st_size) : 0;
@@ -88,6 +92,10 @@ void Change::refuseWrite(const char* what) const {
 // --------------------------------------------------------------------------------------------
 
 void Change::put(const Column& column, const Encoded& encoded) {
+    std::vector<u32>& offsets = touched_.offsets;
+    if (std::find(offsets.begin(), offsets.end(), column.offset) == offsets.end()) {
+        offsets.push_back(column.offset);
+    }
     putBytes(table_, column, encoded);
     if (encoded.memo.empty() && !encoded.hasMemo) return;
     std::string image;
@@ -114,6 +122,7 @@ void Change::writeRecord(u32 record) {
 }
 
 void Change::writeMark(u32 record, char mark) {
+    touched_.marks = true;
     add(FileOf::Table, recordPlace(*table_.base, record), {&mark, 1});
 }
 
@@ -139,6 +148,7 @@ void Change::appendRecord() {
                " would reach past 2 GiB, where tables end");
     }
     writeRecord(record);
+    touched_.records = true;
     ++base.Header.RecordCount;
     counted_ = true;
 }
@@ -346,11 +356,25 @@ void Change::prepare() {
         if (!of(file).touched || fsync(of(file).descriptor) == 0) continue;
         refuseWrite(file == FileOf::Table ? "the table" : "the memo file");
     }
+    if (index_.name.empty() || !begun_) return;
+    buildIndex(names_, index_, names_.table, journal_);
+    indexed_ = true;
+}
+
+/// Ends the journal; false when the change is to be undone.
+bool Change::end() {
+    if (!indexed_) return journal_.end();
+    try {
+        return finishIndex(names_, journal_, index_.name);
+    } catch (...) {
+        open_ = false;
+        throw;
+    }
 }
 
 bool Change::finish() {
     if (!open_) return true;
-    if (!journal_.end()) return false;
+    if (!end()) return false;
     open_ = false;
     // What opening would find now.
     table_.fileSize = of(FileOf::Table).written;
@@ -473,8 +497,8 @@ std::string Change::undo() {
         }
     }
     restore(before_);
-    // Backups that are not whole yet.
-    if (!begun_) done = removeNewFiles(names_);
+    // Backups and an index that are not whole yet.
+    if (!begun_ || !index_.name.empty()) done = removeNewFiles(names_) && done;
     if (done && journal_.end()) return "";
     return textOf("what was there before cannot be put back now; `mira info ", table_.path,
                   "` does it");

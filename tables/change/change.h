@@ -12,6 +12,7 @@
 
 #include "tables/change/journal.h"
 #include "tables/change/names.h"
+#include "tables/change/newindex.h"
 #include "tables/column/column.h"
 #include "tables/store/store.h"
 
@@ -23,6 +24,13 @@ struct BackupPlan {
     u32 copies = 3;  ///< how many are kept, the new one included
 };
 
+/// What a change has touched of the records, by which is told what it has made stale.
+struct Touched {
+    bool records = false;        ///< some have come, gone or moved
+    bool marks = false;          ///< deletion marks
+    std::vector<u32> offsets{};  ///< of fields in the record
+};
+
 class Change {
 public:
     /// Begins to change a table of openForChange: makes the journal and the backups. Throws a
@@ -31,6 +39,8 @@ public:
     /// Undoes what is not committed.
     ~Change();
     Change(const Change&) = delete;
+    /// Has an index made anew when the change is committed.
+    void reindex(IndexPlan plan) { index_ = std::move(plan); }
 
     /// Puts an encoded value into RecordBuffer, and its memo into the memo file. Throws a Refusal.
     void put(const Column& column, const Encoded& encoded);
@@ -43,6 +53,10 @@ public:
     /// Writes RecordBuffer after the last record. Throws a Refusal.
     void appendRecord();
 
+    /// Tells that records written as wholes have other deletion marks now.
+    void touchMarks() { touched_.marks = true; }
+    const Touched& touched() const { return touched_; }
+
     /// Brings what waits into the files, so that whoever reads them sees it. Throws a Refusal.
     void flush();
     /// Sets mark number. A mark of that number or above is forgotten.
@@ -53,10 +67,11 @@ public:
     /// the beginning where there is none. Throws a Refusal when that cannot be done.
     void undoTo(int number);
 
-    /// Counters, header and everything else to the disk. Throws a Refusal; undo is still possible.
+    /// Counters, header and everything else to the disk, the new index, too. Throws a Refusal; undo
+    /// is still possible.
     void prepare();
     /// After prepare: ends the journal, and with it the change. False when the journal cannot be
-    /// ended; the change is to be undone then.
+    /// ended; the change is to be undone then. Throws a Refusal when recovery has to go on.
     bool finish();
     /// Both; what fails is undone. Throws a Refusal.
     void commit();
@@ -107,6 +122,7 @@ private:
     bool writeOut(FileOf file, u64 place, std::string_view bytes);
     bool putBack(const State& state);
     void addHeader();
+    bool end();
     State stateNow(int number) const;
     void restore(const State& state);
     [[noreturn]] void refuseWrite(const char* what) const;
@@ -122,12 +138,15 @@ private:
     std::vector<Piece> pieces_;  ///< in the journal
     std::vector<State> marks_;
     State before_;
+    IndexPlan index_;
+    Touched touched_;
     u32 unit_ = 0;
     u32 memoNext_ = 0;
     u64 copied_ = 0;        ///< appended bytes that the journal holds, too
     bool begun_ = false;    ///< the journal says what is changed
     bool counted_ = false;  ///< records have been appended
     bool changed_ = false;
+    bool indexed_ = false;  ///< the new index is built
     bool open_ = true;
 };
 

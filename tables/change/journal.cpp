@@ -196,8 +196,15 @@ bool readSwap(Journal& journal, const Head& head, std::string oldMemo, std::stri
     plan.oldMemos = journal.memosThere;
     plan.oldMemo = std::move(oldMemo);
     plan.newMemo = std::move(newMemo);
+    plan.index = journal.index.name;
     journal.state = head.kind == 'X' ? Journal::State::Exchanging : Journal::State::Swapping;
     return plan.number <= kBackupsMost && plan.newMemoKind < 3;
+}
+
+bool readIndex(Journal& journal, const Head& head, std::string name, const std::string& sum) {
+    if (!journal.index.name.empty() || name.empty() || sum.size() != sizeof(u32)) return false;
+    journal.index = {std::move(name), head.place, loadLe<u32>(sum.data())};
+    return true;
 }
 
 /// Takes an entry in; false when it cannot stand where it stands.
@@ -205,7 +212,9 @@ bool take(Journal& journal, const Head& head, Entries& entries) {
     using State = Journal::State;
     if (head.file != FileOf::Table && head.file != FileOf::Memos) return false;
     const auto oldBytes = [&] { return entries.text(head.at, head.oldSize); };
+    const auto newBytes = [&] { return entries.text(head.at + head.oldSize, head.newSize); };
     const State state = journal.state;
+    const bool isOpen = state == State::Building || state == State::Changing;
     switch (head.kind) {
         case 'B':
             if (state != State::Dead) return false;
@@ -220,8 +229,12 @@ bool take(Journal& journal, const Head& head, Entries& entries) {
         case 'X':
         case 'S':
             return (state == State::Building || (state == State::Exchanging && head.kind == 'S')) &&
-                   readSwap(journal, head, oldBytes(),
-                            entries.text(head.at + head.oldSize, head.newSize));
+                   readSwap(journal, head, oldBytes(), newBytes());
+        case 'I':
+            return isOpen && readIndex(journal, head, oldBytes(), newBytes());
+        case 'D':
+            journal.state = State::Placing;
+            return isOpen && !journal.index.name.empty();
         default:
             return false;
     }
@@ -233,6 +246,7 @@ bool namesFit(const Journal& journal, const ChangeNames& names) {
     };
     if (!fits(journal.memoName) || (journal.memosThere && journal.memoName.empty())) return false;
     const SwapPlan& swap = journal.swap;
+    if (!journal.index.name.empty() && !names.isIndexName(journal.index.name)) return false;
     return fits(swap.oldMemo) && fits(swap.newMemo) &&
            (swap.newMemoKind < 0 || !swap.newMemo.empty()) &&
            (!swap.oldMemos || journal.state < Journal::State::Exchanging ||
@@ -298,6 +312,14 @@ bool JournalWriter::synchronise() {
     return named_;
 }
 
+bool JournalWriter::takeBack() {
+    pending_.assign(pending_.size(), '\0');
+    const bool done = writeAt(file_.number(), written_, pending_.data(), pending_.size()) &&
+                      fsync(file_.number()) == 0;
+    pending_.clear();
+    return done;
+}
+
 bool JournalWriter::readOld(const Piece& piece, std::string& bytes) const {
     bytes.resize(piece.oldSize);
     return readAt(file_.number(), piece.at, bytes.data(), bytes.size());
@@ -344,6 +366,12 @@ void addSwap(JournalWriter& journal, char kind, const SwapPlan& plan) {
     const u64 place = plan.number | static_cast<u64>(plan.newMemoKind + 1) << 8 |
                       static_cast<u64>(plan.backup ? kBackupBit : 0) << 16;
     journal.add(kind, FileOf::Table, place, plan.oldMemo, plan.newMemo);
+}
+
+void addIndex(JournalWriter& journal, const OldIndex& index) {
+    const auto sum = bytesLe(index.sum);
+    journal.add('I', FileOf::Table, index.size, index.name,
+                {reinterpret_cast<const char*>(sum.data()), sum.size()});
 }
 
 }  // namespace mira::tables

@@ -30,12 +30,16 @@
 //   "X" take out  backup number + 256 * kind  file name of the memo   file name that the
 //   "S" swap      of new memo file + 65536 *  file that is there      new one takes
 //                 (1 make a backup)
+//   "I" index     size of the index     file name of the        checksum of the index
+//                 file that is there    index file              file, 4 bytes
+//   "D" done
 //
 // Kinds of new memo files: 0 none, 1 .dbt, 2 .fpt, 3 .smt.
 //
 // The first entry is "B". While nothing else follows, only new files are being built. From "C" on
-// the change is in place, and undone by the pieces, last to first. From "S" on new files take the
-// place of old ones, and recovery goes forward. An entry counts if it and all before it are whole.
+// the change is in place, and undone by the pieces, last to first. "I" says that an index file has
+// been built anew. From "S" on new files take the place of old ones, and from "D" on the new index
+// file does so alone, and recovery goes forward. An entry counts if it and all before it are whole.
 #pragma once
 
 #include <optional>
@@ -62,6 +66,14 @@ struct SwapPlan {
     int newMemoKind = -1;   ///< which of ChangeNames::newMemos the new table has; -1: none
     std::string newMemo{};  ///< file name that it takes
     bool oldTable = true;   ///< there is a table to be replaced
+    std::string index{};    ///< file name that the new index takes; empty: there is none
+};
+
+/// An index file, as it is before a new one takes its name.
+struct OldIndex {
+    std::string name{};  ///< empty: no index is made anew
+    u64 size = 0;
+    u32 sum = 0;
 };
 
 /// Bytes of a file that are written over, or written for the first time.
@@ -89,6 +101,8 @@ public:
     std::size_t pendingSize() const { return pending_.size(); }
     /// Brings everything added to the disk, the name of the journal, too.
     bool synchronise();
+    /// Takes back what synchronise could not bring to the disk; false when it may be there.
+    bool takeBack();
     /// Old bytes of a piece.
     bool readOld(const Piece& piece, std::string& bytes) const;
     /// The change is done, or undone: the journal ends. False when it is still there as it was.
@@ -113,6 +127,7 @@ struct Journal {
         Foreign,     ///< no journal, or of a later version
         Building,    ///< only new files
         Changing,    ///< in place
+        Placing,     ///< the change is done, its new index file takes its place
         Exchanging,  ///< new files still have the names of a backup
         Swapping     ///< new files take their places
     };
@@ -123,6 +138,7 @@ struct Journal {
     u64 tableLimit = 0, memoLimit = 0;  ///< the most that the change has made of them
     u32 headerLength = 0, recordLength = 0;
     SwapPlan swap{};
+    OldIndex index{};
     std::vector<Piece> pieces{};
 };
 
@@ -131,5 +147,7 @@ Journal readJournal(int descriptor, const ChangeNames& names);
 
 /// The entry of a swap.
 void addSwap(JournalWriter& journal, char kind, const SwapPlan& plan);
+/// That of a new index file.
+void addIndex(JournalWriter& journal, const OldIndex& index);
 
 }  // namespace mira::tables

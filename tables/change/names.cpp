@@ -30,6 +30,12 @@ std::string sourceExtension(const fs::path& table) {
     return extension;
 }
 
+/// Another file in the table's folder that has its name but for the extension.
+bool isOfTable(const fs::path& own, std::string_view name) {
+    return name.find('/') == std::string_view::npos && name != own.string() &&
+           sameText(fs::path(name).stem().string(), own.stem().string());
+}
+
 }  // namespace
 
 ChangeNames::ChangeNames(const std::string& path) : table(realPath(path)) {}
@@ -60,13 +66,18 @@ std::string ChangeNames::memoBackup(u32 number) const {
 }
 
 bool ChangeNames::isMemoName(std::string_view name) const {
-    const fs::path path(name), own = fs::path(table).filename();
-    if (name.find('/') != std::string_view::npos || name == own.string()) return false;
-    if (!sameText(path.stem().string(), own.stem().string())) return false;
-    const std::string extension = foldCase(path.extension().string());
+    const fs::path own = fs::path(table).filename();
+    if (!isOfTable(own, name)) return false;
+    const std::string extension = foldCase(fs::path(name).extension().string());
     return (!extension.empty() && extension == sourceExtension(own)) ||
            std::find(std::begin(kMemoExtensions), std::end(kMemoExtensions), extension) !=
                std::end(kMemoExtensions);
+}
+
+bool ChangeNames::isIndexName(std::string_view name) const {
+    const std::string extension = foldCase(fs::path(name).extension().string());
+    return isOfTable(fs::path(table).filename(), name) &&
+           (extension == ".cdx" || extension == ".dcx");
 }
 
 }  // namespace mira::tables

@@ -3,6 +3,7 @@
 //   stock.dbf-mira        the journal
 //   stock.dbf-mira.new    a table that is being built
 //   stock.dbf-mira.dbt    its memo file (.dbt, .fpt or .smt, as its kind has it)
+//   stock.dbf-mira.cdx    an index file that is being built
 //   stock.bak, stock.tbk  the newest backup copies of table and memo file
 //   stock.bak1 ...        earlier ones
 //
@@ -30,6 +31,7 @@ struct ChangeNames {
     std::string newTable() const { return table + "-mira.new"; }
     /// The memo files that a new table may have.
     std::array<std::string, 3> newMemos() const;
+    std::string newIndex() const { return table + "-mira.cdx"; }
     /// A file name in the table's folder.
     std::string beside(std::string_view name) const;
     /// Number 0 is the newest.
@@ -37,6 +39,8 @@ struct ChangeNames {
     std::string memoBackup(u32 number) const;
     /// Whether a file name can be that of the table's memo file.
     bool isMemoName(std::string_view name) const;
+    /// Whether it can be that of an index file that is made anew.
+    bool isIndexName(std::string_view name) const;
 };
 
 }  // namespace mira::tables

@@ -75,6 +75,8 @@ std::vector<struct stat> filesOfSwap(const ChangeNames& names, const Journal& jo
     look(names.newTable());
     if (!plan.oldMemo.empty()) look(names.beside(plan.oldMemo));
     for (const std::string& memos : names.newMemos()) look(memos);
+    look(names.newIndex());
+    if (!journal.index.name.empty()) look(names.beside(journal.index.name));
     return found;
 }
 
@@ -240,7 +242,7 @@ Recovery undoChange(const ChangeNames& names, Files& files, const Journal& journ
         return left(names, "somebody has worked on the table since");
     }
     if (!files.mayWrite) refuseToWrite(names);
-    if (!undoPieces(files, journal)) refuseNow(names);
+    if (!undoPieces(files, journal) || !removeNewFiles(names)) refuseNow(names);
     endJournal(files.journal.number(), names.journal());
     return recovered(names, "an interrupted change has been undone");
 }
@@ -250,9 +252,16 @@ Recovery finishSwap(const ChangeNames& names, const Files& files, const Journal&
     const std::string fault =
         own ? faultOf(*own, filesOfSwap(names, journal)) : "the journal cannot be read";
     if (!fault.empty()) return left(names, fault);
+    const bool alone = journal.state == Journal::State::Placing;
+    if (alone && !mayPlaceIndex(names, journal.index)) {
+        return left(names, "somebody has worked on its index since");
+    }
     if (!files.mayWrite) refuseToWrite(names);
-    const bool forward = journal.state == Journal::State::Swapping;
-    if (!(forward ? putInPlace : putBackupBack)(names, journal.swap)) refuseNow(names);
+    const bool forward = alone || journal.state == Journal::State::Swapping;
+    if (alone ? !placeIndex(names, journal.index.name)
+              : !(forward ? putInPlace : putBackupBack)(names, journal.swap)) {
+        refuseNow(names);
+    }
     endJournal(files.journal.number(), names.journal());
     return recovered(names, forward ? "an interrupted change has been finished"
                                     : "an interrupted change has been undone");
@@ -275,6 +284,7 @@ Recovery recoverBy(const ChangeNames& names, Files& files, const Journal& journa
         case Journal::State::Changing:
             if (!files.table) return left(names, "the table is gone");
             return undoChange(names, files, journal);
+        case Journal::State::Placing:
         case Journal::State::Exchanging:
         case Journal::State::Swapping:
             return finishSwap(names, files, journal);

@@ -48,6 +48,13 @@ bool clearTable(const ChangeNames& names, const SwapPlan& plan) {
     return plan.backup ? rename(names.table, names.backup(plan.number)) : removeFile(names.table);
 }
 
+void refuseSeveralNames(const std::string& path) {
+    const auto info = statusOf(path);
+    if (!info || info->st_nlink < 2) return;
+    refuse(path, ": has ", info->st_nlink,
+           " names (hard links), and the new file would get only this one; copy it first");
+}
+
 /// Without backups the old table goes first: its memo file may be gone then, but not another's.
 bool clearPlaces(const ChangeNames& names, const SwapPlan& plan) {
     const bool done = plan.backup ? clearMemos(names, plan) && syncFolderOf(names.table) &&
@@ -91,6 +98,7 @@ bool putInPlace(const ChangeNames& names, const SwapPlan& plan) {
             return false;
         }
     }
+    if (!plan.index.empty() && !placeIndex(names, plan.index)) return false;
     return (placed || rename(names.newTable(), names.table)) && syncFolderOf(names.table);
 }
 
@@ -100,16 +108,13 @@ Swap::Swap(const std::string& path, const std::string& memos) : Swap(path, memos
 Swap::Swap(const std::string& path, const std::string& memos, bool oldTable)
     : names_(path), journal_(names_), oldTable_(oldTable) {
     try {
-        const auto info = statusOf(names_.table);
-        if (oldTable_ && info && info->st_nlink > 1) {
-            refuse(path, ": has ", info->st_nlink,
-                   " names (hard links), and the new table would get only this one; copy it first");
-        }
+        if (oldTable_) refuseSeveralNames(names_.table);
         const std::string name = fs::path(memos).filename().string();
         if (!name.empty() && isThere(names_.beside(name))) {
             if (!names_.isMemoName(name)) {
                 refuse(path, ": its memo file ", name, " has no name of its own");
             }
+            refuseSeveralNames(names_.beside(name));
             oldMemo_ = name;
         }
         const u64 there = (oldTable_ ? 1U : 0U) + (oldMemo_.empty() ? 0U : 2U);
@@ -158,7 +163,7 @@ void Swap::go(const SwapPlan& plan) {
            "; `mira info ", names_.table, "` does it");
 }
 
-void Swap::commit(const BackupPlan& backups, const std::string& newMemo) {
+void Swap::commit(const BackupPlan& backups, const std::string& newMemo, const IndexPlan& index) {
     SwapPlan plan;
     plan.newMemoKind = newMemo.empty() ? -1 : builtMemoKind(names_);
     plan.newMemo = plan.newMemoKind < 0 ? "" : newMemo;
@@ -171,6 +176,8 @@ void Swap::commit(const BackupPlan& backups, const std::string& newMemo) {
     if (!memos.empty()) settle(memos, like);
     settle(newTable(), names_.table);
     if (!syncFolderOf(names_.table)) refuse(names_.table, ": its folder cannot be written");
+    plan.index = index.name;
+    if (!index.name.empty()) buildIndex(names_, index, newTable(), journal_);
     if (plan.backup) rotateBackups(names_, backups.copies);
     go(plan);
 }

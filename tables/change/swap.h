@@ -10,6 +10,7 @@
 #include "tables/change/change.h"
 #include "tables/change/journal.h"
 #include "tables/change/names.h"
+#include "tables/change/newindex.h"
 
 namespace mira::tables {
 
@@ -29,8 +30,9 @@ public:
     /// Where the new table is to be built. The library finds its memo file beside it.
     std::string newTable() const { return names_.newTable(); }
     /// Brings the new files to the disk and swaps. newMemo: the file name that the new memo file
-    /// takes, if there is one. Throws a Refusal; all is as it was then.
-    void commit(const BackupPlan& backups, const std::string& newMemo);
+    /// takes, if there is one; index: made anew for the new table. Throws a Refusal; all is as it
+    /// was then.
+    void commit(const BackupPlan& backups, const std::string& newMemo, const IndexPlan& index = {});
     /// Exchanges the table with its newest backup. Throws a Refusal.
     void exchange(u32 number, const std::string& newMemo);
 

@@ -52,9 +52,14 @@ Kind heldKind(const Column& column) {
 }
 
 const Column* findColumn(const Table& table, std::string_view name) {
+    const std::string exact = foldCase(name);
     const std::string wanted = foldCase(trimmed(name));
+    // Names that begin or end with blanks are rare, and no list of names can write them.
     for (const Column& column : table.columns) {
-        if (foldCase(column.name) == wanted) return &column;
+        if (foldCase(column.name) == exact) return &column;
+    }
+    for (const Column& column : table.columns) {
+        if (foldCase(trimmed(column.name)) == wanted) return &column;
     }
     const bool number = !wanted.empty() && wanted.size() < 6 && areDigits(wanted);
     const auto field = number ? static_cast<std::size_t>(std::stoul(wanted)) : 0;

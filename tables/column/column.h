@@ -68,6 +68,7 @@ struct TableOptions {
     bool raw = false;                   // texts and numbers as stored
     bool exact = false;  // what may have more digits than a double goes into a database as text
     bool writable = false;
+    bool reindex = false;  // a change of records makes the index beside the table anew, in SQL
 };
 
 /// What is known of a table besides its handle.

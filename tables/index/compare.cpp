@@ -1,4 +1,4 @@
-// The table is read once and leaves a hash of the key of every record, eight bytes each; then the
+// The table leaves a hash of the key of every record, eight bytes each; then the
 // entries are gone through and compared with these. Two keys of one hash, one in 2^64, would pass
 // for one.
 #include "tables/index/compare.h"
@@ -20,32 +20,15 @@ u64 hashOf(std::string_view key) {
     return hash == kNoEntry ? 1 : hash;
 }
 
-/// What stands in the index for every record, by the table.
-std::vector<u64> expectedKeys(const Table& table, const index::KeyRule& rule, bool unique) {
-    std::vector<u64> expected;
-    std::unordered_set<u64> taken;
-    const u32 count = reccount(table.base.get());
-    std::string key;
-    for (u32 record = 0; record < count; ++record) {
-        readRecord(table, record);
-        u64 hash = kNoEntry;
-        if (isIndexed(table, rule, record + 1)) {
-            makeKey(table, rule, record + 1, key);
-            hash = hashOf(key);
-            if (unique && !taken.insert(hash).second) hash = kNoEntry;
-        }
-        expected.push_back(hash);
-    }
-    return expected;
-}
-
 struct Comparison {
-    const index::KeyRule& rule;
+    const Tag& tag;
+    index::KeyRule rule;
     bool isDescending;  // the largest key comes first
-    std::vector<u64> expected;
-    std::vector<bool> seen;
+    TagReport& report;
+    std::vector<u64> expected{};  // by record: what stands in the index for it, by the table
+    std::unordered_set<u64> taken{};
+    std::vector<bool> seen{};
     std::string before{};
-    TagReport report{};
 };
 
 void takeEntry(Comparison& comparison, std::string_view stored, u32 record) {
@@ -63,31 +46,64 @@ void takeEntry(Comparison& comparison, std::string_view stored, u32 record) {
     if (comparison.expected[slot] != hashOf(key)) report.otherKeys.add(record);
 }
 
+/// What the index has to hold, for some of its tags.
+void readTable(const Table& table, const std::vector<Comparison*>& some, const index::Step& step) {
+    std::vector<const index::KeyRule*> rules;
+    for (Comparison* const each : some) {
+        rules.push_back(&each->rule);
+        each->expected.assign(reccount(table.base.get()), kNoEntry);
+        each->seen.assign(each->expected.size(), false);
+    }
+    eachKey(table, rules, step, [&](std::size_t number, std::string_view key, u32 record) {
+        Comparison& comparison = *some[number];
+        const u64 hash = hashOf(key);
+        if (comparison.tag.unique && !comparison.taken.insert(hash).second) return;
+        comparison.expected[record - 1] = hash;
+    });
+}
+
+void compareEntries(const IndexFile& file, Comparison& comparison) {
+    eachEntry(file, comparison.tag, fillerOf(comparison.rule),
+              [&](std::string_view key, u32 record) {
+                  takeEntry(comparison, key, record);
+                  return true;
+              });
+    for (std::size_t i = 0; i < comparison.expected.size(); ++i) {
+        if (comparison.expected[i] == kNoEntry || comparison.seen[i]) continue;
+        comparison.report.missing.add(static_cast<u32>(i + 1));
+    }
+    comparison.expected = {};
+    comparison.taken = {};
+}
+
 }  // namespace
 
-TagReport compareTag(const Table& table, const IndexFile& file, const Tag& tag) {
-    TagReport report;
-    try {
-        const index::KeyRule rule = index::ruleOf(table, file, tag);
-        std::vector<u64> expected = expectedKeys(table, rule, tag.unique);
-        const std::size_t records = expected.size();
-        // Only .mdx stores a descending tag from the largest key on.
-        const bool descending = tag.descending && file.kind == IndexKind::Mdx;
-        Comparison comparison{rule, descending, std::move(expected), std::vector<bool>(records)};
-        eachEntry(file, tag, fillerOf(rule), [&](std::string_view key, u32 record) {
-            takeEntry(comparison, key, record);
-            return true;
-        });
-        for (std::size_t i = 0; i < records; ++i) {
-            if (comparison.expected[i] != kNoEntry && !comparison.seen[i]) {
-                comparison.report.missing.add(static_cast<u32>(i + 1));
-            }
+std::vector<TagReport> compareTags(const Table& table, const IndexFile& file,
+                                   const std::function<void()>& step) {
+    constexpr u64 kMostHashes = 1 << 24;  // in memory, unless one tag alone needs more
+    std::vector<TagReport> reports(file.tags.size());
+    std::vector<Comparison> comparisons;
+    for (std::size_t i = 0; i < file.tags.size(); ++i) {
+        const Tag& tag = file.tags[i];
+        try {
+            // Only .mdx stores a descending tag from the largest key on.
+            const bool descending = tag.descending && file.kind == IndexKind::Mdx;
+            comparisons.push_back({tag, index::ruleOf(table, file, tag), descending, reports[i]});
+        } catch (const index::NotComputed& reason) {
+            reports[i].notComputed = reason.what();
         }
-        return std::move(comparison.report);
-    } catch (const index::NotComputed& reason) {
-        report.notComputed = reason.what();
-        return report;
     }
+    const u64 records = std::max<u64>(reccount(table.base.get()), 1);
+    const std::size_t most = static_cast<std::size_t>(std::max<u64>(kMostHashes / records, 1));
+    for (std::size_t first = 0; first < comparisons.size(); first += most) {
+        std::vector<Comparison*> some;
+        for (std::size_t i = first; i < std::min(first + most, comparisons.size()); ++i) {
+            some.push_back(&comparisons[i]);
+        }
+        readTable(table, some, step);
+        for (Comparison* const each : some) compareEntries(file, *each);
+    }
+    return reports;
 }
 
 u64 countKeys(const IndexFile& file, const Tag& tag) {

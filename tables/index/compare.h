@@ -2,7 +2,9 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "tables/column/column.h"
 #include "tables/index/index.h"
@@ -31,8 +33,11 @@ struct TagReport {
     bool isSameRule() const { return otherKeys.count + unordered.count == 0; }
 };
 
-/// Compares; overwrites RecordBuffer. Throws a Refusal for a damaged index file.
-TagReport compareTag(const Table& table, const IndexFile& file, const Tag& tag);
+/// Compares the tags of a file, for which the table is read once (a very large one once for some of
+/// them); overwrites RecordBuffer. step is called after every record and may throw. Throws a
+/// Refusal for a damaged index file.
+std::vector<TagReport> compareTags(const Table& table, const IndexFile& file,
+                                   const std::function<void()>& step = {});
 
 /// Entries of a tag, counted along its pages.
 u64 countKeys(const IndexFile& file, const Tag& tag);

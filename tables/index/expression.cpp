@@ -256,4 +256,16 @@ void evaluate(const Table& table, const KeyExpression& expression, u32 record, K
     compute({table, record}, *expression.root, value);
 }
 
+bool isTouched(const KeyExpression& expression, const std::vector<u32>& offsets, bool marks) {
+    const auto touched = [&](const auto& self, const Node& node) -> bool {
+        if (node.operation == Operation::Field) {
+            return std::find(offsets.begin(), offsets.end(), node.column->offset) != offsets.end();
+        }
+        if (marks && node.function == functionNamed("DELETED")) return true;
+        return std::any_of(node.arguments.begin(), node.arguments.end(),
+                           [&](const NodePointer& argument) { return self(self, *argument); });
+    };
+    return expression.root && touched(touched, *expression.root);
+}
+
 }  // namespace mira::tables::index

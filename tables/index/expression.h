@@ -58,4 +58,8 @@ KeyExpression prepare(const Table& table, std::string_view text, Dialect dialect
 /// Its value for the record in RecordBuffer, whose number is given from 1.
 void evaluate(const Table& table, const KeyExpression& expression, u32 record, KeyValue& value);
 
+/// Whether its value may be another once fields, by their offsets in the record, or deletion marks
+/// have been changed.
+bool isTouched(const KeyExpression& expression, const std::vector<u32>& offsets, bool marks);
+
 }  // namespace mira::tables::index

@@ -175,6 +175,21 @@ void makeKey(const Table& table, const KeyRule& rule, u32 record, std::string& k
         key, rule.form == KeyForm::Digits ? rounded(value.number, rule.decimals) : value.number);
 }
 
+void eachKey(const Table& table, const std::vector<const KeyRule*>& rules, const Step& step,
+             const std::function<void(std::size_t rule, std::string_view key, u32 record)>& take) {
+    const u32 count = reccount(table.base.get());
+    std::string key;
+    for (u32 record = 1; record <= count; ++record) {
+        readRecord(table, record - 1);
+        for (std::size_t i = 0; i < rules.size(); ++i) {
+            if (!isIndexed(table, *rules[i], record)) continue;
+            makeKey(table, *rules[i], record, key);
+            take(i, key, record);
+        }
+        if (step) step();
+    }
+}
+
 std::string comparable(const KeyRule& rule, std::string_view stored) {
     std::string key;
     switch (rule.form) {

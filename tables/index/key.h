@@ -10,8 +10,10 @@
 // turned into them before they are compared.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tables/index/expression.h"
 #include "tables/index/index.h"
@@ -37,6 +39,12 @@ inline char fillerOf(const KeyRule& rule) { return rule.key.type == KeyType::Tex
 bool isIndexed(const Table& table, const KeyRule& rule, u32 record);
 /// The key of the record in RecordBuffer.
 void makeKey(const Table& table, const KeyRule& rule, u32 record, std::string& key);
+/// Called after every record that is read; may throw.
+using Step = std::function<void()>;
+/// Goes through the table once for several rules and hands over every key with its record, from 1,
+/// and the number of its rule. Overwrites RecordBuffer. Throws a Refusal.
+void eachKey(const Table& table, const std::vector<const KeyRule*>& rules, const Step& step,
+             const std::function<void(std::size_t rule, std::string_view key, u32 record)>& take);
 /// A stored key in the form that makeKey gives.
 std::string comparable(const KeyRule& rule, std::string_view stored);
 

@@ -1,5 +1,4 @@
-// .ndx files: pages of 512 bytes, little-endian, one order a file; and the pages of .mdx, which
-// differ in their length and in where the entries begin.
+// .ndx files: pages of 512 bytes, little-endian, one order a file.
 //
 //   header
 //     0   4  number of the root page
@@ -18,40 +17,9 @@
 namespace mira::tables::index {
 namespace {
 
-constexpr std::size_t kEntries = 4, kKey = 8;
-
-struct Walk {
-    const IndexFile& file;
-    const Tag& tag;
-    const TakeEntry& take;
-    Visited visited{};
-};
-
-bool walkPage(Walk& walk, u64 place, int depth) {
-    if (depth > kDeepest) damaged(walk.file, "its tree has no end");
-    walk.visited.enter(walk.file, place);
-    const std::string page = pageAt(walk.file, place);
-    const u64 count = le32(page, 0), step = walk.tag.itemLength;
-    if (count == 0) return true;  // emptied
-    if (count > page.size() || kEntries + count * step > page.size()) {
-        damaged(walk.file, "a page counts more than it holds");
-    }
-    const bool inner = kEntries + 4 <= page.size() && le32(page, kEntries) != 0;
-    if (inner && kEntries + count * step + 4 > page.size()) {
-        damaged(walk.file, "a page counts more than it holds");
-    }
-    for (u64 i = 0; i < count + (inner ? 1 : 0); ++i) {
-        const std::size_t entry = kEntries + i * step;
-        if (inner) {
-            const u64 child = u64{le32(page, entry)} * walk.file.pageSize;
-            if (!walkPage(walk, child, depth + 1)) return false;
-        } else if (!walk.take(std::string_view(page).substr(entry + kKey, walk.tag.keyLength),
-                              le32(page, entry + 4))) {
-            return false;
-        }
-    }
-    return true;
-}
+constexpr std::size_t kKey = 8;
+constexpr NodeLayout kLayout{
+    .entries = 4, .child = 0, .record = 4, .key = kKey, .firstTells = true};
 
 }  // namespace
 
@@ -72,8 +40,7 @@ void readNdx(IndexFile& file) {
 }
 
 void eachNdxEntry(const IndexFile& file, const Tag& tag, const TakeEntry& take) {
-    Walk walk{file, tag, take};
-    walkPage(walk, tag.root, 0);
+    walkNodes(file, tag, kLayout, take);
 }
 
 }  // namespace mira::tables::index

@@ -25,13 +25,6 @@ constexpr u32 kPage = 1024;
 constexpr std::size_t kText = 256;
 constexpr std::size_t kRecord = 4, kKey = 8;
 
-struct Walk {
-    const IndexFile& file;
-    const Tag& tag;
-    const TakeEntry& take;
-    Visited visited{};
-};
-
 std::size_t entryPlace(const Walk& walk, std::string_view page, u32 number, std::size_t bytes) {
     const std::size_t slot = 2 + 2 * std::size_t{number};
     if (slot + 2 > page.size()) damaged(walk.file, "a page counts more than it holds");
@@ -41,9 +34,7 @@ std::size_t entryPlace(const Walk& walk, std::string_view page, u32 number, std:
 }
 
 bool walkPage(Walk& walk, u64 place, int depth) {
-    if (depth > kDeepest) damaged(walk.file, "its tree has no end");
-    walk.visited.enter(walk.file, place);
-    const std::string page = pageAt(walk.file, place);
+    const std::string page = walk.enter(place, depth);
     const u32 count = le16(page, 0);
     for (u32 i = 0; i <= count; ++i) {
         const std::size_t bytes = i < count ? kKey + walk.tag.keyLength : kRecord;

@@ -31,8 +31,29 @@ struct Visited {
     void enter(const IndexFile& file, u64 place);
 };
 
-/// Deeper than any tree of 2^32 records.
-constexpr int kDeepest = 40;
+/// A way through a tree whose pages are entered from their parents.
+struct Walk {
+    const IndexFile& file;
+    const Tag& tag;
+    const TakeEntry& take;
+    Visited visited{};
+    /// The page at a place, depth pages below the root.
+    std::string enter(u64 place, int depth);
+};
+
+/// Pages of these kinds are numbered by so many bytes.
+constexpr u64 kBlock = 512;
+
+/// Where things stand in a page that begins with its count of keys (4 bytes). Numbers have 4 bytes;
+/// an inner page has one child more than keys.
+struct NodeLayout {
+    std::size_t entries;             ///< of the page
+    std::size_t child, record, key;  ///< of an entry
+    bool firstTells;  ///< it is an inner page by its first child, else by that behind the last key
+};
+/// Hands over the entries of a tree of such pages.
+void walkNodes(const IndexFile& file, const Tag& tag, const NodeLayout& layout,
+               const TakeEntry& take);
 
 void readCdx(IndexFile& file);
 void readOldIdx(IndexFile& file);

@@ -42,29 +42,48 @@ void appendBe32(std::string& bytes, u64 value) {
     }
 }
 
-/// The file that is written, from its beginning on.
+/// The file that is written, from its beginning on. Its end waits in memory.
 struct Output {
     const std::string& path;  // for messages
     int descriptor;
     u64 size = 0;
+    std::string waiting{};
 
     void put(u64 place, std::string_view bytes) {
+        const u64 start = size - waiting.size();
+        if (place >= start) {
+            waiting.replace(static_cast<std::size_t>(place - start), bytes.size(), bytes);
+        } else {
+            if (place + bytes.size() > start) flush();
+            write(place, bytes);
+        }
+    }
+    u64 append(std::string_view bytes) {
+        constexpr std::size_t kWaiting = 1 << 18;
+        const u64 place = size;
+        if (place + bytes.size() > kNone) refuse(path, ": its new index would pass 4 GB");
+        if (waiting.size() >= kWaiting) flush();
+        waiting += bytes;
+        size += bytes.size();
+        return place;
+    }
+    void flush() {
+        write(size - waiting.size(), waiting);
+        waiting.clear();
+    }
+
+private:
+    void write(u64 place, std::string_view bytes) const {
         while (!bytes.empty()) {
             const ssize_t done =
                 pwrite(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(place));
             if (done < 0 && errno == EINTR) continue;
-            if (done <= 0)
+            if (done <= 0) {
                 refuse(path, ": its new index cannot be written: ", std::strerror(errno));
+            }
             place += static_cast<u64>(done);
             bytes.remove_prefix(static_cast<std::size_t>(done));
         }
-        size = std::max(size, place);
-    }
-    u64 append(std::string_view bytes) {
-        const u64 place = size;
-        if (place + bytes.size() > kNone) refuse(path, ": its new index would pass 4 GB");
-        put(place, bytes);
-        return place;
     }
 };
 
@@ -100,21 +119,6 @@ struct Entries {
         order.erase(std::unique(order.begin(), order.end(), same), order.end());
     }
 };
-
-Entries entriesOf(const Table& table, const Tag& tag, const KeyRule& rule) {
-    Entries entries{rule.length};
-    const u32 count = reccount(table.base.get());
-    std::string key;
-    for (u32 record = 0; record < count; ++record) {
-        readRecord(table, record);
-        if (!isIndexed(table, rule, record + 1)) continue;
-        makeKey(table, rule, record + 1, key);
-        entries.add(key, record + 1);
-    }
-    entries.sort();
-    if (tag.unique) entries.makeUnique();
-    return entries;
-}
 
 /// How the counts and the record of an entry share its bytes.
 struct Packing {
@@ -261,48 +265,101 @@ void putHeader(Output& output, const IndexFile& old, u64 oldPlace, u64 place, u6
     output.put(place, header);
 }
 
-u64 writeTag(Output& output, const Table& table, const IndexFile& old, const Tag& tag) {
-    const KeyRule rule = index::ruleOf(table, old, tag);
-    const u64 place = output.append(std::string(kHeader, '\0'));
-    const u64 root = writeTree(output, entriesOf(table, tag, rule), fillerOf(rule));
-    putHeader(output, old, tag.header, place, root);
-    return place;
+/// Tags whose entries are in memory together.
+struct Batch {
+    std::vector<KeyRule> rules{};
+    std::vector<Entries> entries{};
+};
+
+constexpr std::size_t kMostBytes = std::size_t{1} << 28;  // unless one tag alone needs more
+
+KeyRule ruleFor(const Table& table, const IndexFile& old, const Tag& tag) {
+    try {
+        return index::ruleOf(table, old, tag);
+    } catch (const index::NotComputed& reason) {
+        refuse(old.path, ": cannot be rebuilt: tag ", tag.name, ": not computed: ", reason.what());
+    }
 }
 
-}  // namespace
-
-std::string whyNotRebuilt(const Table& table, const IndexFile& file, bool anyway) {
-    if (file.kind != IndexKind::Cdx) {
-        return textOf("files of the kind ", kindName(file.kind),
-                      " are not rebuilt; the program that made it can do so");
+/// Those from first on, by one pass through the table.
+Batch readBatch(const Table& table, const IndexFile& old, std::size_t first,
+                const index::Step& step) {
+    Batch batch;
+    std::size_t bytes = 0;
+    for (std::size_t i = first; i < old.tags.size(); ++i) {
+        KeyRule rule = ruleFor(table, old, old.tags[i]);
+        bytes += (rule.length + 2 * kRecordBytes) * reccount(table.base.get());
+        if (bytes > kMostBytes && i != first) break;
+        batch.entries.push_back({rule.length});
+        batch.rules.push_back(std::move(rule));
     }
-    for (const Tag& tag : file.tags) {
-        const TagReport report = compareTag(table, file, tag);
-        if (!report.notComputed.empty()) {
-            return textOf("tag ", tag.name, ": ", report.notComputed);
-        }
-        if (!report.isSameRule() && !anyway) {
-            return textOf("tag ", tag.name, ": ", sentenceOf(report),
-                          "; --force makes it anew all the same");
-        }
-    }
-    return "";
+    std::vector<const KeyRule*> rules;
+    for (const KeyRule& rule : batch.rules) rules.push_back(&rule);
+    index::eachKey(table, rules, step, [&](std::size_t number, std::string_view key, u32 record) {
+        batch.entries[number].add(key, record);
+    });
+    return batch;
 }
 
-void writeIndex(const Table& table, const IndexFile& old, int descriptor) {
-    Output output{old.path, descriptor};
-    if (old.isCompound) output.append(std::string(kHeader, '\0'));
-    Entries names{old.nameLength};
-    for (const Tag& tag : old.tags) {
-        const u64 place = writeTag(output, table, old, tag);
-        if (!old.isCompound) continue;
+/// A file that is written, and what its directory is to hold.
+struct Rebuilt {
+    const IndexFile& old;
+    Output output;
+    Entries names;
+
+    Rebuilt(const IndexFile& file, int descriptor)
+        : old(file), output{file.path, descriptor}, names{file.nameLength} {
+        if (old.isCompound) output.append(std::string(kHeader, '\0'));
+    }
+
+    void add(const Tag& tag, const Entries& entries, char filler) {
+        const u64 place = output.append(std::string(kHeader, '\0'));
+        putHeader(output, old, tag.header, place, writeTree(output, entries, filler));
         std::string name = tag.name;
         name.resize(old.nameLength, ' ');
         names.add(name, static_cast<u32>(place));
     }
-    if (!old.isCompound) return;
-    names.sort();
-    putHeader(output, old, 0, 0, writeTree(output, names, ' '));
+
+    void finish() {
+        if (old.isCompound) putHeader(output, old, 0, 0, writeTree(output, names, ' '));
+        output.flush();
+    }
+};
+
+void addTags(Rebuilt& made, const Table& table, const index::Step& step) {
+    for (std::size_t done = 0; done < made.old.tags.size();) {
+        Batch batch = readBatch(table, made.old, done, step);
+        for (std::size_t i = 0; i < batch.rules.size(); ++i, ++done) {
+            Entries entries = std::move(batch.entries[i]);
+            const Tag& tag = made.old.tags[done];
+            entries.sort();
+            if (tag.unique) entries.makeUnique();
+            made.add(tag, entries, fillerOf(batch.rules[i]));
+        }
+    }
+}
+
+}  // namespace
+
+void writeIndex(const Table& table, const IndexFile& old, int descriptor,
+                const std::function<void()>& step) {
+    Rebuilt made(old, descriptor);
+    addTags(made, table, step);
+    made.names.sort();
+    made.finish();
+}
+
+void rewriteIndex(const IndexFile& old, char filler, int descriptor) {
+    Rebuilt made(old, descriptor);
+    for (const Tag& tag : old.tags) {
+        Entries entries{tag.keyLength};
+        eachEntry(old, tag, filler, [&](std::string_view key, u32 record) {
+            entries.add(key, record);
+            return true;
+        });
+        made.add(tag, entries, filler);
+    }
+    made.finish();
 }
 
 }  // namespace mira::tables

@@ -1,21 +1,22 @@
 // A .cdx made anew for its table as it is now.
 #pragma once
 
-#include <string>
+#include <functional>
 
 #include "tables/column/column.h"
 #include "tables/index/index.h"
 
 namespace mira::tables {
 
-/// Why a file cannot be rebuilt, in words that follow its name: a tag that cannot be computed, keys
-/// of another rule than this library's, another kind of file. Empty when it can. anyway overrides
-/// keys that differ. Overwrites RecordBuffer; throws a Refusal for a damaged file.
-std::string whyNotRebuilt(const Table& table, const IndexFile& file, bool anyway);
-
 /// Writes the index anew into an empty file: its headers as they are but for the places of the
-/// roots and the free list, its entries by the table's records. Overwrites RecordBuffer. Throws a
-/// Refusal when the file cannot be written.
-void writeIndex(const Table& table, const IndexFile& old, int descriptor);
+/// roots and the free list, its entries by the table's records. Overwrites RecordBuffer. step is
+/// called after every record and may throw. Throws a Refusal when a tag cannot be computed or the
+/// file cannot be written.
+void writeIndex(const Table& table, const IndexFile& old, int descriptor,
+                const std::function<void()>& step = {});
+
+/// The same from the entries that the file holds, in their order. For tests: what is written has to
+/// be read back as it was. filler as in eachEntry.
+void rewriteIndex(const IndexFile& old, char filler, int descriptor);
 
 }  // namespace mira::tables

@@ -58,6 +58,19 @@ void readNames(const std::string& path, Listing::Folder& folder) {
     folder.error.assign(errno, std::generic_category());
 }
 
+/// The table of the same folder whose name is nearest to one that is not there; empty when none is
+/// near.
+std::string nearestTable(const fs::path& wanted, Listing& listing) {
+    std::vector<std::string> names;
+    collect(wanted.parent_path().string(), listing.folder(wanted.parent_path()), names);
+    for (std::string& name : names) name = stemOf(name);
+    std::sort(names.begin(), names.end());
+    const bool whole = foldCase(wanted.extension().string()) == kExtension;
+    const std::string nearest =
+        nearestName(whole ? stemOf(wanted.string()) : wanted.filename().string(), names);
+    return nearest.empty() ? nearest : (wanted.parent_path() / nearest).string();
+}
+
 /// The path of a file that is there, unless it can be no table.
 std::string checked(const std::string& path) {
     std::error_code error;
@@ -112,7 +125,8 @@ std::string findTable(const std::string& name) {
         if (!found.empty()) refuse(name, ": which one? There are ", joined(found));
     }
     if (error == std::errc::permission_denied) refuse(name, ": permission denied");
-    refuse(name, ": no such table");
+    const std::string nearest = nearestTable(name, listing);
+    refuse(name, ": no such table", nearest.empty() ? "" : "; did you mean " + nearest + "?");
 }
 
 std::vector<std::string> tablesIn(const std::string& folder, bool recursive, Listing* listing) {
@@ -169,7 +183,10 @@ std::string beside(const std::string& path, std::string_view extension, Listing*
 std::vector<std::string> indexFilesBeside(const std::string& path, Listing* listing) {
     Listing own;
     std::vector<std::string> found;
-    for (const char* extension : {".cdx", ".idx", ".mdx", ".ndx", ".ntx", ".cdb"}) {
+    const bool container = sameText(fs::path(path).extension().string(), ".dbc");
+    for (const char* extension : {".cdx", ".dcx", ".idx", ".mdx", ".ndx", ".ntx", ".cdb"}) {
+        // A database container and a table of one name have an index each.
+        if (container != (std::string_view(extension) == ".dcx")) continue;
         std::string file = beside(path, extension, listing != nullptr ? listing : &own);
         if (!file.empty()) found.push_back(std::move(file));
     }

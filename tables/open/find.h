@@ -57,7 +57,8 @@ std::vector<std::string> findTables(const std::vector<std::string>& names, bool 
 /// empty when there is none.
 std::string beside(const std::string& path, std::string_view extension, Listing* listing = nullptr);
 
-/// Index files beside a table (.cdx .idx .mdx .ndx .ntx .cdb, in any letter case).
+/// Index files beside a table (.cdx .idx .mdx .ndx .ntx .cdb, in any letter case; of a database
+/// container .dcx).
 std::vector<std::string> indexFilesBeside(const std::string& path, Listing* listing = nullptr);
 
 /// The file name of a path without folder and extension.

@@ -15,6 +15,7 @@
 #include "tables/open/container.h"
 #include "tables/open/find.h"
 #include "tables/page/bytes.h"
+#include "tables/page/pagenames.h"
 #include "tables/page/refusal.h"
 #include "tables/value/memo.h"
 #include "tables/value/storage.h"
@@ -253,12 +254,14 @@ bool sameStructure(const DbfBase& a, const DbfBase& b) {
 }
 
 [[noreturn]] void refusePage(const Table& table) {
-    if (!table.options.codePage.empty()) {
-        throw UnknownPage(textOf(table.path, ": no such code page: ", table.page.missing));
+    const PageChoice& page = table.page;
+    const bool asked = !table.options.codePage.empty();
+    if (asked && markOfPage(pageOfSpelling(page.missing)) == 0) {
+        throw UnknownPage(textOf(table.path, ": no such code page: ", page.missing));
     }
-    throw UnknownPage(textOf(table.path, ": its code page ", table.page.missing, " (",
-                             table.page.from,
-                             ") is not among those of this system's iconv; install all of them "
+    throw UnknownPage(textOf(table.path, ": ", asked ? "code page " : "its code page ",
+                             page.missing, asked ? "" : textOf(" (", page.from, ")"),
+                             " is not among those of this system's iconv; install all of them "
                              "(libc-gconv-modules-extra), or name another code page"));
 }
 
@@ -346,8 +349,21 @@ std::string strayRepair(const Table& table) {
                   " of the file are no records and are left out");
 }
 
+bool isHalfPacked(const Table& table) {
+    const DbfBase& base = *table.base;
+    const u64 end =
+        Calc64(base.Header.RecordLength, base.Header.RecordCount, base.Header.HeaderLength);
+    return table.fileSize > end + base.Header.RecordLength &&
+           IsPackUnfinished(table.base.get()) == 1;
+}
+
 std::vector<std::string> repairsOf(const Table& table) {
     std::vector<std::string> repairs;
+    if (isHalfPacked(table)) {
+        repairs.emplace_back(
+            "a pack was interrupted; until `mira pack` has finished it, records may be there "
+            "twice");
+    }
     const DbfBase& base = *table.base;
     if ((base.Status & kVersionRepaired) != 0) {
         repairs.push_back(textOf("version ", hexByte(table.storedVersion), " is unknown; read as ",

@@ -41,6 +41,8 @@ void readAsBytes(Column& column);
 std::string countRepair(const Table& table);
 /// That the file ends with bytes that are no records; empty when it does not.
 std::string strayRepair(const Table& table);
+/// Whether an interrupted Pack of the library has moved some of the records.
+bool isHalfPacked(const Table& table);
 /// What opening repaired, a sentence each.
 std::vector<std::string> repairsOf(const Table& table);
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "tables/open/open.h"
+#include "tables/page/escape.h"
 #include "tables/page/refusal.h"
 #include "tables/value/plain.h"
 
@@ -336,7 +337,8 @@ void checkStream(const std::string& path, MiraArrowOptions options, std::uint64_
         for (std::size_t k = 0; k < got.names.size(); ++k) {
             require(got.rows[i][k] == wanted.rows[i][k],
                     textOf("row ", i + 1, ", ", got.names[k], " (", got.formats[k], "): \"",
-                           got.rows[i][k], "\", not \"", wanted.rows[i][k], '"'));
+                           tables::escaped(got.rows[i][k]), "\", not \"",
+                           tables::escaped(wanted.rows[i][k]), '"'));
         }
     }
     if (!got.error.empty()) return;

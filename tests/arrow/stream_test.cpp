@@ -364,6 +364,35 @@ TEST(Arrow, StreamsAreIndependent) {
     for (const Rows& of : read) EXPECT_EQ(of, rows);
 }
 
+TEST(Arrow, ArraysAreReleasedOnOtherThreadsWhileTheStreamGoesOn) {
+    const Folder folder;
+    std::mt19937 random(3);
+    const std::string path = folder.file("t.dbf");
+    writeAll(path, randomTable(random, 3000));
+    MiraArrowOptions options = arrowOptions();
+    options.columns = "F0,_record";
+    options.types = "F0=text";
+    options.batch_records = 16;
+    ArrowArrayStream stream{};
+    ASSERT_EQ(mira_arrow_open(path.c_str(), &options, &stream, nullptr, 0), 0);
+    std::vector<std::thread> threads;
+    int arrays = 0;
+    while (true) {
+        ArrowArray array{};
+        std::thread([&] { ASSERT_EQ(stream.get_next(&stream, &array), 0); }).join();
+        if (array.release == nullptr) break;
+        threads.emplace_back([array]() mutable {
+            const auto* const records = static_cast<const i64*>(array.children[1]->buffers[1]);
+            for (i64 i = 1; i < array.length; ++i) EXPECT_GT(records[i], records[i - 1]);
+            array.release(&array);
+        });
+        ++arrays;
+    }
+    stream.release(&stream);
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_GT(arrays, 100);
+}
+
 TEST(Arrow, ColumnsAndSchemasCanBeMovedAway) {
     const std::string stock = std::string(MIRA_SAMPLES_DIR) + "/stock.dbf";
     ArrowArrayStream stream{};

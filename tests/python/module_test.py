@@ -10,6 +10,7 @@ import os
 import pathlib
 import pickle
 import shutil
+import subprocess
 import sys
 import tempfile
 import threading
@@ -122,6 +123,37 @@ class Reading(unittest.TestCase):
         (self.folder / "stock.dbf-mira").write_bytes(b"journal")
         with self.assertRaisesRegex(miralib.TableError, "mira info"):
             miralib.read(stock)
+
+    def test_pages_that_iconv_lacks(self):
+        # An alias to nothing, as where the converters of East Asia are not installed.
+        (self.folder / "gconv-modules").write_text("alias CP932// NOWHERE//\n")
+        stock = self.copy("stock.dbf")
+        marked = bytearray(stock.read_bytes())
+        marked[29] = 0x13
+        (self.folder / "marked.dbf").write_bytes(marked)
+        program = (
+            "import sys, miralib\n"
+            "for name, page in ('stock', 'CP932'), ('stock', '866'), ('marked', None), ('marked', 'CP949'):\n"
+            "    try: miralib.read(name, code_page=page).schema; print('read')\n"
+            "    except LookupError as error: print(type(error).__name__, error)\n"
+        )
+        place = pathlib.Path(miralib.__file__).resolve().parents[1]
+        environment = {**os.environ, "GCONV_PATH": str(self.folder), "PYTHONPATH": str(place)}
+        done = subprocess.run(
+            [sys.executable, "-c", program], cwd=self.folder, env=environment, capture_output=True, text=True
+        )
+        lacking = "is not among those of this system's iconv; install all of them (libc-gconv-modules-extra)"
+        told = [line.split(",")[0] for line in done.stdout.splitlines()]
+        self.assertEqual(
+            told,
+            [
+                f"LookupError stock.dbf: code page CP932 {lacking}",
+                "read",
+                f"LookupError marked.dbf: its code page CP932 (mark 0x13) {lacking}",
+                "read",
+            ],
+            done.stderr,
+        )
 
     def test_faults_are_one_warning(self):
         path = self.copy("stock.dbf")

@@ -12,6 +12,7 @@ constexpr unsigned kIndexPage = 512;
 struct Entry {
     std::string key;
     u32 record;
+    bool operator==(const Entry&) const = default;
 };
 struct TagBytes {
     std::string name = "", expression = "", condition = "";
@@ -71,6 +72,32 @@ inline std::string cdxOf(const std::vector<TagBytes>& tags, bool deep = false) {
         rest += padded(inner, kIndexPage, 0) + leaves;
     }
     return cdxHeader(1024, 10, {.options = 0xE0}) + leafOf(names, 3) + rest;
+}
+
+/// The entries of a tag whose header stands at a place, with duplicate and trailing counts of the
+/// same width.
+inline std::vector<Entry> entriesAt(std::string_view file, u64 header, char filler) {
+    const u64 length = load(file, header + 12, 2);
+    u64 place = load(file, header, 4);
+    while ((load(file, place, 2) & 2) == 0) place = load(file, place + 12 + length + 4, 4, true);
+    std::vector<Entry> entries;
+    for (; place != 0xFFFFFFFF; place = load(file, place + 8, 4)) {
+        const auto bits = static_cast<unsigned>(load(file, place + 20, 1));
+        const auto counts = static_cast<unsigned>(load(file, place + 21, 1));
+        const u64 step = load(file, place + 23, 1);
+        std::string key;
+        u64 end = place + kIndexPage;
+        for (u64 i = 0; i < load(file, place + 2, 2); ++i) {
+            const u64 entry = load(file, place + 24 + i * step, static_cast<unsigned>(step));
+            const u64 same = entry >> bits & ((1U << counts) - 1),
+                      cut = entry >> (bits + counts) & ((1U << counts) - 1);
+            end -= length - same - cut;
+            key = key.substr(0, same) + std::string(file.substr(end, length - same - cut));
+            key.resize(length, filler);
+            entries.push_back({key, static_cast<u32>(entry & ((1ULL << bits) - 1))});
+        }
+    }
+    return entries;
 }
 
 }  // namespace test

@@ -9,9 +9,11 @@
 #define LARGE(name) name
 #endif
 
-/// The call itself.
+/// The call itself, and where the linker sends it.
 #define REAL(name) REAL_NAMED(name)
 #define REAL_NAMED(name) __real_##name
+#define WRAPPED(name) WRAPPED_NAMED(name)
+#define WRAPPED_NAMED(name) __wrap_##name
 
 /// WRAP(result, name, whether to answer, the answer, (parameters), (arguments))
 #define WRAP(...) WRAP_NAMED(__VA_ARGS__)

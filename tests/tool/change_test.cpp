@@ -12,12 +12,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstring>
 #include <functional>
+#include <new>
 #include <random>
 
+#include "support/disk.h"
+#include "support/indexes.h"
 #include "support/sample.h"
+#include "support/wrap.h"
 #include "tables/change/append.h"
 #include "tables/change/recovery.h"
 
@@ -25,47 +30,37 @@ int miraMain(int argc, char** argv);
 
 namespace {
 
-enum class Fate { None, Kill, Fail, FailForGood, FullDisk, Stop };
+enum class Fate {
+    None,
+    Kill,
+    Fail,
+    FailForGood,
+    FullDisk,
+    Stop,
+    Terminate,
+    NoMemory,
+    NoMemoryAnyMore
+};
 
-/// What happens to the call of a number, and what has been met; shared with the child.
+/// What happens to the call, or the allocation, of a number, and what has been met; shared with the
+/// child.
 struct Plan {
     Fate fate;
-    int at;       // which call, from 1
+    int at;       // which one, from 1
     int eighths;  // of a write, done before
     int calls, syncs;
 };
 Plan* plan = nullptr;
 bool watched = false;
+bool noLocks = false;  // of the file system
+bool asGuest = false;  // who owns nothing here
 
-/// A call that changes a file or a name, for the model of a power cut.
-struct Call {
-    enum Kind { Create, Write, Cut, Rename, Link, Unlink, SyncFile, SyncFolder } kind;
-    ino_t file = 0;
-    std::string name{}, other{};  // bytes of a write in other
-    u_int64_t place = 0;
-};
-std::vector<Call>* calls = nullptr;
-
-void record(Call call) {
-    if (calls != nullptr) calls->push_back(std::move(call));
-}
-
-ino_t fileOf(int fd) {
-    struct stat info = {};
-    return fstat(fd, &info) == 0 ? info.st_ino : 0;
-}
-
-bool isFolder(int fd) {
-    struct stat info = {};
-    return fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-std::string lastName(const char* path) { return std::filesystem::path(path).filename(); }
+using test::Call, test::calls, test::fileOf, test::isFolder, test::lastName, test::record;
 
 /// Whether the next call fails; before a kill part of it may be done.
 template <typename Part>
 bool fails(bool takesRoom, Part part) {
-    if (!watched) return false;
+    if (!watched || plan->fate >= Fate::NoMemory) return false;
     const int call = ++plan->calls;
     const bool due = call == plan->at, later = call >= plan->at;
     switch (plan->fate) {
@@ -74,7 +69,8 @@ bool fails(bool takesRoom, Part part) {
             part();
             _exit(99);
         case Fate::Stop:
-            if (due) raise(SIGINT);
+        case Fate::Terminate:
+            if (due) raise(plan->fate == Fate::Stop ? SIGINT : SIGTERM);
             return false;
         case Fate::Fail:
         case Fate::FailForGood:
@@ -85,7 +81,7 @@ bool fails(bool takesRoom, Part part) {
             if (due) part();
             errno = ENOSPC;
             return true;
-        case Fate::None:
+        default:
             return false;
     }
     return false;
@@ -94,9 +90,19 @@ bool fails() {
     return fails(false, [] {});
 }
 
+bool lacksMemory() {
+    if (!watched || plan->fate < Fate::NoMemory) return false;
+    const int call = ++plan->calls;
+    return call == plan->at || (call > plan->at && plan->fate == Fate::NoMemoryAnyMore);
+}
+
 }  // namespace
 
 extern "C" {
+WRAP(void*, malloc, lacksMemory(), nullptr, (std::size_t size), (size))
+WRAP(void*, calloc, lacksMemory(), nullptr, (std::size_t n, std::size_t size), (n, size))
+WRAP(void*, realloc, lacksMemory(), nullptr, (void* block, std::size_t size), (block, size))
+
 int __real_open(const char* path, int flags, ...);
 int __wrap_open(const char* path, int flags, ...) {
     va_list arguments;
@@ -137,6 +143,19 @@ std::size_t __wrap_fwrite(const void* from, std::size_t size, std::size_t n, std
     return __real_fwrite(from, size, n, file);
 }
 
+int __real_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (!noLocks || (command != F_OFD_SETLK && command != F_OFD_GETLK)) {
+        return __real_fcntl(fd, command, argument);
+    }
+    errno = ENOLCK;
+    return -1;
+}
+
 int __real_ftruncate(int fd, off_t size);
 int __wrap_ftruncate(int fd, off_t size) {
     if (fails()) return -1;
@@ -175,6 +194,16 @@ int __wrap_fsync(int fd) {
 }
 }
 
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* const memory = malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    free(memory);
+}
+
 namespace {
 
 using namespace test;
@@ -183,23 +212,7 @@ const bool all = std::getenv("MIRA_FAULT_ALL") != nullptr;
 constexpr unsigned kWidth = 6;
 constexpr u32 kKinds[] = {0, 2, 3, 4};
 
-using Files = std::map<std::string, std::string>;
 using Words = std::vector<std::string>;
-
-Files filesIn(const std::string& folder) {
-    Files files;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        files[entry.path().filename()] = readAll(entry.path());
-    }
-    return files;
-}
-
-void lay(const std::string& folder, const Files& files) {
-    for (const auto& [name, bytes] : filesIn(folder)) {
-        if (!files.contains(name)) std::filesystem::remove(folder + "/" + name);
-    }
-    for (const auto& [name, bytes] : files) writeAll(folder + "/" + name, bytes);
-}
 
 struct Ended {
     int status = 0;
@@ -224,6 +237,8 @@ pid_t start(const std::string& folder, const Words& words, const Plan& wanted,
     Words own = words;
     for (std::string& word : own) arguments.push_back(word.data());
     arguments.push_back(nullptr);
+    constexpr uid_t kNobody = 65534;
+    if (asGuest && geteuid() == 0 && setuid(kNobody) != 0) _exit(97);
     watched = true;
     const int status = miraMain(static_cast<int>(arguments.size()) - 1, arguments.data());
     watched = false;
@@ -251,6 +266,7 @@ struct Command {
     Words words;
     const char* table = "t";
     bool large = false;  // more than waits in memory
+    bool indexed = false;
 };
 
 /// "CSV" and "MEMO" stand for files with rows and a text.
@@ -273,7 +289,50 @@ const Command kCommands[] = {
     {"undo", {{"set", "t", "NOTE=other", "--all"}}, {"undo", "t"}},
     {"update", {}, {"query", "--write", "UPDATE t SET NOTE = NAME, FILL = 'q'", "."}},
     {"insert", {}, {"query", "--write", "INSERT INTO t (NAME, NOTE) VALUES ('i', 'memo')", "."}},
+    {"reindex", {{"set", "t", "NAME=zz", "-w", "NAME='n102'"}}, {"reindex", "t"}, "t", false, true},
+    {"set, reindex", {}, {"set", "t", "NAME=a", "--all", "--reindex"}, "t", false, true},
+    {"delete, reindex", {}, {"delete", "t", "--all", "--reindex"}, "t", false, true},
+    {"append, reindex", {}, {"import", "CSV", "t", "--append", "--reindex"}, "t", false, true},
+    {"pack, reindex", {}, {"pack", "t", "--reindex", "--no-backup"}, "t", false, true},
+    {"update, reindex",
+     {},
+     {"query", "--write", "--reindex", "UPDATE t SET NAME = 'u' WHERE _record = 3", "."},
+     "t",
+     false,
+     true},
+    {"replace, reindex",
+     {{"set", "t", "FILL=x", "--all"}},
+     {"import", "CSV", "t", "--force", "--reindex", "KIND"},
+     "t",
+     false,
+     true},
 };
+
+/// What a tag of NAME holds.
+std::vector<Entry> entriesOf(const Rows& rows, bool liveOnly) {
+    std::vector<Entry> entries;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        if (liveOnly && rows[i][0] == '*') continue;
+        entries.push_back({rows[i].substr(1, 4), static_cast<u32>(i + 1)});
+    }
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const Entry& a, const Entry& b) { return a.key < b.key; });
+    return entries;
+}
+
+/// Without entries yet.
+std::string emptyIndex() {
+    return cdxOf({{"ALL", "name"}, {"LIVE", "name", ".NOT. DELETED()", {}, 0x68}});
+}
+
+bool isIndexOf(const Rows& rows, std::string_view index) {
+    const std::vector<Entry> names = entriesAt(index, 0, ' ');
+    for (const Entry& name : names) {
+        if (entriesAt(index, name.record, ' ') != entriesOf(rows, name.key.starts_with("LIVE")))
+            return false;
+    }
+    return names.size() == 2;
+}
 
 class Bench {
 public:
@@ -294,6 +353,11 @@ public:
         writeAll(dir_.file("memo.txt"), std::string(700, 'm'));
         const std::string large = "l1," + std::string(1100000, 'l') + "\n";
         if (command.large) writeAll(dir_.file("large.csv"), "NAME,NOTE\n" + repeat(large, 4));
+        if (command.indexed) {
+            writeAll(folder + "/t.cdx", emptyIndex());
+            EXPECT_EQ(run(folder, {"reindex", "t"}).status, 0);
+            EXPECT_EQ(rows(), sample.before);
+        }
         for (const Words& words : command.before) EXPECT_EQ(run(folder, words).status, 0);
         files = filesIn(folder);
         before = rows();
@@ -326,7 +390,7 @@ public:
     std::string file(const std::string& name) const { return folder + "/" + name; }
 
     /// By the readers' own account; "gone" for no table, "broken" for one whose count is not its
-    /// size.
+    /// size; behind the rows "stale" for an index that does not agree with them.
     Rows rows() const {
         const Files now = filesIn(folder);
         const std::string stem = command.table;
@@ -336,6 +400,7 @@ public:
         const std::string& bytes = table->second;
         Rows found = rowsOf(kind, kWidth, bytes, memos != now.end() ? memos->second : "");
         if (bytes.size() < 32 || number(bytes.substr(4, 4)) != found.size()) return {"broken"};
+        if (command.indexed && !isIndexOf(found, now.at("t.cdx"))) found.emplace_back("stale");
         return found;
     }
 
@@ -436,106 +501,46 @@ TEST_F(ChangeTest, FailingLeavesOldOrNew) {
 
 TEST_F(ChangeTest, StoppedIsUndoneAtOnce) {
     forEach([](const Bench& bench) {
-        for (int at = 1;; ++at) {
-            const std::string where = whereOf(bench, "stopped", at);
-            bench.reset();
-            const Ended ended = bench.again({Fate::Stop, at, 0, 0, 0});
-            if (ended.calls < at) break;
-            EXPECT_TRUE(ended.status == 0 || ended.status == 130) << where << ended.said;
-            EXPECT_EQ(bench.rows(), ended.status == 0 ? bench.after : bench.before) << where;
-            bench.expectTidy(where);
-            if (HasFailure()) return;
+        for (const Fate fate : {Fate::Stop, Fate::Terminate}) {
+            const int status = 128 + (fate == Fate::Stop ? SIGINT : SIGTERM);
+            for (int at = 1;; at += all || fate == Fate::Stop ? 1 : 3) {
+                const std::string where = whereOf(bench, "stopped", at);
+                bench.reset();
+                const Ended ended = bench.again({fate, at, 0, 0, 0});
+                if (ended.calls < at) break;
+                EXPECT_TRUE(ended.status == 0 || ended.status == status) << where << ended.said;
+                EXPECT_EQ(bench.rows(), ended.status == 0 ? bench.after : bench.before) << where;
+                bench.expectTidy(where);
+                if (HasFailure()) return;
+            }
         }
+    });
+}
+
+/// Allocations are many: the later, the fewer are tried.
+TEST_F(ChangeTest, WithoutMemoryLeavesOldOrNew) {
+    forEach([](const Bench& bench) {
+        int refused = 0;
+        for (const Fate fate : {Fate::NoMemory, Fate::NoMemoryAnyMore}) {
+            for (int at = 1;; at += 1 + at / (all ? 60 : 4)) {
+                const std::string where = whereOf(bench, "no memory", at);
+                bench.reset();
+                const Ended ended = bench.again({fate, at, 0, 0, 0});
+                if (ended.calls < at) break;
+                EXPECT_TRUE(ended.status == 0 || ended.status == 2) << where << ended.said;
+                EXPECT_TRUE(ended.status != 0 || bench.rows() == bench.after) << where;
+                refused += ended.status != 0 ? 1 : 0;
+                bench.expectWhole(where);
+                if (HasFailure()) return;
+            }
+        }
+        EXPECT_GT(refused, 20) << bench.command.name;
     });
 }
 
 // ---------------------------------------------------------------------------------------------
 // Power cuts
 // ---------------------------------------------------------------------------------------------
-
-/// Files and names as the disk may have them when the power goes: of what has been changed since
-/// it was last synchronised any part.
-class Disk {
-public:
-    Disk(const std::string& folder, const Files& files) {
-        for (const auto& [name, bytes] : files) {
-            struct stat info = {};
-            stat((folder + "/" + name).c_str(), &info);
-            names_[name] = info.st_ino;
-            bytes_[info.st_ino] = bytes;
-        }
-        shown_ = names_;
-    }
-
-    void take(const Call& call) {
-        switch (call.kind) {
-            case Call::Write:
-            case Call::Cut:
-                writes_[call.file].push_back(call);
-                return;
-            case Call::SyncFile:
-                for (const Call& write : std::exchange(writes_[call.file], {})) apply(write);
-                return;
-            case Call::SyncFolder:
-                for (const Call& name : std::exchange(pending_, {})) rename(names_, name);
-                return;
-            default:
-                pending_.push_back(call);
-                if (call.kind != Call::Create) pending_.back().file = shown_[call.name];
-                rename(shown_, pending_.back());
-        }
-    }
-
-    Files cut(std::mt19937& random) {
-        for (auto& [file, writes] : writes_) {
-            std::vector<Call> kept;
-            for (const Call& write : writes) {
-                for (std::size_t at = 0; at == 0 || at < write.other.size(); at += 512) {
-                    Call part = write;
-                    if (write.kind == Call::Write) {
-                        part.place += at;
-                        part.other = write.other.substr(at, 512);
-                    }
-                    if (random() % 2 != 0) kept.push_back(part);
-                }
-            }
-            std::shuffle(kept.begin(), kept.end(), random);
-            for (const Call& write : kept) apply(write);
-        }
-        for (const Call& name : pending_) {
-            if (random() % 2 != 0) rename(names_, name);
-        }
-        Files files;
-        for (const auto& [name, file] : names_) files[name] = bytes_[file];
-        return files;
-    }
-
-private:
-    using Names = std::map<std::string, ino_t>;
-
-    void apply(const Call& call) {
-        std::string& bytes = bytes_[call.file];
-        if (call.kind == Call::Cut) return bytes.resize(call.place);
-        if (bytes.size() < call.place + call.other.size()) {
-            bytes.resize(call.place + call.other.size());
-        }
-        call.other.copy(bytes.data() + call.place, call.other.size());
-    }
-
-    static void rename(Names& names, const Call& call) {
-        const bool here = names.contains(call.name) && names[call.name] == call.file;
-        if (call.kind == Call::Create) names[call.name] = call.file;
-        if (call.kind == Call::Rename || call.kind == Call::Link) names[call.other] = call.file;
-        if (here && (call.kind == Call::Rename || call.kind == Call::Unlink)) {
-            names.erase(call.name);
-        }
-    }
-
-    Names names_, shown_;
-    std::map<ino_t, std::string> bytes_;
-    std::map<ino_t, std::vector<Call>> writes_;
-    std::vector<Call> pending_;
-};
 
 /// The calls of a command, by a pipe from the child.
 std::vector<Call> callsOf(const Bench& bench) {
@@ -583,7 +588,7 @@ TEST_F(ChangeTest, PowerCutLeavesOldOrNew) {
             for (int i = 0; i < (all ? 40 : 2); ++i) {
                 Disk disk = start;
                 for (std::size_t at = 0; at < count; ++at) disk.take(made[at]);
-                lay(bench.folder, disk.cut(random));
+                disk.cut(random, bench.folder);
                 const std::string where = whereOf(bench, "power cut", static_cast<int>(count));
                 bench.expectWhole(where);
                 if (HasFailure()) return;
@@ -592,7 +597,7 @@ TEST_F(ChangeTest, PowerCutLeavesOldOrNew) {
         // What is said to be done has come to the disk.
         Disk disk = start;
         for (const Call& call : made) disk.take(call);
-        lay(bench.folder, disk.cut(random));
+        disk.cut(random, bench.folder);
         run(bench.folder, {"info", bench.command.table});
         EXPECT_EQ(bench.rows(), bench.after) << whereOf(bench, "power cut", -1);
     });
@@ -665,6 +670,123 @@ TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
     Rows wanted = bench.before;
     wanted[5].replace(1, 4, "mine");
     EXPECT_EQ(bench.rows(), wanted);
+}
+
+/// A new index waits for its place, and meanwhile another program writes the old one.
+TEST_F(ChangeTest, LeavesAnIndexThatOthersHaveWritten) {
+    for (const std::size_t i : {16U, 17U}) {
+        const Bench bench(kCommands[i], kKinds[i % 4]);
+        const std::string theirs = bench.files.at("t.cdx") + "theirs";
+        int left = 0;
+        for (int at = 1; bench.reset(), bench.again({Fate::Kill, at, 8, 0, 0}).status == 99; ++at) {
+            if (!filesIn(bench.folder).contains("t.dbf-mira.cdx")) continue;
+            writeAll(bench.file("t.cdx"), theirs);
+            const Ended ended = run(bench.folder, {"info", "t"});
+            EXPECT_EQ(readAll(bench.file("t.cdx")), theirs) << whereOf(bench, "killed", at);
+            left += ended.said.find("worked on its index since") != std::string::npos;
+        }
+        EXPECT_GT(left, 0) << kCommands[i].name;
+    }
+}
+
+TEST_F(ChangeTest, GoesOnWhereThereAreNoLocks) {
+    noLocks = true;
+    const Bench bench(kCommands[1], 2);
+    const Ended ended = bench.again();
+    const std::string said = "cannot be locked here";
+    const std::size_t at = ended.said.find(said);
+    EXPECT_EQ(ended.status, 0) << ended.said;
+    EXPECT_TRUE(at != std::string::npos && ended.said.find(said, at + 1) == std::string::npos);
+    EXPECT_EQ(bench.rows(), bench.after);
+    bench.expectTidy("no locks");
+    // Nobody can tell then whether the one who left a journal is still there.
+    bench.reset();
+    bench.again({Fate::Kill, 6, 8, 0, 0});
+    const Files left = filesIn(bench.folder);
+    ASSERT_TRUE(left.contains("t.dbf-mira"));
+    EXPECT_EQ(bench.again().status, 2);
+    EXPECT_EQ(filesIn(bench.folder), left);
+    noLocks = false;
+    bench.expectWhole("locks again");
+}
+
+/// Whoever may not write is told before anything is done, and what to do about a journal.
+TEST_F(ChangeTest, LeavesWhatMayNotBeWritten) {
+    using std::filesystem::perms, std::filesystem::permissions;
+    const perms readable = perms(0444), enter = perms(0555);
+    for (const std::size_t i : {0U, 9U}) {
+        const Bench bench(kCommands[i], 3);
+        for (const int killed : {0, 1}) {
+            bench.reset();
+            if (killed != 0) {
+                int at = 1;
+                do {
+                    bench.reset();
+                    bench.again({Fate::Kill, at++, 8, 0, 0});
+                } while (filesIn(bench.folder)["t.dbf"] == bench.files.at("t.dbf"));
+            }
+            const Files left = filesIn(bench.folder);
+            for (const auto& [name, bytes] : left) permissions(bench.file(name), readable);
+            permissions(bench.folder, enter);
+            permissions(bench.folder + "/..", perms(0755));
+            asGuest = true;
+            const Ended changed = bench.again(), read = run(bench.folder, {"info", "t"});
+            asGuest = false;
+            permissions(bench.folder, perms(0755));
+            for (const auto& [name, bytes] : left) permissions(bench.file(name), perms(0644));
+            EXPECT_EQ(changed.status, 2) << changed.said;
+            EXPECT_EQ(read.status, killed != 0 ? 2 : 0) << read.said;
+            EXPECT_EQ(killed != 0, read.said.find("to where you may write") != std::string::npos)
+                << read.said;
+            EXPECT_EQ(filesIn(bench.folder), left) << i;
+        }
+        bench.expectWhole("by its owner");
+    }
+}
+
+/// A new file would take one name from a table or memo file that has several.
+TEST_F(ChangeTest, SeveralNamesAreNotSwapped) {
+    for (const std::size_t i : {7U, 9U, 11U, 12U, 13U, 1U}) {
+        const Bench bench(kCommands[i], 2);
+        for (const auto& [name, other] : {std::pair("t.dbf", "other"), {"t.dbt", "t.tbk"}}) {
+            bench.reset();
+            std::filesystem::remove(bench.file(other));
+            std::filesystem::create_hard_link(bench.file(name), bench.file(other));
+            const Files before = filesIn(bench.folder);
+            const Ended ended = bench.again();
+            const bool inPlace = i == 1;
+            EXPECT_EQ(ended.status, inPlace ? 0 : 2) << bench.command.name << ended.said;
+            EXPECT_NE(inPlace, ended.said.find("names (hard links)") != std::string::npos)
+                << ended.said;
+            EXPECT_EQ(inPlace, filesIn(bench.folder) != before) << bench.command.name;
+            EXPECT_EQ(std::filesystem::hard_link_count(bench.file(name)), 2U);
+        }
+    }
+}
+
+/// Records that a Pack of the library has moved before it was killed.
+TEST_F(ChangeTest, AnInterruptedPackIsFinishedFirst) {
+    const Bench bench(kCommands[9], 2);
+    const pid_t child = fork();
+    if (child == 0) {
+        const Table h(OpenBase(bench.file("t.dbf").c_str()));
+        *plan = {Fate::Kill, 6, 4, 0, 0};  // the first write of records
+        watched = true;
+        Pack(h.get(), 1);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    const Ended check = run(bench.folder, {"check", "t"});
+    EXPECT_NE(check.said.find("until `mira pack` has finished it"), std::string::npos)
+        << check.said;
+    const Files left = filesIn(bench.folder);
+    const Ended set = run(bench.folder, {"set", "t", "FILL=x", "--all"});
+    EXPECT_EQ(set.status, 2);
+    EXPECT_NE(set.said.find("`mira pack` finishes it"), std::string::npos) << set.said;
+    EXPECT_EQ(filesIn(bench.folder), left);
+    EXPECT_EQ(bench.again().status, 0);
+    EXPECT_EQ(bench.rows(), bench.after);
 }
 
 /// What succeeds is there as if one had come after the other.
@@ -753,7 +875,7 @@ void mendChecksums(std::string& journal) {
 
 TEST_F(ChangeTest, HostileJournalsTouchNothingElse) {
     std::mt19937 random(7);
-    for (const std::size_t i : {0U, 5U, 7U, 9U, 13U}) {
+    for (const std::size_t i : {0U, 5U, 7U, 9U, 13U, 16U, 17U}) {
         const Bench bench(kCommands[i], kKinds[i % 4]);
         const std::string memos = memoNameOf(bench.kind), victim(3000, 'v');
         for (int trial = 0; trial < (all ? 4000 : 60); ++trial) {
@@ -771,7 +893,8 @@ TEST_F(ChangeTest, HostileJournalsTouchNothingElse) {
             if (random() % 4 != 0 && journal.size() > 16) mendChecksums(journal);
             writeAll(bench.file("t.dbf-mira"), journal);
             writeAll(bench.file("victim"), victim);
-            const std::string linked = bench.file(random() % 2 != 0 ? memos : "t.dbf-mira.new");
+            const std::string places[] = {memos, "t.dbf-mira.new", "t.dbf-mira.cdx", "t.cdx"};
+            const std::string linked = bench.file(places[random() % std::size(places)]);
             const bool hard = random() % 2 != 0;
             if (random() % 3 != 0) {
                 std::filesystem::remove(linked);

@@ -13,6 +13,7 @@
 #include "tables/index/compare.h"
 #include "tables/index/expression.h"
 #include "tables/index/key.h"
+#include "tables/index/rebuild.h"
 #include "tables/index/write.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
@@ -100,7 +101,7 @@ std::vector<TagBytes> visualTags() {
 }
 
 std::string compared(const tables::Table& table, const IndexFile& file, std::size_t tag = 0) {
-    return sentenceOf(compareTag(table, file, file.tags.at(tag)));
+    return sentenceOf(compareTags(table, file).at(tag));
 }
 
 std::string comparedBytes(const TempDir& dir, const tables::Table& table, std::string_view name,
@@ -267,29 +268,12 @@ TEST(Index, OtherKindsAgree) {
     EXPECT_EQ(comparedBytes(dir, *table, "t.idx", old), "");
 }
 
-/// The entries of a tag in a rebuilt file, read here once more.
-std::vector<Entry> entriesAt(std::string_view file, u64 header, char filler) {
-    const u64 length = load(file, header + 12, 2);
-    u64 place = load(file, header, 4);
-    while ((load(file, place, 2) & 2) == 0) place = load(file, place + 12 + length + 4, 4, true);
-    std::vector<Entry> entries;
-    for (; place != 0xFFFFFFFF; place = load(file, place + 8, 4)) {
-        const auto bits = static_cast<unsigned>(load(file, place + 20, 1));
-        const auto counts = static_cast<unsigned>(load(file, place + 21, 1));
-        const u64 step = load(file, place + 23, 1);
-        std::string key;
-        u64 end = place + kPage;
-        for (u64 i = 0; i < load(file, place + 2, 2); ++i) {
-            const u64 entry = load(file, place + 24 + i * step, static_cast<unsigned>(step));
-            const u64 same = entry >> bits & ((1U << counts) - 1),
-                      cut = entry >> (bits + counts) & ((1U << counts) - 1);
-            end -= length - same - cut;
-            key = key.substr(0, same) + std::string(file.substr(end, length - same - cut));
-            key.resize(length, filler);
-            entries.push_back({key, static_cast<u32>(entry & ((1ULL << bits) - 1))});
-        }
-    }
-    return entries;
+IndexFile made(const std::string& path, const std::function<void(int)>& write) {
+    writeAll(path, "");
+    const int file = open(path.c_str(), O_RDWR);
+    write(file);
+    close(file);
+    return openIndex(path);
 }
 
 TEST(Index, RebuiltHoldsEveryRecordInOrder) {
@@ -319,17 +303,12 @@ TEST(Index, RebuiltHoldsEveryRecordInOrder) {
     const IndexFile before = openIndex(dir.file("old.cdx"));
     EXPECT_EQ(tables::whyNotRebuilt(*table, before, true), "");
     EXPECT_NE(tables::whyNotRebuilt(*table, before, false), "") << "the key of record 1 differs";
-    writeAll(dir.file("new.cdx"), "");
-    const int file = open(dir.file("new.cdx").c_str(), O_RDWR);
-    writeIndex(*table, before, file);
-    close(file);
-
+    const IndexFile after =
+        made(dir.file("new.cdx"), [&](int file) { writeIndex(*table, before, file); });
     const std::string bytes = readAll(dir.file("new.cdx"));
-    const IndexFile after = openIndex(dir.file("new.cdx"));
     ASSERT_EQ(after.tags.size(), 3U);
     EXPECT_EQ(after.tags[0].name, "A-THIRD") << "the directory is in order";
-    for (const auto& tag : after.tags)
-        EXPECT_EQ(sentenceOf(compareTag(*table, after, tag)), "") << tag.name;
+    for (const auto& report : compareTags(*table, after)) EXPECT_EQ(sentenceOf(report), "");
     for (const auto& [tag, wanted, filler] : {std::tuple{1, &keys, ' '}, {2, &numbers, '\0'}}) {
         const std::vector<Entry> found =
             entriesAt(bytes, after.tags[static_cast<std::size_t>(tag)].header, filler);
@@ -354,7 +333,7 @@ TEST(Index, DamagedFilesAreRefusedOrRead) {
         writeAll(dir.file("t.cdx"), bytes);
         try {
             const IndexFile file = openIndex(dir.file("t.cdx"));
-            for (const auto& tag : file.tags) sentenceOf(compareTag(*table, file, tag));
+            compareTags(*table, file);
         } catch (const tables::Refusal&) {
         }
     };
@@ -370,6 +349,66 @@ TEST(Index, DamagedFilesAreRefusedOrRead) {
     loop.replace(1024 + 8, 4, le(1024, 4));
     writeAll(dir.file("t.cdx"), loop);
     EXPECT_THROW(openIndex(dir.file("t.cdx")), tables::Refusal);
+}
+
+using EntriesByTag = std::map<std::string, std::vector<Entry>>;
+
+EntriesByTag entriesIn(const IndexFile& file) {
+    EntriesByTag all;
+    for (const auto& tag : file.tags) {
+        std::vector<Entry>& entries = all[tag.name + '|' + tag.expression];
+        eachEntry(file, tag, ' ', [&](std::string_view key, u32 record) {
+            entries.push_back({std::string(key), record});
+            return true;
+        });
+    }
+    return all;
+}
+
+/// From its own entries.
+TEST(Index, RewrittenReadsBackTheSame) {
+    const TempDir dir;
+    std::vector<std::string> files;
+    for (const TagBytes& tag : visualTags()) {
+        for (const bool deep : {false, true}) {
+            files.push_back(dir.file("t" + std::to_string(files.size()) + ".cdx"));
+            std::vector<TagBytes> tags = {tag};
+            if (!deep) tags.push_back({"EMPTY", "name"});
+            writeAll(files.back(), cdxOf(tags, deep));
+        }
+    }
+    if (const char* const folder = std::getenv("MIRA_INDEXES")) {
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+            const std::string path = entry.path();
+            if (path.ends_with(".cdx") || path.ends_with(".CDX")) files.push_back(path);
+        }
+    }
+    for (const std::string& path : files) {
+        const IndexFile old = openIndex(path);
+        const IndexFile copy =
+            made(dir.file("copy.cdx"), [&](int file) { rewriteIndex(old, ' ', file); });
+        EXPECT_TRUE(entriesIn(copy) == entriesIn(old)) << path;
+    }
+    RecordProperty("files", static_cast<int>(files.size()));
+}
+
+TEST(Index, ABackupVouchesForTheKeys) {
+    const TempDir dir;
+    const auto table = openVisual(dir);
+    const auto why = [&](const std::string& key) {
+        writeAll(dir.file("t.cdx"), cdxOf({{"T", "name", "", {{"Anvil ", 2}, {key, 1}}}}));
+        return tables::whyNotRebuilt(*table, openIndex(dir.file("t.cdx")), false);
+    };
+    EXPECT_EQ(why("bolt  "), "");
+    EXPECT_TRUE(
+        why("rivet ").starts_with("tag T: 1 record missing, first 3; 1 other key, first 1"));
+    std::string before = readAll(table->path);
+    writeAll(dir.file("t.bak"), before);
+    EXPECT_NE(why("rivet "), "");
+    before.replace(before.find("bolt  "), 6, "rivet ");
+    writeAll(dir.file("t.bak1"), before);
+    EXPECT_EQ(why("rivet "), "");
+    EXPECT_NE(why("screw "), "");
 }
 
 struct RealTag {

@@ -169,12 +169,16 @@ void layStray(const std::string& folder) {
         le(2, 4), 4);
 }
 
-/// A table with a compound index: one tag that agrees, one that is stale, one that nobody computes.
+/// A table with a compound index that agrees, and one with a tag that agrees, one that is stale,
+/// and one that nobody computes.
 void layIndex(const std::string& folder) {
     const Layout layout{0x03, {{"CODE", 'C', 3}}, {" b  ", " a  ", "*c  "}};
     writeAll(folder + "/tagged.dbf", layout.bytes());
     const TagBytes live{"LIVE", "UPPER(CODE)", ".NOT. DELETED()", {{"A  ", 2}, {"B  ", 1}}, 0x68};
     const TagBytes code{"CODE", "code", "", {{"a  ", 2}, {"b  ", 1}}};
+    const TagBytes all{"CODE", "code", "", {{"a  ", 2}, {"b  ", 1}, {"c  ", 3}}};
+    writeAll(folder + "/parts.dbf", layout.bytes());
+    writeAll(folder + "/parts.cdx", cdxOf({all, live}));
     const TagBytes other{"OTHER", "SOUNDEX(code)", "", {{"a  ", 2}}, 0x64};
     writeAll(folder + "/tagged.cdx", cdxOf({code, live, other}));
 }

@@ -10,13 +10,13 @@
 namespace mira::tool {
 namespace {
 
-void checkTag(const Table& table, const IndexFile& file, const Tag& tag, const Report& report) {
+void tellTag(const Table& table, const IndexFile& file, const Tag& tag, const TagReport& found,
+             const Report& report) {
     std::string place = std::filesystem::path(file.path).filename().string();
     if (!tag.name.empty()) {
         place += ", tag ";
         toUtf8(*table.page.page, tag.name, place);
     }
-    const TagReport found = compareTag(table, file, tag);
     if (found.notComputed.empty() && found.agrees()) return;
     report({.isNote = !found.notComputed.empty(), .what = place + ": " + sentenceOf(found)});
 }
@@ -27,7 +27,10 @@ void checkIndexes(const Table& table, const Report& report) {
     for (const std::string& path : indexFilesBeside(table.path)) {
         try {
             const IndexFile file = openIndex(path);
-            for (const Tag& tag : file.tags) checkTag(table, file, tag, report);
+            const std::vector<TagReport> found = compareTags(table, file, leaveIfStopped);
+            for (std::size_t i = 0; i < found.size(); ++i) {
+                tellTag(table, file, file.tags[i], found[i], report);
+            }
         } catch (const Refusal& damage) {
             report({.what = damage.what()});
         }

@@ -172,11 +172,13 @@ bool addNumber(std::string_view text, Common* common) {
 
 bool isDate(std::string_view text) { return text.size() == 10 && readMoment(text); }
 
-void addValue(std::string_view text, const CodePage& page, std::string* scratch, Common* common) {
+void addValue(std::string_view text, const Notation& notation, const CodePage& page,
+              std::string* scratch, Common* common) {
     if (text.empty()) return;
     common->any = true;
-    common->number = common->number && addNumber(text, common);
-    common->date = common->date && isDate(text);
+    const auto number = plainNumber(notation, text, *scratch);
+    common->number = common->number && number && addNumber(*number, common);
+    common->date = common->date && isDate(plainDate(notation, text, *scratch));
     common->logical = common->logical && (sameText(text, "true") || sameText(text, "false"));
     common->base64 = common->base64 && text.starts_with(kBase64) &&
                      decodeBase64(text.substr(kBase64.size())).has_value();
@@ -285,13 +287,13 @@ std::string schemaText(const std::vector<FieldPlan>& fields) {
 }
 
 std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string>& headings,
-                                   TableKind kind, const CodePage& page) {
+                                   const Notation& notation, TableKind kind, const CodePage& page) {
     std::vector<Common> columns(headings.size());
     CsvRow row;
     std::string scratch;
     while (csv.next(row)) {
         for (std::size_t i = 0; i < std::min(row.cells.size(), columns.size()); ++i) {
-            addValue(row.cells[i].text, page, &scratch, &columns[i]);
+            addValue(row.cells[i].text, notation, page, &scratch, &columns[i]);
         }
     }
     std::vector<FieldPlan> fields;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "input/csvreader.h"
+#include "input/notation.h"
 #include "rows/output.h"
 #include "tables.h"
 #include "tables/column/column.h"
@@ -31,7 +32,7 @@ std::string schemaText(const std::vector<FieldPlan>& fields);
 /// Fields for the columns of a CSV file, by all its values; reads it from its second row to its
 /// end.
 std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string>& headings,
-                                   TableKind kind, const CodePage& page);
+                                   const Notation& notation, TableKind kind, const CodePage& page);
 
 /// Writes an empty table, and its memo file when it needs one; nothing may be there yet. The mark
 /// says the page, where there is one for it. Throws a Refusal.

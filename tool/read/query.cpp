@@ -88,6 +88,7 @@ std::string moduleOptions(const Options& options) {
     std::string text =
         textOf(", deleted=", kDeletedWords[static_cast<std::size_t>(options.deleted)].first);
     if (options.write) text += ", writable=1";
+    if (table.reindex) text += ", reindex=1";
     if (table.exact) text += ", exact=1";
     if (table.longNames) text += ", long_names=1";
     if (!table.asText.empty()) text += ", as_text=" + quotedText(joined(table.asText));
@@ -227,7 +228,12 @@ void addQuery(CLI::App& program, Job& job) {
         ->description("Tables and folders; the current folder by default");
     addChoice(command, "-F,--format", namesOf(shownFormats()) + "; a table by default", "FORMAT",
               shownFormats(), options.format);
-    command.add_flag("--write", options.write, "Allow INSERT, UPDATE, DELETE; makes backups");
+    auto* const write =
+        command.add_flag("--write", options.write, "Allow INSERT, UPDATE, DELETE; makes backups");
+    command
+        .add_flag("--reindex", options.table.reindex,
+                  "With --write, rebuild the .cdx files beside changed tables, too")
+        ->needs(write);
     command.add_flag("--exact", options.table.exact,
                      "Numbers that may have more than 15 digits as text, all digits kept");
     addChoice(command, "--deleted", "Deleted records: skip (default), include or only", "WHICH",

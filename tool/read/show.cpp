@@ -1,9 +1,12 @@
 // mira show: the records of a table for eyes.
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "command/command.h"
 #include "rows/grid.h"
 #include "select/selection.h"
+#include "tables/page/refusal.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -14,6 +17,7 @@ constexpr u64 kTerminalRows = 50;
 struct Options {
     std::string table;
     bool vertical = false;
+    std::optional<u64> tail;
     SelectOptions select;
 };
 
@@ -70,18 +74,28 @@ void eachRow(Selection& selection, const Options& options, Take take) {
     }
 }
 
-/// Once for the widths, and once to write.
-void showGrid(Output& out, Selection& selection, const Options& options) {
+/// Leaves the last rows alone, which are known once all have been read.
+void keepTail(Selection& selection, u64 tail) {
+    const Start start{selection.position, 0};
+    while (nextRow(selection)) {
+    }
+    const u64 rows = selection.rows;
+    rewind(selection, {start.position, rows - std::min(rows, tail)});
+}
+
+/// Once for the widths, and once to write. How many columns the lines have no room for.
+std::size_t showGrid(Output& out, Selection& selection, const Options& options) {
     const Start start{selection.position, selection.offset};
     Grid grid = gridOf(selection, options);
     eachRow(selection, options, [&](const std::vector<std::string>& texts) {
         for (std::size_t i = 0; i < texts.size(); ++i) widen(grid, i, texts[i]);
     });
-    if (selection.rows == 0) return;
+    if (selection.rows == 0) return 0;
     rewind(selection, start);
     putHeadings(out, grid);
     eachRow(selection, options,
             [&](const std::vector<std::string>& texts) { putRow(out, grid, texts); });
+    return columnsCut(grid);
 }
 
 void showVertical(Output& out, Selection& selection) {
@@ -120,19 +134,28 @@ void tellRest(Selection& selection) {
 
 Status run(const Options& options) {
     SelectOptions select = options.select;
-    const bool limited = !select.limit && isatty(STDOUT_FILENO) != 0;
+    if (options.tail && (select.limit || select.offset != 0)) {
+        refuse("--tail or -n and --offset, not both");
+    }
+    const bool limited = !select.limit && !options.tail && isatty(STDOUT_FILENO) != 0;
     if (limited) select.limit = kTerminalRows;
     const auto selection = selectFrom(options.table, select);
     std::erase_if(selection->columns,
                   [](const Column& column) { return column.kind == Kind::Deletion; });
     requireColumns(*selection);
+    if (options.tail) keepTail(*selection, *options.tail);
     Output out(targetOf("-"), false);
+    std::size_t cut = 0;
     if (options.vertical) {
         showVertical(out, *selection);
     } else {
-        showGrid(out, *selection, options);
+        cut = showGrid(out, *selection, options);
     }
     out.finish();
+    if (cut != 0) {
+        note("{} of {} do not fit; --vertical shows all, -f A,B,... some", cut,
+             counted(selection->columns.size(), "column"));
+    }
     const bool faulty = tellFaults(*selection);
     if (limited || selection->rows == 0) tellRest(*selection);
     return faulty ? kFound : kDone;
@@ -149,6 +172,7 @@ void addShow(CLI::App& program, Job& job) {
                    "  mira show stock --deleted include --record -n 0");
     command.add_option("table", options.table, "Table")->type_name("TABLE")->required();
     command.add_flag("--vertical", options.vertical, "A field a line");
+    addCount(command, "--tail", "The last N records", options.tail);
     addSelectOptions(command, options.select);
 }
 

@@ -88,6 +88,17 @@ void putHeadings(Output& out, const Grid& grid) {
     putRow(out, grid, names);
 }
 
+std::size_t columnsCut(const Grid& grid) {
+    std::size_t end = grid.indent.size();
+    std::size_t cut = 0;
+    for (const Grid::GridColumn& c : grid.columns) {
+        end += static_cast<std::size_t>(c.width);
+        if (grid.lineWidth != 0 && end > static_cast<std::size_t>(grid.lineWidth)) ++cut;
+        end += kGap.size();
+    }
+    return cut;
+}
+
 void putGrid(Output& out, Grid& grid, const std::vector<std::vector<std::string>>& rows) {
     for (std::size_t i = 0; i < grid.columns.size(); ++i) {
         widen(grid, i, grid.columns[i].heading);

@@ -29,6 +29,8 @@ void widen(Grid& grid, std::size_t column, std::string_view text);
 void putHeadings(Output& out, const Grid& grid);
 /// Texts are free of control characters. The last one is not padded.
 void putRow(Output& out, const Grid& grid, const std::vector<std::string>& texts);
+/// How many columns lines of lineWidth cut off, wholly or in part.
+std::size_t columnsCut(const Grid& grid);
 /// A small grid at once: widths, headings, rows.
 void putGrid(Output& out, Grid& grid, const std::vector<std::vector<std::string>>& rows);
 

@@ -81,6 +81,28 @@ Range shardRange(const std::string& shard, u32 count) {
 
 int stopSort() { return stopped() ? 1 : 0; }
 
+/// While it lives the records that the library reads move a bar, and Ctrl-C ends their reading.
+class WatchedReading {
+public:
+    WatchedReading(DbfBase* base, const std::string& what)
+        : base_(base), progress_(what, reccount(base)) {
+        running = &progress_;
+        base->AfterRead = [](DbfBase*) {
+            running->add(1);
+            leaveIfStopped();
+            return 1;
+        };
+    }
+    ~WatchedReading() { base_->AfterRead = nullptr; }
+    WatchedReading(const WatchedReading&) = delete;
+
+private:
+    static thread_local Progress* running;
+    DbfBase* base_;
+    Progress progress_;
+};
+thread_local Progress* WatchedReading::running = nullptr;
+
 void sortView(Table& table, const SelectOptions& options) {
     if (options.sort.size() > kSortFields) {
         refuse(table.path, ": at most ", kSortFields, " fields to sort by");
@@ -90,6 +112,7 @@ void sortView(Table& table, const SelectOptions& options) {
         (list += libraryName(table, columnNamed(table, name))) += ',';
     }
     table.base->SortDescending = options.descending ? 1 : 0;
+    const WatchedReading watched(table.base.get(), "sort " + table.path);
     const bool done = SortBase(table.base.get(), list.c_str(), stopSort) != 0;
     leaveIfStopped();
     if (!done) refuse(table.path, ": no memory to sort it");

@@ -4,6 +4,8 @@
 
 #include "tables/change/backup.h"
 #include "tables/change/recovery.h"
+#include "tables/index/rebuild.h"
+#include "tables/index/stale.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
 #include "terminal/status.h"
@@ -30,6 +32,10 @@ void addChangeOptions(CLI::App& command, ChangeOptions& options) {
     command.add_flag("--dry-run", options.dryRun, "Only tell what would be done");
 }
 
+void addReindexOption(CLI::App& command, ChangeOptions& options) {
+    command.add_flag("--reindex", options.reindex, "Rebuild the .cdx file beside the table, too");
+}
+
 void addForceOption(CLI::App& command, ChangeOptions& options) {
     command.add_flag("--force", options.force, "Also beside a .shp file");
 }
@@ -46,18 +52,26 @@ void refuseBesideShapes(const Table& table, const ChangeOptions& options) {
 
 BackupPlan backupsOf(const ChangeOptions& options) { return {!options.noBackup, options.backups}; }
 
-void tellStale(const Table& table) {
-    if (const std::string stale = staleIndexes(table); !stale.empty()) note("{}", stale);
+IndexPlan indexOf(const Table& table, const ChangeOptions& options) {
+    return options.reindex ? planReindex(table, leaveIfStopped) : IndexPlan{};
 }
 
-Changing::Changing(Table& table, const ChangeOptions& options) : path_(table.path) {
-    tellStale(table);
+void tellStale(const Table& table, const Touched& touched, const ChangeOptions& options) {
+    if (options.reindex) return;
+    for (const std::string& stale : staleIndexes(table, touched)) note("{}", stale);
+}
+
+Changing::Changing(Table& table, const ChangeOptions& options)
+    : table_(table), options_(options), path_(table.path) {
+    IndexPlan index = indexOf(table, options);
     change_.emplace(table, backupsOf(options));
+    change_->reindex(std::move(index));
 }
 
 void Changing::commit() {
     change_->commit();
     committed_ = true;
+    tellStale(table_, change_->touched(), options_);
 }
 
 Changing::~Changing() {

@@ -11,6 +11,7 @@
 #include "select/selection.h"
 #include "tables.h"
 #include "tables/change/change.h"
+#include "tables/change/newindex.h"
 #include "tables/column/column.h"
 
 namespace mira::tool {
@@ -20,10 +21,13 @@ struct ChangeOptions {
     u32 backups = 3;
     bool dryRun = false;
     bool force = false;
+    bool reindex = false;
 };
 
 /// --no-backup, --backups and --dry-run.
 void addChangeOptions(CLI::App& command, ChangeOptions& options);
+/// --reindex, for commands that change what index files are made of.
+void addReindexOption(CLI::App& command, ChangeOptions& options);
 /// --force, for commands that change the number or order of records.
 void addForceOption(CLI::App& command, ChangeOptions& options);
 
@@ -34,22 +38,27 @@ std::unique_ptr<Table> openToChange(const std::string& name, const TableOptions&
 /// Throws a Refusal beside a ".shp" file, whose shapes go by record number.
 void refuseBesideShapes(const Table& table, const ChangeOptions& options);
 BackupPlan backupsOf(const ChangeOptions& options);
-/// Tells which index files will not be kept up. Not to be called for --dry-run.
-void tellStale(const Table& table);
+/// With --reindex the index that a change makes anew; without it nothing. Throws a Refusal where
+/// that is not possible.
+IndexPlan indexOf(const Table& table, const ChangeOptions& options);
+/// Tells which index files a change has left behind, unless --reindex has taken care of them.
+void tellStale(const Table& table, const Touched& touched, const ChangeOptions& options);
 
 /// A change in place. Unless it is committed all is put back when it goes.
 class Changing {
 public:
-    /// Makes backups, and warns of index files. Throws a Refusal.
+    /// Makes backups. Throws a Refusal.
     Changing(Table& table, const ChangeOptions& options);
     ~Changing();
     Changing(const Changing&) = delete;
-    /// Throws a Refusal.
+    /// Warns of index files. Throws a Refusal.
     void commit();
     Change* operator->() { return &*change_; }
     Change& operator*() { return *change_; }
 
 private:
+    const Table& table_;
+    const ChangeOptions& options_;
     const std::string path_;
     std::optional<Change> change_;
     bool committed_ = false;

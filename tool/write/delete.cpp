@@ -37,6 +37,7 @@ void addCommand(CLI::App& program, Job& job, const char* name, const char* what,
     command.add_option("TABLE", options.name, "The table")->required();
     addWhichOptions(command, options.which);
     addChangeOptions(command, options.change);
+    addReindexOption(command, options.change);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "command/command.h"
 #include "input/csvreader.h"
+#include "input/notation.h"
 #include "input/schema.h"
 #include "select/opening.h"
 #include "tables/change/append.h"
@@ -17,6 +18,7 @@
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
+#include "tables/page/utf8.h"
 #include "tables/store/store.h"
 #include "terminal/message.h"
 #include "write/change.h"
@@ -39,6 +41,7 @@ struct Options {
     TableKind kind = TableKind::DBase3;
     u32 blockSize = 0;
     std::string codePage, csvCodePage, delimiter;
+    std::string decimal, dates;  // how the file writes them
     bool strict = false, lenient = false;
     ChangeOptions change;  // with --force: replace an existing table
 };
@@ -144,6 +147,7 @@ Mapping mapColumns(const Table& table, const std::vector<std::string>& headings,
 struct Importer {
     Table& table;
     CsvReader& csv;
+    Notation notation;
     Mapping mapping;
     u64 rows = 0, faults = 0;
     bool silent = false;     ///< what does not fit has been told
@@ -151,6 +155,7 @@ struct Importer {
     bool asWritten = false;  ///< numbers stay as they are written
     std::vector<Encoded> values{};
     std::set<int> counted{};   ///< fields of counting columns that have values
+    std::string plain{};       ///< a cell in the notation of exports
     Change* change = nullptr;  ///< of a table that is there; a new one is written as it is
 };
 
@@ -182,6 +187,28 @@ std::string encodeCell(Importer& importer, Column& column, const Given& given, E
     return reason;
 }
 
+/// The text of a cell as it would be exported; nothing when it is no number in the file's notation.
+std::optional<std::string_view> plainCell(Importer& importer, const Column& column,
+                                          std::string_view text) {
+    const Kind kind = heldKind(column);
+    if (kind == Kind::Date || kind == Kind::Moment) {
+        return plainDate(importer.notation, text, importer.plain);
+    }
+    return isOfNumbers(column) ? plainNumber(importer.notation, text, importer.plain) : text;
+}
+
+/// Encodes a cell of the file, if the row has it. Empty, or why it does not fit.
+std::string encodeRead(Importer& importer, Column& column, const CsvCell* cell, Encoded& encoded) {
+    Given given;
+    if (cell != nullptr) {
+        const auto plain = plainCell(importer, column, cell->text);
+        if (!plain) return fmt::format("\"{}\" is no number with a decimal comma", cell->text);
+        given = Given::cell(*plain, cell->quoted);
+    }
+    given.asGiven = importer.asWritten;
+    return encodeCell(importer, column, given, encoded);
+}
+
 /// Encodes a row; what does not fit is told and becomes blank.
 void encodeRow(Importer& importer, const CsvRow& row) {
     Table& table = importer.table;
@@ -194,10 +221,8 @@ void encodeRow(Importer& importer, const CsvRow& row) {
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
         Column& column = table.columns[i];
         const std::size_t cell = importer.mapping.cells[i];
-        const bool present = cell < row.cells.size();
-        Given given = present ? Given::cell(row.cells[cell].text, row.cells[cell].quoted) : Given{};
-        given.asGiven = importer.asWritten;
-        std::string reason = encodeCell(importer, column, given, importer.values[i]);
+        const CsvCell* const read = cell < row.cells.size() ? &row.cells[cell] : nullptr;
+        std::string reason = encodeRead(importer, column, read, importer.values[i]);
         if (reason.empty()) continue;
         tellCell(importer, row.line, column.name + ": " + reason);
         reason = encodeCell(importer, column, Given{}, importer.values[i]);
@@ -244,7 +269,48 @@ void takeRows(Importer& importer, Pass pass, bool strict) {
     }
 }
 
+/// All letters of the file that are not ASCII.
+std::string lettersOf(CsvReader& csv) {
+    std::set<std::string, std::less<>> letters;
+    CsvRow row;
+    csv.rewind();
+    while (csv.next(row)) {
+        leaveIfStopped();
+        for (const CsvCell& cell : row.cells) {
+            for (std::string_view rest = cell.text; !rest.empty();) {
+                const std::size_t length = stepUtf8(rest).length;
+                if (length > 1) letters.emplace(rest.substr(0, length));
+                rest.remove_prefix(length);
+            }
+        }
+    }
+    return joined({letters.begin(), letters.end()}, "");
+}
+
+bool holdsAll(const CodePage& page, const std::string& letters) {
+    std::string bytes;
+    return fromUtf8(page, letters, bytes);
+}
+
+/// Where the table's page lacks letters of the file: names one that holds them all.
+void tellBetterPage(const Importer& importer) {
+    const PageChoice& chosen = importer.table.page;
+    if (!importer.isNew && !chosen.isWeak) return;  // the mark of a table is not to be gainsaid
+    const std::string letters = lettersOf(importer.csv);
+    if (holdsAll(*chosen.page, letters)) return;
+    // What most programs can read comes first.
+    for (const std::string_view name : {"CP1252", "CP850", "CP1250", "CP852", "CP1251", "CP866",
+                                        "CP1253", "CP1254", "CP1257", "UTF-8"}) {
+        const auto page = openPage(name);
+        if (!page || !holdsAll(*page, letters)) continue;
+        note("{}: {} lacks letters of it; --code-page {} has them all", importer.csv.name(),
+             pageName(*chosen.page), name);
+        return;
+    }
+}
+
 [[noreturn]] void refuseFaults(const Importer& importer) {
+    tellBetterPage(importer);
     refuse(importer.csv.name(), ": ", counted(importer.faults, "value"),
            importer.faults == 1 ? " does" : " do",
            " not fit, nothing is written; --lenient leaves them blank");
@@ -254,6 +320,7 @@ Status tellImported(const Importer& importer, const std::string& table, const ch
                     bool dryRun) {
     note("{}: {} {}{}", table, counted(importer.rows, "record"), dryRun ? "would be " : "", verb);
     if (importer.faults == 0) return kDone;
+    tellBetterPage(importer);
     note("{}: {} did not fit and {} blank", importer.csv.name(), counted(importer.faults, "value"),
          importer.faults == 1 ? "is" : "are");
     return kFound;
@@ -266,7 +333,8 @@ Status tellImported(const Importer& importer, const std::string& table, const ch
 Status append(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
     const auto table = openToChange(options.table, {.codePage = options.codePage});
     refuseBesideShapes(*table, options.change);
-    Importer importer{*table, csv, mapColumns(*table, headings, csv.name())};
+    Importer importer{*table, csv, notationOf(options.decimal, options.dates),
+                      mapColumns(*table, headings, csv.name())};
     takeRows(importer, Pass::Check, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     if (!options.change.dryRun && importer.rows != 0) {
@@ -324,7 +392,8 @@ Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::st
         plan.fields = parseSchema(options.schema, options.kind);
         return plan;
     }
-    plan.fields = inferFields(csv, headings, options.kind, *page);
+    plan.fields =
+        inferFields(csv, headings, notationOf(options.decimal, options.dates), options.kind, *page);
     note("fields by the values: {}", schemaText(plan.fields));
     return plan;
 }
@@ -375,6 +444,17 @@ std::unique_ptr<Table> openOld(const Target& target, const Options& options) {
     }
 }
 
+/// The index that is made anew for a table that is replaced.
+IndexPlan indexOf(const Table* old, const Target& target, const Options& options) {
+    if (old != nullptr) return tool::indexOf(*old, options.change);
+    if (!options.change.reindex) return {};
+    const std::vector<std::string> files = indexFilesBeside(target.path);
+    if (files.empty()) return {};
+    refuse(joined(files),
+           ": belongs to no table that is there, and nothing says how its keys are "
+           "made; remove it, or go without --reindex");
+}
+
 Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
     const Target target = newTarget(options);
     const Plan plan = planTable(options, csv, headings);
@@ -385,16 +465,21 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
     auto table = openTable(swap->newTable(), {.codePage = plan.codePage, .writable = true});
     table->path = target.path;  // for messages: there it will be
     checkFree(*table, target, options);
-    Importer importer{*table, csv, newMapping(plan, options, *table, headings, csv.name())};
+    Importer importer{*table, csv, notationOf(options.decimal, options.dates),
+                      newMapping(plan, options, *table, headings, csv.name())};
     importer.isNew = true;
     importer.asWritten = plan.like != nullptr;
     takeRows(importer, Pass::Write, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
     checkFree(*table, target, options);
+    const IndexPlan index = indexOf(old.get(), target, options);
     const std::string memos = memoTarget(*table, target).filename().string();
     leaveIfStopped();
-    if (!options.change.dryRun) swap->commit(backupsOf(options.change), memos);
+    if (!options.change.dryRun) {
+        swap->commit(backupsOf(options.change), memos, index);
+        tellStale(*table, {.records = true}, options.change);
+    }
     return tellImported(importer, target.path, "written", options.change.dryRun);
 }
 
@@ -432,12 +517,17 @@ void addOptions(CLI::App& command, Options& options) {
         ->type_name("NAME");
     command.add_option("-d,--delimiter", options.delimiter, "Between cells: a character, or tab")
         ->type_name("C");
+    command.add_option("--decimal", options.decimal, "Decimal mark of the file: \",\" or \".\"")
+        ->type_name("C");
+    command.add_option("--date-format", options.dates, "Dates of the file, such as DD.MM.YYYY")
+        ->type_name("FORM");
     auto* const strict = command.add_flag("--strict", options.strict,
                                           "Write nothing when a value does not fit (default)");
     command.add_flag("--lenient", options.lenient, "Leave such values blank")->excludes(strict);
     command.add_flag("--force", options.change.force,
                      "Replace a table that is there; append also beside a .shp file");
     addChangeOptions(command, options.change);
+    addReindexOption(command, options.change);
 }
 
 }  // namespace

@@ -40,6 +40,7 @@ void removeOldMemos(const Table& table) {
 }
 
 void packFiles(Table& table, const ChangeOptions& options) {
+    const IndexPlan index = indexOf(table, options);
     if (IsPackUnfinished(table.base.get()) == 1) {
         const HoldSignals held;
         finishPack(table);
@@ -53,7 +54,7 @@ void packFiles(Table& table, const ChangeOptions& options) {
         leaveIfStopped();
         progress.add(1);
     });
-    swap.commit(backupsOf(options), memos);
+    swap.commit(backupsOf(options), memos, index);
 }
 
 void tellStray(const Table& table, u64 bytes, const char* would) {
@@ -76,8 +77,8 @@ Status packTable(const std::string& name, const Options& packing) {
         tellStray(*table, stray, "would be ");
         return lost != 0 ? kFound : kDone;
     }
-    tellStale(*table);
     packFiles(*table, options);
+    if (before.deleted != 0) tellStale(*table, {.records = true}, options);
     const u64 after = memoSizeOf(*table);
     note("{}: {} of {} and {} of {} memo bytes freed", table->path, before.deleted, records,
          before.memoSize > after ? before.memoSize - after : 0, before.memoSize);
@@ -103,6 +104,7 @@ void addPack(CLI::App& program, Job& job) {
     command.add_flag("--drop-memos", options.dropMemos,
                      "Also where memos are lost that are damaged or lead nowhere");
     addForceOption(command, options.change);
+    addReindexOption(command, options.change);
 }
 
 }  // namespace mira::tool

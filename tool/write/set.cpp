@@ -71,6 +71,7 @@ void addSet(CLI::App& program, Job& job) {
         ->required();
     addWhichOptions(command, options.which);
     addChangeOptions(command, options.change);
+    addReindexOption(command, options.change);
 }
 
 }  // namespace mira::tool

@@ -2,7 +2,9 @@
 #include "tables/change/undo.h"
 
 #include "command/command.h"
+#include "tables/open/open.h"
 #include "terminal/message.h"
+#include "write/change.h"
 
 namespace mira::tool {
 namespace {
@@ -18,6 +20,7 @@ Status run(const Options& options) {
     for (const std::string& sentence : undone.notes) tellError(sentence);
     note("{}: {} {} with it", undone.table, undone.backup,
          options.dryRun ? "would be exchanged" : "is exchanged");
+    if (!options.dryRun) tellStale(*openTable(undone.table, {}), {.records = true}, {});
     return kDone;
 }
 

@@ -41,11 +41,12 @@ Status run(const Options& options) {
             note("{}: nothing changed", table->path);
             return kDone;
         }
-        tellStale(*table);
+        const IndexPlan index = indexOf(*table, options.change);
         finishPack(*table);
         Swap swap(table->path, memoFileOf(*table));
         packInto(*table, swap, Kept::None, leaveIfStopped);
-        swap.commit(backupsOf(options.change), memoFileOf(*table));
+        swap.commit(backupsOf(options.change), memoFileOf(*table), index);
+        tellStale(*table, {.records = true}, options.change);
     }
     note("{}: {} {}taken out", table->path, counted(count, "record"),
          options.change.dryRun ? "would be " : "");
@@ -64,6 +65,7 @@ void addZap(CLI::App& program, Job& job) {
     command.add_flag("-y,--yes", options.yes, "Do not ask");
     addChangeOptions(command, options.change);
     addForceOption(command, options.change);
+    addReindexOption(command, options.change);
 }
 
 }  // namespace mira::tool

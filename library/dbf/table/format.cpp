@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "dbf/table/movelog.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/file.h"
@@ -239,7 +240,7 @@ void repairVersion(DbfBase* h) {
 }
 
 void repairRecordCount(DbfBase* h, u64 fileSize) {
-    const u32 count = recordsInFile(h, fileSize);
+    const u32 count = countRecords(h, fileSize);
     if (count != h->Header.RecordCount) h->Status |= kStatusRecordCount;
     h->Header.RecordCount = count;
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "dbf/table/movelog.h"
 #include "dbf/table/position.h"
 
 namespace mira {
@@ -54,7 +55,7 @@ bool isBlankReference(const DbfBase* h, const DbfField& field, std::span<const u
 bool mayWriteMemoFields(DbfBase* h, u32 record, u32 column, u32 count) {
     int field = h->FirstMemoField;
     while (field < h->FieldCount && !isNewReference(h, field, column, count)) ++field;
-    if (field == h->FieldCount || IsPackUnfinished(h) == 0) return true;
+    if (field == h->FieldCount || hasMemoLog(h) == 0) return true;
     u32 got = 0;
     const Owned<u8> stored = allocate<u8>(count);
     if (!stored || !readTable(h, offsetOf(h, record, column), stored.get(), count, &got, true) ||
@@ -70,7 +71,7 @@ bool mayWriteMemoFields(DbfBase* h, u32 record, u32 column, u32 count) {
     return true;
 }
 
-int IsPackUnfinished(DbfBase* h) {
+int hasMemoLog(DbfBase* h) {
     if (h->FirstMemoField == -1 || flavourOf(h->Header.Version).memos == MemoFormat::None) return 0;
     if (h->MemoFileName == nullptr) return -1;
     const int fd = open(h->MemoFileName, O_RDONLY | O_NONBLOCK | O_NOCTTY);
@@ -80,6 +81,16 @@ int IsPackUnfinished(DbfBase* h) {
     close(fd);
     if (!looked) return -1;
     return head.hasLog() ? 1 : 0;
+}
+
+int IsPackUnfinished(DbfBase* h) {
+    const int memos = hasMemoLog(h);
+    if (memos != 0 || isClosed(h)) return memos;
+    std::optional<MoveLog> log;
+    const std::optional<u64> size = sizeOf(fileno(h->TableFile));
+    if (!size) return -1;
+    const bool holdsMore = recordsInFile(h, *size) > h->Header.RecordCount;
+    return holdsMore && !findMoveLog(h, *size, &log) ? -1 : log ? 1 : 0;
 }
 
 }  // namespace mira

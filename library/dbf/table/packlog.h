@@ -36,6 +36,9 @@ struct MemoHead {
 bool readMemoHead(int descriptor, MemoHead*);
 bool readMemoHead(std::FILE*, MemoHead*);
 
+/// IsPackUnfinished, of the memo file alone.
+int hasMemoLog(DbfBase*);
+
 /// Whether a field holds memo references: wide text in a memo field does not.
 bool holdsReference(DbfBase*, int field);
 /// Whether the bytes of such a field stand for no memo.

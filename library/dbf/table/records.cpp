@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "dbf/table/movelog.h"
 #include "dbf/table/position.h"
 #include "dbf/table/private.h"
 #include "dbf/table/table.h"
@@ -161,7 +162,7 @@ int RefreshDatabase(DbfBase* h) {
     const std::optional<u64> size = fileSize(h->TableFile);
     if (!size) return 0;
     if (h->Private != nullptr) h->Private->halfEdited = false;
-    const u32 count = recordsInFile(h, *size);
+    const u32 count = countRecords(h, *size);
     if (count == h->Header.RecordCount) return 0;
     h->Header.RecordCount = count;
     return 1;
