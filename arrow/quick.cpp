@@ -495,15 +495,8 @@ bool appendDecimals(Cells& cells, const Field& field, const std::vector<Row>& ro
 
 /// Bytes from the column's place on that its values are read from.
 u32 bytesRead(const Column& column) {
-    switch (column.kind) {
-        case Kind::Integer:
-            return 4;
-        case Kind::Double:
-        case Kind::Currency:
-            return 8;
-        default:
-            return column.length;
-    }
+    if (column.kind == Kind::Integer) return 4;
+    return column.kind == Kind::Double || column.kind == Kind::Currency ? 8 : column.length;
 }
 
 /// Whether they, and the null flags, lie in the record: a damaged one may end before.

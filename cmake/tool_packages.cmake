@@ -33,23 +33,11 @@ if(NOT TARGET PkgConfig::sqlite3)
 endif()
 find_package(CLI11 QUIET)
 find_package(fmt QUIET)
-find_path(MIRA_LIBCSV_INCLUDE csv.h)
-find_library(MIRA_LIBCSV_LIBRARY csv)
-mark_as_advanced(MIRA_LIBCSV_INCLUDE MIRA_LIBCSV_LIBRARY)
 foreach(package CLI11 fmt)
     if(NOT ${package}_FOUND)
         list(APPEND missing_tool ${package})
     endif()
 endforeach()
-if(MIRA_LIBCSV_INCLUDE AND MIRA_LIBCSV_LIBRARY)
-    add_library(mira_libcsv UNKNOWN IMPORTED)
-    set_target_properties(mira_libcsv PROPERTIES
-        IMPORTED_LOCATION "${MIRA_LIBCSV_LIBRARY}"
-        INTERFACE_INCLUDE_DIRECTORIES "${MIRA_LIBCSV_INCLUDE}")
-else()
-    list(APPEND missing_tool libcsv)
-endif()
-
 # An option that is on by default where nothing is missing.
 function(mira_option name text missing)
     list(REMOVE_ITEM missing "")

@@ -350,17 +350,31 @@ void Changes::sync() {
                                       tables::pageDoubt(table_.page, session_.host.pageOption)));
 }
 
+/// SQLite asks nobody any more, so what goes wrong is only told.
 void Changes::commit() {
-    if (change_ && !change_->finish()) {
-        // SQLite asks nobody any more, so it is only told.
-        rollback();
-        session_.host.tell(Notice::Undone,
-                           table_.path +
-                               ": the journal could not be ended, and so what has been "
-                               "committed is undone");
-        return;
+    try {
+        if (change_ && !change_->finish()) {
+            rollback();
+            session_.host.tell(Notice::Undone,
+                               table_.path +
+                                   ": the journal could not be ended, and so what has been "
+                                   "committed is undone");
+            return;
+        }
+        tellStale();
+    } catch (const tables::Refusal& refusal) {
+        // The change stands; recovery brings the new index to its place.
+        session_.host.tell(Notice::Remark, refusal.what());
     }
     end();
+}
+
+/// Which index files the transaction has left behind.
+void Changes::tellStale() {
+    if (!change_ || table_.options.reindex) return;
+    for (const std::string& stale : tables::staleIndexes(table_, change_->touched())) {
+        if (toldStale_.insert(stale).second) session_.host.tell(Notice::Remark, stale);
+    }
 }
 
 void Changes::rollback() {

@@ -7,7 +7,7 @@
 #include <iostream>
 #include <string>
 
-#include "command/commands.h"
+#include "commands.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
 #include "terminal/progress.h"

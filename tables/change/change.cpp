@@ -167,8 +167,7 @@ void Change::findMemoPlace(const Column& column) {
         unit_ = 0;
         refuse(what, memosThere_ ? ", whose header is damaged" : ", which is no file of its own");
     }
-    const bool bigEndian = table_.memoFormat == MemoFormat::FoxPro;
-    memoNext_ = bigEndian ? loadBe32(counter) : loadLe<u32>(counter);
+    memoNext_ = memoNumber(table_, counter);
     before_.memoNext = memoNext_;
     for (State& mark : marks_) mark.memoNext = memoNext_;
 }
@@ -345,8 +344,7 @@ void Change::addHeader() {
         add(FileOf::Table, recordPlace(base, base.Header.RecordCount), viewOf(&kEndOfFile, 1));
     }
     if (memoNext_ == before_.memoNext) return;
-    auto next = bytesLe(memoNext_);
-    if (table_.memoFormat == MemoFormat::FoxPro) std::reverse(next.begin(), next.end());
+    const auto next = memoBytes(table_, memoNext_);
     add(FileOf::Memos, 0, viewOf(next.data(), next.size()));
 }
 

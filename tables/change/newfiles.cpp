@@ -65,8 +65,7 @@ NewMemos::NewMemos(Table& table, const Swap& swap, u32 unit) : table_(table) {
         refuse(table.path, ": the new memo file cannot be read");
     }
     unit_ = unit != 0 ? unit : 512;
-    next_ = bigEndian() ? loadBe32(reinterpret_cast<const u8*>(header.data()))
-                        : loadLe<u32>(header.data());
+    next_ = memoNumber(table, reinterpret_cast<const u8*>(header.data()));
     file_.emplace(std::move(file), table.path);
     file_->put(header);
 }
@@ -82,8 +81,7 @@ u32 NewMemos::add(std::string_view bytes) {
 }
 
 void NewMemos::finish() {
-    auto next = bytesLe(next_);
-    if (bigEndian()) std::reverse(next.begin(), next.end());
+    const auto next = memoBytes(table_, next_);
     file_->flush();
     file_->patch(0, {reinterpret_cast<const char*>(next.data()), next.size()});
 }

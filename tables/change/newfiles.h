@@ -42,8 +42,6 @@ public:
     void finish();
 
 private:
-    bool bigEndian() const { return table_.memoFormat == MemoFormat::FoxPro; }
-
     Table& table_;
     std::optional<NewFile> file_;
     u32 unit_ = 0, next_ = 0;

@@ -1,6 +1,9 @@
 #include "tables/column/column.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "tables/page/refusal.h"
 
@@ -10,32 +13,42 @@ bool isCounting(const Column& column) {
     return column.type == '+' || (column.kind == Kind::Integer && (column.flags & kCounting) != 0);
 }
 
-Kind heldKind(const Column& column) {
-    if (column.kind != Kind::Text) return column.kind;
-    switch (column.type) {
-        case 'N':
-        case 'F':
-            return Kind::Decimal;
-        case 'D':
+Kind kindOf(FieldClass stored, char type) {
+    switch (stored) {
+        case FieldClass::None:
+        case FieldClass::System:
+            return Kind::Bytes;
+        case FieldClass::Text:
+            return type == 'V' ? Kind::Varchar : type == 'Q' ? Kind::Varbinary : Kind::Text;
+        case FieldClass::Logical:
+            return Kind::Logical;
+        case FieldClass::Date:
             return Kind::Date;
-        case 'T':
-        case '@':
+        case FieldClass::Moment:
             return Kind::Moment;
-        default:
-            return Kind::Text;
+        case FieldClass::Decimal:
+            return Kind::Decimal;
+        case FieldClass::Integer:
+            return Kind::Integer;
+        case FieldClass::Double:
+            return Kind::Double;
+        case FieldClass::Currency:
+            return Kind::Currency;
+        case FieldClass::Memo:
+            return type == 'M' ? Kind::Memo : Kind::Blob;
     }
+    return Kind::Bytes;
 }
 
-bool isOfNumbers(const Column& column) {
-    switch (heldKind(column)) {
-        case Kind::Decimal:
-        case Kind::Integer:
-        case Kind::Double:
-        case Kind::Currency:
-            return true;
-        default:
-            return false;
-    }
+bool isOfDigits(const Column& column, Kind kind) {
+    return kind == Kind::Decimal || kind == Kind::Date ||
+           (kind == Kind::Moment && column.length != 8);
+}
+
+Kind heldKind(const Column& column) {
+    const Kind kind = kindOf(column.stored, column.type);
+    const bool asStored = column.kind == Kind::Text && isOfDigits(column, kind);
+    return asStored ? kind : column.kind;
 }
 
 const Column* findColumn(const Table& table, std::string_view name) {
@@ -91,7 +104,7 @@ u32 readRecords(const Table& table, u32 first, u32 count, void* to) {
 
 std::string memoFileOf(const Table& table) {
     const DbfBase& base = *table.base;
-    return base.FirstMemoField != -1 && base.MemoFileName != nullptr ? base.MemoFileName : "";
+    return table.hasMemos && base.MemoFileName != nullptr ? base.MemoFileName : "";
 }
 
 bool isReplaced(const Table& table) {
@@ -103,8 +116,15 @@ bool isReplaced(const Table& table) {
 
 u32 readFileAt(std::FILE* file, u32 offset, void* to, u32 count) {
     if (offset > 0x7FFFFFFF) return 0;
-    if (SetFilePointer(file, static_cast<i32>(offset), nullptr, SEEK_SET) != offset) return 0;
-    return ReadFile(file, to, static_cast<i32>(count));
+    u32 got = 0;
+    while (got < count) {
+        const ssize_t read =
+            pread(fileno(file), static_cast<char*>(to) + got, count - got, off_t{offset} + got);
+        if (read < 0 && errno == EINTR) continue;
+        if (read <= 0) break;
+        got += static_cast<u32>(read);
+    }
+    return got;
 }
 
 bool writeFileAt(std::FILE* file, u32 offset, const void* bytes, u32 count) {

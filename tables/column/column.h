@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "mira.h"
+#include "tables/column/kind.h"
 #include "tables/page/codepage.h"
 
 namespace mira::tables {
@@ -23,28 +24,8 @@ struct BaseCloser {
 };
 using Base = std::unique_ptr<DbfBase, BaseCloser>;
 
-/// What a field holds, and so how its value is read; see value.h.
-enum class Kind : u8 {
-    Text,       // C
-    Varchar,    // V
-    Varbinary,  // Q
-    Decimal,    // N, F
-    Integer,    // I, +
-    Double,     // B of 8 bytes, O
-    Currency,   // Y
-    Date,       // D
-    Moment,     // T, @
-    Logical,    // L
-    Memo,       // M
-    Blob,       // G, P, W and B as memos
-    Bytes,      // any other letter: the stored bytes
-    Calculated,
-    RecordNumber,  // the record, from 1
-    Deletion,      // whether it is deleted
-};
-
-/// What the memo file of a table looks like. dBase III's memos end at a byte 1A, in blocks of 512.
-enum class MemoFormat : u8 { None, DBase3, DBase4, FoxPro, Smt };
+/// What the memo file of a table looks like, by the library's numbers.
+enum class MemoFormat : u32 { DBase3 = 0, FoxPro = 1, DBase4 = 2, Smt = 4, None = 0xFFFFFFFF };
 
 /// Which records are shown.
 enum class Deleted : u8 { Skip, Include, Only };
@@ -59,8 +40,9 @@ struct Column {
     std::string name;
     int field = kNoField;  // number for the library; also that of a calculated field
     Kind kind = Kind::Bytes;
-    char type = 0;               // letter
-    u32 offset = 0, length = 0;  // bytes in RecordBuffer
+    FieldClass stored = FieldClass::None;  // how the library says that its values are encoded
+    char type = 0;                         // letter
+    u32 offset = 0, length = 0;            // bytes in RecordBuffer
     u8 decimals = 0;
     u8 flags = 0;                // descriptor byte 18 in Visual FoxPro, else 0; kSystem and others
     bool untranslated = false;   // C, V or M whose bytes are in no code page
@@ -97,10 +79,11 @@ struct TableFacts {
     std::string_view flavour;  // "Visual FoxPro", by the repaired version byte
     bool visual = false;       // Visual FoxPro: descriptor flags and null flags count
     MemoFormat memoFormat = MemoFormat::None;
-    u8 storedVersion = 0;  // version byte as it stands in the file
-    u8 tableFlags = 0;     // header byte 28
-    u32 storedCount = 0;   // records by the header, before repairs
-    u32 storedLength = 0;  // record length by the header, likewise
+    u8 storedVersion = 0;   // version byte as it stands in the file
+    u8 tableFlags = 0;      // header byte 28
+    bool hasMemos = false;  // some field may refer to one
+    u32 storedCount = 0;    // records by the header, before repairs
+    u32 storedLength = 0;   // record length by the header, likewise
     u64 fileSize = 0;
     u32 heldRecords = 0;  // that the file has room for; the handle counts those that are some
     u64 strayBytes = 0;   // from the first that is none to the end of the file; 0: all are some
@@ -118,10 +101,16 @@ struct Table : TableFacts {
 /// Whether the column counts by itself.
 bool isCounting(const Column& column);
 
+/// What a field of a letter holds whose values are encoded so.
+Kind kindOf(FieldClass stored, char type);
 /// What a column holds, also where it is shown as stored.
 Kind heldKind(const Column& column);
 /// Whether that is numbers.
-bool isOfNumbers(const Column& column);
+inline bool isOfNumbers(const Column& column) {
+    return kindRow(heldKind(column)).compared == Compared::Numbers;
+}
+/// Whether its values are characters that can be shown as they are stored.
+bool isOfDigits(const Column& column, Kind kind);
 
 /// The column of a name in any letter case, or of a number (fields from 1) where no name fits.
 const Column* findColumn(const Table& table, std::string_view name);

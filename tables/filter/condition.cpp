@@ -13,7 +13,6 @@
 namespace mira::tables {
 namespace {
 
-constexpr std::string_view kComparing = "><=~^";
 constexpr std::string_view kQuotes = "\"'";
 /// A condition with its values that is longer is false for the library.
 constexpr std::size_t kConditionLength = 511;
@@ -138,8 +137,7 @@ std::string ofRecords(const Writer& writer) {
 }
 
 bool isOfDates(const Column& column) {
-    const Kind kind = heldKind(column);
-    return kind == Kind::Date || kind == Kind::Moment;
+    return kindRow(heldKind(column)).compared == Compared::Dates;
 }
 
 /// Whether a text calls a function of the library.
@@ -342,7 +340,7 @@ bool passes(CellReader& cells, const FieldTest& test) {
         const u64 number = u64{cells.record} + 1;
         return (number >= test.first && number <= test.last) == test.wanted;
     }
-    if (column.kind == Kind::Memo || column.kind == Kind::Blob) {
+    if (kindRow(column.kind).compared == Compared::Memos) {
         const MemoReference reference = memoReference(table, column);
         answer = isNull(table, column) ||
                  (reference.isReference && reference.block == 0 && reference.length == 0);
@@ -366,7 +364,12 @@ bool passes(CellReader& cells, const FieldTest& test) {
             answer = test.asked ==
                      (value.integer != 0 ? FieldTest::Asked::True : FieldTest::Asked::False);
             break;
-        default:
+        case ValueKind::Digits:
+        case ValueKind::Integer:
+        case ValueKind::Real:
+        case ValueKind::Currency:
+        case ValueKind::Date:
+        case ValueKind::Moment:
             break;
     }
     return answer == test.wanted;
@@ -377,23 +380,19 @@ std::string libraryCondition(const Table& table, const FilterCondition& conditio
     const Writer writer{table, condition, tests, notes};
     if (condition.column->kind == Kind::RecordNumber) return ofRecords(writer);
     if (bare(condition.right).empty()) return blankTest(writer);
-    switch (heldKind(*condition.column)) {
-        case Kind::Decimal:
-        case Kind::Integer:
-        case Kind::Double:
-        case Kind::Currency:
-            return ofNumbers(writer);
-        case Kind::Date:
-        case Kind::Moment:
-            return ofDates(writer);
-        case Kind::Logical:
-            return ofLogicals(writer);
-        case Kind::Memo:
-        case Kind::Blob:
-            return ofMemos(writer);
-        default:
+    switch (kindRow(heldKind(*condition.column)).compared) {
+        case Compared::Texts:
             return ofTexts(writer);
+        case Compared::Numbers:
+            return ofNumbers(writer);
+        case Compared::Dates:
+            return ofDates(writer);
+        case Compared::Logicals:
+            return ofLogicals(writer);
+        case Compared::Memos:
+            return ofMemos(writer);
     }
+    return "";
 }
 
 }  // namespace mira::tables

@@ -1,13 +1,13 @@
-// How the library reads a filter, and what can go wrong unseen: every "&" and "|" connects, also in
-// quotes; parentheses are counted in quotes, too; the operator is the first of > < = ~ ^ + - / * (
-// ) outside quotes, so what stands left of it must be a bare name; a condition longer than 511
-// characters with its values is false.
+// The library takes a filter apart; here is what can go wrong unseen in what it makes of it. Its
+// text is in UTF-8 then, of which no byte above 7F is a sign of filters, with the names that users
+// know.
 #include "tables/filter/filter.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 
 #include "tables/filter/foreign.h"
 #include "tables/open/words.h"
@@ -16,101 +16,67 @@
 namespace mira::tables {
 namespace {
 
-constexpr std::string_view kOperators = "><=~^+-/*()";
-constexpr std::string_view kComparing = "><=~^";
 constexpr std::string_view kTooLong = "it is too long; try `mira query`";
 
 [[noreturn]] void refuseFilter(const Table& table, std::string_view why) {
     refuse(table.path, ": the filter cannot be run: ", why);
 }
 
-/// Walks over a text and knows what is in quotes.
-struct QuoteScanner {
-    char quote = 0;
-    /// Whether the character is outside quotes, the quotes themselves not counted.
-    bool outside(char c) {
-        if (quote != 0) {
-            if (c == quote) quote = 0;
-            return false;
-        }
-        if (c != '"' && c != '\'') return true;
-        quote = c;
-        return false;
-    }
-};
-
-void checkQuotesAndParentheses(const Table& table, std::string_view filter) {
-    QuoteScanner scanner;
-    int depth = 0;
-    bool quotedParenthesis = false;
-    for (const char c : filter) {
-        const bool outside = scanner.outside(c);
-        if (!outside && (c == '&' || c == '|')) {
+/// What is wrong with quotes and parentheses.
+void checkSigns(const Table& table, const std::string& filter) {
+    FilterFault fault = FilterFault::None;
+    u32 first = 0, end = 0;
+    CheckFilter(table.base.get(), filter.c_str(), &fault, &first, &end);
+    switch (fault) {
+        case FilterFault::ConnectiveInQuotes:
             refuseFilter(table,
                          "\"&\" and \"|\" connect conditions inside quotes, too; try `mira query`");
-        }
-        if (c == '(') ++depth;
-        if (c == ')') --depth;
-        if (!outside && (c == '(' || c == ')')) quotedParenthesis = true;
-        if (depth < 0) break;
-    }
-    if (scanner.quote != 0) refuseFilter(table, "a quote is not closed");
-    if (depth != 0) {
-        refuseFilter(
-            table,
-            quotedParenthesis
-                ? "its parentheses do not match, and those in quotes count, too; try `mira query`"
-                : "its parentheses do not match");
+        case FilterFault::Quotes:
+            refuseFilter(table, "a quote is not closed");
+        case FilterFault::Brackets:
+            refuseFilter(table, filter[first] == '"' || filter[first] == '\''
+                                    ? "its parentheses do not match, and those in quotes count, "
+                                      "too; try `mira query`"
+                                    : "its parentheses do not match");
+        case FilterFault::Memory:
+            throw std::bad_alloc();
+        case FilterFault::None:
+        case FilterFault::NoOperator:
+        case FilterFault::UnknownField:
+        case FilterFault::ComposedLeft:
+        case FilterFault::TooLong:
+            return;  // told of the conditions, by the names that users know
     }
 }
 
-/// A condition between the parentheses that group it.
-struct Piece {
-    std::string_view opening, condition, closing;
+/// Where the parts of a condition stand in the text.
+struct Parts {
+    std::size_t first = 0, sign = 0, right = 0, end = 0;
 };
 
-/// Parentheses that do not match inside the piece group several ones.
-Piece cutPiece(std::string_view piece) {
-    std::size_t first = 0;
-    std::size_t last = piece.size();
-    int depth = 0;
-    for (std::size_t i = 0; i < piece.size(); ++i) {
-        if (piece[i] == '(') ++depth;
-        if (piece[i] == ')' && --depth < 0) {
-            last = i;
-            break;
-        }
+/// The condition of a number; nothing behind the last one.
+std::optional<Parts> partsOf(const Table& table, const std::string& filter, u32 number,
+                             std::size_t after) {
+    u32 sign = 0, right = 0, end = 0;
+    int field = 0;
+    if (GetFilterCondition(table.base.get(), filter.c_str(), number, &field, &sign, &right, &end) ==
+        0) {
+        return std::nullopt;
     }
-    depth = 0;
-    for (std::size_t i = last; i-- > 0;) {
-        if (piece[i] == ')') ++depth;
-        if (piece[i] == '(' && --depth < 0) {
-            first = i + 1;
-            break;
-        }
+    Parts parts{after, sign, right, end};
+    // Connectives and the parentheses of groups end before it.
+    const std::string_view before = std::string_view(filter).substr(after, sign - after);
+    parts.first += before.find_last_of("&|()") + 1;
+    // A name may hold the sign itself, as in "FIRST-NAME".
+    const std::size_t comparing = filter.find_first_of(kComparing, sign);
+    if (comparing < parts.end && comparing != sign &&
+        findColumn(table, filter.substr(parts.first, comparing - parts.first)) != nullptr) {
+        const bool two =
+            filter[comparing] != '^' && filter.find_first_of("<>=", comparing + 1) == comparing + 1;
+        parts.sign = comparing;
+        parts.right = comparing + (two ? 2 : 1);
     }
-    return {piece.substr(0, first), piece.substr(first, last - first), piece.substr(last)};
-}
-
-std::size_t placeOf(std::string_view condition, std::string_view operators) {
-    QuoteScanner scanner;
-    for (std::size_t i = 0; i < condition.size(); ++i) {
-        if (scanner.outside(condition[i]) &&
-            operators.find(condition[i]) != std::string_view::npos) {
-            return i;
-        }
-    }
-    return std::string_view::npos;
-}
-
-/// Where the operator is; after a field name that holds such a character itself ("FIRST-NAME").
-std::size_t operatorPlace(const Table& table, std::string_view condition) {
-    const std::size_t comparing = placeOf(condition, kComparing);
-    if (comparing != std::string_view::npos &&
-        findColumn(table, condition.substr(0, comparing)) != nullptr) {
-        return comparing;
-    }
-    return placeOf(condition, kOperators);
+    return parts;
 }
 
 /// The column on the left of an operator.
@@ -138,18 +104,9 @@ const Column& leftColumn(const Table& table, std::string_view condition, std::si
 
 /// Whether the library compares a column by the characters that the record holds.
 bool isOfCharacters(const Column& column) {
-    switch (heldKind(column)) {
-        case Kind::Text:
-        case Kind::Varchar:
-        case Kind::Varbinary:
-        case Kind::Bytes:
-        case Kind::Date:
-            return true;
-        case Kind::Moment:
-            return column.length != 8;
-        default:
-            return false;
-    }
+    const Kind kind = heldKind(column);
+    const Compared compared = kindRow(kind).compared;
+    return compared == Compared::Texts || (compared == Compared::Dates && isOfDigits(column, kind));
 }
 
 void noteCompared(const Table& table, const FilterCondition& condition, LibraryFilter& filter) {
@@ -163,24 +120,24 @@ void noteCompared(const Table& table, const FilterCondition& condition, LibraryF
         [](char) {});
 }
 
-std::string checkedCondition(const Table& table, std::string_view text, LibraryFilter& filter) {
+std::string checkedCondition(const Table& table, const std::string& filter, const Parts& parts,
+                             LibraryFilter& checked) {
+    const std::string_view all = filter;
+    const std::string_view text = all.substr(parts.first, parts.end - parts.first);
     if (trimmed(text).empty()) refuseFilter(table, "there is no condition beside \"&\" or \"|\"");
-    const std::size_t place = operatorPlace(table, text);
-    if (place == std::string_view::npos) {
+    if (parts.sign == parts.right) {
         refuseFilterPart(table, text, " has no operator, such as = <> < > ~");
     }
+    const std::size_t sign = parts.sign - parts.first;
     const Column numbers = extraColumn(table, "_record", Kind::RecordNumber);
-    const bool isNumber = sameText(trimmed(text.substr(0, place)), numbers.name);
-    const Column& column = isNumber ? numbers : leftColumn(table, text, place);
-    const bool two = text[place] != '^' && text.find_first_of("<>=", place + 1) == place + 1;
-    const std::size_t after = place + (two ? 2 : 1);
-    const FilterCondition condition{.column = &column,
+    const bool isNumber = sameText(trimmed(text.substr(0, sign)), numbers.name);
+    const FilterCondition condition{.column = isNumber ? &numbers : &leftColumn(table, text, sign),
                                     .text = text,
-                                    .sign = text.substr(place, after - place),
-                                    .right = text.substr(after),
-                                    .spaced = text.substr(0, place).ends_with(' ')};
-    if (!isNumber) noteCompared(table, condition, filter);
-    return libraryCondition(table, condition, filter.tests, filter.notes);
+                                    .sign = all.substr(parts.sign, parts.right - parts.sign),
+                                    .right = all.substr(parts.right, parts.end - parts.right),
+                                    .spaced = text.substr(0, sign).ends_with(' ')};
+    if (!isNumber) noteCompared(table, condition, checked);
+    return libraryCondition(table, condition, checked.tests, checked.notes);
 }
 
 // --------------------------------------------------------------------------------------------
@@ -276,27 +233,26 @@ bool hasRoom(const DbfBase& base, std::size_t tests) {
 
 }  // namespace
 
-LibraryFilter checkedFilter(const Table& table, std::string_view filter) {
-    checkQuotesAndParentheses(table, filter);
+LibraryFilter checkedFilter(const Table& table, std::string_view given) {
+    const std::string filter(given);
+    checkSigns(table, filter);
     refuseForeignWords(table, filter);
     LibraryFilter checked;
-    std::size_t start = 0;
-    while (true) {
-        const std::size_t end = std::min(filter.find_first_of("&|", start), filter.size());
-        const Piece piece = cutPiece(filter.substr(start, end - start));
+    std::size_t after = 0;
+    for (u32 number = 0; auto parts = partsOf(table, filter, number, after); ++number) {
+        checked.text.append(filter, after, parts->first - after);
         // Blanks beside a connective are no part of the texts, as they are for the library.
-        std::string_view condition = piece.condition;
-        const bool goesOn = end != filter.size() || !piece.closing.empty();
-        while (goesOn && condition.ends_with(' ')) condition.remove_suffix(1);
-        while (condition.starts_with(' ')) condition.remove_prefix(1);
-        checked.text += piece.opening;
-        checked.text += checkedCondition(table, condition, checked);
-        checked.text += piece.closing;
-        if (end == filter.size()) break;
-        checked.text += filter[end];
-        start = end + 1;
+        const std::size_t end = parts->end;
+        while (parts->first < parts->sign && filter[parts->first] == ' ') ++parts->first;
+        while (end != filter.size() && parts->end > parts->right && filter[parts->end - 1] == ' ') {
+            --parts->end;
+        }
+        checked.text += checkedCondition(table, filter, *parts, checked);
+        after = end;
     }
-    if (!hasRoom(*table.base, checked.tests.size())) refuseFilter(table, kTooLong);
+    const bool none = after == 0 && checked.text.empty();
+    if (none || !hasRoom(*table.base, checked.tests.size())) refuseFilter(table, kTooLong);
+    checked.text.append(filter, after);
     return checked;
 }
 

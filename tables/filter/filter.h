@@ -21,7 +21,7 @@ struct LibraryFilter {
 };
 
 /// A filter in UTF-8 as the library takes it. Throws a Refusal.
-LibraryFilter checkedFilter(const Table& table, std::string_view filter);
+LibraryFilter checkedFilter(const Table& table, std::string_view given);
 
 /// Runs a checked filter over the records in view; with ignoreCase all letters of the code page are
 /// folded. goesOn, where there is one, is asked after each record; a false ends the run early, with

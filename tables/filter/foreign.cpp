@@ -6,7 +6,6 @@
 namespace mira::tables {
 namespace {
 
-constexpr std::string_view kComparing = "><=~^!";
 constexpr char kQuoted = '\1';  // stands for what is in quotes, and for those
 constexpr std::string_view kBefore(" )\1", 3);
 constexpr std::string_view kAfter(" (\1", 3);
@@ -63,7 +62,8 @@ bool startsWithField(const Table& table, std::string_view text) {
 
 /// Whether a comparison follows: a field, bare or as the argument of a function, and an operator.
 bool comparisonFollows(const Scan& scan, std::size_t place) {
-    const std::size_t sign = scan.plain.find_first_of(kComparing, place);
+    const std::size_t sign =
+        std::min(scan.plain.find_first_of(kComparing, place), scan.plain.find('!', place));
     if (sign == std::string::npos) return false;
     std::string_view left = scan.filter.substr(place, sign - place);
     const std::size_t argument = left.rfind('(');

@@ -69,7 +69,14 @@ void computeField(const Scene& scene, const Column& column, KeyValue& value) {
             value.text = variableBytes(scene.table, column);
             value.text.resize(stored.size(), ' ');
             return;
-        default:
+        case Kind::Text:
+        case Kind::Varbinary:
+        case Kind::Memo:
+        case Kind::Blob:
+        case Kind::Bytes:
+        case Kind::Calculated:
+        case Kind::RecordNumber:
+        case Kind::Deletion:
             value.text = stored;
             return;
     }

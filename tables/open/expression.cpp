@@ -1,7 +1,6 @@
 // Expressions and filters on their way into the library: names become those that it finds, texts go
 // into the table's code page.
 #include <algorithm>
-#include <array>
 
 #include "tables/column/column.h"
 #include "tables/open/open.h"
@@ -13,11 +12,6 @@ namespace {
 
 constexpr std::string_view kSigns = "&|()'\"<>=~^+-*/";
 constexpr std::size_t kExpansionSize = 32768;  // what makecalcstring may write
-constexpr std::array<std::string_view, 30> kFunctions = {
-    "trim",  "ltrim",     "rtrim", "substr", "left", "right", "upper", "lower", "cap",   "dtos",
-    "space", "replicate", "abs",   "sqr",    "sqrt", "exp",   "log",   "log10", "pow10", "round",
-    "trunc", "sin",       "cos",   "tan",    "asin", "acos",  "atan",  "sinh",  "cosh",  "tanh"};
-
 auto signCount(std::string_view text) {
     return std::count_if(text.begin(), text.end(),
                          [](char c) { return kSigns.find(c) != std::string_view::npos; });
@@ -82,7 +76,7 @@ void refuseUnknownWords(const Table& table, std::string_view name, std::string_v
                        " is a calculated field; expressions know those of the table only");
             }
             if (startsCall(word, rest)) return;
-            std::vector<std::string> names(kFunctions.begin(), kFunctions.end());
+            std::vector<std::string> names;
             for (const Column& column : table.columns) names.push_back(column.name);
             const std::string nearest = nearestName(word, names);
             refuse(table.path, ": --calc ", name, ": no field \"", word, "\"",
@@ -100,8 +94,7 @@ const Column* columnOfWord(const Table& table, std::string_view word) {
 }
 
 bool startsCall(std::string_view word, std::string_view rest) {
-    return !rest.empty() && rest.front() == '(' &&
-           std::find(kFunctions.begin(), kFunctions.end(), foldCase(word)) != kFunctions.end();
+    return !rest.empty() && rest.front() == '(' && IsFunction(std::string(word).c_str()) != 0;
 }
 
 bool isComputable(const Table& table, std::string_view expression, bool anyColumn) {

@@ -1,11 +1,6 @@
 // Bytes that the library leaves to its callers:
 //
-//   descriptor 18   flags of a field: 1 system, 2 may be null, 4 binary, 8 counts by itself
-//   descriptor 19   4 bytes, next value of a counting field
-//   descriptor 23   its step
 //   header 28       bit 0: a structural index file belongs to the table
-//
-// In tables other than Visual FoxPro's the descriptor bytes are junk.
 #include "tables/open/open.h"
 
 #include <sys/stat.h>
@@ -30,26 +25,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr u32 kFlagPlace = 18;
-constexpr u32 kNextPlace = 19;
-constexpr u32 kStepPlace = 23;
-constexpr u32 kDescriptor = 32;
+constexpr u32 kHeader = 32;
+constexpr u32 kVisualKind = 3;    // of the library
 constexpr u32 kLibraryName = 10;  // characters that a name has in an expression
 constexpr char kTerminator = 0x0D;
 constexpr u64 kReachable = 0x7FFFFFFF;  // of a table file
-
-constexpr std::string_view kVisualFoxPro = "Visual FoxPro";
-struct Version {
-    u8 byte;
-    std::string_view flavour;
-    MemoFormat memos;
-};
-constexpr Version kVersions[] = {
-    {0x03, "dBase III", MemoFormat::DBase3},   {0x83, "dBase III", MemoFormat::DBase3},
-    {0x04, "dBase IV", MemoFormat::DBase4},    {0x8B, "dBase IV", MemoFormat::DBase4},
-    {0x8C, "level 7", MemoFormat::DBase4},     {0x30, kVisualFoxPro, MemoFormat::FoxPro},
-    {0x31, kVisualFoxPro, MemoFormat::FoxPro}, {0x32, kVisualFoxPro, MemoFormat::FoxPro},
-    {0xF5, "FoxPro", MemoFormat::FoxPro},      {0xE5, "SMT", MemoFormat::Smt}};
 
 constexpr u32 kVersionRepaired = 1;
 constexpr u32 kTypesUnknown = 2;
@@ -58,7 +38,7 @@ constexpr u32 kCountRepaired = 4;
 std::string whyNotOpened(const std::string& path) {
     const File file(std::fopen(path.c_str(), "rb"));
     if (!file) return std::strerror(errno);
-    unsigned char start[kDescriptor] = {};
+    unsigned char start[kHeader] = {};
     const std::size_t got = std::fread(start, 1, sizeof start, file.get());
     if (std::ferror(file.get()) != 0) return "cannot be read";
     if (got == 0) return "the file is empty";
@@ -95,19 +75,15 @@ Base openBase(const std::string& path, bool writable, Listing* listing) {
 
 /// What the version byte says, as the library repaired it.
 void readVersion(Table& table) {
-    const DbfBase& base = *table.base;
-    const auto* const row =
-        std::find_if(std::begin(kVersions), std::end(kVersions),
-                     [&](const Version& version) { return version.byte == base.Header.Version; });
-    const bool known = row != std::end(kVersions);
-    table.memoFormat = known ? row->memos : MemoFormat::None;
-    table.flavour = base.Level7 != 0 ? "level 7" : known ? row->flavour : "dBase family";
-    table.visual = table.flavour == kVisualFoxPro;
+    DbfBase* const base = table.base.get();
+    table.memoFormat = MemoFormat{GetMemoKind(base)};
+    table.flavour = GetFlavourName(base);
+    table.visual = GetFlavourKind(base) == kVisualKind;
 }
 
 /// What the file says before the library's repairs.
 void readStoredHeader(Table& table) {
-    u8 header[kDescriptor] = {};
+    u8 header[kHeader] = {};
     std::FILE* const file = table.base->TableFile;
     readFileAt(file, 0, header, sizeof header);
     table.storedVersion = header[0];
@@ -155,40 +131,8 @@ void leaveOutStray(Table& table) {
     table.strayBytes = SetFilePointer(base.TableFile, 0, nullptr, SEEK_END) - end;
 }
 
-Kind kindOf(const Column& column) {
-    constexpr std::pair<char, Kind> kKinds[] = {
-        {'C', Kind::Text},     {'V', Kind::Varchar}, {'Q', Kind::Varbinary}, {'N', Kind::Decimal},
-        {'F', Kind::Decimal},  {'I', Kind::Integer}, {'+', Kind::Integer},   {'O', Kind::Double},
-        {'Y', Kind::Currency}, {'D', Kind::Date},    {'T', Kind::Moment},    {'@', Kind::Moment},
-        {'L', Kind::Logical},  {'M', Kind::Memo}};
-    for (const auto& [type, kind] : kKinds) {
-        if (type == column.type) return kind;
-    }
-    if (column.type == 'B' && column.length == 8) return Kind::Double;
-    return holdsReference(column) ? Kind::Blob : Kind::Bytes;
-}
-
-/// Values that are characters in the record, which can be shown as they are.
-bool isStoredText(const Column& column) {
-    return column.kind == Kind::Decimal || column.kind == Kind::Date ||
-           (column.kind == Kind::Moment && column.length != 8);
-}
-
-/// Pictures refer to memos as general fields do; the library takes only the letter of those.
-void makePictureMemo(DbfBase* base, const Column& column) {
-    if (column.type != 'P' || column.kind != Kind::Blob) return;
-    base->Fields[column.field].Type = 'G';
-    if (base->FirstMemoField == -1) base->FirstMemoField = column.field;
-    GetMemoType(base);
-}
-
 void readFlags(const Table& table, Column& column) {
-    const u32 place = table.base->HeaderSize + kDescriptor * static_cast<u32>(column.field);
-    u8 descriptor[kDescriptor] = {};
-    readFileAt(table.base->TableFile, place, descriptor, sizeof descriptor);
-    column.flags = descriptor[kFlagPlace];
-    column.nextValue = loadLe<u32>(descriptor + kNextPlace);
-    column.step = descriptor[kStepPlace];
+    column.flags = static_cast<u8>(GetFieldFlags(table.base.get(), column.field));
     column.untranslated = (column.flags & kBinary) != 0 &&
                           (column.type == 'C' || column.type == 'V' || column.type == 'M');
 }
@@ -216,20 +160,22 @@ Column columnOf(const Table& table, int field) {
     while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
     if (table.visual) readFlags(table, column);
     column.foreignMoment = isForeignMoment(table, column);
-    column.kind = kindOf(column);
-    if (table.options.raw && isStoredText(column)) column.kind = Kind::Text;
-    makePictureMemo(base, column);
+    column.stored = GetFieldClass(base, field);
+    column.kind = kindOf(column.stored, column.type);
+    if (table.options.raw && isOfDigits(column, column.kind)) column.kind = Kind::Text;
     column.exactText = table.options.exact && mayBeRounded(column);
     return column;
 }
 
-bool isHidden(const Column& column) { return column.type == '0' || (column.flags & kSystem) != 0; }
+bool isHidden(const Column& column) {
+    return column.stored == FieldClass::System || (column.flags & kSystem) != 0;
+}
 
 /// Hands out the bits of the null flags in field order: a length bit to V and Q, then a null bit to
 /// what may be null. Bits past the end of the flags are none.
 void assignNullBits(Table& table, std::vector<Column>& all) {
-    const auto flags =
-        std::find_if(all.begin(), all.end(), [](const Column& c) { return c.type == '0'; });
+    const auto flags = std::find_if(all.begin(), all.end(),
+                                    [](const Column& c) { return c.stored == FieldClass::System; });
     if (!table.visual || flags == all.end()) return;
     table.nullOffset = flags->offset;
     table.nullLength = flags->length;
@@ -340,6 +286,7 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     all.reserve(static_cast<std::size_t>(base->FieldCount));
     for (int field = 0; field < base->FieldCount; ++field) all.push_back(columnOf(*table, field));
     assignNullBits(*table, all);
+    table->hasMemos = std::any_of(all.begin(), all.end(), holdsReference);
     for (Column& column : all) {
         (isHidden(column) ? table->system : table->columns).push_back(std::move(column));
     }
@@ -362,10 +309,7 @@ std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     if (!sameStructure(*table.base, *base)) {
         refuse(table.path, ": its fields have changed since it was opened");
     }
-    // As openTable has left them: names for the library, and which fields are memos.
-    std::copy_n(table.base->Fields, base->FieldCount, base->Fields);
-    base->FirstMemoField = table.base->FirstMemoField;
-    GetMemoType(base);
+    std::copy_n(table.base->Fields, base->FieldCount, base->Fields);  // names for the library
     readStoredHeader(*again);
     leaveOutStray(*again);
     return again;

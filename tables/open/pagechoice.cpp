@@ -25,7 +25,6 @@ constexpr u32 kDriverPlace = 32 - 12;  // level 7 only
 constexpr u32 kDriverSize = 32;
 constexpr u8 kAnsiMark = 0x57;  // "ANSI of the machine": shapefile writers set it whatever follows
 
-constexpr u32 kFlagsPlace = 18;  // in a descriptor: what Visual FoxPro keeps of a field
 constexpr std::string_view kPadding(" \0", 2);
 
 constexpr std::size_t kSampleSize = 1 << 20;
@@ -36,9 +35,9 @@ constexpr std::size_t kGuessFrom = 32;  // bytes above 7F
 constexpr std::size_t kCpgLine = 63;
 constexpr std::size_t kCpgRead = 512;
 
-bool isVisualFoxPro(const DbfBase* h) {
-    return h->Header.Version >= 0x30 && h->Header.Version <= 0x32;
-}
+constexpr u32 kVisualKind = 3;  // of the library
+
+bool isVisualFoxPro(DbfBase* h) { return GetFlavourKind(h) == kVisualKind; }
 
 // ---------------------------------------------------------------------------------------------
 // The .cpg file
@@ -104,14 +103,12 @@ void addText(Sample* sample, std::string_view text, bool mayBeCut) {
 
 /// The fields that hold text in the code page: C, V and M, but for those that Visual FoxPro's
 /// flags call binary. Those that refer to a memo file which is not there hold none.
-std::vector<int> textFields(const DbfBase* h) {
+std::vector<int> textFields(DbfBase* h) {
     const File memos(Open_FileRO(h->MemoFileName));
     std::vector<int> fields;
     for (int i = 0; i < h->FieldCount; ++i) {
         const char type = h->Fields[i].Type;
-        const u32 descriptor = h->HeaderSize + h->DescriptorSize * static_cast<u32>(i);
-        u8 flags = 0;
-        if (isVisualFoxPro(h)) readFileAt(h->TableFile, descriptor + kFlagsPlace, &flags, 1);
+        const u32 flags = isVisualFoxPro(h) ? GetFieldFlags(h, i) : 0;
         const bool text = type == 'C' || type == 'V' || (type == 'M' && memos != nullptr);
         if (text && (flags & kBinary) == 0) fields.push_back(i);
     }

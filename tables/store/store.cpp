@@ -19,7 +19,6 @@
 namespace mira::tables {
 namespace {
 
-constexpr char kMemoEnd = 0x1A;
 constexpr std::size_t kQuoted = 40;  // bytes of a value that a message shows
 constexpr int kCurrencyDecimals = 4;
 
@@ -195,8 +194,7 @@ void encodeMemo(Table& table, const Column& column, const Given& given, Encoded&
     if (!holdsReference(column)) {
         reject("a field of ", counted(column.length, "byte"), " cannot refer to a memo");
     }
-    if (table.memoFormat == MemoFormat::DBase3 &&
-        encoded.memo.find(kMemoEnd) != std::string::npos) {
+    if (memoRow(table).hasEndMark && encoded.memo.find(kMemoEnd) != std::string::npos) {
         reject("a memo of dBase III ends at a byte 1A, which the value holds");
     }
     if (access(memoFileOf(table).c_str(), R_OK | W_OK) != 0) {
@@ -224,7 +222,7 @@ bool staysAsWritten(const Column& column, const Given& given, std::string_view t
 
 /// Digits, right-aligned. With fewer decimals than the field has where that is the only way in
 /// and loses none.
-void encodeDecimal(const Column& column, const Given& given, Encoded& encoded) {
+void encodeDecimal(Table& /*table*/, const Column& column, const Given& given, Encoded& encoded) {
     const std::string_view written = trimmed(given.text);
     const bool asWritten = staysAsWritten(column, given, written);
     Decimal number = asWritten && given.asGiven ? Decimal{} : numberOf(given);
@@ -257,7 +255,7 @@ bool encodeI32(const Table& table, const Column& column, i64 value, Encoded& enc
     return same;
 }
 
-void encodeInteger(const Table& table, const Column& column, const Given& given, Encoded& encoded) {
+void encodeInteger(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     Decimal number = numberOf(given);
     if (!rescale(number, 0, given.from == Given::From::Real)) rejectAsNo("whole number", given);
     const std::optional<i64> value = unitsOf(number);
@@ -276,22 +274,22 @@ double doubleOf(const Given& given) {
     return value;
 }
 
-void encodeDouble(const Table& table, const Column& column, const Given& given, Encoded& encoded) {
+void encodeDouble(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     const double value = doubleOf(given);
     if (column.length != sizeof value) rejectSize(column, given);
     const auto set = column.type == 'O' ? SetInvertedDouble : SetDouble;
     encodeBy(table, column, encoded, [&] { set(table.base.get(), column.field, value); });
 }
 
-void encodeCurrency(const Column& column, const Given& given, Encoded& encoded) {
+void encodeCurrency(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     Decimal number = numberOf(given);
     if (!rescale(number, kCurrencyDecimals, given.from == Given::From::Real)) {
         reject(quoted(given), " has more than 4 decimals");
     }
     const std::optional<i64> units = unitsOf(number);
     if (!units || column.length != sizeof *units) rejectSize(column, given);
-    const auto bytes = bytesLe(*units);
-    encoded.bytes.assign(bytes.begin(), bytes.end());
+    encodeBy(table, column, encoded,
+             [&] { SetCurrencyUnits(table.base.get(), column.field, *units); });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -333,7 +331,7 @@ bool takeTime(std::string_view* text, Moment* moment) {
     return mymktime(&time) == 0;
 }
 
-void encodeDate(const Table& table, const Column& column, const Given& given, Encoded& encoded) {
+void encodeDate(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     const std::string plain = plainText(given);
     const std::optional<Moment> moment = readMoment(trimmed(plain));
     // A moment at midnight is its date.
@@ -348,21 +346,7 @@ void encodeDate(const Table& table, const Column& column, const Given& given, En
     encodeBytes(table, column, digits, encoded);
 }
 
-/// Adds what the library's setters have no place for.
-void addMilliseconds(const Column& column, int milliseconds, std::string& bytes) {
-    if (column.foreignMoment) {
-        const double stored = loadBeDouble(reinterpret_cast<const u8*>(bytes.data()));
-        const auto bits = std::bit_cast<u64>(stored + milliseconds);
-        for (int i = 0; i < 8; ++i) {
-            bytes[static_cast<std::size_t>(i)] = static_cast<char>(bits >> (56 - 8 * i) & 0xFF);
-        }
-        return;
-    }
-    const auto stored = bytesLe(loadLe<u32>(bytes.data() + 4) + static_cast<u32>(milliseconds));
-    std::copy(stored.begin(), stored.end(), bytes.begin() + 4);
-}
-
-void encodeMoment(const Table& table, const Column& column, const Given& given, Encoded& encoded) {
+void encodeMoment(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     const std::string plain = plainText(given);
     const std::optional<Moment> moment = readMoment(trimmed(plain));
     if (!moment) rejectAsNo("date and time (2024-01-31 23:59:59)", given);
@@ -371,14 +355,16 @@ void encodeMoment(const Table& table, const Column& column, const Given& given, 
     if (!binary && moment->milliseconds != 0) reject(quoted(given), " has parts of a second");
     const std::tm& t = moment->time;
     const auto set = column.type == '@' ? SetTimeStamp : SetDateTime;
+    DbfBase* const base = table.base.get();
     encodeBy(table, column, encoded, [&] {
-        set(table.base.get(), column.field, t.tm_year, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min,
-            t.tm_sec);
+        set(base, column.field, t.tm_year, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        i32 day = 0, milliseconds = 0;
+        if (GetMoment(base, column.field, &day, &milliseconds) == 0) return;
+        SetMoment(base, column.field, day, milliseconds + moment->milliseconds);
     });
-    if (moment->milliseconds != 0) addMilliseconds(column, moment->milliseconds, encoded.bytes);
 }
 
-void encodeLogical(const Table& table, const Column& column, const Given& given, Encoded& encoded) {
+void encodeLogical(Table& table, const Column& column, const Given& given, Encoded& encoded) {
     const std::string plain = plainText(given);
     const std::string text = foldCase(trimmed(plain));
     for (const char* word : {"true", "t", "yes", "y", "1"}) {
@@ -394,68 +380,65 @@ void encodeLogical(const Table& table, const Column& column, const Given& given,
 // Null and blank
 // ---------------------------------------------------------------------------------------------
 
-bool holdsText(const Column& column) {
-    return column.kind == Kind::Text || column.kind == Kind::Varchar || column.kind == Kind::Memo;
-}
-
-/// Fields all of whose bytes mean a value.
-bool hasNoBlank(const Column& column) {
-    return column.kind == Kind::Integer || column.kind == Kind::Double ||
-           column.kind == Kind::Currency;
-}
-
 bool isNothing(const Column& column, const Given& given) {
     if (given.from == Given::From::Null) return true;
     const bool empty = isText(given) && given.text.empty();
     if (!empty) return false;
-    return !holdsText(column) || (given.from == Given::From::Cell && !given.quoted);
+    return !kindRow(column.kind).has(kHoldsText) ||
+           (given.from == Given::From::Cell && !given.quoted);
 }
 
-/// Fields whose values are given as a text or a number, never as bytes.
-bool takesNoBytes(const Column& column) {
-    return hasNoBlank(column) || column.kind == Kind::Decimal || column.kind == Kind::Date ||
-           column.kind == Kind::Moment || column.kind == Kind::Logical;
+[[noreturn]] void encodeNever(Table& /*table*/, const Column& /*column*/, const Given& /*given*/,
+                              Encoded& /*encoded*/) {
+    reject("is calculated, nothing can be stored in it");
 }
 
-void encodeSomething(Table& table, const Column& column, const Given& given, Encoded& encoded) {
-    if (given.from == Given::From::Blob && takesNoBytes(column)) {
-        reject("a blob does not fit ", typeLabel(column));
-    }
-    switch (column.kind) {
+using Encode = void (*)(Table&, const Column&, const Given&, Encoded&);
+constexpr Encode encodeOf(Kind kind) {
+    switch (kind) {
         case Kind::Text:
-            return encodeText(table, column, given, encoded);
+            return encodeText;
         case Kind::Varchar:
         case Kind::Varbinary:
-            return encodeVariable(table, column, given, encoded);
+            return encodeVariable;
         case Kind::Decimal:
-            return encodeDecimal(column, given, encoded);
+            return encodeDecimal;
         case Kind::Integer:
-            return encodeInteger(table, column, given, encoded);
+            return encodeInteger;
         case Kind::Double:
-            return encodeDouble(table, column, given, encoded);
+            return encodeDouble;
         case Kind::Currency:
-            return encodeCurrency(column, given, encoded);
+            return encodeCurrency;
         case Kind::Date:
-            return encodeDate(table, column, given, encoded);
+            return encodeDate;
         case Kind::Moment:
-            return encodeMoment(table, column, given, encoded);
+            return encodeMoment;
         case Kind::Logical:
-            return encodeLogical(table, column, given, encoded);
+            return encodeLogical;
         case Kind::Memo:
         case Kind::Blob:
-            return encodeMemo(table, column, given, encoded);
+            return encodeMemo;
         case Kind::Bytes:
-            return encodeStored(table, column, given, encoded);
+            return encodeStored;
         case Kind::Calculated:
         case Kind::RecordNumber:
         case Kind::Deletion:
-            reject("is calculated, nothing can be stored in it");
+            return encodeNever;
     }
+    std::abort();  // not constant: a kind without a row does not compile
+}
+constexpr auto kEncode = tableOfKinds(encodeOf);
+
+void encodeSomething(Table& table, const Column& column, const Given& given, Encoded& encoded) {
+    if (given.from == Given::From::Blob && !kindRow(column.kind).has(kTakesBytes)) {
+        reject("a blob does not fit ", typeLabel(column));
+    }
+    kEncode[static_cast<std::size_t>(column.kind)](table, column, given, encoded);
 }
 
 void encodeNothing(Table& table, const Column& column, bool newRecord, Encoded& encoded) {
     encoded.isNull = column.mayBeNull();
-    if (hasNoBlank(column) && !encoded.isNull) {
+    if (kindRow(column.kind).has(kNoBlank) && !encoded.isNull) {
         if (!newRecord) reject(typeLabel(column), " cannot be blank; 0 is a value");
         return encodeSomething(table, column, Given::ofInteger(0), encoded);
     }
@@ -478,38 +461,20 @@ void encodeCounter(const Table& table, const Column& column, const Given& given,
     reject(quoted(given), " is not the next value, ", next);
 }
 
-/// Appends a memo of no bytes, which SetMemoBuf takes for none, and puts its reference into
-/// RecordBuffer; false when that cannot be done.
-bool putEmptyMemo(const Table& table, const Column& column) {
+/// Appends a memo, which may have no bytes, and puts its reference into RecordBuffer; false when
+/// that cannot be done.
+bool putMemo(const Table& table, const Column& column, const std::string& bytes) {
     DbfBase* const base = table.base.get();
     const File file(Open_File(base->MemoFileName));
-    if (!file || IsPackUnfinished(base) != 0) return false;
-    const auto set = table.memoFormat == MemoFormat::FoxPro   ? Set_FoxProBuf
-                     : table.memoFormat == MemoFormat::DBase4 ? Set_dBase4Buf
-                     : table.memoFormat == MemoFormat::Smt    ? Set_SMTBuf
-                                                              : Set_dBase3Buf;
+    const auto set = memoRow(table).set;
+    if (!file || set == nullptr || IsPackUnfinished(base) != 0) return false;
+    const auto length = static_cast<u32>(bytes.size());
     SetFilePointer(file.get(), 0, nullptr, SEEK_SET);  // a failure shows in the call that follows
     base->MemoFile = file.get();
-    const u32 block = set(base, "", 0);
+    const u32 block = set(base, bytes.data(), length);
     base->MemoFile = nullptr;
-    if (block == 0 || std::fflush(file.get()) != 0) return false;
-    std::string reference(column.length, '\0');
-    const auto bytes = bytesLe(block);
-    if (table.memoFormat == MemoFormat::Smt || column.length == bytes.size()) {
-        std::copy(bytes.begin(), bytes.end(), reference.end() - bytes.size());
-    } else {
-        const std::string digits = std::to_string(block);
-        if (digits.size() > reference.size()) return false;
-        reference = std::string(column.length - digits.size(), ' ') + digits;
-    }
-    reference.copy(reinterpret_cast<char*>(base->RecordBuffer) + column.offset, column.length);
-    return true;
-}
-
-bool putMemo(const Table& table, const Column& column, const std::string& bytes) {
-    if (bytes.empty()) return putEmptyMemo(table, column);
-    return SetMemoBuf(table.base.get(), static_cast<u32>(column.field), bytes.data(),
-                      static_cast<u32>(bytes.size())) != 0;
+    return block != 0 && std::fflush(file.get()) == 0 &&
+           setMemoReference(table, column, {true, block, length});
 }
 
 void setBit(const Table& table, i32 bit, bool value) {
@@ -553,10 +518,7 @@ std::string typeLabel(char type, u32 length, u32 decimals) {
 }
 
 std::string typeLabel(const Column& column) {
-    const bool sizes = column.kind == Kind::Text || column.kind == Kind::Varchar ||
-                       column.kind == Kind::Varbinary || column.kind == Kind::Decimal ||
-                       column.kind == Kind::Bytes;
-    return typeLabel(column.type, sizes ? column.length : 0,
+    return typeLabel(column.type, kindRow(column.kind).has(kSized) ? column.length : 0,
                      column.kind == Kind::Decimal ? column.decimals : 0);
 }
 

@@ -1,13 +1,10 @@
-// A memo comes from the library, from a file that stays open between memos. Those of dBase III are
-// read here: the library ends them at their first zero byte and after 65535 bytes. And where a memo
-// reaches the end of its file, its stored length is looked at again, for the library gives what the
-// file holds.
+// The library says where a memo lies, in a file that stays open between memos; its bytes are read
+// from there, as many as the file holds.
 #include "tables/value/memo.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 
@@ -20,115 +17,92 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr u32 kDBase3Unit = 512;
-constexpr char kMemoEnd = 0x1A;
-constexpr u32 kPrefix = 8;
-constexpr u32 kChunk = 16384;
+constexpr u32 kSmtReference = 10;  // bytes of it in a record
+constexpr u32 kSmtLengthPlace = 2, kSmtBlockPlace = 6;
 
-bool isDBase4Memo(const u8* prefix) { return loadLe<u32>(prefix) == 0x0008FFFF; }
+// Other makers of dBase IV and SMT memos may begin before byte 512.
+constexpr std::string_view kDBase4Mark("\xFF\xFF\x08\0", 4);
+constexpr std::string_view kFoxProMark("\0\0\0\1", 4);
+constexpr MemoRow kNoRow{.set = nullptr, .headerSize = 512};
+constexpr MemoRow kDBase3Row{
+    .set = Set_dBase3Buf, .headerSize = 512, .fixedUnit = 512, .hasEndMark = true};
+constexpr MemoRow kDBase4Row{
+    .set = Set_dBase4Buf, .headerSize = 24, .mark = kDBase4Mark, .counted = 8};
+constexpr MemoRow kFoxProRow{
+    .set = Set_FoxProBuf, .headerSize = 512, .bigEndian = true, .mark = kFoxProMark};
+constexpr MemoRow kSmtRow{.set = Set_SMTBuf, .headerSize = 16, .lengthInReference = true};
 
-/// The memo of a block in MemoFile, by the table's format; null when there is none.
-char* memoOfBlock(const Table& table, MemoReference reference, u32* length) {
+struct MemoSpan {
+    u64 first = 0, end = 0;  ///< as the memo says; the end may lie past that of the file
+    bool cut = false;        ///< it does
+};
+
+std::optional<MemoSpan> spanOf(const MemoReader& reader, const Table& table,
+                               MemoReference reference) {
     DbfBase* const base = table.base.get();
-    *length = reference.length;
-    switch (table.memoFormat) {
-        case MemoFormat::Smt:
-            return Get_SMTBuf(base, reference.block, length);
-        case MemoFormat::FoxPro:
-            return Get_FoxProBuf(base, reference.block, length);
-        case MemoFormat::DBase4:
-            return Get_dBase4Buf(base, reference.block, length);
-        default:
-            return nullptr;
-    }
+    MemoSpan span;
+    base->MemoFile = reader.file.get();
+    const int found = GetMemoSpan(base, reference.block, reference.length, &span.first, &span.end);
+    base->MemoFile = nullptr;
+    span.cut = found == 2;
+    return found != 0 ? std::optional(span) : std::nullopt;
 }
 
-/// Up to the first end byte, or the end of the file.
-MemoResult readDBase3(MemoReader& reader, u64 offset, std::string_view* bytes) {
-    if (offset >= reader.size) return MemoResult::Failed;
-    reader.text.clear();
-    while (true) {
-        const std::size_t used = reader.text.size();
-        reader.text.resize(used + kChunk);
-        const u32 got = readFileAt(reader.file.get(), static_cast<u32>(offset + used),
-                                   reader.text.data() + used, kChunk);
-        reader.text.resize(used + got);
-        const std::size_t end = reader.text.find(kMemoEnd, used);
-        if (end != std::string::npos) reader.text.resize(end);
-        if (end != std::string::npos || got < kChunk) break;
-    }
-    *bytes = reader.text;
-    return std::ferror(reader.file.get()) != 0 ? MemoResult::Failed : MemoResult::Found;
-}
-
-/// The place after the bytes of a memo whose length stands before them.
-std::optional<u64> prefixedEnd(MemoReader& reader, const Table& table, u64 offset) {
-    u8 prefix[kPrefix] = {};
-    const u32 got = readFileAt(reader.file.get(), static_cast<u32>(offset), prefix, sizeof prefix);
-    if (got != kPrefix) return std::nullopt;
-    if (table.memoFormat == MemoFormat::FoxPro) {
-        if ((prefix[0] | prefix[1] | prefix[2]) != 0) return std::nullopt;
-        return offset + kPrefix + loadBe32(prefix + 4);
-    }
-    const u32 length = loadLe<u32>(prefix + 4);
-    if (!isDBase4Memo(prefix) || length < kPrefix) return std::nullopt;
-    return offset + length;
-}
-
-/// The place after the first end byte; that of the file without one.
-u64 markedEnd(MemoReader& reader, u64 offset) {
-    char chunk[kChunk];
-    for (;; offset += kChunk) {
-        const u32 got = readFileAt(reader.file.get(), static_cast<u32>(offset), chunk, kChunk);
-        const std::size_t mark = std::string_view(chunk, got).find(kMemoEnd);
-        if (mark != std::string_view::npos) return offset + mark + 1;
-        if (got < kChunk) return reader.size;
-    }
-}
-
-bool isCut(MemoReader& reader, const Table& table, MemoReference reference, u64 got) {
-    if (table.memoFormat == MemoFormat::Smt) return got < reference.length;
-    const u64 offset = u64{reader.unit} * reference.block;
-    return offset + kPrefix + got >= reader.size &&
-           prefixedEnd(reader, table, offset).value_or(0) > offset + kPrefix + got;
+/// Whether a memo of dBase IV begins at a place.
+bool isDBase4Memo(const MemoReader& reader, u64 place) {
+    char start[kDBase4Mark.size()] = {};
+    readFileAt(reader.file.get(), static_cast<u32>(place), start, sizeof start);
+    return std::string_view(start, sizeof start) == kDBase4Mark;
 }
 
 }  // namespace
 
-bool holdsReference(const Column& column) {
-    if (column.type == 'M' || column.type == 'G') return true;
-    if (column.type == 'B') return column.length == 10;
-    return (column.type == 'W' || column.type == 'P') &&
-           (column.length == 4 || column.length == 10);
+const MemoRow& memoRow(const Table& table) {
+    switch (table.memoFormat) {
+        case MemoFormat::None:
+            return kNoRow;
+        case MemoFormat::DBase3:
+            return kDBase3Row;
+        case MemoFormat::DBase4:
+            return kDBase4Row;
+        case MemoFormat::FoxPro:
+            return kFoxProRow;
+        case MemoFormat::Smt:
+            return kSmtRow;
+    }
+    return kNoRow;
 }
 
+std::array<u8, 4> memoBytes(const Table& table, u32 number) {
+    auto bytes = bytesLe(number);
+    if (memoRow(table).bigEndian) std::reverse(bytes.begin(), bytes.end());
+    return bytes;
+}
+
+u32 memoNumber(const Table& table, const u8* bytes) {
+    return memoRow(table).bigEndian ? loadBe32(bytes) : loadLe<u32>(bytes);
+}
+
+bool holdsReference(const Column& column) { return column.stored == FieldClass::Memo; }
+
 MemoReference memoReference(const Table& table, const Column& column) {
-    const std::string_view stored = storedBytes(table, column);
-    if (table.memoFormat == MemoFormat::Smt) {
-        if (stored.size() < 10) return {false};
-        return {true, loadLe<u32>(stored.data() + 6), loadLe<u32>(stored.data() + 2)};
-    }
-    if (column.length == 4) return {true, GetInt(table.base.get(), column.field)};
-    constexpr std::string_view kPadding(" \0", 2);
-    const std::size_t first = stored.find_first_not_of(kPadding);
-    if (first == std::string_view::npos) return {};
-    const char* const end = stored.data() + stored.find_last_not_of(kPadding) + 1;
+    // The library reads as many bytes as a reference has, also past a shorter field.
+    if (memoRow(table).lengthInReference && column.length < kSmtReference) return {false};
     MemoReference reference;
-    const auto [next, error] = std::from_chars(stored.data() + first, end, reference.block);
-    reference.isReference = error == std::errc() && next == end;
-    return reference;
+    const int found =
+        GetMemoReference(table.base.get(), column.field, &reference.block, &reference.length);
+    return found != 0 || reference.block == 0 ? reference : MemoReference{false};
 }
 
 bool setMemoReference(const Table& table, const Column& column, MemoReference reference) {
     DbfBase* const base = table.base.get();
-    if (table.memoFormat == MemoFormat::Smt) {
-        constexpr u32 kLengthPlace = 2, kBlockPlace = 6, kSize = 10;
-        if (column.length < kSize) return false;
+    if (memoRow(table).lengthInReference) {
+        if (column.length < kSmtReference) return false;
         u8* const to = base->RecordBuffer + column.offset;
         const auto length = bytesLe(reference.length), block = bytesLe(reference.block);
-        std::fill_n(to, kLengthPlace, u8{0});
-        std::copy(length.begin(), length.end(), to + kLengthPlace);
-        std::copy(block.begin(), block.end(), to + kBlockPlace);
+        std::fill_n(to, kSmtLengthPlace, u8{0});
+        std::copy(length.begin(), length.end(), to + kSmtLengthPlace);
+        std::copy(block.begin(), block.end(), to + kSmtBlockPlace);
         return true;
     }
     if (column.length == 4) {
@@ -140,23 +114,18 @@ bool setMemoReference(const Table& table, const Column& column, MemoReference re
 }
 
 void encodeMemo(const Table& table, std::string_view bytes, std::string& image) {
-    const auto put = [&](std::array<u8, 4> number) { image.append(number.begin(), number.end()); };
-    const auto length = static_cast<u32>(bytes.size());
-    if (table.memoFormat == MemoFormat::DBase4) {
-        put(bytesLe(u32{0x0008FFFF}));
-        put(bytesLe(length + kPrefix));
-    } else if (table.memoFormat == MemoFormat::FoxPro) {
-        auto big = bytesLe(length);
-        std::reverse(big.begin(), big.end());
-        put({0, 0, 0, 1});
-        put(big);
+    const MemoRow& row = memoRow(table);
+    if (!row.mark.empty()) {
+        const auto length = memoBytes(table, static_cast<u32>(bytes.size()) + row.counted);
+        image.append(row.mark).append(length.begin(), length.end());
     }
     image.append(bytes);
-    if (table.memoFormat == MemoFormat::DBase3) image += kMemoEnd;
+    if (row.hasEndMark) image += kMemoEnd;
 }
 
 u32 memoUnit(const Table& table) {
-    return table.memoFormat == MemoFormat::DBase3 ? kDBase3Unit : GetBlockSize(table.base.get());
+    const u32 fixed = memoRow(table).fixedUnit;
+    return fixed != 0 ? fixed : GetBlockSize(table.base.get());
 }
 
 std::string memoFileFault(const Table& table) {
@@ -187,21 +156,11 @@ bool openMemos(MemoReader& reader, const Table& table) {
 }
 
 std::optional<u64> memoEnd(MemoReader& reader, const Table& table, MemoReference reference) {
-    const u64 offset = u64{reader.unit} * reference.block;
-    u8 start[4] = {};
-    switch (table.memoFormat) {
-        case MemoFormat::DBase3:
-            readFileAt(reader.file.get(), static_cast<u32>(offset), start, sizeof start);
-            if (isDBase4Memo(start)) return std::nullopt;
-            return markedEnd(reader, offset);
-        case MemoFormat::DBase4:
-        case MemoFormat::FoxPro:
-            return prefixedEnd(reader, table, offset);
-        case MemoFormat::Smt:
-            return offset + reference.length;
-        default:
-            return std::nullopt;
-    }
+    const std::optional<MemoSpan> span = spanOf(reader, table, reference);
+    if (!span) return std::nullopt;
+    if (!memoRow(table).hasEndMark) return span->end;
+    if (isDBase4Memo(reader, span->first)) return std::nullopt;
+    return std::min(span->end + 1, reader.size);  // the end mark
 }
 
 MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column,
@@ -211,17 +170,19 @@ MemoResult readMemo(MemoReader& reader, const Table& table, const Column& column
     if (!reference.isReference) return MemoResult::Failed;
     if (reference.block == 0 && reference.length == 0) return MemoResult::None;
     if (!openMemos(reader, table)) return MemoResult::Failed;
-    if (table.memoFormat == MemoFormat::DBase3) {
-        return readDBase3(reader, u64{reader.unit} * reference.block, bytes);
+    const std::optional<MemoSpan> span = spanOf(reader, table, reference);
+    if (!span) return MemoResult::Failed;
+    u64 end = span->end;
+    if (span->cut) {
+        const u64 size = SetFilePointer(reader.file.get(), 0, nullptr, SEEK_END);
+        end = std::clamp(size, span->first, span->end);
     }
-    u32 length = 0;
-    SetFilePointer(reader.file.get(), 0, nullptr, SEEK_SET);  // a failure shows in the next read
-    table.base->MemoFile = reader.file.get();
-    reader.memory.reset(memoOfBlock(table, reference, &length));
-    table.base->MemoFile = nullptr;
-    if (!reader.memory) return MemoResult::Failed;
-    *bytes = {reader.memory.get(), length};
-    return isCut(reader, table, reference, length) ? MemoResult::Cut : MemoResult::Found;
+    reader.text.resize(static_cast<std::size_t>(end - span->first));
+    const u32 got = readFileAt(reader.file.get(), static_cast<u32>(span->first), reader.text.data(),
+                               static_cast<u32>(reader.text.size()));
+    if (got != reader.text.size()) return MemoResult::Failed;
+    *bytes = reader.text;
+    return span->cut ? MemoResult::Cut : MemoResult::Found;
 }
 
 }  // namespace mira::tables

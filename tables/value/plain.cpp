@@ -45,7 +45,11 @@ void putPlain(std::string& out, const Value& value) {
         case ValueKind::Bytes:
             out += "base64:";
             return putBase64(out, value.text);
-        default:
+        case ValueKind::Text:
+        case ValueKind::Digits:
+        case ValueKind::Currency:
+        case ValueKind::Date:
+        case ValueKind::Moment:
             out += value.text;
     }
 }

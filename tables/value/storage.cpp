@@ -104,26 +104,9 @@ bool mayBeRounded(const Column& column) {
 
 Storage declaredStorage(const Column& column) {
     if (column.exactText) return Storage::Text;
-    switch (column.kind) {
-        case Kind::Decimal:
-            return column.decimals == 0 ? Storage::Integer : Storage::Real;
-        case Kind::Integer:
-        case Kind::Logical:
-        case Kind::RecordNumber:
-        case Kind::Deletion:
-            return Storage::Integer;
-        case Kind::Double:
-        case Kind::Currency:
-            return Storage::Real;
-        case Kind::Varbinary:
-        case Kind::Blob:
-        case Kind::Bytes:
-            return Storage::Blob;
-        case Kind::Calculated:
-            return column.numeric ? Storage::Real : Storage::Text;
-        default:
-            return Storage::Text;
-    }
+    const bool whole = column.kind == Kind::Decimal && column.decimals == 0;
+    if (whole) return Storage::Integer;
+    return column.numeric ? Storage::Real : kindRow(column.kind).storage;
 }
 
 const char* storageName(Storage storage) {

@@ -17,8 +17,6 @@
 
 namespace mira::tables {
 
-enum class Storage : u8 { Null, Integer, Real, Text, Blob };
-
 /// A value of one storage class; bytes last as long as those of the value it was made from.
 struct Stored {
     Storage storage = Storage::Null;

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 
@@ -16,16 +17,12 @@ namespace mira::tables {
 namespace {
 
 constexpr std::size_t kRecordSize = 65535;  // of RecordBuffer
-constexpr i64 kUnixDay = 2440588;           // day number of 1970-01-01
-constexpr i64 kFirstDay = 1721060;          // 0000-01-01
-constexpr i64 kLastDay = 5373484;           // 9999-12-31
-constexpr i64 kDayBeforeYear1 = 1721425;
-constexpr i64 kDayMilliseconds = 86400000;
 
 bool isPadding(char c) { return c == ' ' || c == '\0'; }
 bool isAll(std::string_view bytes, char c) {
     return bytes.find_first_not_of(c) == std::string_view::npos;
 }
+DbfBase* baseOf(const CellReader& reader) { return reader.table->base.get(); }
 
 std::string_view withoutPadding(std::string_view text) {
     const char* first = text.data();
@@ -33,15 +30,6 @@ std::string_view withoutPadding(std::string_view text) {
     while (last != first && isPadding(last[-1])) --last;
     while (first != last && isPadding(*first)) ++first;
     return {first, static_cast<std::size_t>(last - first)};
-}
-
-/// The first count bytes at the field's place, zeros beyond the end of the buffer.
-template <std::size_t count>
-std::array<u8, count> prefixOf(const Table& table, const Column& column) {
-    std::array<u8, count> bytes{};
-    const std::size_t left = kRecordSize - std::min<std::size_t>(column.offset, kRecordSize);
-    std::memcpy(bytes.data(), table.base->RecordBuffer + column.offset, std::min(count, left));
-    return bytes;
 }
 
 bool bitOf(const Table& table, i32 bit) {
@@ -85,8 +73,8 @@ void giveUntranslated(Value& value, std::string_view bytes, std::string_view tex
     value.text = text;
 }
 
-void giveCharacters(CellReader& reader, const Column& column, Value& value,
-                    std::string_view bytes) {
+void giveCharacters(CellReader& reader, const Column& column, Value& value) {
+    const std::string_view bytes = storedBytes(*reader.table, column);
     const bool raw = reader.table->options.raw;
     if (column.untranslated) {
         return giveUntranslated(value, bytes, raw ? bytes : withoutBlanks(bytes));
@@ -96,17 +84,18 @@ void giveCharacters(CellReader& reader, const Column& column, Value& value,
 }
 
 void giveVarchar(CellReader& reader, const Column& column, Value& value) {
-    const Table& table = *reader.table;
-    if (column.lengthBit == kNoBit) {
-        return giveCharacters(reader, column, value, storedBytes(table, column));
-    }
-    const std::string_view bytes = variableBytes(table, column, &value.fault);
+    if (column.lengthBit == kNoBit) return giveCharacters(reader, column, value);
+    const std::string_view bytes = variableBytes(*reader.table, column, &value.fault);
     if (column.untranslated) return giveUntranslated(value, bytes, bytes);
     giveText(reader, value, bytes);
 }
 
-void giveVarbinary(const Table& table, const Column& column, Value& value) {
-    giveBytes(value, variableBytes(table, column, &value.fault));
+void giveVarbinary(CellReader& reader, const Column& column, Value& value) {
+    giveBytes(value, variableBytes(*reader.table, column, &value.fault));
+}
+
+void giveStored(CellReader& reader, const Column& column, Value& value) {
+    giveBytes(value, storedBytes(*reader.table, column));
 }
 
 // --------------------------------------------------------------------------------------------
@@ -178,8 +167,8 @@ void giveDigits(Value& value, std::string_view digits) {
     value.text = digits;
 }
 
-void giveDecimal(const Table& table, const Column& column, Value& value) {
-    const std::string_view digits = withoutPadding(storedBytes(table, column));
+void giveDecimal(CellReader& reader, const Column& column, Value& value) {
+    const std::string_view digits = withoutPadding(storedBytes(*reader.table, column));
     // Some programs leave the point of a blank number.
     if (!digits.empty() && digits != ".") giveDigits(value, digits);
 }
@@ -189,25 +178,24 @@ void giveInteger(Value& value, i64 integer) {
     value.integer = integer;
 }
 
-void giveReal(Value& value, double real) {
-    if (!std::isfinite(real)) {
-        value.fault = Fault::NoNumber;
-        return;
-    }
-    value.kind = ValueKind::Real;
-    value.real = real;
+void giveInteger(CellReader& reader, const Column& column, Value& value) {
+    giveInteger(value, static_cast<i32>(GetInt(baseOf(reader), column.field)));
 }
 
-void giveDouble(const Table& table, const Column& column, Value& value) {
-    DbfBase* const base = table.base.get();
-    giveReal(value, column.type == 'O' ? GetInvertedDouble(base, column.field)
-                                       : GetDouble(base, column.field));
+void giveDouble(CellReader& reader, const Column& column, Value& value) {
+    value.real = column.type == 'O' ? GetInvertedDouble(baseOf(reader), column.field)
+                                    : GetDouble(baseOf(reader), column.field);
+    if (std::isfinite(value.real)) {
+        value.kind = ValueKind::Real;
+    } else {
+        value.fault = Fault::NoNumber;
+    }
 }
 
 void giveCurrency(CellReader& reader, const Column& column, Value& value) {
     constexpr u64 kScale = 10000;
     value.kind = ValueKind::Currency;
-    value.integer = loadLe<i64>(prefixOf<8>(*reader.table, column).data());
+    GetCurrencyUnits(baseOf(reader), column.field, &value.integer);
     const bool negative = value.integer < 0;
     const auto bits = static_cast<u64>(value.integer);
     const u64 size = negative ? 0 - bits : bits;
@@ -224,21 +212,13 @@ void giveCurrency(CellReader& reader, const Column& column, Value& value) {
 // Dates, moments, logicals
 // --------------------------------------------------------------------------------------------
 
-int twoDigits(const char* at) { return (at[0] - '0') * 10 + (at[1] - '0'); }
-
-/// Digits yyyymmdd to "yyyy-mm-dd"; false when they are no day.
-bool putDate(char* to, const char* digits) {
-    using namespace std::chrono;
-    const auto at = [&](int i) { return twoDigits(digits + i); };
-    const year_month_day date{year{at(0) * 100 + at(2)}, month{static_cast<unsigned>(at(4))},
-                              day{static_cast<unsigned>(at(6))}};
-    if (!date.ok()) return false;
+/// Digits yyyymmdd as "yyyy-mm-dd".
+void putDate(char* to, const char* digits) {
     std::memcpy(to, digits, 4);
     to[4] = '-';
     std::memcpy(to + 5, digits + 4, 2);
     to[7] = '-';
     std::memcpy(to + 8, digits + 6, 2);
-    return true;
 }
 
 /// Blank, zeros included; else bad.
@@ -247,13 +227,24 @@ void giveNoDate(Value& value, std::string_view stored) {
     if (stored.find_first_not_of(kNothing) != std::string_view::npos) value.fault = Fault::NoDate;
 }
 
+int twoDigits(const char* at) { return (at[0] - '0') * 10 + (at[1] - '0'); }
+
+bool isDate(const char* digits) {
+    std::tm date{};
+    date.tm_year = twoDigits(digits) * 100 + twoDigits(digits + 2);
+    date.tm_mon = twoDigits(digits + 4) - 1;
+    date.tm_mday = twoDigits(digits + 6);
+    return mymktime(&date) == 0;
+}
+
 void giveDate(CellReader& reader, const Column& column, Value& value) {
     constexpr std::size_t kDigits = 8;
     std::string_view stored = storedBytes(*reader.table, column);
     if (stored.size() != kDigits) stored = withoutPadding(stored);
-    if (stored.size() != kDigits || !areDigits(stored) || !putDate(reader.digits, stored.data())) {
+    if (stored.size() != kDigits || !areDigits(stored) || !isDate(stored.data())) {
         return giveNoDate(value, stored);
     }
+    putDate(reader.digits, stored.data());
     value.kind = ValueKind::Date;
     value.text = {reader.digits, 10};
 }
@@ -263,15 +254,14 @@ void putTwo(char* to, unsigned number) {
     to[1] = static_cast<char>('0' + number % 10);
 }
 
-/// "yyyy-mm-dd hh:mm:ss", ".sss" after it when not zero; false when there is no such moment.
-bool putMoment(CellReader& reader, i64 day, i64 milliseconds, Value& value) {
-    if (day < kFirstDay || day > kLastDay) return false;
-    if (milliseconds < 0 || milliseconds >= kDayMilliseconds) return false;
+/// "yyyy-mm-dd hh:mm:ss", ".sss" after it when not zero.
+void giveMoment(CellReader& reader, i32 day, i32 milliseconds, Value& value) {
+    constexpr i32 kDayOf1970 = 2440588;
     const std::chrono::year_month_day date{
-        std::chrono::sys_days{std::chrono::days{day - kUnixDay}}};
+        std::chrono::sys_days{std::chrono::days{day - kDayOf1970}}};
     const auto year = static_cast<unsigned>(static_cast<int>(date.year()));
-    const auto seconds = static_cast<unsigned>(milliseconds / 1000);
-    const auto rest = static_cast<unsigned>(milliseconds % 1000);
+    const auto seconds = static_cast<unsigned>(milliseconds) / 1000;
+    const auto rest = static_cast<unsigned>(milliseconds) % 1000;
     char* const to = reader.digits;
     std::memcpy(to, "0000-00-00 00:00:00.000", 23);
     putTwo(to, year / 100);
@@ -285,51 +275,23 @@ bool putMoment(CellReader& reader, i64 day, i64 milliseconds, Value& value) {
     putTwo(to + 21, rest % 100);
     value.kind = ValueKind::Moment;
     value.text = {to, rest != 0 ? 23U : 19U};
-    return true;
-}
-
-bool putMomentDigits(CellReader& reader, std::string_view stored, Value& value) {
-    constexpr std::size_t kDigits = 14;
-    if (stored.size() != kDigits || !areDigits(stored)) return false;
-    const char* const at = stored.data();
-    char* const to = reader.digits;
-    if (twoDigits(at + 8) > 23 || twoDigits(at + 10) > 59 || twoDigits(at + 12) > 59) return false;
-    if (!putDate(to, at)) return false;
-    std::memcpy(to + 10, " 00:00:00", 9);
-    for (std::size_t i = 0; i < 3; ++i) std::memcpy(to + 11 + 3 * i, at + 8 + 2 * i, 2);
-    value.kind = ValueKind::Moment;
-    value.text = {to, 19};
-    return true;
 }
 
 void giveMoment(CellReader& reader, const Column& column, Value& value) {
-    const Table& table = *reader.table;
-    if (column.length != 8) {
-        const std::string_view stored = withoutPadding(storedBytes(table, column));
-        if (!putMomentDigits(reader, stored, value)) giveNoDate(value, stored);
-        return;
+    i32 day = 0, milliseconds = 0;
+    if (GetMoment(baseOf(reader), column.field, &day, &milliseconds) != 0) {
+        return giveMoment(reader, day, milliseconds, value);
     }
-    const std::array<u8, 8> bytes = prefixOf<8>(table, column);
-    i64 day = loadLe<i32>(bytes.data());
-    i64 milliseconds = loadLe<i32>(bytes.data() + 4);
-    if (column.foreignMoment) {
-        const double stored = loadBeDouble(bytes.data());
-        constexpr auto kEnd =
-            static_cast<double>((kLastDay - kDayBeforeYear1 + 1) * kDayMilliseconds);
-        const i64 whole = stored >= 0 && stored < kEnd ? static_cast<i64>(stored) : -1;
-        day = whole < kDayMilliseconds ? 0 : kDayBeforeYear1 + whole / kDayMilliseconds;
-        milliseconds = whole % kDayMilliseconds;
-    }
-    if (putMoment(reader, day, milliseconds, value)) return;
-    const std::string_view stored = storedBytes(table, column);
+    const std::string_view stored = storedBytes(*reader.table, column);
+    if (column.length != 8) return giveNoDate(value, withoutPadding(stored));
     if (!isAll(stored, '\0') && !isAll(stored, ' ')) value.fault = Fault::NoDate;
 }
 
-void giveLogical(const Table& table, const Column& column, Value& value) {
+void giveLogical(CellReader& reader, const Column& column, Value& value) {
     constexpr std::string_view kTrue = "TtYy";
     constexpr std::string_view kFalse = "FfNn";
     constexpr std::string_view kOpen(" ?\0", 3);
-    const std::string_view stored = storedBytes(table, column);
+    const std::string_view stored = storedBytes(*reader.table, column);
     const char letter = stored.empty() ? ' ' : stored[0];
     if (kTrue.find(letter) != std::string_view::npos) {
         giveInteger(value, 1);
@@ -343,10 +305,58 @@ void giveLogical(const Table& table, const Column& column, Value& value) {
 }
 
 void giveCalculated(CellReader& reader, const Column& column, Value& value) {
-    const char* const text = GetCalcStringI(reader.table->base.get(), column.field);
+    const char* const text = GetCalcStringI(baseOf(reader), column.field);
     if (text != nullptr && !column.numeric) return giveText(reader, value, withoutBlanks(text));
     giveDigits(value, text != nullptr ? trimmed(text) : "");
 }
+
+void giveRecordNumber(CellReader& reader, const Column& /*column*/, Value& value) {
+    giveInteger(value, i64{reader.record} + 1);
+}
+
+void giveDeletion(CellReader& reader, const Column& /*column*/, Value& value) {
+    giveInteger(value, isDeleted(*reader.table) ? 1 : 0);
+    value.kind = ValueKind::Logical;
+}
+
+using Give = void (*)(CellReader&, const Column&, Value&);
+constexpr Give giveOf(Kind kind) {
+    switch (kind) {
+        case Kind::Text:
+            return giveCharacters;
+        case Kind::Varchar:
+            return giveVarchar;
+        case Kind::Varbinary:
+            return giveVarbinary;
+        case Kind::Decimal:
+            return giveDecimal;
+        case Kind::Integer:
+            return giveInteger;
+        case Kind::Double:
+            return giveDouble;
+        case Kind::Currency:
+            return giveCurrency;
+        case Kind::Date:
+            return giveDate;
+        case Kind::Moment:
+            return giveMoment;
+        case Kind::Logical:
+            return giveLogical;
+        case Kind::Memo:
+        case Kind::Blob:
+            return giveMemo;
+        case Kind::Bytes:
+            return giveStored;
+        case Kind::Calculated:
+            return giveCalculated;
+        case Kind::RecordNumber:
+            return giveRecordNumber;
+        case Kind::Deletion:
+            return giveDeletion;
+    }
+    std::abort();  // not constant: a kind without a row does not compile
+}
+constexpr auto kGive = tableOfKinds(giveOf);
 
 }  // namespace
 
@@ -375,49 +385,14 @@ bool isNull(const Table& table, const Column& column) {
 }
 
 void readCell(CellReader& reader, const Column& column, Value& value) {
-    const Table& table = *reader.table;
     value.kind = ValueKind::Blank;
     value.fault = Fault::None;
     value.text = {};
-    if (isNull(table, column)) {
+    if (isNull(*reader.table, column)) {
         value.kind = ValueKind::Null;
         return;
     }
-    switch (column.kind) {
-        case Kind::Text:
-            return giveCharacters(reader, column, value, storedBytes(table, column));
-        case Kind::Varchar:
-            return giveVarchar(reader, column, value);
-        case Kind::Varbinary:
-            return giveVarbinary(table, column, value);
-        case Kind::Decimal:
-            return giveDecimal(table, column, value);
-        case Kind::Integer:
-            return giveInteger(value, static_cast<i32>(GetInt(table.base.get(), column.field)));
-        case Kind::Double:
-            return giveDouble(table, column, value);
-        case Kind::Currency:
-            return giveCurrency(reader, column, value);
-        case Kind::Date:
-            return giveDate(reader, column, value);
-        case Kind::Moment:
-            return giveMoment(reader, column, value);
-        case Kind::Logical:
-            return giveLogical(table, column, value);
-        case Kind::Memo:
-        case Kind::Blob:
-            return giveMemo(reader, column, value);
-        case Kind::Bytes:
-            return giveBytes(value, storedBytes(table, column));
-        case Kind::Calculated:
-            return giveCalculated(reader, column, value);
-        case Kind::RecordNumber:
-            return giveInteger(value, i64{reader.record} + 1);
-        case Kind::Deletion:
-            giveInteger(value, isDeleted(table) ? 1 : 0);
-            value.kind = ValueKind::Logical;
-            return;
-    }
+    kGive[static_cast<std::size_t>(column.kind)](reader, column, value);
 }
 
 bool isNumber(std::string_view text) {

@@ -23,6 +23,14 @@ def main():
     mira, source = sys.argv[1], pathlib.Path(sys.argv[2])
     commands = re.findall(r"^  ([a-z]+) {2,}", run(mira, "--help").split("ommands:")[1], re.M)
     assert len(commands) > 10, commands
+    # Every command and every writer of a format that there is stands in its table, too.
+    formats = (source / "tool/rows/formats.cpp").read_text()
+    for path in (source / "tool/rows").glob("*.cpp"):
+        for writer in re.findall(r"^std::unique_ptr<RowWriter> (\w+)", path.read_text(), re.M):
+            assert formats.count(writer) > 0, writer
+    written = {name for path in (source / "tool").rglob("*.cpp")
+               for name in re.findall(r'newCommand\(\s*program, job, "([a-z]+)"', path.read_text())}
+    assert written <= set(commands), written - set(commands)
     known = {command: set(OPTION.findall(run(mira, command, "--help").split("Options:")[1]))
              for command in commands}
     every = set().union(*known.values()) | COMMON

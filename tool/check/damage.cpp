@@ -125,20 +125,8 @@ bool mayLackLetters(const CodePage& page) {
 
 /// Whether some bytes are no value of the column. Memos are looked at one by one later.
 bool canFail(const Table& table, const Column& column) {
-    switch (column.kind) {
-        case Kind::Text:
-            return !column.untranslated && mayLackLetters(*table.page.page);
-        case Kind::Varchar:
-        case Kind::Varbinary:
-        case Kind::Decimal:
-        case Kind::Double:
-        case Kind::Date:
-        case Kind::Moment:
-        case Kind::Logical:
-            return true;
-        default:
-            return false;
-    }
+    if (column.kind == Kind::Text) return !column.untranslated && mayLackLetters(*table.page.page);
+    return kindRow(column.kind).has(kMayFail);
 }
 
 std::string faultText(const Table& table, const Column& column, Fault fault) {

@@ -16,14 +16,6 @@ constexpr u32 kRecordBits = 33;
 constexpr u64 kRecordMask = (u64{1} << kRecordBits) - 1;
 constexpr u64 kLastPlace = 0x7FFFFFFF;  // of a memo file
 constexpr u32 kHeader = 512;
-constexpr char kMemoEnd = 0x1A;
-
-/// Bytes of the memo file that are header for certain. Other makers of dBase IV and SMT memos may
-/// begin before byte 512.
-u32 headerBytes(const Table& table) {
-    if (table.memoFormat == MemoFormat::DBase4) return 24;
-    return table.memoFormat == MemoFormat::Smt ? 16 : kHeader;
-}
 
 /// Where memos begin.
 u32 firstPlace(u32 unit) { return unit > kHeader ? unit : kHeader / unit * unit; }
@@ -34,7 +26,7 @@ std::string wrongPlace(const MemoReader& memos, const Table& table, u32 block) {
     if (offset >= memos.size || offset > kLastPlace) {
         return fmt::format("refers to block {}, past the end of the memo file", block);
     }
-    const u32 header = std::min(headerBytes(table), firstPlace(memos.unit));
+    const u32 header = std::min(memoRow(table).headerSize, firstPlace(memos.unit));
     if (offset >= header) return "";
     return fmt::format("refers to block {}, in the header of the memo file", block);
 }
@@ -147,7 +139,7 @@ void checkOwnMemo(Walk& walk, u64 place, u64 limit) {
                                             "the memo file",
                                             end - walk.memos().size));
     }
-    if (walk.table().memoFormat == MemoFormat::DBase3 && goesOn(walk, offset, end, limit)) {
+    if (memoRow(walk.table()).hasEndMark && goesOn(walk, offset, end, limit)) {
         walk.find(place, "the memo goes on after its end mark");
         end = limit;
     }

@@ -2,7 +2,7 @@
 // come by their extension; fields are asked of the first table of the line.
 #include <algorithm>
 
-#include "command/commands.h"
+#include "command/command.h"
 #include "tables.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"

@@ -1,7 +1,7 @@
 // mira help: what --help of a command prints.
 #include <iostream>
 
-#include "command/commands.h"
+#include "command/command.h"
 #include "tables/page/refusal.h"
 
 namespace mira::tool {

@@ -1,5 +1,10 @@
-// The parser takes a line at a time, so that a row's line is known; a quoted cell may reach over
-// several.
+// A row lies in the buffer as a whole, and its cells are views into it. What stands for a quote or
+// a control character is made one in place.
+//
+//   row     cell { delimiter cell } ( CR LF | LF | CR | end of the file )
+//   cell    { any byte but delimiter, CR, LF } | '"' { any byte but '"' | '""' } '"'
+//
+// Blanks around a cell belong to it. A quote in a cell that does not begin with one is a quote.
 #include "input/csvreader.h"
 
 #include <algorithm>
@@ -8,15 +13,14 @@
 
 #include "rows/output.h"
 #include "tables/page/refusal.h"
+#include "tables/page/utf8.h"
 
 namespace mira::tool {
 namespace {
 
 constexpr std::size_t kChunk = 1 << 16;
-constexpr unsigned char kLenient = CSV_EMPTY_IS_NULL;
 constexpr std::string_view kMark = "\xEF\xBB\xBF";
-
-int noSpace(unsigned char) { return 0; }
+constexpr int kEnd = -1;  // behind the last byte of the file
 
 [[noreturn]] void fail(const std::string& name) { refuse(name, ": ", std::strerror(errno)); }
 
@@ -33,12 +37,13 @@ File seekable(File from, const std::string& name) {
     return kept;
 }
 
-/// The first CR or LF from a place on.
-std::size_t lineEnd(std::string_view text, std::size_t from) {
-    const std::size_t feed = text.find('\n', from);
-    const std::size_t length = feed == std::string_view::npos ? feed : feed - from;
-    const std::size_t back = text.substr(from, length).find('\r');
-    return back == std::string_view::npos ? feed : from + back;
+/// LF, CR, or both as one.
+u64 lineEndsIn(std::string_view text) {
+    auto count = std::count(text.begin(), text.end(), '\n');
+    for (std::size_t at = text.find('\r'); at != std::string_view::npos; at = text.find('\r', at)) {
+        if (++at == text.size() || text[at] != '\n') ++count;
+    }
+    return static_cast<u64>(count);
 }
 
 char unescaped(char c) { return c == 't' ? '\t' : c == 'n' ? '\n' : c == 'r' ? '\r' : c; }
@@ -53,29 +58,22 @@ CsvReader::CsvReader(const std::string& name, const CsvOptions& options)
         page_ = openPage(options.codePage);
         if (!page_) refuse("--csv-code-page ", options.codePage, ": no such code page");
     }
-    if (csv_init(&parser_, kLenient) != 0) throw std::bad_alloc();
-    csv_set_space_func(&parser_, noSpace);  // blanks around a cell belong to it
-    csv_set_blk_size(&parser_, kChunk);
     rewind(options.delimiter);
 }
 
-CsvReader::~CsvReader() { csv_free(&parser_); }
-
 void CsvReader::rewind() {
     if (std::fseek(file_.get(), 0, SEEK_SET) != 0) fail(name_);
-    csv_fini(&parser_, nullptr, nullptr, nullptr);  // what was begun is given up
-    begin_ = end_ = 0;
+    begin_ = end_ = used_ = 0;
     line_ = 0;
-    fileEnded_ = finished_ = rowOpen_ = rowDone_ = false;
-    cells_.clear();
-    spans_.clear();
+    fileEnded_ = false;
     fill();
-    const std::string_view start(buffer_.data() + begin_, end_ - begin_);
-    if (start.starts_with(kMark)) begin_ += kMark.size();
+    const std::string_view start(buffer_.data(), end_);
+    if (start.starts_with(kMark)) begin_ = kMark.size();
 }
 
 void CsvReader::rewind(char delimiter) {
-    csv_set_delim(&parser_, static_cast<unsigned char>(delimiter));
+    ends_ = {};
+    for (const char c : {delimiter, '\r', '\n'}) ends_[static_cast<u8>(c)] = true;
     columns_ = 0;
     rewind();
 }
@@ -91,7 +89,7 @@ u64 CsvReader::countLines() {
     return lines;
 }
 
-/// Reads more after what is not parsed yet; false at the end of the file.
+/// Reads more; false at the end of the file. The row moves to the front of the buffer.
 bool CsvReader::fill() {
     if (fileEnded_) return false;
     if (begin_ != 0) std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
@@ -106,102 +104,105 @@ bool CsvReader::fill() {
     return got != 0;
 }
 
-void CsvReader::takeCell(void* text, std::size_t length, void* reader) {
-    auto* const self = static_cast<CsvReader*>(reader);
-    const std::size_t start = self->cells_.size();
-    if (text != nullptr) self->cells_.append(static_cast<const char*>(text), length);
-    self->spans_.push_back({start, text != nullptr ? length : 0, text != nullptr});
-}
-
-void CsvReader::takeRow(int /*end*/, void* reader) {
-    static_cast<CsvReader*>(reader)->rowDone_ = true;
-}
-
-void CsvReader::parseTsv(std::string_view line) {
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
-    std::size_t start = cells_.size();
-    for (std::size_t i = 0; i <= line.size(); ++i) {
-        if (i == line.size() || line[i] == options_.delimiter) {
-            spans_.push_back({start, cells_.size() - start, false});
-            start = cells_.size();
-        } else if (line[i] == '\\' && i + 1 < line.size()) {
-            cells_ += unescaped(line[++i]);
-        } else {
-            cells_ += line[i];
-        }
+/// The byte at a place of the row, or kEnd.
+int CsvReader::byteAt(std::size_t at) {
+    while (begin_ + at >= end_) {
+        if (!fill()) return kEnd;
     }
-    rowDone_ = true;
+    return static_cast<u8>(buffer_[begin_ + at]);
 }
 
-/// The next line with its end; empty when there is none.
-std::string_view CsvReader::takeLine() {
-    std::size_t searched = 0;
-    std::size_t length = 0;
-    while (length == 0) {
-        const std::string_view text(buffer_.data() + begin_, end_ - begin_);
-        const std::size_t at = lineEnd(text, searched);
-        const bool found = at != std::string_view::npos;
-        // A CR at the very end may be half of a line end.
-        const bool cut = found && text[at] == '\r' && at + 1 == text.size();
-        if (found && (!cut || fileEnded_)) {
-            length = at + (text.substr(at).starts_with("\r\n") ? 2 : 1);
-        } else if (fileEnded_) {
-            length = text.size();
-            if (length == 0) return {};
-        } else {
-            searched = cut ? at : text.size();
-            fill();
-        }
-    }
-    begin_ += length;
-    ++line_;
-    return {buffer_.data() + begin_ - length, length};
-}
-
-/// A lone quote in a cell without quotes is a quote. In a cell with quotes it is refused: taken as
-/// one, it would draw the lines up to the next quote into the cell.
-void CsvReader::parseQuoted(std::string_view line) {
+/// The place of the byte that ends a cell without quotes.
+std::size_t CsvReader::findEnd(std::size_t from) {
     while (true) {
-        line.remove_prefix(csv_parse(&parser_, line.data(), line.size(), takeCell, takeRow, this));
-        if (line.empty()) return;
-        const int error = csv_error(&parser_);
-        if (error != CSV_EPARSE) refuse(name_, ": line ", line_, ": ", csv_strerror(error));
-        if (parser_.quoted != 0) {
-            refuse(name_, ": line ", line_, ": a quote inside a quoted text must be doubled");
+        for (std::size_t at = begin_ + from; at < end_; ++at) {
+            if (ends_[static_cast<u8>(buffer_[at])]) return at - begin_;
         }
-        csv_set_opts(&parser_, kLenient);
-        csv_parse(&parser_, line.data(), 1, takeCell, takeRow, this);
-        csv_set_opts(&parser_, kLenient | CSV_STRICT);
-        line.remove_prefix(1);
+        from = end_ - begin_;
+        if (!fill()) return from;
     }
 }
 
-/// Parses the next line; false when there is none.
-bool CsvReader::parseLine() {
-    const std::string_view line = takeLine();
-    if (line.empty()) return false;
-    if (!rowOpen_) rowLine_ = line_;
-    const bool empty = line[0] == '\n' || line[0] == '\r';
-    if (options_.tsv) {
-        if (!empty || columns_ == 1) parseTsv(line);
-        return true;
+std::size_t CsvReader::findQuote(std::size_t from) {
+    while (true) {
+        const std::string_view text(buffer_.data(), end_);
+        const std::size_t at = text.find('"', begin_ + from);
+        if (at != std::string_view::npos) return at - begin_;
+        from = end_ - begin_;
+        if (!fill()) refuse(name_, ": line ", rowLine_, ": a quoted text does not end");
     }
-    // A row of one empty cell is an empty line, which the parser passes over.
-    if (empty && !rowOpen_ && columns_ == 1) {
-        takeCell(nullptr, 0, this);
-        rowDone_ = true;
-        return true;
+}
+
+/// Moves bytes of the row down; returns the place after them.
+std::size_t CsvReader::moveTo(std::size_t to, std::size_t from, std::size_t end) {
+    char* const row = buffer_.data() + begin_;
+    if (to != from) std::memmove(row + to, row + from, end - from);
+    return to + end - from;
+}
+
+/// A lone quote is refused: taken as one, it would draw the lines up to the next quote into the
+/// cell.
+void CsvReader::takeQuoted() {
+    const std::size_t start = used_ + 1;
+    std::size_t length = 0;
+    std::size_t from = start;
+    while (true) {
+        const std::size_t quote = findQuote(from);
+        line_ += lineEndsIn({buffer_.data() + begin_ + from, quote - from});
+        length = moveTo(start + length, from, quote) - start;
+        from = quote + 1;
+        if (byteAt(from) != '"') break;
+        buffer_[begin_ + start + length++] = '"';
+        ++from;
     }
-    parseQuoted(line);
-    rowOpen_ = !rowDone_ && !(empty && spans_.empty() && !rowOpen_);
-    return true;
+    const int after = byteAt(from);
+    if (after != kEnd && !ends_[static_cast<u8>(after)]) {
+        refuse(name_, ": line ", line_, ": a quote inside a quoted text must be doubled");
+    }
+    spans_.push_back({start, length, true});
+    used_ = from;
+}
+
+/// TSV: \t, \n, \r and \\ stand for what they mean.
+void CsvReader::takeEscaped() {
+    const std::size_t start = used_;
+    used_ = findEnd(start);
+    char* const row = buffer_.data() + begin_;
+    std::size_t to = start;
+    for (std::size_t at = start; at < used_; ++at) {
+        const bool escape = row[at] == '\\' && at + 1 < used_;
+        row[to++] = escape ? unescaped(row[++at]) : row[at];
+    }
+    spans_.push_back({start, to - start, false});
+}
+
+void CsvReader::takeCell() {
+    if (options_.tsv) return takeEscaped();
+    if (byteAt(used_) == '"') return takeQuoted();
+    const std::size_t start = used_;
+    used_ = findEnd(start);
+    spans_.push_back({start, used_ - start, false});
+}
+
+void CsvReader::takeRow() {
+    rowLine_ = ++line_;
+    takeCell();
+    int end = byteAt(used_);
+    while (end != kEnd && end != '\r' && end != '\n') {
+        ++used_;
+        takeCell();
+        end = byteAt(used_);
+    }
+    if (end != kEnd) ++used_;
+    if (end == '\r' && byteAt(used_) == '\n') ++used_;
 }
 
 /// Hands the cells out, as UTF-8.
 void CsvReader::give(CsvRow& row) {
     row.line = rowLine_;
     row.cells.clear();
-    const std::string_view all = cells_;
+    const std::string_view all(buffer_.data() + begin_, used_);
+    const bool ascii = asciiRun(all) == all.size();
     decoded_.clear();
     if (page_) decoded_.reserve(sizeof(Letter) * all.size());  // views into it stay valid
     for (const Span& span : spans_) {
@@ -212,7 +213,7 @@ void CsvReader::give(CsvRow& row) {
             valid = toUtf8(*page_, text, decoded_) == 0;
             text = std::string_view(decoded_).substr(start);
         } else {
-            valid = isUtf8(text);
+            valid = ascii || isUtf8(text);
         }
         if (!valid) {
             refuse(name_, ": line ", rowLine_, " is not in ", page_ ? pageName(*page_) : "UTF-8",
@@ -223,20 +224,17 @@ void CsvReader::give(CsvRow& row) {
     if (columns_ == 0) columns_ = row.cells.size();
 }
 
+/// Empty lines are passed over, but where rows have one cell.
 bool CsvReader::next(CsvRow& row) {
-    csv_set_opts(&parser_, kLenient | CSV_STRICT);
-    cells_.clear();
-    spans_.clear();
-    rowDone_ = rowOpen_ = false;
-    while (!rowDone_) {
-        if (parseLine()) continue;
-        if (finished_) return false;
-        finished_ = true;
-        csv_set_opts(&parser_, kLenient | CSV_STRICT | CSV_STRICT_FINI);
-        if (!options_.tsv && csv_fini(&parser_, takeCell, takeRow, this) != 0) {
-            refuse(name_, ": line ", rowLine_, ": a quoted text does not end");
-        }
-        if (!rowDone_) return false;
+    bool empty = true;
+    while (empty) {
+        begin_ += used_;
+        used_ = 0;
+        spans_.clear();
+        if (byteAt(0) == kEnd) return false;
+        takeRow();
+        const Span& first = spans_.front();
+        empty = spans_.size() == 1 && first.length == 0 && !first.quoted && columns_ != 1;
     }
     give(row);
     return true;

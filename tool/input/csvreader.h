@@ -1,8 +1,7 @@
 // Reading CSV and TSV, row by row, with the line that each row begins in.
 #pragma once
 
-#include <csv.h>
-
+#include <array>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -36,11 +35,9 @@ class CsvReader {
 public:
     /// Throws a Refusal.
     CsvReader(const std::string& name, const CsvOptions& options);
-    ~CsvReader();
-    CsvReader(const CsvReader&) = delete;
 
-    /// False at the end. Throws a Refusal for an open quote, and for bytes that are not in the
-    /// code page.
+    /// False at the end. Throws a Refusal for an open quote, a lone one in a quoted text, and for
+    /// bytes that are not in the code page.
     bool next(CsvRow& row);
     /// Back to the beginning.
     void rewind();
@@ -51,31 +48,34 @@ public:
     const std::string& name() const { return name_; }
 
 private:
+    /// A cell; places count from the beginning of the row.
     struct Span {
         std::size_t start, length;
         bool quoted;
     };
-    static void takeCell(void* text, std::size_t length, void* reader);
-    static void takeRow(int end, void* reader);
-    std::string_view takeLine();
-    void parseQuoted(std::string_view line);
-    bool parseLine();
     bool fill();
-    void parseTsv(std::string_view line);
+    int byteAt(std::size_t at);
+    std::size_t findEnd(std::size_t from);
+    std::size_t findQuote(std::size_t from);
+    std::size_t moveTo(std::size_t to, std::size_t from, std::size_t end);
+    void takeCell();
+    void takeQuoted();
+    void takeEscaped();
+    void takeRow();
     void give(CsvRow& row);
 
     std::string name_;
     CsvOptions options_;
     std::unique_ptr<CodePage> page_;
     File file_;
-    csv_parser parser_{};
+    std::array<bool, 256> ends_{};  ///< the bytes that end a cell without quotes
     std::vector<char> buffer_;
-    std::size_t begin_ = 0, end_ = 0;  ///< what is not parsed yet
-    bool fileEnded_ = false, finished_ = false;
+    std::size_t begin_ = 0, end_ = 0;  ///< the row, and what is read after it
+    std::size_t used_ = 0;             ///< bytes of the row taken so far
+    bool fileEnded_ = false;
     u64 line_ = 0, rowLine_ = 0;
-    bool rowOpen_ = false, rowDone_ = false;
     std::size_t columns_ = 0;  ///< of the first row
-    std::string cells_, decoded_;
+    std::string decoded_;
     std::vector<Span> spans_;
 };
 

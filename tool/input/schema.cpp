@@ -492,7 +492,7 @@ void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize) {
         std::fclose(file.release()) != 0) {
         refuse(target.name, ": cannot be written");
     }
-    if (from.FirstMemoField == -1) return;
+    if (memoFileOf(like).empty()) return;
     const u32 unit = blockSize != 0 ? blockSize : GetBlockSize(like.base.get());
     if (CreateMemoFile(target.path.c_str(), GetMemoType(like.base.get()), unit) == 0) {
         refuse(target.name, ": its memo file cannot be written");

@@ -67,7 +67,10 @@ public:
             case ValueKind::Date:
             case ValueKind::Moment:
                 return putPlainText(value.text);
-            default:
+            case ValueKind::Integer:
+            case ValueKind::Real:
+            case ValueKind::Logical:
+            case ValueKind::Bytes:
                 plain_.clear();
                 putPlain(plain_, value);
                 return putPlainText(plain_);

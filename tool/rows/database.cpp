@@ -90,8 +90,11 @@ std::string Database::freeName(const std::string& wanted) {
         wanted, [&](const std::string& name) { return names_.insert(foldCase(name)).second; });
 }
 
-void Database::addTable(const std::string& name, const std::vector<Column>& columns) {
+void Database::addTable(const std::string& name, const Table& table,
+                        const std::vector<Column>& columns) {
     insert_.reset();
+    table_ = &table;
+    columns_ = &columns;
     bool present = hasTable(name);
     if (present && present_ == Present::Refuse) {
         refuse(target_.name, ": has a table ", name,

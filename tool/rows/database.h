@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "rows/output.h"
+#include "rows/writer.h"
 #include "tables.h"
 #include "tables/value/storage.h"
 
@@ -33,20 +34,25 @@ std::string createTable(std::string_view name, const std::vector<Column>& column
 /// until the statement runs is copied.
 int bindValue(sqlite3_stmt* statement, int place, const Stored& stored, bool lasts);
 
-class Database {
+class Database final : public RowWriter {
 public:
     Database(const Target& target, bool force, Present present);
-    ~Database();
+    ~Database() override;
     Database(const Database&) = delete;
 
     /// A name that no table written so far has.
     std::string freeName(const std::string& wanted);
-    /// Creates a table, and with rows prepares for them.
-    void addTable(const std::string& name, const std::vector<Column>& columns);
-    void cell(std::size_t place, const Stored& value, bool lasts) {
-        check(bindValue(insert_.get(), static_cast<int>(place) + 1, value, lasts));
+    /// Creates a table; what follows are its rows. Table and columns have to stay until then.
+    void addTable(const std::string& name, const Table& table, const std::vector<Column>& columns);
+    void begin(const std::vector<Heading>& /*headings*/) override {}
+    void cell(std::size_t column, const Value& value) override {
+        const Stored stored = storedAs((*columns_)[column], value);
+        rounded = stored.rounded;
+        const bool lasts = lastsForRecord(*table_, value.text);
+        check(bindValue(insert_.get(), static_cast<int>(column) + 1, stored, lasts));
     }
-    void endRow();
+    void endRow() override;
+    void end() override {}
     /// Everything is written. Throws a Refusal when it could not be.
     void finish();
 
@@ -64,6 +70,8 @@ private:
     std::unique_ptr<TemporaryFile> file_;
     Connection database_;
     Statement insert_;
+    const Table* table_ = nullptr;
+    const std::vector<Column>* columns_ = nullptr;
     std::set<std::string> names_;
 };
 

@@ -1,7 +1,10 @@
 #include "rows/grid.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 
+#include "rows/writer.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -18,7 +21,47 @@ void putLine(Output& out, const Grid& grid, std::string line) {
     out.put('\n');
 }
 
+/// Rows are kept until the widths are known.
+class GridWriter final : public RowWriter {
+public:
+    explicit GridWriter(Output& out) : out_(out) { grid_.lineWidth = terminalWidth(STDOUT_FILENO); }
+
+    void begin(const std::vector<Heading>& headings) override {
+        for (const Heading& heading : headings) {
+            grid_.columns.push_back({escaped(heading.name), true, 0});
+        }
+    }
+    void cell(std::size_t column, const Value& value) override {
+        if (column == 0) rows_.emplace_back();
+        if (value.kind == ValueKind::Text) grid_.columns[column].right = false;
+        putShown(rows_.back().emplace_back(), value);
+    }
+    void endRow() override {}
+    void end() override {
+        if (!rows_.empty()) putGrid(out_, grid_, rows_);
+    }
+
+private:
+    Output& out_;
+    Grid grid_;
+    std::vector<std::vector<std::string>> rows_;
+};
+
 }  // namespace
+
+std::unique_ptr<RowWriter> gridWriter(Output& out, const WriterOptions& /*options*/) {
+    return std::make_unique<GridWriter>(out);
+}
+
+void putShown(std::string& text, const Value& value) {
+    if (value.kind == ValueKind::Null) {
+        text += "NULL";
+    } else if (value.kind == ValueKind::Text) {
+        putEscaped(text, value.text);
+    } else {
+        putPlain(text, value);
+    }
+}
 
 void widen(Grid& grid, std::size_t column, std::string_view text) {
     Grid::GridColumn& c = grid.columns[column];

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "rows/output.h"
+#include "tables/value/value.h"
 
 namespace mira::tool {
 
@@ -21,6 +22,8 @@ struct Grid {
     std::string indent;
 };
 
+/// A cell as it is shown, without control characters.
+void putShown(std::string& text, const Value& value);
 /// Widens a column for a text.
 void widen(Grid& grid, std::size_t column, std::string_view text);
 void putHeadings(Output& out, const Grid& grid);

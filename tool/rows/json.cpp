@@ -9,8 +9,7 @@ namespace {
 
 class JsonWriter final : public RowWriter {
 public:
-    JsonWriter(Output& out, const WriterOptions& options)
-        : out_(out), lines_(options.format == Format::JsonLines) {}
+    JsonWriter(Output& out, bool lines) : out_(out), lines_(lines) {}
 
     void begin(const std::vector<Heading>& headings) override {
         for (const Heading& heading : headings) {
@@ -56,7 +55,8 @@ public:
             case ValueKind::Real:
                 if (!std::isfinite(value.real)) return out_.put("null");
                 [[fallthrough]];
-            default:
+            case ValueKind::Integer:
+            case ValueKind::Logical:
                 text_.clear();
                 putPlain(text_, value);
                 return out_.put(text_);
@@ -120,8 +120,12 @@ void putJsonNumber(std::string& out, std::string_view digits) {
     out += rest;
 }
 
-std::unique_ptr<RowWriter> jsonWriter(Output& out, const WriterOptions& options) {
-    return std::make_unique<JsonWriter>(out, options);
+std::unique_ptr<RowWriter> jsonWriter(Output& out, const WriterOptions& /*options*/) {
+    return std::make_unique<JsonWriter>(out, false);
+}
+
+std::unique_ptr<RowWriter> jsonLinesWriter(Output& out, const WriterOptions& /*options*/) {
+    return std::make_unique<JsonWriter>(out, true);
 }
 
 }  // namespace mira::tool

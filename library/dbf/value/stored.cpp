@@ -91,9 +91,16 @@ bool storedNumber(DbfBase* h, int field, double* value) {
             return printedValue(GetDouble(h, field), f.Decimals, value);
         case ValueClass::Ordered:
             return printedValue(GetInvertedDouble(h, field), kOrderedDecimals, value);
-        default:
-            return false;
+        case ValueClass::None:
+        case ValueClass::Text:
+        case ValueClass::System:
+        case ValueClass::Logical:
+        case ValueClass::Date:
+        case ValueClass::Moment:
+        case ValueClass::Memo:
+            break;
     }
+    return false;
 }
 
 std::size_t storedNumberWidth(const DbfField& f) {

@@ -24,14 +24,9 @@ std::size_t partWidth(const DbfBase* h, int field, std::size_t length) {
         // The text is there, so the slot is.
         return h->CalcFields != nullptr && h->CalcFields->Slots[field].Flags[2] != 0 ? length : 0;
     }
-    switch (valueClass(*f)) {
-        case ValueClass::Date:
-            return kDateDigits;
-        case ValueClass::Moment:
-            return kDateTimeDigits;
-        default:
-            return std::min<std::size_t>(fieldLength(*f), kTextBufferSize - 1);
-    }
+    if (valueClass(*f) == ValueClass::Date) return kDateDigits;
+    if (valueClass(*f) == ValueClass::Moment) return kDateTimeDigits;
+    return std::min<std::size_t>(fieldLength(*f), kTextBufferSize - 1);
 }
 
 /// True for fields whose text is the bytes of the record.
