@@ -6,6 +6,7 @@
 
 #include "tables/change/append.h"
 #include "tables/open/find.h"
+#include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "tables/rescue/memos.h"
 #include "tables/rescue/walk.h"
@@ -296,6 +297,17 @@ private:
     i64 shift_ = 0;
 };
 
+/// What stands in the records can make another table of a strange header.
+void checkOpens(const Table& to) {
+    const auto opened = openTable(to.base->FileName, {.codePage = to.options.codePage});
+    const DbfHeader &wanted = to.base->Header, &found = opened->base->Header;
+    if (found.RecordCount != wanted.RecordCount || found.RecordLength != wanted.RecordLength ||
+        opened->base->FieldCount != to.base->FieldCount ||
+        opened->base->Level7 != to.base->Level7) {
+        refuse(to.path, ": no sound table can be made of what is left");
+    }
+}
+
 }  // namespace
 
 Damaged examine(const std::string& path, const Table* like) {
@@ -339,7 +351,9 @@ void layTable(const std::string& path, const std::string& head) {
 Rescued rescue(Damaged& damaged, Table& to, const std::string& memos, u32 memoBlock,
                const RescueHooks& hooks) {
     DamagedMemos reader(memos, to.memoFormat, memoBlock, damaged.isText);
-    return Saver(damaged, to, reader, hooks).run();
+    const Rescued rescued = Saver(damaged, to, reader, hooks).run();
+    checkOpens(to);
+    return rescued;
 }
 
 std::string memosOfDamaged(const std::string& path, const Table& to) {
