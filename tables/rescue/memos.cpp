@@ -4,6 +4,7 @@
 
 #include "tables/page/bytes.h"
 #include "tables/page/text.h"
+#include "tables/value/memo.h"
 
 namespace mira::tables {
 namespace {
@@ -12,7 +13,6 @@ constexpr u32 kUsualUnits[] = {64, 512, 32, 128, 256, 1024, 2048, 4096, 16, 33, 
 constexpr u32 kHeader = 512;
 constexpr u32 kPrefix = 8;
 constexpr u64 kFewIn = 50;  // one of so many is taken for damage of its own
-constexpr char kMemoEnd = 0x1A;
 
 u64 roundedUp(u64 place, u32 unit) { return (place + unit - 1) / unit * unit; }
 

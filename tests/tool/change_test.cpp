@@ -320,6 +320,13 @@ const Command kCommands[] = {
       "."}},
 };
 
+/// The place of a command of that name.
+std::size_t commandAt(std::string_view name) {
+    const auto* const found = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                           [&](const Command& c) { return c.name == name; });
+    return static_cast<std::size_t>(found - std::begin(kCommands));
+}
+
 /// What a tag of NAME holds.
 std::vector<Entry> entriesOf(const Rows& rows, bool liveOnly) {
     std::vector<Entry> entries;
@@ -660,7 +667,7 @@ TEST_F(ChangeTest, TransactionOfTwoTablesLeavesEachWhole) {
             for (int i = 0; i < (all ? 40 : 2); ++i) {
                 Disk disk = start;
                 for (std::size_t at = 0; at < count; ++at) disk.take(made[at]);
-                lay(bench.folder, disk.cut(random));
+                disk.cut(random, bench.folder);
                 expectWhole(whereOf(bench, "power cut", static_cast<int>(count)),
                             count == made.size());
             }
@@ -697,7 +704,7 @@ const std::pair<const char*, void (*)(const Bench&)> kOthers[] = {
      }}};
 
 TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
-    for (const std::size_t i : {0U, 4U, 5U}) {
+    for (const std::size_t i : {commandAt("set memos"), commandAt("memo"), commandAt("append")}) {
         const Bench bench(kCommands[i], kKinds[i % 4]);
         // The first change of the table comes after that of its memo file, and of the backups.
         int at = 1;
@@ -724,7 +731,7 @@ TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
         }
     }
     // Outside what the change was about their work stays, and the change is undone.
-    const Bench bench(kCommands[1], 0);
+    const Bench bench(kCommands[commandAt("set one")], 0);
     int at = 1;
     while (bench.reset(), bench.again({Fate::Kill, at, 8, 0, 0}), bench.rows() == bench.before)
         ++at;
@@ -739,7 +746,7 @@ TEST_F(ChangeTest, LeavesWhatOthersHaveDoneSince) {
 
 /// A new index waits for its place, and meanwhile another program writes the old one.
 TEST_F(ChangeTest, LeavesAnIndexThatOthersHaveWritten) {
-    for (const std::size_t i : {16U, 17U}) {
+    for (const std::size_t i : {commandAt("reindex"), commandAt("set, reindex")}) {
         const Bench bench(kCommands[i], kKinds[i % 4]);
         const std::string theirs = bench.files.at("t.cdx") + "theirs";
         int left = 0;
@@ -756,7 +763,7 @@ TEST_F(ChangeTest, LeavesAnIndexThatOthersHaveWritten) {
 
 TEST_F(ChangeTest, GoesOnWhereThereAreNoLocks) {
     noLocks = true;
-    const Bench bench(kCommands[1], 2);
+    const Bench bench(kCommands[commandAt("set one")], 2);
     const Ended ended = bench.again();
     const std::string said = "cannot be locked here";
     const std::size_t at = ended.said.find(said);
@@ -779,7 +786,7 @@ TEST_F(ChangeTest, GoesOnWhereThereAreNoLocks) {
 TEST_F(ChangeTest, LeavesWhatMayNotBeWritten) {
     using std::filesystem::perms, std::filesystem::permissions;
     const perms readable = perms(0444), enter = perms(0555);
-    for (const std::size_t i : {0U, 9U}) {
+    for (const std::size_t i : {commandAt("set memos"), commandAt("pack")}) {
         const Bench bench(kCommands[i], 3);
         for (const int killed : {0, 1}) {
             bench.reset();
@@ -811,7 +818,8 @@ TEST_F(ChangeTest, LeavesWhatMayNotBeWritten) {
 
 /// A new file would take one name from a table or memo file that has several.
 TEST_F(ChangeTest, SeveralNamesAreNotSwapped) {
-    for (const std::size_t i : {7U, 9U, 11U, 12U, 13U, 1U}) {
+    for (const std::size_t i : {commandAt("replace"), commandAt("pack"), commandAt("pack alone"),
+                                commandAt("zap"), commandAt("undo"), commandAt("set one")}) {
         const Bench bench(kCommands[i], 2);
         for (const auto& [name, other] : {std::pair("t.dbf", "other"), {"t.dbt", "t.tbk"}}) {
             bench.reset();
@@ -831,7 +839,7 @@ TEST_F(ChangeTest, SeveralNamesAreNotSwapped) {
 
 /// Records that a Pack of the library has moved before it was killed.
 TEST_F(ChangeTest, AnInterruptedPackIsFinishedFirst) {
-    const Bench bench(kCommands[9], 2);
+    const Bench bench(kCommands[commandAt("pack")], 2);
     const pid_t child = fork();
     if (child == 0) {
         const Table h(OpenBase(bench.file("t.dbf").c_str()));
@@ -898,7 +906,8 @@ TEST_F(ChangeTest, TwoAtOnceLoseNothing) {
 
 /// While new files take their places: one table or the other, each with its own memos.
 TEST_F(ChangeTest, ReadersNeverPairATableWithOtherMemos) {
-    for (const std::size_t i : {7U, 9U, 11U, 13U}) {
+    for (const std::size_t i :
+         {commandAt("replace"), commandAt("pack"), commandAt("pack alone"), commandAt("undo")}) {
         const Bench bench(kCommands[i], kKinds[i / 2 % 4], 300);
         const Words read = {"export", "t", "-q", "--deleted", "include"};
         std::set<std::string> wanted;
@@ -940,7 +949,9 @@ void mendChecksums(std::string& journal) {
 
 TEST_F(ChangeTest, HostileJournalsTouchNothingElse) {
     std::mt19937 random(7);
-    for (const std::size_t i : {0U, 5U, 7U, 9U, 13U, 16U, 17U}) {
+    for (const std::size_t i :
+         {commandAt("set memos"), commandAt("append"), commandAt("replace"), commandAt("pack"),
+          commandAt("undo"), commandAt("reindex"), commandAt("set, reindex")}) {
         const Bench bench(kCommands[i], kKinds[i % 4]);
         const std::string memos = memoNameOf(bench.kind), victim(3000, 'v');
         for (int trial = 0; trial < (all ? 4000 : 60); ++trial) {
@@ -988,10 +999,10 @@ TEST_F(ChangeTest, OneRecordTakesFewSynchronisations) {
     const std::pair<Words, int> rows[] = {
         {{"set", "t", "FILL=one", "-w", "NAME='n102'"}, 4},
         {{"delete", "t", "-w", "NAME='n102'"}, 4},
-        {kCommands[15].words, 5},
+        {kCommands[commandAt("insert")].words, 5},
         {{"query", "--write", "INSERT INTO t (NAME) VALUES (1)", "."}, 4},
         {{"set", "t", "NOTE=one", "-w", "NAME='n102'"}, 5}};
-    const Bench bench(kCommands[0], 3);
+    const Bench bench(kCommands[commandAt("set memos")], 3);
     for (auto [words, most] : rows) {
         words.emplace_back("--no-backup");
         EXPECT_LE(run(bench.folder, words).syncs, most) << words[2];

@@ -483,7 +483,6 @@ void makeTable(const Target& target, const std::vector<FieldPlan>& fields, Table
 }
 
 void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize) {
-    const DbfBase& from = *like.base;
     std::string image = emptyHead(like);
     if (mark != 0) image[kMarkPlace] = static_cast<char>(mark);
     File file(std::fopen(target.path.c_str(), "wbx"));

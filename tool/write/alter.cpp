@@ -65,12 +65,12 @@ Status run(const Options& options) {
     }
     leaveIfStopped();
     if (!options.change.dryRun) {
-        tellStale(*table);
         if (!table->container.empty()) {
             note("{}: the database container {} still has the fields as they were", table->path,
                  table->container);
         }
         swap.commit(backupsOf(options.change), memos);
+        tellStale(*table, {.records = true}, options.change);
     }
     tellPage(*table);
     note("{}: {} {}altered", table->path, counted(table->base->Header.RecordCount, "record"),

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "tables/change/backup.h"
 #include "tables/change/recovery.h"
 #include "tables/index/rebuild.h"
 #include "tables/index/stale.h"

@@ -21,6 +21,7 @@
 #include "tables/store/store.h"
 #include "terminal/message.h"
 #include "write/change.h"
+#include "write/newtable.h"
 
 namespace mira::tool {
 namespace {
