@@ -355,7 +355,7 @@ void Changes::commit() {
     try {
         if (change_ && !change_->finish()) {
             rollback();
-            session_.host.tell(Notice::Undone,
+            session_.host.tell(Notice::Failure,
                                table_.path +
                                    ": the journal could not be ended, and so what has been "
                                    "committed is undone");
@@ -364,7 +364,7 @@ void Changes::commit() {
         tellStale();
     } catch (const tables::Refusal& refusal) {
         // The change stands; recovery brings the new index to its place.
-        session_.host.tell(Notice::Remark, refusal.what());
+        session_.host.tell(Notice::Failure, refusal.what());
     }
     end();
 }
@@ -384,7 +384,7 @@ void Changes::rollback() {
         noteUndone();
     }
     end();
-    if (!later.empty()) session_.host.tell(Notice::Undone, table_.path + ": " + later);
+    if (!later.empty()) session_.host.tell(Notice::Failure, table_.path + ": " + later);
 }
 
 void Changes::end() {

@@ -12,9 +12,9 @@
 namespace mira::sql {
 
 /// What a sentence is about: something odd that changes no value; a value that came out other than
-/// it is stored, or not at all; a change that is undone, or will be, although SQLite has been told
-/// that all is well.
-enum class Notice : unsigned char { Remark, Loss, Undone };
+/// it is stored, or not at all; a change that is or will be undone, or that recovery has to finish,
+/// although SQLite has been told that all is well.
+enum class Notice : unsigned char { Remark, Loss, Failure };
 
 /// Into SQLite's error log.
 void logNotice(Notice notice, const std::string& sentence);

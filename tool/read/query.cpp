@@ -60,7 +60,7 @@ bool comparesRows(std::string_view sql) {
 sql::Host hostFor(const Options& options, Status* status) {
     sql::Host host;
     host.tell = [status](sql::Notice notice, const std::string& sentence) {
-        notice == sql::Notice::Undone ? tellError(sentence) : tell(sentence);
+        notice == sql::Notice::Failure ? tellError(sentence) : tell(sentence);
         constexpr Status kOf[] = {kDone, kFound, kFailed};
         *status = worse(*status, kOf[static_cast<std::size_t>(notice)]);
     };
