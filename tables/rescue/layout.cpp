@@ -131,9 +131,8 @@ public:
         const Form& form = *list_.form;
         while (list_.descriptors.size() < kFieldsMost && !isEnd()) {
             const bool good = isAt(place_), next = follows(place_ + form.size);
-            if (good && next) {
-                take(form.size);
-            } else if (const i64 slip = slipAt(place_); slip != 0) {
+            const i64 slip = good && next ? 0 : slipAt(place_);
+            if (slip != 0) {
                 mend(static_cast<u32>(form.size + slip));
             } else if (good || (next && isDescriptor(bytesAt(place_), form, false))) {
                 take(form.size);

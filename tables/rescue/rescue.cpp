@@ -86,7 +86,7 @@ public:
     }
 
 private:
-    void load(std::string_view bytes) {
+    void load(std::string_view bytes) const {
         u8* const record = to_.base->RecordBuffer;
         const std::size_t length = to_.base->Header.RecordLength;
         const std::size_t size = std::min(bytes.size(), length);
