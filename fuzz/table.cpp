@@ -45,8 +45,8 @@ void checkSpan(DbfBase* h, int field, std::string_view memoFile, const std::stri
     u64 first = 0, end = 0;
     if (GetMemoReference(h, field, &block, &length) == 0 || GetBlockSize(h) == 0) return;
     // Digits behind a zero byte, at which a text ends.
-    const bool isText = GetMemoKind(h) != 4 && GetLenField(h, field) != 4;
-    if (isText && GetNumeric(h, field) != block) return;
+    const bool read = GetNumeric(h, field) == block || static_cast<u32>(GetInt(h, field)) == block;
+    if (GetMemoKind(h) != 4 && !read) return;
     const int result = GetMemoSpan(h, block, length, &first, &end);
     CHECK(first <= end && (result != 0 || end == 0));
     if (result == 0) return CHECK(memo.empty());
@@ -190,8 +190,9 @@ void edit(DbfBase* h, const std::string& path, double number) {
     RefreshDatabase(h);  // in an empty table that was behind the last record
     const u32 count = reccount(h);
     const auto refused = [h] { return IsPackUnfinished(h) != 0; };
-    CHECK_EQUAL(refused(), h->FirstMemoField != -1 && GetBlockSize(h) == 0 &&
-                               isHalfPacked(contentsOf(h->MemoFileName)));
+    const bool hasMemos = h->FirstMemoField != -1 && GetMemoKind(h) != 0xFFFFFFFF;
+    CHECK_EQUAL(refused(),
+                hasMemos && GetBlockSize(h) == 0 && isHalfPacked(contentsOf(h->MemoFileName)));
     CHECK(AppendBlank(h, 0) == 1 || refused());
     CHECK_EQUAL(Insert(h, 0, 1) == 1, !refused());
     InverseRecord(h, 1);

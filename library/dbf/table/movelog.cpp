@@ -46,7 +46,7 @@ std::optional<MoveLog> decode(const DbfBase* h, const u8* slot, u64 size) {
 std::optional<MoveLog> choose(const DbfBase* h, const u8* slots, u32 count, u64 size) {
     std::optional<MoveLog> found;
     for (u32 i = 0; i < 2; ++i) {
-        const std::optional<MoveLog> log = decode(h, slots + i * kMoveSlotSize, size);
+        const std::optional<MoveLog> log = decode(h, slots + std::size_t{i} * kMoveSlotSize, size);
         if (log && log->turn % 2 == i && log->records >= count &&
             (!found || log->turn > found->turn)) {
             found = log;
