@@ -72,11 +72,10 @@ bool isHalfPacked(std::string_view memoFile) {
 }
 
 /// Whether a table file may have the log of a Pack that moves records, which no record behind it
-/// counts with.
+/// counts with: the mark in front may be cut by the end of the file, the slots need none.
 bool isHalfMoved(std::string_view table) {
-    return table.find(
-               "\x1A"
-               "Pack unfinished\0"s) != std::string_view::npos;
+    return table.find("\x1AP") != std::string_view::npos ||
+           table.find("Pack unfinished\0"s) != std::string_view::npos;
 }
 
 /// Every value of a field of the current record.
