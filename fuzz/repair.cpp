@@ -45,7 +45,11 @@ void checkSound(const std::string& path, u64 saved) {
         for (const tables::Column& column : table->columns) {
             tables::Value value;
             tables::readCell(cells, column, value);
-            CHECK(value.fault == tables::Fault::None || value.fault == tables::Fault::NoCharacter);
+            using tables::Fault;
+            // Of a version whose memos nobody reads, references stay as they stand.
+            const bool unread = table->memoFormat == tables::MemoFormat::None;
+            CHECK(value.fault == Fault::None || value.fault == Fault::NoCharacter ||
+                  (value.fault == Fault::NoMemo && unread));
         }
     }
 }
