@@ -16,7 +16,9 @@ constexpr u64 kSlip = 8;      // bytes that one record may have lost or got with
 constexpr u64 kSector = 512;  // what disks lose at once
 constexpr char kEndByte = 0x1A;
 
-bool isZeros(std::string_view bytes) { return bytes.find_first_not_of('\0') == bytes.npos; }
+bool isZeros(std::string_view bytes) {
+    return bytes.find_first_not_of('\0') == std::string_view::npos;
+}
 
 /// Records that fit, from a place on.
 struct Run {
@@ -81,7 +83,7 @@ private:
     bool isPadding(u64 place) {
         if (records_ != counted_ || end_ - place > 2) return false;
         const std::string_view rest = source_.at(place, static_cast<std::size_t>(end_ - place));
-        return rest.find_first_not_of("\r\n\x1A") == rest.npos;
+        return rest.find_first_not_of("\r\n\x1A") == std::string_view::npos;
     }
 
     /// The end byte in a record's place, behind all that the header counts.
@@ -229,9 +231,9 @@ private:
         }
         const u64 low = place >= anchor_ + stride_ ? place - stride_ + 1 : anchor_;
         double likelihood = 0;
-        u64 next = bestIn(low, place + 2 * stride_, place, &likelihood);
+        u64 next = bestIn(low, place + u64{2} * stride_, place, &likelihood);
         const bool old = counted_ != 0 && records_ >= counted_;
-        for (u64 at = place + 2 * stride_; next == end_ && !old && at < end_; at += stride_) {
+        for (u64 at = place + u64{2} * stride_; next == end_ && !old && at < end_; at += stride_) {
             next = bestIn(at, at + stride_, place, &likelihood);
             step_();
         }
@@ -257,7 +259,8 @@ private:
         for (; place + length_ <= end; place += stride_) {
             const std::string_view bytes = record(place);
             const u32 faults = fit_.faults(bytes) % kNoMark;
-            const bool some = isMarked(place) || 2 * faults <= fit_.shape().fields.size();
+            const bool some =
+                isMarked(place) || std::size_t{2} * faults <= fit_.shape().fields.size();
             const bool taken = !bytes.empty() && !isZeros(bytes) && some;
             push(taken ? Stretch::Is::Doubtful : Stretch::Is::LeftOut, place, stride_);
         }

@@ -98,7 +98,7 @@ std::string takeName(std::string_view* text, const Part& part) {
     if (end == std::string_view::npos || end + 1 >= text->size()) {
         part.fail("NAME TYPE, such as PRICE N(10,2)");
     }
-    const std::string name(text->substr(quoted ? 1 : 0, quoted ? end - 1 : end));
+    std::string name(text->substr(quoted ? 1 : 0, quoted ? end - 1 : end));
     *text = trimmed(text->substr(end + 1));
     if (name.empty() || text->empty()) part.fail("NAME TYPE, such as PRICE N(10,2)");
     return name;
