@@ -73,13 +73,15 @@ require() {
 
 processors() { nproc 2>/dev/null || echo 2; }
 
-# build_release TARGET [CMAKE_OPTION...]: configures and builds; only what has changed.
+# build_release TARGET [CMAKE_OPTION...]: configures and builds; only what has changed. MIRA_OPTIONS
+# may hold further options for CMake.
 build_release() {
     local target=$1
     shift
     {
+        # shellcheck disable=SC2086
         cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_TARGET_MESSAGES=OFF "$@" \
-            >/dev/null &&
+            ${MIRA_OPTIONS:-} >/dev/null &&
             cmake --build "$build" --target "$target" -j "$(processors)"
     } </dev/null >&2
 }
