@@ -408,6 +408,23 @@ int SetMoment(DbfBase* h, int field, i32 day, i32 milliseconds) {
     return 1;
 }
 
+i32 GetDayNumber(int year, int month, int day) {
+    const DateTime date{year, month, day};
+    return year >= 0 && isValid(date) ? static_cast<i32>(dayNumber(year, month, day)) : 0;
+}
+
+int GetDayDate(i32 number, int* year, int* month, int* day) {
+    if (!isMoment({number, 0})) return 0;
+    DateTime date;
+    splitDay(number, &date);
+    *year = date.year;
+    *month = date.month;
+    *day = date.day;
+    return 1;
+}
+
+int IsOtherLevel7(DbfBase* h) { return isForeignLevel7(h) ? 1 : 0; }
+
 u32 GetTimeStamp(DbfBase* /*h*/, int /*field*/) { return kNoTimeStamp; }
 
 }  // namespace mira
