@@ -248,10 +248,16 @@ void giveDate(CellReader& reader, const Column& column, Value& value) {
     value.text = {reader.digits, 10};
 }
 
-void putTwo(char* to, unsigned number) {
-    to[0] = static_cast<char>('0' + number / 10);
-    to[1] = static_cast<char>('0' + number % 10);
-}
+/// "00" to "99".
+constexpr auto kPairs = [] {
+    std::array<char, 200> pairs{};
+    for (std::size_t i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}();
+void putTwo(char* to, unsigned number) { std::memcpy(to, &kPairs[2 * std::size_t{number}], 2); }
 
 /// "yyyy-mm-dd hh:mm:ss", ".sss" after it when not zero.
 void giveMoment(CellReader& reader, i32 number, i32 milliseconds, Value& value) {
