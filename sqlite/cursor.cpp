@@ -122,7 +122,9 @@ void narrow(Cursor& cursor, const Shortcut& s) {
         case Operator::GreaterEqual:
             first = std::max(first, number);
             break;
-        default:
+        case Operator::IsNull:
+        case Operator::Like:
+        case Operator::Glob:
             break;
     }
     cursor.end = static_cast<u32>(std::max<i64>(end, 0));

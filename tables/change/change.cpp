@@ -330,7 +330,7 @@ void Change::flush() { write(false); }
 /// The header, and what else is known only at the end.
 void Change::addHeader() {
     DbfBase& base = *table_.base;
-    stampHeader(base.Header);
+    StampHeader(&base.Header);
     const std::string image = headerImage(base.Header, base.HeaderSize);
     if (!counted_) {
         add(FileOf::Table, kDatePlace, std::string_view(image).substr(kDatePlace, 3));

@@ -24,7 +24,8 @@ struct BaseCloser {
 };
 using Base = std::unique_ptr<DbfBase, BaseCloser>;
 
-/// What the memo file of a table looks like, by the library's numbers.
+/// What the memo file of a table looks like, by the library's numbers; TableFacts::memos is its
+/// layout.
 enum class MemoFormat : u32 { DBase3 = 0, FoxPro = 1, DBase4 = 2, Smt = 4, None = 0xFFFFFFFF };
 
 /// Which records are shown.
@@ -79,11 +80,12 @@ struct TableFacts {
     std::string_view flavour;  // "Visual FoxPro", by the repaired version byte
     bool visual = false;       // Visual FoxPro: descriptor flags and null flags count
     MemoFormat memoFormat = MemoFormat::None;
-    u8 storedVersion = 0;   // version byte as it stands in the file
-    u8 tableFlags = 0;      // header byte 28
-    bool hasMemos = false;  // some field may refer to one
-    u32 storedCount = 0;    // records by the header, before repairs
-    u32 storedLength = 0;   // record length by the header, likewise
+    const MemoLayout* memos = nullptr;  // null: memos are neither read nor written
+    u8 storedVersion = 0;               // version byte as it stands in the file
+    u8 tableFlags = 0;                  // header byte 28
+    bool hasMemos = false;              // some field may refer to one
+    u32 storedCount = 0;                // records by the header, before repairs
+    u32 storedLength = 0;               // record length by the header, likewise
     u64 fileSize = 0;
     u32 heldRecords = 0;  // that the file has room for; the handle counts those that are some
     u64 strayBytes = 0;   // from the first that is none to the end of the file; 0: all are some
@@ -101,8 +103,6 @@ struct Table : TableFacts {
 /// Whether the column counts by itself.
 bool isCounting(const Column& column);
 
-/// What a field of a letter holds whose values are encoded so.
-Kind kindOf(FieldClass stored, char type);
 /// What a column holds, also where it is shown as stored.
 Kind heldKind(const Column& column);
 /// Whether that is numbers.

@@ -77,6 +77,7 @@ Base openBase(const std::string& path, bool writable, Listing* listing) {
 void readVersion(Table& table) {
     DbfBase* const base = table.base.get();
     table.memoFormat = MemoFormat{GetMemoKind(base)};
+    table.memos = GetMemoLayout(GetMemoKind(base));
     table.flavour = GetFlavourName(base);
     table.visual = GetFlavourKind(base) == kVisualKind;
 }
@@ -137,17 +138,6 @@ void readFlags(const Table& table, Column& column) {
                           (column.type == 'C' || column.type == 'V' || column.type == 'M');
 }
 
-/// Other makers of level-7 tables keep a length one byte earlier, and moments as a double.
-bool isForeignMoment(const Table& table, const Column& column) {
-    constexpr u32 kDescriptor7 = 48;
-    constexpr u32 kLengthPlace7 = 34;
-    if (table.base->Level7 == 0 || column.type != '@' || column.length != 8) return false;
-    u8 length = 0;
-    const u32 place = table.base->HeaderSize + kDescriptor7 * static_cast<u32>(column.field);
-    return readFileAt(table.base->TableFile, place + kLengthPlace7, &length, 1) == 1 &&
-           length != column.length;
-}
-
 Column columnOf(const Table& table, int field) {
     DbfBase* const base = table.base.get();
     Column column;
@@ -159,7 +149,7 @@ Column columnOf(const Table& table, int field) {
     toUtf8(*table.page.page, base->Fields[field].Name, column.name);
     while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
     if (table.visual) readFlags(table, column);
-    column.foreignMoment = isForeignMoment(table, column);
+    column.foreignMoment = column.type == '@' && IsOtherLevel7(base) != 0;
     column.stored = GetFieldClass(base, field);
     column.kind = kindOf(column.stored, column.type);
     if (table.options.raw && isOfDigits(column, column.kind)) column.kind = Kind::Text;
@@ -213,7 +203,7 @@ void takeLongNames(Table& table, Listing* listing) {
 /// Fields whose name an expression cannot hold, or which has changed, get one that it can.
 void nameForLibrary(Table& table) {
     for (const Column& column : table.columns) {
-        char* const name = table.base->Fields[column.field].Name;
+        const char* const name = GetFieldName(table.base.get(), column.field);
         std::string shown;
         toUtf8(*table.page.page, name, shown);
         const std::size_t length = std::strlen(name);
@@ -224,8 +214,7 @@ void nameForLibrary(Table& table) {
         while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount) {
             other.insert(0, 1, '_');
         }
-        std::memset(name, 0, sizeof(DbfField::Name));
-        std::memcpy(name, other.data(), other.size());
+        SetFieldName(table.base.get(), column.field, other.c_str());
     }
 }
 
@@ -309,7 +298,9 @@ std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     if (!sameStructure(*table.base, *base)) {
         refuse(table.path, ": its fields have changed since it was opened");
     }
-    std::copy_n(table.base->Fields, base->FieldCount, base->Fields);  // names for the library
+    for (int field = 0; field < base->FieldCount; ++field) {
+        SetFieldName(base, field, GetFieldName(table.base.get(), field));
+    }
     readStoredHeader(*again);
     leaveOutStray(*again);
     return again;

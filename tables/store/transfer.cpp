@@ -74,7 +74,10 @@ Given givenOf(const Value& value, const Column& source, const Column& column, st
         case ValueKind::Logical:
             if (isOfNumbers(column)) return Given::ofInteger(value.integer);
             break;
-        default:
+        case ValueKind::Digits:
+        case ValueKind::Currency:
+        case ValueKind::Date:
+        case ValueKind::Moment:
             break;
     }
     plain.clear();

@@ -16,9 +16,9 @@
 #include <cstdarg>
 #include <cstring>
 #include <functional>
-#include <new>
 #include <random>
 
+#include "support/allocator.h"
 #include "support/disk.h"
 #include "support/indexes.h"
 #include "support/sample.h"
@@ -192,19 +192,6 @@ int __wrap_fsync(int fd) {
     record({isFolder(fd) ? Call::SyncFolder : Call::SyncFile, fileOf(fd)});
     return 0;  // no power is cut here
 }
-}
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = malloc(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    free(memory);
 }
 
 namespace {

@@ -6,8 +6,13 @@
 #include "tables/page/text.h"
 
 namespace mira::tool {
+
+using MakeWriter = std::unique_ptr<RowWriter>(Output&, const WriterOptions&);
+MakeWriter gridWriter, csvWriter, tsvWriter, jsonWriter, jsonLinesWriter;
+
 namespace {
 
+// A format is a row, with its writer declared above.
 constexpr Format kFormats[] = {
     {"table", "", 0, gridWriter},
     {"csv", ".csv", kTakesLines | kTakesDelimiter, csvWriter},

@@ -55,13 +55,6 @@ struct Format {
     bool has(FormatBits bit) const { return (bits & bit) != 0; }
 };
 
-// A format is a row in formats.cpp and its writer.
-std::unique_ptr<RowWriter> csvWriter(Output& out, const WriterOptions& options);
-std::unique_ptr<RowWriter> tsvWriter(Output& out, const WriterOptions& options);
-std::unique_ptr<RowWriter> jsonWriter(Output& out, const WriterOptions& options);
-std::unique_ptr<RowWriter> jsonLinesWriter(Output& out, const WriterOptions& options);
-std::unique_ptr<RowWriter> gridWriter(Output& out, const WriterOptions& options);
-
 using FormatWords = std::vector<std::pair<const char*, const Format*>>;
 /// Those for files, and those for what is read at once: a table for eyes, the first of them, and
 /// all that are text. The first is the default.
@@ -74,7 +67,7 @@ std::string extensionOf(const Format& format);
 /// "csv, tsv or json"
 std::string namesOf(const FormatWords& formats);
 
-/// Stored digits as a JSON number.
-void putJsonNumber(std::string& out, std::string_view digits);
+/// A value in JSON, digits as they are; a text for a terminal without control characters.
+void putJsonValue(std::string& out, const Value& value, bool terminal);
 
 }  // namespace mira::tool
