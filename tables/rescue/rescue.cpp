@@ -18,28 +18,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr u32 kSample = 50;         // records that tell whether zero is a deletion byte here
 constexpr std::size_t kWays = 256;  // places that a broken record is tried to be broken at
 
 Layout layoutOf(Source& source, const std::string& name, const Table* like) {
     return like != nullptr ? layoutLike(source, *like) : ownLayout(source, name);
 }
 
-/// Some programs write zero for the blank.
-bool marksAreZero(Source& source, const Layout& layout) {
-    u32 zeros = 0, records = 0;
-    for (; records < kSample; ++records) {
-        const u64 place = layout.first + u64{records} * layout.shape.stride;
-        const std::string_view bytes = source.at(place, layout.shape.length);
-        if (bytes.size() < layout.shape.length) break;
-        const bool filled = bytes.find_first_not_of('\0') != std::string_view::npos;
-        if (filled && bytes[0] == 0) ++zeros;
-    }
-    return 2 * zeros > records;
-}
-
 Walked walk(Source& source, const Layout& layout, Fit& fit, const std::function<void()>& step) {
-    if (marksAreZero(source, layout)) fit.allowZeroMark();
+    if (marksAreZero(source, layout.shape, layout.first)) fit.allowZeroMark();
     return walkRecords(source, fit, layout.first, layout.counted, step);
 }
 

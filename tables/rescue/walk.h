@@ -44,6 +44,9 @@ Walked walkRecords(Source& source, Fit& fit, u64 first, u32 counted,
 /// ones weigh most, because further on the file may be damaged.
 double fitFrom(Source& source, const Fit& fit, u64 place, u32 count);
 
+/// Whether the records from a place on have zero for a deletion byte, as some programs write it.
+bool marksAreZero(Source& source, const Shape& shape, u64 first);
+
 /// Where the records of an open table are not where they should be any more: the first such record,
 /// from 0, and by how many bytes they lie behind their place. Nothing while records fit there.
 struct Shift {
