@@ -44,9 +44,12 @@ private:
     };
     /// How the references go with the file.
     struct Accord {
-        u64 whole = 0;           ///< lead to whole memos
-        u64 off = 0;             ///< lead to where no memo begins
-        bool lastIsHeld = true;  ///< the memo that was written last is referred to
+        u64 whole = 0;            ///< lead to whole memos
+        u64 off = 0;              ///< lead to where no memo begins
+        bool lastIsHeld = true;   ///< the memo that was written last is referred to
+        u64 memos = 0, held = 0;  ///< in the file, and of them those that are referred to
+        u64 blocks = 0;           ///< of the file
+        bool mayBeChance() const;
         bool isFull(u64 count) const { return whole == count && off == 0 && lastIsHeld; }
         /// Whether these references go better with the file than the others did.
         bool gain(const Accord& other, bool alsoSame) const {
@@ -61,7 +64,12 @@ private:
     std::optional<Extent> extentOf(const Plan& plan, MemoReference reference);
     u64 markedEnd(u64 place);
     u64 whole(const Plan& plan);
+    bool isInHeader(const Plan& plan, MemoReference reference) const;
+    std::vector<u32> units(u32 said) const;
+    u32 saidUnit();
     u64 choose();
+    u64 meant() const;
+    std::vector<u64> places() const;
     void follow(Accord& accord);
     Accord tryAll();
     bool undoTextEnds(Accord& accord);

@@ -28,16 +28,17 @@ Reader::Reader(Source& source, const Said& said, MemoFormat memos)
 
 void Reader::addLists(const std::vector<std::vector<std::string>>& lists, const Form& form) {
     form_ = &form;
+    const bool mayBeWrong = mayLengthsBeWrong();
     bool agrees = false;
     for (const auto& descriptors : lists) {
         for (const Lengths lengths : {Lengths::Full, Lengths::Low, Lengths::Foreign}) {
             if (lengths == Lengths::Foreign && !form.level7) continue;
             Reading reading{descriptors, lengths};
             const u32 length = add(reading);
-            agrees |= length == said_.record;
+            agrees |= length == said_.record || length == record_;
         }
     }
-    if (agrees || !mayLengthsBeWrong()) return;
+    if (agrees || !mayBeWrong) return;
     for (const auto& descriptors : lists) {
         addMended(descriptors, Lengths::Full);
         addMended(descriptors, form.level7 ? Lengths::Foreign : Lengths::Low);
