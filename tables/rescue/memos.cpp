@@ -13,6 +13,7 @@ namespace {
 constexpr u32 kUsualUnits[] = {64, 512, 32, 128, 256, 1024, 2048, 4096, 16, 33, 1};
 constexpr u32 kHeader = 512;
 constexpr u32 kPrefix = 8;
+constexpr u64 kStep = 4096;   // memos
 constexpr u64 kFewIn = 50;    // one of so many is taken for damage of its own
 constexpr u64 kStaleIn = 10;  // of so many memos one may have lost its record
 constexpr double kByChance = 1e-3;
@@ -21,9 +22,10 @@ u64 roundedUp(u64 place, u32 unit) { return (place + unit - 1) / unit * unit; }
 
 }  // namespace
 
-DamagedMemos::DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText)
-    : path_(path), format_(format), wanted_(unit), isText_(isText) {
-    if (!path.empty()) source_.emplace(path);
+DamagedMemos::DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText,
+                           std::function<void()> step)
+    : path_(path), format_(format), wanted_(unit), isText_(isText), step_(std::move(step)) {
+    if (!path.empty()) source_.emplace(path, step_);
 }
 
 /// A number in the header, in the byte order of the format.
@@ -90,6 +92,7 @@ std::optional<DamagedMemos::Extent> DamagedMemos::extentOf(const Plan& plan,
 u64 DamagedMemos::whole(const Plan& plan) {
     u64 count = 0;
     for (const MemoReference reference : references_) {
+        if (++passed_ % kStep == 0) step_();
         const std::optional<Extent> extent = extentOf(plan, reference);
         const bool some = extent && (extent->end > extent->first || format_ != MemoFormat::FoxPro);
         if (!some || !extent->whole) continue;
@@ -179,6 +182,7 @@ void DamagedMemos::follow(Accord& accord) {
     const u64 first = place;
     std::size_t next = 0;
     while (place < source_->size()) {
+        if (++passed_ % kStep == 0) step_();
         while (next < wanted.size() && wanted[next] < place) ++accord.off, ++next;
         const std::optional<Extent> extent = extentAt(place, 0);
         const bool memo = extent && extent->end > extent->first;
@@ -217,7 +221,7 @@ DamagedMemos::Accord DamagedMemos::tryAll() {
 /// Undoes a transfer as text where references go better with the file then.
 bool DamagedMemos::undoTextEnds(Accord& accord) {
     Source found = std::move(*source_);
-    source_.emplace(path_);
+    source_.emplace(path_, step_);
     source_->undoTextEnds();
     const Accord undone = tryAll();
     const bool better = undone.gain(accord, isText_);

@@ -3,6 +3,7 @@
 // memo after the other begins.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,7 +18,9 @@ class DamagedMemos {
 public:
     /// path: empty when the file is missing. unit: bytes per block; 0: what the header says, or
     /// else what fits. isText: the table has come through a transfer as text, and so has this.
-    DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText);
+    /// step: called every now and then; may throw.
+    DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText,
+                 std::function<void()> step);
 
     /// To be told every reference before the first memo is read.
     void add(MemoReference reference) { references_.push_back(reference); }
@@ -79,10 +82,12 @@ private:
     const MemoFormat format_;
     const u32 wanted_;
     const bool isText_;
+    const std::function<void()> step_;
     Plan plan_;
     std::vector<MemoReference> references_;
     std::vector<u32> others_;  ///< blocks
     bool doubtful_ = false;
+    u64 passed_ = 0;  ///< memos
 };
 
 }  // namespace mira::tables
