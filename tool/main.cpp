@@ -90,9 +90,9 @@ int runProgram(int argc, char** argv) {
 }
 
 /// A bar while a change is undone.
-void showUndoing(u64 done, u64 total) {
+void showUndoing(mira::u64 done, mira::u64 total) {
     static std::optional<Progress> bar;
-    static u64 shown = 0;
+    static mira::u64 shown = 0;
     if (total == 0) return bar.reset();
     if (done == 0) {
         bar.emplace("undoing", total, "bytes");

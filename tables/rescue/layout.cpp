@@ -26,6 +26,22 @@ std::vector<std::string> repairsOf(const List& list, const Reading& reading, con
     return repairs;
 }
 
+/// All readings of a list, as its descriptors stand and as the mended one may be.
+void addReadings(Reader& reader, const List& list, const Said& said) {
+    const u32 least = list.form->fixed;
+    if (said.header >= least) addAround(reader.starts, said.header, least);
+    addAround(reader.starts, list.end, least);
+    if (said.visual || list.form->level7) addAround(reader.starts, list.end + kBackLink, least);
+    reader.listEnd = list.end;
+    reader.isMended = list.mends != 0;
+    std::vector<std::vector<std::string>> lists{list.descriptors};
+    for (const std::string& other : list.others) {
+        lists.push_back(list.descriptors);
+        lists.back()[list.mended] = other;
+    }
+    reader.addLists(lists, *list.form);
+}
+
 }  // namespace
 
 Layout ownLayout(Source& source, const std::string& name) {
@@ -41,18 +57,7 @@ Layout ownLayout(Source& source, const std::string& name) {
     const Said said = saidBy(fixed);
     Reader reader(source, said,
                   static_cast<u8>(fixed[0]) == 0xE5 ? MemoFormat::Smt : MemoFormat::FoxPro);
-    if (said.header >= list.form->fixed) addAround(reader.starts, said.header, list.form->fixed);
-    addAround(reader.starts, list.end, list.form->fixed);
-    if (said.visual || list.form->level7)
-        addAround(reader.starts, list.end + kBackLink, list.form->fixed);
-    reader.listEnd = list.end;
-    reader.isMended = list.mends != 0;
-    std::vector<std::vector<std::string>> lists{list.descriptors};
-    for (const std::string& other : list.others) {
-        lists.push_back(list.descriptors);
-        lists.back()[list.mended] = other;
-    }
-    reader.addLists(lists, *list.form);
+    addReadings(reader, list, said);
     if (reader.readings.empty()) refuse(name, ": no record can be made of its descriptors");
     const bool near = sortReadings(reader.readings);
     const Reading& best = reader.readings.front();
