@@ -10,6 +10,8 @@
 #include "tables/change/append.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
+#include "terminal/progress.h"
+#include "terminal/status.h"
 
 namespace mira::tool {
 namespace {
@@ -447,7 +449,11 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
     std::vector<Common> columns(headings.size());
     CsvRow row;
     std::string scratch;
+    Progress progress(csv.name(), csv.countLines());
+    csv.next(row);  // the headings
     while (csv.next(row)) {
+        leaveIfStopped();
+        progress.add(1);
         for (std::size_t i = 0; i < std::min(row.cells.size(), columns.size()); ++i) {
             addValue(row.cells[i].text, notation, page, &scratch, &columns[i]);
         }
