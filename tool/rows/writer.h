@@ -48,7 +48,7 @@ enum FormatBits : u8 {
     kTakesLines = 1,      ///< --no-heading, --bom, --crlf
     kTakesDelimiter = 2,  ///< -d, --excel
     kTakesTables = 4,     ///< --replace: it holds several tables
-    kTakesDatabase = 8,   ///< --append, --exact: a file that may be there already; see Database
+    kTakesDatabase = 16,  ///< --append, --exact: a file that may be there already; see Database
 };
 
 struct Format {
