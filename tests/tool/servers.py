@@ -43,24 +43,20 @@ class Server:
     def start(self, folder):
         self.folder = folder
         as_nobody = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.getuid() == 0 else {}
-        self.own = dict(as_nobody, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                        stderr=(folder / "log").open("wb"), cwd=folder,
-                        env=dict(os.environ, HOME=str(folder), LC_ALL="C"))
+        log = (folder / "log").open("wb")
+        own = dict(as_nobody, stdin=subprocess.DEVNULL, stdout=log, stderr=log, cwd=folder,
+                   env=dict(os.environ, HOME=str(folder), LC_ALL="C"))
         if as_nobody:
             os.chown(folder, NOBODY, NOBODY)
-        subprocess.run([str(part) for part in self.prepare()], check=True, **self.own)
-        self.process = subprocess.Popen([str(part) for part in self.command()], **self.own)
-        for _ in range(300):
+        subprocess.run(self.prepare(), check=True, **own)
+        self.process = subprocess.Popen(self.command(), **own)
+        while not run(*self.client[:-1], *self.ask, status=None)[0]:
             if self.process.poll() is not None:
-                break
-            if run(*self.client[:-1], *self.ask, status=None)[0]:
-                return
+                sys.exit((folder / "log").read_text(errors="replace")[-2000:])
             time.sleep(0.1)
-        sys.exit((folder / "log").read_text(errors="replace")[-2000:])
 
-    def stop(self):
-        self.process.terminate()
-        self.process.wait()
+    def name(self, name):
+        return name
 
     def load(self, script, status=0):
         return run(*self.client, input=script, status=status)
@@ -97,7 +93,7 @@ class Postgres(Server):
 
     def cell(self, column, kind):
         name = '"' + column.replace('"', '""') + '"'
-        given = name if kind == "bytea" else f"convert_to({name}::text, 'UTF8')"
+        given = name if is_binary(kind) else f"convert_to({name}::text, 'UTF8')"
         return f"coalesce(encode({given}, 'hex'), '-')"
 
     def query(self, name, columns):
@@ -131,12 +127,9 @@ class Mysql(Server):
                 "--innodb-flush-log-at-trx-commit=0", "--innodb-flush-method=nosync",
                 "--innodb-doublewrite=0", "--innodb-fast-shutdown=3"]
 
-    def name(self, name):
-        return name
-
     def cell(self, column, kind):
         name = "`" + column.replace("`", "``") + "`"
-        given = name if "blob" in kind or "binary" in kind else f"convert({name} using utf8mb4)"
+        given = name if is_binary(kind) else f"convert({name} using utf8mb4)"
         return f"ifnull(hex({given}), '-')"
 
     def query(self, name, columns):
@@ -152,10 +145,6 @@ class Mysql(Server):
         """Its year 0 is no leap year."""
         return None if isinstance(value, str) and value.startswith("0000-02-29") else value
 
-
-# ---------------------------------------------------------------------------------------------
-# Tables
-# ---------------------------------------------------------------------------------------------
 
 TEXTS = [text.encode() for text in (
     "", "NULL", "\\N", "\\.", "\\", "'", "\"", "`", "');DROP TABLE x;--", "a\tb\nc\rd\r\ne", "\x01\x1a\x1b\x7f\b",
@@ -215,10 +204,6 @@ def make_tables(folder):
     (folder / "many.dbf").write_bytes(wide(1000, 10, [b"", b"u"]))
     (folder / "toomany.dbf").write_bytes(wide(2000, 1, [b"1"]))
 
-
-# ---------------------------------------------------------------------------------------------
-# What is proved
-# ---------------------------------------------------------------------------------------------
 
 SHOWN = ["--record", "--deleted", "include"]
 # Two names that are the same as far as the servers take them.
@@ -322,19 +307,18 @@ def main():
     if not server.programs:
         print(f"skipped: no server for {server.format} is installed")
         return 77
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="mira-"))
-    os.chmod(folder, 0o755)
-    (folder / "server").mkdir()
-    (folder / "tables").mkdir()
-    try:
+    with tempfile.TemporaryDirectory(prefix="mira-") as name:
+        folder = pathlib.Path(name)
+        folder.chmod(0o755)
+        for part in ("server", "tables"):
+            (folder / part).mkdir()
         server.start(folder / "server")
         try:
             prove_real(server)
             prove_hostile(server, folder / "tables")
         finally:
-            server.stop()
-    finally:
-        shutil.rmtree(folder)
+            server.process.terminate()
+            server.process.wait()
     return 0
 
 

@@ -388,15 +388,22 @@ void exportSchema(Work& work) {
 // Scripts
 // --------------------------------------------------------------------------------------------
 
-/// Tells what a server calls by another name than the table does, letter case aside.
-void tellServerNames(const ServerTable& made, const Selection& selection,
+/// Tells what a server has under another name than the table, letter case aside, or as another type
+/// than one would expect.
+void tellServerTable(const ServerTable& made, const Selection& selection,
                      const std::vector<Heading>& headings) {
     const std::string& path = selection.table->path;
     if (!sameText(made.name, stemOf(path))) note("{} is {}", made.name, path);
     for (std::size_t i = 0; i < headings.size(); ++i) {
-        const std::string& name = made.columns[i].name;
-        if (sameText(name, headings[i].name)) continue;
-        note("{}: field {} is the column {}", path, headings[i].name, name);
+        const auto& [name, type, form] = made.columns[i];
+        const Column* const column = headings[i].column;
+        if (!sameText(name, headings[i].name)) {
+            note("{}: field {} is the column {}", path, headings[i].name, name);
+        }
+        if (column != nullptr && column->kind == Kind::Decimal && form == Form::Text) {
+            note("{}: field {} has numbers that no type of the server holds, so it is {}", path,
+                 headings[i].name, type);
+        }
     }
 }
 
@@ -407,7 +414,7 @@ std::unique_ptr<Selection> makeTable(Work& work, ScriptWriter& script, const Fou
         requireColumns(*selection);
         const std::vector<Heading> headings = headingsOf(work, *selection);
         const Table& table = *selection->table;
-        tellServerNames(script.create(stemOf(table.path), headings, &table), *selection, headings);
+        tellServerTable(script.create(stemOf(table.path), headings, &table), *selection, headings);
         return selection;
     } catch (const Refusal& refusal) {
         addRefusal(work, refusal.what());

@@ -58,8 +58,13 @@ std::string cutName(std::string_view name, const NameRules& rules, std::size_t r
 }
 
 /// The text in which names are the same that the server takes for the same.
-std::string keyOf(const std::string& name, const NameRules& rules) {
+std::string keyOf(std::string name, const NameRules& rules) {
     if (!rules.ignoresMarks) return name;
+    for (const auto& [letter, plain] : {std::pair("ß", "s"), std::pair("ı", "i")}) {
+        for (std::size_t at = name.find(letter); at != std::string::npos; at = name.find(letter)) {
+            name.replace(at, 2, plain);
+        }
+    }
     utf8proc_uint8_t* folded = nullptr;
     const utf8proc_ssize_t length =
         utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(name.data()),
