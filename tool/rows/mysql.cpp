@@ -113,31 +113,31 @@ RowSize sizeOf(const std::vector<ServerColumn>& columns) {
     return size;
 }
 
+/// Whether a number would be taken for a double if it had no quotes.
+bool hasExponent(std::string_view digits) {
+    return std::any_of(digits.begin(), digits.end(), [](char c) { return c == 'e' || c == 'E'; });
+}
+
 class MysqlWriter final : public ScriptWriter {
 public:
     MysqlWriter(Output& out, const WriterOptions& options)
         : ScriptWriter(out, options, namesOfMysql(), std::string_view("'\\\n\r\0\x1A", 6)) {}
 
     void cell(std::size_t column, const Value& value) override {
-        if (column == 0)
-            beginRow();
-        else
-            put(",");
+        if (column == 0) beginRow();
+        comma_ = column != 0;
         const Form form = table_->columns[column].form;
         switch (value.kind) {
             case ValueKind::Null:
             case ValueKind::Blank:
-                return put("NULL");
+                return putCell("NULL", false);
             case ValueKind::Text:
                 return form == Form::Bytes ? putBytes(value.text) : putText(value.text);
             case ValueKind::Bytes:
                 if (form == Form::Bytes) return putBytes(value.text);
                 break;
-            case ValueKind::Digits: {
-                // What has an exponent would be taken for a double.
-                const bool plain = value.text.find_first_of("eE") == std::string_view::npos;
-                return form == Form::Number && plain ? put(value.text) : putQuoted(value.text);
-            }
+            case ValueKind::Digits:
+                return putCell(value.text, form != Form::Number || hasExponent(value.text));
             case ValueKind::Date:
             case ValueKind::Moment:
                 return putDate(value.text);
@@ -149,7 +149,7 @@ public:
         }
         text_.clear();
         putPlain(text_, value);
-        form == Form::Number ? put(text_) : putQuoted(text_);
+        putCell(text_, form != Form::Number);
     }
     void endRow() override { put(")"); }
 
@@ -196,14 +196,21 @@ private:
         put(size_ == 0 ? std::string_view(insert_) : std::string_view(",\n("));
     }
 
-    void putQuoted(std::string_view text) {
-        put("'");
-        put(text);
-        put("'");
+    void putCell(std::string_view text, bool quoted) {
+        const std::string_view after = quoted ? "'" : "";
+        std::string_view before = quoted ? ",'" : ",";
+        if (!comma_) before.remove_prefix(1);
+        if (copyPlain(text, before, after)) {
+            size_ += before.size() + text.size() + after.size();
+            return;
+        }
+        put(before);
+        putSpecial(text);
+        put(after);
     }
 
     void putBytes(std::string_view bytes) {
-        put("x'");
+        put(comma_ ? ",x'" : "x'");
         putHex(bytes);
         size_ += bytes.size() * 2;
         put("'");
@@ -211,20 +218,14 @@ private:
 
     /// Its year 0 is no leap year.
     void putDate(std::string_view text) {
-        if (!text.starts_with("0000-02-29")) return putQuoted(text);
-        put("NULL");
+        if (!text.starts_with("0000-02-29")) return putCell(text, true);
+        putCell("NULL", false);
         fault = Fault::Unkept;
     }
 
     void putText(std::string_view text) {
-        if (out_.isTerminal() && needsEscape(text)) return putText(escaped(text));
-        put("'");
-        if (copyPlain(text)) {
-            size_ += text.size();
-        } else {
-            putSpecial(text);
-        }
-        put("'");
+        if (out_.isTerminal() && needsEscape(text)) return putCell(escaped(text), true);
+        putCell(text, true);
     }
     void putSpecial(std::string_view text) {
         for (const char c : text) {
@@ -238,6 +239,7 @@ private:
         size_ += text.size();
     }
 
+    bool comma_ = false;  // before the next cell
     std::string insert_;  // up to the first row
     u64 size_ = 0;        // of the INSERT that is open; 0: none
 };

@@ -245,14 +245,17 @@ std::string ScriptWriter::columnList(const ServerTable& table) const {
     return textOf('(', joined(names), ')');
 }
 
-bool ScriptWriter::copyPlain(std::string_view text) {
-    if (text.size() > Output::kRoom) return false;
-    char* const to = out_.room(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (isSpecial(text[i])) return false;
-        to[i] = text[i];
+bool ScriptWriter::copyPlain(std::string_view text, std::string_view before,
+                             std::string_view after) {
+    const std::size_t size = before.size() + text.size() + after.size();
+    if (size > Output::kRoom) return false;
+    char* to = std::copy(before.begin(), before.end(), out_.room(size));
+    for (const char c : text) {
+        if (isSpecial(c)) return false;
+        *to++ = c;
     }
-    out_.taken(text.size());
+    std::copy(after.begin(), after.end(), to);
+    out_.taken(size);
     return true;
 }
 

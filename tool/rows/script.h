@@ -90,8 +90,9 @@ protected:
     std::string quoted(std::string_view name) const;
     std::string columnList(const ServerTable& table) const;
     bool isSpecial(char c) const { return special_[static_cast<u8>(c)]; }
-    /// Copies a text without anything special; false when there is.
-    bool copyPlain(std::string_view text);
+    /// Writes a text without anything special, between two others; false when there is.
+    bool copyPlain(std::string_view text, std::string_view before = "",
+                   std::string_view after = "");
     void putHex(std::string_view bytes);
 
     Output& out_;
