@@ -136,7 +136,7 @@ void putArray(const std::vector<Field>& fields, std::vector<Vector> vectors, std
 const char* faultWord(Fault fault) {
     constexpr const char* kWords[tables::kFaults] = {
         "",        "no_number", "no_date", "no_logical", "no_character", "length_past_end",
-        "no_memo", "memo_cut",  "rounded"};
+        "no_memo", "memo_cut",  "rounded", "unkept"};
     return kWords[static_cast<std::size_t>(fault)];
 }
 

@@ -10,6 +10,8 @@ build=$root/build/release
 build_packages=(g++ cmake make)
 tool_packages=(pkg-config libcli11-dev libsqlite3-dev libuchardet-dev libutf8proc-dev libfmt-dev)
 test_packages=(libgtest-dev sqlite3 python3)
+# Servers that tests start themselves; without them these are skipped.
+server_packages=(postgresql mariadb-server-core mariadb-client-core)
 
 # Whether a Debian package, or the tool it is wanted for, is there.
 present() {

@@ -11,6 +11,7 @@ const char* wordOf(Fault fault) {
     switch (fault) {
         case Fault::None:
         case Fault::Rounded:
+        case Fault::Unkept:
             return "";
         case Fault::NoNumber:
             return "its bytes are no number";

@@ -469,6 +469,8 @@ std::string faultSentence(Fault fault, u64 count) {
         {"memo is cut: the memo file does not hold all of it",
          "memos are cut: the memo file does not hold all of them"},
         {"number of more than 15 digits is rounded", "numbers of more than 15 digits are rounded"},
+        {"value that the server cannot keep came out empty or with U+FFFD",
+         "values that the server cannot keep came out empty or with U+FFFD"},
     };
     return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
 }

@@ -47,7 +47,7 @@ public:
     void begin(const std::vector<Heading>& /*headings*/) override {}
     void cell(std::size_t column, const Value& value) override {
         const Stored stored = storedAs((*columns_)[column], value);
-        rounded = stored.rounded;
+        if (stored.rounded) fault = Fault::Rounded;
         const bool lasts = lastsForRecord(*table_, value.text);
         check(bindValue(insert_.get(), static_cast<int>(column) + 1, stored, lasts));
     }

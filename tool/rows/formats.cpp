@@ -8,7 +8,7 @@
 namespace mira::tool {
 
 using MakeWriter = std::unique_ptr<RowWriter>(Output&, const WriterOptions&);
-MakeWriter gridWriter, csvWriter, tsvWriter, jsonWriter, jsonLinesWriter;
+MakeWriter gridWriter, csvWriter, tsvWriter, jsonWriter, jsonLinesWriter, postgresWriter, mysqlWriter;
 
 namespace {
 
@@ -19,7 +19,9 @@ constexpr Format kFormats[] = {
     {"tsv", ".tsv", kTakesLines, tsvWriter},
     {"json", ".json", 0, jsonWriter},
     {"jsonl", ".jsonl .ndjson", 0, jsonLinesWriter},
-    {"sqlite", ".db .sqlite .sqlite3", kTakesTables, nullptr},
+    {"sqlite", ".db .sqlite .sqlite3", kTakesTables | kTakesDatabase, nullptr},
+    {"postgres", ".sql", kTakesTables, postgresWriter},
+    {"mysql", ".sql", kTakesTables, mysqlWriter},
 };
 
 template <typename Wanted>
@@ -44,12 +46,13 @@ const FormatWords& shownFormats() {
 }
 
 const Format* formatOfExtension(const std::string& extension) {
-    const auto* const found =
-        std::find_if(std::begin(kFormats), std::end(kFormats), [&](const Format& format) {
-            const std::string all = textOf(format.extensions, ' ');
-            return !extension.empty() && all.find(foldCase(extension) + ' ') != std::string::npos;
-        });
-    return found != std::end(kFormats) ? found : nullptr;
+    const auto has = [&](const Format& format) {
+        const std::string all = textOf(format.extensions, ' ');
+        return !extension.empty() && all.find(foldCase(extension) + ' ') != std::string::npos;
+    };
+    const auto* const found = std::find_if(std::begin(kFormats), std::end(kFormats), has);
+    if (found == std::end(kFormats)) return nullptr;
+    return std::none_of(found + 1, std::end(kFormats), has) ? found : nullptr;
 }
 
 std::string extensionOf(const Format& format) {

@@ -20,12 +20,15 @@ struct WriterOptions {
     bool bom = false;
     bool crlf = false;
     char delimiter = ',';
-    bool excel = false;  // a "'" before texts that a spreadsheet would take for a formula
+    bool excel = false;    // a "'" before texts that a spreadsheet would take for a formula
+    bool replace = false;  // in scripts: DROP TABLE IF EXISTS before CREATE TABLE
+    bool schema = false;   // in scripts: CREATE TABLE only
 };
 
 struct Heading {
     std::string name;
-    bool mayBeNull = false;  // an empty text is told from null
+    bool mayBeNull = false;          // an empty text is told from null
+    const Column* column = nullptr;  // whose values these are; null: any values
 };
 
 /// Rows to where they go: begin, then for every row a cell per column and endRow, then end.
@@ -36,22 +39,24 @@ public:
     virtual void cell(std::size_t column, const Value& value) = 0;
     virtual void endRow() = 0;
     virtual void end() = 0;
-    u64 guarded = 0;       ///< texts that got a "'" in front
-    bool rounded = false;  ///< the cell just written says more than is kept of it
+    u64 guarded = 0;            ///< texts that got a "'" in front
+    Fault fault = Fault::None;  ///< what is not kept of the cell just written
 };
 
 /// Which options mean something to a format.
 enum FormatBits : u8 {
     kTakesLines = 1,      ///< --no-heading, --bom, --crlf
     kTakesDelimiter = 2,  ///< -d, --excel
-    kTakesTables = 4,     ///< --replace, --append, --exact: it holds several tables
+    kTakesTables = 4,     ///< --replace: it holds several tables
+    kTakesDatabase = 16,  ///< --append, --exact: a file that may be there already; see Database
 };
 
 struct Format {
     const char* name;        ///< as -F takes it
     const char* extensions;  ///< of its files, parted by blanks; the first is the one written
     unsigned bits;
-    std::unique_ptr<RowWriter> (*make)(Output&, const WriterOptions&);  ///< null: see Database
+    /// Null for a database. A ScriptWriter where it takes tables.
+    std::unique_ptr<RowWriter> (*make)(Output&, const WriterOptions&);
     bool has(FormatBits bit) const { return (bits & bit) != 0; }
 };
 
@@ -60,7 +65,7 @@ using FormatWords = std::vector<std::pair<const char*, const Format*>>;
 /// all that are text. The first is the default.
 const FormatWords& fileFormats();
 const FormatWords& shownFormats();
-/// The format with an extension, such as ".csv"; null when there is none.
+/// The format with an extension, such as ".csv"; null when there is none, or more than one.
 const Format* formatOfExtension(const std::string& extension);
 /// The extension that its files get.
 std::string extensionOf(const Format& format);
