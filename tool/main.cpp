@@ -8,6 +8,7 @@
 #include <string>
 
 #include "commands.h"
+#include "tables/archive/archive.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
 #include "terminal/progress.h"
@@ -84,6 +85,7 @@ int runProgram(int argc, char** argv) {
         return refuseLine(program, e, argc > 1 ? argv[1] : "");
     }
     apply(common);
+    setUnpackHook(leaveIfStopped);
     return job();
 }
 

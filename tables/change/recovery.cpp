@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "tables/archive/archive.h"
 #include "tables/change/backup.h"
 #include "tables/change/swap.h"
 #include "tables/open/find.h"
@@ -392,6 +393,7 @@ Recovery recover(const ChangeNames& names) {
 }
 
 Recovery recoverNamed(const std::string& name) {
+    if (isInArchive(name)) return {};
     const std::string path = tableOrJournal(name);
     if (path.empty()) return {};
     const ChangeNames names(path);
@@ -467,6 +469,7 @@ void unlock(Table& table) { releaseLock(fileno(table.base->TableFile)); }
 
 Opened openForChange(const std::string& name, const TableOptions& options, bool keepLeft) {
     Opened opened;
+    refuseArchive(name);
     const Recovery found = recoverNamed(name);
     if (found.found == Found::Left && !keepLeft) refuse(found.sentence);
     if (!found.sentence.empty()) opened.notes.push_back(found.sentence);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "tables/archive/archive.h"
 #include "tables/change/backup.h"
 #include "tables/change/recovery.h"
 #include "tables/change/swap.h"
@@ -59,12 +60,14 @@ Undone undoneOf(const std::string& path, const ChangeNames& names, u32* number) 
 }  // namespace
 
 Undone wouldUndo(const std::string& name) {
+    refuseArchive(name);
     const std::string path = findTable(name);
     u32 number = 0;
     return undoneOf(path, ChangeNames(path), &number);
 }
 
 Undone undoLast(const std::string& name) {
+    refuseArchive(name);
     const Recovery found = recoverNamed(name);
     const std::string path = findTable(name);
     const ChangeNames names(path);

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "tables/archive/archive.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
@@ -54,7 +55,7 @@ std::optional<std::string> cpgFile(const fs::path& table, Listing* listing) {
 
 /// The one line of a .cpg file; empty when there is none, or a longer one.
 std::string cpgLine(const std::string& path) {
-    const File file(Open_FileRO(path.c_str()));
+    const File file(Open_FileRO(readable(path).path.c_str()));
     if (!file) return "";
     char bytes[kCpgRead];
     std::string_view text(bytes, ReadFile(file.get(), bytes, sizeof bytes));

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tables/archive/archive.h"
 #include "tables/page/refusal.h"
 
 namespace mira::tables {
@@ -19,7 +20,7 @@ constexpr std::size_t kBehind = std::size_t{1} << 17;  // kept of what lies befo
 
 Source::Source(const std::string& path) : path_(path) {
     errno = 0;
-    File file(Open_FileRO(path.c_str()));
+    File file(Open_FileRO(readable(path).path.c_str()));
     if (!file) refuse(path, ": ", errno != 0 ? std::strerror(errno) : "no regular file");
     take(std::move(file));
 }

@@ -10,6 +10,7 @@
 #include "tables/change/append.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
+#include "terminal/status.h"
 
 namespace mira::tool {
 namespace {
@@ -438,6 +439,7 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
     CsvRow row;
     std::string scratch;
     while (csv.next(row)) {
+        leaveIfStopped();
         for (std::size_t i = 0; i < std::min(row.cells.size(), columns.size()); ++i) {
             addValue(row.cells[i].text, notation, page, &scratch, &columns[i]);
         }

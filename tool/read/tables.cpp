@@ -5,6 +5,7 @@
 #include "read/facts.h"
 #include "rows/grid.h"
 #include "select/opening.h"
+#include "tables/archive/archive.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
@@ -38,7 +39,9 @@ Status run(const Options& options) {
     grid.columns = {{"table"},        {"flavour"},          {"records", true},
                     {"fields", true}, {"memo bytes", true}, {"code page"},
                     {"repaired"}};
-    if (!std::filesystem::is_directory(options.folder)) refuse(options.folder, ": no such folder");
+    if (!isInArchive(options.folder) && !std::filesystem::is_directory(options.folder)) {
+        refuse(options.folder, ": no such folder");
+    }
     std::vector<std::vector<std::string>> rows;
     Listing listing;
     const auto addRow = [&](const std::string& path) {

@@ -38,6 +38,11 @@ const FormatWords& shownFormats() {
     return words;
 }
 
+const FormatWords& answerFormats() {
+    static const FormatWords words = wordsOf([](const Format&) { return true; });
+    return words;
+}
+
 const Format* formatOfExtension(const std::string& extension) {
     const auto* const found =
         std::find_if(std::begin(kFormats), std::end(kFormats), [&](const Format& format) {

@@ -2,6 +2,8 @@
 //
 // A new table is made beside its place and moved there when it is whole. What is appended is
 // checked first, all of it.
+#include "write/import.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <optional>
@@ -362,10 +364,8 @@ IndexPlan indexOf(const Table* old, const Target& target, const Options& options
            "made; remove it, or go without --reindex");
 }
 
-Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
-    const Target target =
-        newTableTarget(options.table, options.change, "--append adds to it, --force replaces it");
-    const Plan plan = planTable(options, csv, headings);
+Status createBy(const Plan& plan, const Target& target, const Options& options, CsvReader& csv,
+                const std::vector<std::string>& headings) {
     const std::unique_ptr<Table> old = openOld(target, options.change);
     std::optional<Swap> swap;
     old ? swap.emplace(target.path, memoFileOf(*old)) : swap.emplace(target.path);
@@ -389,6 +389,12 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
         tellStale(*table, {.records = true}, options.change);
     }
     return tellImported(importer, target.path, "written", options.change.dryRun);
+}
+
+Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
+    const Target target =
+        newTableTarget(options.table, options.change, "--append adds to it, --force replaces it");
+    return createBy(planTable(options, csv, headings), target, options, csv, headings);
 }
 
 Status run(const Options& options) {
@@ -439,6 +445,48 @@ void addOptions(CLI::App& command, Options& options) {
 }
 
 }  // namespace
+
+namespace {
+/// The wanted page, or, unless no other will do, the first that holds all letters.
+std::string pageFor(CsvReader& csv, const RowsToImport& rows) {
+    const bool visual = rows.kind == TableKind::Visual;
+    if (rows.fixedPage) return rows.codePage;
+    const std::string letters = lettersOf(csv);
+    for (const std::string& name :
+         {rows.codePage, std::string(visual ? "CP1252" : "CP437"), std::string("CP1252"),
+          std::string("CP1251"), std::string("CP866"), std::string("CP1250")}) {
+        const auto page = name.empty() ? nullptr : openPage(name);
+        if (page && holdsAll(*page, letters)) return name;
+    }
+    return "UTF-8";
+}
+}  // namespace
+
+Status importRows(const RowsToImport& rows, const ChangeOptions& change) {
+    Options options;
+    options.table = rows.table;
+    options.kind = rows.kind;
+    options.change = change;
+    CsvReader csv(rows.csv, {});
+    csv.rename(rows.table);
+    Plan plan;
+    plan.codePage = pageFor(csv, rows);
+    const auto page = openPage(plan.codePage);
+    if (!page) refuse("--code-page ", plan.codePage, ": no such code page");
+    csv.rewind();
+    const std::vector<std::string> headings = readHeadings(csv);
+    plan.fields = inferFields(csv, headings, {}, rows.kind, *page);
+    for (std::size_t i = 0; i < plan.fields.size(); ++i) {
+        const std::optional<FieldPlan> better = rows.better(i, plan.fields[i]);
+        if (!better) continue;
+        const std::string name = plan.fields[i].name;
+        plan.fields[i] = *better;
+        plan.fields[i].name = name;
+    }
+    note("{}: its fields are {}", rows.table, schemaText(plan.fields));
+    const Target target = newTableTarget(rows.table, change, "--force replaces it");
+    return createBy(plan, target, options, csv, headings);
+}
 
 void addImport(CLI::App& program, Job& job) {
     const auto [command, options] = newCommand(

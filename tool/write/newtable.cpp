@@ -1,6 +1,7 @@
 #include "write/newtable.h"
 
 #include "select/opening.h"
+#include "tables/archive/archive.h"
 #include "tables/change/recovery.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
@@ -11,6 +12,7 @@ namespace fs = std::filesystem;
 
 Target newTableTarget(const std::string& name, const ChangeOptions& options,
                       const std::string& otherwise) {
+    refuseArchive(name);
     fs::path path = name;
     if (path.extension().empty()) path += ".dbf";
     Target target = targetOf(path.string());
