@@ -37,9 +37,14 @@ void collectBelow(const std::string& folder, std::error_code& error,
 
 void collect(const std::string& path, const Listing::Folder& folder,
              std::vector<std::string>& found) {
+    const bool archive = isInArchive(path);
     for (const auto& [folded, names] : folder.names) {
         if (!folded.ends_with(kExtension)) continue;
         for (const std::string& name : names) {
+            if (archive) {
+                found.push_back(textOf(path, '/', name));
+                continue;
+            }
             std::error_code error;
             const fs::directory_entry entry(fs::path(path) / name, error);
             if (isTable(entry)) found.push_back(entry.path().string());

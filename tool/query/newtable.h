@@ -16,28 +16,33 @@ namespace mira::tool {
 /// table are chosen by all its values.
 class NewTableRows final : public RowWriter {
 public:
-    explicit NewTableRows(const Answer& answer);
+    /// The kind and the code page of the first table that a column comes from, where none is given.
+    NewTableRows(const Answer& answer, std::optional<TableKind> kind, std::string codePage);
 
     void begin(const std::vector<Heading>& headings) override { csv_->begin(headings); }
     void cell(std::size_t column, const Value& value) override;
     void endRow() override { csv_->endRow(); }
     void end() override {}
-    /// Makes the table; of the kind and in the page of the first table that a column comes from,
-    /// unless a kind or a page is given. Throws a Refusal.
-    Status make(const std::string& table, std::optional<TableKind> kind,
-                const std::string& codePage, const ChangeOptions& change);
+    /// Makes the table. Throws a Refusal.
+    Status make(const std::string& table, const ChangeOptions& change);
 
 private:
     /// What the values of a column were.
     struct Seen {
-        bool text = false;
-        std::size_t longest = 0;  ///< bytes of a text
+        bool text = false, real = false;
+        bool huge = false;            ///< a number that no field of digits holds
+        int whole = 1, decimals = 0;  ///< digits of numbers
+        std::size_t longest = 0;      ///< bytes of a text
     };
-    std::optional<FieldPlan> fieldOf(std::size_t column, const FieldPlan& suggested,
-                                     TableKind kind) const;
+    Value rounded(Seen& seen, const Value& value);
+    std::optional<FieldPlan> fieldOf(std::size_t column, const FieldPlan& suggested) const;
 
     const Answer& answer_;
+    const NamedTables::Known* first_;
+    TableKind kind_;
+    std::string codePage_;
     std::vector<Seen> seen_;
+    std::string digits_;
     NamelessFile file_;
     Output out_;
     std::unique_ptr<RowWriter> csv_;

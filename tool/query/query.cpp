@@ -297,14 +297,12 @@ void refuseSecond(Sink& sink) {
 RowCount intoTable(Query& query, sqlite3_stmt* statement, Answer& answer) {
     const Options& options = query.options;
     refuseSecond(query.sink);
-    NewTableRows rows(answer);
+    NewTableRows rows(answer, options.kind, options.table.codePage);
     rows.begin(answer.headings());
     const RowCount count = copyRows(query, statement, answer, rows);
     ChangeOptions change = options.change;
     change.force = options.force;
-    const Status made =
-        rows.make(query.sink.target.path, options.kind, options.table.codePage, change);
-    query.status = worse(query.status, made);
+    query.status = worse(query.status, rows.make(query.sink.target.path, change));
     return count;
 }
 

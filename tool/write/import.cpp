@@ -5,6 +5,7 @@
 #include "write/import.h"
 
 #include <algorithm>
+#include <charconv>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -103,6 +104,7 @@ struct Importer {
     bool silent = false;     ///< what does not fit has been told
     bool isNew = false;      ///< counting columns of a new table keep the values that are given
     bool asWritten = false;  ///< numbers stay as they are written
+    bool rounds = false;     ///< decimals that a field of digits has no room for
     std::vector<Encoded> values{};
     std::set<int> counted{};   ///< fields of counting columns that have values
     std::string plain{};       ///< a cell in the notation of exports
@@ -137,6 +139,21 @@ std::string encodeCell(Importer& importer, Column& column, const Given& given, E
     return reason;
 }
 
+/// A number with no more decimals than a field holds.
+std::string_view withoutDecimals(std::string_view number, u8 decimals, std::string& scratch) {
+    const std::size_t point = number.find('.');
+    if (point == std::string_view::npos || number.size() - point - 1 <= decimals ||
+        !areDigits(number.substr(point + 1))) {
+        return number;
+    }
+    char digits[64];
+    const auto end = std::to_chars(digits, digits + sizeof digits, toReal(number),
+                                   std::chars_format::fixed, decimals);
+    if (end.ec != std::errc()) return number;
+    scratch.assign(digits, end.ptr);
+    return scratch;
+}
+
 /// The text of a cell as it would be exported; nothing when it is no number in the file's notation.
 std::optional<std::string_view> plainCell(Importer& importer, const Column& column,
                                           std::string_view text) {
@@ -144,7 +161,11 @@ std::optional<std::string_view> plainCell(Importer& importer, const Column& colu
     if (kind == Kind::Date || kind == Kind::Moment) {
         return plainDate(importer.notation, text, importer.plain);
     }
-    return isOfNumbers(column) ? plainNumber(importer.notation, text, importer.plain) : text;
+    if (!isOfNumbers(column)) return text;
+    if (importer.rounds && kind == Kind::Decimal) {
+        return withoutDecimals(text, column.decimals, importer.plain);
+    }
+    return plainNumber(importer.notation, text, importer.plain);
 }
 
 /// Encodes a cell of the file, if the row has it. Empty, or why it does not fit.
@@ -307,6 +328,7 @@ struct Plan {
     std::unique_ptr<Table> like;
     std::vector<FieldPlan> fields;
     std::string codePage;
+    bool rounds = false;
 };
 
 Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
@@ -377,6 +399,7 @@ Status createBy(const Plan& plan, const Target& target, const Options& options, 
                       newMapping(plan, options, *table, headings, csv.name())};
     importer.isNew = true;
     importer.asWritten = plan.like != nullptr;
+    importer.rounds = plan.rounds;
     takeRows(importer, Pass::Write, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
@@ -471,6 +494,7 @@ Status importRows(const RowsToImport& rows, const ChangeOptions& change) {
     csv.rename(rows.table);
     Plan plan;
     plan.codePage = pageFor(csv, rows);
+    plan.rounds = true;
     const auto page = openPage(plan.codePage);
     if (!page) refuse("--code-page ", plan.codePage, ": no such code page");
     csv.rewind();
