@@ -54,6 +54,7 @@ def same_as_beside():
             assert err.replace("all.zip", str(SAMPLES)) == plain.stderr, (command, table, err)
     for line in ("SELECT count(*) FROM stock", "SELECT * FROM orders JOIN stock USING (CODE)"):
         assert run("query", line, "all.zip") == run("query", line, str(SAMPLES))
+    assert run("query", "SELECT mira_attach('all.zip')", "-F", "csv")[0].endswith(f"{len(tables)} tables\n")
     assert len(run("tables", "all.zip")[0].splitlines()) == 1 + len(tables)
     run("export", "all.zip", "-o", "out")
     assert len(os.listdir("out")) == len(tables)

@@ -62,7 +62,9 @@ Value NewTableRows::rounded(Seen& seen, const Value& value) {
         const auto decimals = digits_.size() > point ? digits_.size() - point - 1 : 0;
         seen.decimals = std::max(seen.decimals, static_cast<int>(decimals));
     }
-    seen.whole = std::max(seen.whole, whole + 1);  // rounding may need one more
+    seen.negative = seen.negative || digits_.front() == '-';
+    const std::size_t before = std::min(point, digits_.size()) - (digits_.front() == '-' ? 1 : 0);
+    seen.whole = std::max(seen.whole, static_cast<int>(before));
     Value shown;
     shown.kind = ValueKind::Digits;
     shown.text = digits_;
@@ -75,6 +77,7 @@ void NewTableRows::cell(std::size_t column, const Value& value) {
     seen.longest = std::max(seen.longest, value.text.size());
     if (answer_.tableOf(column) != nullptr) return csv_->cell(column, value);
     if (value.kind == ValueKind::Integer) {
+        seen.negative = seen.negative || value.integer < 0;
         seen.whole = std::max(seen.whole, static_cast<int>(std::to_string(value.integer).size()));
     }
     const bool real = value.kind == ValueKind::Real;
@@ -97,9 +100,12 @@ std::optional<FieldPlan> NewTableRows::fieldOf(std::size_t column,
         return FieldPlan{suggested.name, kind_ == TableKind::Visual ? 'B' : 'O', kDoubleBytes};
     }
     if (seen.real && !seen.text && !seen.huge) {
-        const int decimals = std::clamp(kNumberMost - 2 - seen.whole, 0, seen.decimals);
-        const int length =
-            std::min(1 + seen.whole + (decimals != 0 ? 1 + decimals : 0), kNumberMost);
+        // Sign and point; and rounding may make one digit more.
+        const int decimals = std::clamp(kNumberMost - 3 - seen.whole, 0, seen.decimals);
+        const int carry = decimals < seen.decimals ? 1 : 0;
+        const int length = std::min(
+            (seen.negative ? 1 : 0) + carry + seen.whole + (decimals != 0 ? 1 + decimals : 0),
+            kNumberMost);
         return FieldPlan{suggested.name, 'N', static_cast<unsigned>(length),
                          static_cast<unsigned>(decimals)};
     }

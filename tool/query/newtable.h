@@ -29,7 +29,7 @@ public:
 private:
     /// What the values of a column were.
     struct Seen {
-        bool text = false, real = false;
+        bool text = false, real = false, negative = false;
         bool huge = false;            ///< a number that no field of digits holds
         int whole = 1, decimals = 0;  ///< digits of numbers
         std::size_t longest = 0;      ///< bytes of a text

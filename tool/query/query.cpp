@@ -332,6 +332,8 @@ void answerRows(Query& query, sqlite3_stmt* statement) {
                           : sink.out    ? intoText(query, statement, answer)
                                         : intoTable(query, statement, answer);
     const u64 more = rows.all - rows.shown;
+    const bool isTable = !sink.database && !sink.out;  // which has been told
+    if (isTable) return;
     if (!sink.target.path.empty() || rows.all == 0) {
         note("{}{}", sink.target.path.empty() ? "" : sink.target.name + ": ",
              counted(rows.shown, "row"));
