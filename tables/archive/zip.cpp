@@ -262,7 +262,7 @@ std::shared_ptr<const NamelessFile> unpack(const std::string& path) {
     Entry& entry = found->second;
     if (entry.refusal != nullptr) refuse(path, ": ", entry.refusal);
     if (auto held = entry.unpacked.lock()) return held;
-    const auto made = std::make_shared<const NamelessFile>();
+    auto made = std::make_shared<const NamelessFile>();
     try {
         copyOut(*archive, entry, made->descriptor(), path);
     } catch (...) {

@@ -16,7 +16,7 @@ import zipfile
 
 warnings.simplefilter("ignore")  # of duplicate names
 
-MIRA, SAMPLES = sys.argv[1], pathlib.Path(sys.argv[2]).resolve()
+MIRA, SAMPLES = os.path.abspath(sys.argv[1]), pathlib.Path(sys.argv[2]).resolve()
 STOCK = (SAMPLES / "stock.dbf").read_bytes()
 FILES = {path.name: path.read_bytes() for path in SAMPLES.iterdir() if path.is_file()}
 

@@ -34,7 +34,7 @@ public:
 
 private:
     void addColumn(int number, const NamedTables& tables, std::set<std::string>& taken);
-    Value ofColumn(std::size_t column, Value value);
+    Value ofColumn(std::size_t number, Value value);
 
     sqlite3_stmt* statement_;
     bool united_ = false;  // of several SELECTs, the first of which names the columns
