@@ -8,8 +8,8 @@
 #include <string>
 
 #include "commands.h"
-#include "tables/archive/archive.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "terminal/message.h"
 #include "terminal/progress.h"
 #include "terminal/status.h"

@@ -10,13 +10,13 @@
 #include <filesystem>
 #include <thread>
 
-#include "tables/archive/archive.h"
 #include "tables/change/backup.h"
 #include "tables/change/swap.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {

@@ -7,12 +7,12 @@
 #include <cstring>
 #include <filesystem>
 
-#include "tables/archive/archive.h"
 #include "tables/change/backup.h"
 #include "tables/change/recovery.h"
 #include "tables/change/swap.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/memo.h"
 
 namespace mira::tables {

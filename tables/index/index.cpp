@@ -10,9 +10,9 @@
 #include <filesystem>
 #include <utility>
 
-#include "tables/archive/archive.h"
 #include "tables/index/pages.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 

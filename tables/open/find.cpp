@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "tables/archive/archive.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {

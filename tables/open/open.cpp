@@ -12,12 +12,12 @@
 #include <new>
 #include <set>
 
-#include "tables/archive/archive.h"
 #include "tables/open/container.h"
 #include "tables/open/find.h"
 #include "tables/page/bytes.h"
 #include "tables/page/pagenames.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/memo.h"
 #include "tables/value/storage.h"
 

@@ -7,13 +7,13 @@
 #include <filesystem>
 #include <optional>
 
-#include "tables/archive/archive.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/pagenames.h"
 #include "tables/page/text.h"
 #include "tables/page/utf8.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/memo.h"
 
 namespace mira::tables {

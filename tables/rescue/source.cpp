@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tables/archive/archive.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {

@@ -7,7 +7,7 @@
 #include "query/answer.h"
 #include "rows/output.h"
 #include "rows/writer.h"
-#include "tables/archive/nameless.h"
+#include "tables/unpack/nameless.h"
 #include "write/import.h"
 
 namespace mira::tool {

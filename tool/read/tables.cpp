@@ -5,10 +5,10 @@
 #include "read/facts.h"
 #include "rows/grid.h"
 #include "select/opening.h"
-#include "tables/archive/archive.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "terminal/message.h"
 
 namespace mira::tool {

@@ -1,10 +1,10 @@
 #include "write/newtable.h"
 
 #include "select/opening.h"
-#include "tables/archive/archive.h"
 #include "tables/change/recovery.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tool {
 

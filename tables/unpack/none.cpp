@@ -1,6 +1,6 @@
 // Where libzip was not there when this was built.
-#include "tables/archive/archive.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {

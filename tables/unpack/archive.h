@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tables/archive/nameless.h"
+#include "tables/unpack/nameless.h"
 
 namespace mira::tables {
 

@@ -1,7 +1,7 @@
 #include <sys/stat.h>
 
-#include "tables/archive/archive.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {

@@ -12,10 +12,10 @@
 #include <unordered_map>
 #include <utility>
 
-#include "tables/archive/archive.h"
 #include "tables/page/bytes.h"
 #include "tables/page/codepage.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {

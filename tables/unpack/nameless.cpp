@@ -1,4 +1,4 @@
-#include "tables/archive/nameless.h"
+#include "tables/unpack/nameless.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
