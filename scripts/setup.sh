@@ -8,7 +8,7 @@ build=$root/build/release
 # What building the library and miradump needs, what mira and the SQLite module need besides, and
 # what the tests add.
 build_packages=(g++ cmake make)
-tool_packages=(pkg-config libcli11-dev libsqlite3-dev libuchardet-dev libutf8proc-dev libfmt-dev)
+tool_packages=(pkg-config libcli11-dev libsqlite3-dev libuchardet-dev libutf8proc-dev libfmt-dev libzip-dev)
 test_packages=(libgtest-dev sqlite3 python3)
 # Servers that tests start themselves; without them these are skipped.
 server_packages=(postgresql mariadb-server-core mariadb-client-core)

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "tables/change/watch.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "terminal/message.h"
 #include "terminal/progress.h"
 #include "terminal/status.h"
@@ -86,6 +87,7 @@ int runProgram(int argc, char** argv) {
         return refuseLine(program, e, argc > 1 ? argv[1] : "");
     }
     apply(common);
+    setUnpackHook(leaveIfStopped);
     return job();
 }
 

@@ -17,6 +17,7 @@
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {
@@ -399,6 +400,7 @@ Recovery recover(const ChangeNames& names) {
 }
 
 Recovery recoverNamed(const std::string& name) {
+    if (isInArchive(name)) return {};
     const std::string path = tableOrJournal(name);
     if (path.empty()) return {};
     const ChangeNames names(path);
@@ -474,6 +476,7 @@ void unlock(Table& table) { releaseLock(fileno(table.base->TableFile)); }
 
 Opened openForChange(const std::string& name, const TableOptions& options, bool keepLeft) {
     Opened opened;
+    refuseArchive(name);
     const Recovery found = recoverNamed(name);
     if (found.found == Found::Left && !keepLeft) refuse(found.sentence);
     if (!found.sentence.empty()) opened.notes.push_back(found.sentence);

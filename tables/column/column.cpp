@@ -78,10 +78,12 @@ u32 readRecords(const Table& table, u32 first, u32 count, void* to) {
 
 std::string memoFileOf(const Table& table) {
     const DbfBase& base = *table.base;
+    if (table.hasMemos && !table.unpacked.empty()) return table.memoPath;
     return table.hasMemos && base.MemoFileName != nullptr ? base.MemoFileName : "";
 }
 
 bool isReplaced(const Table& table) {
+    if (!table.unpacked.empty()) return false;
     struct stat own = {}, named = {};
     return fstat(fileno(table.base->TableFile), &own) != 0 ||
            stat(table.base->FileName, &named) != 0 || own.st_ino != named.st_ino ||

@@ -16,6 +16,8 @@
 
 namespace mira::tables {
 
+class NamelessFile;
+
 struct BaseCloser {
     void operator()(DbfBase* base) const {
         FreeMemCalcField(base);
@@ -94,6 +96,10 @@ struct TableFacts {
     u32 nullOffset = 0, nullLength = 0;  // the null flags in the record; length 0: none
     std::string container;               // database container of the back link; empty: none
     std::vector<std::string> notes;      // what the user should know, a sentence each
+    /// Of a table in an archive: its file and its memo file, unpacked, and the memo file's path
+    /// there.
+    std::vector<std::shared_ptr<const NamelessFile>> unpacked;
+    std::string memoPath;
 };
 
 struct Table : TableFacts {

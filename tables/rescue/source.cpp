@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {
@@ -20,7 +21,7 @@ constexpr std::size_t kBehind = std::size_t{1} << 17;  // kept of what lies befo
 Source::Source(const std::string& path, std::function<void()> step)
     : path_(path), step_(std::move(step)) {
     errno = 0;
-    File file(Open_FileRO(path.c_str()));
+    File file(Open_FileRO(readable(path).path.c_str()));
     if (!file) refuse(path, ": ", errno != 0 ? std::strerror(errno) : "no regular file");
     take(std::move(file));
 }

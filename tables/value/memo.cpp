@@ -90,7 +90,7 @@ std::string memoFileFault(const Table& table) {
     const fs::path memos = memoFileOf(table);
     if (memos.empty()) return "";
     std::error_code ignored;
-    if (!fs::exists(memos, ignored)) {
+    if (!fs::exists(table.base->MemoFileName, ignored)) {
         return textOf("its memo file ", memos.filename().string(), " is missing");
     }
     if (IsPackUnfinished(table.base.get()) != 1) return "";

@@ -45,6 +45,11 @@ const FormatWords& shownFormats() {
     return words;
 }
 
+const FormatWords& answerFormats() {
+    static const FormatWords words = wordsOf([](const Format&) { return true; });
+    return words;
+}
+
 const Format* formatOfExtension(const std::string& extension) {
     const auto has = [&](const Format& format) {
         const std::string all = textOf(format.extensions, ' ');

@@ -28,7 +28,7 @@ struct WriterOptions {
 struct Heading {
     std::string name;
     bool mayBeNull = false;          // an empty text is told from null
-    const Column* column = nullptr;  // whose values these are; null: any values
+    const Column* column = nullptr;  // whose values stand there; null for any values
 };
 
 /// Rows to where they go: begin, then for every row a cell per column and endRow, then end.
@@ -39,8 +39,11 @@ public:
     virtual void cell(std::size_t column, const Value& value) = 0;
     virtual void endRow() = 0;
     virtual void end() = 0;
-    u64 guarded = 0;            ///< texts that got a "'" in front
-    Fault fault = Fault::None;  ///< what is not kept of the cell just written
+    /// Writes what waits for more rows to come; those that follow wait for nothing.
+    virtual void show() {}
+    std::size_t columnsCut = 0;  ///< those that lines had no room for
+    u64 guarded = 0;             ///< texts that got a "'" in front
+    Fault fault = Fault::None;   ///< what is not kept of the cell just written
 };
 
 /// Which options mean something to a format.
@@ -65,6 +68,8 @@ using FormatWords = std::vector<std::pair<const char*, const Format*>>;
 /// all that are text. The first is the default.
 const FormatWords& fileFormats();
 const FormatWords& shownFormats();
+/// Both together.
+const FormatWords& answerFormats();
 /// The format with an extension, such as ".csv"; null when there is none, or more than one.
 const Format* formatOfExtension(const std::string& extension);
 /// The extension that its files get.
