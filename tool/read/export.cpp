@@ -11,8 +11,10 @@
 #include <utility>
 
 #include "command/command.h"
+#include "read/copyrows.h"
 #include "rows/database.h"
 #include "rows/writer.h"
+#include "select/inorder.h"
 #include "select/opening.h"
 #include "select/selection.h"
 #include "tables/open/find.h"
@@ -102,32 +104,11 @@ std::string sourceOf(const FoundTable& found, const Table& table) {
     return (fs::path(found.below) / fs::path(table.path).filename()).string();
 }
 
-/// source: what goes in front of every row; null for nothing.
-void copyRows(Selection& selection, RowWriter& writer, const std::string* source = nullptr) {
-    const std::vector<Column>& columns = selection.columns;
-    const std::size_t first = source != nullptr ? 1 : 0;
-    Value name;
-    name.kind = ValueKind::Text;
-    if (source != nullptr) name.text = *source;
-    Value value;
-    while (nextRow(selection)) {
-        if (first != 0) writer.cell(0, name);
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            readCell(selection, columns[i], value);
-            writer.cell(first + i, value);
-            if (std::exchange(writer.rounded, false)) {
-                countFault(selection.faults, Fault::Rounded, selection.cells.record, columns[i]);
-            }
-        }
-        writer.endRow();
-    }
-}
-
 // --------------------------------------------------------------------------------------------
 // Texts
 // --------------------------------------------------------------------------------------------
 
-void putHeadings(const Work& work, const Selection& selection, RowWriter& writer) {
+std::vector<Heading> headingsOf(const Work& work, const Selection& selection) {
     std::vector<Heading> headings;
     if (work.options.source) {
         headings.push_back({extraColumn(*selection.table, "_source", Kind::Text).name, false});
@@ -135,12 +116,29 @@ void putHeadings(const Work& work, const Selection& selection, RowWriter& writer
     for (const Column& column : selection.columns) {
         headings.push_back({column.name, column.mayBeNull()});
     }
-    writer.begin(headings);
+    return headings;
 }
 
-void putRows(const Work& work, const FoundTable& found, Selection& selection, RowWriter& writer) {
+/// Threads that are not at work on other tables.
+unsigned threadsFor(const Work& work) {
+    const unsigned all = threadsAsked(work.options.jobs);
+    const std::size_t tables = work.joined ? 1 : work.tables.size();
+    return std::max(all / static_cast<unsigned>(std::clamp<std::size_t>(tables, 1, all)), 1U);
+}
+
+void putRows(const Work& work, const FoundTable& found, Selection& selection, RowWriter& writer,
+             Output& out) {
+    const Options& options = work.options;
     const std::string source = sourceOf(found, *selection.table);
-    copyRows(selection, writer, work.options.source ? &source : nullptr);
+    const std::vector<Heading> headings = headingsOf(work, selection);
+    try {
+        copyRowsInParts(selection, writer, out,
+                        {*options.format, options.writer, headings, options.select,
+                         options.source ? &source : nullptr, threadsFor(work)});
+    } catch (const Refusal&) {
+        out.flush();  // what comes before the record that cannot be read
+        throw;
+    }
 }
 
 void finishText(RowWriter& writer, Output& out, const std::string& name) {
@@ -154,8 +152,8 @@ void finishText(RowWriter& writer, Output& out, const std::string& name) {
 void writeText(Work& work, const FoundTable& found, Selection& selection, const Target& target) {
     Output out(target, work.options.force);
     const std::unique_ptr<RowWriter> writer = work.options.format->make(out, work.options.writer);
-    putHeadings(work, selection, *writer);
-    putRows(work, found, selection, *writer);
+    writer->begin(headingsOf(work, selection));
+    putRows(work, found, selection, *writer, out);
     finishText(*writer, out, selection.table->path);
 }
 
@@ -250,9 +248,8 @@ void exportTexts(Work& work) {
     }
     nameTargets(work);
     const bool made = work.several && makeFolder(options.out, "several tables go");
-    const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
-        std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
+        std::min<std::size_t>(threadsAsked(options.jobs), work.tables.size());
     work.messages.resize(work.tables.size());
     runThreads(work, threads);
     for (; work.told < work.messages.size(); ++work.told) {
@@ -303,8 +300,8 @@ void exportJoined(Work& work) {
             addRefusal(work, refusal.what());
             continue;
         }
-        if (!first) putHeadings(work, *selection, *writer);
-        putRows(work, found, *selection, *writer);
+        if (!first) writer->begin(headingsOf(work, *selection));
+        putRows(work, found, *selection, *writer, out);
         countTable(work, *selection);
         if (!first) first = std::move(selection);
     }
@@ -472,7 +469,7 @@ void addExport(CLI::App& program, Job& job) {
     addChoice(command, "-F,--format", namesOf(fileFormats()), "FORMAT", fileFormats(),
               options.format);
     command.add_flag("--force", options.force, "Replace files that are there");
-    addCount(command, "-j,--jobs", "Tables at a time (default: processors)", options.jobs);
+    addCount(command, "-j,--jobs", "Threads, for one table or several (default: processors)", options.jobs);
     command.add_flag("--no-heading", options.noHeading, "No line of names");
     command.add_flag("--bom", options.writer.bom, "A byte-order mark in front");
     command.add_flag("--crlf", options.writer.crlf, "Lines end with CR LF");

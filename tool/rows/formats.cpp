@@ -10,10 +10,10 @@ namespace {
 
 constexpr Format kFormats[] = {
     {"table", "", 0, gridWriter},
-    {"csv", ".csv", kTakesLines | kTakesDelimiter, csvWriter},
-    {"tsv", ".tsv", kTakesLines, tsvWriter},
+    {"csv", ".csv", kTakesLines | kTakesDelimiter | kRowsApart, csvWriter},
+    {"tsv", ".tsv", kTakesLines | kRowsApart, tsvWriter},
     {"json", ".json", 0, jsonWriter},
-    {"jsonl", ".jsonl .ndjson", 0, jsonLinesWriter},
+    {"jsonl", ".jsonl .ndjson", kRowsApart, jsonLinesWriter},
     {"sqlite", ".db .sqlite .sqlite3", kTakesTables, nullptr},
 };
 

@@ -45,6 +45,7 @@ enum FormatBits : u8 {
     kTakesLines = 1,      ///< --no-heading, --bom, --crlf
     kTakesDelimiter = 2,  ///< -d, --excel
     kTakesTables = 4,     ///< --replace, --append, --exact: it holds several tables
+    kRowsApart = 8,       ///< rows that follow each other need not know of each other
 };
 
 struct Format {
