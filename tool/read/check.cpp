@@ -57,11 +57,14 @@ Status checkOne(Output& out, const std::string& name, const Options& options, Li
     const auto table = openToRead(name, options.table, &listing);
     tellPage(*table);
     Counts counts;
-    checkTable(*table, [&](const Finding& finding) {
-        ++(finding.isNote ? counts.notes : counts.findings);
-        if (isQuiet() && finding.isNote && !options.strict) return;
-        (options.json ? putJson : putText)(out, *table, finding);
-    }, options.jobs);
+    checkTable(
+        *table,
+        [&](const Finding& finding) {
+            ++(finding.isNote ? counts.notes : counts.findings);
+            if (isQuiet() && finding.isNote && !options.strict) return;
+            (options.json ? putJson : putText)(out, *table, finding);
+        },
+        options.jobs);
     if (!isQuiet()) putSummary(out, *table, counts, options.json);
     const bool found = counts.findings != 0 || (options.strict && counts.notes != 0);
     return found ? kFound : kDone;

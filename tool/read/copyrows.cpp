@@ -80,8 +80,8 @@ bool copiedInParts(Selection& selection, RowWriter& writer, Output& out,
     std::vector<std::unique_ptr<PartWriter>> writers;
     std::vector<InOrder<Part>::Work> workers;
     for (auto& table : openForThreads(*selection.table, cut)) {
-        writers.push_back(std::make_unique<PartWriter>(std::move(table), selection, writing,
-                                                       out.isTerminal()));
+        writers.push_back(
+            std::make_unique<PartWriter>(std::move(table), selection, writing, out.isTerminal()));
         workers.emplace_back([one = writers.back().get()](const Range& range, const auto& give) {
             one->write(range, give);
         });

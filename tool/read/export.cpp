@@ -469,7 +469,8 @@ void addExport(CLI::App& program, Job& job) {
     addChoice(command, "-F,--format", namesOf(fileFormats()), "FORMAT", fileFormats(),
               options.format);
     command.add_flag("--force", options.force, "Replace files that are there");
-    addCount(command, "-j,--jobs", "Threads, for one table or several (default: processors)", options.jobs);
+    addCount(command, "-j,--jobs", "Threads, for one table or several (default: processors)",
+             options.jobs);
     command.add_flag("--no-heading", options.noHeading, "No line of names");
     command.add_flag("--bom", options.writer.bom, "A byte-order mark in front");
     command.add_flag("--crlf", options.writer.crlf, "Lines end with CR LF");

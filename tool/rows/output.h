@@ -66,7 +66,8 @@ public:
 
     Output(const Target& target, bool force);
     /// To a function instead, which may throw; terminal as the output's where it goes in the end.
-    Output(Take take, bool terminal) : terminal_(terminal), descriptor_(-1), take_(std::move(take)) {}
+    Output(Take take, bool terminal)
+        : terminal_(terminal), descriptor_(-1), take_(std::move(take)) {}
     ~Output();
     Output(const Output&) = delete;
 

@@ -115,9 +115,8 @@ private:
 
     std::optional<u64> claim() {
         std::unique_lock lock(mutex_);
-        room_.wait(lock, [&] {
-            return quit_ || next_ == count_ || next_ < taken_ + slots_.size();
-        });
+        room_.wait(lock,
+                   [&] { return quit_ || next_ == count_ || next_ < taken_ + slots_.size(); });
         if (quit_ || next_ == count_) return std::nullopt;
         return next_++;
     }
