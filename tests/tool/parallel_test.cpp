@@ -50,6 +50,9 @@ constexpr int kEvery = 5;  // a child costs twenty times as much
 constexpr int kEvery = 1;
 #endif
 
+/// A number from 0 to before end.
+u32 below(u32 end, std::mt19937& dice) { return static_cast<u32>(dice() % end); }
+
 struct Ended {
     std::string out, said;
     int status;
@@ -92,7 +95,7 @@ Ended run(const TempDir& folder, const Words& words, const Way& way) {
     return {readAll(out), readAll(said), WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + status};
 }
 
-/// A table of a text, a number and a memo field whose file is missing, some of it no value.
+/// A table of a text, a number and a date, some of them no value.
 std::string manyRecords(std::mt19937& dice, u32 count) {
     std::string table = std::string("\x03\x7E\x01\x01", 4);
     const auto number = [&](u32 value, int size) {
@@ -181,7 +184,7 @@ Words command(const std::string& path, std::mt19937& dice) {
 /// What one thread gives; fewer records are read from time to time.
 void expectSame(const Words& words, const TempDir& folder, std::mt19937& dice) {
     const off_t end = dice() % 4 == 0 ? static_cast<off_t>(200 + dice() % 5000) : 0;
-    const Way way{2 + dice() % 2, 1 + dice() % 7, end};
+    const Way way{2 + below(2, dice), 1 + below(7, dice), end};
     const Ended one = run(folder, words, {.readable = end});
     const Ended several = run(folder, words, way);
     const std::string what = testing::PrintToString(words) + " " + std::to_string(end);
@@ -204,7 +207,7 @@ TEST(Parallel, GivesWhatOneThreadGives) {
     }
     const std::string many = folder.file("many.dbf");
     for (int i = 0; i < 40 / kEvery; ++i) {
-        std::string table = manyRecords(dice, 1 + dice() % 200);
+        std::string table = manyRecords(dice, 1 + below(200, dice));
         if (i % 4 == 0) table[129 + dice() % (table.size() - 129)] = 'x';
         writeAll(many, table);
         expectSame(command(many, dice), folder, dice);

@@ -51,10 +51,8 @@ public:
           count_((u64{all.end} - all.first + step_ - 1) / step_),
           slots_(cut.threads + 2) {}
     ~InOrder() {
-        {
-            const std::lock_guard lock(mutex_);
-            quit_ = true;
-        }
+        const std::lock_guard lock(mutex_);
+        quit_ = true;
         room_.notify_all();
     }
     InOrder(const InOrder&) = delete;
