@@ -449,6 +449,14 @@ void countFault(Faults& faults, Fault fault, u32 record, const Column& column) {
     tally.column = column.name;
 }
 
+void addFaults(Faults& faults, const Faults& later) {
+    for (std::size_t i = 0; i < kFaults; ++i) {
+        const u64 count = faults[i].count + later[i].count;
+        if (faults[i].count == 0) faults[i] = later[i];
+        faults[i].count = count;
+    }
+}
+
 u64 faultCount(const Faults& faults) {
     u64 count = 0;
     for (const FaultTally& tally : faults) count += tally.count;

@@ -103,6 +103,8 @@ struct FaultTally {
 };
 using Faults = std::array<FaultTally, kFaults>;
 void countFault(Faults& faults, Fault fault, u32 record, const Column& column);
+/// Adds those of later records.
+void addFaults(Faults& faults, const Faults& later);
 /// All of them together.
 u64 faultCount(const Faults& faults);
 /// "3 values that are no date came out empty", for a count of a fault.

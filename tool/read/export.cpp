@@ -11,9 +11,11 @@
 #include <utility>
 
 #include "command/command.h"
+#include "read/copyrows.h"
 #include "rows/database.h"
 #include "rows/script.h"
 #include "rows/writer.h"
+#include "select/inorder.h"
 #include "select/opening.h"
 #include "select/selection.h"
 #include "tables/open/find.h"
@@ -103,28 +105,6 @@ std::string sourceOf(const FoundTable& found, const Table& table) {
     return (fs::path(found.below) / fs::path(table.path).filename()).string();
 }
 
-/// source: what goes in front of every row; null for nothing.
-void copyRows(Selection& selection, RowWriter& writer, const std::string* source = nullptr) {
-    const std::vector<Column>& columns = selection.columns;
-    const std::size_t first = source != nullptr ? 1 : 0;
-    Value name;
-    name.kind = ValueKind::Text;
-    if (source != nullptr) name.text = *source;
-    Value value;
-    while (nextRow(selection)) {
-        if (first != 0) writer.cell(0, name);
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            readCell(selection, columns[i], value);
-            writer.cell(first + i, value);
-            const Fault fault = std::exchange(writer.fault, Fault::None);
-            if (fault != Fault::None) {
-                countFault(selection.faults, fault, selection.cells.record, columns[i]);
-            }
-        }
-        writer.endRow();
-    }
-}
-
 // --------------------------------------------------------------------------------------------
 // Texts
 // --------------------------------------------------------------------------------------------
@@ -140,9 +120,26 @@ std::vector<Heading> headingsOf(const Work& work, const Selection& selection) {
     return headings;
 }
 
-void putRows(const Work& work, const FoundTable& found, Selection& selection, RowWriter& writer) {
+/// Threads that are not at work on other tables.
+unsigned threadsFor(const Work& work) {
+    const unsigned all = threadsAsked(work.options.jobs);
+    const std::size_t tables = work.joined ? 1 : work.tables.size();
+    return std::max(all / static_cast<unsigned>(std::clamp<std::size_t>(tables, 1, all)), 1U);
+}
+
+void putRows(const Work& work, const FoundTable& found, Selection& selection, RowWriter& writer,
+             Output& out) {
+    const Options& options = work.options;
     const std::string source = sourceOf(found, *selection.table);
-    copyRows(selection, writer, work.options.source ? &source : nullptr);
+    const std::vector<Heading> headings = headingsOf(work, selection);
+    try {
+        copyRowsInParts(selection, writer, out,
+                        {*options.format, options.writer, headings, options.select,
+                         options.source ? &source : nullptr, threadsFor(work)});
+    } catch (const Refusal&) {
+        out.flush();  // what comes before the record that cannot be read
+        throw;
+    }
 }
 
 void finishText(RowWriter& writer, Output& out, const std::string& name) {
@@ -157,7 +154,7 @@ void writeText(Work& work, const FoundTable& found, Selection& selection, const 
     Output out(target, work.options.force);
     const std::unique_ptr<RowWriter> writer = work.options.format->make(out, work.options.writer);
     writer->begin(headingsOf(work, selection));
-    putRows(work, found, selection, *writer);
+    putRows(work, found, selection, *writer, out);
     finishText(*writer, out, selection.table->path);
 }
 
@@ -252,9 +249,8 @@ void exportTexts(Work& work) {
     }
     nameTargets(work);
     const bool made = work.several && makeFolder(options.out, "several tables go");
-    const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
-        std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
+        std::min<std::size_t>(threadsAsked(options.jobs), work.tables.size());
     work.messages.resize(work.tables.size());
     runThreads(work, threads);
     for (; work.told < work.messages.size(); ++work.told) {
@@ -306,7 +302,7 @@ void exportJoined(Work& work) {
             continue;
         }
         if (!first) writer->begin(headingsOf(work, *selection));
-        putRows(work, found, *selection, *writer);
+        putRows(work, found, *selection, *writer, out);
         countTable(work, *selection);
         if (!first) first = std::move(selection);
     }
@@ -553,7 +549,8 @@ void addExport(CLI::App& program, Job& job) {
     addChoice(command, "-F,--format", namesOf(fileFormats()), "FORMAT", fileFormats(),
               options.format);
     command.add_flag("--force", options.force, "Replace files that are there");
-    addCount(command, "-j,--jobs", "Tables at a time (default: processors)", options.jobs);
+    addCount(command, "-j,--jobs", "Threads, for one table or several (default: processors)",
+             options.jobs);
     command.add_flag("--no-heading", options.noHeading, "No line of names");
     command.add_flag("--bom", options.writer.bom, "A byte-order mark in front");
     command.add_flag("--crlf", options.writer.crlf, "Lines end with CR LF");

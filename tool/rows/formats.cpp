@@ -15,10 +15,10 @@ namespace {
 // A format is a row, with its writer declared above.
 constexpr Format kFormats[] = {
     {"table", "", 0, gridWriter},
-    {"csv", ".csv", kTakesLines | kTakesDelimiter, csvWriter},
-    {"tsv", ".tsv", kTakesLines, tsvWriter},
+    {"csv", ".csv", kTakesLines | kTakesDelimiter | kRowsApart, csvWriter},
+    {"tsv", ".tsv", kTakesLines | kRowsApart, tsvWriter},
     {"json", ".json", 0, jsonWriter},
-    {"jsonl", ".jsonl .ndjson", 0, jsonLinesWriter},
+    {"jsonl", ".jsonl .ndjson", kRowsApart, jsonLinesWriter},
     {"sqlite", ".db .sqlite .sqlite3", kTakesTables | kTakesDatabase, nullptr},
     {"postgres", ".sql", kTakesTables, postgresWriter},
     {"mysql", ".sql", kTakesTables, mysqlWriter},

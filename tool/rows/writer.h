@@ -51,6 +51,7 @@ enum FormatBits : u8 {
     kTakesLines = 1,      ///< --no-heading, --bom, --crlf
     kTakesDelimiter = 2,  ///< -d, --excel
     kTakesTables = 4,     ///< --replace: it holds several tables
+    kRowsApart = 8,       ///< rows that follow each other need not know of each other
     kTakesDatabase = 16,  ///< --append, --exact: a file that may be there already; see Database
 };
 
