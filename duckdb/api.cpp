@@ -14,9 +14,10 @@ std::string taken(char* text) {
 
 }  // namespace
 
-std::string Value::text() const { return taken(duckdb_get_varchar(value_)); }
+std::string Value::text() const { return given() ? taken(duckdb_get_varchar(value_)) : ""; }
 
 std::vector<std::string> Value::texts() const {
+    if (!given()) return {};
     if (type() != DUCKDB_TYPE_LIST) return {text()};
     std::vector<std::string> texts;
     const idx_t count = duckdb_get_list_size(value_);

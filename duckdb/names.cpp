@@ -84,7 +84,8 @@ std::vector<std::string> expanded(const std::string& pattern) {
     std::vector<std::string> names;
     for (const std::string& start : base.empty() ? std::vector<std::string>{"."} : matches(base)) {
         for (const std::string& folder : foldersFrom(start)) {
-            const std::vector<std::string> more = expanded(literal(folder) + "/" + rest);
+            const char* const between = folder.back() == '/' ? "" : "/";
+            const std::vector<std::string> more = expanded(literal(folder) + between + rest);
             names.insert(names.end(), more.begin(), more.end());
         }
     }
