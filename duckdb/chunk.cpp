@@ -3,12 +3,16 @@
 #include <cstdint>
 #include <cstring>
 
+#include "tables/page/refusal.h"
+
 namespace mira::duck {
 namespace {
 
 using arrow::Field;
 using arrow::Shape;
 using arrow::Vector;
+
+constexpr std::size_t kInlined = sizeof duckdb_string_t{}.value.inlined.inlined;
 
 Type typeOf(const Field& field) {
     switch (field.shape) {
@@ -54,14 +58,56 @@ void putDecimals(const Field& field, Vector& from, void* to) {
     std::memcpy(to, bytes, from.count * sizeof(duckdb_hugeint));
 }
 
+/// Copies bytes into room that the vector owns, by way of an entry; where they lie there.
+char* roomFor(duckdb_vector to, idx_t row, std::string_view bytes) {
+    duckdb_string_t& entry = static_cast<duckdb_string_t*>(duckdb_vector_get_data(to))[row];
+    entry = {};
+    duckdb_vector_assign_string_element_len(to, row, bytes.data(), bytes.size());
+    if (entry.value.pointer.length != bytes.size()) tables::refuse("DuckDB refuses a text");
+    return entry.value.pointer.ptr;
+}
+
+duckdb_string_t shortString(std::string_view text) {
+    duckdb_string_t string{};
+    string.value.inlined.length = static_cast<uint32_t>(text.size());
+    if (!text.empty()) std::memcpy(string.value.inlined.inlined, text.data(), text.size());
+    return string;
+}
+
+duckdb_string_t longString(char* text, std::size_t size) {
+    duckdb_string_t string{};
+    string.value.pointer.length = static_cast<uint32_t>(size);
+    std::memcpy(string.value.pointer.prefix, text, sizeof string.value.pointer.prefix);
+    string.value.pointer.ptr = text;
+    return string;
+}
+
+/// DuckDB is asked for room once, at the first text that its entry does not hold: for that one and
+/// all behind it, which stay behind each other.
 void putTexts(Vector& from, duckdb_vector to) {
+    constexpr u64 kMost = u64{1} << 30;         // that are put there at once
     const u8* const ends = from.values.data();  // after a 0
-    const char* const bytes = reinterpret_cast<const char*>(from.bytes.data());
+    const auto* const bytes = reinterpret_cast<const char*>(from.bytes.data());
+    auto* const entries = static_cast<duckdb_string_t*>(duckdb_vector_get_data(to));
+    const u64 all = from.bytes.size();
+    char* room = nullptr;
     u64 begin = 0;
+    u64 roomBegin = 0;  // what of the bytes lies first in the room
     for (std::size_t i = 0; i < from.count; ++i) {
         u64 end = 0;
         std::memcpy(&end, ends + (i + 1) * sizeof end, sizeof end);
-        putText(to, i, {bytes + begin, end - begin});
+        const std::string_view text(bytes + begin, end - begin);
+        if (text.size() <= kInlined) {
+            entries[i] = shortString(text);
+        } else if (all > kMost) {
+            putText(to, i, text);
+        } else {
+            if (room == nullptr) {
+                room = roomFor(to, i, {bytes + begin, all - begin});
+                roomBegin = begin;
+            }
+            entries[i] = longString(room + (begin - roomBegin), text.size());
+        }
         begin = end;
     }
 }
@@ -73,15 +119,11 @@ void declareColumn(duckdb_bind_info info, const Field& field) {
 }
 
 void putText(duckdb_vector to, idx_t row, std::string_view text) {
-    duckdb_string_t string{};
-    constexpr std::size_t kInlined = sizeof string.value.inlined.inlined;
     if (text.size() > kInlined) {
-        duckdb_vector_assign_string_element_len(to, row, text.data(), text.size());
-        return;
+        roomFor(to, row, text);
+    } else {
+        static_cast<duckdb_string_t*>(duckdb_vector_get_data(to))[row] = shortString(text);
     }
-    string.value.inlined.length = static_cast<uint32_t>(text.size());
-    if (!text.empty()) std::memcpy(string.value.inlined.inlined, text.data(), text.size());
-    static_cast<duckdb_string_t*>(duckdb_vector_get_data(to))[row] = string;
 }
 
 void putNull(duckdb_vector to, idx_t row) {
