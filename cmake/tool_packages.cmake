@@ -68,3 +68,15 @@ mira_option(MIRA_BUILD_TOOL "Build the program mira"
     "${missing_table};${missing_sql};${missing_tool}")
 mira_option(MIRA_BUILD_SQLITE "Build the SQLite module" "${missing_table};${missing_sql}")
 mira_option(MIRA_BUILD_ARROW "Build the Arrow streams" "${missing_table}")
+
+# DuckDB's two headers, which scripts/duckdb-headers takes from a package of its sources.
+find_path(MIRA_DUCKDB_INCLUDE duckdb_extension.h HINTS ${PROJECT_SOURCE_DIR}/build/duckdb)
+mark_as_advanced(MIRA_DUCKDB_INCLUDE)
+set(missing_duckdb "")
+if(NOT MIRA_DUCKDB_INCLUDE)
+    set(missing_duckdb "DuckDB's headers (scripts/duckdb-headers)")
+endif()
+if(NOT MIRA_BUILD_ARROW)
+    list(APPEND missing_duckdb "the Arrow streams")
+endif()
+mira_option(MIRA_BUILD_DUCKDB "Build the extension for DuckDB" "${missing_table};${missing_duckdb}")
