@@ -166,7 +166,8 @@ void Reader::tryStarts(Reading& reading, std::vector<u64> places) {
     for (const u64 first : places) {
         if (first > end_) continue;
         reading.first = first;
-        const bool zeros = marksAreZero(source_, reading.shape, first);
+        const ZeroMarks marks = zeroMarksFrom(source_, reading.shape, first);
+        const bool zeros = marks.records != 0 && marks.zeros == marks.records;
         reading.worth = worthAt(reading, zeros ? zeroFit : fit) - (zeros ? kZeroMarks : 0);
         const u64 stride = reading.shape.stride;
         reading.confirmed = end_ - first == said_.count * stride ||

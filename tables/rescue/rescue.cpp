@@ -27,7 +27,8 @@ Layout layoutOf(Source& source, const std::string& name, const Table* like) {
 }
 
 Walked walk(Source& source, const Layout& layout, Fit& fit, const std::function<void(u32)>& step) {
-    if (marksAreZero(source, layout.shape, layout.first)) fit.allowZeroMark();
+    const ZeroMarks marks = zeroMarksFrom(source, layout.shape, layout.first);
+    if (2 * marks.zeros > marks.records) fit.allowZeroMark();
     return walkRecords(source, fit, layout.first, layout.counted, step);
 }
 

@@ -362,16 +362,16 @@ double fitFrom(Source& source, const Fit& fit, u64 place, u32 count) {
     return sum;
 }
 
-bool marksAreZero(Source& source, const Shape& shape, u64 first) {
+ZeroMarks zeroMarksFrom(Source& source, const Shape& shape, u64 first) {
     constexpr u32 kSample = 50;
-    u32 zeros = 0, records = 0;
-    for (; records < kSample; ++records) {
-        const std::string_view bytes = source.at(first + u64{records} * shape.stride, shape.length);
+    ZeroMarks marks;
+    for (; marks.records < kSample; ++marks.records) {
+        const std::string_view bytes =
+            source.at(first + u64{marks.records} * shape.stride, shape.length);
         if (bytes.size() < shape.length) break;
-        const bool filled = bytes.find_first_not_of('\0') != std::string_view::npos;
-        if (filled && bytes[0] == 0) ++zeros;
+        if (!isZeros(bytes) && bytes[0] == 0) ++marks.zeros;
     }
-    return 2 * zeros > records;
+    return marks;
 }
 
 std::optional<Shift> shiftOf(const Table& table) {

@@ -44,8 +44,12 @@ Walked walkRecords(Source& source, Fit& fit, u64 first, u32 counted,
 /// ones weigh most, because further on the file may be damaged.
 double fitFrom(Source& source, const Fit& fit, u64 place, u32 count);
 
-/// Whether the records from a place on have zero for a deletion byte, as some programs write it.
-bool marksAreZero(Source& source, const Shape& shape, u64 first);
+/// Deletion bytes of zero, as some programs write them, in the first records from a place on;
+/// records that are nothing but zeros do not count as such.
+struct ZeroMarks {
+    u32 records = 0, zeros = 0;
+};
+ZeroMarks zeroMarksFrom(Source& source, const Shape& shape, u64 first);
 
 /// Where the records of an open table are not where they should be any more: the first such record,
 /// from 0, and by how many bytes they lie behind their place. Nothing while records fit there.

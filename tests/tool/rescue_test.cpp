@@ -1,7 +1,7 @@
 // Tables damaged in many ways, and what repair saves of them. Nothing may come out that the table
 // did not hold there unless it is counted as doubtful, and what the damage has not touched is to be
-// saved. With MIRA_DAMAGE=all the real tables of MIRA_CORPUS are damaged, too, and the shares are
-// printed.
+// saved. With MIRA_DAMAGE=all the real tables of MIRA_CORPUS are damaged, and the shares are
+// printed; with part of its name one damage alone. MIRA_DAMAGE_SEED gives other places.
 #include "tables/rescue/rescue.h"
 
 #include <strings.h>
@@ -320,7 +320,10 @@ void judge(const std::vector<Row>& wanted, const std::vector<Row>& got, const Fi
 
 class Bench {
 public:
-    explicit Bench(std::vector<fs::path> paths) : paths_(std::move(paths)) {}
+    Bench(std::vector<fs::path> paths, const char* only, const char* seed)
+        : seed_(seed != nullptr ? static_cast<unsigned>(std::atoi(seed)) : 0),
+          only_(only != nullptr && std::string_view(only) != "all" ? only : ""),
+          paths_(std::move(paths)) {}
     std::map<std::string, Share> shares{};
 
     void run() {
@@ -329,9 +332,9 @@ public:
             const std::vector<Row> rows = rowsOf(paths_[i].string());
             check("nothing", files, rows, paths_[i]);
             for (const Damage& damage : damages()) {
-                if (only_ != nullptr && damage.name.find(only_) == std::string::npos) continue;
+                if (!only_.empty() && damage.name.find(only_) == std::string::npos) continue;
                 Files damaged = files;
-                std::mt19937 random(static_cast<unsigned>(i));
+                std::mt19937 random(seed_ + static_cast<unsigned>(i));
                 if (damage.make(damaged, otherThan(i, files), random))
                     check(damage.name, damaged, rows, paths_[i]);
             }
@@ -374,12 +377,6 @@ private:
             ++share.refused;
             judge(rows, {}, files, mine);
         }
-        if (std::getenv("MIRA_DAMAGE") != nullptr &&
-            (mine.saved < mine.outside || mine.memosSaved < mine.memosOutside)) {
-            std::printf("%s: %s: %lu of %lu records, %lu of %lu memos%s\n", sound.c_str(),
-                        name.c_str(), mine.saved, mine.outside, mine.memosSaved, mine.memosOutside,
-                        share.refused ? " R" : "");
-        }
         share.outside += mine.outside;
         share.saved += mine.saved;
         share.memosOutside += mine.memosOutside;
@@ -389,7 +386,8 @@ private:
         share.memosDoubtful += mine.memosDoubtful;
     }
 
-    const char* only_ = std::getenv("DAMAGE_ONLY");
+    const unsigned seed_;
+    const std::string only_;
     std::vector<fs::path> paths_;
 };
 
@@ -415,7 +413,7 @@ TEST(Rescue, SavesWhatTheDamageHasNotTouched) {
     const char* const corpus = std::getenv("MIRA_CORPUS");
     std::vector<fs::path> paths = tablesOf(MIRA_SAMPLES_DIR);
     if (whole != nullptr && corpus != nullptr) paths = tablesOf(corpus);
-    Bench bench(paths);
+    Bench bench(paths, whole, std::getenv("MIRA_DAMAGE_SEED"));
     bench.run();
     for (const auto& [name, share] : bench.shares) {
         if (whole != nullptr) {
