@@ -25,7 +25,7 @@ def stops(folder, statement, *words):
         process.send_signal(signal.SIGINT)
         before = time.monotonic()
         assert process.wait() == 130, (statement, process.returncode)
-        assert time.monotonic() - before < 2, statement  # on a machine with other work
+        assert time.monotonic() - before < 5, statement  # on a machine with other work
     assert not os.listdir(folder), os.listdir(folder)
 
 

@@ -448,9 +448,10 @@ void openSink(Query& query) {
 
 Status run(const Options& options) {
     std::vector<std::string> tables;
-    Query query{options, statementsOf(options, &tables)};
-    std::optional<HoldPipeSignal> hold;
+    std::optional<HoldPipeSignal>
+        hold;  // longer than the connection, which takes back what is open
     if (options.write) hold.emplace();
+    Query query{options, statementsOf(options, &tables)};
     openConnection(query);
     const Status named = nameTables(query, tables);
     openSink(query);
