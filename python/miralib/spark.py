@@ -21,7 +21,7 @@ from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Sequence, Tu
 from pyspark.sql import SparkSession, datasource, types
 
 from . import _native
-from ._table import Field, Table, _found, read
+from ._table import Field, _fields_of, _found, _options_of, _Report, read
 
 _PUSHDOWN = "spark.sql.python.filterPushdown.enabled"
 _PART = 64 << 20  # bytes of records in a partition
@@ -98,7 +98,7 @@ _OPTIONS = {
 }
 
 
-def _options_of(given: Dict[str, str]) -> Tuple[Dict[str, Any], int]:
+def _read_options(given: Dict[str, str]) -> Tuple[Dict[str, Any], int]:
     """For read, and the bytes of a partition."""
     options = {}
     part = _PART
@@ -162,7 +162,6 @@ class Structure(NamedTuple):
     path: str
     fields: Tuple[Field, ...]
     code_page: str
-    head: Optional[bytes]  # of its file, all that says the structure
 
 
 def _head_of(path: str) -> bytes:
@@ -217,7 +216,7 @@ class DbfSource(datasource.DataSource):
         return "dbf"
 
     def schema(self) -> types.StructType:
-        options, _ = _options_of(self.options)
+        options, _ = _read_options(self.options)
         return types.StructType(
             [
                 types.StructField(field.name, _spark_type(field))
@@ -232,12 +231,12 @@ class DbfSource(datasource.DataSource):
 class DbfReader(datasource.DataSourceReader):
     def __init__(self, given: Dict[str, str], schema: types.StructType) -> None:
         self._own_page = "code_page" not in given
-        self._options, self._part = _options_of(given)
+        self._options, self._part = _read_options(given)
         self._paths = _tables_of(given)
         first = self._paths[0]
         table = read(first, **self._options)
         self._options["code_page"] = table.code_page
-        self._structure = Structure(first, table.schema, table.code_page, None)
+        self._structure = Structure(first, table.schema, table.code_page)
         wanted = [(field.name, field.dataType) for field in schema.fields]
         if wanted != [(field.name, _spark_type(field)) for field in table.schema]:
             raise ValueError("the columns are those of the table; select and cast follow after load")
@@ -296,20 +295,45 @@ class DbfReader(datasource.DataSourceReader):
 
     def read(self, partition: Part) -> Iterator[Any]:  # type: ignore[override]
         for path, first, end in partition.ranges:
-            table = read(path, first=first, end=end, **self._options)
-            difference = _difference(self._structure.fields, table.schema)
+            opened = _opened(path, first, end, self._options)
+            difference = _difference(self._structure.fields, _fields_of(opened))
             if difference is not None:
                 raise _native.TableError(
                     f"{path}: its columns are not those of {self._structure.path}: {difference}"
                 )
-            yield from _batches(table)
+            yield from _batches(opened)
 
 
-def _batches(table: Table) -> Iterator[Any]:
+_DEFAULTS: Dict[str, Any] = {
+    **dict.fromkeys(_OPTIONS),
+    "deleted": "skip",
+    "exact_decimals": False,
+    "long_names": False,
+    "batch_records": 0,
+}
+
+
+def _opened(path: str, first: int, end: Optional[int], options: Dict[str, Any]) -> _native.OpenStream:
+    """What read opens, but once only: in large folders that is most of the work on a small table."""
+    given = _options_of(**{**_DEFAULTS, **options}, first=first, end=end)
+    return _native.OpenStream([path], given, _Report().take)
+
+
+class _Opened:
+    """The rows of a stream, once."""
+
+    def __init__(self, opened: _native.OpenStream) -> None:
+        self._opened = opened
+
+    def __arrow_c_stream__(self, requested_schema: Optional[object] = None) -> object:
+        return _native.stream_capsule(self._opened)
+
+
+def _batches(opened: _native.OpenStream) -> Iterator[Any]:
     """Record batches with the types that Spark takes: its texts have offsets of 32 bits."""
     import pyarrow
 
-    reader = pyarrow.RecordBatchReader.from_stream(table)
+    reader = pyarrow.RecordBatchReader.from_stream(_Opened(opened))
     small = {pyarrow.large_string(): pyarrow.string(), pyarrow.large_binary(): pyarrow.binary()}
     schema = pyarrow.schema(
         [pyarrow.field(field.name, small.get(field.type, field.type)) for field in reader.schema]

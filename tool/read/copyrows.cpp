@@ -7,7 +7,7 @@
 namespace mira::tool {
 namespace {
 
-constexpr std::size_t kPiece = 1 << 18;  // bytes that wait for their turn
+constexpr std::size_t kPiece = 1 << 17;  // bytes that wait for their turn
 
 struct Part {
     std::string bytes{};
@@ -51,6 +51,7 @@ public:
 
 private:
     void keep(std::string_view text) {
+        if (part_.bytes.empty()) part_.bytes.reserve(kPiece + text.size());
         part_.bytes.append(text);
         if (part_.bytes.size() >= kPiece) (*give_)(std::exchange(part_, Part()));
     }
