@@ -42,7 +42,7 @@ NewTableRows::NewTableRows(const Answer& answer, std::optional<TableKind> kind,
       codePage_(std::move(codePage)),
       seen_(answer.columns().size()),
       out_(targetOf(file_.path()), false),
-      csv_(csvWriter(out_, {})) {}
+      csv_(fileFormats().front().second->make(out_, {})) {}
 
 /// A real in as many digits as a double keeps of any number, for a field of digits.
 Value NewTableRows::rounded(Seen& seen, const Value& value) {
