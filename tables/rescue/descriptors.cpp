@@ -9,6 +9,7 @@ namespace mira::tables {
 namespace {
 
 constexpr Form kForms[] = {{kFixed, 32, 11, 11, 16, false}, {68, 48, 32, 32, 34, true}};
+constexpr i64 kOtherForm = 10;  // against a form that the version does not tell
 constexpr std::string_view kLetters = "CNFDLMTGYBI0@+OVQWP";
 
 bool isName(std::string_view name) {
@@ -185,18 +186,22 @@ std::string resized(std::string bytes, std::size_t at, std::size_t size) {
 }
 List findList(Source& source) {
     List best;
+    i64 most = 0;
+    const bool isLevel7 = (source.byteAt(0) & 7) == 4;
     const std::string start(source.at(8, 2));
     const u64 said = start.size() == 2 ? loadLe<u16>(start.data()) : 0;
     for (const Form& form : kForms) {
         for (i64 ahead = -kSlip; ahead <= kSlip; ++ahead) {
             List list = Lister(source, form, ahead, said).run();
-            if (!list.descriptors.empty() &&
-                (best.descriptors.empty() || worthOf(list) > worthOf(best)))
-                best = std::move(list);
+            const i64 worth = worthOf(list) - (form.level7 == isLevel7 ? 0 : kOtherForm);
+            if (list.descriptors.empty() || (!best.descriptors.empty() && worth <= most)) continue;
+            most = worth;
+            best = std::move(list);
         }
     }
     return best;
 }
+
 u32 lengthOf(const std::string& descriptor, const Form& form, Lengths lengths) {
     const auto byte = [&](u32 at) { return u32{static_cast<u8>(descriptor[at])}; };
     if (lengths == Lengths::Foreign) return byte(form.length - 1);
