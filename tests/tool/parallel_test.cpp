@@ -130,7 +130,7 @@ Words realTables() {
     Words paths;
     const char* const corpus = std::getenv("MIRA_CORPUS");
     for (const char* folder : {MIRA_SAMPLES_DIR, corpus}) {
-        if (folder == nullptr) continue;
+        if (folder == nullptr || *folder == 0) continue;
         for (const auto& entry : fs::recursive_directory_iterator(folder)) {
             const std::string extension = entry.path().extension().string();
             const bool table = extension == ".dbf" || extension == ".DBF" || extension == ".scx";

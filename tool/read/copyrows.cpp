@@ -1,5 +1,6 @@
 #include "read/copyrows.h"
 
+#include <mutex>
 #include <utility>
 
 #include "select/inorder.h"
@@ -7,7 +8,7 @@
 namespace mira::tool {
 namespace {
 
-constexpr std::size_t kPiece = 1 << 17;  // bytes that wait for their turn
+constexpr std::size_t kPiece = 1 << 18;  // bytes that wait for their turn
 
 struct Part {
     std::string bytes{};
@@ -15,12 +16,34 @@ struct Part {
     Faults faults{};
 };
 
+/// Memory of pieces that are written, for those to come: new memory costs more than filling it.
+class Spare {
+public:
+    std::string take() {
+        const std::lock_guard lock(mutex_);
+        if (all_.empty()) return {};
+        std::string memory = std::move(all_.back());
+        all_.pop_back();
+        return memory;
+    }
+    void add(std::string memory) {
+        memory.clear();
+        const std::lock_guard lock(mutex_);
+        all_.push_back(std::move(memory));
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::string> all_;
+};
+
 /// What one thread needs to write rows into memory.
 class PartWriter {
 public:
     PartWriter(std::unique_ptr<Table> table, const Selection& whole, const PartWriting& writing,
-               bool terminal)
+               Spare& spare, bool terminal)
         : out_([this](std::string_view text) { keep(text); }, terminal),
+          spare_(spare),
           source_(writing.source),
           writer_(writing.format.make(out_, writing.options)) {
         SelectOptions options = writing.select;
@@ -51,7 +74,10 @@ public:
 
 private:
     void keep(std::string_view text) {
-        if (part_.bytes.empty()) part_.bytes.reserve(kPiece + text.size());
+        if (part_.bytes.empty()) {
+            part_.bytes = spare_.take();
+            part_.bytes.reserve(kPiece + text.size());
+        }
         part_.bytes.append(text);
         if (part_.bytes.size() >= kPiece) (*give_)(std::exchange(part_, Part()));
     }
@@ -65,6 +91,7 @@ private:
 
     Part part_{};
     Output out_;
+    Spare& spare_;
     const std::string* source_;
     std::unique_ptr<RowWriter> writer_;
     std::unique_ptr<Selection> selection_{};
@@ -78,11 +105,12 @@ bool copiedInParts(Selection& selection, RowWriter& writer, Output& out,
     const bool counted = selection.limit != 0 || selection.offset != 0;
     if (!writing.format.has(kRowsApart) || counted || all.first >= all.end) return false;
     const Cut cut = cutFor(*selection.table, all.end - all.first, writing.jobs);
+    Spare spare;
     std::vector<std::unique_ptr<PartWriter>> writers;
     std::vector<InOrder<Part>::Work> workers;
     for (auto& table : openForThreads(*selection.table, cut)) {
-        writers.push_back(
-            std::make_unique<PartWriter>(std::move(table), selection, writing, out.isTerminal()));
+        writers.push_back(std::make_unique<PartWriter>(std::move(table), selection, writing, spare,
+                                                       out.isTerminal()));
         workers.emplace_back([one = writers.back().get()](const Range& range, const auto& give) {
             one->write(range, give);
         });
@@ -91,6 +119,7 @@ bool copiedInParts(Selection& selection, RowWriter& writer, Output& out,
     const Progress progress(selection.table->path, all.end - all.first);
     return InOrder<Part>(all, cut).run(workers, [&](Part& part) {
         out.put(part.bytes);
+        spare.add(std::move(part.bytes));
         selection.rows += part.rows;
         writer.guarded += part.guarded;
         addFaults(selection.faults, part.faults);

@@ -7,7 +7,7 @@ namespace mira::tool {
 namespace {
 
 constexpr u64 kWorthwhile = 1 << 20;  // bytes of records; below, threads take longer to start
-constexpr u32 kRangeBytes = 1 << 16;
+constexpr u32 kRangeBytes = 1 << 17;
 
 u32 fixedRecords = 0;
 
