@@ -444,7 +444,7 @@ void exportScript(Work& work) {
         } else {
             script.beginRows();
         }
-        putRows(work, *found, *selection, script);
+        putRows(work, *found, *selection, script, out);
         countTable(work, *selection);
     }
     writer->end();
