@@ -8,6 +8,7 @@ void addTables(CLI::App& program, Job& job);
 void addShow(CLI::App& program, Job& job);
 void addExport(CLI::App& program, Job& job);
 void addQuery(CLI::App& program, Job& job);
+void addPage(CLI::App& program, Job& job);
 void addMemo(CLI::App& program, Job& job);
 void addImport(CLI::App& program, Job& job);
 void addAppend(CLI::App& program, Job& job);
@@ -28,7 +29,7 @@ void addCompletion(CLI::App& program, Job& job);
 namespace {
 using AddCommand = void (*)(CLI::App& program, Job& job);
 constexpr AddCommand kCommands[] = {
-    addInfo, addTables, addShow,   addExport, addQuery,  addMemo,      addImport, addAppend,
+    addInfo, addTables, addShow,   addExport, addQuery, addPage,  addMemo,      addImport, addAppend,
     addAdd,  addSet,    addDelete, addAlter,  addRecall, addPack,      addZap,    addReindex,
     addUndo, addCheck,  addDiff,   addRepair, addHelp,   addCompletion};
 }  // namespace

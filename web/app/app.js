@@ -70,8 +70,8 @@ async function take(files) {
     state.files = added ? [...state.files.filter((file) => !names.has(file.name)), ...files] : files;
     state.tables = tablesAmong(state.files);
     if (!state.tables.length) return say('There is no table among what was dropped.', 'error');
-    if (!added) state.pages = {};
-    await engine.mount(state.files);
+    if (!added) state.pages = Object.fromEntries(files.map(({name, page}) => [name, page || '']));
+    await engine.mount(state.files.map(({name, data}) => ({name, data})));
     listTables();
     await open(added && state.tables.includes(state.path) ? state.path : state.tables[0]);
 }
@@ -131,7 +131,7 @@ function showNothing() {
 
 function listPages() {
     const chosen = state.pages[state.path] || '';
-    const automatic = `as the table says${chosen ? '' : `: ${state.opened.page}`}`;
+    const automatic = chosen ? 'automatic' : `${state.opened.page}, automatic`;
     const groups = [new Option(automatic, '')];
     for (const [label, pages] of kPages) {
         const group = element('optgroup');
@@ -141,6 +141,20 @@ function listPages() {
     }
     at('page').replaceChildren(...groups);
     at('page').value = chosen;
+}
+
+// The fields, until there is a chart or a value to show.
+function listFields() {
+    const list = element('dl', 'fields');
+    for (const column of state.opened.columns.slice(0, 300)) {
+        const pair = element('div');
+        pair.append(element('dt', '', column.name), element('dd', '', typeLine(column)));
+        list.append(pair);
+    }
+    at('fields').replaceChildren(element('h2', '', 'Fields'), element('p', 'type', 'Click a heading to sort by it and draw its chart; choose a cell to see all of its value.'), list);
+    const number = state.opened.columns.find(isNumber);
+    const column = number || state.opened.columns[0];
+    at('filter').placeholder = column ? `Filter, such as ${column.name}${number ? '>10' : '="A"'}` : 'Filter';
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -176,6 +190,7 @@ async function showTable(turn, rows, notes = []) {
     at('facts').textContent = factsLine(state.opened);
     at('facts').title = at('facts').textContent;
     listPages();
+    listFields();
     const all = state.opened.records;
     const empty = !state.opened.columns.length ? 'This table has no fields to show.' : all ? 'No record passes.' : 'This table has no records.';
     at('grid').classList.toggle('empty', !rows || !state.opened.columns.length);

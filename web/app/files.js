@@ -75,8 +75,9 @@ function tablesAmong(files) {
 function filesInPage() {
     const holder = document.getElementById('tables');
     if (!holder) return [];
-    return JSON.parse(holder.textContent).map(({name, base64}) => ({
+    return JSON.parse(holder.textContent).map(({name, page, base64}) => ({
         name: safeName(name),
+        page,
         data: new Blob([Uint8Array.from(atob(base64), (c) => c.charCodeAt(0))]),
     }));
 }

@@ -68,12 +68,14 @@ class Grid {
     // Widths from the names and the first rows.
     measure() {
         const pen = document.createElement('canvas').getContext('2d');
-        const style = getComputedStyle(this.root);
-        pen.font = `${style.fontSize} ${style.fontFamily}`;
+        const {fontFamily, fontSize} = getComputedStyle(this.root);
+        pen.font = `600 12.5px ${fontFamily}`;
+        const names = this.columns.map((column) => pen.measureText(column.name).width);
+        pen.font = `${fontSize} ${fontFamily}`;
         const first = this.chunks.get(0) || [];
         const sample = Array.isArray(first) ? first.slice(0, 60) : [];
         this.widths = this.columns.map((column, i) => {
-            let width = pen.measureText(column.name).width * 1.08 + 34;
+            let width = names[i] + 44; // the arrow of a sort
             for (const row of sample) {
                 const cell = row.c[i];
                 if (cell === null) width = Math.max(width, 56);

@@ -15,6 +15,7 @@ function sized(bytes) {
 
 // "PNG picture, 2.3 KB" for a binary cell.
 function describe(cell) {
+    if (!cell.n) return 'binary, empty';
     return cell.b ? `${cell.b.toUpperCase()} picture, ${sized(cell.n)}` : `binary, ${sized(cell.n)}`;
 }
 
