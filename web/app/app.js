@@ -1,6 +1,7 @@
 // The page: which table is open, what is shown of it, what is said.
 const at = (id) => document.getElementById(id);
 const kPause = 350; // ms after the last key
+const kMostCounted = 512 * 1024 * 1024; // bytes
 
 const state = {
     files: [],
@@ -106,20 +107,27 @@ async function open(path) {
         if (turn !== state.turn) return;
         state.opened = opened;
         await showTable(turn, opened.records);
-        countDeleted(turn);
+        countDeleted().catch(() => {});
     } catch (e) {
         showNothing();
         complain(e);
     }
 }
 
-// Tells it in the line of facts, once the rows are there.
-async function countDeleted(turn) {
-    const {deleted} = await engine.call('deleted').catch(() => ({}));
-    if (turn !== state.turn && !state.opened) return;
-    state.opened.facts.deleted = deleted;
-    at('facts').textContent = factsLine(state.opened);
-    at('facts').title = at('facts').textContent;
+// Tells it in the line of facts, once the rows are there. Between its steps other calls have their
+// turn; of tables that take long to read it is not told.
+async function countDeleted() {
+    const {opened} = state;
+    const length = opened.facts.record_length;
+    if (length * opened.records > kMostCounted) return;
+    const step = Math.ceil(2 ** 22 / length);
+    let deleted = 0;
+    for (let first = 0; first < opened.records; first += step) {
+        deleted += (await engine.call('deleted', first, step)).deleted;
+        if (state.opened !== opened) return;
+    }
+    opened.facts.deleted = deleted;
+    at('facts').textContent = at('facts').title = factsLine(opened);
 }
 
 function showNothing() {
@@ -187,8 +195,7 @@ async function showTable(turn, rows, notes = []) {
     at('start').hidden = true;
     for (const id of ['grid', 'side', 'tools']) at(id).hidden = false;
     at('export').disabled = at('sql').disabled = false;
-    at('facts').textContent = factsLine(state.opened);
-    at('facts').title = at('facts').textContent;
+    at('facts').textContent = at('facts').title = factsLine(state.opened);
     listPages();
     listFields();
     const all = state.opened.records;

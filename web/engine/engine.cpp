@@ -308,12 +308,12 @@ EMSCRIPTEN_KEEPALIVE const char* page_cell(u32 row, int column) {
 
 EMSCRIPTEN_KEEPALIVE const char* page_bytes() { return shown.bytes.data(); }
 
-/// How many records are marked deleted, {"deleted": 3}.
-EMSCRIPTEN_KEEPALIVE const char* page_deleted() {
+/// How many of some records, from first on, are marked deleted: {"deleted": 3}.
+EMSCRIPTEN_KEEPALIVE const char* page_deleted(u32 first, u32 count) {
     return answered([&] {
         mira::u64 deleted = 0;
-        const u32 count = shown.table->base->Header.RecordCount;
-        for (u32 record = 0; record < count; ++record) {
+        const u32 all = shown.table->base->Header.RecordCount;
+        for (u32 record = first; record - first < count && record < all; ++record) {
             readRecord(*shown.table, record);
             if (isDeleted(*shown.table)) ++deleted;
         }

@@ -25,7 +25,7 @@ const calls = {
             [wanted.filter, wanted.search, wanted.sort, wanted.descending ? 1 : 0, wanted.deleted]),
     rows: (first, count) => call('page_rows', ['number', 'number'], [first, count]),
     chart: (column) => call('page_chart', ['number'], [column]),
-    deleted: () => call('page_deleted', [], []),
+    deleted: (first, count) => call('page_deleted', ['number', 'number'], [first, count]),
     query: (sql, tables) => call('page_query', ['string', 'string'], [sql, tables]),
     answerRows: (first, count) => call('page_answer_rows', ['number', 'number'], [first, count]),
     answerCsv() {
