@@ -91,7 +91,11 @@ test('every table: cells, CSV, filter, sort and sentences are those of mira', as
         await page.selectOption('[aria-label="Deleted records"]', '0');
         await settled();
         const lines = parseCsv(plain.stdout);
-        assert.deepEqual((await rows()).map((row) => row.map((cell) => cell.slice(0, 500))), lines.slice(1, 16).map((row) => row.map((cell) => cell.slice(0, 500))), table);
+        const cells = await rows();
+        // Long texts are cut, and of very many columns those in sight are drawn.
+        const start = (row) => row.map((cell) => cell.slice(0, 500));
+        const drawn = cells.length && lines[0].length > 256 ? cells[0].length : lines[0].length;
+        assert.deepEqual(cells.map(start), lines.slice(1, 16).map((row) => start(row.slice(0, drawn))), table);
         assert.equal(await rowCount(), lines.length - 1, table);
         for (const sentence of plain.stderr.split('\n').filter((line) => /memo file .* missing|interrupted/.test(line))) {
             assert.ok((await said()).includes(sentence.replace(/^mira: [^:]*: /, '')), `${table}: ${sentence}`);

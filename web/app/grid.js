@@ -3,8 +3,8 @@
 const kRow = 30; // pixels
 const kTallest = 6e6; // a browser caps heights; beyond that the scroll bar is scaled
 const kChunk = 128; // rows asked for at once
-const kAhead = 8; // rows drawn above and below those in sight
-const kManyColumns = 128; // from there on only those in sight are drawn
+const kAhead = 5; // rows drawn above and below those in sight
+const kManyColumns = 256; // from there on only those in sight are drawn
 
 const element = (tag, className, text) => {
     const made = document.createElement(tag);
