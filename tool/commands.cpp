@@ -29,9 +29,9 @@ void addCompletion(CLI::App& program, Job& job);
 namespace {
 using AddCommand = void (*)(CLI::App& program, Job& job);
 constexpr AddCommand kCommands[] = {
-    addInfo, addTables, addShow,   addExport, addQuery, addPage,  addMemo,      addImport, addAppend,
-    addAdd,  addSet,    addDelete, addAlter,  addRecall, addPack,      addZap,    addReindex,
-    addUndo, addCheck,  addDiff,   addRepair, addHelp,   addCompletion};
+    addInfo,    addTables, addShow,  addExport, addQuery,  addPage,   addMemo,      addImport,
+    addAppend,  addAdd,    addSet,   addDelete, addAlter,  addRecall, addPack,      addZap,
+    addReindex, addUndo,   addCheck, addDiff,   addRepair, addHelp,   addCompletion};
 }  // namespace
 
 void addCommands(CLI::App& program, Job& job) {

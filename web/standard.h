@@ -1,5 +1,5 @@
-// What the C++ library of older emscriptens lacks of C++20. Included before every file of the page's
-// engine, and empty where the library has all of it.
+// What the C++ library of older emscriptens lacks of C++20. Included before every file of the
+// page's engine, and empty where the library has all of it.
 #pragma once
 
 #include <version>

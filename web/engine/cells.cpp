@@ -10,8 +10,9 @@ namespace {
 
 using namespace tables;
 
-constexpr std::size_t kShown = 2048;   // bytes of a text that go into the grid
-constexpr std::size_t kBinary = 1536;  // bytes that become as many letters of base64; three's multiple
+constexpr std::size_t kShown = 2048;  // bytes of a text that go into the grid
+constexpr std::size_t kBinary =
+    1536;  // bytes that become as many letters of base64; three's multiple
 
 /// The start of a text that ends with a whole letter.
 std::string_view cutText(std::string_view text) {

@@ -122,7 +122,8 @@ std::string chartOfNumbers(Table& table, const View& view, const Column& column)
     for (std::size_t i = 0; i < counts.size(); ++i) {
         const double from = (first + static_cast<double>(i)) * width;
         bars.begin();
-        bars.json += textOf("\"from\":", plainNumber(from), ",\"to\":", plainNumber(from + width), ',');
+        bars.json +=
+            textOf("\"from\":", plainNumber(from), ",\"to\":", plainNumber(from + width), ',');
         bars.end(counts[i]);
     }
     JsonObject chart;

@@ -63,7 +63,9 @@ const char* answered(Work work) {
     return shown.json.c_str();
 }
 
-const Column& columnAt(int number) { return shown.table->columns.at(static_cast<std::size_t>(number)); }
+const Column& columnAt(int number) {
+    return shown.table->columns.at(static_cast<std::size_t>(number));
+}
 
 /// What a value of a column is for the page.
 const char* showAs(const Column& column) {
@@ -104,7 +106,8 @@ std::string openedJson(const Table& table, Listing& listing) {
     object.raw("columns", columnsJson(table));
     object.number("records", table.base->Header.RecordCount);
     object.text("page", pageName(*table.page.page));
-    object.text("doubt", table.page.uncertain ? pageDoubt(table.page, "the list \"Code page\"") : "");
+    object.text("doubt",
+                table.page.uncertain ? pageDoubt(table.page, "the list \"Code page\"") : "");
     object.text("memoFile", facts.hasMemos ? memoFileOf(table) : "");
     object.truth("memoMissing", facts.hasMemos && facts.memoFile.empty());
     return object.whole();
@@ -114,7 +117,8 @@ std::string openNamed(const std::string& path, const std::string& codePage) {
     shown = Open();
     Listing listing;
     if (hasJournal(path)) {
-        refuse(path, ": a change of it was interrupted; `mira info ", path, "` puts it right first");
+        refuse(path, ": a change of it was interrupted; `mira info ", path,
+               "` puts it right first");
     }
     TableOptions options;
     options.codePage = codePage;
@@ -132,8 +136,8 @@ void readRow(CellReader& cells, u32 row) {
 
 std::string rowJson(u32 row) {
     readRow(*shown.cells, row);
-    std::string json =
-        textOf("{\"r\":", shown.cells->record + 1, ",\"d\":", isDeleted(*shown.table) ? 1 : 0, ",\"c\":[");
+    std::string json = textOf("{\"r\":", shown.cells->record + 1,
+                              ",\"d\":", isDeleted(*shown.table) ? 1 : 0, ",\"c\":[");
     Value value;
     for (std::size_t i = 0; i < shown.table->columns.size(); ++i) {
         if (i != 0) json += ',';
@@ -207,7 +211,8 @@ void putRow(Export& run) {
     for (const Column& column : shown.table->columns) {
         if (&column != shown.table->columns.data()) run.piece += ',';
         readCell(*run.cells, column, value);
-        if (value.fault != Fault::None) countFault(run.faults, value.fault, run.cells->record, column);
+        if (value.fault != Fault::None)
+            countFault(run.faults, value.fault, run.cells->record, column);
         putCsv(run.piece, value, column.mayBeNull());
     }
     run.piece += '\n';
@@ -261,7 +266,8 @@ EMSCRIPTEN_KEEPALIVE const char* page_open(const char* path, const char* codePag
 EMSCRIPTEN_KEEPALIVE const char* page_view(const char* filter, const char* search, int sort,
                                            int descending, int deleted) {
     return answered([&] {
-        const Wanted wanted{filter, search, sort, descending != 0, static_cast<tables::Deleted>(deleted)};
+        const Wanted wanted{filter, search, sort, descending != 0,
+                            static_cast<tables::Deleted>(deleted)};
         std::vector<std::string> notes;
         shown.view = viewOf(*shown.table, wanted, notes);
         shown.deleted = wanted.deleted;
@@ -301,7 +307,8 @@ EMSCRIPTEN_KEEPALIVE const char* page_cell(u32 row, int column) {
                             : picture.empty()                     ? "bytes"
                                                                   : picture);
         object.number("size", shown.bytes.size());
-        object.text("fault", value.fault == tables::Fault::None ? "" : faultSentence(value.fault, 1));
+        object.text("fault",
+                    value.fault == tables::Fault::None ? "" : faultSentence(value.fault, 1));
         return object.whole();
     });
 }
@@ -329,7 +336,8 @@ EMSCRIPTEN_KEEPALIVE void page_export() { shown.run = Export(); }
 EMSCRIPTEN_KEEPALIVE const char* page_next() {
     return answered([&] {
         exportOn(shown.run);
-        if (shown.run.piece.empty() && shown.run.row == shown.view.count) return exportedJson(shown.run);
+        if (shown.run.piece.empty() && shown.run.row == shown.view.count)
+            return exportedJson(shown.run);
         tables::JsonObject object;
         object.number("size", shown.run.piece.size());
         return object.whole();

@@ -43,10 +43,12 @@ using namespace tables;
 
 /// Names of the C library and what browsers call the same.
 constexpr std::pair<std::string_view, const char*> kBrowserPages[] = {
-    {"CP932", "shift_jis"}, {"SHIFT_JIS", "shift_jis"}, {"SJIS", "shift_jis"},
-    {"CP936", "gbk"},       {"GBK", "gbk"},             {"GB2312", "gbk"},
-    {"EUC-CN", "gbk"},      {"GB18030", "gb18030"},     {"CP949", "euc-kr"},
-    {"UHC", "euc-kr"},      {"EUC-KR", "euc-kr"},       {"CP950", "big5"},
+    {"CP932", "shift_jis"}, {"SHIFT_JIS", "shift_jis"},
+    {"SJIS", "shift_jis"},  {"CP936", "gbk"},
+    {"GBK", "gbk"},         {"GB2312", "gbk"},
+    {"EUC-CN", "gbk"},      {"GB18030", "gb18030"},
+    {"CP949", "euc-kr"},    {"UHC", "euc-kr"},
+    {"EUC-KR", "euc-kr"},   {"CP950", "big5"},
     {"BIG5", "big5"},       {"BIG-5", "big5"}};
 
 /// Characters by their bytes, of two the first times 256 and the second; 0 is none.
@@ -146,7 +148,8 @@ iconv_t iconv_open(const char* to, const char* from) {
     }
     if (!converter->toUtf8) {
         for (unsigned i = 0; i < converter->letters.size(); ++i) {
-            if (converter->letters[i] != 0 || i == 0) converter->bytes.emplace(converter->letters[i], i);
+            if (converter->letters[i] != 0 || i == 0)
+                converter->bytes.emplace(converter->letters[i], i);
         }
     }
     return converter;
@@ -154,7 +157,8 @@ iconv_t iconv_open(const char* to, const char* from) {
 
 std::size_t iconv(iconv_t converter, char** from, std::size_t* left, char** to, std::size_t* room) {
     if (from == nullptr || *from == nullptr) return 0;  // nothing is held back
-    return mira::page::convert(*static_cast<mira::page::Converter*>(converter), from, left, to, room);
+    return mira::page::convert(*static_cast<mira::page::Converter*>(converter), from, left, to,
+                               room);
 }
 
 int iconv_close(iconv_t converter) {

@@ -53,8 +53,8 @@ bool Searcher::holdsAscii(std::string_view text) const {
 }
 
 bool Searcher::holds(std::string_view utf8) {
-    // Some letters beyond ASCII fold to one of it, such as the sign of Kelvin; they are no match for
-    // what is typed on a keyboard without them.
+    // Some letters beyond ASCII fold to one of it, such as the sign of Kelvin; they are no match
+    // for what is typed on a keyboard without them.
     if (!ascii_.empty()) return holdsAscii(utf8);
     if (asciiRun(utf8) == utf8.size()) return false;
     text_.clear();

@@ -23,8 +23,8 @@ private:
 
     tables::Table& table_;
     tables::CellReader cells_;
-    std::u32string letters_;  ///< what is looked for, folded
-    std::string ascii_;       ///< the same where it is ASCII
+    std::u32string letters_;        ///< what is looked for, folded
+    std::string ascii_;             ///< the same where it is ASCII
     std::vector<char32_t> folded_;  ///< of the letters below U+10000, once they are met
     std::u32string text_;
     std::string plain_;

@@ -17,7 +17,7 @@ namespace {
 
 using namespace tables;
 
-constexpr std::size_t kRows = 1000000;       // at most, of an answer
+constexpr std::size_t kRows = 1000000;     // at most, of an answer
 constexpr std::size_t kBytes = 32U << 20;  // and letters
 
 struct Closer {
@@ -83,12 +83,14 @@ Value valueOf(sqlite3_stmt* statement, int column) {
             break;
         case SQLITE_TEXT:
             value.kind = ValueKind::Text;
-            value.text = {reinterpret_cast<const char*>(sqlite3_column_text(statement, column)), size};
+            value.text = {reinterpret_cast<const char*>(sqlite3_column_text(statement, column)),
+                          size};
             break;
         case SQLITE_BLOB:
             value.kind = ValueKind::Bytes;
             if (size != 0) {
-                value.text = {static_cast<const char*>(sqlite3_column_blob(statement, column)), size};
+                value.text = {static_cast<const char*>(sqlite3_column_blob(statement, column)),
+                              size};
             }
             break;
         default:

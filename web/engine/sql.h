@@ -11,8 +11,8 @@ struct Answer {
     std::vector<std::string> columns{};
     std::vector<bool> numbers{};  ///< whether a column holds nothing else
     std::vector<std::string> rows{};
-    std::string csv{};               ///< the same as CSV
-    bool cut = false;                ///< there were more
+    std::string csv{};  ///< the same as CSV
+    bool cut = false;   ///< there were more
     std::vector<std::string> notes{};
 };
 

@@ -8,7 +8,8 @@
 
 extern "C" {
 
-[[gnu::weak]] ssize_t fgetxattr(int /*file*/, const char* /*name*/, void* /*value*/, std::size_t /*size*/) {
+[[gnu::weak]] ssize_t fgetxattr(int /*file*/, const char* /*name*/, void* /*value*/,
+                                std::size_t /*size*/) {
     errno = ENOTSUP;
     return -1;
 }

@@ -1,5 +1,5 @@
-// Which records the page shows, and in which order: a filter of the library, a text that is searched
-// for, a sort.
+// Which records the page shows, and in which order: a filter of the library, a text that is
+// searched for, a sort.
 #pragma once
 
 #include <string>
