@@ -26,15 +26,18 @@ constexpr std::size_t kLabel = 64;         // bytes of a text that count
 /// Calls take(value) for the column in every shown record.
 template <typename Take>
 void eachValue(Table& table, const View& view, const Column& column, Take take) {
+    const u32 all = table.base->Header.RecordCount;
     CellReader cells(table);
     Value value;
-    for (u32 row = 0; row < view.count; ++row) {
-        if (row % kProgressStep == 0) tellProgress(row, view.count);
-        cells.record = view.record(row);
-        readRecord(table, cells.record);
+    const auto read = [&](u32 record) {
+        if (record % kProgressStep == 0) tellProgress(record, all);
+        cells.record = record;
+        readRecord(table, record);
         readCell(cells, column, value);
         take(value);
-    }
+    };
+    if (!view.whole) return eachInFile(view.records, all, read);
+    for (u32 record = 0; record < all; ++record) read(record);
 }
 
 bool isBlank(const Value& value) {

@@ -3,8 +3,10 @@
 // the next call.
 #include <emscripten.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -27,6 +29,7 @@ namespace {
 using namespace tables;
 
 constexpr std::size_t kPiece = 1U << 20;  // of an export
+constexpr u32 kScattered = 16U << 20;     // bytes of records that it reads at a time, out of order
 
 struct Export {
     std::unique_ptr<CellReader> cells{};
@@ -206,19 +209,40 @@ void putHeadings(std::string& csv) {
     csv += '\n';
 }
 
-void putRow(Export& run) {
+/// Appends the line of a row, unless its record is left out.
+void putRow(Export& run, u32 row, std::string& csv) {
+    readRow(*run.cells, row);
+    if (isDeleted(*shown.table) && shown.deleted != Deleted::Only) {
+        ++run.left;
+        return;
+    }
     Value value;
     for (const Column& column : shown.table->columns) {
-        if (&column != shown.table->columns.data()) run.piece += ',';
+        if (&column != shown.table->columns.data()) csv += ',';
         readCell(*run.cells, column, value);
-        if (value.fault != Fault::None)
+        if (value.fault != Fault::None) {
             countFault(run.faults, value.fault, run.cells->record, column);
-        putCsv(run.piece, value, column.mayBeNull());
+        }
+        putCsv(csv, value, column.mayBeNull());
     }
-    run.piece += '\n';
+    csv += '\n';
 }
 
-/// The next piece; empty at the end.
+/// Lines of rows that lie all over the file, which is read from its start for each piece of them.
+void putScattered(Export& run) {
+    const u32 most = std::max(kScattered / shown.table->base->Header.RecordLength, 1000U);
+    const u32 first = run.row;
+    run.row = std::min(shown.view.count, first + most);
+    std::vector<u32> rows(run.row - first);
+    std::iota(rows.begin(), rows.end(), first);
+    std::sort(rows.begin(), rows.end(),
+              [](u32 a, u32 b) { return shown.view.record(a) < shown.view.record(b); });
+    std::vector<std::string> lines(rows.size());
+    for (const u32 row : rows) putRow(run, row, lines[row - first]);
+    for (const std::string& line : lines) run.piece += line;
+}
+
+/// The next piece; empty at the end, or where all of its records are left out.
 void exportOn(Export& run) {
     run.piece.clear();
     if (run.row == 0 && !run.cells) {
@@ -226,12 +250,11 @@ void exportOn(Export& run) {
         putHeadings(run.piece);
     }
     while (run.piece.size() < kPiece && run.row < shown.view.count) {
-        readRow(*run.cells, run.row++);
-        if (isDeleted(*shown.table) && shown.deleted != Deleted::Only) {
-            ++run.left;
-            continue;
+        if (shown.view.whole) {
+            putRow(run, run.row++, run.piece);
+        } else {
+            putScattered(run);
         }
-        putRow(run);
     }
     tellProgress(run.row, shown.view.count);
 }

@@ -71,17 +71,16 @@ std::vector<u32> orderedRecords(Table& table, const Wanted& wanted,
 /// Leaves out the records that are not wanted, or do not hold the text.
 void sift(Table& table, const Wanted& wanted, std::vector<u32>& records) {
     Searcher searcher(table, wanted.search);
-    std::size_t kept = 0;
-    u32 done = 0;
-    for (const u32 record : records) {
-        if (++done % kProgressStep == 0) tellProgress(done, static_cast<u32>(records.size()));
+    const u32 all = table.base->Header.RecordCount;
+    std::vector<bool> kept(all);
+    eachInFile(records, all, [&](u32 record) {
+        if (record % kProgressStep == 0) tellProgress(record, all);
         readRecord(table, record);
         const bool deleted = isDeleted(table);
-        if (wanted.deleted == (deleted ? Deleted::Skip : Deleted::Only)) continue;
-        if (!wanted.search.empty() && !searcher.find(record)) continue;
-        records[kept++] = record;
-    }
-    records.resize(kept);
+        if (wanted.deleted == (deleted ? Deleted::Skip : Deleted::Only)) return;
+        kept[record] = wanted.search.empty() || searcher.find(record);
+    });
+    std::erase_if(records, [&](u32 record) { return !kept[record]; });
 }
 
 }  // namespace

@@ -26,6 +26,17 @@ struct View {
     u32 record(u32 row) const { return whole ? row : records[row]; }
 };
 
+/// Calls take for every one of the records, of all there are, in the order of the file: whatever
+/// reads them all then reads the file once.
+template <typename Take>
+void eachInFile(const std::vector<u32>& records, u32 all, Take take) {
+    std::vector<bool> wanted(all);
+    for (const u32 record : records) wanted[record] = true;
+    for (u32 record = 0; record < all; ++record) {
+        if (wanted[record]) take(record);
+    }
+}
+
 /// Throws a Refusal. notes gets what is hardly meant as it stands in the filter.
 View viewOf(tables::Table& table, const Wanted& wanted, std::vector<std::string>& notes);
 
