@@ -82,7 +82,9 @@ class Grid {
                 const text = cell && cell.b !== undefined ? describe(cell) : cellText(cell).slice(0, 80);
                 width = Math.max(width, pen.measureText(text).width + 28);
             }
-            return Math.round(Math.min(Math.max(width, 64), 340));
+            // Later rows of a text may be longer.
+            const room = column.as === 'text' ? Math.min(column.length || 0, 16) * 7 + 28 : 64;
+            return Math.round(Math.min(Math.max(width, room, 64), 340));
         });
         this.numberWidth = Math.max(44, pen.measureText(String(this.source.records || this.count)).width + 26);
         this.place();
