@@ -1,7 +1,6 @@
 #include "arrow/cells.h"
 
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <limits>
 
@@ -129,11 +128,9 @@ int numberAt(std::string_view text, std::size_t place, std::size_t digits) {
 
 /// Days since 1970-01-01 of "2024-01-31".
 i32 daysOf(std::string_view text) {
-    using namespace std::chrono;
-    const year_month_day date{year{numberAt(text, 0, 4)},
-                              month{static_cast<unsigned>(numberAt(text, 5, 2))},
-                              day{static_cast<unsigned>(numberAt(text, 8, 2))}};
-    return static_cast<i32>(sys_days{date}.time_since_epoch().count());
+    constexpr i32 kDayOf1970 = 2440588;
+    return GetDayNumber(numberAt(text, 0, 4), numberAt(text, 5, 2), numberAt(text, 8, 2)) -
+           kDayOf1970;
 }
 
 /// Microseconds of "2024-01-31 23:59:59" with ".sss" or without.

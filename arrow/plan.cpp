@@ -18,7 +18,6 @@ using tables::Table;
 constexpr unsigned kInt64Digits = 18;
 constexpr unsigned kDecimalDigits = 38;
 constexpr unsigned kCurrencyDigits = 19;
-constexpr unsigned kCurrencyDecimals = 4;
 
 // --------------------------------------------------------------------------------------------
 // Types
@@ -56,7 +55,7 @@ Field fieldOf(const Column& column, bool exact) {
             field.shape = Shape::Double;
             break;
         case Kind::Currency:
-            takeDecimal(field, kCurrencyDigits, kCurrencyDecimals);
+            takeDecimal(field, kCurrencyDigits, tables::kCurrencyDecimals);
             break;
         case Kind::Date:
             field.shape = Shape::Date;
@@ -103,7 +102,7 @@ bool takeType(Field& field, std::string_view type) {
         takeDecimal(field, column.length, column.decimals);
         return field.shape == Shape::Decimal;
     } else if (type == "decimal" && column.kind == Kind::Currency) {
-        takeDecimal(field, kCurrencyDigits, kCurrencyDecimals);
+        takeDecimal(field, kCurrencyDigits, tables::kCurrencyDecimals);
     } else if (type == "text") {
         tables::readAsText(column);
         field.shape = Shape::Text;

@@ -1,4 +1,3 @@
-// Eight characters are looked at as one word whose lowest byte is the first of them.
 #include "arrow/quick.h"
 
 #include <algorithm>
@@ -6,27 +5,22 @@
 #include <bit>
 
 #include "arrow/number.h"
-#include "tables/page/bytes.h"
 #include "tables/page/codepage.h"
+#include "tables/page/digits.h"
 #include "tables/page/utf8.h"
 
 namespace mira::arrow {
 namespace {
 
 using tables::Column;
+using tables::kHigh;
 using tables::Kind;
+using tables::kOnes;
+using tables::kZeros;
 using tables::loadLe;
+using tables::nonDigits;
 
-constexpr u64 kOnes = 0x0101010101010101;
-constexpr u64 kHigh = 0x80 * kOnes;
-constexpr u64 kLow = 0x7F * kOnes;
 constexpr u64 kBlanks = ' ' * kOnes;
-constexpr u64 kZeros = '0' * kOnes;
-
-/// The high bit of every byte of digits without their '0' that is none.
-constexpr u64 nonDigits(u64 digits) {
-    return (((digits & kLow) + (0x80 - 10) * kOnes) | digits) & kHigh;
-}
 
 /// Eight digits without their '0' as a number.
 constexpr u64 numberOf(u64 digits) {

@@ -7,59 +7,18 @@
 #include <string>
 #include <vector>
 
-#include "arrow/cells.h"
+#include "arrow/part.h"
 #include "arrow/plan.h"
-#include "arrow/records.h"
 #include "tables/change/append.h"
 #include "tables/facts/facts.h"
-#include "tables/open/find.h"
-#include "tables/open/journal.h"
-#include "tables/open/open.h"
 #include "tables/page/json.h"
 
 namespace mira::arrow {
 namespace {
 
-using tables::Fault;
-using tables::FaultTally;
 using tables::Table;
 
 constexpr u32 kBatchRows = 65536;
-constexpr std::size_t kBatchBytes = std::size_t{8} << 20;  // then one of the usual size ends
-
-// --------------------------------------------------------------------------------------------
-// Opening
-// --------------------------------------------------------------------------------------------
-
-void refuseJournal(const std::string& path) {
-    if (!tables::hasJournal(path)) return;
-    throw Failure(
-        MIRA_ARROW_NO_TABLE,
-        tables::textOf(path, ": a change was interrupted; `mira info ", path, "` puts it right"));
-}
-
-std::string foundTable(const std::string& name) {
-    try {
-        return tables::findTable(name);
-    } catch (const tables::Refusal& refusal) {
-        // A change that moves files may have been interrupted between two names.
-        refuseJournal(name);
-        throw Failure(MIRA_ARROW_NO_FILE, refusal.what());
-    }
-}
-
-std::unique_ptr<Table> openFor(const char* name, const char* codePage, bool longNames) {
-    const std::string path = foundTable(name);
-    refuseJournal(path);
-    tables::TableOptions options;
-    options.codePage = codePage != nullptr ? codePage : "";
-    options.longNames = longNames;
-    try {
-        return tables::openTable(path, options);
-    } catch (const tables::UnknownPage& unknown) {
-        throw Failure(MIRA_ARROW_NO_PAGE, unknown.what());
-    }
-}
 
 // --------------------------------------------------------------------------------------------
 // Arrays
@@ -132,44 +91,21 @@ void putArray(const std::vector<Field>& fields, std::vector<Vector> vectors, std
 // What was met
 // --------------------------------------------------------------------------------------------
 
-/// The word for a fault in reports.
-const char* faultWord(Fault fault) {
-    constexpr const char* kWords[tables::kFaults] = {
-        "",        "no_number", "no_date", "no_logical", "no_character", "length_past_end",
-        "no_memo", "memo_cut",  "rounded"};
-    return kWords[static_cast<std::size_t>(fault)];
-}
-
 struct Report {
     std::vector<std::string> notes, faults;
 
-    void addFault(const std::string& path, const char* kind, const FaultTally& tally,
-                  const std::string& what) {
-        if (tally.count == 0) return;
-        tables::JsonObject fault;
-        fault.text("file", path);
-        fault.text("kind", kind);
-        fault.number("count", tally.count);
-        fault.number("record", u64{tally.record} + 1);
-        fault.text("field", tally.column);
-        fault.text("sentence", tables::textOf(path, ": ", what, ", first in record ",
-                                              u64{tally.record} + 1, ", field ", tally.column));
-        faults.push_back(fault.whole());
-    }
-
     void add(const Table& table, const Met& met) {
-        for (const std::string& note : table.notes) notes.push_back(table.path + ": " + note);
-        if (table.page.uncertain) {
-            notes.push_back(table.path + ": " + tables::pageDoubt(table.page, "code_page"));
+        for (const std::string& note : notesOf(table)) notes.push_back(note);
+        for (const ToldFault& told : faultsOf(met)) {
+            tables::JsonObject fault;
+            fault.text("file", table.path);
+            fault.text("kind", told.kind);
+            fault.number("count", told.count);
+            fault.number("record", told.record);
+            fault.text("field", told.field);
+            fault.text("sentence", sentenceOf(table.path, told));
+            faults.push_back(fault.whole());
         }
-        for (std::size_t i = 1; i < tables::kFaults; ++i) {
-            const auto fault = static_cast<Fault>(i);
-            const FaultTally& tally = met.faults[i];
-            addFault(table.path, faultWord(fault), tally,
-                     tables::faultSentence(fault, tally.count));
-        }
-        addFault(table.path, "rounded", met.rounded,
-                 tables::textOf(tables::counted(met.rounded.count, "number"), " rounded"));
     }
 
     std::string whole() const {
@@ -183,20 +119,6 @@ struct Report {
 // --------------------------------------------------------------------------------------------
 // The stream
 // --------------------------------------------------------------------------------------------
-
-/// One table of the stream.
-struct Part {
-    Part(std::unique_ptr<Table> opened, const MiraArrowOptions& options)
-        : table(std::move(opened)),
-          fields(fieldsOf(*table, options)),
-          records(*table, options),
-          cells(*table) {}
-
-    std::unique_ptr<Table> table;
-    std::vector<Field> fields;
-    Records records;
-    Cells cells;
-};
 
 /// The texts of options outlive those of the caller.
 class KeptOptions {
@@ -234,13 +156,7 @@ struct Stream {
         const MiraArrowOptions& options = kept.options;
         const std::string& name = tables[opened];
         part.emplace(openFor(name.c_str(), options.code_page, options.long_names != 0), options);
-        if (opened++ == 0) return;
-        const std::string other = difference(fields, part->fields);
-        if (!other.empty()) {
-            throw Failure(MIRA_ARROW_NO_TABLE,
-                          tables::textOf(part->table->path, ": its columns are not those of ",
-                                         tables.front(), ": ", other));
-        }
+        if (opened++ != 0) demandFields(*part, fields, tables.front());
     }
 
     KeptOptions kept;
@@ -253,27 +169,6 @@ struct Stream {
     std::string error{};
     int failure = 0;  // what get_next returns from now on
 };
-
-/// Appends the rows of a block to every column; of several failures the one of the first record is
-/// thrown.
-void appendBlock(Part& part, std::vector<Vector>& vectors) {
-    std::optional<CellFailure> first;
-    part.cells.loaded = nullptr;
-    for (std::size_t i = 0; i < part.fields.size(); ++i) {
-        try {
-            appendCells(part.cells, part.fields[i], part.records.rows(), vectors[i]);
-        } catch (const CellFailure& failure) {
-            if (!first || failure.record < first->record) first.emplace(failure);
-        }
-    }
-    if (first) throw CellFailure(*first);
-}
-
-std::size_t bytesOf(const std::vector<Vector>& vectors) {
-    std::size_t bytes = 0;
-    for (const Vector& vector : vectors) bytes += vector.values.size() + vector.bytes.size();
-    return bytes;
-}
 
 void endPart(Stream& stream) {
     stream.report.add(*stream.part->table, stream.part->cells.met);

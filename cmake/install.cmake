@@ -90,6 +90,10 @@ if(MIRA_BUILD_ARROW)
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT arrow NAMELINK_COMPONENT development)
     install(FILES arrow/mira_arrow.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 endif()
+if(MIRA_BUILD_DUCKDB)
+    install(FILES ${PROJECT_BINARY_DIR}/duckdb/mira.duckdb_extension
+        DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT duckdb)
+endif()
 if(SKBUILD)  # a wheel is being built; see python/pyproject.toml
     install(TARGETS mira_arrow mira_sqlite
         LIBRARY DESTINATION . COMPONENT python NAMELINK_SKIP)

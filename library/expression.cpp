@@ -22,7 +22,6 @@ namespace {
 
 constexpr std::size_t kNameInExpression = 10;
 
-constexpr std::string_view kOperatorBytes = "><=~^+-/*()";
 constexpr std::string_view kDigits = "0123456789";
 
 bool contains(std::string_view set, char c) { return set.find(c) != std::string_view::npos; }

@@ -14,6 +14,9 @@
 
 namespace mira {
 
+/// What may be an operator, of comparison or arithmetic.
+inline constexpr std::string_view kOperatorBytes = "><=~^+-/*()";
+
 /// A literal, or the value of a field.
 struct ExpressionPart {
     std::string literal;

@@ -807,6 +807,58 @@ int GetMemoReference(DbfBase*, int field, u32* block, u32* length);
 /// memo or it cannot be read. A dBase III memo without an end mark ends with the file. Looks into
 /// MemoFile where the caller keeps it open.
 int GetMemoSpan(DbfBase*, u32 block, u32 length, u64* first, u64* end);
+/// The same in a memo file that the caller has opened; null for the table's own.
+int GetMemoSpanIn(DbfBase*, std::FILE* memos, u32 block, u32 length, u64* first, u64* end);
+/// Stores a reference in a field of class Memo; length counts in SMT tables only. 0 when it does
+/// not fit.
+int SetMemoReference(DbfBase*, int field, u32 block, u32 length);
+/// Appends a memo, which may have no bytes, to a memo file of the table's that the caller has
+/// opened for writing. Its block; 0 on failure.
+u32 AppendMemo(DbfBase*, std::FILE* memos, const char* bytes, u32 length);
+
+/// One memo file format. A memo of n bytes is [prefix] data [end byte 1A] from the start of a
+/// block; block b starts at byte b * unit. The file begins with the number of the next free block.
+struct MemoLayout {
+    u32 headerSize = 0;             ///< bytes at the start of the file that hold counter and unit
+    u32 firstPlace = 0;             ///< no memo begins before this byte, whoever made the file
+    u32 unitPlace = 0;              ///< offset of the 16-bit unit; 0: the unit is 512 bytes
+    bool bigEndian = false;         ///< byte order of counter, unit and length
+    bool shortHeaderReads = false;  ///< readers take 256 for the unit when the header is short
+    u32 prefixSize = 0;             ///< bytes before the data: 8 or 0
+    u8 mark[4] = {};                ///< first half of the prefix; the second is the length
+    u32 markChecked = 0;            ///< bytes of the mark that a reader insists on
+    u32 lengthBias = 0;             ///< what the stored length counts besides the data
+    u32 endSize = 0;                ///< end bytes after the data: 1 or 0
+    u32 signaturePlace = 0;         ///< where signature goes in a new header
+    u32 signatureSize = 0;
+    char signature[9] = "";
+};
+/// How the memo files of a kind, as GetMemoKind gives it, are laid out. A constant; null for a kind
+/// without memos.
+const MemoLayout* GetMemoLayout(u32 kind);
+
+/// The day number of a date, as GetMoment counts; 0 when it is none of the years 0 to 9999.
+i32 GetDayNumber(int year, int month, int day);
+/// The date of a day number; 0 for one outside these years.
+int GetDayDate(i32 number, int* year, int* month, int* day);
+/// Sets the day of the last update to today, as WriteHeader does.
+void StampHeader(DbfHeader*);
+/// The fixed header as it stands in a file: 68 bytes, of which a table below level 7 has 32.
+void GetHeaderBytes(const DbfHeader*, u8* bytes);
+/// 1 for a level-7 table of another maker: integers have a sign, moments of 8 bytes are a double.
+int IsOtherLevel7(DbfBase*);
+
+/// Gives a field another name in this handle, by which it is found from then on; cut to 31 bytes.
+void SetFieldName(DbfBase*, int field, const char* name);
+/// Adds, for this handle alone, a C field of one character behind the record and those added
+/// before: what AfterRead puts there, filters and expressions see. No record may be written and no
+/// field counted on until DropTestFields has taken them all away. Its place in RecordBuffer; 0
+/// when there is no room.
+u32 AddTestField(DbfBase*, const char* name);
+void DropTestFields(DbfBase*);
+/// Makes the physical records from first up to end the view, as a filter would that only they
+/// satisfy; FilterText stays. Drops the sort order. 0 without memory.
+int ViewRecords(DbfBase*, u32 first, u32 end);
 
 /// Why a filter does not run as it is meant, and where that is in its text.
 enum class FilterFault : u8 {
@@ -831,6 +883,8 @@ int CheckFilter(DbfBase*, const char* filter, FilterFault* fault, u32* first, u3
 /// same without an operator). 0 when there is no condition of that number.
 int GetFilterCondition(DbfBase*, const char* filter, u32 number, int* field, u32* signFirst,
                        u32* rightFirst, u32* end);
+/// The characters that the comparing operators of filters begin with. A constant.
+const char* GetFilterSigns();
 /// 1 when a name, in any letter case and without a parenthesis, is that of a function in texts or
 /// arithmetic.
 int IsFunction(const char* name);

@@ -8,8 +8,10 @@ build=$root/build/release
 # What building the library and miradump needs, what mira and the SQLite module need besides, and
 # what the tests add.
 build_packages=(g++ cmake make)
-tool_packages=(pkg-config libcli11-dev libsqlite3-dev libuchardet-dev libutf8proc-dev libfmt-dev)
+tool_packages=(pkg-config libcli11-dev libsqlite3-dev libuchardet-dev libutf8proc-dev libfmt-dev libzip-dev)
 test_packages=(libgtest-dev sqlite3 python3)
+# Servers that tests start themselves; without them these are skipped.
+server_packages=(postgresql mariadb-server-core mariadb-client-core)
 
 # Whether a Debian package, or the tool it is wanted for, is there.
 present() {
@@ -73,13 +75,15 @@ require() {
 
 processors() { nproc 2>/dev/null || echo 2; }
 
-# build_release TARGET [CMAKE_OPTION...]: configures and builds; only what has changed.
+# build_release TARGET [CMAKE_OPTION...]: configures and builds; only what has changed. MIRA_OPTIONS
+# may hold further options for CMake.
 build_release() {
     local target=$1
     shift
     {
+        # shellcheck disable=SC2086
         cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_TARGET_MESSAGES=OFF "$@" \
-            >/dev/null &&
+            ${MIRA_OPTIONS:-} >/dev/null &&
             cmake --build "$build" --target "$target" -j "$(processors)"
     } </dev/null >&2
 }

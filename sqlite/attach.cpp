@@ -53,6 +53,12 @@ void attach(sqlite3_context* context, int count, sqlite3_value** values) {
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options) {
     std::string name = tables::freeName(
         tables::stemOf(path), [&](const std::string& free) { return !isTaken(connection, free); });
+    attachAs(connection, name, path, options);
+    return name;
+}
+
+void attachAs(sqlite3* connection, const std::string& name, const std::string& path,
+              const std::string& options) {
     const std::string statement =
         tables::textOf("CREATE VIRTUAL TABLE temp.", tables::quotedName(name), " USING mira(",
                        tables::quotedText(path), options, ')');
@@ -62,7 +68,6 @@ std::string attachTable(sqlite3* connection, const std::string& path, const std:
         sqlite3_free(message);
         throw tables::Refusal(why);
     }
-    return name;
 }
 
 int registerAttach(sqlite3* connection, bool readOnly) {

@@ -15,4 +15,8 @@ int registerAttach(sqlite3* connection, bool readOnly);
 /// "_2" after it for a second one of that name. The name it got; throws a Refusal.
 std::string attachTable(sqlite3* connection, const std::string& path, const std::string& options);
 
+/// The same under a given name. Throws a Refusal, also when there is a table of that name.
+void attachAs(sqlite3* connection, const std::string& name, const std::string& path,
+              const std::string& options);
+
 }  // namespace mira::sql

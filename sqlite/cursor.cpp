@@ -122,16 +122,33 @@ void narrow(Cursor& cursor, const Shortcut& s) {
         case Operator::GreaterEqual:
             first = std::max(first, number);
             break;
-        default:
+        case Operator::IsNull:
+        case Operator::Like:
+        case Operator::Glob:
             break;
     }
     cursor.end = static_cast<u32>(std::max<i64>(end, 0));
     cursor.record = static_cast<u32>(std::min<i64>(first, cursor.end));
 }
 
+void tellScan(Cursor& cursor, u64 done, u64 records) {
+    const VirtualTable& of = tableOf(cursor);
+    const Host& host = of.session->host;
+    if (host.scanned) host.scanned({&cursor, of.table->path, done, records});
+}
+
+/// Every now and then, in a scan and while an index is made.
+void countLook(Cursor& cursor) {
+    constexpr u32 kStep = 1024;
+    if (++cursor.looked % kStep != 0) return;
+    const u32 records = reccount(cursor.table->base.get());
+    tellScan(cursor, std::min(cursor.looked, records), u64{records} + 1);
+}
+
 void makeIndex(Cursor& cursor, int column) {
     KeyIndex index(column);
     for (u32 record = 0; record < reccount(cursor.table->base.get()); ++record) {
+        countLook(cursor);
         if (readShown(cursor, record)) index.add(cellOf(cursor, column), record);
     }
     index.finish();
@@ -225,16 +242,20 @@ void beginScan(Cursor& cursor, const char* plan, std::span<sqlite3_value*> const
             cursor.shortcuts.push_back(std::move(s));
         }
     }
+    cursor.looked = 0;
     if (repeated && !oneRecord) useIndex(cursor);
+    if (!cursor.indexed) tellScan(cursor, 0, u64{cursor.end} + 1);
     nextRecord(cursor);
 }
 
 void nextRecord(Cursor& cursor) {
     cursor.atEnd = false;
     while (const std::optional<u32> record = advance(cursor)) {
+        countLook(cursor);
         if (readShown(cursor, *record) && mayPass(cursor)) return;
     }
     cursor.atEnd = true;
+    if (!cursor.indexed) tellScan(cursor, cursor.end, cursor.end);
 }
 
 }  // namespace mira::sql

@@ -4,10 +4,15 @@
 //   SELECT mira_attach('samples');
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
 #include "api.h"
+
+namespace mira::tables {
+struct Table;
+}
 
 namespace mira::sql {
 
@@ -18,6 +23,13 @@ enum class Notice : unsigned char { Remark, Loss, Failure };
 
 /// Into SQLite's error log.
 void logNotice(Notice notice, const std::string& sentence);
+
+/// How far a scan of a table is.
+struct ScanState {
+    const void* scan;             ///< which of them
+    const std::string& path;      ///< of the table
+    std::uint64_t done, records;  ///< equal at its end
+};
 
 /// The program that the module works for.
 struct Host {
@@ -31,6 +43,10 @@ struct Host {
     unsigned backupCopies = 3;                  ///< how many are kept
     bool outerJoins = true;                     ///< statements may hold some
     bool rowLists = false;                      ///< and some with (A, B) IN (...)
+    /// Told of every table, with the name of its schema in front: "temp.stock".
+    std::function<void(const std::string& name, const tables::Table&)> opened{};
+    /// Told now and then while a table is scanned; what it throws interrupts the statement.
+    std::function<void(const ScanState&)> scanned{};
 };
 
 /// Makes the module `mira` and the function `mira_attach` known to a connection. An SQLite result.

@@ -84,6 +84,7 @@ std::unique_ptr<VirtualTable> makeTable(sqlite3* connection, std::shared_ptr<Ses
                               made->name);
     }
     made->utf8 = isUtf8(connection);
+    if (host.opened) host.opened(made->name, table);
     return made;
 }
 

@@ -51,6 +51,7 @@ struct Cursor : sqlite3_vtab_cursor {
     std::optional<KeyIndex> index;
     std::span<const KeyIndex::Entry> found;
     bool indexed = false;         ///< this scan goes through found
+    u32 looked = 0;               ///< records looked at in this scan
     u64 written = 0, undone = 0;  ///< of its file, when the table was last looked at
 };
 

@@ -91,9 +91,36 @@ double shareLeft(Operator op, double records) {
         case Operator::Glob:
         case Operator::IsNull:
             return 0.1;
-        default:
+        case Operator::Less:
+        case Operator::LessEqual:
+        case Operator::Greater:
+        case Operator::GreaterEqual:
             return 0.3;
     }
+    return 1;
+}
+
+/// What the conditions of a plan leave.
+struct Estimate {
+    double rows;
+    bool equal = false;   ///< with one value
+    bool oneRow = false;  ///< by its record number
+    bool unique = false;  ///< which is a whole number
+};
+
+void putCost(const Estimate& left, double records, sqlite3_index_info* info) {
+    info->estimatedRows = static_cast<sqlite3_int64>(std::max(1.0, left.rows));
+    // A scan for one value is repeated for each row of the tables outside it, from an index that
+    // the second one makes. That pays most, and takes least memory, for the smallest table, so the
+    // cost grows faster than the number of records.
+    constexpr double kIndexShare = 1000;
+    info->estimatedCost =
+        left.equal ? 2 + std::min(records, records * std::log2(records + 1) / kIndexShare)
+                   : records;
+    if (!left.oneRow) return;
+    info->estimatedRows = 1;
+    info->estimatedCost = 1;
+    if (left.unique) info->idxFlags = SQLITE_INDEX_SCAN_UNIQUE;
 }
 
 }  // namespace
@@ -105,10 +132,7 @@ int choosePlan(const PlanTable& table, sqlite3_index_info* info) {
     const int recordColumn = static_cast<int>(table.columns.recordNumber());
     std::ostringstream plan;
     int arguments = 0;
-    double rows = records;
-    bool equal = false;
-    bool oneRow = false;
-    bool unique = false;
+    Estimate left{records};
     for (int i = 0; i < info->nConstraint; ++i) {
         const auto& constraint = info->aConstraint[i];
         const std::optional<Operator> known = operatorOf(constraint.op);
@@ -119,28 +143,17 @@ int choosePlan(const PlanTable& table, sqlite3_index_info* info) {
         if (!isShortcut(table, info, i, op, of)) continue;
         info->aConstraintUsage[i].argvIndex = ++arguments;
         plan << column << ' ' << static_cast<char>(op) << '\n';
-        rows *= shareLeft(op, records);
-        equal = equal || op == Operator::Equal;
+        left.rows *= shareLeft(op, records);
+        left.equal = left.equal || op == Operator::Equal;
         if (op == Operator::Equal && column == recordColumn) {
-            oneRow = true;
-            unique = unique || isWholeNumber(info, i);
+            left.oneRow = true;
+            left.unique = left.unique || isWholeNumber(info, i);
         }
     }
     info->idxStr = sqlite3_mprintf("%s", plan.str().c_str());
     if (info->idxStr == nullptr) return SQLITE_NOMEM;
     info->needToFreeIdxStr = 1;
-    info->estimatedRows = static_cast<sqlite3_int64>(std::max(1.0, rows));
-    // A scan for one value is repeated for each row of the tables outside it, from an index that
-    // the second one makes. That pays most, and takes least memory, for the smallest table, so the
-    // cost grows faster than the number of records.
-    constexpr double kIndexShare = 1000;
-    info->estimatedCost =
-        equal ? 2 + std::min(records, records * std::log2(records + 1) / kIndexShare) : records;
-    if (oneRow) {
-        info->estimatedRows = 1;
-        info->estimatedCost = 1;
-        if (unique) info->idxFlags = SQLITE_INDEX_SCAN_UNIQUE;
-    }
+    putCost(left, records, info);
     return SQLITE_OK;
 }
 

@@ -64,9 +64,13 @@ bool inOrder(Operator op, std::partial_ordering order) {
             return order > 0;
         case Operator::GreaterEqual:
             return order >= 0;
-        default:
+        case Operator::Equal:
+        case Operator::IsNull:
+        case Operator::Like:
+        case Operator::Glob:
             return true;
     }
+    return true;
 }
 
 bool containsFolded(std::string_view text, std::string_view part) {

@@ -18,6 +18,7 @@
 #include <set>
 
 #include "support.h"
+#include "support/allocator.h"
 #include "support/disk.h"
 #include "support/sample.h"
 #include "support/wrap.h"
@@ -194,19 +195,6 @@ WRAP(ssize_t, LARGE(pwrite),
      !recorded(test::Call::Write, fd, at, {static_cast<const char*>(from), count}),
      placed(fd, at, count, [&](std::size_t n) { return REAL(LARGE(pwrite))(fd, from, n, at); }),
      (int fd, const void* from, std::size_t count, off_t at), (fd, from, count, at))
-}
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* const memory = malloc(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    free(memory);
 }
 
 namespace {

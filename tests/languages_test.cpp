@@ -268,6 +268,24 @@ TEST(Functions, AreKnownByName) {
     EXPECT_EQ(IsFunction(nullptr), 0);
 }
 
+TEST_F(Filter, SeesWhatAHookPutsBehindTheRecord) {
+    EXPECT_STREQ(GetFilterSigns(), "=><~^");
+    EXPECT_EQ(AddTestField(h, "ODD"), h->Header.RecordLength);
+    h->AfterRead = [](DbfBase* base) {
+        base->RecordBuffer[base->Header.RecordLength] = GetNumeric(base, 2) == 1 ? 'y' : 'n';
+        return 0;
+    };
+    EXPECT_EQ(select("ODD=y"), Records{0});
+    EXPECT_EQ(select("ODD=n"), (Records{1, 2, 3}));
+    DropTestFields(h);
+    h->AfterRead = nullptr;
+    EXPECT_EQ(GetFieldNum(h, "ODD"), 0xFFFFFFFF);
+    EXPECT_EQ(ViewRecords(h, 1, 3), 1);
+    EXPECT_EQ(found(), (Records{1, 2}));
+    SetFieldName(h, 0, "OTHER");
+    EXPECT_EQ(GetFieldNum(h, "other"), 0u);
+}
+
 TEST_F(Filter, NarrowsTheViewStepByStep) {
     EXPECT_EQ(SortBase(h, "NAME", nullptr), 1);
     for (const char* text : {"PRICE>1", "QTY>1"}) EXPECT_EQ(set_filter(h, text, nullptr), h);

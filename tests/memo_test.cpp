@@ -50,7 +50,10 @@ const Format kFormats[] = {
 TEST(Memo, AppendsAndReadsBackEverySize) {
     const Folder folder;
     const Table h = openTable(folder, 0x03);
+    EXPECT_EQ(GetMemoLayout(0xFFFFFFFF), nullptr);
     for (const Format& f : kFormats) {
+        const MemoLayout& layout = *GetMemoLayout(f.kind);
+        EXPECT_EQ(layout.prefixSize + layout.endSize, block(f.kind, "").size());
         for (const u32 blockSize : {0u, 1u, 100u, 65535u}) {
             const u32 unit = f.kind == 0 || blockSize == 0 ? 512 : blockSize;
             const std::size_t headerSize = std::max(512u, blockSize);
@@ -180,6 +183,13 @@ TEST(Memo, ExactReferences) {
         EXPECT_EQ(block, row.block) << row.bytes;
         EXPECT_EQ(length, row.length) << row.bytes;
         EXPECT_EQ(GetMemoReference(h.get(), 1, &block, &length), 0);
+        if (row.result == 0) continue;
+        setRecord(h.get(), padded("", 30));
+        const bool fits = row.block <= 0x7FFFFFFF;
+        EXPECT_EQ(SetMemoReference(h.get(), 0, row.block, row.length), fits ? 1 : 0);
+        block = GetMemoReference(h.get(), 0, &block, &length) != 0 ? block : 0;
+        EXPECT_EQ(block, fits ? row.block : 0) << row.bytes;
+        EXPECT_EQ(SetMemoReference(h.get(), 1, 1, 1), 0);
     }
 }
 
@@ -203,6 +213,8 @@ TEST(Memo, SpansOfLongMemosAndOpenFiles) {
             EXPECT_EQ(GetMemoSpan(h.get(), 0xFFFFFFFF, 1, &first, &end), 0);
             EXPECT_EQ(first + end, 0u);
             EXPECT_EQ(h->MemoFile, kept);
+            EXPECT_EQ(GetMemoSpanIn(h.get(), memos.get(), 1, 70000, &first, &end), 1);
+            EXPECT_EQ(end - first, data.size());
         }
         std::filesystem::remove(h->MemoFileName);
     }

@@ -1,4 +1,5 @@
 // Field types: what is asked about each, shown and stored; the readers and writers of one type.
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -116,6 +117,21 @@ TEST(Types, FlavoursAndFlags) {
             EXPECT_EQ(GetFieldFlags(h, 0) + GetFieldFlags(h, 2) + GetFieldFlags(h, -1), 0u);
         }
     }
+}
+
+TEST(Types, DaysAndDates) {
+    using namespace std::chrono;
+    for (i32 number = 1721060; number <= 5373484; number += 97) {
+        int y = 0, m = 0, d = 0;
+        ASSERT_EQ(GetDayDate(number, &y, &m, &d), 1);
+        const year_month_day date{sys_days{days{number - 2440588}}};
+        ASSERT_EQ(date, (year{y} / m / d));
+        ASSERT_EQ(GetDayNumber(y, m, d), number);
+    }
+    int none = 0;
+    EXPECT_EQ(GetDayDate(1721059, &none, &none, &none), 0);
+    EXPECT_EQ(GetDayDate(5373485, &none, &none, &none), 0);
+    EXPECT_EQ(GetDayNumber(2023, 2, 29) + GetDayNumber(-1, 1, 1) + GetDayNumber(10000, 1, 1), 0);
 }
 
 double readInt(DbfBase* h, int field) { return static_cast<i32>(GetInt(h, field)); }

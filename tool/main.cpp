@@ -5,10 +5,13 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "commands.h"
+#include "tables/change/watch.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "terminal/message.h"
 #include "terminal/progress.h"
 #include "terminal/status.h"
@@ -84,7 +87,21 @@ int runProgram(int argc, char** argv) {
         return refuseLine(program, e, argc > 1 ? argv[1] : "");
     }
     apply(common);
+    setUnpackHook(leaveIfStopped);
     return job();
+}
+
+/// A bar while a change is undone.
+void showUndoing(mira::u64 done, mira::u64 total) {
+    static std::optional<Progress> bar;
+    static mira::u64 shown = 0;
+    if (total == 0) return bar.reset();
+    if (done == 0) {
+        bar.emplace("undoing", total, "bytes");
+        shown = 0;
+    }
+    if (bar) bar->add(done - shown);
+    shown = done;
 }
 
 /// Needs no memory itself.
@@ -114,6 +131,7 @@ void tellNoMemory() {
 
 int main(int argc, char** argv) {
     watchSignals();
+    mira::tables::watchUndoing(showUndoing);
     try {
         return runProgram(argc, argv);
     } catch (const Stopped&) {

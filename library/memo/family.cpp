@@ -27,8 +27,9 @@
 
 namespace mira {
 
-const MemoFamily kDBase3Memo = {.headerSize = 4, .endSize = 1};
+const MemoFamily kDBase3Memo = {.headerSize = 4, .firstPlace = 512, .endSize = 1};
 const MemoFamily kDBase4Memo = {.headerSize = 24,
+                                .firstPlace = 24,
                                 .unitPlace = 20,
                                 .prefixSize = kMemoPrefixSize,
                                 .mark = {0xFF, 0xFF, 0x08, 0x00},
@@ -38,12 +39,14 @@ const MemoFamily kDBase4Memo = {.headerSize = 24,
                                 .signatureSize = 2,
                                 .signature = "\x02\x01"};
 const MemoFamily kFoxProMemo = {.headerSize = 8,
+                                .firstPlace = 512,
                                 .unitPlace = 6,
                                 .bigEndian = true,
                                 .prefixSize = kMemoPrefixSize,
                                 .mark = {0, 0, 0, 1},
                                 .markChecked = 3};  // pictures are of type 0
 const MemoFamily kSmtMemo = {.headerSize = 16,
+                             .firstPlace = 16,
                              .unitPlace = 4,
                              .shortHeaderReads = true,
                              .signaturePlace = 6,
@@ -164,6 +167,8 @@ FindingNames::~FindingNames() {
 const MemoFamily* memoFamily(u8 version) { return familyOf(flavourOf(version).memos); }
 
 const MemoFamily* memoFamilyOfKind(u32 kind) { return familyOf(flavourOfKind(kind).memos); }
+
+const MemoLayout* GetMemoLayout(u32 kind) { return memoFamilyOfKind(kind); }
 
 char* GetMemoName(const char* tablePath, u32 kind) {
     if (tablePath == nullptr) return nullptr;

@@ -22,22 +22,7 @@ inline constexpr u32 kMemoHeaderRead = 24;  // the most that a family reads of t
 inline constexpr u32 kMemoPrefixSize = 8;   // mark and length before the data
 inline constexpr u8 kMemoEnd = 0x1A;        // ends a dBase III memo
 
-/// One memo file format. A memo of n bytes is [prefix] data [end byte] from the start of a block;
-/// block b starts at byte b * unit. The header begins with the number of the next free block.
-struct MemoFamily {
-    u32 headerSize = 0;             ///< bytes at the start of the file that hold counter and unit
-    u32 unitPlace = 0;              ///< offset of the 16-bit unit; 0: the unit is kFixedMemoUnit
-    bool bigEndian = false;         ///< byte order of counter, unit and length
-    bool shortHeaderReads = false;  ///< readers take kMissingMemoUnit when the header is short
-    u32 prefixSize = 0;             ///< bytes before the data: kMemoPrefixSize or 0
-    u8 mark[4] = {};                ///< first half of the prefix; the second is the length
-    u32 markChecked = 0;            ///< bytes of the mark that a reader insists on
-    u32 lengthBias = 0;             ///< what the stored length counts besides the data
-    u32 endSize = 0;                ///< end bytes after the data: 1 or 0
-    u32 signaturePlace = 0;         ///< where signature goes in a new header
-    u32 signatureSize = 0;
-    char signature[9] = "";
-};
+using MemoFamily = MemoLayout;
 
 extern const MemoFamily kDBase3Memo;
 extern const MemoFamily kDBase4Memo;

@@ -67,13 +67,13 @@ int findSpan(int file, const MemoHead& head, const MemoFamily& family, MemoRefer
     return found->end <= *size ? kWhole : kCut;
 }
 
-/// In the memo file that the caller keeps open, or in one opened for this.
-int findSpan(DbfBase* h, const MemoFamily& family, MemoReference reference, Span* span) {
-    if (h->MemoFile != nullptr) {
+/// In a stream, or in the memo file opened for this.
+int findSpan(DbfBase* h, std::FILE* memos, const MemoFamily& family, MemoReference reference,
+             Span* span) {
+    if (memos != nullptr) {
         MemoHead head;
-        return readMemoHead(h->MemoFile, &head)
-                   ? findSpan(fileno(h->MemoFile), head, family, reference, span)
-                   : 0;
+        return readMemoHead(memos, &head) ? findSpan(fileno(memos), head, family, reference, span)
+                                          : 0;
     }
     const OpenMemoFile open(h);
     return open ? findSpan(open.descriptor(), open.head(), family, reference, span) : 0;
@@ -81,17 +81,21 @@ int findSpan(DbfBase* h, const MemoFamily& family, MemoReference reference, Span
 
 }  // namespace
 
-int GetMemoSpan(DbfBase* h, u32 block, u32 length, u64* first, u64* end) {
+int GetMemoSpanIn(DbfBase* h, std::FILE* memos, u32 block, u32 length, u64* first, u64* end) {
     *first = *end = 0;
     const Flavour& flavour = flavourOf(h->Header.Version);
     const MemoFamily* const family = memoFamily(h->Header.Version);
     const bool isReference = block != 0 || (flavour.lengthInReference && length != 0);
     if (family == nullptr || !isReference) return 0;
     Span span;
-    const int result = findSpan(h, *family, {block, length}, &span);
+    const int result = findSpan(h, memos, *family, {block, length}, &span);
     *first = span.first;
     *end = span.end;
     return result;
+}
+
+int GetMemoSpan(DbfBase* h, u32 block, u32 length, u64* first, u64* end) {
+    return GetMemoSpanIn(h, h->MemoFile, block, length, first, end);
 }
 
 }  // namespace mira

@@ -62,12 +62,10 @@ u32 textLength(const char* text) {
     return length <= kReachable ? static_cast<u32>(length) : 0;
 }
 
-/// For a caller who has opened MemoFile himself.
-u32 appendBlock(DbfBase* h, const MemoFamily& family, const char* bytes, u32 length) {
+/// To a file that the caller has opened.
+u32 appendBlock(std::FILE* memos, const MemoFamily& family, const char* bytes, u32 length) {
     MemoHead head;
-    return readMemoHead(h->MemoFile, &head)
-               ? appendMemo(fileno(h->MemoFile), head, family, bytes, length)
-               : 0;
+    return readMemoHead(memos, &head) ? appendMemo(fileno(memos), head, family, bytes, length) : 0;
 }
 
 }  // namespace
@@ -108,20 +106,25 @@ int SetMemo(DbfBase* h, u32 field, const char* text) {
     return SetMemoBuf(h, field, text, textLength(text));
 }
 
+u32 AppendMemo(DbfBase* h, std::FILE* memos, const char* bytes, u32 length) {
+    const MemoFamily* const family = memoFamily(h->Header.Version);
+    return family != nullptr && memos != nullptr ? appendBlock(memos, *family, bytes, length) : 0;
+}
+
 u32 Set_dBase3Buf(DbfBase* h, const char* bytes, u32 length) {
-    return appendBlock(h, kDBase3Memo, bytes, length);
+    return appendBlock(h->MemoFile, kDBase3Memo, bytes, length);
 }
 
 u32 Set_dBase4Buf(DbfBase* h, const char* bytes, u32 length) {
-    return appendBlock(h, kDBase4Memo, bytes, length);
+    return appendBlock(h->MemoFile, kDBase4Memo, bytes, length);
 }
 
 u32 Set_FoxProBuf(DbfBase* h, const char* bytes, u32 length) {
-    return appendBlock(h, kFoxProMemo, bytes, length);
+    return appendBlock(h->MemoFile, kFoxProMemo, bytes, length);
 }
 
 u32 Set_SMTBuf(DbfBase* h, const char* bytes, u32 length) {
-    return appendBlock(h, kSmtMemo, bytes, length);
+    return appendBlock(h->MemoFile, kSmtMemo, bytes, length);
 }
 
 u32 Set_dBase3(DbfBase* h, const char* text) { return Set_dBase3Buf(h, text, textLength(text)); }

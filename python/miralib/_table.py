@@ -80,6 +80,14 @@ def _field_of(schema: _native.Schema) -> Field:
     )
 
 
+def _fields_of(opened: _native.OpenStream) -> Tuple[Field, ...]:
+    schema = opened.schema()
+    try:
+        return tuple(_field_of(schema.children[i].contents) for i in range(schema.n_children))
+    finally:
+        schema.release(schema)
+
+
 def _found(path: Union[Path, Iterable[Path]]) -> List[str]:
     """The tables that a path, a pattern or a list of them names."""
     if not isinstance(path, (str, os.PathLike)):
@@ -204,12 +212,7 @@ class Table:
     @property
     def schema(self) -> Tuple[Field, ...]:
         """The columns."""
-        schema = self._open(False).schema()
-        try:
-            children = range(schema.n_children)
-            return tuple(_field_of(schema.children[i].contents) for i in children)
-        finally:
-            schema.release(schema)
+        return _fields_of(self._open(False))
 
     @property
     def facts(self) -> List[Dict[str, Any]]:

@@ -87,7 +87,7 @@ public:
         file_.flush();
         DbfHeader header = made_->base->Header;
         header.RecordCount = count_;
-        stampHeader(header);
+        StampHeader(&header);
         file_.patch(0, headerImage(header, made_->base->HeaderSize));
         patchCounters();
         if (memos_) memos_->finish();

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <utility>
 
 #include "tables/page/bytes.h"
@@ -109,19 +108,9 @@ void finishAppend(Table& table) {
 }
 
 std::string headerImage(const DbfHeader& header, u32 size) {
-    std::string image;
-    const auto put = [&](auto value) {
-        const auto bytes = bytesLe(value);
-        image.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    };
-    for (const u8 byte :
-         {header.Version, header.UpdateYear, header.UpdateMonth, header.UpdateDay}) {
-        image += static_cast<char>(byte);
-    }
-    put(header.RecordCount);
-    put(header.HeaderLength);
-    put(header.RecordLength);
-    image.append(reinterpret_cast<const char*>(header.Rest), sizeof header.Rest);
+    u8 bytes[sizeof(DbfHeader)];
+    GetHeaderBytes(&header, bytes);
+    std::string image(std::begin(bytes), std::end(bytes));
     image.resize(size);
     return image;
 }
@@ -145,15 +134,6 @@ std::string emptyHead(const Table& like) {
     header.Rest[kFlags] &= kMemoFlag;
     image.replace(0, from.HeaderSize, headerImage(header, from.HeaderSize));
     return image;
-}
-
-void stampHeader(DbfHeader& header) {
-    const std::time_t now = std::time(nullptr);
-    std::tm local{};
-    if (localtime_r(&now, &local) == nullptr) return;
-    header.UpdateYear = static_cast<u8>(local.tm_year % 100);
-    header.UpdateMonth = static_cast<u8>(local.tm_mon + 1);
-    header.UpdateDay = static_cast<u8>(local.tm_mday);
 }
 
 }  // namespace mira::tables

@@ -38,7 +38,5 @@ std::string headerImage(const DbfHeader& header, u32 size);
 /// The header of a table without records, and without an index file or a database, that has the
 /// fields of another: all bytes up to record 0. Throws a Refusal.
 std::string emptyHead(const Table& like);
-/// Stamps today's date into a header in memory.
-void stampHeader(DbfHeader& header);
 
 }  // namespace mira::tables

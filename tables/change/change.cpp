@@ -10,6 +10,7 @@
 
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
+#include "tables/change/watch.h"
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
@@ -330,7 +331,7 @@ void Change::flush() { write(false); }
 /// The header, and what else is known only at the end.
 void Change::addHeader() {
     DbfBase& base = *table_.base;
-    stampHeader(base.Header);
+    StampHeader(&base.Header);
     const std::string image = headerImage(base.Header, base.HeaderSize);
     if (!counted_) {
         add(FileOf::Table, kDatePlace, std::string_view(image).substr(kDatePlace, 3));
@@ -449,8 +450,12 @@ bool Change::putBack(const State& state) {
         file.written = std::min(file.written, end);
     }
     std::string bytes;
+    u64 back = 0, total = 0;
+    for (std::size_t i = state.pieces; i < pieces_.size(); ++i) total += pieces_[i].oldSize;
     while (pieces_.size() > state.pieces) {
         const Piece& piece = pieces_.back();
+        tellUndoing(back, total);
+        back += piece.oldSize;
         const u64 end = of(piece.file).written;
         if (of(piece.file).touched) {
             if (!journal_.readOld(piece, bytes)) return false;
@@ -479,7 +484,9 @@ void Change::undoTo(int number) {
     const auto oldest = std::find_if(marks_.begin(), marks_.end(),
                                      [&](const State& mark) { return mark.number >= number; });
     State state = oldest != marks_.end() ? *oldest : before_;
-    if (!putBack(state)) refuseWrite("what was there before");
+    const bool done = putBack(state);
+    tellUndoing(0, 0);
+    if (!done) refuseWrite("what was there before");
     restore(state);
     state.number = number;
     marks_.erase(oldest, marks_.end());
@@ -494,6 +501,7 @@ std::string Change::undo() {
         State start = before_;
         start.pieces = 0;
         done = putBack(start);
+        tellUndoing(0, 0);
         for (const File& file : files_) {
             if (file.touched) done = fsync(file.descriptor) == 0 && done;
         }

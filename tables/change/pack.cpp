@@ -60,7 +60,7 @@ std::string headOf(const Table& table) {
 std::string fixedHead(const Table& table, u32 count) {
     DbfHeader header = table.base->Header;
     header.RecordCount = count;
-    stampHeader(header);
+    StampHeader(&header);
     return headerImage(header, table.base->HeaderSize);
 }
 

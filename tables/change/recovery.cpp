@@ -12,10 +12,12 @@
 
 #include "tables/change/backup.h"
 #include "tables/change/swap.h"
+#include "tables/change/watch.h"
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {
@@ -193,7 +195,11 @@ bool cut(int descriptor, u64 size) {
 
 bool undoPieces(const Files& files, const Journal& journal) {
     std::string bytes;
+    u64 done = 0, total = 0;
+    for (const Piece& piece : journal.pieces) total += piece.oldSize;
     for (auto piece = journal.pieces.rbegin(); piece != journal.pieces.rend(); ++piece) {
+        tellUndoing(done, total);
+        done += piece->oldSize;
         const u64 before = piece->file == FileOf::Table ? journal.tableSize : journal.memoSize;
         if (piece->place >= before) continue;
         bytes.resize(
@@ -242,7 +248,9 @@ Recovery undoChange(const ChangeNames& names, Files& files, const Journal& journ
         return left(names, "somebody has worked on the table since");
     }
     if (!files.mayWrite) refuseToWrite(names);
-    if (!undoPieces(files, journal) || !removeNewFiles(names)) refuseNow(names);
+    const bool undone = undoPieces(files, journal);
+    tellUndoing(0, 0);
+    if (!undone || !removeNewFiles(names)) refuseNow(names);
     endJournal(files.journal.number(), names.journal());
     return recovered(names, "an interrupted change has been undone");
 }
@@ -392,6 +400,7 @@ Recovery recover(const ChangeNames& names) {
 }
 
 Recovery recoverNamed(const std::string& name) {
+    if (isInArchive(name)) return {};
     const std::string path = tableOrJournal(name);
     if (path.empty()) return {};
     const ChangeNames names(path);
@@ -467,6 +476,7 @@ void unlock(Table& table) { releaseLock(fileno(table.base->TableFile)); }
 
 Opened openForChange(const std::string& name, const TableOptions& options, bool keepLeft) {
     Opened opened;
+    refuseArchive(name);
     const Recovery found = recoverNamed(name);
     if (found.found == Found::Left && !keepLeft) refuse(found.sentence);
     if (!found.sentence.empty()) opened.notes.push_back(found.sentence);

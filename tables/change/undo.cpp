@@ -12,6 +12,7 @@
 #include "tables/change/swap.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/memo.h"
 
 namespace mira::tables {
@@ -59,12 +60,14 @@ Undone undoneOf(const std::string& path, const ChangeNames& names, u32* number) 
 }  // namespace
 
 Undone wouldUndo(const std::string& name) {
+    refuseArchive(name);
     const std::string path = findTable(name);
     u32 number = 0;
     return undoneOf(path, ChangeNames(path), &number);
 }
 
 Undone undoLast(const std::string& name) {
+    refuseArchive(name);
     const Recovery found = recoverNamed(name);
     const std::string path = findTable(name);
     const ChangeNames names(path);

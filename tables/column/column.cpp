@@ -13,33 +13,6 @@ bool isCounting(const Column& column) {
     return column.type == '+' || (column.kind == Kind::Integer && (column.flags & kCounting) != 0);
 }
 
-Kind kindOf(FieldClass stored, char type) {
-    switch (stored) {
-        case FieldClass::None:
-        case FieldClass::System:
-            return Kind::Bytes;
-        case FieldClass::Text:
-            return type == 'V' ? Kind::Varchar : type == 'Q' ? Kind::Varbinary : Kind::Text;
-        case FieldClass::Logical:
-            return Kind::Logical;
-        case FieldClass::Date:
-            return Kind::Date;
-        case FieldClass::Moment:
-            return Kind::Moment;
-        case FieldClass::Decimal:
-            return Kind::Decimal;
-        case FieldClass::Integer:
-            return Kind::Integer;
-        case FieldClass::Double:
-            return Kind::Double;
-        case FieldClass::Currency:
-            return Kind::Currency;
-        case FieldClass::Memo:
-            return type == 'M' ? Kind::Memo : Kind::Blob;
-    }
-    return Kind::Bytes;
-}
-
 bool isOfDigits(const Column& column, Kind kind) {
     return kind == Kind::Decimal || kind == Kind::Date ||
            (kind == Kind::Moment && column.length != 8);
@@ -55,12 +28,13 @@ const Column* findColumn(const Table& table, std::string_view name) {
     const std::string exact = foldCase(name);
     const std::string wanted = foldCase(trimmed(name));
     // Names that begin or end with blanks are rare, and no list of names can write them.
+    const Column* other = nullptr;
     for (const Column& column : table.columns) {
-        if (foldCase(column.name) == exact) return &column;
+        const std::string own = foldCase(column.name);
+        if (own == exact) return &column;
+        if (other == nullptr && trimmed(own) == wanted) other = &column;
     }
-    for (const Column& column : table.columns) {
-        if (foldCase(trimmed(column.name)) == wanted) return &column;
-    }
+    if (other != nullptr) return other;
     const bool number = !wanted.empty() && wanted.size() < 6 && areDigits(wanted);
     const auto field = number ? static_cast<std::size_t>(std::stoul(wanted)) : 0;
     return field >= 1 && field <= table.columns.size() ? &table.columns[field - 1] : nullptr;
@@ -104,10 +78,12 @@ u32 readRecords(const Table& table, u32 first, u32 count, void* to) {
 
 std::string memoFileOf(const Table& table) {
     const DbfBase& base = *table.base;
+    if (table.hasMemos && !table.unpacked.empty()) return table.memoPath;
     return table.hasMemos && base.MemoFileName != nullptr ? base.MemoFileName : "";
 }
 
 bool isReplaced(const Table& table) {
+    if (!table.unpacked.empty()) return false;
     struct stat own = {}, named = {};
     return fstat(fileno(table.base->TableFile), &own) != 0 ||
            stat(table.base->FileName, &named) != 0 || own.st_ino != named.st_ino ||

@@ -16,6 +16,8 @@
 
 namespace mira::tables {
 
+class NamelessFile;
+
 struct BaseCloser {
     void operator()(DbfBase* base) const {
         FreeMemCalcField(base);
@@ -24,7 +26,8 @@ struct BaseCloser {
 };
 using Base = std::unique_ptr<DbfBase, BaseCloser>;
 
-/// What the memo file of a table looks like, by the library's numbers.
+/// What the memo file of a table looks like, by the library's numbers; TableFacts::memos is its
+/// layout.
 enum class MemoFormat : u32 { DBase3 = 0, FoxPro = 1, DBase4 = 2, Smt = 4, None = 0xFFFFFFFF };
 
 /// Which records are shown.
@@ -79,11 +82,12 @@ struct TableFacts {
     std::string_view flavour;  // "Visual FoxPro", by the repaired version byte
     bool visual = false;       // Visual FoxPro: descriptor flags and null flags count
     MemoFormat memoFormat = MemoFormat::None;
-    u8 storedVersion = 0;   // version byte as it stands in the file
-    u8 tableFlags = 0;      // header byte 28
-    bool hasMemos = false;  // some field may refer to one
-    u32 storedCount = 0;    // records by the header, before repairs
-    u32 storedLength = 0;   // record length by the header, likewise
+    const MemoLayout* memos = nullptr;  // null: memos are neither read nor written
+    u8 storedVersion = 0;               // version byte as it stands in the file
+    u8 tableFlags = 0;                  // header byte 28
+    bool hasMemos = false;              // some field may refer to one
+    u32 storedCount = 0;                // records by the header, before repairs
+    u32 storedLength = 0;               // record length by the header, likewise
     u64 fileSize = 0;
     u32 heldRecords = 0;  // that the file has room for; the handle counts those that are some
     u64 strayBytes = 0;   // from the first that is none to the end of the file; 0: all are some
@@ -92,6 +96,10 @@ struct TableFacts {
     u32 nullOffset = 0, nullLength = 0;  // the null flags in the record; length 0: none
     std::string container;               // database container of the back link; empty: none
     std::vector<std::string> notes;      // what the user should know, a sentence each
+    /// Of a table in an archive: its file and its memo file, unpacked, and the memo file's path
+    /// there.
+    std::vector<std::shared_ptr<const NamelessFile>> unpacked;
+    std::string memoPath;
 };
 
 struct Table : TableFacts {
@@ -101,8 +109,6 @@ struct Table : TableFacts {
 /// Whether the column counts by itself.
 bool isCounting(const Column& column);
 
-/// What a field of a letter holds whose values are encoded so.
-Kind kindOf(FieldClass stored, char type);
 /// What a column holds, also where it is shown as stored.
 Kind heldKind(const Column& column);
 /// Whether that is numbers.

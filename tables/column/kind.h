@@ -30,6 +30,10 @@ enum class Kind : u8 {
 };
 constexpr std::size_t kKinds = static_cast<std::size_t>(Kind::Deletion) + 1;
 
+/// Decimals of a currency, and how many of its units, which is what the library counts, make 1.
+constexpr unsigned kCurrencyDecimals = 4;
+constexpr u32 kCurrencyUnits = 10000;
+
 /// Storage classes of a database.
 enum class Storage : u8 { Null, Integer, Real, Text, Blob };
 
@@ -88,6 +92,34 @@ constexpr KindRow rowOf(Kind kind) {
             return {Integer, Compared::Logicals, kTakesBytes};
     }
     std::abort();  // which is not constant: a kind without a row does not compile
+}
+
+/// What a field of a letter holds whose values the library says are encoded so.
+constexpr Kind kindOf(FieldClass stored, char type) {
+    switch (stored) {
+        case FieldClass::None:
+        case FieldClass::System:
+            return Kind::Bytes;
+        case FieldClass::Text:
+            return type == 'V' ? Kind::Varchar : type == 'Q' ? Kind::Varbinary : Kind::Text;
+        case FieldClass::Logical:
+            return Kind::Logical;
+        case FieldClass::Date:
+            return Kind::Date;
+        case FieldClass::Moment:
+            return Kind::Moment;
+        case FieldClass::Decimal:
+            return Kind::Decimal;
+        case FieldClass::Integer:
+            return Kind::Integer;
+        case FieldClass::Double:
+            return Kind::Double;
+        case FieldClass::Currency:
+            return Kind::Currency;
+        case FieldClass::Memo:
+            return type == 'M' ? Kind::Memo : Kind::Blob;
+    }
+    return Kind::Bytes;
 }
 
 /// What row gives for every kind, as a table.

@@ -129,7 +129,8 @@ Facts factsOf(const Table& table, Listing* listing) {
     const std::string memos = memoFileOf(table);
     facts.hasMemos = !memos.empty();
     std::error_code error;
-    const auto size = std::filesystem::file_size(memos, error);
+    const auto size =
+        std::filesystem::file_size(memos.empty() ? "" : table.base->MemoFileName, error);
     if (!error) {
         facts.memoFile = memos;
         facts.memoSize = size;

@@ -266,7 +266,7 @@ void checkWords(const Writer& writer, std::string_view right) {
         [&](std::string_view word, std::string_view rest) {
             const Column* const column = columnOfWord(writer.table, word);
             if (column == nullptr) return;
-            if (startsWithOneOf(trimmed(rest), kComparing)) {
+            if (startsWithOneOf(trimmed(rest), comparingSigns())) {
                 writer.fail(textOf(": a second comparison, with ", column->name,
                                    "; \"&\" and \"|\" connect, quotes make a text"));
             }
@@ -282,7 +282,7 @@ void checkSign(const Writer& writer, std::string_view right) {
         writer.fail(textOf(": \"", writer.condition.sign, "\" never holds for texts"));
     }
     const std::string_view given = trimmed(right);
-    if (startsWithOneOf(given, kComparing)) {
+    if (startsWithOneOf(given, comparingSigns())) {
         writer.fail(": two operators stand side by side; quotes make a text");
     }
     const bool open = writer.condition.sign.size() == 1 && writer.condition.sign != "^";

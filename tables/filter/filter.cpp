@@ -4,7 +4,6 @@
 #include "tables/filter/filter.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -68,7 +67,7 @@ std::optional<Parts> partsOf(const Table& table, const std::string& filter, u32 
     const std::string_view before = std::string_view(filter).substr(after, sign - after);
     parts.first += before.find_last_of("&|()") + 1;
     // A name may hold the sign itself, as in "FIRST-NAME".
-    const std::size_t comparing = filter.find_first_of(kComparing, sign);
+    const std::size_t comparing = filter.find_first_of(comparingSigns(), sign);
     if (comparing < parts.end && comparing != sign &&
         findColumn(table, filter.substr(parts.first, comparing - parts.first)) != nullptr) {
         const bool two =
@@ -82,7 +81,7 @@ std::optional<Parts> partsOf(const Table& table, const std::string& filter, u32 
 /// The column on the left of an operator.
 const Column& leftColumn(const Table& table, std::string_view condition, std::size_t place) {
     const std::string_view left = trimmed(condition.substr(0, place));
-    if (kComparing.find(condition[place]) == std::string_view::npos) {
+    if (comparingSigns().find(condition[place]) == std::string_view::npos) {
         refuseFilterPart(table, condition,
                          ": left of the operator stands one bare field name, no computation, sign, "
                          "call or parenthesis");
@@ -195,15 +194,11 @@ int afterTest() {
 /// what it calls.
 class Hooks {
 public:
-    Hooks(Run& run, bool ignoreCase) : base_(run.table.base.get()), fields_(base_->FieldCount) {
-        u16 offset = base_->Header.RecordLength;
+    Hooks(Run& run, bool ignoreCase) : base_(run.table.base.get()) {
         for (const FieldTest& test : run.filter.tests) {
-            DbfField field{};
-            std::memcpy(field.Name, test.name.data(), test.name.size());
-            field.Type = 'C';
-            field.Length = 1;
-            field.Offset = offset++;
-            base_->Fields[base_->FieldCount++] = field;
+            if (AddTestField(base_, test.name.c_str()) != 0) continue;
+            DropTestFields(base_);
+            throw std::bad_alloc();
         }
         running = &run;
         base_->AfterRead = afterRead;
@@ -212,7 +207,7 @@ public:
         base_->UpperCaseCallback = ignoreCase ? foldText : nullptr;
     }
     ~Hooks() {
-        base_->FieldCount = fields_;
+        DropTestFields(base_);
         base_->AfterRead = nullptr;
         base_->CaseInsensitive = 0;
         base_->UpperCaseCallback = nullptr;
@@ -222,7 +217,6 @@ public:
 
 private:
     DbfBase* base_;
-    u16 fields_;
 };
 
 bool hasRoom(const DbfBase& base, std::size_t tests) {
@@ -273,13 +267,7 @@ void runFilter(Table& table, const LibraryFilter& filter, bool ignoreCase,
 }
 
 void viewRange(DbfBase* base, u32 first, u32 end) {
-    const u32 count = end - first;
-    auto* const index = static_cast<u32*>(std::malloc((std::size_t{count} + 1) * sizeof(u32)));
-    if (index == nullptr) throw std::bad_alloc();
-    for (u32 i = 0; i < count; ++i) index[i] = first + i;
-    std::free(base->FilterIndex);
-    base->FilterIndex = index;
-    base->FilterCount = count;
+    if (ViewRecords(base, first, end) == 0) throw std::bad_alloc();
 }
 
 }  // namespace mira::tables

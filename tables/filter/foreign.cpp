@@ -63,7 +63,7 @@ bool startsWithField(const Table& table, std::string_view text) {
 /// Whether a comparison follows: a field, bare or as the argument of a function, and an operator.
 bool comparisonFollows(const Scan& scan, std::size_t place) {
     const std::size_t sign =
-        std::min(scan.plain.find_first_of(kComparing, place), scan.plain.find('!', place));
+        std::min(scan.plain.find_first_of(comparingSigns(), place), scan.plain.find('!', place));
     if (sign == std::string::npos) return false;
     std::string_view left = scan.filter.substr(place, sign - place);
     const std::size_t argument = left.rfind('(');

@@ -7,9 +7,6 @@
 
 namespace mira::tables {
 
-/// What the operators that filters compare by begin with.
-constexpr std::string_view kComparing = "><=~^";
-
 /// Throws a Refusal for .AND., .OR. and .NOT. outside quotes, and where it stands so that it can
 /// only be an operator for AND, OR, NOT, LIKE, IN, BETWEEN, IS NULL and "!=".
 void refuseForeignWords(const Table& table, std::string_view filter);

@@ -90,35 +90,6 @@ NodePointer readNumber(Reader& reader) {
     return node;
 }
 
-KeyType typeOf(const Column& column) {
-    switch (column.kind) {
-        case Kind::Text:
-        case Kind::Varchar:
-            return KeyType::Text;
-        case Kind::Decimal:
-        case Kind::Integer:
-        case Kind::Double:
-        case Kind::Currency:
-            return KeyType::Number;
-        case Kind::Date:
-            return KeyType::Date;
-        case Kind::Moment:
-            if (column.length == 8 && !column.foreignMoment) return KeyType::Moment;
-            break;
-        case Kind::Logical:
-            return KeyType::Logical;
-        case Kind::Varbinary:
-        case Kind::Memo:
-        case Kind::Blob:
-        case Kind::Bytes:
-        case Kind::Calculated:
-        case Kind::RecordNumber:
-        case Kind::Deletion:
-            break;
-    }
-    throw NotComputed(textOf("field ", column.name, " of type ", column.type));
-}
-
 NodePointer readField(Reader& reader, std::string_view name) {
     constexpr std::size_t kStoredName = 10;
     std::string shown;
@@ -129,7 +100,7 @@ NodePointer readField(Reader& reader, std::string_view name) {
     }
     if (column == nullptr) throw NotComputed(textOf("no field ", shown));
     reader.mayBeNull = reader.mayBeNull || column->mayBeNull();
-    NodePointer node = newNode(Operation::Field, typeOf(*column), column->length);
+    NodePointer node = newNode(Operation::Field, keyTypeOf(*column), column->length);
     node->column = column;
     node->decimals = column->decimals;
     return node;

@@ -1,7 +1,6 @@
 // The functions and operators of index expressions. An operator is a function whose name is its
 // sign.
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <span>
@@ -14,7 +13,6 @@ namespace mira::tables::index {
 namespace {
 
 constexpr u32 kLongestText = 254;
-constexpr i64 kDayOf1970 = 2440588;
 constexpr u32 kDateLength = 8;
 
 // --------------------------------------------------------------------------------------------
@@ -271,31 +269,33 @@ void strText(const Scene& scene, const Node& node, KeyValue& value) {
     }
 }
 
-std::chrono::year_month_day dateOf(double day) {
-    const auto number = static_cast<int>(std::floor(day) - kDayOf1970);
-    return std::chrono::sys_days(std::chrono::days(number));
+struct Date {
+    int year = 0, month = 0, day = 0;
+};
+
+/// False for a day outside the years 0 to 9999.
+bool dateOf(double day, Date& date) {
+    constexpr double kMost = 0x7FFFFFFF;
+    return day >= 0 && day < kMost &&
+           GetDayDate(static_cast<i32>(day), &date.year, &date.month, &date.day) != 0;
 }
 
 void dtosText(const Scene& scene, const Node& node, KeyValue& value) {
     const double day = argument(scene, node, 0, value).number;
     value.text.assign(kDateLength, ' ');
-    if (!(day >= 1721060 && day < 5373485)) return;  // years 0 to 9999
-    const auto date = dateOf(day);
-    char digits[24];
-    std::snprintf(digits, sizeof digits, "%04d%02u%02u", static_cast<int>(date.year()),
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+    Date date;
+    if (!dateOf(day, date)) return;
+    char digits[48];
+    std::snprintf(digits, sizeof digits, "%04d%02d%02d", date.year, date.month, date.day);
     value.text = digits;
 }
 
 void dayPart(const Scene& scene, const Node& node, KeyValue& value) {
     const double day = argument(scene, node, 0, value).number;
-    value.number = 0;
-    if (!(day >= 1721060 && day < 5373485)) return;
-    const auto date = dateOf(day);
-    value.number =
-        node.function->name == "YEAR"    ? static_cast<double>(static_cast<int>(date.year()))
-        : node.function->name == "MONTH" ? static_cast<double>(static_cast<unsigned>(date.month()))
-                                         : static_cast<double>(static_cast<unsigned>(date.day()));
+    Date date;
+    dateOf(day, date);
+    const std::string_view part = node.function->name;
+    value.number = part == "YEAR" ? date.year : part == "MONTH" ? date.month : date.day;
 }
 
 void fillText(const Scene& scene, const Node& node, KeyValue& value) {

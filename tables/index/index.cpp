@@ -12,6 +12,7 @@
 
 #include "tables/index/pages.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 
@@ -118,7 +119,7 @@ const char* kindName(IndexKind kind) { return rowOf(kind).name; }
 
 IndexFile openIndex(const std::string& path) {
     IndexFile file(path);
-    file.descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    file.descriptor = open(readable(path).path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat facts {};
     if (file.descriptor < 0 || fstat(file.descriptor, &facts) != 0) {
         refuse(path, ": cannot be read: ", std::strerror(errno));

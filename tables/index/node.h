@@ -37,6 +37,8 @@ struct Node {
 };
 
 void compute(const Scene& scene, const Node& node, KeyValue& value);
+/// What a field gives; throws NotComputed for one that no expression can compute.
+KeyType keyTypeOf(const Column& column);
 /// The value of a field.
 void computeField(const Scene& scene, const Column& column, KeyValue& value);
 

@@ -104,10 +104,14 @@ struct Entries {
         bytes += key;
         appendBe32(bytes, record);
     }
-    void sort() {
-        const std::size_t step = keyLength + kRecordBytes;
+    /// step: called every now and then; may throw.
+    void sort(const index::Step& step) {
+        constexpr u64 kCompared = 1U << 16;
+        const std::size_t size = keyLength + kRecordBytes;
+        u64 compared = 0;
         std::sort(order.begin(), order.end(), [&](u32 a, u32 b) {
-            return std::memcmp(bytes.data() + a * step, bytes.data() + b * step, step) < 0;
+            if (step && ++compared % kCompared == 0) step();
+            return std::memcmp(bytes.data() + a * size, bytes.data() + b * size, size) < 0;
         });
     }
     /// Of entries with the same key only the first stays.
@@ -332,7 +336,7 @@ void addTags(Rebuilt& made, const Table& table, const index::Step& step) {
         for (std::size_t i = 0; i < batch.rules.size(); ++i, ++done) {
             Entries entries = std::move(batch.entries[i]);
             const Tag& tag = made.old.tags[done];
-            entries.sort();
+            entries.sort(step);
             if (tag.unique) entries.makeUnique();
             made.add(tag, entries, fillerOf(batch.rules[i]));
         }
@@ -345,7 +349,7 @@ void writeIndex(const Table& table, const IndexFile& old, int descriptor,
                 const std::function<void()>& step) {
     Rebuilt made(old, descriptor);
     addTags(made, table, step);
-    made.names.sort();
+    made.names.sort(step);
     made.finish();
 }
 

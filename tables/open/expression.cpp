@@ -10,11 +10,13 @@
 namespace mira::tables {
 namespace {
 
-constexpr std::string_view kSigns = "&|()'\"<>=~^+-*/";
+constexpr std::string_view kOtherSigns = "&|()'\"+-*/";
 constexpr std::size_t kExpansionSize = 32768;  // what makecalcstring may write
 auto signCount(std::string_view text) {
-    return std::count_if(text.begin(), text.end(),
-                         [](char c) { return kSigns.find(c) != std::string_view::npos; });
+    return std::count_if(text.begin(), text.end(), [](char c) {
+        return kOtherSigns.find(c) != std::string_view::npos ||
+               comparingSigns().find(c) != std::string_view::npos;
+    });
 }
 
 /// Appends UTF-8 in the table's page. A sign of the language inside a character of several bytes

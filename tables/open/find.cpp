@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {
@@ -16,10 +17,13 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kExtension = ".dbf";
 
+bool isTableName(const std::string& path) {
+    return foldCase(fs::path(path).extension().string()) == kExtension;
+}
+
 bool isTable(const fs::directory_entry& entry) {
     std::error_code ignored;
-    return foldCase(entry.path().extension().string()) == kExtension &&
-           !entry.is_directory(ignored);
+    return isTableName(entry.path().string()) && !entry.is_directory(ignored);
 }
 
 void collectBelow(const std::string& folder, std::error_code& error,
@@ -33,14 +37,78 @@ void collectBelow(const std::string& folder, std::error_code& error,
 
 void collect(const std::string& path, const Listing::Folder& folder,
              std::vector<std::string>& found) {
+    const bool archive = isInArchive(path);
     for (const auto& [folded, names] : folder.names) {
         if (!folded.ends_with(kExtension)) continue;
         for (const std::string& name : names) {
+            if (archive) {
+                found.push_back(textOf(path, '/', name));
+                continue;
+            }
             std::error_code error;
             const fs::directory_entry entry(fs::path(path) / name, error);
             if (isTable(entry)) found.push_back(entry.path().string());
         }
     }
+}
+
+/// What follows a folder in the path of a file that lies in it, at whatever depth; empty for
+/// others.
+std::string_view behind(const std::string& folder, std::string_view file) {
+    if (folder.empty()) return file;
+    const bool within =
+        file.size() > folder.size() && file.starts_with(folder) && file[folder.size()] == '/';
+    return within ? file.substr(folder.size() + 1) : std::string_view();
+}
+
+void readArchive(const ArchivePath& of, Listing::Folder& folder) {
+    for (const std::string& file : *filesIn(of.archive)) {
+        const std::string_view name = behind(of.inside, file);
+        if (name.empty() || name.find('/') != std::string_view::npos) continue;
+        folder.names[foldCase(name)].emplace_back(name);
+    }
+}
+
+/// The tables of an archive, or of a folder in it, in their order.
+std::vector<std::string> tablesInArchive(const ArchivePath& of) {
+    std::vector<std::string> found;
+    for (const std::string& file : *filesIn(of.archive)) {
+        if (!behind(of.inside, file).empty() && isTableName(file)) {
+            found.push_back(textOf(of.archive, '/', file));
+        }
+    }
+    return found;
+}
+
+/// An archive, or a folder in one. Throws a Refusal for one that cannot be read.
+bool isArchiveFolder(const std::string& name) {
+    const auto in = archivePath(name);
+    if (!in) return false;
+    const auto files = filesIn(in->archive);
+    return in->inside.empty() || std::any_of(files->begin(), files->end(), [&](const auto& file) {
+               return !behind(in->inside, file).empty();
+           });
+}
+
+/// False for an archive that cannot be read: opening it tells why.
+bool isReadableArchive(const std::string& name) {
+    try {
+        return isArchiveFolder(name);
+    } catch (const Refusal&) {
+        return false;
+    }
+}
+
+/// The only table of an archive. Throws a Refusal where there are more.
+std::string onlyTable(const std::string& name) {
+    constexpr std::size_t kNamed = 5;
+    std::vector<std::string> found = tablesInArchive(*archivePath(name));
+    if (found.size() == 1) return found.front();
+    if (found.empty()) refuse(name, ": no tables (*.dbf) in this archive");
+    const std::size_t count = found.size();
+    found.resize(std::min(count, kNamed));
+    if (count > kNamed) found.emplace_back("...");
+    refuse(name, ": holds ", count, " tables; which one? There are ", joined(found));
 }
 
 // Not by directory_iterator, which ends the program where there is no memory.
@@ -73,6 +141,7 @@ std::string nearestTable(const fs::path& wanted, Listing& listing) {
 
 /// The path of a file that is there, unless it can be no table.
 std::string checked(const std::string& path) {
+    if (isInArchive(path)) return path;
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     if (fs::is_directory(status)) refuse(path, ": is a folder, not a table");
@@ -93,7 +162,11 @@ const Listing::Folder& Listing::folder(const fs::path& path) {
     const auto [at, isNew] = folders_.try_emplace(plain.string());
     Folder& folder = at->second;
     if (!isNew) return folder;
-    readNames(plain.empty() ? "." : plain.string(), folder);
+    if (const auto in = archivePath(plain.string())) {
+        readArchive(*in, folder);
+    } else {
+        readNames(plain.empty() ? "." : plain.string(), folder);
+    }
     for (auto& [folded, names] : folder.names) std::sort(names.begin(), names.end());
     return folder;
 }
@@ -116,12 +189,15 @@ std::vector<std::string> Listing::sameNames(const fs::path& path) {
 
 std::string findTable(const std::string& name) {
     std::error_code error;
+    if (isArchiveFolder(name)) return onlyTable(name);
     if (name == "-" || fs::exists(name, error)) return checked(name);
     Listing listing;
     for (const std::string& wanted : {name, name + std::string(kExtension)}) {
         if (fs::exists(wanted, error)) return checked(wanted);
         const std::vector<std::string> found = listing.sameNames(wanted);
-        if (found.size() == 1) return checked(found.front());
+        if (found.size() == 1 || (!found.empty() && found.front() == wanted)) {
+            return checked(found.front());
+        }
         if (!found.empty()) refuse(name, ": which one? There are ", joined(found));
     }
     if (error == std::errc::permission_denied) refuse(name, ": permission denied");
@@ -133,7 +209,9 @@ std::vector<std::string> tablesIn(const std::string& folder, bool recursive, Lis
     Listing own;
     std::vector<std::string> found;
     std::error_code error;
-    if (recursive) {
+    if (const auto in = archivePath(folder)) {
+        found = tablesInArchive(*in);
+    } else if (recursive) {
         collectBelow(folder, error, found);
     } else {
         const Listing::Folder& all = (listing != nullptr ? *listing : own).folder(folder);
@@ -150,14 +228,15 @@ std::vector<FoundTable> findWithFolders(const std::vector<std::string>& names, b
     std::vector<FoundTable> tables;
     for (const std::string& name : names) {
         std::error_code ignored;
-        if (!fs::is_directory(name, ignored)) {
+        const bool archive = isReadableArchive(name);
+        if (!archive && !fs::is_directory(name, ignored)) {
             tables.push_back({name, {}});
             continue;
         }
         const std::vector<std::string> found = tablesIn(name, recursive, listing);
         if (found.empty()) {
-            refuse(name, ": no tables (*.dbf) in this folder",
-                   recursive ? "" : "; -R looks into the folders below, too");
+            refuse(name, ": no tables (*.dbf) in this ", archive ? "archive" : "folder",
+                   archive || recursive ? "" : "; -R looks into the folders below, too");
         }
         for (const std::string& path : found) {
             const fs::path below = fs::path(path).lexically_relative(name).parent_path();
@@ -200,7 +279,8 @@ std::string inAnyCase(const std::string& path, Listing* listing) {
     if (listing == nullptr) listing = &own;
     std::error_code ignored;
     const std::vector<std::string> found = listing->sameNames(path);
-    return found.size() == 1 || (!found.empty() && fs::is_regular_file(path, ignored))
+    return found.size() == 1 ||
+                   (!found.empty() && (found.front() == path || fs::is_regular_file(path, ignored)))
                ? found.front()
                : std::string();
 }

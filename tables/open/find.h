@@ -32,12 +32,15 @@ private:
     std::map<std::string, Folder> folders_;
 };
 
+/// All paths may lead into an archive: "old.zip/stock.dbf", "old.zip/STOCK".
+
 /// The file of a table whose extension may lack and whose letter case may differ; throws a Refusal
 /// that says why there is none, or which ones there are.
 std::string findTable(const std::string& name);
 
 /// The "*.dbf" files of a folder, in any letter case, ordered by path; with recursive also those of
-/// the folders below, links to folders not followed. Throws a Refusal when it cannot be read.
+/// the folders below, links to folders not followed. Of an archive all. Throws a Refusal when it
+/// cannot be read.
 std::vector<std::string> tablesIn(const std::string& folder, bool recursive,
                                   Listing* listing = nullptr);
 

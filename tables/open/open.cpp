@@ -17,6 +17,7 @@
 #include "tables/page/bytes.h"
 #include "tables/page/pagenames.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/memo.h"
 #include "tables/value/storage.h"
 
@@ -36,7 +37,7 @@ constexpr u32 kTypesUnknown = 2;
 constexpr u32 kCountRepaired = 4;
 
 std::string whyNotOpened(const std::string& path) {
-    const File file(std::fopen(path.c_str(), "rb"));
+    const File file(std::fopen(readable(path).path.c_str(), "rb"));
     if (!file) return std::strerror(errno);
     unsigned char start[kHeader] = {};
     const std::size_t got = std::fread(start, 1, sizeof start, file.get());
@@ -73,10 +74,71 @@ Base openBase(const std::string& path, bool writable, Listing* listing) {
     return base;
 }
 
+char* allocatedName(const std::string& name) {
+    char* const text = strdup(name.c_str());
+    if (text == nullptr) throw std::bad_alloc();
+    return text;
+}
+
+/// By the unpacked memo file, or by what it would be called.
+void nameMemos(DbfBase& base, const Table& table) {
+    if (table.memoPath.empty()) return;
+    const bool unpacked = table.unpacked.size() > 1;
+    std::free(std::exchange(base.MemoFileName,
+                            allocatedName(unpacked ? table.unpacked[1]->path() : table.memoPath)));
+}
+
+/// The memo file of a table in an archive: by the extensions that it may have, in any letter case;
+/// where it is missing, by the usual one.
+std::string memosInArchive(const std::string& path, const char* usual, Listing* listing) {
+    std::string own = fs::path(path).extension().string();
+    if (own.size() == 4 && (own.back() == 'x' || own.back() == 'X')) {
+        own.back() = own.back() == 'X' ? 'T' : 't';  // forms and reports: .scx, .sct
+        const std::string found = beside(path, own, listing);
+        if (!found.empty()) return found;
+    }
+    const std::string found = inAnyCase(usual, listing);
+    return found.empty() ? usual : found;
+}
+
+/// The handle of a table in an archive bears its path there, but the memo file's name is one by
+/// which the library can open it.
+Base openUnpacked(Table& table, Listing* listing) {
+    const std::string& path = table.path;
+    table.unpacked = {unpack(path)};
+    Base base(OpenBaseListed(table.unpacked[0]->path().c_str(), 1, nullptr, nullptr));
+    if (!base) refuse(path, ": ", whyNotOpened(path));
+    std::free(std::exchange(base->FileName, allocatedName(path)));
+    const u32 kind = GetMemoType(base.get());
+    const std::unique_ptr<char, FreeCloser> usual(GetMemoName(path.c_str(), kind));
+    if (!usual) throw std::bad_alloc();
+    if (base->FirstMemoField == -1) return base;
+    table.memoPath = memosInArchive(path, usual.get(), listing);
+    if (!inAnyCase(table.memoPath, listing).empty()) {
+        try {
+            table.unpacked.push_back(unpack(table.memoPath));
+        } catch (const Refusal& refusal) {
+            table.notes.emplace_back(refusal.what());
+        }
+    }
+    nameMemos(*base, table);
+    return base;
+}
+
+/// Another handle of a table.
+Base openSame(const Table& table, bool writable) {
+    if (table.unpacked.empty()) return openBase(table.path, writable, nullptr);
+    Base base = openBase(table.unpacked[0]->path(), false, nullptr);
+    std::free(std::exchange(base->FileName, allocatedName(table.path)));
+    nameMemos(*base, table);
+    return base;
+}
+
 /// What the version byte says, as the library repaired it.
 void readVersion(Table& table) {
     DbfBase* const base = table.base.get();
     table.memoFormat = MemoFormat{GetMemoKind(base)};
+    table.memos = GetMemoLayout(GetMemoKind(base));
     table.flavour = GetFlavourName(base);
     table.visual = GetFlavourKind(base) == kVisualKind;
 }
@@ -90,8 +152,8 @@ void readStoredHeader(Table& table) {
     table.storedCount = loadLe<u32>(header + 4);
     table.storedLength = loadLe<u16>(header + 10);
     table.tableFlags = header[28];
-    std::error_code ignored;
-    table.fileSize = fs::file_size(table.path, ignored);
+    struct stat info {};
+    table.fileSize = fstat(fileno(file), &info) == 0 ? static_cast<u64>(info.st_size) : 0;
 }
 
 /// The first record from one on whose first byte no record has; end when there is none.
@@ -137,17 +199,6 @@ void readFlags(const Table& table, Column& column) {
                           (column.type == 'C' || column.type == 'V' || column.type == 'M');
 }
 
-/// Other makers of level-7 tables keep a length one byte earlier, and moments as a double.
-bool isForeignMoment(const Table& table, const Column& column) {
-    constexpr u32 kDescriptor7 = 48;
-    constexpr u32 kLengthPlace7 = 34;
-    if (table.base->Level7 == 0 || column.type != '@' || column.length != 8) return false;
-    u8 length = 0;
-    const u32 place = table.base->HeaderSize + kDescriptor7 * static_cast<u32>(column.field);
-    return readFileAt(table.base->TableFile, place + kLengthPlace7, &length, 1) == 1 &&
-           length != column.length;
-}
-
 Column columnOf(const Table& table, int field) {
     DbfBase* const base = table.base.get();
     Column column;
@@ -159,7 +210,7 @@ Column columnOf(const Table& table, int field) {
     toUtf8(*table.page.page, base->Fields[field].Name, column.name);
     while (!column.name.empty() && column.name.back() == ' ') column.name.pop_back();
     if (table.visual) readFlags(table, column);
-    column.foreignMoment = isForeignMoment(table, column);
+    column.foreignMoment = column.type == '@' && IsOtherLevel7(base) != 0;
     column.stored = GetFieldClass(base, field);
     column.kind = kindOf(column.stored, column.type);
     if (table.options.raw && isOfDigits(column, column.kind)) column.kind = Kind::Text;
@@ -213,7 +264,7 @@ void takeLongNames(Table& table, Listing* listing) {
 /// Fields whose name an expression cannot hold, or which has changed, get one that it can.
 void nameForLibrary(Table& table) {
     for (const Column& column : table.columns) {
-        char* const name = table.base->Fields[column.field].Name;
+        const char* const name = GetFieldName(table.base.get(), column.field);
         std::string shown;
         toUtf8(*table.page.page, name, shown);
         const std::size_t length = std::strlen(name);
@@ -224,8 +275,7 @@ void nameForLibrary(Table& table) {
         while (GetFieldNum(table.base.get(), other.c_str()) < table.base->FieldCount) {
             other.insert(0, 1, '_');
         }
-        std::memset(name, 0, sizeof(DbfField::Name));
-        std::memcpy(name, other.data(), other.size());
+        SetFieldName(table.base.get(), column.field, other.c_str());
     }
 }
 
@@ -274,14 +324,16 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
     auto table = std::make_unique<Table>();
     table->path = findTable(name);
     table->options = options;
-    table->base = openBase(table->path, options.writable, listing);
+    if (options.writable) refuseArchive(table->path);
+    table->base = isInArchive(table->path) ? openUnpacked(*table, listing)
+                                           : openBase(table->path, options.writable, listing);
     DbfBase* const base = table->base.get();
     readStoredHeader(*table);
     readVersion(*table);
     leaveOutStray(*table);
     table->page = choosePage(base, options.codePage, listing);
     if (!table->page.page) refusePage(*table);
-    table->notes = table->page.notes;
+    table->notes.insert(table->notes.end(), table->page.notes.begin(), table->page.notes.end());
     std::vector<Column> all;
     all.reserve(static_cast<std::size_t>(base->FieldCount));
     for (int field = 0; field < base->FieldCount; ++field) all.push_back(columnOf(*table, field));
@@ -304,12 +356,14 @@ std::unique_ptr<Table> openTable(const std::string& name, const TableOptions& op
 std::unique_ptr<Table> openAgain(const Table& table, bool writable) {
     auto again = std::make_unique<Table>();
     static_cast<TableFacts&>(*again) = table;
-    again->base = openBase(table.path, writable, nullptr);
+    again->base = openSame(table, writable);
     DbfBase* const base = again->base.get();
     if (!sameStructure(*table.base, *base)) {
         refuse(table.path, ": its fields have changed since it was opened");
     }
-    std::copy_n(table.base->Fields, base->FieldCount, base->Fields);  // names for the library
+    for (int field = 0; field < base->FieldCount; ++field) {
+        SetFieldName(base, field, GetFieldName(table.base.get(), field));
+    }
     readStoredHeader(*again);
     leaveOutStray(*again);
     return again;

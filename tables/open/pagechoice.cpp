@@ -13,6 +13,7 @@
 #include "tables/page/pagenames.h"
 #include "tables/page/text.h"
 #include "tables/page/utf8.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/memo.h"
 
 namespace mira::tables {
@@ -54,7 +55,7 @@ std::optional<std::string> cpgFile(const fs::path& table, Listing* listing) {
 
 /// The one line of a .cpg file; empty when there is none, or a longer one.
 std::string cpgLine(const std::string& path) {
-    const File file(Open_FileRO(path.c_str()));
+    const File file(Open_FileRO(readable(path).path.c_str()));
     if (!file) return "";
     char bytes[kCpgRead];
     std::string_view text(bytes, ReadFile(file.get(), bytes, sizeof bytes));

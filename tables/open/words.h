@@ -9,6 +9,9 @@
 
 namespace mira::tables {
 
+/// What the operators that filters compare by begin with.
+inline std::string_view comparingSigns() { return GetFilterSigns(); }
+
 /// Calls word(text, what follows) for every word outside quotes and other(c) for all else.
 template <typename Word, typename Other>
 void eachWord(std::string_view text, Word word, Other other) {

@@ -8,8 +8,6 @@
 namespace mira::tables {
 namespace {
 
-enum Class : u8 { Zero, Blank, Digit, Upper, Lower, High, Sign, Point, Star, Mark, Control };
-
 constexpr std::size_t kTellingMost = 384;
 constexpr float kPriorRecords = 4;  // that what a type tells counts for
 
@@ -32,7 +30,7 @@ constexpr std::array<u8, 256> kClassOf = [] {
     return classes;
 }();
 
-using Row = std::array<float, 11>;
+using Row = std::array<float, kByteClasses>;
 // Shares of the classes above, in their order, before any record is known.
 constexpr Row kMarkRow{.002F,   .9F,     .00001F, .00001F, .00001F, .00001F,
                        .00001F, .00001F, .1F,     .00001F, .00001F};
@@ -52,12 +50,6 @@ constexpr Row kBinaryRow{.4F, .06F, .06F, .06F, .06F, .14F, .03F, .03F, .03F, .0
 // The same for any bytes of any table.
 constexpr Row kAny{.08F, .4F, .2F, .08F, .08F, .05F, .01F, .02F, .005F, .04F, .035F};
 
-bool isReferenceText(const Shape& shape, const ShapeField& field) {
-    constexpr std::string_view kMemos = "MGBWP";
-    return field.length == 10 && kMemos.find(field.type) != std::string_view::npos &&
-           shape.memos != MemoFormat::Smt;
-}
-
 bool isBinary(const Shape& shape, const ShapeField& field) {
     constexpr std::string_view kText = "CVNFDL";
     if (kText.find(field.type) != std::string_view::npos) return false;
@@ -68,33 +60,32 @@ bool isOf(std::string_view bytes, std::string_view letters) {
     return bytes.find_first_not_of(letters) == std::string_view::npos;
 }
 
-/// Whether the bytes of a field may be a value of its type, as far as that can be told.
+}  // namespace
+
+u8 classOf(char byte) { return kClassOf[static_cast<u8>(byte)]; }
+
+bool isReferenceText(const Shape& shape, const ShapeField& field) {
+    constexpr std::string_view kMemos = "MGBWP";
+    return field.length == 10 && kMemos.find(field.type) != std::string_view::npos &&
+           shape.memos != MemoFormat::Smt;
+}
+
 bool mayBe(const Shape& shape, const ShapeField& field, std::string_view bytes) {
     constexpr std::string_view kNumber(" 0123456789+-.,eE*\0", 19);
     constexpr std::string_view kDate(" 0123456789\0", 12);
     constexpr std::string_view kOtherDate(" 0123456789./-:\0", 16);
     constexpr std::string_view kLogical("TtYyFfNn ?\0", 11);
     if (isReferenceText(shape, field)) return isOf(bytes, kDate);
-    switch (field.type) {
-        case 'N':
-        case 'F':
-            return isOf(bytes, kNumber);
-        case 'D':
-            return isOf(bytes, field.length == 8 ? kDate : kOtherDate);
-        case 'L':
-            return isOf(bytes.substr(0, 1), kLogical);
-        case 'T': {
-            if (bytes.size() != 8) return isOf(bytes, kOtherDate);
-            const auto day = loadLe<i32>(bytes.data()), part = loadLe<i32>(bytes.data() + 4);
-            const bool moment = day >= 1721060 && day <= 5373484 && part >= 0 && part < 86400000;
-            return moment || isOf(bytes, {"\0", 1}) || isOf(bytes, " ");
-        }
-        default:
-            return true;
-    }
+    const char type = field.type;
+    if (type == 'N' || type == 'F') return isOf(bytes, kNumber);
+    if (type == 'D') return isOf(bytes, field.length == 8 ? kDate : kOtherDate);
+    if (type == 'L') return isOf(bytes.substr(0, 1), kLogical);
+    if (type != 'T') return true;
+    if (bytes.size() != 8) return isOf(bytes, kOtherDate);
+    const auto day = loadLe<i32>(bytes.data()), part = loadLe<i32>(bytes.data() + 4);
+    const bool moment = day >= 1721060 && day <= 5373484 && part >= 0 && part < 86400000;
+    return moment || isOf(bytes, {"\0", 1}) || isOf(bytes, " ");
 }
-
-}  // namespace
 
 void Shape::add(char type, u32 size) {
     fields.push_back({type, length, size});
@@ -162,7 +153,7 @@ double Fit::likelihood(std::string_view record) const {
     for (const u32 offset : telling_) {
         if (offset >= record.size()) break;
         const Weights& weights = weights_[offset];
-        const u8 is = kClassOf[static_cast<u8>(record[offset])];
+        const u8 is = classOf(record[offset]);
         sum += std::log(weights[is] / ((kPriorRecords + learned_) * kAny[is]));
     }
     return sum;
@@ -171,7 +162,7 @@ double Fit::likelihood(std::string_view record) const {
 void Fit::learn(std::string_view record) {
     const std::size_t size = std::min<std::size_t>(record.size(), weights_.size());
     for (std::size_t i = 0; i < size; ++i) {
-        weights_[i][kClassOf[static_cast<u8>(record[i])]] += 1;
+        weights_[i][classOf(record[i])] += 1;
     }
     learned_ += 1;
 }

@@ -29,6 +29,16 @@ Shape shapeOf(const DbfBase& base, MemoFormat memos);
 
 constexpr u32 kNoMark = 1000;
 
+/// What kind of character a byte is.
+enum ByteClass : u8 { Zero, Blank, Digit, Upper, Lower, High, Sign, Point, Star, Mark, Control };
+constexpr std::size_t kByteClasses = 11;
+u8 classOf(char byte);
+
+/// Whether a field refers to memos by a number in digits.
+bool isReferenceText(const Shape& shape, const ShapeField& field);
+/// Whether the bytes of a field may be a value of its type, as far as that can be told.
+bool mayBe(const Shape& shape, const ShapeField& field, std::string_view bytes);
+
 class Fit {
 public:
     explicit Fit(const Shape& shape);
@@ -46,8 +56,7 @@ public:
     const Shape& shape() const { return shape_; }
 
 private:
-    static constexpr std::size_t kClasses = 11;
-    using Weights = std::array<float, kClasses>;
+    using Weights = std::array<float, kByteClasses>;
 
     void addPrior(const ShapeField& field);
 

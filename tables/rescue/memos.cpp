@@ -1,6 +1,7 @@
 #include "tables/rescue/memos.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "tables/page/bytes.h"
 #include "tables/page/text.h"
@@ -12,15 +13,19 @@ namespace {
 constexpr u32 kUsualUnits[] = {64, 512, 32, 128, 256, 1024, 2048, 4096, 16, 33, 1};
 constexpr u32 kHeader = 512;
 constexpr u32 kPrefix = 8;
-constexpr u64 kFewIn = 50;  // one of so many is taken for damage of its own
+constexpr u64 kStep = 4096;   // memos
+constexpr u64 kFewIn = 50;    // one of so many is taken for damage of its own
+constexpr u64 kStaleIn = 10;  // of so many memos one may have lost its record
+constexpr double kByChance = 1e-3;
 
 u64 roundedUp(u64 place, u32 unit) { return (place + unit - 1) / unit * unit; }
 
 }  // namespace
 
-DamagedMemos::DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText)
-    : path_(path), format_(format), wanted_(unit), isText_(isText) {
-    if (!path.empty()) source_.emplace(path);
+DamagedMemos::DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText,
+                           std::function<void()> step)
+    : path_(path), format_(format), wanted_(unit), isText_(isText), step_(std::move(step)) {
+    if (!path.empty()) source_.emplace(path, step_);
 }
 
 /// A number in the header, in the byte order of the format.
@@ -70,11 +75,16 @@ std::optional<DamagedMemos::Extent> DamagedMemos::extentAt(u64 place, u32 length
     return extent;
 }
 
+/// Whether a reference leads into the header, where no file has memos.
+bool DamagedMemos::isInHeader(const Plan& plan, MemoReference reference) const {
+    return format_ != MemoFormat::Smt &&
+           u64{plan.unit} * reference.block < std::min(plan.unit, kHeader);
+}
+
 std::optional<DamagedMemos::Extent> DamagedMemos::extentOf(const Plan& plan,
                                                            MemoReference reference) {
     const u64 place = u64{plan.unit} * reference.block;
-    const bool inHeader = format_ != MemoFormat::Smt && place < std::min(plan.unit, kHeader);
-    if (plan.unit == 0 || inHeader || place < plan.lacking) return std::nullopt;
+    if (plan.unit == 0 || isInHeader(plan, reference) || place < plan.lacking) return std::nullopt;
     return extentAt(place - plan.lacking, reference.length);
 }
 
@@ -82,6 +92,7 @@ std::optional<DamagedMemos::Extent> DamagedMemos::extentOf(const Plan& plan,
 u64 DamagedMemos::whole(const Plan& plan) {
     u64 count = 0;
     for (const MemoReference reference : references_) {
+        if (++passed_ % kStep == 0) step_();
         const std::optional<Extent> extent = extentOf(plan, reference);
         const bool some = extent && (extent->end > extent->first || format_ != MemoFormat::FoxPro);
         if (!some || !extent->whole) continue;
@@ -97,28 +108,30 @@ u64 DamagedMemos::whole(const Plan& plan) {
     return count;
 }
 
+/// Bytes per block that may be meant, the likeliest first.
+std::vector<u32> DamagedMemos::units(u32 said) const {
+    if (wanted_ != 0) return {wanted_};
+    std::vector<u32> units;
+    if (said != 0) units.push_back(said);
+    if (format_ != MemoFormat::DBase3) {
+        units.insert(units.end(), std::begin(kUsualUnits), std::end(kUsualUnits));
+    }
+    return units;
+}
+
+u32 DamagedMemos::saidUnit() {
+    if (format_ == MemoFormat::DBase3) return kHeader;
+    if (format_ == MemoFormat::FoxPro) return headerNumber(6, 2);
+    return headerNumber(format_ == MemoFormat::Smt ? 4 : 20, 2);
+}
+
 /// The plan under which most references lead to memos; their number.
 u64 DamagedMemos::choose() {
-    const bool foxPro = format_ == MemoFormat::FoxPro;
-    const u32 said = format_ == MemoFormat::DBase3 ? kHeader
-                                                   : headerNumber(foxPro                       ? 6
-                                                                  : format_ == MemoFormat::Smt ? 4
-                                                                                               : 20,
-                                                                  2);
-    std::vector<u32> units;
-    if (wanted_ != 0) {
-        units.push_back(wanted_);
-    } else {
-        if (said != 0) units.push_back(said);
-        if (format_ != MemoFormat::DBase3) {
-            units.insert(units.end(), std::begin(kUsualUnits), std::end(kUsualUnits));
-        }
-    }
-    u64 most = 0;
-    plan_ = {units.front(), 0};
-    const bool isSaid = said != 0 && wanted_ == 0;
-    u64 rival = 0;
-    for (const u32 unit : units) {
+    const u32 said = saidUnit();
+    const std::vector<u32> tried = units(said);
+    u64 most = 0, rival = 0;
+    plan_ = {tried.front(), 0};
+    for (const u32 unit : tried) {
         for (const u32 lacking : {0U, kHeader}) {
             const u64 count = whole({unit, lacking});
             if (count > most) {
@@ -131,40 +144,70 @@ u64 DamagedMemos::choose() {
         }
         if (most == references_.size()) break;
     }
-    const bool own = isSaid && plan_.unit == said && plan_.lacking == 0 && headerNumber(0, 4) != 0;
+    const bool own = said != 0 && wanted_ == 0 && plan_.unit == said && plan_.lacking == 0 &&
+                     headerNumber(0, 4) != 0;
     const bool unprefixed = format_ == MemoFormat::DBase3 && plan_.lacking != 0;
-    if (!own) doubtful_ = most != references_.size() || most < 2 || rival == most || unprefixed;
+    const u64 amiss = std::max(most, meant()) - most;
+    if (!own) doubtful_ = amiss * kFewIn > most || most < 2 || rival == most || unprefixed;
     return most;
 }
 
-/// Goes from memo to memo, as they were written.
-void DamagedMemos::follow(Accord& accord) {
+/// References that do not lead into the header, as some do that were never of any memo.
+u64 DamagedMemos::meant() const {
+    if (format_ == MemoFormat::Smt) return references_.size();
+    return static_cast<u64>(std::count_if(
+        references_.begin(), references_.end(),
+        [&](MemoReference reference) { return u64{plan_.unit} * reference.block >= kHeader; }));
+}
+
+/// The places that the references lead to, in order, each once.
+std::vector<u64> DamagedMemos::places() const {
     std::vector<u64> places;
     for (const MemoReference reference : references_) {
         const u64 place = u64{plan_.unit} * reference.block;
-        if (place >= plan_.lacking && place - plan_.lacking < source_->size()) {
+        if (place >= kHeader && place - plan_.lacking < source_->size()) {
             places.push_back(place - plan_.lacking);
         }
     }
     std::sort(places.begin(), places.end());
     places.erase(std::unique(places.begin(), places.end()), places.end());
+    return places;
+}
+
+/// Goes from memo to memo, as they were written.
+void DamagedMemos::follow(Accord& accord) {
+    const std::vector<u64> wanted = places();
     const u32 unit = plan_.unit;
     u64 place = plan_.lacking != 0 ? 0 : roundedUp(kHeader, unit);
+    const u64 first = place;
     std::size_t next = 0;
     while (place < source_->size()) {
-        while (next < places.size() && places[next] < place) ++accord.off, ++next;
+        if (++passed_ % kStep == 0) step_();
+        while (next < wanted.size() && wanted[next] < place) ++accord.off, ++next;
         const std::optional<Extent> extent = extentAt(place, 0);
         const bool memo = extent && extent->end > extent->first;
+        const bool held = next < wanted.size() && wanted[next] == place;
         if (memo) {
-            const bool held = next < places.size() && places[next] == place;
             const u64 block = (place + plan_.lacking) / unit;
             accord.lastIsHeld = held || std::binary_search(others_.begin(), others_.end(), block);
+            ++accord.memos;
+            if (accord.lastIsHeld) ++accord.held;
         }
-        if (next < places.size() && places[next] == place) ++next;
+        if (held) ++next;
         const u64 end = memo ? std::max(extent->end, place + 1) : place + 1;
         place = memo && !extent->whole ? source_->size() : roundedUp(end, unit);
     }
-    accord.off += places.size() - next;
+    accord.off += wanted.size() - next;
+    accord.blocks = (source_->size() - std::min(first, source_->size()) + unit - 1) / unit;
+}
+
+/// Whether so many references may as well lead to the beginnings of memos by chance. The first one
+/// leads to the first memo in any file.
+bool DamagedMemos::Accord::mayBeChance() const {
+    if (lastIsHeld || blocks == 0) return false;
+    if ((memos - held) * kStaleIn <= held) return false;
+    const double share = static_cast<double>(memos) / static_cast<double>(blocks);
+    return held < 2 || std::pow(share, static_cast<double>(held - 1)) > kByChance;
 }
 
 DamagedMemos::Accord DamagedMemos::tryAll() {
@@ -178,7 +221,7 @@ DamagedMemos::Accord DamagedMemos::tryAll() {
 /// Undoes a transfer as text where references go better with the file then.
 bool DamagedMemos::undoTextEnds(Accord& accord) {
     Source found = std::move(*source_);
-    source_.emplace(path_);
+    source_.emplace(path_, step_);
     source_->undoTextEnds();
     const Accord undone = tryAll();
     const bool better = undone.gain(accord, isText_);
@@ -218,7 +261,7 @@ std::vector<std::string> DamagedMemos::settle() {
     }
     const bool isWhole = next != 0 && u64{plan_.unit} * (next - 1) < source_->size();
     const u64 strange = accord.off + (isWhole ? past : 0);
-    if (strange * kFewIn > count || !accord.lastIsHeld) {
+    if (strange * kFewIn > count || accord.mayBeChance()) {
         doubtful_ = true;
         sentences.push_back("the memo file may be another table's, so every memo is doubtful");
     }

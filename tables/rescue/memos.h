@@ -3,6 +3,7 @@
 // memo after the other begins.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,7 +18,9 @@ class DamagedMemos {
 public:
     /// path: empty when the file is missing. unit: bytes per block; 0: what the header says, or
     /// else what fits. isText: the table has come through a transfer as text, and so has this.
-    DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText);
+    /// step: called every now and then; may throw.
+    DamagedMemos(const std::string& path, MemoFormat format, u32 unit, bool isText,
+                 std::function<void()> step);
 
     /// To be told every reference before the first memo is read.
     void add(MemoReference reference) { references_.push_back(reference); }
@@ -44,9 +47,12 @@ private:
     };
     /// How the references go with the file.
     struct Accord {
-        u64 whole = 0;           ///< lead to whole memos
-        u64 off = 0;             ///< lead to where no memo begins
-        bool lastIsHeld = true;  ///< the memo that was written last is referred to
+        u64 whole = 0;            ///< lead to whole memos
+        u64 off = 0;              ///< lead to where no memo begins
+        bool lastIsHeld = true;   ///< the memo that was written last is referred to
+        u64 memos = 0, held = 0;  ///< in the file, and of them those that are referred to
+        u64 blocks = 0;           ///< of the file
+        bool mayBeChance() const;
         bool isFull(u64 count) const { return whole == count && off == 0 && lastIsHeld; }
         /// Whether these references go better with the file than the others did.
         bool gain(const Accord& other, bool alsoSame) const {
@@ -61,7 +67,12 @@ private:
     std::optional<Extent> extentOf(const Plan& plan, MemoReference reference);
     u64 markedEnd(u64 place);
     u64 whole(const Plan& plan);
+    bool isInHeader(const Plan& plan, MemoReference reference) const;
+    std::vector<u32> units(u32 said) const;
+    u32 saidUnit();
     u64 choose();
+    u64 meant() const;
+    std::vector<u64> places() const;
     void follow(Accord& accord);
     Accord tryAll();
     bool undoTextEnds(Accord& accord);
@@ -71,10 +82,12 @@ private:
     const MemoFormat format_;
     const u32 wanted_;
     const bool isText_;
+    const std::function<void()> step_;
     Plan plan_;
     std::vector<MemoReference> references_;
     std::vector<u32> others_;  ///< blocks
     bool doubtful_ = false;
+    u64 passed_ = 0;  ///< memos
 };
 
 }  // namespace mira::tables

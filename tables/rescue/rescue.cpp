@@ -18,28 +18,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr u32 kSample = 50;         // records that tell whether zero is a deletion byte here
+constexpr i64 kNothing = -1000;     // what a header that gives no table is worth
+constexpr u32 kStep = 64;           // records
 constexpr std::size_t kWays = 256;  // places that a broken record is tried to be broken at
 
 Layout layoutOf(Source& source, const std::string& name, const Table* like) {
     return like != nullptr ? layoutLike(source, *like) : ownLayout(source, name);
 }
 
-/// Some programs write zero for the blank.
-bool marksAreZero(Source& source, const Layout& layout) {
-    u32 zeros = 0, records = 0;
-    for (; records < kSample; ++records) {
-        const u64 place = layout.first + u64{records} * layout.shape.stride;
-        const std::string_view bytes = source.at(place, layout.shape.length);
-        if (bytes.size() < layout.shape.length) break;
-        const bool filled = bytes.find_first_not_of('\0') != std::string_view::npos;
-        if (filled && bytes[0] == 0) ++zeros;
-    }
-    return 2 * zeros > records;
-}
-
-Walked walk(Source& source, const Layout& layout, Fit& fit, const std::function<void()>& step) {
-    if (marksAreZero(source, layout)) fit.allowZeroMark();
+Walked walk(Source& source, const Layout& layout, Fit& fit, const std::function<void(u32)>& step) {
+    const ZeroMarks marks = zeroMarksFrom(source, layout.shape, layout.first);
+    if (2 * marks.zeros > marks.records) fit.allowZeroMark();
     return walkRecords(source, fit, layout.first, layout.counted, step);
 }
 
@@ -47,7 +36,7 @@ Walked walk(Source& source, const Layout& layout, Fit& fit, const std::function<
 i64 worthOf(Source& source, const Layout& layout) {
     Fit fit(layout.shape);
     i64 sound = 0;
-    for (const Stretch& stretch : walk(source, layout, fit, [] {}).stretches) {
+    for (const Stretch& stretch : walk(source, layout, fit, [](u32) {}).stretches) {
         if (stretch.is == Stretch::Is::Sound && stretch.shift == 0) sound += stretch.count;
     }
     return 16 * (layout.doubtful ? 0 : sound) - static_cast<i64>(layout.repairs.size());
@@ -107,6 +96,7 @@ private:
             using Is = Stretch::Is;
             if (stretch.is != Is::Sound && stretch.is != Is::Doubtful) continue;
             for (u32 i = 0; i < stretch.count; ++i) {
+                if (i % kStep == 0) hooks_.step(0);
                 load(recordAt(stretch, i));
                 for (const Column* column : memoColumns_) {
                     const MemoReference reference = memoReference(to_, *column);
@@ -162,7 +152,7 @@ private:
                 load(recordAt(stretch, i));
             }
             save(doubtful, stretch.place + u64{i} * layout_.shape.stride);
-            if (i % 256 == 0) hooks_.step();
+            if ((i + 1) % kStep == 0 || i + 1 == stretch.count) hooks_.step(i % kStep + 1);
         }
         if (stretch.shift != 0) rescued_.shifted += stretch.count;
     }
@@ -308,36 +298,49 @@ void checkOpens(const Table& to) {
     }
 }
 
+/// The same file before a transfer as text.
+Damaged undoneOf(const std::string& path, const Table* like, const std::function<void()>& step) {
+    Damaged undone{std::make_unique<Source>(path, step)};
+    undone.source->undoTextEnds();
+    undone.layout = layoutOf(*undone.source, path, like);
+    undone.isText = true;
+    return undone;
+}
+
 }  // namespace
 
-Damaged examine(const std::string& path, const Table* like) {
-    Damaged asItIs{std::make_unique<Source>(path)};
+Damaged examine(const std::string& path, const Table* like, const std::function<void()>& step) {
+    Damaged asItIs{std::make_unique<Source>(path, step)};
+    const bool mayBeText = asItIs.source->hasTextEnds();
     std::string refusal;
-    i64 worth = -1000;
     try {
         asItIs.layout = layoutOf(*asItIs.source, path, like);
-        worth = worthOf(*asItIs.source, asItIs.layout);
     } catch (const Refusal& reason) {
+        if (!mayBeText) throw;
         refusal = reason.what();
     }
-    if (asItIs.source->hasTextEnds()) {
-        try {
-            Damaged undone{std::make_unique<Source>(path)};
-            undone.source->undoTextEnds();
-            undone.layout = layoutOf(*undone.source, path, like);
-            if (worthOf(*undone.source, undone.layout) > worth) {
-                undone.layout.repairs.insert(undone.layout.repairs.begin(),
-                                             "the file has come through a transfer as text: every "
-                                             "line feed got a carriage return before it");
-                undone.isText = true;
-                return undone;
-            }
-        } catch (const Refusal&) {
-            if (!refusal.empty()) throw;
+    if (!mayBeText) return asItIs;
+    const i64 worth = refusal.empty() ? worthOf(*asItIs.source, asItIs.layout) : kNothing;
+    try {
+        Damaged undone = undoneOf(path, like, step);
+        if (worthOf(*undone.source, undone.layout) > worth) {
+            undone.layout.repairs.insert(
+                undone.layout.repairs.begin(),
+                "the file has come through a transfer as text: every line feed "
+                "got a carriage return before it");
+            return undone;
         }
+    } catch (const Refusal&) {
+        if (!refusal.empty()) throw;
     }
     if (!refusal.empty()) refuse(refusal);
     return asItIs;
+}
+
+u64 passesOf(const Damaged& damaged) {
+    const u64 size = damaged.source->size();
+    const u64 bytes = size - std::min(damaged.layout.first, size);
+    return 2 * (bytes / damaged.layout.shape.stride);  // to find them, and to save them
 }
 
 void layTable(const std::string& path, const std::string& head) {
@@ -350,7 +353,7 @@ void layTable(const std::string& path, const std::string& head) {
 
 Rescued rescue(Damaged& damaged, Table& to, const std::string& memos, u32 memoBlock,
                const RescueHooks& hooks) {
-    DamagedMemos reader(memos, to.memoFormat, memoBlock, damaged.isText);
+    DamagedMemos reader(memos, to.memoFormat, memoBlock, damaged.isText, [&] { hooks.step(0); });
     const Rescued rescued = Saver(damaged, to, reader, hooks).run();
     checkOpens(to);
     return rescued;

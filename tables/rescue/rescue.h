@@ -51,8 +51,11 @@ struct Damaged {
     bool isText = false;  ///< it has come through a transfer as text, which is undone
 };
 /// Looks how a table is to be read. like: an open table that has its fields; null: by its own
-/// header. Throws a Refusal when nothing can be saved.
-Damaged examine(const std::string& path, const Table* like);
+/// header. step: called every now and then; may throw. Throws a Refusal when nothing can be saved.
+Damaged examine(
+    const std::string& path, const Table* like, const std::function<void()>& step = [] {});
+/// How often rescue will pass a record, for a bar.
+u64 passesOf(const Damaged& damaged);
 
 /// Lays a new table without records; nothing may be there yet. Throws a Refusal.
 void layTable(const std::string& path, const std::string& head);
@@ -61,8 +64,8 @@ struct RescueHooks {
     std::function<void(const Spot&)> tell = [](const Spot&) {};
     /// The bytes of what is doubtful or left out.
     std::function<void(std::string_view)> keep = [](std::string_view) {};
-    /// Called every now and then; may throw.
-    std::function<void()> step = [] {};
+    /// Called every now and then with the number of records passed since; may throw.
+    std::function<void(u32 records)> step = [](u32) {};
 };
 
 /// Writes the records of a damaged table, and their memos, to a new one without records, which is

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tables {
 namespace {
@@ -17,9 +18,10 @@ constexpr std::size_t kBehind = std::size_t{1} << 17;  // kept of what lies befo
 
 }  // namespace
 
-Source::Source(const std::string& path) : path_(path) {
+Source::Source(const std::string& path, std::function<void()> step)
+    : path_(path), step_(std::move(step)) {
     errno = 0;
-    File file(Open_FileRO(path.c_str()));
+    File file(Open_FileRO(readable(path).path.c_str()));
     if (!file) refuse(path, ": ", errno != 0 ? std::strerror(errno) : "no regular file");
     take(std::move(file));
 }
@@ -36,6 +38,7 @@ std::string_view Source::at(u64 place, std::size_t length) {
     if (place >= size_) return {};
     length = static_cast<std::size_t>(std::min<u64>(std::min(length, kMost), size_ - place));
     if (place < start_ || place + length > start_ + window_.size()) {
+        step_();
         start_ = place > kBehind ? place - kBehind : 0;
         window_.resize(static_cast<std::size_t>(std::min<u64>(kWindow, size_ - start_)));
         std::size_t got = 0;

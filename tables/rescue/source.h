@@ -1,6 +1,7 @@
 // The bytes of a damaged file, read through a window, so that its size does not matter.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -11,8 +12,10 @@ namespace mira::tables {
 
 class Source {
 public:
-    /// Throws a Refusal when the file cannot be opened or its size not be taken.
-    explicit Source(const std::string& path);
+    /// step: called for every window that is read; may throw. Throws a Refusal when the file
+    /// cannot be opened or its size not be taken.
+    explicit Source(
+        const std::string& path, std::function<void()> step = [] {});
 
     u64 size() const { return size_; }
     /// Bytes from a place on, fewer at the end of the file; they last until the next call. length
@@ -32,6 +35,7 @@ private:
     void take(File file);
 
     std::string path_;
+    std::function<void()> step_;
     File file_;
     u64 size_ = 0;
     u64 start_ = 0;  ///< of the window

@@ -6,6 +6,7 @@
 namespace mira::tables {
 namespace {
 
+constexpr u32 kStep = 256;       // records
 constexpr u32 kRun = 12;         // records that have to fit where others begin anew
 constexpr u32 kSureRun = 3;      // fewer are doubtful
 constexpr u32 kShortRun = 4;     // the same behind those that the header counts
@@ -29,7 +30,7 @@ struct Run {
 
 class Walk {
 public:
-    Walk(Source& source, Fit& fit, u64 first, u32 counted, const std::function<void()>& step)
+    Walk(Source& source, Fit& fit, u64 first, u32 counted, const std::function<void(u32)>& step)
         : source_(source),
           fit_(fit),
           prior_(fit),
@@ -154,7 +155,7 @@ private:
             const bool zeroed = unsure_ || isZeroed(place);
             push(zeroed ? Stretch::Is::Doubtful : Stretch::Is::Sound, place, stride_);
             if (!zeroed) fit_.learn(record(place));
-            if (records_ % 256 == 0) step_();
+            if (records_ % kStep == 0) step_(kStep);
         }
         return place;
     }
@@ -220,7 +221,7 @@ private:
 
     /// From a record that does not fit; the place from which records fit again, or the end.
     u64 recover(u64 place) {
-        step_();
+        step_(0);
         if (isInPlace_) {
             takeBad(place, std::min(place + stride_, end_));
             return std::min(place + stride_, end_);
@@ -235,7 +236,7 @@ private:
         const bool old = counted_ != 0 && records_ >= counted_;
         for (u64 at = place + u64{2} * stride_; next == end_ && !old && at < end_; at += stride_) {
             next = bestIn(at, at + stride_, place, &likelihood);
-            step_();
+            step_(0);
         }
         const bool inPlace = next >= place && (next - place) % stride_ == 0;
         if (next == end_ && old && (end_ - place > kSlip || isPadding(place))) {
@@ -330,7 +331,7 @@ private:
     const u32 length_, stride_;
     const u64 first_;
     const u32 counted_;
-    const std::function<void()>& step_;
+    const std::function<void(u32)>& step_;
     bool isInPlace_ = false;  ///< the file is as long as the header says: nothing is lost or added
     bool unsure_ = false;     ///< too few records follow to tell how they lie
     u64 anchor_;              ///< where records began to lie as they do
@@ -342,7 +343,7 @@ private:
 }  // namespace
 
 Walked walkRecords(Source& source, Fit& fit, u64 first, u32 counted,
-                   const std::function<void()>& step) {
+                   const std::function<void(u32)>& step) {
     return Walk(source, fit, first, counted, step).run();
 }
 
@@ -361,12 +362,24 @@ double fitFrom(Source& source, const Fit& fit, u64 place, u32 count) {
     return sum;
 }
 
+ZeroMarks zeroMarksFrom(Source& source, const Shape& shape, u64 first) {
+    constexpr u32 kSample = 50;
+    ZeroMarks marks;
+    for (; marks.records < kSample; ++marks.records) {
+        const std::string_view bytes =
+            source.at(first + u64{marks.records} * shape.stride, shape.length);
+        if (bytes.size() < shape.length) break;
+        if (!isZeros(bytes) && bytes[0] == 0) ++marks.zeros;
+    }
+    return marks;
+}
+
 std::optional<Shift> shiftOf(const Table& table) {
     const DbfBase& base = *table.base;
     Source source(table.path);
     Fit fit(shapeOf(base, table.memoFormat));
     const Walked walked =
-        walkRecords(source, fit, base.Header.HeaderLength, table.storedCount, [] {});
+        walkRecords(source, fit, base.Header.HeaderLength, table.storedCount, [](u32) {});
     u32 records = 0;
     for (const Stretch& stretch : walked.stretches) {
         const bool whole = stretch.is == Stretch::Is::Sound || stretch.is == Stretch::Is::Doubtful;

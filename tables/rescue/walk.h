@@ -36,13 +36,20 @@ struct Walked {
 
 /// Divides a file from its first record to its end. counted: records by the header, 0 where that is
 /// not to be believed; behind those, what does not fit is the remainder of an older table. step is
-/// called every now and then and may throw.
+/// called every now and then with the records passed since, and may throw.
 Walked walkRecords(Source& source, Fit& fit, u64 first, u32 counted,
-                   const std::function<void()>& step);
+                   const std::function<void(u32)>& step);
 
 /// How well count records from a place on fit: their likelihoods, less their faults. The first
 /// ones weigh most, because further on the file may be damaged.
 double fitFrom(Source& source, const Fit& fit, u64 place, u32 count);
+
+/// Deletion bytes of zero, as some programs write them, in the first records from a place on;
+/// records that are nothing but zeros do not count as such.
+struct ZeroMarks {
+    u32 records = 0, zeros = 0;
+};
+ZeroMarks zeroMarksFrom(Source& source, const Shape& shape, u64 first);
 
 /// Where the records of an open table are not where they should be any more: the first such record,
 /// from 0, and by how many bytes they lie behind their place. Nothing while records fit there.

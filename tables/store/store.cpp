@@ -20,7 +20,6 @@ namespace mira::tables {
 namespace {
 
 constexpr std::size_t kQuoted = 40;  // bytes of a value that a message shows
-constexpr int kCurrencyDecimals = 4;
 
 /// A value does not fit; what() says why.
 struct Misfit : std::runtime_error {
@@ -194,7 +193,7 @@ void encodeMemo(Table& table, const Column& column, const Given& given, Encoded&
     if (!holdsReference(column)) {
         reject("a field of ", counted(column.length, "byte"), " cannot refer to a memo");
     }
-    if (memoRow(table).hasEndMark && encoded.memo.find(kMemoEnd) != std::string::npos) {
+    if (endsInMark(table) && encoded.memo.find(kMemoEnd) != std::string::npos) {
         reject("a memo of dBase III ends at a byte 1A, which the value holds");
     }
     if (access(memoFileOf(table).c_str(), R_OK | W_OK) != 0) {
@@ -466,13 +465,9 @@ void encodeCounter(const Table& table, const Column& column, const Given& given,
 bool putMemo(const Table& table, const Column& column, const std::string& bytes) {
     DbfBase* const base = table.base.get();
     const File file(Open_File(base->MemoFileName));
-    const auto set = memoRow(table).set;
-    if (!file || set == nullptr || IsPackUnfinished(base) != 0) return false;
+    if (!file || IsPackUnfinished(base) != 0) return false;
     const auto length = static_cast<u32>(bytes.size());
-    SetFilePointer(file.get(), 0, nullptr, SEEK_SET);  // a failure shows in the call that follows
-    base->MemoFile = file.get();
-    const u32 block = set(base, bytes.data(), length);
-    base->MemoFile = nullptr;
+    const u32 block = AppendMemo(base, file.get(), bytes.data(), length);
     return block != 0 && std::fflush(file.get()) == 0 &&
            setMemoReference(table, column, {true, block, length});
 }

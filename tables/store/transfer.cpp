@@ -11,6 +11,7 @@ const char* wordOf(Fault fault) {
     switch (fault) {
         case Fault::None:
         case Fault::Rounded:
+        case Fault::Unkept:
             return "";
         case Fault::NoNumber:
             return "its bytes are no number";
@@ -74,7 +75,10 @@ Given givenOf(const Value& value, const Column& source, const Column& column, st
         case ValueKind::Logical:
             if (isOfNumbers(column)) return Given::ofInteger(value.integer);
             break;
-        default:
+        case ValueKind::Digits:
+        case ValueKind::Currency:
+        case ValueKind::Date:
+        case ValueKind::Moment:
             break;
     }
     plain.clear();

@@ -17,20 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr u32 kSmtReference = 10;  // bytes of it in a record
-constexpr u32 kSmtLengthPlace = 2, kSmtBlockPlace = 6;
-
-// Other makers of dBase IV and SMT memos may begin before byte 512.
-constexpr std::string_view kDBase4Mark("\xFF\xFF\x08\0", 4);
-constexpr std::string_view kFoxProMark("\0\0\0\1", 4);
-constexpr MemoRow kNoRow{.set = nullptr, .headerSize = 512};
-constexpr MemoRow kDBase3Row{
-    .set = Set_dBase3Buf, .headerSize = 512, .fixedUnit = 512, .hasEndMark = true};
-constexpr MemoRow kDBase4Row{
-    .set = Set_dBase4Buf, .headerSize = 24, .mark = kDBase4Mark, .counted = 8};
-constexpr MemoRow kFoxProRow{
-    .set = Set_FoxProBuf, .headerSize = 512, .bigEndian = true, .mark = kFoxProMark};
-constexpr MemoRow kSmtRow{.set = Set_SMTBuf, .headerSize = 16, .lengthInReference = true};
+constexpr u32 kFixedUnit = 512;
 
 struct MemoSpan {
     u64 first = 0, end = 0;  ///< as the memo says; the end may lie past that of the file
@@ -39,55 +26,40 @@ struct MemoSpan {
 
 std::optional<MemoSpan> spanOf(const MemoReader& reader, const Table& table,
                                MemoReference reference) {
-    DbfBase* const base = table.base.get();
     MemoSpan span;
-    base->MemoFile = reader.file.get();
-    const int found = GetMemoSpan(base, reference.block, reference.length, &span.first, &span.end);
-    base->MemoFile = nullptr;
+    const int found = GetMemoSpanIn(table.base.get(), reader.file.get(), reference.block,
+                                    reference.length, &span.first, &span.end);
     span.cut = found == 2;
     return found != 0 ? std::optional(span) : std::nullopt;
 }
 
 /// Whether a memo of dBase IV begins at a place.
 bool isDBase4Memo(const MemoReader& reader, u64 place) {
-    char start[kDBase4Mark.size()] = {};
+    const auto& mark = GetMemoLayout(static_cast<u32>(MemoFormat::DBase4))->mark;
+    u8 start[sizeof mark] = {};
     readFileAt(reader.file.get(), static_cast<u32>(place), start, sizeof start);
-    return std::string_view(start, sizeof start) == kDBase4Mark;
+    return std::equal(std::begin(start), std::end(start), mark);
 }
+
+bool isBigEndian(const Table& table) { return table.memos != nullptr && table.memos->bigEndian; }
 
 }  // namespace
 
-const MemoRow& memoRow(const Table& table) {
-    switch (table.memoFormat) {
-        case MemoFormat::None:
-            return kNoRow;
-        case MemoFormat::DBase3:
-            return kDBase3Row;
-        case MemoFormat::DBase4:
-            return kDBase4Row;
-        case MemoFormat::FoxPro:
-            return kFoxProRow;
-        case MemoFormat::Smt:
-            return kSmtRow;
-    }
-    return kNoRow;
-}
+bool endsInMark(const Table& table) { return table.memos != nullptr && table.memos->endSize != 0; }
 
 std::array<u8, 4> memoBytes(const Table& table, u32 number) {
     auto bytes = bytesLe(number);
-    if (memoRow(table).bigEndian) std::reverse(bytes.begin(), bytes.end());
+    if (isBigEndian(table)) std::reverse(bytes.begin(), bytes.end());
     return bytes;
 }
 
 u32 memoNumber(const Table& table, const u8* bytes) {
-    return memoRow(table).bigEndian ? loadBe32(bytes) : loadLe<u32>(bytes);
+    return isBigEndian(table) ? loadBe32(bytes) : loadLe<u32>(bytes);
 }
 
 bool holdsReference(const Column& column) { return column.stored == FieldClass::Memo; }
 
 MemoReference memoReference(const Table& table, const Column& column) {
-    // The library reads as many bytes as a reference has, also past a shorter field.
-    if (memoRow(table).lengthInReference && column.length < kSmtReference) return {false};
     MemoReference reference;
     const int found =
         GetMemoReference(table.base.get(), column.field, &reference.block, &reference.length);
@@ -95,44 +67,30 @@ MemoReference memoReference(const Table& table, const Column& column) {
 }
 
 bool setMemoReference(const Table& table, const Column& column, MemoReference reference) {
-    DbfBase* const base = table.base.get();
-    if (memoRow(table).lengthInReference) {
-        if (column.length < kSmtReference) return false;
-        u8* const to = base->RecordBuffer + column.offset;
-        const auto length = bytesLe(reference.length), block = bytesLe(reference.block);
-        std::fill_n(to, kSmtLengthPlace, u8{0});
-        std::copy(length.begin(), length.end(), to + kSmtLengthPlace);
-        std::copy(block.begin(), block.end(), to + kSmtBlockPlace);
-        return true;
-    }
-    if (column.length == 4) {
-        SetInt(base, column.field, reference.block);
-    } else {
-        SetNumeric(base, column.field, reference.block);
-    }
-    return memoReference(table, column).block == reference.block;
+    return SetMemoReference(table.base.get(), column.field, reference.block, reference.length) != 0;
 }
 
 void encodeMemo(const Table& table, std::string_view bytes, std::string& image) {
-    const MemoRow& row = memoRow(table);
-    if (!row.mark.empty()) {
-        const auto length = memoBytes(table, static_cast<u32>(bytes.size()) + row.counted);
-        image.append(row.mark).append(length.begin(), length.end());
+    if (table.memos != nullptr && table.memos->prefixSize != 0) {
+        const auto length =
+            memoBytes(table, static_cast<u32>(bytes.size()) + table.memos->lengthBias);
+        image.append(std::begin(table.memos->mark), std::end(table.memos->mark));
+        image.append(length.begin(), length.end());
     }
     image.append(bytes);
-    if (row.hasEndMark) image += kMemoEnd;
+    if (endsInMark(table)) image += kMemoEnd;
 }
 
 u32 memoUnit(const Table& table) {
-    const u32 fixed = memoRow(table).fixedUnit;
-    return fixed != 0 ? fixed : GetBlockSize(table.base.get());
+    const bool fixed = table.memos != nullptr && table.memos->unitPlace == 0;
+    return fixed ? kFixedUnit : GetBlockSize(table.base.get());
 }
 
 std::string memoFileFault(const Table& table) {
     const fs::path memos = memoFileOf(table);
     if (memos.empty()) return "";
     std::error_code ignored;
-    if (!fs::exists(memos, ignored)) {
+    if (!fs::exists(table.base->MemoFileName, ignored)) {
         return textOf("its memo file ", memos.filename().string(), " is missing");
     }
     if (IsPackUnfinished(table.base.get()) != 1) return "";
@@ -158,7 +116,7 @@ bool openMemos(MemoReader& reader, const Table& table) {
 std::optional<u64> memoEnd(MemoReader& reader, const Table& table, MemoReference reference) {
     const std::optional<MemoSpan> span = spanOf(reader, table, reference);
     if (!span) return std::nullopt;
-    if (!memoRow(table).hasEndMark) return span->end;
+    if (!endsInMark(table)) return span->end;
     if (isDBase4Memo(reader, span->first)) return std::nullopt;
     return std::min(span->end + 1, reader.size);  // the end mark
 }

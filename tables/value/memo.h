@@ -22,22 +22,10 @@ struct FreeCloser {
     void operator()(void* memory) const { std::free(memory); }
 };
 
-/// How a format lays its memos: a prefix, the data, an end mark.
-struct MemoRow {
-    u32 (*set)(DbfBase*, const char* bytes,
-               u32 length);   ///< the library's, into MemoFile; null for none
-    u32 headerSize;           ///< bytes of the file that are header for certain
-    u32 fixedUnit = 0;        ///< bytes per block where the file does not say
-    bool bigEndian = false;   ///< its numbers
-    std::string_view mark{};  ///< the first half of the prefix, before the length
-    u32 counted = 0;          ///< bytes that the length counts besides the data
-    bool hasEndMark = false;  ///< a byte 1A, which no data can hold
-    bool lengthInReference = false;
-};
 constexpr char kMemoEnd = 0x1A;
-/// The row of a table; one without a way to write where its memos are neither read nor written.
-const MemoRow& memoRow(const Table& table);
-/// A number of its memo file.
+/// A number of the memo file.
+/// Whether a byte 1A, which no data can hold, ends the table's memos.
+bool endsInMark(const Table& table);
 std::array<u8, 4> memoBytes(const Table& table, u32 number);
 u32 memoNumber(const Table& table, const u8* bytes);
 

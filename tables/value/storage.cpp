@@ -9,7 +9,6 @@
 namespace mira::tables {
 namespace {
 
-constexpr double kCurrencyScale = 10000.0;
 constexpr i64 kExact = i64{1} << 53;  // whole numbers below it are exact in a double
 constexpr std::size_t kKeptDigits = 15;
 constexpr u32 kWholeDigits = 18;  // any whole number of so many fits 64 bits
@@ -64,7 +63,7 @@ Stored ofDigits(const Column& column, std::string_view digits) {
 Stored ofCurrency(const Value& value) {
     const bool exact = value.integer > -kExact && value.integer < kExact;
     const double real =
-        exact ? static_cast<double>(value.integer) / kCurrencyScale : toReal(value.text);
+        exact ? static_cast<double>(value.integer) / kCurrencyUnits : toReal(value.text);
     return ofReal(real, isRounded(value.text, real));
 }
 

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <functional>
 
-#include "tables/page/bytes.h"
+#include "tables/page/digits.h"
 #include "tables/page/text.h"
 #include "tables/page/utf8.h"
 
@@ -193,7 +192,6 @@ void giveDouble(CellReader& reader, const Column& column, Value& value) {
 }
 
 void giveCurrency(CellReader& reader, const Column& column, Value& value) {
-    constexpr u64 kScale = 10000;
     value.kind = ValueKind::Currency;
     GetCurrencyUnits(baseOf(reader), column.field, &value.integer);
     const bool negative = value.integer < 0;
@@ -201,9 +199,9 @@ void giveCurrency(CellReader& reader, const Column& column, Value& value) {
     const u64 size = negative ? 0 - bits : bits;
     char* to = reader.digits;
     if (negative) *to++ = '-';
-    to = std::to_chars(to, std::end(reader.digits), size / kScale).ptr;
+    to = std::to_chars(to, std::end(reader.digits), size / kCurrencyUnits).ptr;
     *to++ = '.';
-    u64 rest = size % kScale;
+    u64 rest = size % kCurrencyUnits;
     for (int i = 3; i >= 0; --i, rest /= 10) to[i] = static_cast<char>('0' + rest % 10);
     value.text = {reader.digits, static_cast<std::size_t>(to + 4 - reader.digits)};
 }
@@ -227,13 +225,16 @@ void giveNoDate(Value& value, std::string_view stored) {
     if (stored.find_first_not_of(kNothing) != std::string_view::npos) value.fault = Fault::NoDate;
 }
 
-int twoDigits(const char* at) { return (at[0] - '0') * 10 + (at[1] - '0'); }
-
-bool isDate(const char* digits) {
+/// Whether eight characters are the digits of a date.
+bool isDate(const char* at) {
+    const u64 digits = loadLe<u64>(at) ^ kZeros;
+    if (nonDigits(digits) != 0) return false;
+    const u64 pairs = digits * 10 + (digits >> 8);  // a number of two digits in every other byte
+    const auto pairAt = [pairs](int byte) { return static_cast<int>(pairs >> 8 * byte & 0xFF); };
     std::tm date{};
-    date.tm_year = twoDigits(digits) * 100 + twoDigits(digits + 2);
-    date.tm_mon = twoDigits(digits + 4) - 1;
-    date.tm_mday = twoDigits(digits + 6);
+    date.tm_year = pairAt(0) * 100 + pairAt(2);
+    date.tm_mon = pairAt(4) - 1;
+    date.tm_mday = pairAt(6);
     return mymktime(&date) == 0;
 }
 
@@ -241,33 +242,35 @@ void giveDate(CellReader& reader, const Column& column, Value& value) {
     constexpr std::size_t kDigits = 8;
     std::string_view stored = storedBytes(*reader.table, column);
     if (stored.size() != kDigits) stored = withoutPadding(stored);
-    if (stored.size() != kDigits || !areDigits(stored) || !isDate(stored.data())) {
-        return giveNoDate(value, stored);
-    }
+    if (stored.size() != kDigits || !isDate(stored.data())) return giveNoDate(value, stored);
     putDate(reader.digits, stored.data());
     value.kind = ValueKind::Date;
     value.text = {reader.digits, 10};
 }
 
-void putTwo(char* to, unsigned number) {
-    to[0] = static_cast<char>('0' + number / 10);
-    to[1] = static_cast<char>('0' + number % 10);
-}
+/// "00" to "99".
+constexpr auto kPairs = [] {
+    std::array<char, 200> pairs{};
+    for (std::size_t i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}();
+void putTwo(char* to, unsigned number) { std::memcpy(to, &kPairs[2 * std::size_t{number}], 2); }
 
 /// "yyyy-mm-dd hh:mm:ss", ".sss" after it when not zero.
-void giveMoment(CellReader& reader, i32 day, i32 milliseconds, Value& value) {
-    constexpr i32 kDayOf1970 = 2440588;
-    const std::chrono::year_month_day date{
-        std::chrono::sys_days{std::chrono::days{day - kDayOf1970}}};
-    const auto year = static_cast<unsigned>(static_cast<int>(date.year()));
+void giveMoment(CellReader& reader, i32 number, i32 milliseconds, Value& value) {
+    int year = 0, month = 0, day = 0;
+    GetDayDate(number, &year, &month, &day);
     const auto seconds = static_cast<unsigned>(milliseconds) / 1000;
     const auto rest = static_cast<unsigned>(milliseconds) % 1000;
     char* const to = reader.digits;
     std::memcpy(to, "0000-00-00 00:00:00.000", 23);
-    putTwo(to, year / 100);
-    putTwo(to + 2, year % 100);
-    putTwo(to + 5, static_cast<unsigned>(date.month()));
-    putTwo(to + 8, static_cast<unsigned>(date.day()));
+    putTwo(to, static_cast<unsigned>(year) / 100);
+    putTwo(to + 2, static_cast<unsigned>(year) % 100);
+    putTwo(to + 5, static_cast<unsigned>(month));
+    putTwo(to + 8, static_cast<unsigned>(day));
     putTwo(to + 11, seconds / 3600);
     putTwo(to + 14, seconds / 60 % 60);
     putTwo(to + 17, seconds % 60);
@@ -446,6 +449,14 @@ void countFault(Faults& faults, Fault fault, u32 record, const Column& column) {
     tally.column = column.name;
 }
 
+void addFaults(Faults& faults, const Faults& later) {
+    for (std::size_t i = 0; i < kFaults; ++i) {
+        const u64 count = faults[i].count + later[i].count;
+        if (faults[i].count == 0) faults[i] = later[i];
+        faults[i].count = count;
+    }
+}
+
 u64 faultCount(const Faults& faults) {
     u64 count = 0;
     for (const FaultTally& tally : faults) count += tally.count;
@@ -466,6 +477,8 @@ std::string faultSentence(Fault fault, u64 count) {
         {"memo is cut: the memo file does not hold all of it",
          "memos are cut: the memo file does not hold all of them"},
         {"number of more than 15 digits is rounded", "numbers of more than 15 digits are rounded"},
+        {"value that the server cannot keep came out empty or with U+FFFD",
+         "values that the server cannot keep came out empty or with U+FFFD"},
     };
     return textOf(count, ' ', kWords[static_cast<std::size_t>(fault)][count == 1 ? 0 : 1]);
 }

@@ -52,8 +52,9 @@ enum class Fault : u8 {
     NoMemo,         // a memo that cannot be read
     MemoCut,        // a memo that the file does not hold whole
     Rounded,        // a number that a database keeps only to the nearest double
+    Unkept,         // a value that a database server has no place for
 };
-constexpr std::size_t kFaults = 9;
+constexpr std::size_t kFaults = 10;
 
 /// Texts lie in the record buffer or in the reader and last until the next cell is read.
 struct Value {
@@ -102,6 +103,8 @@ struct FaultTally {
 };
 using Faults = std::array<FaultTally, kFaults>;
 void countFault(Faults& faults, Fault fault, u32 record, const Column& column);
+/// Adds those of later records.
+void addFaults(Faults& faults, const Faults& later);
 /// All of them together.
 u64 faultCount(const Faults& faults);
 /// "3 values that are no date came out empty", for a count of a fault.

@@ -1,10 +1,9 @@
 // Every allocation fails once, and every read of records.
 #include <gtest/gtest.h>
 
-#include <new>
-
 #include "arrow/arrays.h"
 #include "arrow/tables.h"
+#include "support/allocator.h"
 #include "support/wrap.h"
 
 namespace {
@@ -28,16 +27,6 @@ WRAP(void*, realloc, fails(allocationsLeft), nullptr, (void* old, std::size_t si
 WRAP(std::size_t, fread, fails(readsLeft), 0,
      (void* to, std::size_t size, std::size_t count, std::FILE* file), (to, size, count, file))
 }
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    if (void* const made = malloc(size)) return made;
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace test {
 namespace {

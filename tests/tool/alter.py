@@ -1,5 +1,5 @@
 """`mira alter` on every table of the samples and of MIRA_CORPUS, in and out again: what both structures
-hold stays, else it is told and nothing is changed.
+hold stays, else it is told and nothing is changed. With MIRA_EVERY=n on every nth of them.
 
     alter.py MIRA_PROGRAM SAMPLES [RESULTS]
 
@@ -105,10 +105,11 @@ def main():
     tally |= {kind + end: 0 for kind in KINDS for end in ("", " refused")}
     corpus = os.environ.get("MIRA_CORPUS")
     for folder in [sys.argv[2]] + ([corpus] if corpus else []):
-        for path in sorted(pathlib.Path(folder).absolute().rglob("*")):
-            if path.suffix.lower() == ".dbf" and path.is_file():
-                with tempfile.TemporaryDirectory() as work:
-                    alter_all(Work(mira, work, path), tally, results)
+        tables = [path for path in sorted(pathlib.Path(folder).absolute().rglob("*"))
+                  if path.suffix.lower() == ".dbf" and path.is_file()]
+        for path in tables[::int(os.environ.get("MIRA_EVERY", 1))]:
+            with tempfile.TemporaryDirectory() as work:
+                alter_all(Work(mira, work, path), tally, results)
     assert tally["in and out"] and all(tally[kind] for kind in KINDS), tally
     print(", ".join(f"{what}: {count}" for what, count in tally.items()))
 

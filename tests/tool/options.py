@@ -1,5 +1,6 @@
 """Every command and option that --help knows stands in the manual page, in a document, and in the
-completion of every shell; and none stands there that --help does not know:
+completion of every shell; every format stands in the manual page; and no option stands there that
+--help does not know:
 
     options.py MIRA_PROGRAM SOURCE_FOLDER
 """
@@ -27,7 +28,7 @@ def main():
     formats = (source / "tool/rows/formats.cpp").read_text()
     for path in (source / "tool/rows").glob("*.cpp"):
         for writer in re.findall(r"^std::unique_ptr<RowWriter> (\w+)", path.read_text(), re.M):
-            assert formats.count(writer) > 0, writer
+            assert formats.count(writer) > 1, writer  # declared, and in a row
     written = {name for path in (source / "tool").rglob("*.cpp")
                for name in re.findall(r'newCommand\(\s*program, job, "([a-z]+)"', path.read_text())}
     assert written <= set(commands), written - set(commands)
@@ -50,6 +51,9 @@ def main():
     fish = run(mira, "completion", "fish")
     faults += [f"fish: {option} is not named" for option in sorted(every - {"--version"})
                if f" -l {option[2:]} " not in fish]
+    for name in re.findall(r'^    \{"(\w+)", "', formats, re.M):
+        if not re.search(rf"\b{name}\b", manual):
+            faults.append(f"docs/mira.1: format {name} is not named")
     print("\n".join(faults))
     return 1 if faults else 0
 

@@ -243,4 +243,17 @@ TEST(Store, MemosAndBackups) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.file("")), {}), 6);
 }
 
+TEST(Memos, EveryLayoutOfTheLibraryIsAFormatByName) {
+    using tables::MemoFormat;
+    for (u32 kind = 0; kind < 256; ++kind) {
+        bool known = mira::GetMemoLayout(kind) == nullptr;
+        for (const MemoFormat format :
+             {MemoFormat::DBase3, MemoFormat::FoxPro, MemoFormat::DBase4, MemoFormat::Smt}) {
+            const mira::MemoLayout* const own = mira::GetMemoLayout(static_cast<u32>(format));
+            known = known || mira::GetMemoLayout(kind) == own;
+        }
+        EXPECT_TRUE(known) << kind;
+    }
+}
+
 }  // namespace

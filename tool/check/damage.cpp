@@ -8,6 +8,7 @@
 
 #include "check/indexdamage.h"
 #include "check/memodamage.h"
+#include "select/inorder.h"
 #include "select/records.h"
 #include "tables/open/open.h"
 #include "tables/rescue/walk.h"
@@ -150,6 +151,12 @@ std::string faultText(const Table& table, const Column& column, Fault fault) {
 }
 
 struct RecordCheck {
+    explicit RecordCheck(Table& table) : cells(table), memos(memoReferencesOf(table)) {
+        for (const Column& column : table.columns) {
+            if (canFail(table, column)) columns.push_back(&column);
+        }
+    }
+
     CellReader cells;
     MemoReferences memos;
     std::vector<const Column*> columns{};  // that can fail
@@ -188,10 +195,15 @@ bool isShifted(RecordCheck& check, const Report& report) {
     return check.shift && check.cells.record >= check.shift->record;
 }
 
+bool isMarked(const Table& table) {
+    const u8 mark = table.base->RecordBuffer[0];
+    return mark == ' ' || mark == '*';
+}
+
 void checkRecord(RecordCheck& check, const Report& report) {
     const Table& table = *check.cells.table;
     const u8 mark = table.base->RecordBuffer[0];
-    const bool marked = mark == ' ' || mark == '*';
+    const bool marked = isMarked(table);
     if ((!marked || check.shift) && isShifted(check, report)) return;
     if (!marked) {
         report({.record = u64{check.cells.record} + 1,
@@ -199,6 +211,87 @@ void checkRecord(RecordCheck& check, const Report& report) {
     }
     checkCells(check, report);
     addReferences(check.memos, check.cells, report);
+}
+
+// --------------------------------------------------------------------------------------------
+// Records on several threads
+// --------------------------------------------------------------------------------------------
+
+constexpr std::size_t kFindings = 1024;  // that wait for their turn
+
+struct Part {
+    std::vector<Finding> findings{};
+    std::vector<u64> places{};
+    u64 references = 0;
+    Faults faults{};
+    std::optional<u32> unmarked{};  // the first record without deletion byte; none follows
+};
+
+void checkRange(RecordCheck& check, const Range& range, const InOrder<Part>::Give& give) {
+    const Table& table = *check.cells.table;
+    Part part;
+    const auto handOver = [&] {
+        part.places = std::exchange(check.memos.places, {});
+        part.references = std::exchange(check.memos.count, 0);
+        part.faults = std::exchange(check.faults, {});
+        give(std::exchange(part, {}));
+    };
+    const Report keep = [&](const Finding& finding) {
+        part.findings.push_back(finding);
+        if (part.findings.size() >= kFindings) handOver();
+    };
+    Progress progress(table.path, 0);
+    try {
+        for (u32 record = range.first; record < range.end && !part.unmarked; ++record) {
+            leaveIfStopped();
+            readRecord(table, record);
+            check.cells.record = record;
+            if (isMarked(table)) {
+                checkRecord(check, keep);
+            } else {
+                part.unmarked = record;
+            }
+            progress.add(1);
+        }
+    } catch (...) {
+        handOver();
+        throw;
+    }
+    handOver();
+}
+
+void addPart(RecordCheck& check, const Part& part, const Report& report) {
+    for (const Finding& finding : part.findings) report(finding);
+    auto& places = check.memos.places;
+    places.insert(places.end(), part.places.begin(), part.places.end());
+    check.memos.count += part.references;
+    addFaults(check.faults, part.faults);
+}
+
+/// Where one thread has to go on: from the first record without deletion byte on all hangs on what
+/// has been found before.
+u32 checkInParts(RecordCheck& check, const Report& report, unsigned jobs) {
+    const Table& table = *check.cells.table;
+    const u32 count = table.base->Header.RecordCount;
+    const Cut cut = cutFor(table, count, jobs);
+    const auto tables = openForThreads(table, cut);
+    std::vector<std::unique_ptr<RecordCheck>> checks;
+    std::vector<InOrder<Part>::Work> workers;
+    for (const auto& one : tables) {
+        checks.push_back(std::make_unique<RecordCheck>(*one));
+        workers.emplace_back([own = checks.back().get()](const Range& range, const auto& give) {
+            checkRange(*own, range, give);
+        });
+    }
+    if (workers.empty()) return 0;
+    u32 end = count;
+    const Progress progress(table.path, count);
+    const auto take = [&](Part& part) {
+        addPart(check, part, report);
+        if (part.unmarked) end = *part.unmarked;
+        return !part.unmarked;
+    };
+    return InOrder<Part>({0, count}, cut).run(workers, take) ? end : 0;
 }
 
 void reportLetters(const Faults& faults, const Report& report) {
@@ -226,20 +319,18 @@ std::string lineOf(const Table& table, const Finding& finding) {
     return line + finding.what;
 }
 
-void checkTable(Table& table, const Report& report) {
+void checkTable(Table& table, const Report& report, unsigned jobs) {
     checkHeader(table, report);
     checkNullFlags(table, report);
     checkWork(table, report);
     if (table.strayBytes == 0) checkEndByte(table, report);
     checkMemoName(table, report);
-    RecordCheck check{CellReader(table), memoReferencesOf(table)};
-    for (const Column& column : table.columns) {
-        if (canFail(table, column)) check.columns.push_back(&column);
-    }
-    eachRecord(table, [&](u32 record) {
+    RecordCheck check(table);
+    const auto checkOne = [&](u32 record) {
         check.cells.record = record;
         checkRecord(check, report);
-    });
+    };
+    eachRecord(table, checkOne, checkInParts(check, report, jobs));
     checkMemos(check.memos, check.cells, check.faults, report);
     reportLetters(check.faults, report);
     checkIndexes(table, report);

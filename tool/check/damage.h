@@ -22,8 +22,9 @@ struct Finding {
 std::string lineOf(const Table& table, const Finding& finding);
 using Report = std::function<void(const Finding&)>;
 
-/// Reports header, records, then memos. Memory is that of the references to memos, 8 bytes each,
+/// Reports header, records, then memos; with jobs threads, 0 for as many as there are processors,
+/// of which the caller's alone reports. Memory is that of the references to memos, 8 bytes each,
 /// and of the longest memo. Throws a Refusal when a record cannot be read, or Stopped.
-void checkTable(Table& table, const Report& report);
+void checkTable(Table& table, const Report& report, unsigned jobs);
 
 }  // namespace mira::tool

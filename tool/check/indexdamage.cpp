@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "select/records.h"
 #include "tables/index/compare.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
@@ -27,7 +28,7 @@ void checkIndexes(const Table& table, const Report& report) {
     for (const std::string& path : indexFilesBeside(table.path)) {
         try {
             const IndexFile file = openIndex(path);
-            const std::vector<TagReport> found = compareTags(table, file, leaveIfStopped);
+            const std::vector<TagReport> found = compareTags(table, file, watchPasses(table));
             for (std::size_t i = 0; i < found.size(); ++i) {
                 tellTag(table, file, file.tags[i], found[i], report);
             }

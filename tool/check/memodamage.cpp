@@ -26,7 +26,7 @@ std::string wrongPlace(const MemoReader& memos, const Table& table, u32 block) {
     if (offset >= memos.size || offset > kLastPlace) {
         return fmt::format("refers to block {}, past the end of the memo file", block);
     }
-    const u32 header = std::min(memoRow(table).headerSize, firstPlace(memos.unit));
+    const u32 header = std::min(table.memos->firstPlace, firstPlace(memos.unit));
     if (offset >= header) return "";
     return fmt::format("refers to block {}, in the header of the memo file", block);
 }
@@ -139,7 +139,7 @@ void checkOwnMemo(Walk& walk, u64 place, u64 limit) {
                                             "the memo file",
                                             end - walk.memos().size));
     }
-    if (memoRow(walk.table()).hasEndMark && goesOn(walk, offset, end, limit)) {
+    if (tables::endsInMark(walk.table()) && goesOn(walk, offset, end, limit)) {
         walk.find(place, "the memo goes on after its end mark");
         end = limit;
     }
@@ -203,7 +203,7 @@ std::string obstacle(const MemoReferences& references, CellReader& cells) {
 
 MemoReferences memoReferencesOf(const Table& table) {
     MemoReferences references;
-    if (table.memoFormat == MemoFormat::None) return references;
+    if (table.memos == nullptr) return references;
     for (const auto* columns : {&table.columns, &table.system}) {
         for (const Column& column : *columns) {
             if (holdsReference(column)) references.columns.push_back(&column);

@@ -14,6 +14,7 @@
 #include "rows/output.h"
 #include "tables/page/refusal.h"
 #include "tables/page/utf8.h"
+#include "terminal/status.h"
 
 namespace mira::tool {
 namespace {
@@ -83,6 +84,7 @@ u64 CsvReader::countLines() {
     u64 lines = 0;
     if (std::fseek(file_.get(), 0, SEEK_SET) != 0) fail(name_);
     while (const std::size_t got = std::fread(buffer.data(), 1, buffer.size(), file_.get())) {
+        leaveIfStopped();
         lines += static_cast<u64>(std::count(buffer.data(), buffer.data() + got, '\n'));
     }
     rewind();

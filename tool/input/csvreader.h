@@ -46,6 +46,8 @@ public:
     /// Line ends in the whole input; reading goes back to the beginning.
     u64 countLines();
     const std::string& name() const { return name_; }
+    /// What messages call it.
+    void rename(const std::string& name) { name_ = name; }
 
 private:
     /// A cell; places count from the beginning of the row.

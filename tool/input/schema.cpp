@@ -10,6 +10,8 @@
 #include "tables/change/append.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
+#include "terminal/progress.h"
+#include "terminal/status.h"
 
 namespace mira::tool {
 namespace {
@@ -25,22 +27,29 @@ constexpr unsigned kNameLength = 10, kNameLength7 = 31;
 constexpr unsigned kTextMost = 254;        // what every program reads
 constexpr unsigned kWideTextMost = 65000;  // with the decimals for a second byte of length
 constexpr unsigned kNumberMost = 20, kDigitsMost = 18, kDecimalsMost = 15;
-constexpr unsigned kCurrencyDecimals = 4;
 
 /// What a field of a type is in a kind of table.
 struct TypeRow {
     char type;
-    std::string_view kinds;  ///< "3" dBase III, "4" dBase IV, "f" FoxPro, "v" Visual, "s" SMT, "7"
+    std::string_view kinds;  ///< "3" dBase III, "4" dBase IV, "f" FoxPro, "v" Visual, "s" SMT, "7";
+                             ///< first "m" where it refers to memos
     unsigned length;         ///< fixed; 0 for one that the user gives
 };
-constexpr TypeRow kTypes[] = {{'C', "34fvs7", 0}, {'N', "34fvs7", 0}, {'F', "4fvs7", 0},
-                              {'D', "34fvs7", 8}, {'L', "34fvs7", 1}, {'M', "34fvs7", 10},
-                              {'G', "4fvs7", 10}, {'B', "47s", 10},   {'B', "v", 8},
-                              {'V', "v", 0},      {'Q', "v", 0},      {'W', "v", 4},
-                              {'I', "v7", 4},     {'Y', "v", 8},      {'T', "v", 8},
-                              {'+', "7", 4},      {'O', "7", 8},      {'@', "7", 8}};
+constexpr TypeRow kTypes[] = {{'C', "34fvs7", 0},  {'N', "34fvs7", 0}, {'F', "4fvs7", 0},
+                              {'D', "34fvs7", 8},  {'L', "34fvs7", 1}, {'M', "m34fvs7", 10},
+                              {'G', "m4fvs7", 10}, {'B', "m47s", 10},  {'B', "v", 8},
+                              {'V', "v", 0},       {'Q', "v", 0},      {'W', "mv", 4},
+                              {'I', "v7", 4},      {'Y', "v", 8},      {'T', "v", 8},
+                              {'+', "7", 4},       {'O', "7", 8},      {'@', "7", 8}};
 
 constexpr std::string_view kKindLetters = "3f4vs..7";  // by the library's numbers
+
+/// The row of a type, of whatever kind; null for a type that no field is made of.
+const TypeRow* typeRow(char type) {
+    const auto* const row = std::find_if(std::begin(kTypes), std::end(kTypes),
+                                         [type](const TypeRow& r) { return r.type == type; });
+    return row != std::end(kTypes) ? row : nullptr;
+}
 
 const TypeRow* typeRow(char type, TableKind kind) {
     const char letter = kKindLetters[static_cast<std::size_t>(kind)];
@@ -357,7 +366,9 @@ std::size_t nameLimit(TableKind kind) {
 }
 
 bool isMemoType(char type, TableKind kind) {
-    return type == 'M' || type == 'G' || type == 'W' || (type == 'B' && kind != TableKind::Visual);
+    const TypeRow* const own = typeRow(type, kind);
+    const TypeRow* const row = own != nullptr ? own : typeRow(type);
+    return row != nullptr && row->kinds.front() == 'm';
 }
 
 std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind, const char* option) {
@@ -379,7 +390,8 @@ std::string schemaText(const std::vector<FieldPlan>& fields) {
         const char* const quote = quoted ? "\"" : "";
         // Only the decimals of a double are shown: its length is always the same.
         const bool isDouble = field.type == 'B' && field.length == 8;
-        const bool sized = std::strchr("DLMGWIYT+O@B", field.type) == nullptr;
+        const TypeRow* const row = typeRow(field.type);
+        const bool sized = row == nullptr || row->length == 0;
         std::string text = textOf(
             quote, field.name, quote, ' ',
             isDouble ? typeLabel(field.type, field.decimals, 0)
@@ -437,7 +449,11 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
     std::vector<Common> columns(headings.size());
     CsvRow row;
     std::string scratch;
+    Progress progress(csv.name(), csv.countLines());
+    csv.next(row);  // the headings
     while (csv.next(row)) {
+        leaveIfStopped();
+        progress.add(1);
         for (std::size_t i = 0; i < std::min(row.cells.size(), columns.size()); ++i) {
             addValue(row.cells[i].text, notation, page, &scratch, &columns[i]);
         }

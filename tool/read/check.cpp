@@ -15,6 +15,7 @@ struct Options {
     TableNames tables;
     bool strict = false;
     bool json = false;
+    unsigned jobs = 0;
     TableOptions table;
 };
 
@@ -56,11 +57,14 @@ Status checkOne(Output& out, const std::string& name, const Options& options, Li
     const auto table = openToRead(name, options.table, &listing);
     tellPage(*table);
     Counts counts;
-    checkTable(*table, [&](const Finding& finding) {
-        ++(finding.isNote ? counts.notes : counts.findings);
-        if (isQuiet() && finding.isNote && !options.strict) return;
-        (options.json ? putJson : putText)(out, *table, finding);
-    });
+    checkTable(
+        *table,
+        [&](const Finding& finding) {
+            ++(finding.isNote ? counts.notes : counts.findings);
+            if (isQuiet() && finding.isNote && !options.strict) return;
+            (options.json ? putJson : putText)(out, *table, finding);
+        },
+        options.jobs);
     if (!isQuiet()) putSummary(out, *table, counts, options.json);
     const bool found = counts.findings != 0 || (options.strict && counts.notes != 0);
     return found ? kFound : kDone;
@@ -90,6 +94,7 @@ void addCheck(CLI::App& program, Job& job) {
     command.add_flag("--strict", options.strict, "Exit status 1 for notes, too");
     command.add_flag("--json", options.json,
                      "A JSON object per finding and one per table, a line each");
+    addCount(command, "-j,--jobs", "Threads for a large table (default: processors)", options.jobs);
     addTableOptions(command, options.table);
 }
 

@@ -176,36 +176,6 @@ struct Report {
     std::string line{};
 };
 
-void putJsonValue(Report& report, const Value& value) {
-    std::string& out = report.line;
-    switch (value.kind) {
-        case ValueKind::Null:
-        case ValueKind::Blank:
-            out += "null";
-            return;
-        case ValueKind::Digits:
-            return putJsonNumber(out, value.text);
-        case ValueKind::Integer:
-        case ValueKind::Real:
-        case ValueKind::Currency:
-        case ValueKind::Logical:
-            return putPlain(out, value);
-        case ValueKind::Bytes:
-            out += "{\"base64\":\"";
-            putBase64(out, value.text);
-            out += "\"}";
-            return;
-        case ValueKind::Text:
-        case ValueKind::Date:
-            return putJsonString(out, value.text, report.out.isTerminal());
-        case ValueKind::Moment: {
-            std::string moment(value.text);
-            moment[10] = 'T';
-            return putJsonString(out, moment, false);
-        }
-    }
-}
-
 void putTextValue(Report& report, const Value& value) {
     if (value.kind == ValueKind::Null || value.kind == ValueKind::Blank) {
         report.line += value.kind == ValueKind::Null ? "NULL" : "blank";
@@ -218,7 +188,8 @@ void putTextValue(Report& report, const Value& value) {
 }
 
 void putValue(Report& report, const Value& value) {
-    report.json ? putJsonValue(report, value) : putTextValue(report, value);
+    if (!report.json) return putTextValue(report, value);
+    putJsonValue(report.line, value, report.out.isTerminal());
 }
 
 void putName(Report& report, const std::string& name) {

@@ -1,4 +1,4 @@
-// mira export: tables to CSV, TSV, JSON and SQLite.
+// mira export: tables to CSV, TSV, JSON, SQLite and scripts for database servers.
 #include <algorithm>
 #include <atomic>
 #include <exception>
@@ -11,8 +11,11 @@
 #include <utility>
 
 #include "command/command.h"
+#include "read/copyrows.h"
 #include "rows/database.h"
+#include "rows/script.h"
 #include "rows/writer.h"
+#include "select/inorder.h"
 #include "select/opening.h"
 #include "select/selection.h"
 #include "tables/open/find.h"
@@ -35,7 +38,7 @@ struct Options {
     std::string delimiter;
     bool force = false;
     unsigned jobs = 0;
-    bool replace = false, append = false, schema = false, source = false;
+    bool append = false, source = false;
 };
 
 bool isFolder(const std::string& name) {
@@ -102,45 +105,41 @@ std::string sourceOf(const FoundTable& found, const Table& table) {
     return (fs::path(found.below) / fs::path(table.path).filename()).string();
 }
 
-/// source: what goes in front of every row; null for nothing.
-void copyRows(Selection& selection, RowWriter& writer, const std::string* source = nullptr) {
-    const std::vector<Column>& columns = selection.columns;
-    const std::size_t first = source != nullptr ? 1 : 0;
-    Value name;
-    name.kind = ValueKind::Text;
-    if (source != nullptr) name.text = *source;
-    Value value;
-    while (nextRow(selection)) {
-        if (first != 0) writer.cell(0, name);
-        for (std::size_t i = 0; i < columns.size(); ++i) {
-            readCell(selection, columns[i], value);
-            writer.cell(first + i, value);
-            if (std::exchange(writer.rounded, false)) {
-                countFault(selection.faults, Fault::Rounded, selection.cells.record, columns[i]);
-            }
-        }
-        writer.endRow();
-    }
-}
-
 // --------------------------------------------------------------------------------------------
 // Texts
 // --------------------------------------------------------------------------------------------
 
-void putHeadings(const Work& work, const Selection& selection, RowWriter& writer) {
+std::vector<Heading> headingsOf(const Work& work, const Selection& selection) {
     std::vector<Heading> headings;
     if (work.options.source) {
         headings.push_back({extraColumn(*selection.table, "_source", Kind::Text).name, false});
     }
     for (const Column& column : selection.columns) {
-        headings.push_back({column.name, column.mayBeNull()});
+        headings.push_back({column.name, column.mayBeNull(), &column});
     }
-    writer.begin(headings);
+    return headings;
 }
 
-void putRows(const Work& work, const FoundTable& found, Selection& selection, RowWriter& writer) {
+/// Threads that are not at work on other tables.
+unsigned threadsFor(const Work& work) {
+    const unsigned all = threadsAsked(work.options.jobs);
+    const std::size_t tables = work.joined ? 1 : work.tables.size();
+    return std::max(all / static_cast<unsigned>(std::clamp<std::size_t>(tables, 1, all)), 1U);
+}
+
+void putRows(const Work& work, const FoundTable& found, Selection& selection, RowWriter& writer,
+             Output& out) {
+    const Options& options = work.options;
     const std::string source = sourceOf(found, *selection.table);
-    copyRows(selection, writer, work.options.source ? &source : nullptr);
+    const std::vector<Heading> headings = headingsOf(work, selection);
+    try {
+        copyRowsInParts(selection, writer, out,
+                        {*options.format, options.writer, headings, options.select,
+                         options.source ? &source : nullptr, threadsFor(work)});
+    } catch (const Refusal&) {
+        out.flush();  // what comes before the record that cannot be read
+        throw;
+    }
 }
 
 void finishText(RowWriter& writer, Output& out, const std::string& name) {
@@ -154,8 +153,8 @@ void finishText(RowWriter& writer, Output& out, const std::string& name) {
 void writeText(Work& work, const FoundTable& found, Selection& selection, const Target& target) {
     Output out(target, work.options.force);
     const std::unique_ptr<RowWriter> writer = work.options.format->make(out, work.options.writer);
-    putHeadings(work, selection, *writer);
-    putRows(work, found, selection, *writer);
+    writer->begin(headingsOf(work, selection));
+    putRows(work, found, selection, *writer, out);
     finishText(*writer, out, selection.table->path);
 }
 
@@ -250,9 +249,8 @@ void exportTexts(Work& work) {
     }
     nameTargets(work);
     const bool made = work.several && makeFolder(options.out, "several tables go");
-    const auto most = std::max(std::thread::hardware_concurrency(), 1U);
     const std::size_t threads =
-        std::min<std::size_t>(options.jobs != 0 ? options.jobs : most, work.tables.size());
+        std::min<std::size_t>(threadsAsked(options.jobs), work.tables.size());
     work.messages.resize(work.tables.size());
     runThreads(work, threads);
     for (; work.told < work.messages.size(); ++work.told) {
@@ -303,8 +301,8 @@ void exportJoined(Work& work) {
             addRefusal(work, refusal.what());
             continue;
         }
-        if (!first) putHeadings(work, *selection, *writer);
-        putRows(work, found, *selection, *writer);
+        if (!first) writer->begin(headingsOf(work, *selection));
+        putRows(work, found, *selection, *writer, out);
         countTable(work, *selection);
         if (!first) first = std::move(selection);
     }
@@ -336,9 +334,9 @@ void exportDatabase(Work& work) {
     // A database that is there is added to, so it may exist; a table must not be taken for one.
     checkTargets(work.targets, true,
                  work.targets[0].exists ? inputsOf(work) : std::vector<std::string>());
-    const Present present = options.replace  ? Present::Replace
-                            : options.append ? Present::Append
-                                             : Present::Refuse;
+    const Present present = options.writer.replace ? Present::Replace
+                            : options.append       ? Present::Append
+                                                   : Present::Refuse;
     Database database(work.targets[0], options.force, present);
     std::unique_ptr<Selection> selection;
     for (const FoundTable& table : work.tables) {
@@ -349,7 +347,7 @@ void exportDatabase(Work& work) {
             addRefusal(work, refusal.what());
             continue;
         }
-        if (options.schema) selection->end = selection->position;
+        if (options.writer.schema) selection->end = selection->position;
         exportTable(work, *selection, database);
     }
     if (work.done == 0) return;
@@ -383,14 +381,89 @@ void exportSchema(Work& work) {
 }
 
 // --------------------------------------------------------------------------------------------
+// Scripts
+// --------------------------------------------------------------------------------------------
+
+/// Tells what a server has under another name than the table, letter case aside, or as another type
+/// than one would expect.
+void tellServerTable(const ServerTable& made, const Selection& selection,
+                     const std::vector<Heading>& headings) {
+    const std::string& path = selection.table->path;
+    if (!sameText(made.name, stemOf(path))) note("{} is {}", made.name, path);
+    for (std::size_t i = 0; i < headings.size(); ++i) {
+        const auto& [name, type, form] = made.columns[i];
+        const Column* const column = headings[i].column;
+        if (!sameText(name, headings[i].name)) {
+            note("{}: field {} is the column {}", path, headings[i].name, name);
+        }
+        if (column != nullptr && column->kind == Kind::Decimal && form == Form::Text) {
+            note("{}: field {} has numbers that no type of the server holds, so it is {}", path,
+                 headings[i].name, type);
+        }
+    }
+}
+
+/// Makes the table of a file; null when there is none to make.
+std::unique_ptr<Selection> makeTable(Work& work, ScriptWriter& script, const FoundTable& found) {
+    try {
+        auto selection = selectFrom(found.path, work.options.select, &work.listing);
+        requireColumns(*selection);
+        const std::vector<Heading> headings = headingsOf(work, *selection);
+        const Table& table = *selection->table;
+        tellServerTable(script.create(stemOf(table.path), headings, &table), *selection, headings);
+        return selection;
+    } catch (const Refusal& refusal) {
+        addRefusal(work, refusal.what());
+        return nullptr;
+    }
+}
+
+/// Every table first, then all rows. Where there are several, each is opened twice, so that never
+/// more than one is open.
+void exportScript(Work& work) {
+    const Options& options = work.options;
+    work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
+    checkTargets(work.targets, options.force,
+                 work.targets[0].exists ? inputsOf(work) : std::vector<std::string>());
+    Output out(work.targets[0], options.force);
+    const std::unique_ptr<RowWriter> writer = options.format->make(out, options.writer);
+    auto& script = dynamic_cast<ScriptWriter&>(*writer);
+    std::vector<const FoundTable*> made;
+    std::unique_ptr<Selection> selection;
+    for (const FoundTable& found : work.tables) {
+        selection = makeTable(work, script, found);
+        if (selection) made.push_back(&found);
+    }
+    if (made.empty()) return;
+    for (const FoundTable* found : made) {
+        if (work.tables.size() != 1) {
+            selection = selectFrom(found->path, options.select, &work.listing);
+        }
+        if (options.writer.schema) {
+            selection->end = selection->position;
+        } else {
+            script.beginRows();
+        }
+        putRows(work, *found, *selection, script);
+        countTable(work, *selection);
+    }
+    writer->end();
+    out.finish();
+    if (!options.writer.schema) tellRows(work, *selection, work.targets[0]);
+}
+
+// --------------------------------------------------------------------------------------------
 // The command
 // --------------------------------------------------------------------------------------------
 
 /// Throws a Refusal for options that mean nothing to the format.
 void refuseMeaningless(const Options& options) {
-    const bool csv = options.format->has(kTakesDelimiter) && !options.schema;
-    const bool lines = options.format->has(kTakesLines) && !options.schema;
-    const bool sqlite = options.format->has(kTakesTables) || options.schema;
+    const bool schema = options.writer.schema;
+    const bool csv = options.format->has(kTakesDelimiter) && !schema;
+    const bool lines = options.format->has(kTakesLines) && !schema;
+    const bool tables = options.format->has(kTakesTables) || schema;
+    const bool script = options.format->has(kTakesTables) && !options.format->has(kTakesDatabase);
+    const bool sqlite = tables && !script;
     const auto check = [](bool given, bool meant, const char* option, const char* formats) {
         if (given && !meant) refuse(option, " is for ", formats, " only");
     };
@@ -399,10 +472,10 @@ void refuseMeaningless(const Options& options) {
     check(options.writer.crlf, lines, "--crlf", "CSV and TSV");
     check(!options.delimiter.empty(), csv, "-d", "CSV");
     check(options.writer.excel, csv, "--excel", "CSV");
-    check(options.replace, sqlite, "--replace", "SQLite");
+    check(options.writer.replace, tables, "--replace", "SQLite, postgres and mysql");
     check(options.append, sqlite, "--append", "SQLite");
     check(options.select.table.exact, sqlite, "--exact", "SQLite");
-    check(options.jobs != 0, !sqlite, "-j", "text formats");
+    check(options.jobs != 0, !tables, "-j", "text formats");
     check(options.source, !sqlite, "--source", "text formats");
 }
 
@@ -413,12 +486,12 @@ void chooseFormat(Work& work) {
     const bool named = !options.out.empty() && options.out != "-" && !isFolder(options.out);
     if (format == nullptr && named) format = formatOfName(options.out);
     const bool special = named && !targetOf(options.out).regular;
-    if (format == nullptr && named && !work.several && !options.schema && !special) {
+    if (format == nullptr && named && !work.several && !options.writer.schema && !special) {
         refuse(options.out, ": its name tells no format; -F ", namesOf(fileFormats()), " does");
     }
     if (format == nullptr) format = fileFormats().front().second;
     const bool file = named ? formatOfName(options.out) != nullptr : !isFolder(options.out);
-    work.joined = work.several && file && (named || options.source) && !options.schema &&
+    work.joined = work.several && file && (named || options.source) && !options.writer.schema &&
                   !format->has(kTakesTables);
     refuseMeaningless(options);
     options.writer.heading = !options.noHeading;
@@ -437,8 +510,10 @@ Status run(const Options& options) {
         findWithFoldersToRead(options.tables.names, options.tables.recursive, &work.listing);
     work.several = work.tables.size() > 1 || isFolder(options.tables.names.front());
     chooseFormat(work);
-    const bool database = work.options.format->has(kTakesTables);
-    if (options.schema && (!database || options.out.empty())) {
+    const bool database = work.options.format->has(kTakesDatabase);
+    if (work.options.format->has(kTakesTables) && !database) {
+        exportScript(work);
+    } else if (options.writer.schema && (!database || options.out.empty())) {
         exportSchema(work);
     } else if (database) {
         exportDatabase(work);
@@ -447,7 +522,7 @@ Status run(const Options& options) {
     } else {
         exportTexts(work);
     }
-    if (work.several && !options.schema) {
+    if (work.several && !options.writer.schema) {
         note("{}, {} into {}", counted(work.done, "table"), counted(work.rows, "record"),
              options.out.empty() ? "standard output" : options.out);
     }
@@ -457,14 +532,16 @@ Status run(const Options& options) {
 }  // namespace
 
 void addExport(CLI::App& program, Job& job) {
-    const auto [command, options] =
-        newCommand(program, job, "export", "Tables to CSV, TSV, JSON or SQLite", run,
-                   "Examples:\n"
-                   "  mira export stock > stock.csv\n"
-                   "  mira export stock -o stock.jsonl -w 'PRICE>10' -f CODE,PRICE\n"
-                   "  mira export folder -o csv-folder\n"
-                   "  mira export 2023 2024 --source -o both.csv\n"
-                   "  mira export folder -R -o tables.db");
+    const auto [command, options] = newCommand(
+        program, job, "export", "Tables to CSV, TSV, JSON, SQLite or a database server", run,
+        "Examples:\n"
+        "  mira export stock > stock.csv\n"
+        "  mira export stock -o stock.jsonl -w 'PRICE>10' -f CODE,PRICE\n"
+        "  mira export folder -o csv-folder\n"
+        "  mira export 2023 2024 --source -o both.csv\n"
+        "  mira export folder -R -o tables.db\n"
+        "  mira export -F postgres stock | psql\n"
+        "  mira export -F mysql folder -o tables.sql");
     addTableNames(command, options.tables)->required();
     command
         .add_option("-o,--output", options.out, "File, folder or database; - for standard output")
@@ -472,7 +549,8 @@ void addExport(CLI::App& program, Job& job) {
     addChoice(command, "-F,--format", namesOf(fileFormats()), "FORMAT", fileFormats(),
               options.format);
     command.add_flag("--force", options.force, "Replace files that are there");
-    addCount(command, "-j,--jobs", "Tables at a time (default: processors)", options.jobs);
+    addCount(command, "-j,--jobs", "Threads, for one table or several (default: processors)",
+             options.jobs);
     command.add_flag("--no-heading", options.noHeading, "No line of names");
     command.add_flag("--bom", options.writer.bom, "A byte-order mark in front");
     command.add_flag("--crlf", options.writer.crlf, "Lines end with CR LF");
@@ -483,11 +561,11 @@ void addExport(CLI::App& program, Job& job) {
     command.add_flag(
         "--excel", options.writer.excel,
         "For spreadsheets: byte-order mark, CR LF, and texts never taken for formulas");
-    CLI::Option* const replace =
-        command.add_flag("--replace", options.replace, "Replace tables that the database has");
+    CLI::Option* const replace = command.add_flag("--replace", options.writer.replace,
+                                                  "Replace tables that the database has");
     command.add_flag("--append", options.append, "Add to tables that the database has")
         ->excludes(replace);
-    command.add_flag("--schema", options.schema, "CREATE TABLE only");
+    command.add_flag("--schema", options.writer.schema, "CREATE TABLE only");
     command.add_flag("--source", options.source,
                      "A first column _source with the name of the table's file");
     command.add_flag("--exact", options.select.table.exact,

@@ -8,6 +8,7 @@
 #include "tables/open/find.h"
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "terminal/message.h"
 
 namespace mira::tool {
@@ -38,7 +39,9 @@ Status run(const Options& options) {
     grid.columns = {{"table"},        {"flavour"},          {"records", true},
                     {"fields", true}, {"memo bytes", true}, {"code page"},
                     {"repaired"}};
-    if (!std::filesystem::is_directory(options.folder)) refuse(options.folder, ": no such folder");
+    if (!isInArchive(options.folder) && !std::filesystem::is_directory(options.folder)) {
+        refuse(options.folder, ": no such folder");
+    }
     std::vector<std::vector<std::string>> rows;
     Listing listing;
     const auto addRow = [&](const std::string& path) {

@@ -15,6 +15,7 @@ std::string createTable(std::string_view name, const std::vector<Column>& column
     for (const Column& column : columns) {
         sql += &column == columns.data() ? "\n  " : ",\n  ";
         sql += quotedName(column.name);
+        if (column.kind == Kind::Calculated && column.field == kNoField) continue;
         sql += ' ';
         sql += storageName(declaredStorage(column));
     }
@@ -90,10 +91,10 @@ std::string Database::freeName(const std::string& wanted) {
         wanted, [&](const std::string& name) { return names_.insert(foldCase(name)).second; });
 }
 
-void Database::addTable(const std::string& name, const Table& table,
-                        const std::vector<Column>& columns) {
+void Database::addColumns(const std::string& name, const Table* table,
+                          const std::vector<Column>& columns) {
     insert_.reset();
-    table_ = &table;
+    table_ = table;
     columns_ = &columns;
     bool present = hasTable(name);
     if (present && present_ == Present::Refuse) {

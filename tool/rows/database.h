@@ -28,7 +28,8 @@ void watchStops(sqlite3* connection);
 
 enum class Present : u8 { Refuse, Replace, Append };  // what to do with a table that is there
 
-/// CREATE TABLE without a semicolon.
+/// CREATE TABLE without a semicolon. A calculated column that is no field's has no type, and takes
+/// any value as it is.
 std::string createTable(std::string_view name, const std::vector<Column>& columns);
 /// Binds a value by the storage classes of tables; places count from 1. A text that does not last
 /// until the statement runs is copied.
@@ -43,12 +44,18 @@ public:
     /// A name that no table written so far has.
     std::string freeName(const std::string& wanted);
     /// Creates a table; what follows are its rows. Table and columns have to stay until then.
-    void addTable(const std::string& name, const Table& table, const std::vector<Column>& columns);
+    void addTable(const std::string& name, const Table& table, const std::vector<Column>& columns) {
+        addColumns(name, &table, columns);
+    }
+    /// The same for rows that come from no table.
+    void addAnswer(const std::string& name, const std::vector<Column>& columns) {
+        addColumns(name, nullptr, columns);
+    }
     void begin(const std::vector<Heading>& /*headings*/) override {}
     void cell(std::size_t column, const Value& value) override {
         const Stored stored = storedAs((*columns_)[column], value);
-        rounded = stored.rounded;
-        const bool lasts = lastsForRecord(*table_, value.text);
+        if (stored.rounded) fault = Fault::Rounded;
+        const bool lasts = table_ != nullptr && lastsForRecord(*table_, value.text);
         check(bindValue(insert_.get(), static_cast<int>(column) + 1, stored, lasts));
     }
     void endRow() override;
@@ -61,6 +68,8 @@ private:
         if (result != SQLITE_OK) fail();
     }
     [[noreturn]] void fail();
+    void addColumns(const std::string& name, const Table* table,
+                    const std::vector<Column>& columns);
     void run(const std::string& sql);
     bool hasTable(const std::string& name);
 

@@ -6,15 +6,22 @@
 #include "tables/page/text.h"
 
 namespace mira::tool {
+
+using MakeWriter = std::unique_ptr<RowWriter>(Output&, const WriterOptions&);
+MakeWriter gridWriter, csvWriter, tsvWriter, jsonWriter, jsonLinesWriter, postgresWriter, mysqlWriter;
+
 namespace {
 
+// A format is a row, with its writer declared above.
 constexpr Format kFormats[] = {
     {"table", "", 0, gridWriter},
-    {"csv", ".csv", kTakesLines | kTakesDelimiter, csvWriter},
-    {"tsv", ".tsv", kTakesLines, tsvWriter},
+    {"csv", ".csv", kTakesLines | kTakesDelimiter | kRowsApart, csvWriter},
+    {"tsv", ".tsv", kTakesLines | kRowsApart, tsvWriter},
     {"json", ".json", 0, jsonWriter},
-    {"jsonl", ".jsonl .ndjson", 0, jsonLinesWriter},
-    {"sqlite", ".db .sqlite .sqlite3", kTakesTables, nullptr},
+    {"jsonl", ".jsonl .ndjson", kRowsApart, jsonLinesWriter},
+    {"sqlite", ".db .sqlite .sqlite3", kTakesTables | kTakesDatabase, nullptr},
+    {"postgres", ".sql", kTakesTables, postgresWriter},
+    {"mysql", ".sql", kTakesTables, mysqlWriter},
 };
 
 template <typename Wanted>
@@ -38,13 +45,19 @@ const FormatWords& shownFormats() {
     return words;
 }
 
+const FormatWords& answerFormats() {
+    static const FormatWords words = wordsOf([](const Format&) { return true; });
+    return words;
+}
+
 const Format* formatOfExtension(const std::string& extension) {
-    const auto* const found =
-        std::find_if(std::begin(kFormats), std::end(kFormats), [&](const Format& format) {
-            const std::string all = textOf(format.extensions, ' ');
-            return !extension.empty() && all.find(foldCase(extension) + ' ') != std::string::npos;
-        });
-    return found != std::end(kFormats) ? found : nullptr;
+    const auto has = [&](const Format& format) {
+        const std::string all = textOf(format.extensions, ' ');
+        return !extension.empty() && all.find(foldCase(extension) + ' ') != std::string::npos;
+    };
+    const auto* const found = std::find_if(std::begin(kFormats), std::end(kFormats), has);
+    if (found == std::end(kFormats)) return nullptr;
+    return std::none_of(found + 1, std::end(kFormats), has) ? found : nullptr;
 }
 
 std::string extensionOf(const Format& format) {

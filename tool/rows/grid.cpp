@@ -21,30 +21,93 @@ void putLine(Output& out, const Grid& grid, std::string line) {
     out.put('\n');
 }
 
-/// Rows are kept until the widths are known.
+constexpr std::size_t kRowsKept = 1000;
+constexpr std::size_t kBytesKept = std::size_t{1} << 20;
+
+bool isNumber(const Column& column) {
+    return kindRow(column.kind).compared == Compared::Numbers || column.numeric;
+}
+
+/// What the values of a column need in most tables; 0 when nobody knows.
+int usualWidth(const Column* column) {
+    constexpr u32 kMost = 40;
+    constexpr int kDate = 10, kMoment = 19, kLogical = 5, kNumber = 11;
+    if (column == nullptr) return 0;
+    switch (column->kind) {
+        case Kind::Text:
+        case Kind::Varchar:
+        case Kind::Decimal:
+            return static_cast<int>(std::min(column->length, kMost));
+        case Kind::Date:
+            return kDate;
+        case Kind::Moment:
+            return kMoment;
+        case Kind::Logical:
+        case Kind::Deletion:
+            return kLogical;
+        case Kind::Integer:
+        case Kind::RecordNumber:
+            return kNumber;
+        default:
+            return 0;
+    }
+}
+
+/// The first rows are kept for the widths of their columns. Where more follow, columns get the room
+/// that their fields suggest, and a longer value widens its column from then on.
 class GridWriter final : public RowWriter {
 public:
     explicit GridWriter(Output& out) : out_(out) { grid_.lineWidth = terminalWidth(STDOUT_FILENO); }
 
     void begin(const std::vector<Heading>& headings) override {
+        headings_ = headings;
         for (const Heading& heading : headings) {
-            grid_.columns.push_back({escaped(heading.name), true, 0});
+            const bool right = heading.column == nullptr || isNumber(*heading.column);
+            grid_.columns.push_back({escaped(heading.name), right, 0});
         }
+        row_.resize(headings.size());
     }
     void cell(std::size_t column, const Value& value) override {
-        if (column == 0) rows_.emplace_back();
-        if (value.kind == ValueKind::Text) grid_.columns[column].right = false;
-        putShown(rows_.back().emplace_back(), value);
+        if (value.kind == ValueKind::Text && !started_) grid_.columns[column].right = false;
+        row_[column].clear();
+        putShown(row_[column], value);
     }
-    void endRow() override {}
+    void endRow() override {
+        if (started_) return putWidened();
+        for (const std::string& text : row_) bytes_ += text.size();
+        rows_.push_back(row_);
+        if (rows_.size() >= kRowsKept || bytes_ >= kBytesKept) show();
+    }
+    void show() override {
+        if (started_ || rows_.empty()) return;
+        for (std::size_t i = 0; i < headings_.size(); ++i) {
+            grid_.columns[i].width = usualWidth(headings_[i].column);
+        }
+        start();
+    }
     void end() override {
-        if (!rows_.empty()) putGrid(out_, grid_, rows_);
+        if (!started_ && !rows_.empty()) start();
+        columnsCut = mira::tool::columnsCut(grid_);
     }
 
 private:
+    void start() {
+        started_ = true;
+        putGrid(out_, grid_, rows_);
+        rows_ = {};
+    }
+    void putWidened() {
+        for (std::size_t i = 0; i < row_.size(); ++i) widen(grid_, i, row_[i]);
+        putRow(out_, grid_, row_);
+    }
+
     Output& out_;
     Grid grid_;
+    std::vector<Heading> headings_;
+    std::vector<std::string> row_;
     std::vector<std::vector<std::string>> rows_;
+    std::size_t bytes_ = 0;
+    bool started_ = false;
 };
 
 }  // namespace

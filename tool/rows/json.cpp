@@ -7,6 +7,22 @@
 namespace mira::tool {
 namespace {
 
+/// Stored digits as a JSON number.
+void putJsonNumber(std::string& out, std::string_view digits) {
+    if (digits.front() == '-') out += '-';
+    if (digits.front() == '-' || digits.front() == '+') digits.remove_prefix(1);
+    const std::size_t wholeEnd = std::min(digits.find_first_of(".eE"), digits.size());
+    std::string_view whole = digits.substr(0, wholeEnd);
+    while (whole.size() > 1 && whole.front() == '0') whole.remove_prefix(1);
+    if (whole.empty()) whole = "0";
+    out += whole;
+    std::string_view rest = digits.substr(wholeEnd);
+    const bool pointOnly =
+        !rest.empty() && rest[0] == '.' && (rest.size() == 1 || rest[1] == 'e' || rest[1] == 'E');
+    if (pointOnly) rest.remove_prefix(1);
+    out += rest;
+}
+
 class JsonWriter final : public RowWriter {
 public:
     JsonWriter(Output& out, bool lines) : out_(out), lines_(lines) {}
@@ -30,37 +46,10 @@ public:
     void cell(std::size_t column, const Value& value) override {
         if (column == 0) beginRow();
         out_.put(keys_[column]);
-        switch (value.kind) {
-            case ValueKind::Null:
-            case ValueKind::Blank:
-                return out_.put("null");
-            case ValueKind::Text:
-                return putText(value.text);
-            case ValueKind::Date:
-                return putSimple(value.text);
-            case ValueKind::Moment:
-                text_.assign(value.text)[10] = 'T';
-                return putSimple(text_);
-            case ValueKind::Digits:
-                text_.clear();
-                putJsonNumber(text_, value.text);
-                return out_.put(text_);
-            case ValueKind::Currency:
-                return out_.put(value.text);
-            case ValueKind::Bytes:
-                text_.assign("{\"base64\":\"");
-                putBase64(text_, value.text);
-                out_.put(text_);
-                return out_.put("\"}");
-            case ValueKind::Real:
-                if (!std::isfinite(value.real)) return out_.put("null");
-                [[fallthrough]];
-            case ValueKind::Integer:
-            case ValueKind::Logical:
-                text_.clear();
-                putPlain(text_, value);
-                return out_.put(text_);
-        }
+        if (value.kind == ValueKind::Text) return putText(value.text);
+        text_.clear();
+        putJsonValue(text_, value, out_.isTerminal());
+        out_.put(text_);
     }
 
 private:
@@ -68,12 +57,6 @@ private:
         if (!lines_) out_.put(first_ ? "\n" : ",\n");
         first_ = false;
         out_.put('{');
-    }
-
-    void putSimple(std::string_view text) {
-        out_.put('"');
-        out_.put(text);
-        out_.put('"');
     }
 
     void putText(std::string_view text) {
@@ -105,19 +88,37 @@ private:
 
 }  // namespace
 
-void putJsonNumber(std::string& out, std::string_view digits) {
-    if (digits.front() == '-') out += '-';
-    if (digits.front() == '-' || digits.front() == '+') digits.remove_prefix(1);
-    const std::size_t wholeEnd = std::min(digits.find_first_of(".eE"), digits.size());
-    std::string_view whole = digits.substr(0, wholeEnd);
-    while (whole.size() > 1 && whole.front() == '0') whole.remove_prefix(1);
-    if (whole.empty()) whole = "0";
-    out += whole;
-    std::string_view rest = digits.substr(wholeEnd);
-    const bool pointOnly =
-        !rest.empty() && rest[0] == '.' && (rest.size() == 1 || rest[1] == 'e' || rest[1] == 'E');
-    if (pointOnly) rest.remove_prefix(1);
-    out += rest;
+void putJsonValue(std::string& out, const Value& value, bool terminal) {
+    switch (value.kind) {
+        case ValueKind::Null:
+        case ValueKind::Blank:
+            out += "null";
+            return;
+        case ValueKind::Text:
+            return putJsonString(out, value.text, terminal);
+        case ValueKind::Date:
+            ((out += '"') += value.text) += '"';
+            return;
+        case ValueKind::Moment:
+            ((out += '"') += value.text) += '"';
+            out[out.size() - 1 - value.text.size() + 10] = 'T';
+            return;
+        case ValueKind::Digits:
+            return putJsonNumber(out, value.text);
+        case ValueKind::Bytes:
+            out += "{\"base64\":\"";
+            putBase64(out, value.text);
+            out += "\"}";
+            return;
+        case ValueKind::Real:
+            if (std::isfinite(value.real)) return putPlain(out, value);
+            out += "null";
+            return;
+        case ValueKind::Currency:
+        case ValueKind::Integer:
+        case ValueKind::Logical:
+            return putPlain(out, value);
+    }
 }
 
 std::unique_ptr<RowWriter> jsonWriter(Output& out, const WriterOptions& /*options*/) {

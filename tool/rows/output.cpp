@@ -201,6 +201,11 @@ Output::~Output() {
 }
 
 void Output::put(std::string_view text) {
+    if (used_ == 0 && text.size() >= kSize) {
+        const std::size_t whole = text.size() / kSize * kSize;
+        writeAll(text.data(), whole);
+        text.remove_prefix(whole);
+    }
     while (text.size() > kSize - used_) {
         const std::size_t part = kSize - used_;
         std::memcpy(buffer_.get() + used_, text.data(), part);
@@ -213,17 +218,19 @@ void Output::put(std::string_view text) {
     used_ += text.size();
 }
 
-void Output::flush() {
-    const char* at = buffer_.get();
-    while (used_ != 0) {
-        const ssize_t written = write(descriptor_, at, used_);
+void Output::flush() { writeAll(buffer_.get(), std::exchange(used_, 0)); }
+
+void Output::writeAll(const char* bytes, std::size_t count) {
+    if (take_) return take_({bytes, count});
+    while (count != 0) {
+        const ssize_t written = write(descriptor_, bytes, count);
         if (written < 0 && errno == EINTR) {
             leaveIfStopped();
             continue;
         }
         if (written < 0) fail(target_.name, "cannot be written");
-        at += written;
-        used_ -= static_cast<std::size_t>(written);
+        bytes += written;
+        count -= static_cast<std::size_t>(written);
     }
 }
 

@@ -3,6 +3,7 @@
 // devices are written as they are; "-" is standard output.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -61,7 +62,12 @@ private:
 /// Buffered bytes to a target.
 class Output {
 public:
+    using Take = std::function<void(std::string_view)>;
+
     Output(const Target& target, bool force);
+    /// To a function instead, which may throw; terminal as the output's where it goes in the end.
+    Output(Take take, bool terminal)
+        : terminal_(terminal), descriptor_(-1), take_(std::move(take)) {}
     ~Output();
     Output(const Output&) = delete;
 
@@ -86,10 +92,12 @@ public:
 
 private:
     static constexpr std::size_t kSize = 1 << 16;
-    Target target_;
-    bool force_;
+    void writeAll(const char* bytes, std::size_t count);
+    Target target_{};
+    bool force_ = false;
     bool terminal_ = false;
     int descriptor_ = 1;
+    Take take_{};
     std::unique_ptr<TemporaryFile> file_;
     std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(kSize);
     std::size_t used_ = 0;

@@ -271,18 +271,19 @@ void requireColumns(const Selection& selection) {
 
 bool nextRow(Selection& s) {
     DbfBase* const base = s.table->base.get();
+    DbfBase* const view = s.view != nullptr ? s.view : base;
     if (!s.progress) {
         s.progress = std::make_unique<Progress>(s.table->path, s.end - s.position);
     }
     while (s.position < s.end && (s.limit == 0 || s.rows < s.limit)) {
         leaveIfStopped();
         const u32 position = s.position++;
-        s.cells.record = recno(base, GetOrder(base, position));
+        s.cells.record = recno(view, GetOrder(view, position));
         if (!s.numbered.empty() && !isNumbered(s.numbered, s.cells.record)) {
             s.progress->add(1);
             continue;
         }
-        if (ReadRecord(base, position) == 0) {
+        if (ReadRecord(base, view == base ? position : s.cells.record) == 0) {
             refuse(s.table->path, ": record ", u64{s.cells.record} + 1, " cannot be read");
         }
         s.progress->add(1);

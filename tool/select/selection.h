@@ -86,6 +86,7 @@ struct Selection {
     u64 limit = 0, offset = 0;
     std::vector<Range> numbered{};  // the only records, where some are named: in order, apart
     u32 position = 0, end = 0;      // in the view
+    DbfBase* view = nullptr;        // the handle whose filter and order count; null: the table's
     u64 rows = 0;                   // rows given out
     std::unique_ptr<Progress> progress{};  // while rows are read
 };

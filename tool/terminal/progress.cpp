@@ -33,6 +33,7 @@ struct Bar {
     u64 total = 0;
     int pieces = 0;
     std::string what;
+    std::string unit;
     Clock::time_point started, drawn;
     bool visible = false;
 };
@@ -55,10 +56,10 @@ std::string barText(Clock::time_point now) {
     const auto left = static_cast<u64>(part > 0 ? seconds / part - seconds + 0.5 : 0);
     const auto full = static_cast<int>(part * kBarWidth);
     const std::string name(cutToWidth(escaped(bar.what), 30));
-    return fmt::format("\r{} [{}{}] {:3.0f} %  {:.0f} records/s  {}:{:02} left\033[K", name,
+    return fmt::format("\r{} [{}{}] {:3.0f} %  {:.0f} {}/s  {}:{:02} left\033[K", name,
                        std::string(static_cast<std::size_t>(full), '#'),
                        std::string(static_cast<std::size_t>(kBarWidth - full), ' '), part * 100,
-                       rate, left / 60, left % 60);
+                       rate, bar.unit, left / 60, left % 60);
 }
 
 void hide() {
@@ -70,9 +71,10 @@ void hide() {
 
 void setProgress(ProgressMode mode) { progressMode = mode; }
 
-Progress::Progress(std::string_view what, u64 total) {
+Progress::Progress(std::string_view what, u64 total, const char* unit) {
     const std::lock_guard lock(bar.mutex);
-    if (bar.pieces++ == 0) {
+    if (bar.pieces++ == 0 || bar.unit != unit) {
+        bar.unit = unit;
         bar.done = 0;
         bar.total = 0;
         bar.started = bar.drawn = Clock::now();

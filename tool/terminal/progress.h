@@ -11,14 +11,15 @@ namespace mira::tool {
 enum class ProgressMode : u8 { OnTerminal, Always, Never };
 void setProgress(ProgressMode mode);
 
-/// One piece of work; the bar is there while one lives. total in records.
+/// One piece of work; the bar is there while one lives. total in records, or what unit says. Work
+/// of another unit takes the bar over.
 class Progress {
 public:
-    Progress(std::string_view what, u64 total);
+    Progress(std::string_view what, u64 total, const char* unit = "records");
     ~Progress();
     Progress(const Progress&) = delete;
 
-    /// done records more.
+    /// done records or bytes more.
     void add(u64 done) {
         pending_ += done;
         if (pending_ >= kStep) show();

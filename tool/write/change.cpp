@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "select/records.h"
 #include "tables/change/backup.h"
 #include "tables/change/recovery.h"
 #include "tables/index/rebuild.h"
@@ -35,7 +36,7 @@ void refuseBesideShapes(const Table& table, const ChangeOptions& options) {
 BackupPlan backupsOf(const ChangeOptions& options) { return {!options.noBackup, options.backups}; }
 
 IndexPlan indexOf(const Table& table, const ChangeOptions& options) {
-    return options.reindex ? planReindex(table, leaveIfStopped) : IndexPlan{};
+    return options.reindex ? planReindex(table, watchPasses(table)) : IndexPlan{};
 }
 
 void tellStale(const Table& table, const Touched& touched, const ChangeOptions& options) {

@@ -2,7 +2,10 @@
 //
 // A new table is made beside its place and moved there when it is whole. What is appended is
 // checked first, all of it.
+#include "write/import.h"
+
 #include <algorithm>
+#include <charconv>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -101,6 +104,7 @@ struct Importer {
     bool silent = false;     ///< what does not fit has been told
     bool isNew = false;      ///< counting columns of a new table keep the values that are given
     bool asWritten = false;  ///< numbers stay as they are written
+    bool rounds = false;     ///< decimals that a field of digits has no room for
     std::vector<Encoded> values{};
     std::set<int> counted{};   ///< fields of counting columns that have values
     std::string plain{};       ///< a cell in the notation of exports
@@ -135,6 +139,21 @@ std::string encodeCell(Importer& importer, Column& column, const Given& given, E
     return reason;
 }
 
+/// A number with no more decimals than a field holds.
+std::string_view withoutDecimals(std::string_view number, u8 decimals, std::string& scratch) {
+    const std::size_t point = number.find('.');
+    if (point == std::string_view::npos || number.size() - point - 1 <= decimals ||
+        !areDigits(number.substr(point + 1))) {
+        return number;
+    }
+    char digits[64];
+    const auto end = std::to_chars(digits, digits + sizeof digits, toReal(number),
+                                   std::chars_format::fixed, decimals);
+    if (end.ec != std::errc()) return number;
+    scratch.assign(digits, end.ptr);
+    return scratch;
+}
+
 /// The text of a cell as it would be exported; nothing when it is no number in the file's notation.
 std::optional<std::string_view> plainCell(Importer& importer, const Column& column,
                                           std::string_view text) {
@@ -142,7 +161,11 @@ std::optional<std::string_view> plainCell(Importer& importer, const Column& colu
     if (kind == Kind::Date || kind == Kind::Moment) {
         return plainDate(importer.notation, text, importer.plain);
     }
-    return isOfNumbers(column) ? plainNumber(importer.notation, text, importer.plain) : text;
+    if (!isOfNumbers(column)) return text;
+    if (importer.rounds && kind == Kind::Decimal) {
+        return withoutDecimals(text, column.decimals, importer.plain);
+    }
+    return plainNumber(importer.notation, text, importer.plain);
 }
 
 /// Encodes a cell of the file, if the row has it. Empty, or why it does not fit.
@@ -305,6 +328,7 @@ struct Plan {
     std::unique_ptr<Table> like;
     std::vector<FieldPlan> fields;
     std::string codePage;
+    bool rounds = false;
 };
 
 Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
@@ -362,10 +386,8 @@ IndexPlan indexOf(const Table* old, const Target& target, const Options& options
            "made; remove it, or go without --reindex");
 }
 
-Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
-    const Target target =
-        newTableTarget(options.table, options.change, "--append adds to it, --force replaces it");
-    const Plan plan = planTable(options, csv, headings);
+Status createBy(const Plan& plan, const Target& target, const Options& options, CsvReader& csv,
+                const std::vector<std::string>& headings) {
     const std::unique_ptr<Table> old = openOld(target, options.change);
     std::optional<Swap> swap;
     old ? swap.emplace(target.path, memoFileOf(*old)) : swap.emplace(target.path);
@@ -377,6 +399,7 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
                       newMapping(plan, options, *table, headings, csv.name())};
     importer.isNew = true;
     importer.asWritten = plan.like != nullptr;
+    importer.rounds = plan.rounds;
     takeRows(importer, Pass::Write, !options.lenient);
     if (importer.faults != 0 && !options.lenient) refuseFaults(importer);
     finishAppend(*table);
@@ -389,6 +412,12 @@ Status create(const Options& options, CsvReader& csv, const std::vector<std::str
         tellStale(*table, {.records = true}, options.change);
     }
     return tellImported(importer, target.path, "written", options.change.dryRun);
+}
+
+Status create(const Options& options, CsvReader& csv, const std::vector<std::string>& headings) {
+    const Target target =
+        newTableTarget(options.table, options.change, "--append adds to it, --force replaces it");
+    return createBy(planTable(options, csv, headings), target, options, csv, headings);
 }
 
 Status run(const Options& options) {
@@ -439,6 +468,49 @@ void addOptions(CLI::App& command, Options& options) {
 }
 
 }  // namespace
+
+namespace {
+/// The wanted page, or, unless no other will do, the first that holds all letters.
+std::string pageFor(CsvReader& csv, const RowsToImport& rows) {
+    const bool visual = rows.kind == TableKind::Visual;
+    if (rows.fixedPage) return rows.codePage;
+    const std::string letters = lettersOf(csv);
+    for (const std::string& name :
+         {rows.codePage, std::string(visual ? "CP1252" : "CP437"), std::string("CP1252"),
+          std::string("CP1251"), std::string("CP866"), std::string("CP1250")}) {
+        const auto page = name.empty() ? nullptr : openPage(name);
+        if (page && holdsAll(*page, letters)) return name;
+    }
+    return "UTF-8";
+}
+}  // namespace
+
+Status importRows(const RowsToImport& rows, const ChangeOptions& change) {
+    Options options;
+    options.table = rows.table;
+    options.kind = rows.kind;
+    options.change = change;
+    CsvReader csv(rows.csv, {});
+    csv.rename(rows.table);
+    Plan plan;
+    plan.codePage = pageFor(csv, rows);
+    plan.rounds = true;
+    const auto page = openPage(plan.codePage);
+    if (!page) refuse("--code-page ", plan.codePage, ": no such code page");
+    csv.rewind();
+    const std::vector<std::string> headings = readHeadings(csv);
+    plan.fields = inferFields(csv, headings, {}, rows.kind, *page);
+    for (std::size_t i = 0; i < plan.fields.size(); ++i) {
+        const std::optional<FieldPlan> better = rows.better(i, plan.fields[i]);
+        if (!better) continue;
+        const std::string name = plan.fields[i].name;
+        plan.fields[i] = *better;
+        plan.fields[i].name = name;
+    }
+    note("{}: its fields are {}", rows.table, schemaText(plan.fields));
+    const Target target = newTableTarget(rows.table, change, "--force replaces it");
+    return createBy(plan, target, options, csv, headings);
+}
 
 void addImport(CLI::App& program, Job& job) {
     const auto [command, options] = newCommand(

@@ -4,6 +4,7 @@
 #include "tables/change/recovery.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 
 namespace mira::tool {
 
@@ -11,6 +12,7 @@ namespace fs = std::filesystem;
 
 Target newTableTarget(const std::string& name, const ChangeOptions& options,
                       const std::string& otherwise) {
+    refuseArchive(name);
     fs::path path = name;
     if (path.extension().empty()) path += ".dbf";
     Target target = targetOf(path.string());

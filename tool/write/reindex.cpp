@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "command/command.h"
+#include "select/records.h"
 #include "tables/index/rebuild.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
@@ -23,9 +24,10 @@ std::string tagsOf(const IndexFile& file) {
 void rebuild(Table& table, const std::string& path, bool force) {
     IndexFile file = openIndex(path);
     const std::string tags = tagsOf(file);
-    const std::string why = whyNotRebuilt(table, file, force, leaveIfStopped);
+    const std::function<void()> step = watchPasses(table);
+    const std::string why = whyNotRebuilt(table, file, force, step);
     if (!why.empty()) refuse(path, ": cannot be rebuilt: ", why);
-    renewIndex(table, planOf(table, std::move(file), leaveIfStopped));
+    renewIndex(table, planOf(table, std::move(file), step));
     note("{}: rebuilt, {} of {}", path, tags, counted(table.base->Header.RecordCount, "record"));
 }
 

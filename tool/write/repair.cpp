@@ -14,6 +14,7 @@
 #include "tables/page/refusal.h"
 #include "tables/rescue/rescue.h"
 #include "terminal/message.h"
+#include "terminal/progress.h"
 #include "write/change.h"
 #include "write/newtable.h"
 
@@ -75,10 +76,10 @@ Damaged begin(const Options& options, const std::string& source, const std::stri
         const auto page = openPage(options.codePage.empty() ? "437" : options.codePage);
         if (!page) refuse("--code-page ", options.codePage, ": no such code page");
         makeTable({made, made}, parseSchema(options.schema, options.kind), options.kind, *page, 0);
-        return examine(source, openTable(made, {}).get());
+        return examine(source, openTable(made, {}).get(), leaveIfStopped);
     }
     const auto like = options.like.empty() ? nullptr : openToRead(options.like, {});
-    Damaged damaged = examine(source, like.get());
+    Damaged damaged = examine(source, like.get(), leaveIfStopped);
     layTable(made, damaged.layout.head);
     return damaged;
 }
@@ -111,14 +112,19 @@ Rescued save(const Options& options, const std::string& source, const Target& ta
     if (!damagedMemos.empty() && fs::equivalent(damagedMemos, memoTarget(*to, target), ignored)) {
         refuse(damagedMemos, ": is the damaged table's memo file; -o names another table");
     }
+    Progress progress(source, passesOf(damaged));
     const RescueHooks hooks{[&](const Spot& spot) {
                                 if (options.json || isQuiet()) return;
+                                hideProgress();
                                 out.put(escaped(lineOf(source, spot)) + "\n");
                             },
                             [&](std::string_view bytes) {
                                 if (kept) kept->put(bytes);
                             },
-                            [] { leaveIfStopped(); }};
+                            [&](u32 records) {
+                                progress.add(records);
+                                leaveIfStopped();
+                            }};
     const Rescued saved = rescue(damaged, *to, damagedMemos, options.memoBlock, hooks);
     if (saved.saved == 0 && saved.expected != 0) refuse(source, ": no record can be saved");
     if (kept) kept->finish();

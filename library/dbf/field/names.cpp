@@ -1,7 +1,9 @@
 // What an application asks about fields and headings: names, type names, lengths and widths.
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
+#include "dbf/table/private.h"
 #include "dbf/table/table.h"
 #include "internal/datelayout.h"
 
@@ -16,6 +18,12 @@ const char* calcFieldName(const DbfBase* h, int field) {
 
 int calcFieldWidth(const DbfBase* h, int field) {
     return field >= 0 && h->CalcFields != nullptr ? kCalculatedWidth : 0;
+}
+
+void storeName(DbfField& f, const char* name) {
+    const std::size_t length = strnlen(name, sizeof f.Name - 1);
+    std::memset(f.Name, 0, sizeof f.Name);
+    std::memcpy(f.Name, name, length);
 }
 
 }  // namespace
@@ -70,6 +78,31 @@ int GetLenMax(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return calcFieldWidth(h, field);
     return std::max(GetLenView(h, field), static_cast<int>(std::strlen(f->Name)) + 1);
+}
+
+void SetFieldName(DbfBase* h, int field, const char* name) {
+    if (tableField(h, field) != nullptr && name != nullptr) storeName(h->Fields[field], name);
+}
+
+u32 AddTestField(DbfBase* h, const char* name) {
+    PrivateState* const state = name != nullptr ? keepPrivate(h) : nullptr;
+    if (state == nullptr || h->FieldCount == kFieldMax) return 0;
+    const u32 place = u32{h->Header.RecordLength} + state->testFields;
+    if (place >= kRecordBufferSize) return 0;
+    DbfField& field = h->Fields[h->FieldCount];
+    field = {};
+    storeName(field, name);
+    field.Type = 'C';
+    field.Length = 1;
+    field.Offset = static_cast<u16>(place);
+    ++h->FieldCount;
+    ++state->testFields;
+    return place;
+}
+
+void DropTestFields(DbfBase* h) {
+    if (h->Private == nullptr) return;
+    h->FieldCount = static_cast<u16>(h->FieldCount - std::exchange(h->Private->testFields, u16{0}));
 }
 
 const char* GetTypeName(DbfBase* h, int field) {

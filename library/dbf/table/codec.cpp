@@ -33,6 +33,7 @@ constexpr DescriptorPlaces kPlaces = {10, 11, 16, 17, 12};
 constexpr DescriptorPlaces kPlaces7 = {32, 32, 34, 35, 36};
 constexpr DescriptorPlaces kForeignPlaces7 = {32, 32, 33, 34, 36};
 constexpr u32 kWorkAreaPlace = 20;
+constexpr int kTwoDigitYears = 100;
 
 const DescriptorPlaces& placesOf(u32 descriptorSize, bool foreign) {
     if (descriptorSize != kDescriptorSize7) return kPlaces;
@@ -72,6 +73,10 @@ void encodeHeader(const DbfHeader& header, u8* to) {
     storeLe16(to + 10, header.RecordLength);
     std::memcpy(to + 12, header.Rest, sizeof header.Rest);
 }
+
+void StampHeader(DbfHeader* header) { stampDate(header, kTwoDigitYears); }
+
+void GetHeaderBytes(const DbfHeader* header, u8* bytes) { encodeHeader(*header, bytes); }
 
 void encodeDescriptor(const DbfField& f, u32 descriptorSize, u8* to) {
     const DescriptorPlaces& at = placesOf(descriptorSize, false);

@@ -26,6 +26,7 @@ struct PrivateState {
     bool halfEdited = false;     ///< records are not where a failed edit would look for them
     bool packing = false;        ///< Pack is writing a record
     bool foreignLevel7 = false;  ///< level-7 table of another maker: signed integers
+    u16 testFields = 0;          ///< fields of AddTestField, the last ones
     /// Prepared expressions, as the modules that prepare them keep them.
     std::unique_ptr<void, void (*)(void*)> expressions{nullptr, releaseNothing};
 };

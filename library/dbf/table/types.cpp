@@ -31,32 +31,9 @@ FieldClass GetFieldClass(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
     if (f == nullptr) return FieldClass::None;
     if (holdsReference(*f)) return FieldClass::Memo;
-    switch (valueClass(*f)) {
-        case ValueClass::None:
-        case ValueClass::Memo:  // too long or too short for a reference
-            return FieldClass::None;
-        case ValueClass::Text:
-            return FieldClass::Text;
-        case ValueClass::System:
-            return FieldClass::System;
-        case ValueClass::Logical:
-            return FieldClass::Logical;
-        case ValueClass::Date:
-            return FieldClass::Date;
-        case ValueClass::Moment:
-            return FieldClass::Moment;
-        case ValueClass::Decimal:
-            return FieldClass::Decimal;
-        case ValueClass::Integer:
-            return FieldClass::Integer;
-        case ValueClass::Ordered:
-            return FieldClass::Double;
-        case ValueClass::Currency:
-            return FieldClass::Currency;
-        case ValueClass::BinaryOrDouble:
-            return isNumeric(*f) ? FieldClass::Double : FieldClass::None;
-    }
-    return FieldClass::None;
+    const ValueClass value = valueClass(*f);
+    const bool bytes = value == ValueClass::BinaryOrDouble && !isNumeric(*f);
+    return bytes ? FieldClass::None : fieldClassOf(value);
 }
 
 char FieldBlankChar(DbfBase* h, int field) {

@@ -24,6 +24,34 @@ enum class ValueClass : u8 {
     BinaryOrDouble,  ///< by the length a memo or a double
     Memo
 };
+/// What applications are told of a class.
+constexpr FieldClass fieldClassOf(ValueClass value) {
+    switch (value) {
+        case ValueClass::None:
+        case ValueClass::Memo:  // too long or too short for a reference
+            return FieldClass::None;
+        case ValueClass::Text:
+            return FieldClass::Text;
+        case ValueClass::System:
+            return FieldClass::System;
+        case ValueClass::Logical:
+            return FieldClass::Logical;
+        case ValueClass::Date:
+            return FieldClass::Date;
+        case ValueClass::Moment:
+            return FieldClass::Moment;
+        case ValueClass::Decimal:
+            return FieldClass::Decimal;
+        case ValueClass::Integer:
+            return FieldClass::Integer;
+        case ValueClass::Ordered:
+        case ValueClass::BinaryOrDouble:
+            return FieldClass::Double;
+        case ValueClass::Currency:
+            return FieldClass::Currency;
+    }
+    return FieldClass::None;
+}
 enum class BlankRule : u8 { Spaces, Zeros, SpacesAtLength14, ZerosAtLength8Or4, Reference };
 enum class NumericRule : u8 { Never, Always, AtLength8 };
 /// Whether the bytes of a field are a reference to a memo.

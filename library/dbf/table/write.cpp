@@ -16,7 +16,6 @@ namespace mira {
 namespace {
 
 constexpr u8 kEndOfFile = 0x1A;
-constexpr int kTwoDigitYears = 100;
 
 /// The sequence all record writers share once the backup is made and the record is known: a place
 /// that cannot be reached stops it before the hook is called and Modified is set.
@@ -92,8 +91,8 @@ bool writeLast(DbfBase* h) {
 }
 
 /// The header with the day of today.
-bool stampHeader(DbfBase* h) {
-    stampDate(&h->Header, kTwoDigitYears);
+bool writeStamped(DbfBase* h) {
+    StampHeader(&h->Header);
     u8 image[sizeof(DbfHeader)];
     encodeHeader(h->Header, image);
     const bool written = writeTable(h, 0, image, h->HeaderSize);
@@ -126,7 +125,7 @@ int WriteField(DbfBase* h, u32 position, int field) {
 
 int WriteHeader(DbfBase* h) {
     if (isClosed(h)) return 0;
-    const bool written = stampHeader(h);
+    const bool written = writeStamped(h);
     // The end-of-file byte does not count: readers go by the record count.
     writeTable(h, offsetOf(h, h->Header.RecordCount), &kEndOfFile, 1);
     return written ? 1 : 0;
@@ -138,7 +137,7 @@ int AppendBlank(DbfBase* h, char clear) {
     if (!growView(h) || !writeLast(h)) return 0;
     joinView(h);
     ++h->Header.RecordCount;
-    return stampHeader(h) ? 1 : 0;
+    return writeStamped(h) ? 1 : 0;
 }
 
 int DupRecord(DbfBase* h) {

@@ -74,16 +74,19 @@ void splitDay(i64 number, DateTime* v) {
         v->day = static_cast<int>(std::max<i64>(n, std::numeric_limits<i32>::min()));
         return;
     }
-    // Eras of 400 years that start on 1 March, so that the leap day is the last day of a year.
-    const u32 sinceMarch = static_cast<u32>(n) - 1 + kEraDays - 60;
-    const u32 era = sinceMarch / kEraDays;  // era 1 contains 1 March of year 0
-    const u32 dayOfEra = sinceMarch % kEraDays;
-    const u32 yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    const u32 dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    const u32 month = (5 * dayOfYear + 2) / 153;  // 0 is March
-    v->day = static_cast<int>(dayOfYear - (153 * month + 2) / 5 + 1);
-    v->month = static_cast<int>(month < 10 ? month + 3 : month - 9);
-    v->year = static_cast<int>(yearOfEra + era * 400 + (month >= 10 ? 1 : 0)) - 400;
+    // Centuries and years start on 1 March, so that the leap day is the last day of a year. Where
+    // they and months begin is found by multiplying, after Neri and Schneider.
+    constexpr u32 kYear = 2939745;  // 2^32 / 1461
+    const u32 quarters = 4 * (static_cast<u32>(n) - 1 + kEraDays - 60) + 3;
+    const u32 century = quarters / kEraDays;  // century 4 contains 1 March of year 0
+    const u64 years = u64{kYear} * (quarters % kEraDays | 3);
+    const u32 dayOfYear = static_cast<u32>(years) / kYear / 4;
+    const u32 months = 2141 * dayOfYear + 197913;  // 2^16 / 30.6, from March on
+    const bool next = dayOfYear >= 306;            // January and February
+    v->day = static_cast<int>(months % 65536 / 2141 + 1);
+    v->month = static_cast<int>(months / 65536 - (next ? 12 : 0));
+    v->year =
+        static_cast<int>(100 * century + static_cast<u32>(years >> 32)) - 400 + (next ? 1 : 0);
 }
 
 /// The date and time of a day number and milliseconds; no valid ones after year 9999.
@@ -407,6 +410,23 @@ int SetMoment(DbfBase* h, int field, i32 day, i32 milliseconds) {
     }
     return 1;
 }
+
+i32 GetDayNumber(int year, int month, int day) {
+    const DateTime date{year, month, day};
+    return year >= 0 && isValid(date) ? static_cast<i32>(dayNumber(year, month, day)) : 0;
+}
+
+int GetDayDate(i32 number, int* year, int* month, int* day) {
+    if (!isMoment({number, 0})) return 0;
+    DateTime date;
+    splitDay(number, &date);
+    *year = date.year;
+    *month = date.month;
+    *day = date.day;
+    return 1;
+}
+
+int IsOtherLevel7(DbfBase* h) { return isForeignLevel7(h) ? 1 : 0; }
 
 u32 GetTimeStamp(DbfBase* /*h*/, int /*field*/) { return kNoTimeStamp; }
 

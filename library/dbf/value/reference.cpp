@@ -96,4 +96,12 @@ void setMemoReference(DbfBase* h, int field, MemoReference reference) {
     }
 }
 
+int SetMemoReference(DbfBase* h, int field, u32 block, u32 length) {
+    const DbfField* f = tableField(h, field);
+    if (f == nullptr || !holdsReference(*f) || !hasRoomForReference(h, field)) return 0;
+    setMemoReference(h, field, {block, length});
+    const std::optional<MemoReference> stored = exactReference(h, field);
+    return stored && stored->block == block ? 1 : 0;
+}
+
 }  // namespace mira

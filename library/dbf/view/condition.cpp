@@ -10,6 +10,8 @@
 // field is among the values, else as texts.
 #include "dbf/view/condition.h"
 
+#include <array>
+
 #include "internal/textout.h"
 
 namespace mira {
@@ -38,6 +40,22 @@ constexpr OperatorRow kOperators[] = {
     {'~', '>', Never, GreaterEqual},
     {'~', '=', Never, Never},
 };
+
+/// The characters that operators begin with, each once, and a zero byte.
+constexpr auto kSigns = [] {
+    std::array<char, std::size(kOperators)> signs{};
+    std::size_t count = 0;
+    for (const OperatorRow& row : kOperators) {
+        const std::string_view known(signs.data(), count);
+        if (row.first != 0 && known.find(row.first) == std::string_view::npos) {
+            signs[count++] = row.first;
+        }
+    }
+    return signs;
+}();
+static_assert(std::string_view(kSigns.data()).find_first_not_of(kOperatorBytes) ==
+                  std::string_view::npos,
+              "an operator of expressions begins with it, too");
 
 /// The operator that begins with first, where next follows it.
 const OperatorRow& operatorOf(char first, char next) {
@@ -91,6 +109,8 @@ Condition prepareCondition(DbfBase* h, std::string_view text) {
     if (literal.empty()) c.right.parts.erase(c.right.parts.begin());
     return c;
 }
+
+const char* GetFilterSigns() { return kSigns.data(); }
 
 bool writtenHolds(DbfBase* h, const Condition& c) {
     if (c.op->first == 0) return false;

@@ -100,9 +100,13 @@ bool inOrder(Comparison c, T a, T b) {
             return a > b;
         case Comparison::GreaterEqual:
             return a >= b;
-        default:
+        case Comparison::Never:
+        case Comparison::Exact:
+        case Comparison::Contains:
+        case Comparison::Lacks:
             return false;
     }
+    return false;
 }
 
 /// Texts are ordered by as many characters as the shorter one has.
@@ -114,10 +118,17 @@ inline bool textHolds(Comparison c, std::string_view left, std::string_view righ
             return left.find(right) != std::string_view::npos;
         case Comparison::Lacks:
             return left.find(right) == std::string_view::npos;
-        default:
-            const std::size_t count = std::min(left.size(), right.size());
-            return inOrder(c, std::memcmp(left.data(), right.data(), count), 0);
+        case Comparison::Never:
+        case Comparison::Equal:
+        case Comparison::Different:
+        case Comparison::Less:
+        case Comparison::LessEqual:
+        case Comparison::Greater:
+        case Comparison::GreaterEqual:
+            break;
     }
+    return inOrder(c, std::memcmp(left.data(), right.data(), std::min(left.size(), right.size())),
+                   0);
 }
 
 }  // namespace mira

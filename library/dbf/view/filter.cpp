@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -229,6 +230,16 @@ bool applyFilter(DbfBase* h, const char* text, StopCallback callback) {
 
 DbfBase* set_filter(DbfBase* h, const char* text, StopCallback callback) {
     return h != nullptr && applyFilter(h, text, callback) ? h : nullptr;
+}
+
+int ViewRecords(DbfBase* h, u32 first, u32 end) {
+    const u32 count = end > first ? end - first : 0;
+    Owned<u32> index = allocate<u32>(std::size_t{count} + 1);
+    if (!index) return 0;
+    std::iota(index.get(), index.get() + count, first);
+    ClearFilter(h);
+    takeIndex(h, std::move(index), count);
+    return 1;
 }
 
 int ValidRecord(DbfBase* h, const char* text) {
