@@ -1,9 +1,11 @@
 // mira query: SQL over tables.
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <exception>
 #include <filesystem>
 #include <optional>
+#include <utility>
 
 #include "command/changeoptions.h"
 #include "command/command.h"
@@ -253,6 +255,9 @@ Statement prepare(Query& query, const char** rest) {
     }
 }
 
+/// How many values a format did not keep, by fault.
+using Unkept = std::array<u64, tables::kFaults>;
+
 /// Goes on to the next row; false after the last one.
 bool step(const Query& query, sqlite3_stmt* statement) {
     const int result = sqlite3_step(statement);
@@ -264,17 +269,35 @@ struct RowCount {
     u64 shown = 0, all = 0;
 };
 
+void writeCells(Answer& answer, RowWriter& writer, Unkept& unkept) {
+    for (std::size_t i = 0; i < answer.columns().size(); ++i) {
+        writer.cell(i, answer.value(i));
+        if (writer.fault != Fault::None) {
+            ++unkept[static_cast<std::size_t>(std::exchange(writer.fault, Fault::None))];
+        }
+    }
+    writer.endRow();
+}
+
+void tellUnkept(Query& query, const Unkept& unkept) {
+    for (std::size_t fault = 0; fault < unkept.size(); ++fault) {
+        if (unkept[fault] == 0) continue;
+        tell(faultSentence(static_cast<Fault>(fault), unkept[fault]));
+        query.status = worse(query.status, kFound);
+    }
+}
+
 /// Rows to a writer, as they are found.
 RowCount copyRows(Query& query, sqlite3_stmt* statement, Answer& answer, RowWriter& writer) {
     const Sink& sink = query.sink;
     RowCount rows;
+    Unkept unkept{};
     query.rows = &writer;
     query.written = now();
     while ((!sink.limit || sink.counts || rows.all < *sink.limit) && step(query, statement)) {
         ++rows.all;
         if (sink.limit && rows.all > *sink.limit) continue;
-        for (std::size_t i = 0; i < answer.columns().size(); ++i) writer.cell(i, answer.value(i));
-        writer.endRow();
+        writeCells(answer, writer, unkept);
         ++rows.shown;
         bringOut(query);
         if (sink.limit && sink.counts && rows.shown == *sink.limit) {
@@ -285,6 +308,7 @@ RowCount copyRows(Query& query, sqlite3_stmt* statement, Answer& answer, RowWrit
     query.rows = nullptr;
     query.scan = nullptr;
     query.progress.reset();
+    tellUnkept(query, unkept);
     return rows;
 }
 

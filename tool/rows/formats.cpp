@@ -8,7 +8,8 @@
 namespace mira::tool {
 
 using MakeWriter = std::unique_ptr<RowWriter>(Output&, const WriterOptions&);
-MakeWriter gridWriter, csvWriter, tsvWriter, jsonWriter, jsonLinesWriter, postgresWriter, mysqlWriter;
+MakeWriter gridWriter, csvWriter, tsvWriter, jsonWriter, jsonLinesWriter, postgresWriter,
+    mysqlWriter;
 
 namespace {
 
