@@ -17,7 +17,7 @@ server_packages=(postgresql mariadb-server-core mariadb-client-core)
 present() {
     case $1 in
         g++) command -v "${CXX:-g++}" ;;
-        clang | cmake | make | clang-format | clang-tidy | pkg-config | python3 | sqlite3)
+        clang | cmake | make | clang-format | clang-tidy | npm | pkg-config | python3 | sqlite3)
             command -v "$1"
             ;;
         *) dpkg-query -W -f '${Status}' "$1" 2>/dev/null | grep -q 'ok installed' ;;

@@ -33,7 +33,7 @@ void KeyIndex::finish() {
 std::span<const KeyIndex::Entry> KeyIndex::find(const Stored& equal) const {
     const Entry wanted{hashOf(equal), 0};
     const auto range =
-        std::equal_range(entries_.begin(), entries_.end(), wanted,
+        std::equal_range(entries_.data(), entries_.data() + entries_.size(), wanted,
                          [](const Entry& a, const Entry& b) { return a.hash < b.hash; });
     return {range.first, range.second};
 }

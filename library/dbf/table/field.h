@@ -61,7 +61,7 @@ inline std::span<u8> fieldBytes(DbfBase* h, const DbfField& f) {
 }
 inline std::span<u8> fieldBytes(DbfBase* h, int field) {
     const DbfField* f = tableField(h, field);
-    return f != nullptr ? fieldBytes(h, *f) : std::span<u8>{h->RecordBuffer, 0};
+    return f != nullptr ? fieldBytes(h, *f) : std::span<u8>{h->RecordBuffer, std::size_t{0}};
 }
 
 /// The same as characters.

@@ -1,0 +1,228 @@
+// The page in a real browser, beside what mira prints of the same tables.
+import assert from 'node:assert/strict';
+import {execFileSync, spawnSync} from 'node:child_process';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+import {after, before, test} from 'node:test';
+import {pathToFileURL} from 'node:url';
+
+import {memoTable, parseCsv, plainTable} from './tables.mjs';
+
+const {chromium} = await import(process.env.PLAYWRIGHT);
+const pageFile = process.env.MIRA_PAGE;
+const samples = process.env.MIRA_SAMPLES;
+const work = fs.mkdtempSync(path.join(os.tmpdir(), 'mira-page-'));
+let browser, page, requests;
+
+before(async () => {
+    browser = await chromium.launch({executablePath: '/usr/bin/chromium', args: ['--no-sandbox']});
+});
+after(async () => {
+    await browser?.close();
+    fs.rmSync(work, {recursive: true});
+});
+
+// A fresh page; what it asks of the network, or does wrong, fails the test.
+async function fresh(file = pageFile, options = {}) {
+    await page?.close();
+    page = await browser.newPage({viewport: {width: 1200, height: 700}, ...options});
+    requests = [];
+    page.on('pageerror', (e) => requests.push(e.message));
+    page.on('dialog', (d) => requests.push(`dialog ${d.message()}`));
+    await page.goto(pathToFileURL(file).href);
+    await page.waitForSelector('html[data-ready]');
+    page.on('request', (r) => r.url().startsWith('blob:') || requests.push(r.url()));
+    return page;
+}
+const settled = () => page.waitForFunction(() => !document.body.hasAttribute('aria-busy'));
+const said = () => page.innerText('[role=status]');
+const rowCount = async () => Number(await page.getAttribute('[role=grid]', 'aria-rowcount')) - 1;
+const rows = (most = 15) =>
+    page.$$eval('[role=row]:has([role=gridcell])', (all, n) =>
+        all.slice(0, n).map((row) => [...row.querySelectorAll('[role=gridcell]')].map((cell) => cell.textContent)), most);
+
+// Opens files as if chosen; waits for rows, an empty table or a refusal.
+async function choose(...files) {
+    await page.evaluate(() => document.getElementById('status').replaceChildren());
+    await page.setInputFiles('input[type=file]', files);
+    await page.waitForFunction(() => document.getElementById('status').textContent !== '');
+    await settled();
+}
+async function fill(selector, text) {
+    const before = await said();
+    await page.evaluate(() => document.getElementById('status').replaceChildren());
+    await page.fill(selector, text);
+    await page.press(selector, 'Enter');
+    await page.waitForFunction(() => document.getElementById('status').textContent !== '');
+    await settled();
+    return before;
+}
+async function exported() {
+    const [download] = await Promise.all([page.waitForEvent('download'), page.click('text=Export CSV')]);
+    return fs.readFileSync(await download.path(), 'utf8');
+}
+const mira = (table, ...options) =>
+    spawnSync(process.env.MIRA_PROGRAM, [...options.slice(0, 1), path.basename(table), ...options.slice(1)], {cwd: path.dirname(table), encoding: 'utf8', maxBuffer: 1 << 28});
+
+function tablesBelow(folder) {
+    if (!folder) return [];
+    return fs.readdirSync(folder, {recursive: true}).filter((name) => /\.(dbf|dbc)$/i.test(name)).sort().map((name) => path.join(folder, name));
+}
+
+function withMemo(table) {
+    const stem = path.basename(table, path.extname(table)).toLowerCase();
+    return fs.readdirSync(path.dirname(table))
+        .filter((name) => path.basename(name, path.extname(name)).toLowerCase() === stem && /\.(dbt|fpt|smt|dct|cpg)$/i.test(name))
+        .map((name) => path.join(path.dirname(table), name));
+}
+
+test('every table: cells, CSV, filter, sort and sentences are those of mira', async () => {
+    await fresh();
+    for (const table of [...tablesBelow(samples), ...tablesBelow(process.env.MIRA_CORPUS)]) {
+        const plain = mira(table, 'export');
+        await choose(table, ...withMemo(table));
+        if (plain.status === 2) {
+            const refused = plain.stderr.trim().split('\n').pop().replace(/^mira: /, '');
+            assert.ok((await said()).includes(refused) || refused.includes('--record'), `${table}: ${refused}`);
+            continue;
+        }
+        assert.equal(await exported(), plain.stdout, table);
+        await page.selectOption('[aria-label="Deleted records"]', '0');
+        await settled();
+        const lines = parseCsv(plain.stdout);
+        const cells = await rows();
+        // Long texts are cut, and of very many columns those in sight are drawn.
+        const start = (row) => row.map((cell) => cell.slice(0, 500));
+        const drawn = cells.length && lines[0].length > 256 ? cells[0].length : lines[0].length;
+        assert.deepEqual(cells.map(start), lines.slice(1, 16).map((row) => start(row.slice(0, drawn))), table);
+        assert.equal(await rowCount(), lines.length - 1, table);
+        for (const sentence of plain.stderr.split('\n').filter((line) => /memo file .* missing|interrupted/.test(line))) {
+            assert.ok((await said()).includes(sentence.replace(/^mira: [^:]*: /, '')), `${table}: ${sentence}`);
+        }
+        if (lines.length < 3) continue;
+        await page.click('[role=columnheader]');
+        await fill('[aria-label=Filter]', '_record>2');
+        const chosen = mira(table, 'export', '-w', '_record>2', '-s', lines[0][0]);
+        assert.equal(await exported(), chosen.stdout, `${table}, filtered and sorted`);
+        await page.selectOption('[aria-label="Deleted records"]', '1');
+        await settled();
+    }
+    assert.deepEqual(requests, []);
+});
+
+test('a drop, a search, keys, copied cells, a chart, SQL', async () => {
+    await fresh();
+    const files = ['stock.dbf', 'members.dbf', 'members.fpt'].map((name) => [name, fs.readFileSync(path.join(samples, name)).toString('base64')]);
+    await page.evaluate((given) => {
+        const transfer = new DataTransfer();
+        for (const [name, base64] of given) transfer.items.add(new File([Uint8Array.from(atob(base64), (c) => c.charCodeAt(0))], name));
+        document.body.dispatchEvent(new DragEvent('drop', {dataTransfer: transfer, bubbles: true, cancelable: true}));
+    }, files);
+    await page.waitForSelector('[role=gridcell]');
+    await page.selectOption('[aria-label=Table]', 'stock.dbf');
+    await page.waitForFunction(() => document.querySelector('[role=grid]').getAttribute('aria-rowcount') === '13');
+    assert.equal(await page.$eval('.deleted [role=gridcell]', (cell) => getComputedStyle(cell).textDecorationLine), 'line-through');
+
+    await page.click('[role=columnheader]:has-text("PRICE")');
+    await page.waitForSelector('#chart svg[role=img] .bar');
+    assert.equal(await page.getAttribute('[role=columnheader]:has-text("PRICE")', 'aria-sort'), 'ascending');
+    assert.match(await page.innerText('#chart'), /Least\s*-15\.00\s*Most\s*24\.00/);
+    assert.equal((await rows())[0][0], 'RET001');
+    await fill('[type=search]', 'WASHER');
+    assert.equal(await rowCount(), 2);
+    await fill('[type=search]', '7.2');
+    assert.deepEqual((await rows()).map((row) => row[0]), ['GLU500']);
+    await fill('[type=search]', '');
+    await fill('[aria-label=Filter]', 'PRCE>5');
+    assert.match(await said(), /stock\.dbf: .*PRICE/);
+    await fill('[aria-label=Filter]', '');
+
+    await page.focus('[role=grid]');
+    for (const key of ['Control+Home', 'ArrowDown', 'ArrowRight', 'Shift+ArrowRight', 'Shift+ArrowDown']) await page.keyboard.press(key);
+    await page.evaluate(() => (navigator.clipboard.writeText = async (text) => (document.body.dataset.copied = text)));
+    await page.keyboard.press('Control+c');
+    await page.waitForFunction(() => document.body.dataset.copied);
+    assert.equal(await page.evaluate(() => document.body.dataset.copied), 'Washer 8 mm\t0.03\nWasher 10 mm\t0.04');
+    await page.keyboard.press('Control+End');
+    assert.equal(await page.getAttribute('[role=grid]', 'aria-activedescendant'), 'c11-5');
+    await page.keyboard.press('Control+f');
+    assert.equal(await page.evaluate(() => document.activeElement.type), 'search');
+
+    const sql = 'SELECT REORDER, count(*) AS N, sum(PRICE*STOCK), NULL FROM stock GROUP BY 1 ORDER BY 2';
+    await page.click('text="SQL"');
+    await page.fill('#statement', sql);
+    await page.press('#statement', 'Control+Enter');
+    await page.waitForSelector('[role=columnheader]:has-text("N")');
+    await settled();
+    const answer = execFileSync(process.env.MIRA_PROGRAM, ['query', '-q', '-F', 'csv', sql, samples], {encoding: 'utf8'});
+    assert.equal(await exported(), answer);
+    assert.deepEqual(await rows(), parseCsv(answer).slice(1));
+    assert.deepEqual(requests, []);
+});
+
+test('a hostile table runs nothing', async () => {
+    const attack = '<img src=x onerror=alert(1)><script>alert(2)</script>';
+    const table = path.join(work, 'hostile.dbf');
+    memoTable(table, '<b>X</b>', [attack, '=1+1', '\u202Ex'], attack.repeat(40));
+    await fresh();
+    await choose(table, table.replace('.dbf', '.dbt'));
+    assert.equal((await rows())[0][0], attack);
+    await page.click('[role=columnheader]');
+    await page.waitForSelector('#chart svg[role=img]');
+    await page.click('[role=gridcell]:nth-child(3)');
+    await page.waitForSelector('#value pre');
+    assert.equal(await page.$('#grid img, #grid script, #side script, #side img, #status img'), null);
+    const sent = await page.evaluate(() => fetch('http://127.0.0.1:9/').then(() => 'sent', (e) => e.name));
+    assert.equal(sent, 'TypeError');
+    assert.deepEqual(requests, []);
+});
+
+test('three gigabytes open at once, and their last record is reached', async () => {
+    const table = path.join(work, 'large.dbf');
+    const count = 30_000_000;
+    plainTable(table, [['NAME', 'C', 99]], [], count);
+    const file = fs.openSync(table, 'r+');
+    fs.writeSync(file, ' last'.padEnd(100), 65 + (count - 1) * 100);
+    fs.closeSync(file);
+    await fresh();
+    await choose(table);
+    assert.equal(await rowCount(), count);
+    await page.focus('[role=grid]');
+    await page.keyboard.press('Control+End');
+    await page.waitForFunction((row) => document.getElementById(`c${row}-0`)?.textContent === 'last', count - 1);
+    fs.unlinkSync(table);
+});
+
+test('code pages, a missing memo file, null, dark, narrow, an empty table, a table in the page', async () => {
+    const table = path.join(work, 'page.dbf');
+    plainTable(table, [['CITY', 'C', 10]], [Buffer.from([0x8e, 0xac, 0xe1, 0xaa])]);
+    await fresh(pageFile, {colorScheme: 'dark', viewport: {width: 390, height: 800}});
+    await choose(table);
+    assert.ok(await page.evaluate(() => getComputedStyle(document.body).backgroundColor.match(/\d+/g).every((c) => c < 60)));
+    for (const [name, text] of [['CP866', 'Омск'], ['CP936', '幀岐'], ['', 'Ä¼ß¬']]) {
+        await page.selectOption('[aria-label="Code page"]', name);
+        await page.waitForFunction((wanted) => document.querySelector('[role=gridcell]').textContent === wanted, text);
+    }
+    assert.match(await said(), /page\.dbf: code page CP437 is only a default/);
+    await page.click('[role=columnheader]');
+    const places = await page.$$eval('#grid, #side', (all) => all.map((one) => one.getBoundingClientRect().top));
+    assert.ok(places[1] > places[0]);
+
+    await choose(path.join(samples, 'members.dbf'));
+    assert.match(await said(), /members\.dbf: its memo file members\.fpt is missing/);
+    plainTable(table, [['CITY', 'C', 10]], []);
+    await choose(table);
+    assert.equal(await rowCount(), 0);
+    fs.writeFileSync(table, 'no table');
+    await choose(table);
+    assert.match(await said(), /page\.dbf: no table/);
+
+    const out = path.join(work, 'members.html');
+    execFileSync(process.env.MIRA_PROGRAM, ['page', path.join(samples, 'members.dbf'), '-o', out], {env: {...process.env}});
+    await fresh(out);
+    await page.waitForSelector('[role=gridcell]');
+    await settled();
+    assert.equal(await exported(), mira(path.join(samples, 'members.dbf'), 'export').stdout);
+    assert.deepEqual(requests, []);
+});

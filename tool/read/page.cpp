@@ -1,0 +1,128 @@
+// mira page: the page that opens tables, with a table already in it.
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "command/command.h"
+#include "select/opening.h"
+#include "select/selection.h"
+#include "tables/open/find.h"
+#include "tables/page/json.h"
+#include "tables/page/refusal.h"
+#include "tables/value/plain.h"
+#include "terminal/message.h"
+
+namespace mira::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr u64 kMost = u64{32} << 20;  // bytes of all files together
+constexpr std::string_view kPlace = "<!-- tables -->";
+
+struct Options {
+    std::string table;
+    std::string out;
+    bool force = false;
+    TableOptions open;
+};
+
+/// The page as it is installed: below the folder that the program is in, unless MIRA_PAGE names it.
+std::string pageFile() {
+    if (const char* const named = std::getenv("MIRA_PAGE")) return named;
+    std::error_code ignored;
+    const fs::path program = fs::read_symlink("/proc/self/exe", ignored);
+    return (program.parent_path().parent_path() / "share/mira/mira.html").string();
+}
+
+std::string wholeFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    if (!file) refuse(path, ": cannot be read");
+    return bytes;
+}
+
+std::string pageText() {
+    const std::string path = pageFile();
+    if (!fs::is_regular_file(path)) {
+        refuse(path, ": the page is not there; scripts/page builds it, and MIRA_PAGE names it");
+    }
+    std::string page = wholeFile(path);
+    if (page.find(kPlace) == std::string::npos) refuse(path, ": no page to put a table into");
+    return page;
+}
+
+/// The table and what belongs to it.
+std::vector<std::string> filesOf(const Table& table) {
+    std::vector<std::string> files{table.path};
+    const std::string memos = memoFileOf(table);
+    for (const std::string& file : {memos, beside(table.path, ".cpg")}) {
+        if (!file.empty() && fs::is_regular_file(file)) files.push_back(file);
+    }
+    return files;
+}
+
+/// A script element of data. No "<" in it, which could end the element.
+std::string dataOf(const std::vector<std::string>& files, const std::string& codePage) {
+    std::string list;
+    for (const std::string& file : files) {
+        JsonObject object;
+        object.text("name", fs::path(file).filename().string());
+        object.text("page", &file == files.data() ? codePage : "");
+        std::string base64;
+        putBase64(base64, wholeFile(file));
+        object.text("base64", base64);
+        list += (list.empty() ? "[" : ",") + object.whole();
+    }
+    std::string data = "<script type=\"application/json\" id=\"tables\">";
+    for (const char c : list) {
+        if (c == '<') {
+            data += "\\u003c";
+        } else {
+            data += c;
+        }
+    }
+    return data + "]</script>";
+}
+
+Status run(const Options& options) {
+    const auto table = openToRead(options.table, options.open);
+    const std::vector<std::string> files = filesOf(*table);
+    u64 bytes = 0;
+    for (const std::string& file : files) bytes += fs::file_size(file);
+    if (bytes > kMost) {
+        refuse(table->path, ": its files are larger than 32 MiB together; open ", pageFile(),
+               " and drop them there");
+    }
+    std::string page = pageText();
+    const std::string out = options.out.empty() ? stemOf(table->path) + ".html" : options.out;
+    const Target target = targetOf(out);
+    checkTargets({target}, options.force, files);
+    page.replace(page.find(kPlace), kPlace.size(), dataOf(files, options.open.codePage));
+    Output output(target, options.force);
+    output.put(page);
+    output.finish();
+    note("{}: {} in it", out, counted(table->base->Header.RecordCount, "record"));
+    return kDone;
+}
+
+}  // namespace
+
+void addPage(CLI::App& program, Job& job) {
+    const auto [command, options] =
+        newCommand(program, job, "page", "A page for the browser with a table in it", run,
+                   "The page works offline and sends nothing. Examples:\n"
+                   "  mira page stock\n"
+                   "  mira page stock -o for-leeds.html");
+    command.add_option("table", options.table, "Table, up to 32 MiB with its memo file")
+        ->type_name("TABLE")
+        ->required();
+    command.add_option("-o,--output", options.out, "The page; by default the table's name, .html")
+        ->type_name("FILE");
+    command.add_flag("--force", options.force, "Replace a file that is there");
+    command.add_option("--code-page", options.open.codePage, "Code page of the texts")
+        ->type_name("NAME");
+}
+
+}  // namespace mira::tool

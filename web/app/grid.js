@@ -1,0 +1,410 @@
+// A grid that draws the rows in sight alone. Rows come from a source: {columns, count, rows(first,
+// n), sortable}; a cell is null, a text, or an object as the engine gives it.
+const kRow = 30; // pixels
+const kTallest = 6e6; // a browser caps heights; beyond that the scroll bar is scaled
+const kChunk = 128; // rows asked for at once
+const kAhead = 5; // rows drawn above and below those in sight
+const kManyColumns = 256; // from there on only those in sight are drawn
+
+const element = (tag, className, text) => {
+    const made = document.createElement(tag);
+    if (className) made.className = className;
+    if (text !== undefined) made.textContent = text;
+    return made;
+};
+const role = (name, className, text) => {
+    const made = element('div', className, text);
+    made.setAttribute('role', name);
+    return made;
+};
+const isNumber = (column) => column.as === 'number';
+const cellText = (cell) => (cell === null ? '' : typeof cell === 'string' ? cell : cell.t);
+
+class Grid {
+    constructor(root, on) {
+        this.root = root;
+        this.on = on; // sort(column), select(row, column), open(row, column), fail(error)
+        this.head = role('row', 'head');
+        this.head.setAttribute('aria-rowindex', '1');
+        this.body = element('div', 'body');
+        this.body.setAttribute('role', 'rowgroup');
+        this.root.append(this.head, this.body);
+        this.columns = [];
+        this.count = 0;
+        this.root.addEventListener('scroll', () => this.draw(), {passive: true});
+        this.root.addEventListener('keydown', (e) => this.key(e));
+        this.root.addEventListener('copy', (e) => this.copy(e));
+        this.body.addEventListener('mousedown', (e) => this.press(e));
+        this.body.addEventListener('dblclick', () => this.on.open(this.row, this.column));
+        new ResizeObserver(() => this.draw()).observe(this.root);
+    }
+
+    // Shows a source from its first row on; sort is {column, descending} or null.
+    async show(source, sort) {
+        const other = this.source !== source;
+        const columnsChanged = !this.source || this.source.columns !== source.columns;
+        this.source = source;
+        this.columns = source.columns;
+        this.count = source.count;
+        this.chunks = new Map();
+        this.drawn = new Map();
+        this.row = this.anchorRow = 0;
+        if (columnsChanged) this.column = this.anchorColumn = 0;
+        this.sort = sort;
+        this.root.setAttribute('aria-rowcount', String(this.count + 1));
+        this.root.setAttribute('aria-colcount', String(this.columns.length));
+        if (this.count) await this.chunk(0);
+        if (this.source !== source) return;
+        if (columnsChanged) {
+            this.measure();
+            if (other) this.root.scrollLeft = 0;
+        }
+        this.root.scrollTop = 0;
+        this.body.replaceChildren();
+        this.heading();
+        this.draw();
+    }
+
+    // Widths from the names and the first rows.
+    measure() {
+        const pen = document.createElement('canvas').getContext('2d');
+        const {fontFamily, fontSize} = getComputedStyle(this.root);
+        pen.font = `600 12.5px ${fontFamily}`;
+        const names = this.columns.map((column) => pen.measureText(column.name).width);
+        pen.font = `${fontSize} ${fontFamily}`;
+        const first = this.chunks.get(0) || [];
+        const sample = Array.isArray(first) ? first.slice(0, 60) : [];
+        this.widths = this.columns.map((column, i) => {
+            let width = names[i] + 44; // the arrow of a sort
+            for (const row of sample) {
+                const cell = row.c[i];
+                if (cell === null) width = Math.max(width, 56);
+                const text = cell && cell.b !== undefined ? describe(cell) : cellText(cell).slice(0, 80);
+                width = Math.max(width, pen.measureText(text).width + 28);
+            }
+            // Later rows of a text may be longer.
+            const room = column.as === 'text' ? Math.min(column.length || 0, 16) * 7 + 28 : 64;
+            return Math.round(Math.min(Math.max(width, room, 64), 340));
+        });
+        this.numberWidth = Math.max(44, pen.measureText(String(this.source.records || this.count)).width + 26);
+        this.place();
+    }
+
+    place() {
+        this.lefts = [];
+        let left = this.numberWidth;
+        for (const width of this.widths) {
+            this.lefts.push(left);
+            left += width;
+        }
+        this.width = left;
+    }
+
+    heading() {
+        this.head.replaceChildren(element('div', 'corner'));
+        this.head.firstChild.style.width = `${this.numberWidth}px`;
+        this.head.firstChild.setAttribute('role', 'presentation');
+        this.columns.forEach((column, i) => {
+            const cell = role('columnheader', isNumber(column) ? 'number' : '');
+            cell.append(element('span', 'name', column.name));
+            cell.style.width = `${this.widths[i]}px`;
+            cell.setAttribute('aria-colindex', String(i + 1));
+            cell.title = column.what ? `${column.name}: ${typeLine(column)}` : column.name;
+            if (this.source.sortable) {
+                const sorted = this.sort && this.sort.column === i;
+                cell.setAttribute('aria-sort', !sorted ? 'none' : this.sort.descending ? 'descending' : 'ascending');
+                cell.addEventListener('click', () => this.on.sort(i));
+            }
+            const handle = element('span', 'handle');
+            handle.addEventListener('click', (e) => e.stopPropagation());
+            handle.addEventListener('pointerdown', (e) => this.resize(e, i));
+            cell.append(handle);
+            this.head.append(cell);
+        });
+        this.head.style.width = this.body.style.width = `${this.width}px`;
+    }
+
+    resize(event, column) {
+        event.preventDefault();
+        const start = event.clientX - this.widths[column];
+        const move = (e) => {
+            this.widths[column] = Math.max(40, e.clientX - start);
+            this.place();
+            this.heading();
+            this.redraw();
+        };
+        addEventListener('pointermove', move);
+        addEventListener('pointerup', () => removeEventListener('pointermove', move), {once: true});
+    }
+
+    // -----------------------------------------------------------------------------------------
+    // Rows
+    // -----------------------------------------------------------------------------------------
+
+    // The rows of a chunk; asked for once. More than a few chunks are not kept.
+    chunk(number) {
+        const known = this.chunks.get(number);
+        if (known) return known;
+        const source = this.source;
+        const asked = source.rows(number * kChunk, kChunk).then((rows) => {
+            if (this.source === source && this.chunks.get(number) === asked) this.chunks.set(number, rows);
+            return rows;
+        });
+        this.chunks.set(number, asked);
+        if (this.chunks.size > 24) this.chunks.delete(this.chunks.keys().next().value);
+        return asked;
+    }
+
+    rowData(row) {
+        const chunk = this.chunks.get(Math.floor(row / kChunk));
+        return Array.isArray(chunk) ? chunk[row % kChunk] : undefined;
+    }
+
+    inSight() {
+        return Math.max(1, Math.floor((this.root.clientHeight - kRow) / kRow));
+    }
+
+    // Where the rows lie: the height of all of them, and by how much the bar is scaled.
+    layout() {
+        const height = Math.min(this.count * kRow, kTallest);
+        const most = Math.max(height + kRow - this.root.clientHeight, 0);
+        const rows = Math.max(this.count * kRow + kRow - this.root.clientHeight, 0);
+        return {height, most, rows, scaled: this.count * kRow > kTallest};
+    }
+
+    draw() {
+        if (!this.source || !this.lefts) return;
+        const {height, most, rows, scaled} = this.layout();
+        this.body.style.height = `${height}px`;
+        const top = scaled ? (Math.min(this.root.scrollTop, most) / (most || 1)) * rows : this.root.scrollTop;
+        const shift = scaled ? this.root.scrollTop - top : 0;
+        const first = Math.max(0, Math.floor(top / kRow) - kAhead);
+        const last = Math.min(this.count, first + this.inSight() + 2 * kAhead + 2);
+        const [from, to] = this.columnsInSight();
+        const key = `${from}:${to}`;
+        if (this.columnKey !== key || this.shift !== shift) this.drawn.forEach((row) => (row.stale = true));
+        this.columnKey = key;
+        this.shift = shift;
+        for (const [number, row] of this.drawn) {
+            if (number < first || number >= last) {
+                row.remove();
+                this.drawn.delete(number);
+            }
+        }
+        const missing = new Set();
+        for (let number = first; number < last; number++) {
+            const data = this.rowData(number);
+            if (!data) missing.add(Math.floor(number / kChunk));
+            const old = this.drawn.get(number);
+            if (old && !old.stale && old.data === data) continue;
+            const row = this.drawRow(number, data, from, to);
+            row.style.transform = `translateY(${number * kRow + shift}px)`;
+            row.data = data;
+            old ? old.replaceWith(row) : this.body.append(row);
+            this.drawn.set(number, row);
+        }
+        for (const number of missing) this.fetch(number);
+        this.mark();
+    }
+
+    redraw() {
+        this.drawn.forEach((row) => (row.stale = true));
+        this.columnKey = '';
+        this.draw();
+    }
+
+    async fetch(number) {
+        const asked = this.chunk(number);
+        if (!(asked instanceof Promise)) return;
+        try {
+            await asked;
+            this.draw();
+        } catch (e) {
+            this.chunks.delete(number);
+            this.on.fail(e);
+        }
+    }
+
+    columnsInSight() {
+        if (this.columns.length <= kManyColumns) return [0, this.columns.length];
+        const left = this.root.scrollLeft;
+        const right = left + this.root.clientWidth;
+        let from = 0;
+        while (from + 1 < this.columns.length && this.lefts[from + 1] < left) from++;
+        let to = from;
+        while (to < this.columns.length && this.lefts[to] < right) to++;
+        return [Math.max(0, from - 4), Math.min(this.columns.length, to + 4)];
+    }
+
+    drawRow(number, data, from, to) {
+        const row = role('row', data && data.d ? 'row deleted' : 'row');
+        row.setAttribute('aria-rowindex', String(number + 2));
+        row.style.width = `${this.width}px`;
+        const head = role('rowheader', 'record', data ? data.r.toLocaleString('en') : '');
+        head.style.width = `${this.numberWidth}px`;
+        if (data && data.d) head.title = 'This record is marked deleted';
+        row.append(head);
+        for (let i = from; i < to; i++) {
+            const cell = this.drawCell(data ? data.c[i] : '', this.columns[i]);
+            cell.id = `c${number}-${i}`;
+            cell.setAttribute('aria-colindex', String(i + 1));
+            cell.style.width = `${this.widths[i]}px`;
+            cell.style.left = `${this.lefts[i]}px`;
+            cell.dataset.column = i;
+            row.append(cell);
+        }
+        row.dataset.row = number;
+        return row;
+    }
+
+    drawCell(value, column) {
+        const cell = role('gridcell', isNumber(column) ? 'number' : column.as || '', cellText(value));
+        if (value === null) {
+            cell.classList.add('null');
+            cell.setAttribute('aria-label', 'null');
+        } else if (typeof value === 'object') {
+            if (value.b !== undefined) {
+                cell.classList.add('bytes');
+                cell.dataset.shown = describe(value);
+                cell.setAttribute('aria-label', describe(value));
+            }
+            if (value.f) {
+                cell.classList.add('fault');
+                cell.title = value.f;
+            }
+        }
+        return cell;
+    }
+
+    // -----------------------------------------------------------------------------------------
+    // The chosen cells
+    // -----------------------------------------------------------------------------------------
+
+    mark() {
+        const rows = [this.anchorRow, this.row].sort((a, b) => a - b);
+        const columns = [this.anchorColumn, this.column].sort((a, b) => a - b);
+        for (const cell of this.body.querySelectorAll('.chosen, .active')) cell.classList.remove('chosen', 'active');
+        const several = rows[0] !== rows[1] || columns[0] !== columns[1];
+        for (const [number, row] of several ? this.drawn : []) {
+            if (number < rows[0] || number > rows[1]) continue;
+            for (const cell of row.children) {
+                const at = Number(cell.dataset.column);
+                if (at >= columns[0] && at <= columns[1]) cell.classList.add('chosen');
+            }
+        }
+        const active = document.getElementById(`c${this.row}-${this.column}`);
+        if (active) active.classList.add('active');
+        this.root.setAttribute('aria-activedescendant', active ? active.id : '');
+    }
+
+    choose(row, column, extend) {
+        if (!this.count || !this.columns.length) return;
+        this.row = Math.min(Math.max(row, 0), this.count - 1);
+        this.column = Math.min(Math.max(column, 0), this.columns.length - 1);
+        if (!extend) [this.anchorRow, this.anchorColumn] = [this.row, this.column];
+        this.reveal();
+        this.draw();
+        this.on.select(this.row, this.column);
+    }
+
+    reveal() {
+        const {most, rows, scaled} = this.layout();
+        const real = scaled ? (this.root.scrollTop / (most || 1)) * rows : this.root.scrollTop;
+        const top = this.row * kRow;
+        const room = this.root.clientHeight - 2 * kRow;
+        const wanted = top < real ? top : top > real + room ? top - room : real;
+        if (wanted !== real) this.root.scrollTop = scaled ? (wanted / (rows || 1)) * most : wanted;
+        const left = this.lefts[this.column];
+        const right = left + this.widths[this.column];
+        if (left - this.numberWidth < this.root.scrollLeft) {
+            this.root.scrollLeft = left - this.numberWidth;
+        } else if (right > this.root.scrollLeft + this.root.clientWidth) {
+            this.root.scrollLeft = Math.min(right - this.root.clientWidth, left - this.numberWidth);
+        }
+    }
+
+    press(event) {
+        const cell = event.target.closest('[role=gridcell]');
+        if (!cell || event.button !== 0) return;
+        event.preventDefault();
+        this.root.focus({preventScroll: true});
+        this.choose(Number(cell.parentNode.dataset.row), Number(cell.dataset.column), event.shiftKey);
+        const drag = (e) => {
+            const over = e.target.closest && e.target.closest('[role=gridcell]');
+            if (over && this.body.contains(over)) {
+                this.choose(Number(over.parentNode.dataset.row), Number(over.dataset.column), true);
+            }
+        };
+        this.body.addEventListener('mouseover', drag);
+        addEventListener('mouseup', () => this.body.removeEventListener('mouseover', drag), {once: true});
+    }
+
+    key(event) {
+        const control = event.ctrlKey || event.metaKey;
+        const page = this.inSight() - 1;
+        const moves = {
+            ArrowUp: [control ? -Infinity : -1, 0],
+            ArrowDown: [control ? Infinity : 1, 0],
+            ArrowLeft: [0, control ? -Infinity : -1],
+            ArrowRight: [0, control ? Infinity : 1],
+            PageUp: [-page, 0],
+            PageDown: [page, 0],
+            Home: [control ? -Infinity : 0, -Infinity],
+            End: [control ? Infinity : 0, Infinity],
+        };
+        const move = moves[event.key];
+        if (move && !event.altKey) {
+            event.preventDefault();
+            this.choose(this.row + move[0], this.column + move[1], event.shiftKey);
+        } else if (event.key === 'Enter') {
+            event.preventDefault();
+            this.on.open(this.row, this.column);
+        } else if (event.key === 'a' && control) {
+            event.preventDefault();
+            [this.anchorRow, this.anchorColumn] = [0, 0];
+            [this.row, this.column] = [this.count - 1, this.columns.length - 1];
+            this.draw();
+        } else if (event.key === 'c' && control) {
+            event.preventDefault();
+            this.toClipboard().catch(this.on.fail);
+        }
+    }
+
+    // What is chosen, with tabs between cells, as spreadsheets take it.
+    async chosenText() {
+        const rows = [this.anchorRow, this.row].sort((a, b) => a - b);
+        const columns = [this.anchorColumn, this.column].sort((a, b) => a - b);
+        const single = rows[0] === rows[1] && columns[0] === columns[1];
+        if (single && this.source.whole) return this.source.whole(this.row, this.column);
+        if ((rows[1] - rows[0] + 1) * (columns[1] - columns[0] + 1) > 1e6) {
+            throw new Error('too many cells to copy; "Export CSV" writes all of them');
+        }
+        const lines = [];
+        for (let first = rows[0]; first <= rows[1]; first += 1000) {
+            for (const data of await this.source.rows(first, Math.min(1000, rows[1] + 1 - first))) {
+                lines.push(data.c.slice(columns[0], columns[1] + 1).map((cell) => cellText(cell).replace(/[\t\r\n]+/g, ' ')).join('\t'));
+            }
+        }
+        return lines.join('\n');
+    }
+
+    async toClipboard() {
+        if (!this.count) return;
+        const text = await this.chosenText();
+        try {
+            await navigator.clipboard.writeText(text);
+        } catch (e) {
+            // Not allowed everywhere; the older way is.
+            this.toCopy = text;
+            document.execCommand('copy');
+        }
+        this.on.copied(text);
+    }
+
+    copy(event) {
+        if (this.toCopy === undefined) return;
+        event.preventDefault();
+        event.clipboardData.setData('text/plain', this.toCopy);
+        this.toCopy = undefined;
+    }
+}
