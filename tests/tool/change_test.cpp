@@ -199,8 +199,8 @@ namespace {
 using namespace test;
 
 const bool all = std::getenv("MIRA_FAULT_ALL") != nullptr;
-// A child costs twenty times as much under the sanitizers: every seventh command meets the same code,
-// each of another format.
+// A child costs twenty times as much under the sanitizers: every seventh command meets the same
+// code, each of another format.
 #ifdef MIRA_SANITIZED
 constexpr std::size_t kEvery = 7;
 #else
