@@ -498,6 +498,11 @@ void makeTable(const Target& target, const std::vector<FieldPlan>& fields, Table
     patch(target, kFlagsPlace, bytes, sizeof bytes);
 }
 
+u8 markToKeep(const Table& like) {
+    const PageChoice& page = like.page;
+    return page.from == "--code-page" || page.from == ".cpg" ? markOf(*page.page) : u8{0};
+}
+
 void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize) {
     std::string image = emptyHead(like);
     if (mark != 0) image[kMarkPlace] = static_cast<char>(mark);

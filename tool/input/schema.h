@@ -58,5 +58,7 @@ void makeTable(const Target& target, const std::vector<FieldPlan>& fields, Table
                const CodePage& page, u32 blockSize);
 /// Writes an empty table with structure, flags and mark of another one; mark 0 keeps that one's.
 void makeLike(const Target& target, const Table& like, u8 mark, u32 blockSize);
+/// The mark for it: 0, unless the page of the other's texts does not come from its mark.
+u8 markToKeep(const Table& like);
 
 }  // namespace mira::tool

@@ -2,15 +2,22 @@
 // first.
 #include "tables/change/append.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <optional>
 
 #include "command/command.h"
 #include "input/mapping.h"
+#include "input/schema.h"
+#include "select/opening.h"
+#include "tables/change/swap.h"
+#include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "tables/store/transfer.h"
 #include "terminal/message.h"
 #include "terminal/status.h"
 #include "write/change.h"
+#include "write/newtable.h"
 
 namespace mira::tool {
 namespace {
@@ -19,6 +26,7 @@ struct Options {
     std::string name;
     std::vector<std::string> sources;
     SelectOptions select;
+    bool recursive = false, isNew = false;
     bool strict = false, lenient = false;
     ChangeOptions change;
 };
@@ -26,11 +34,13 @@ struct Options {
 /// The way of all records into the table.
 struct Appender {
     const Options& options;
+    const std::vector<std::string>& sources;
     Table& table;
     u64 records = 0, faults = 0;
     bool silent = false;  ///< what does not fit has been told
     std::vector<Encoded> values{};
-    Change* change = nullptr;  ///< null: only tell what does not fit
+    bool writes = false;       ///< else only what does not fit is told
+    Change* change = nullptr;  ///< of a table that is there; a new one is written as it is
 };
 
 void tellValue(Appender& appender, const Selection& source, const Column& column,
@@ -64,11 +74,14 @@ void encodeRecord(Appender& appender, Selection& source, const Mapping& mapping)
 void writeRecord(Appender& appender, const Selection& source) {
     Table& table = appender.table;
     newRecord(table);
+    Change* const change = appender.change;
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
-        appender.change->put(table.columns[i], appender.values[i]);
+        const Column& column = table.columns[i];
+        const Encoded& value = appender.values[i];
+        change != nullptr ? change->put(column, value) : putValue(table, column, value);
     }
     if (isDeleted(*source.table)) table.base->RecordBuffer[0] = '*';
-    appender.change->appendRecord();
+    change != nullptr ? change->appendRecord() : appendRecord(table);
 }
 
 /// Takes the records of all sources.
@@ -77,7 +90,7 @@ void takeRecords(Appender& appender) {
     if (appender.silent) told.emplace();
     appender.records = appender.faults = 0;
     loadCounters(appender.table);
-    for (const std::string& name : appender.options.sources) {
+    for (const std::string& name : appender.sources) {
         const auto source = selectFrom(name, appender.options.select);
         std::vector<std::string> names;
         for (const Column& column : source->columns) names.push_back(column.name);
@@ -85,38 +98,88 @@ void takeRecords(Appender& appender) {
         while (nextRow(*source)) {
             ++appender.records;
             encodeRecord(appender, *source, mapping);
-            if (appender.change != nullptr) writeRecord(appender, *source);
+            if (appender.writes) writeRecord(appender, *source);
         }
         tellFaults(*source);
     }
 }
 
-Status run(const Options& options) {
-    const auto table = openToChange(options.name, {.codePage = options.select.table.codePage});
-    refuseBesideShapes(*table, options.change);
-    Appender appender{options, *table};
+/// Looks at all records first; then write takes them into the table.
+template <typename Write>
+Status appendTo(Appender& appender, const Write& write) {
+    const Options& options = appender.options;
+    const std::string& path = appender.table.path;
     takeRecords(appender);
     if (appender.faults != 0 && !options.lenient) {
-        refuse(table->path, ": ", counted(appender.faults, "value"),
+        refuse(path, ": ", counted(appender.faults, "value"),
                appender.faults == 1 ? " does" : " do",
                " not fit, nothing is written; --lenient leaves them blank");
     }
-    if (!options.change.dryRun && appender.records != 0) {
-        Changing changing(*table, options.change);
-        appender.change = &*changing;
-        appender.silent = true;
-        takeRecords(appender);
-        leaveIfStopped();
-        changing.commit();
+    if (!options.change.dryRun) {
+        appender.silent = appender.writes = true;
+        write();
     }
-    tellPage(*table);
-    note("{}: {} {}appended", table->path, counted(appender.records, "record"),
-         options.change.dryRun ? "would be " : "");
+    tellPage(appender.table);
+    note("{}: {} {}{}", path, counted(appender.records, "record"),
+         options.change.dryRun ? "would be " : "", options.isNew ? "written" : "appended");
     if (appender.faults != 0) {
-        note("{}: {} did not fit and {} blank", table->path, counted(appender.faults, "value"),
+        note("{}: {} did not fit and {} blank", path, counted(appender.faults, "value"),
              appender.faults == 1 ? "is" : "are");
     }
     return appender.faults != 0 ? kFound : kDone;
+}
+
+/// The tables that names and folders stand for, without the one that grows.
+std::vector<std::string> sourcesOf(const Options& options, const std::string& path) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> sources = findToRead(options.sources, options.recursive);
+    const auto inFolder = [&](const std::string& source) {
+        std::error_code error;
+        return fs::equivalent(source, path, error) &&
+               std::none_of(options.sources.begin(), options.sources.end(),
+                            [&](const std::string& name) { return sameText(name, source); });
+    };
+    sources.erase(std::remove_if(sources.begin(), sources.end(), inFolder), sources.end());
+    return sources;
+}
+
+Status create(const Options& options) {
+    ChangeOptions free = options.change;
+    free.force = false;  // that is about shapes
+    const Target target = newTableTarget(options.name, free, "without --new it grows");
+    const std::vector<std::string> sources = sourcesOf(options, target.path);
+    if (sources.empty()) refuse(joined(options.sources), ": no tables");
+    const TableOptions wanted{.codePage = options.select.table.codePage};
+    const auto like = openToRead(sources.front(), wanted);
+    Swap swap(target.path);
+    makeLike({target.path, swap.newTable()}, *like, markToKeep(*like), 0);
+    const auto table =
+        openTable(swap.newTable(), {.codePage = pageName(*like->page.page), .writable = true});
+    table->path = target.path;  // for messages: there it will be
+    checkFree(*table, target, free);
+    Appender appender{options, sources, *table};
+    return appendTo(appender, [&] {
+        takeRecords(appender);
+        finishAppend(*table);
+        leaveIfStopped();
+        swap.commit(backupsOf(free), memoTarget(*table, target).filename().string());
+    });
+}
+
+Status run(const Options& options) {
+    if (options.isNew) return create(options);
+    const auto table = openToChange(options.name, {.codePage = options.select.table.codePage});
+    refuseBesideShapes(*table, options.change);
+    const std::vector<std::string> sources = sourcesOf(options, table->path);
+    Appender appender{options, sources, *table};
+    return appendTo(appender, [&] {
+        if (appender.records == 0) return;
+        Changing changing(*table, options.change);
+        appender.change = &*changing;
+        takeRecords(appender);
+        leaveIfStopped();
+        changing.commit();
+    });
 }
 
 }  // namespace
@@ -127,9 +190,13 @@ void addAppend(CLI::App& program, Job& job) {
                    "Examples:\n"
                    "  mira append stock more other/stock\n"
                    "  mira append stock more -w 'PRICE>10' --dry-run\n"
-                   "  mira append members new -x MEMBER");
+                   "  mira append members new -x MEMBER\n"
+                   "  mira append --new all folder");
     command.add_option("TABLE", options.name, "The table that grows")->required();
-    command.add_option("SOURCE", options.sources, "Tables whose records it gets")->required();
+    command.add_option("SOURCE", options.sources, "Tables and folders whose records it gets")
+        ->required();
+    command.add_flag("--new", options.isNew, "Make TABLE, with the fields of the first source");
+    command.add_flag("-R,--recursive", options.recursive, "Folders with those below them");
     addSelectOptions(command, options.select);
     auto* const strict = command.add_flag("--strict", options.strict,
                                           "Write nothing when a value does not fit (default)");

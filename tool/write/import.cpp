@@ -360,10 +360,7 @@ void makeEmptyTable(const Target& target, const Plan& plan, const Options& optio
         makeTable(target, plan.fields, options.kind, *openPage(plan.codePage), options.blockSize);
         return;
     }
-    // The mark stays, unless the page comes from elsewhere.
-    const PageChoice& page = plan.like->page;
-    const bool elsewhere = page.from == "--code-page" || page.from == ".cpg";
-    makeLike(target, *plan.like, elsewhere ? markOf(*page.page) : u8{0}, options.blockSize);
+    makeLike(target, *plan.like, markToKeep(*plan.like), options.blockSize);
 }
 
 /// Fields of an inferred plan are found by place, as their names may differ from the headings.
