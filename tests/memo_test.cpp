@@ -152,7 +152,7 @@ TEST(Memo, FilesOfOthers) {
 
 TEST(Memo, ExactReferences) {
     const Folder folder;
-    static const struct {
+    const struct {
         u8 version;
         Column column;
         std::string bytes;
