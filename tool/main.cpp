@@ -50,12 +50,27 @@ void apply(const Common& common) {
     if (common.noProgress) setProgress(ProgressMode::Never);
 }
 
+/// What is hardly more than misspelt of the options that a command does not know; empty for nothing.
+std::string misspelt(const CLI::App& command) {
+    std::vector<std::string> known;
+    for (const CLI::Option* option : command.get_options()) {
+        for (const std::string& name : option->get_lnames()) known.push_back("--" + name);
+    }
+    for (const std::string& word : command.remaining()) {
+        const std::string nearest = word.starts_with("--") ? nearestName(word, known) : "";
+        if (!nearest.empty()) return word + ": no such option; did you mean " + nearest + "?";
+    }
+    return {};
+}
+
 /// Says what is wrong with the command line.
 Status refuseLine(const CLI::App& program, const CLI::ParseError& reason,
                   const std::string& first) {
     const auto chosen = program.get_subcommands();
     if (!chosen.empty()) {
-        error("{}; `mira {} --help` says how", reason.what(), chosen.front()->get_name());
+        const std::string near = misspelt(*chosen.front());
+        error("{}; `mira {} --help` says how", near.empty() ? reason.what() : near,
+              chosen.front()->get_name());
     } else if (first.empty() || first.front() == '-') {
         error("{}; `mira --help` lists the commands", first.empty() ? "no command" : reason.what());
     } else {

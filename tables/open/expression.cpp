@@ -112,10 +112,15 @@ bool isComputable(const Table& table, std::string_view expression, bool anyColum
 }
 
 std::string forLibrary(const Table& table, std::string_view expression) {
-    std::string out;
+    std::string out, between;
+    const auto putBetween = [&] {  // texts in quotes, too
+        putInPage(table, between, out);
+        between.clear();
+    };
     eachWord(
         expression,
         [&](std::string_view word, std::string_view) {
+            putBetween();
             if (const Column* column = columnOfWord(table, word)) {
                 out += libraryName(table, *column);
                 return;
@@ -127,7 +132,8 @@ std::string forLibrary(const Table& table, std::string_view expression) {
                 out += '"';
             }
         },
-        [&](char c) { out += c; });
+        [&](char c) { between += c; });
+    putBetween();
     return out;
 }
 

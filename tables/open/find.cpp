@@ -126,9 +126,15 @@ void readNames(const std::string& path, Listing::Folder& folder) {
     folder.error.assign(errno, std::generic_category());
 }
 
-/// The table of the same folder whose name is nearest to one that is not there; empty when none is
-/// near.
+/// The table of the same folder whose name is nearest to one that is not there, or of that name
+/// anywhere in the same archive; empty when none is near.
 std::string nearestTable(const fs::path& wanted, Listing& listing) {
+    if (const auto in = archivePath(wanted.string())) {
+        const std::string stem = foldCase(stemOf(wanted.string()));
+        for (const std::string& table : tablesInArchive({in->archive, {}})) {
+            if (foldCase(stemOf(table)) == stem) return table;
+        }
+    }
     std::vector<std::string> names;
     collect(wanted.parent_path().string(), listing.folder(wanted.parent_path()), names);
     for (std::string& name : names) name = stemOf(name);
@@ -144,7 +150,7 @@ std::string checked(const std::string& path) {
     if (isInArchive(path)) return path;
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
-    if (fs::is_directory(status)) refuse(path, ": is a folder, not a table");
+    if (fs::is_directory(status)) refuse(path, ": is a folder, not a table; `mira tables` lists those in it");
     if (!fs::exists(status) && fs::is_symlink(fs::symlink_status(path, error))) {
         refuse(path, ": is a link that leads nowhere");
     }

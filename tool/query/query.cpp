@@ -420,6 +420,10 @@ std::string statementsOf(const Options& options, std::vector<std::string>* table
     if (tables->empty()) refuse("a statement is missing; `mira query --help` says how");
     const std::string sql = tables->front();
     tables->erase(tables->begin());
+    if (std::error_code error; sql != "-" && std::filesystem::exists(sql, error)) {
+        refuse(sql, ": is no statement; that comes first, then tables and folders; -f ", sql,
+               " reads statements from a file");
+    }
     return sql == "-" ? readStatements(sql) : sql;
 }
 

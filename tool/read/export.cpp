@@ -247,6 +247,9 @@ void exportTexts(Work& work) {
             "several tables need -o FOLDER, -o NAME.db for one database, or -o NAME.csv for one "
             "file of tables that have the same structure");
     }
+    if (work.several && foldCase(fs::path(options.out).extension().string()) == ".dbf") {
+        refuse(options.out, ": export makes no tables; `mira append --new` makes one of several");
+    }
     nameTargets(work);
     const bool made = work.several && makeFolder(options.out, "several tables go");
     const std::size_t threads =
