@@ -50,7 +50,8 @@ void apply(const Common& common) {
     if (common.noProgress) setProgress(ProgressMode::Never);
 }
 
-/// What is hardly more than misspelt of the options that a command does not know; empty for nothing.
+/// What is hardly more than misspelt of the options that a command does not know; empty for
+/// nothing.
 std::string misspelt(const CLI::App& command) {
     std::vector<std::string> known;
     for (const CLI::Option* option : command.get_options()) {

@@ -150,7 +150,8 @@ std::string checked(const std::string& path) {
     if (isInArchive(path)) return path;
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
-    if (fs::is_directory(status)) refuse(path, ": is a folder, not a table; `mira tables` lists those in it");
+    if (fs::is_directory(status))
+        refuse(path, ": is a folder, not a table; `mira tables` lists those in it");
     if (!fs::exists(status) && fs::is_symlink(fs::symlink_status(path, error))) {
         refuse(path, ": is a link that leads nowhere");
     }

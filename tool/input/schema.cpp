@@ -10,6 +10,7 @@
 #include "tables/change/append.h"
 #include "tables/page/refusal.h"
 #include "tables/store/store.h"
+#include "terminal/message.h"
 #include "terminal/progress.h"
 #include "terminal/status.h"
 
@@ -208,10 +209,15 @@ FieldPlan fieldOf(const Part& part, TableKind kind) {
 // As the values suggest them
 // ---------------------------------------------------------------------------------------------
 
+/// How dates are written elsewhere; the first that all values are in is named.
+constexpr const char* kForeignDates[] = {"DD.MM.YYYY", "DD/MM/YYYY", "MM/DD/YYYY"};
+
 /// What all values of a column have in common.
 struct Common {
     bool any = false;
     bool number = true, date = true, logical = true, base64 = true;
+    bool comma = true;       ///< numbers with a decimal comma
+    unsigned foreign = ~0U;  ///< a bit for each of kForeignDates that all are in
     bool negative = false;
     std::size_t digits = 1, decimals = 0;  ///< before and after the point
     std::size_t width = 1;                 ///< bytes in the table's page
@@ -235,6 +241,27 @@ bool addNumber(std::string_view text, Common* common) {
 
 bool isDate(std::string_view text) { return text.size() == 10 && readMoment(text); }
 
+/// Whether numbers and dates could be meant that the notation does not know.
+void addForeign(std::string_view text, std::string* scratch, Common* common) {
+    static const Notation comma = notationOf(",", "");
+    common->comma = common->comma && text.find(',') != std::string_view::npos &&
+                    plainNumber(comma, text, *scratch).has_value();
+    for (std::size_t i = 0; common->foreign != 0 && i < std::size(kForeignDates); ++i) {
+        const unsigned bit = 1U << i;
+        if ((common->foreign & bit) == 0) continue;
+        if (!isDate(plainDate({'.', kForeignDates[i]}, text, *scratch))) common->foreign &= ~bit;
+    }
+}
+
+void tellForeign(const FieldPlan& field, const Common& common) {
+    if (field.type != 'C' || !common.any) return;
+    if (common.comma) note("{}: numbers with a comma? --decimal , reads them", field.name);
+    for (std::size_t i = 0; i < std::size(kForeignDates); ++i) {
+        if ((common.foreign >> i & 1U) == 0) continue;
+        return note("{0}: dates? --date-format {1} reads them", field.name, kForeignDates[i]);
+    }
+}
+
 void addValue(std::string_view text, const Notation& notation, const CodePage& page,
               std::string* scratch, Common* common) {
     if (text.empty()) return;
@@ -245,6 +272,7 @@ void addValue(std::string_view text, const Notation& notation, const CodePage& p
     common->logical = common->logical && (sameText(text, "true") || sameText(text, "false"));
     common->base64 = common->base64 && text.starts_with(kBase64) &&
                      decodeBase64(text.substr(kBase64.size())).has_value();
+    addForeign(text, scratch, common);
     scratch->clear();
     // What the page lacks is told later; until then its UTF-8 gives the width.
     const bool known = fromUtf8(page, text, *scratch);
@@ -464,6 +492,7 @@ std::vector<FieldPlan> inferFields(CsvReader& csv, const std::vector<std::string
     for (std::size_t i = 0; i < headings.size(); ++i) {
         fields.push_back(fieldFor(columns[i]));
         fields.back().name = uniqueName(plainName(headings[i], limit, i + 1), limit, &taken);
+        tellForeign(fields.back(), columns[i]);
     }
     return fields;
 }

@@ -61,6 +61,7 @@ class Grid {
         }
         this.root.scrollTop = 0;
         this.body.replaceChildren();
+        this.drawn = new Map(); // a scroll may have drawn some meanwhile
         this.heading();
         this.draw();
     }
