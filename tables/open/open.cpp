@@ -45,7 +45,7 @@ std::string whyNotOpened(const std::string& path) {
     if (got == 0) return "the file is empty";
     if (got < sizeof start) return "no table: shorter than a table's header";
     if (start[0] == 0x02) return "tables of dBase II are not supported";
-    return "no table, or its header is damaged beyond repair";
+    return "no table, or its header is damaged; `mira repair` saves what can be saved";
 }
 
 /// For the library: names in other letter case by a Listing.

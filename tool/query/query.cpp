@@ -420,9 +420,11 @@ std::string statementsOf(const Options& options, std::vector<std::string>* table
     if (tables->empty()) refuse("a statement is missing; `mira query --help` says how");
     const std::string sql = tables->front();
     tables->erase(tables->begin());
-    if (std::error_code error; sql != "-" && std::filesystem::exists(sql, error)) {
-        refuse(sql, ": is no statement; that comes first, then tables and folders; -f ", sql,
-               " reads statements from a file");
+    // No statement is one word without parentheses.
+    if (sql != "-" && sql.find_first_of(" \t\n(;") == std::string::npos) {
+        refuse(sql,
+               ": is no statement; that comes first, then tables and folders; -f FILE reads "
+               "statements from a file");
     }
     return sql == "-" ? readStatements(sql) : sql;
 }

@@ -70,11 +70,23 @@ std::string jsonOf(const Rescued& saved) {
     return object.whole();
 }
 
+/// Where nothing is certain the fields are hardly the right ones.
+void tellFields(const Options& options, const Rescued& saved) {
+    if (saved.doubtful != saved.saved || !options.like.empty() || !options.schema.empty()) return;
+    note(
+        "all records are doubtful; with --like SOUND or --schema, which tell the fields, "
+        "there may be fewer");
+}
+
 /// Lays the new table without records, and looks how the damaged one is to be read.
 Damaged begin(const Options& options, const std::string& source, const std::string& made) {
     if (!options.schema.empty()) {
         const auto page = openPage(options.codePage.empty() ? "437" : options.codePage);
         if (!page) refuse("--code-page ", options.codePage, ": no such code page");
+        if (options.codePage.empty()) {
+            note("code page {} is only a default; --code-page NAME says which it is",
+                 pageName(*page));
+        }
         makeTable({made, made}, parseSchema(options.schema, options.kind), options.kind, *page, 0);
         return examine(source, openTable(made, {}).get(), leaveIfStopped);
     }
@@ -160,6 +172,7 @@ Status run(const Options& options) {
         out.put(escaped(summaryOf(target.path, saved)) + "\n");
     }
     out.finish();
+    tellFields(options, saved);
     return saved.whole() ? kDone : kFound;
 }
 
