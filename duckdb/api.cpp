@@ -39,7 +39,7 @@ std::vector<std::string> Value::pairs() const {
         return pairs;
     }
     if (type() != DUCKDB_TYPE_STRUCT) return {text()};
-    const duckdb_logical_type type = duckdb_get_value_type(value_);
+    duckdb_logical_type type = duckdb_get_value_type(value_);
     const idx_t count = duckdb_struct_type_child_count(type);
     for (idx_t i = 0; i < count; ++i) {
         pairs.push_back(taken(duckdb_struct_type_child_name(type, i)) + "=" +

@@ -192,7 +192,7 @@ std::size_t readRows(const Plan& plan, Scan& scan, Reader& reader, std::size_t m
 void putRows(const Scan& scan, Reader& reader, std::size_t rows, duckdb_data_chunk chunk) {
     std::size_t field = 0;
     for (std::size_t i = 0; i < scan.wanted.size(); ++i) {
-        const duckdb_vector to = duckdb_data_chunk_get_vector(chunk, i);
+        duckdb_vector to = duckdb_data_chunk_get_vector(chunk, i);
         if (scan.wanted[i]) {
             putColumn(scan.fields[field], reader.vectors[field], to);
             ++field;

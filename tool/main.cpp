@@ -59,7 +59,9 @@ std::string misspelt(const CLI::App& command) {
     }
     for (const std::string& word : command.remaining()) {
         const std::string nearest = word.starts_with("--") ? nearestName(word, known) : "";
-        if (!nearest.empty()) return word + ": no such option; did you mean " + nearest + "?";
+        if (!nearest.empty()) {
+            return mira::tables::textOf(word, ": no such option; did you mean ", nearest, '?');
+        }
     }
     return {};
 }

@@ -94,7 +94,7 @@ std::string memosInArchive(const std::string& path, const char* usual, Listing* 
     std::string own = fs::path(path).extension().string();
     if (own.size() == 4 && (own.back() == 'x' || own.back() == 'X')) {
         own.back() = own.back() == 'X' ? 'T' : 't';  // forms and reports: .scx, .sct
-        const std::string found = beside(path, own, listing);
+        std::string found = beside(path, own, listing);
         if (!found.empty()) return found;
     }
     const std::string found = inAnyCase(usual, listing);
