@@ -291,9 +291,11 @@ private:
 void checkOpens(const Table& to) {
     const auto opened = openTable(to.base->FileName, {.codePage = to.options.codePage});
     const DbfHeader &wanted = to.base->Header, &found = opened->base->Header;
+    const bool readsMemos = opened->memoFormat != MemoFormat::None && !memoFileOf(*opened).empty();
     if (found.RecordCount != wanted.RecordCount || found.RecordLength != wanted.RecordLength ||
         opened->base->FieldCount != to.base->FieldCount ||
-        opened->base->Level7 != to.base->Level7) {
+        opened->base->Level7 != to.base->Level7 ||
+        (readsMemos && GetBlockSize(opened->base.get()) == 0)) {
         refuse(to.path, ": no sound table can be made of what is left");
     }
 }
