@@ -246,7 +246,8 @@ void addForeign(std::string_view text, std::string* scratch, Common* common) {
     static const Notation comma = notationOf(",", "");
     common->comma = common->comma && text.find(',') != std::string_view::npos &&
                     plainNumber(comma, text, *scratch).has_value();
-    for (std::size_t i = 0; common->foreign != 0 && i < std::size(kForeignDates); ++i) {
+    if (common->date) return;  // as they are exported
+    for (std::size_t i = 0; i < std::size(kForeignDates); ++i) {
         const unsigned bit = 1U << i;
         if ((common->foreign & bit) == 0) continue;
         if (!isDate(plainDate({'.', kForeignDates[i]}, text, *scratch))) common->foreign &= ~bit;

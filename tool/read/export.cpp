@@ -240,6 +240,14 @@ void nameTargets(Work& work) {
                  present ? inputsOf(work) : std::vector<std::string>());
 }
 
+/// For all tables in one file.
+void takeOneTarget(Work& work) {
+    const Options& options = work.options;
+    work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
+    checkTargets(work.targets, options.force,
+                 work.targets[0].exists ? inputsOf(work) : std::vector<std::string>());
+}
+
 void exportTexts(Work& work) {
     const Options& options = work.options;
     if (work.several && (options.out.empty() || options.out == "-")) {
@@ -288,9 +296,7 @@ void checkStructure(const Selection& first, const Selection& other) {
 
 void exportJoined(Work& work) {
     const Options& options = work.options;
-    work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
-    checkTargets(work.targets, options.force,
-                 work.targets[0].exists ? inputsOf(work) : std::vector<std::string>());
+    takeOneTarget(work);
     Output out(work.targets[0], options.force);
     const std::unique_ptr<RowWriter> writer = options.format->make(out, options.writer);
     std::unique_ptr<Selection> first;
@@ -425,9 +431,7 @@ std::unique_ptr<Selection> makeTable(Work& work, ScriptWriter& script, const Fou
 /// more than one is open.
 void exportScript(Work& work) {
     const Options& options = work.options;
-    work.targets.push_back(targetOf(options.out.empty() ? "-" : options.out));
-    checkTargets(work.targets, options.force,
-                 work.targets[0].exists ? inputsOf(work) : std::vector<std::string>());
+    takeOneTarget(work);
     Output out(work.targets[0], options.force);
     const std::unique_ptr<RowWriter> writer = options.format->make(out, options.writer);
     auto& script = dynamic_cast<ScriptWriter&>(*writer);
