@@ -190,6 +190,10 @@ double Reader::worthAt(const Reading& reading, const Fit& fit) const {
         if (bytes % stride == 0) worth += 10;
         if (exact) worth += reading.mended ? kLikely : kLikely / 2;
     }
+    // Whole records from where they usually begin to the end of the file: the count may be old.
+    const u64 usual = listEnd + (said_.visual ? kBackLink : 0);
+    const bool fromUsual = reading.first == usual || reading.first == usual + 1;
+    if (!isBelievable_ && fromUsual && bytes % stride == 0) worth += kLikely;
     return worth;
 }
 

@@ -156,6 +156,12 @@ std::vector<Damage> damages() {
         {"header length 0", header(8, 0)},
         {"header length 1", header(8, 1)},
         {"header length 65535", header(8, 65535)},
+        {"header length 0, count 1",
+         [](Files& f, const Files&, std::mt19937&) {
+             setLe16(f.table, 8, 0);
+             setLe16(f.table, 4, 1);
+             return (f.table[0] & 7) != 4;  // level 7 may have properties before the records
+         }},
         {"count 0", header(4, 0)},
         {"count too large", header(6, 9)},
         {"record length 0", header(10, 0)},
