@@ -80,7 +80,7 @@ Planned& fieldNamed(Plan& plan, const std::string& name) {
 
 void changeTypes(Plan& plan, const Restructure& wanted) {
     for (const std::string& text : wanted.typed) {
-        for (const FieldPlan& field : parseSchema(text, plan.kind, "--type")) {
+        for (const FieldPlan& field : parseSchema(text, plan.kind, plan.pageOf(), "--type")) {
             Planned& planned = fieldNamed(plan, field.name);
             const std::string name = planned.field.name;
             planned.field = field;
@@ -99,7 +99,7 @@ void rename(Plan& plan, const Restructure& wanted) {
         Planned& planned = fieldNamed(plan, text.substr(0, equals));
         planned.field.name = text.substr(equals + 1);
         planned.renamed = true;
-        if (planned.field.name.size() <= nameLimit(plan.kind)) continue;
+        if (isNameShort(planned.field.name, plan.kind, plan.pageOf())) continue;
         refuse("--rename ", text, ": a name has at most ", nameLimit(plan.kind), " bytes");
     }
 }
@@ -128,7 +128,8 @@ void add(Plan& plan, const Restructure& wanted) {
     for (const Addition& addition : wanted.added) {
         std::size_t place =
             addition.after.empty() ? plan.fields.size() : placeBehind(plan, addition.after);
-        for (const FieldPlan& field : parseSchema(addition.fields, plan.kind, "--add")) {
+        for (const FieldPlan& field :
+             parseSchema(addition.fields, plan.kind, plan.pageOf(), "--add")) {
             plan.fields.insert(plan.fields.begin() + static_cast<std::ptrdiff_t>(place++),
                                {field, nullptr, true, true});
         }
@@ -157,20 +158,25 @@ void changeKind(Plan& plan) {
     if (!told.empty()) note("{}: {}", plan.table.path, joined(told));
 }
 
+/// A name with a tail, as much of it as the kind of table takes.
+std::string cutName(const Plan& plan, std::string name, const std::string& tail = {}) {
+    while (!isNameShort(name + tail, plan.kind, plan.pageOf())) {
+        do name.pop_back();
+        while (!isUtf8(name));
+    }
+    return name + tail;
+}
+
 /// Names that the kind of table takes, each another one.
 void fitNames(Plan& plan) {
     std::set<std::string> taken;
     for (Planned& planned : plan.fields) {
         std::string& name = planned.field.name;
         const std::string whole = name;
-        while (name.size() > nameLimit(plan.kind)) {
-            do name.pop_back();
-            while (!isUtf8(name));
-        }
+        name = cutName(plan, whole);
         const bool cut = name != whole;
         for (int n = 2; cut && taken.contains(foldCase(name)); ++n) {
-            const std::string tail = textOf('_', n);
-            name = whole.substr(0, nameLimit(plan.kind) - tail.size()) + tail;
+            name = cutName(plan, whole, textOf('_', n));
         }
         if (cut) note("{}: {} is called {}", plan.table.path, whole, name);
         planned.renamed = planned.renamed || cut;

@@ -186,7 +186,7 @@ void checkSizes(const Part& part, TableKind kind, const TypeRow& row, FieldPlan*
     }
 }
 
-FieldPlan fieldOf(const Part& part, TableKind kind) {
+FieldPlan fieldOf(const Part& part, TableKind kind, const CodePage& page) {
     std::string_view text = trimmed(part.text);
     FieldPlan field;
     field.name = takeName(&text, part);
@@ -199,7 +199,7 @@ FieldPlan fieldOf(const Part& part, TableKind kind) {
     takeSizes(&text, part, &field);
     takeFlags(text, part, kind, &field);
     checkSizes(part, kind, *row, &field);
-    if (field.name.size() > nameLimit(kind)) {
+    if (!isNameShort(field.name, kind, page)) {
         part.fail(textOf("a name has at most ", nameLimit(kind), " bytes"));
     }
     return field;
@@ -394,18 +394,24 @@ std::size_t nameLimit(TableKind kind) {
     return kind == TableKind::Level7 ? kNameLength7 : kNameLength;
 }
 
+bool isNameShort(const std::string& name, TableKind kind, const CodePage& page) {
+    std::string bytes;
+    return !fromUtf8(page, name, bytes) || bytes.size() <= nameLimit(kind);
+}
+
 bool isMemoType(char type, TableKind kind) {
     const TypeRow* const own = typeRow(type, kind);
     const TypeRow* const row = own != nullptr ? own : typeRow(type);
     return row != nullptr && row->kinds.front() == 'm';
 }
 
-std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind, const char* option) {
+std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind, const CodePage& page,
+                                   const char* option) {
     std::vector<FieldPlan> fields;
     std::set<std::string> names;
     for (const std::string_view piece : partsOf(text)) {
         const Part part{piece, option};
-        fields.push_back(fieldOf(part, kind));
+        fields.push_back(fieldOf(part, kind, page));
         if (!names.insert(foldCase(fields.back().name)).second) part.fail("the name is taken");
     }
     if (fields.empty()) Part{text, option}.fail("no fields");

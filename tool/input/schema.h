@@ -28,9 +28,9 @@ struct FieldPlan {
     u8 flags = 0;  ///< kNullable, kBinary, kCounting; in Visual FoxPro
 };
 
-/// "NAME C(20), PRICE N(10,2) NULL, ..." for a kind of table; option is the one that gives the
-/// text. A name with blanks stands in double quotes. Throws a Refusal.
-std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind,
+/// "NAME C(20), PRICE N(10,2) NULL, ..." for a kind of table with names in a page; option is the
+/// one that gives the text. A name with blanks stands in double quotes. Throws a Refusal.
+std::vector<FieldPlan> parseSchema(std::string_view text, TableKind kind, const CodePage& page,
                                    const char* option = "--schema");
 /// The same the other way.
 std::string schemaText(const std::vector<FieldPlan>& fields);
@@ -41,6 +41,8 @@ FieldPlan planOf(const Column& column);
 std::optional<FieldPlan> counterpartOf(const FieldPlan& field, TableKind from, TableKind to);
 /// The most bytes of a name.
 std::size_t nameLimit(TableKind kind);
+/// Whether a name is no longer than that in a page; also when the page lacks some of its letters.
+bool isNameShort(const std::string& name, TableKind kind, const CodePage& page);
 bool isMemoType(char type, TableKind kind);
 
 constexpr std::pair<const char*, TableKind> kKindWords[] = {

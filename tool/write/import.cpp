@@ -346,7 +346,7 @@ Plan planTable(const Options& options, CsvReader& csv, const std::vector<std::st
         note("no mark in a table says {}; whoever reads it must be told", pageName(*page));
     }
     if (!options.schema.empty()) {
-        plan.fields = parseSchema(options.schema, options.kind);
+        plan.fields = parseSchema(options.schema, options.kind, *page);
         return plan;
     }
     plan.fields =

@@ -87,7 +87,8 @@ Damaged begin(const Options& options, const std::string& source, const std::stri
             note("code page {} is only a default; --code-page NAME says which it is",
                  pageName(*page));
         }
-        makeTable({made, made}, parseSchema(options.schema, options.kind), options.kind, *page, 0);
+        makeTable({made, made}, parseSchema(options.schema, options.kind, *page), options.kind,
+                  *page, 0);
         return examine(source, openTable(made, {}).get(), leaveIfStopped);
     }
     const auto like = options.like.empty() ? nullptr : openToRead(options.like, {});
