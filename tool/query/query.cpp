@@ -455,6 +455,11 @@ void openSink(Query& query) {
     Sink& sink = query.sink;
     const bool table = options.format == nullptr && isTableName(options.out);
     if (options.kind && !table) refuse("--kind is for -o NAME.dbf only");
+    const bool backups =
+        options.change.noBackup || options.change.backups != ChangeOptions{}.backups;
+    if (backups && !table && !options.write) {
+        refuse("--no-backup and --backups are for --write and -o NAME.dbf only");
+    }
     sink.target = targetOf(options.out.empty() ? "-" : options.out);
     sink.limit = options.limit == u64{0} ? std::nullopt : options.limit;
     if (!table) sink.format = formatOf(options, sink.target);

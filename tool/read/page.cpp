@@ -3,6 +3,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "command/command.h"
 #include "select/opening.h"
@@ -10,6 +13,7 @@
 #include "tables/open/find.h"
 #include "tables/page/json.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/plain.h"
 #include "terminal/message.h"
 
@@ -53,25 +57,34 @@ std::string pageText() {
     return page;
 }
 
+/// A file that goes into the page.
+struct Part {
+    std::string path;
+    Readable file;  ///< of an archive, unpacked
+};
+
 /// The table and what belongs to it.
-std::vector<std::string> filesOf(const Table& table) {
-    std::vector<std::string> files{table.path};
-    const std::string memos = memoFileOf(table);
-    for (const std::string& file : {memos, beside(table.path, ".cpg")}) {
-        if (!file.empty() && fs::is_regular_file(file)) files.push_back(file);
+std::vector<Part> partsOf(const Table& table) {
+    std::vector<Part> parts;
+    const std::string named = memoFileOf(table);
+    const std::string memos = named.empty() ? named : inAnyCase(named);
+    for (const std::string& path : {table.path, memos, beside(table.path, ".cpg")}) {
+        if (path.empty()) continue;
+        Readable file = readable(path);
+        if (fs::is_regular_file(file.path)) parts.push_back({path, std::move(file)});
     }
-    return files;
+    return parts;
 }
 
 /// A script element of data. No "<" in it, which could end the element.
-std::string dataOf(const std::vector<std::string>& files, const std::string& codePage) {
+std::string dataOf(const std::vector<Part>& parts, const std::string& codePage) {
     std::string list;
-    for (const std::string& file : files) {
+    for (const Part& part : parts) {
         JsonObject object;
-        object.text("name", fs::path(file).filename().string());
-        object.text("page", &file == files.data() ? codePage : "");
+        object.text("name", fs::path(part.path).filename().string());
+        object.text("page", &part == parts.data() ? codePage : "");
         std::string base64;
-        putBase64(base64, wholeFile(file));
+        putBase64(base64, wholeFile(part.file.path));
         object.text("base64", base64);
         list += (list.empty() ? "[" : ",") + object.whole();
     }
@@ -88,9 +101,13 @@ std::string dataOf(const std::vector<std::string>& files, const std::string& cod
 
 Status run(const Options& options) {
     const auto table = openToRead(options.table, options.open);
-    const std::vector<std::string> files = filesOf(*table);
+    const std::vector<Part> parts = partsOf(*table);
+    std::vector<std::string> inputs;
     u64 bytes = 0;
-    for (const std::string& file : files) bytes += fs::file_size(file);
+    for (const Part& part : parts) {
+        inputs.push_back(part.path);
+        bytes += fs::file_size(part.file.path);
+    }
     if (bytes > kMost) {
         refuse(table->path, ": its files are larger than 32 MiB together; open ", pageFile(),
                " and drop them there");
@@ -98,11 +115,12 @@ Status run(const Options& options) {
     std::string page = pageText();
     const std::string out = options.out.empty() ? stemOf(table->path) + ".html" : options.out;
     const Target target = targetOf(out);
-    checkTargets({target}, options.force, files);
-    page.replace(page.find(kPlace), kPlace.size(), dataOf(files, options.open.codePage));
+    checkTargets({target}, options.force, inputs);
+    page.replace(page.find(kPlace), kPlace.size(), dataOf(parts, options.open.codePage));
     Output output(target, options.force);
     output.put(page);
     output.finish();
+    tellPage(*table);
     note("{}: {} in it", out, counted(table->base->Header.RecordCount, "record"));
     return kDone;
 }
