@@ -298,8 +298,7 @@ int RefreshDatabase(DbfBase*);
 ///@{
 // --------------------------------------------------------------------------------------------
 
-/// Writes RecordBuffer to the record of a position. One beyond the last record is not counted until
-/// RefreshDatabase, which counts all before it, too.
+/// Writes RecordBuffer to the record of a position. What is beyond the last one is not counted.
 int WriteRecord(DbfBase*, u32 position);
 /// Writes RecordBuffer to a physical record.
 int InternalWriteRecord(DbfBase*, u32 record);
@@ -704,8 +703,7 @@ void DelCalcFieldI(DbfBase*, int slot);
 int GetCalcI(DbfBase*, const char* name);
 /// if_digit_calci of the field of a name.
 char if_digit_calc(DbfBase*, const char* name);
-/// 1 when a numeric table field stands between blanks and + - * / ( ) in the expression, be it in
-/// quotes.
+/// 1 when a numeric table field stands between blanks and + - * / ( ), in quotes or not.
 char if_digit_calci(DbfBase*, int slot);
 /// GetCalcStringI of the field of a name.
 const char* GetCalcString(DbfBase*, const char* name);
