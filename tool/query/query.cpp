@@ -527,7 +527,7 @@ void addQuery(CLI::App& program, Job& job) {
     command.add_flag("--force", options.force, "Replace a file that is there");
     addChoice(command, "--kind",
               "Of a new table: dbase3, dbase4, foxpro, visual, smt or level7 (default: that of the "
-              "first table in the answer, else dbase3)",
+              "first table in the answer, but for level7; else dbase3)",
               "KIND", kKindWords, options.kind);
     addCount(command, "-n,--limit", "At most N rows, 0 for all (default: 50 on a terminal)",
              options.limit);
