@@ -3,9 +3,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "command/command.h"
 #include "select/opening.h"
@@ -40,8 +37,11 @@ std::string pageFile() {
     return (program.parent_path().parent_path() / "share/mira/mira.html").string();
 }
 
+/// A path of the file system or into an archive. What the table holds unpacked is not unpacked
+/// again.
 std::string wholeFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
+    const Readable opened = readable(path);
+    std::ifstream file(opened.path, std::ios::binary);
     std::string bytes{std::istreambuf_iterator<char>(file), {}};
     if (!file) refuse(path, ": cannot be read");
     return bytes;
@@ -57,34 +57,26 @@ std::string pageText() {
     return page;
 }
 
-/// A file that goes into the page.
-struct Part {
-    std::string path;
-    Readable file;  ///< of an archive, unpacked
-};
-
 /// The table and what belongs to it.
-std::vector<Part> partsOf(const Table& table) {
-    std::vector<Part> parts;
+std::vector<std::string> filesOf(const Table& table) {
+    std::vector<std::string> files{table.path};
     const std::string named = memoFileOf(table);
     const std::string memos = named.empty() ? named : inAnyCase(named);
-    for (const std::string& path : {table.path, memos, beside(table.path, ".cpg")}) {
-        if (path.empty()) continue;
-        Readable file = readable(path);
-        if (fs::is_regular_file(file.path)) parts.push_back({path, std::move(file)});
+    for (const std::string& file : {memos, beside(table.path, ".cpg")}) {
+        if (!file.empty() && fs::is_regular_file(readable(file).path)) files.push_back(file);
     }
-    return parts;
+    return files;
 }
 
 /// A script element of data. No "<" in it, which could end the element.
-std::string dataOf(const std::vector<Part>& parts, const std::string& codePage) {
+std::string dataOf(const std::vector<std::string>& files, const std::string& codePage) {
     std::string list;
-    for (const Part& part : parts) {
+    for (const std::string& file : files) {
         JsonObject object;
-        object.text("name", fs::path(part.path).filename().string());
-        object.text("page", &part == parts.data() ? codePage : "");
+        object.text("name", fs::path(file).filename().string());
+        object.text("page", &file == files.data() ? codePage : "");
         std::string base64;
-        putBase64(base64, wholeFile(part.file.path));
+        putBase64(base64, wholeFile(file));
         object.text("base64", base64);
         list += (list.empty() ? "[" : ",") + object.whole();
     }
@@ -101,13 +93,9 @@ std::string dataOf(const std::vector<Part>& parts, const std::string& codePage) 
 
 Status run(const Options& options) {
     const auto table = openToRead(options.table, options.open);
-    const std::vector<Part> parts = partsOf(*table);
-    std::vector<std::string> inputs;
+    const std::vector<std::string> files = filesOf(*table);
     u64 bytes = 0;
-    for (const Part& part : parts) {
-        inputs.push_back(part.path);
-        bytes += fs::file_size(part.file.path);
-    }
+    for (const std::string& file : files) bytes += fs::file_size(readable(file).path);
     if (bytes > kMost) {
         refuse(table->path, ": its files are larger than 32 MiB together; open ", pageFile(),
                " and drop them there");
@@ -115,8 +103,8 @@ Status run(const Options& options) {
     std::string page = pageText();
     const std::string out = options.out.empty() ? stemOf(table->path) + ".html" : options.out;
     const Target target = targetOf(out);
-    checkTargets({target}, options.force, inputs);
-    page.replace(page.find(kPlace), kPlace.size(), dataOf(parts, options.open.codePage));
+    checkTargets({target}, options.force, files);
+    page.replace(page.find(kPlace), kPlace.size(), dataOf(files, options.open.codePage));
     Output output(target, options.force);
     output.put(page);
     output.finish();
