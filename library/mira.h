@@ -12,8 +12,8 @@
 /// Programs use the records below directly. Under one soname (libmira.so.2) their size, members and
 /// offsets therefore stay as they are, and so do the name, arguments and results of every
 /// operation. Operations may be added, and what Private points to may change. A program can check
-/// at its start that it fits the library it runs with: GetVerMIRAlib(2) == sizeof(DbfBase), and
-/// GetVerMIRAlib(0) is at least the version that it was built for, 291 for 2.9.1.
+/// at its start that the library it runs with was built with the same DbfBase:
+/// GetVerMIRAlib(2) == sizeof(DbfBase).
 #ifndef MIRA_H
 #define MIRA_H
 
@@ -120,8 +120,8 @@ struct DbfBase {
     i32 Reverse;         ///< positions count from the last record
     i32 BackupEnabled;   ///< the first write makes a backup copy
     i32 BackupDone;      ///< a whole backup copy has been made
-    char* BackupName;    ///< path of the backup copy, 260 bytes; owned; null: none can be made
-    i32 NoBracketCheck;  ///< parentheses in filters and calculated texts need not balance
+    char* BackupName;    ///< path of the backup copy, 260 bytes; owned; null: it would be longer
+    i32 NoBracketCheck;  ///< 1: parentheses group no conditions, and none is taken off a text
     i32 RawNumeric;      ///< N and F fields show exactly as stored
     CharToOemHook CharToOemCallback;  ///< replaces the built-in OEM conversion
     UpperCaseHook UpperCaseCallback;  ///< replaces the built-in case folding
@@ -298,7 +298,7 @@ int RefreshDatabase(DbfBase*);
 ///@{
 // --------------------------------------------------------------------------------------------
 
-/// Writes RecordBuffer to the record of a position.
+/// Writes RecordBuffer to the record of a position. What is beyond the last one is not counted.
 int WriteRecord(DbfBase*, u32 position);
 /// Writes RecordBuffer to a physical record.
 int InternalWriteRecord(DbfBase*, u32 record);
@@ -360,7 +360,7 @@ int Delete(DbfBase*, u32 record);
 /// Inserts a record, blank or a copy of RecordBuffer, before position (0 to RecordCount). Failures
 /// as for Delete.
 int Insert(DbfBase*, u32 position, char blank);
-/// Keeps the first count records.
+/// Keeps the first count records. Where there are fewer, records of zero bytes follow them.
 int Truncate(DbfBase*, u32 count);
 /// Truncate to no record. The memo file stays.
 int Zap(DbfBase*);
@@ -703,7 +703,7 @@ void DelCalcFieldI(DbfBase*, int slot);
 int GetCalcI(DbfBase*, const char* name);
 /// if_digit_calci of the field of a name.
 char if_digit_calc(DbfBase*, const char* name);
-/// 1 when the expression names a numeric table field.
+/// 1 when a numeric table field stands between blanks and + - * / ( ), in quotes or not.
 char if_digit_calci(DbfBase*, int slot);
 /// GetCalcStringI of the field of a name.
 const char* GetCalcString(DbfBase*, const char* name);

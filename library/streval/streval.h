@@ -19,7 +19,7 @@ struct Piece {
     std::size_t room;   ///< characters from begin on: as many as the call has, or more
 };
 
-/// A new function is one of these in functions.cpp and its row there.
+/// A row of the table in functions.cpp; a new function is one more, and what it applies.
 struct StringFunction {
     const char* opener;  ///< name with its parenthesis
     std::size_t length;  ///< of the opener

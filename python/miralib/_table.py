@@ -169,8 +169,8 @@ class Table:
     """One table, or several of one structure, that are read when somebody asks for the rows.
 
     Anything that takes an Arrow stream takes this: ``pandas.DataFrame.from_arrow(t)``,
-    ``polars.DataFrame(t)``, ``pyarrow.table(t)``, ``duckdb.sql("FROM t")``. Each reads anew, as
-    batches of at most 65536 rows. What was odd about the values is one DataWarning, and ``faults``.
+    ``polars.DataFrame(t)``, ``pyarrow.table(t)``, ``duckdb.sql("FROM t")``. Each reads anew, in
+    batches. What was odd about the values is one DataWarning, and ``faults``.
     """
 
     def __init__(self, paths: List[str], options: Dict[str, Any]) -> None:

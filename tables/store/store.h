@@ -1,6 +1,6 @@
 // Values into records: what is given as text or number is checked, encoded for its field, and later
-// put into RecordBuffer. Encoding touches neither record nor files, so that a whole statement or
-// input can be checked before anything is written.
+// put into RecordBuffer. Encoding touches neither record nor files, so that a whole row, and
+// of an import the whole input, can be checked before anything of it is written.
 #pragma once
 
 #include <ctime>

@@ -58,6 +58,11 @@ def same_as_beside():
     assert len(run("tables", "all.zip")[0].splitlines()) == 1 + len(tables)
     run("export", "all.zip", "-o", "out")
     assert len(os.listdir("out")) == len(tables)
+    pathlib.Path("empty.html").write_text("<!-- tables -->")
+    os.environ["MIRA_PAGE"] = "empty.html"
+    for place in ("all.zip", SAMPLES):
+        run("page", f"{place}/members", "-o", f"{pathlib.Path(place).stem}.html")
+    assert pathlib.Path("all.html").read_text() == pathlib.Path("samples.html").read_text()
     assert "only read" in run("set", "all.zip/stock", "PRICE=1", "--all", fine=2)[1]
     assert "which one" in run("show", "all.zip", fine=2)[1]
     assert "did you mean all.zip/stock" in run("show", "all.zip/stok", fine=2)[1]

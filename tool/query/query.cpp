@@ -455,6 +455,11 @@ void openSink(Query& query) {
     Sink& sink = query.sink;
     const bool table = options.format == nullptr && isTableName(options.out);
     if (options.kind && !table) refuse("--kind is for -o NAME.dbf only");
+    const bool backups =
+        options.change.noBackup || options.change.backups != ChangeOptions{}.backups;
+    if (backups && !table && !options.write) {
+        refuse("--no-backup and --backups are for --write and -o NAME.dbf only");
+    }
     sink.target = targetOf(options.out.empty() ? "-" : options.out);
     sink.limit = options.limit == u64{0} ? std::nullopt : options.limit;
     if (!table) sink.format = formatOf(options, sink.target);
@@ -522,7 +527,7 @@ void addQuery(CLI::App& program, Job& job) {
     command.add_flag("--force", options.force, "Replace a file that is there");
     addChoice(command, "--kind",
               "Of a new table: dbase3, dbase4, foxpro, visual, smt or level7 (default: that of the "
-              "first table in the answer, else dbase3)",
+              "first table in the answer, but for level7; else dbase3)",
               "KIND", kKindWords, options.kind);
     addCount(command, "-n,--limit", "At most N rows, 0 for all (default: 50 on a terminal)",
              options.limit);

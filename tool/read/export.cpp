@@ -471,6 +471,7 @@ void refuseMeaningless(const Options& options) {
     const bool tables = options.format->has(kTakesTables) || schema;
     const bool script = options.format->has(kTakesTables) && !options.format->has(kTakesDatabase);
     const bool sqlite = tables && !script;
+    const bool database = options.format->has(kTakesDatabase) && !(schema && options.out.empty());
     const auto check = [](bool given, bool meant, const char* option, const char* formats) {
         if (given && !meant) refuse(option, " is for ", formats, " only");
     };
@@ -479,8 +480,8 @@ void refuseMeaningless(const Options& options) {
     check(options.writer.crlf, lines, "--crlf", "CSV and TSV");
     check(!options.delimiter.empty(), csv, "-d", "CSV");
     check(options.writer.excel, csv, "--excel", "CSV");
-    check(options.writer.replace, tables, "--replace", "SQLite, postgres and mysql");
-    check(options.append, sqlite, "--append", "SQLite");
+    check(options.writer.replace, database || script, "--replace", "SQLite, postgres and mysql");
+    check(options.append, database, "--append", "SQLite");
     check(options.select.table.exact, sqlite, "--exact", "SQLite");
     check(options.jobs != 0, !tables, "-j", "text formats");
     check(options.source, !sqlite, "--source", "text formats");

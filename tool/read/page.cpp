@@ -10,6 +10,7 @@
 #include "tables/open/find.h"
 #include "tables/page/json.h"
 #include "tables/page/refusal.h"
+#include "tables/unpack/archive.h"
 #include "tables/value/plain.h"
 #include "terminal/message.h"
 
@@ -36,8 +37,11 @@ std::string pageFile() {
     return (program.parent_path().parent_path() / "share/mira/mira.html").string();
 }
 
+/// A path of the file system or into an archive. What the table holds unpacked is not unpacked
+/// again.
 std::string wholeFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
+    const Readable opened = readable(path);
+    std::ifstream file(opened.path, std::ios::binary);
     std::string bytes{std::istreambuf_iterator<char>(file), {}};
     if (!file) refuse(path, ": cannot be read");
     return bytes;
@@ -56,9 +60,10 @@ std::string pageText() {
 /// The table and what belongs to it.
 std::vector<std::string> filesOf(const Table& table) {
     std::vector<std::string> files{table.path};
-    const std::string memos = memoFileOf(table);
+    const std::string named = memoFileOf(table);
+    const std::string memos = named.empty() ? named : inAnyCase(named);
     for (const std::string& file : {memos, beside(table.path, ".cpg")}) {
-        if (!file.empty() && fs::is_regular_file(file)) files.push_back(file);
+        if (!file.empty() && fs::is_regular_file(readable(file).path)) files.push_back(file);
     }
     return files;
 }
@@ -90,7 +95,7 @@ Status run(const Options& options) {
     const auto table = openToRead(options.table, options.open);
     const std::vector<std::string> files = filesOf(*table);
     u64 bytes = 0;
-    for (const std::string& file : files) bytes += fs::file_size(file);
+    for (const std::string& file : files) bytes += fs::file_size(readable(file).path);
     if (bytes > kMost) {
         refuse(table->path, ": its files are larger than 32 MiB together; open ", pageFile(),
                " and drop them there");
@@ -103,6 +108,7 @@ Status run(const Options& options) {
     Output output(target, options.force);
     output.put(page);
     output.finish();
+    tellPage(*table);
     note("{}: {} in it", out, counted(table->base->Header.RecordCount, "record"));
     return kDone;
 }

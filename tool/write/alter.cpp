@@ -56,6 +56,7 @@ Status run(const Options& options) {
     if (const std::string stray = strayRepair(*table); !stray.empty()) {
         note("{}: {}", table->path, stray);
     }
+    tellPage(*table);
     const Alteration alteration = planAlteration(*table, options.wanted, swap);
     std::string memos;
     const u64 misfits = copyRecords(*table, alteration, swap, &memos);
@@ -72,7 +73,6 @@ Status run(const Options& options) {
         swap.commit(backupsOf(options.change), memos);
         tellStale(*table, {.records = true}, options.change);
     }
-    tellPage(*table);
     note("{}: {} {}altered", table->path, counted(table->base->Header.RecordCount, "record"),
          options.change.dryRun ? "would be " : "");
     if (misfits == 0) return kDone;

@@ -46,8 +46,8 @@ void addDelete(CLI::App& program, Job& job) {
     addCommand(program, job, "delete", "Mark records deleted; `mira pack` takes them out",
                runDelete,
                "Examples:\n"
-               "  mira delete stock -w 'QTY=0' --dry-run\n"
-               "  mira delete stock -w 'QTY=0'");
+               "  mira delete stock -w 'CODE==BLT040' --dry-run\n"
+               "  mira delete stock -w 'CODE==BLT040'");
 }
 
 void addRecall(CLI::App& program, Job& job) {

@@ -101,6 +101,9 @@ void putBytes(const Options& options, const Table& table, std::string_view bytes
     const Target target = targetOf(options.output);
     checkTargets({target}, options.force, inputsOf(table));
     Output out(target, options.force);
+    if (out.isTerminal()) {
+        refuse("a terminal takes no bytes of a memo; without -o it is printed as text");
+    }
     out.put(bytes);
     out.finish();
     if (!target.path.empty()) note("{}: {}", target.name, counted(bytes.size(), "byte"));
