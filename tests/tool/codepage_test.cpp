@@ -283,7 +283,7 @@ TEST(PageOfTable, LengthsOfVarcharsAreNoText) {
     layout.records = {" " + padded("café" + std::string(145, '.'), 159) + "\x96"};
     EXPECT_EQ(choiceOf(layout.bytes()), "UTF-8 UTF-8 text");
     layout.columns[0].type = 'C';
-    EXPECT_EQ(choiceOf(layout.bytes()), "CP1252 default?");
+    EXPECT_EQ(choiceOf(layout.bytes()), "CP1252 guess?");
 }
 
 TEST(PageOfTable, Guess) {

@@ -212,13 +212,11 @@ TEST(Store, AppendsAndCounts) {
 /// Where the header has no counter the next value is the one after the largest; nothing but the
 /// count goes into the header.
 TEST(Store, CountsOnWhereTheHeaderHasNoCounter) {
-    for (const unsigned char version : {0x03, 0x8C}) {
+    for (const int version : {0x03, 0x8C}) {
         const TempDir dir;
         const bool level7 = version == 0x8C;
-        const auto number = [&](u32 value) {
-            return level7 ? be(value | 1U << 31, 4) : le(value, 4);
-        };
-        Layout layout{version,
+        const auto number = [&](u32 value) { return level7 ? be(value, 4) : le(value, 4); };
+        Layout layout{static_cast<u8>(version),
                       {{"ID", '+', 4}, {"C", 'C', 1}},
                       {" " + number(9) + "a", "*" + number(4) + "b"},
                       level7 ? kLevel7 : kPlain};
@@ -239,7 +237,7 @@ TEST(Store, CountsOnWhereTheHeaderHasNoCounter) {
         layout.records.push_back(" " + number(10) + "c");
         std::string wanted = layout.bytes().replace(1, 3, today());
         if (level7) wanted.replace(68 + 42, 4, le(11, 4));
-        EXPECT_EQ(readAll(dir.file("t.dbf")), wanted) << int(version);
+        EXPECT_EQ(readAll(dir.file("t.dbf")), wanted) << version;
     }
 }
 
