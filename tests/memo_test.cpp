@@ -205,6 +205,9 @@ TEST(Memo, AClearedReferenceOfAnySizeLeadsNowhere) {
                 EXPECT_EQ(wanted == 0 || SetMemoReference(h.get(), 0, wanted, 0) == 1, true);
                 EXPECT_EQ(GetMemoReference(h.get(), 0, &block, &length), wanted != 0 ? 1 : 0);
                 EXPECT_EQ(block, wanted) << flavour << ' ' << size;
+                const char* const told = wanted != 0 ? "Full memo " : "Empty memo";
+                EXPECT_STREQ(GetStr(h.get(), 0), told) << flavour << ' ' << size;
+                EXPECT_EQ(shown(current(h.get()), 0), told) << flavour << ' ' << size;
             }
         }
     }
