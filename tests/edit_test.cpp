@@ -148,6 +148,40 @@ TEST(Write, BackupIsMadeOnceAndWhole) {
     EXPECT_TRUE(readAll(own->FileName) == bytes);
 }
 
+TEST(Write, EveryOperationBacksUpTheTableAsItWas) {
+    const std::pair<const char*, int (*)(DbfBase*)> writers[] = {
+        {"WriteRecord", [](DbfBase* h) { return WriteRecord(h, 1); }},
+        {"InternalWriteRecord", [](DbfBase* h) { return InternalWriteRecord(h, 1); }},
+        {"WriteByte", [](DbfBase* h) { return WriteByte(h, 1); }},
+        {"WriteField", [](DbfBase* h) { return WriteField(h, 1, 0); }},
+        {"AppendBlank", [](DbfBase* h) { return AppendBlank(h, 0); }},
+        {"DeleteRecord", [](DbfBase* h) { return DeleteRecord(h, 1); }},
+        {"RecallRecord", [](DbfBase* h) { return RecallRecord(h, 0); }},
+        {"InverseRecord", [](DbfBase* h) { return InverseRecord(h, 1); }},
+        {"Delete", [](DbfBase* h) { return Delete(h, 1); }},
+        {"Insert", [](DbfBase* h) { return Insert(h, 1, 1); }},
+        {"Truncate", [](DbfBase* h) { return Truncate(h, 1); }},
+        {"Zap", Zap},
+        {"Pack", [](DbfBase* h) { return Pack(h, 0); }},
+        {"Pack of records", [](DbfBase* h) { return Pack(h, 1); }},
+        {"Pack of memos", [](DbfBase* h) { return Pack(h, 2); }}};
+    const Layout layout{0x83,
+                        {{"NAME", 'C', 4}, {"NOTE", 'M', 10}},
+                        {"*one          2", " two          3", " six           "}};
+    for (const auto& [name, write] : writers) {
+        const Folder folder;
+        const Table h = openLayout(folder, layout);
+        writeAll(h->MemoFileName, padded("\4", 1024, 0) + padded("a\x1A", 512) + "b\x1A");
+        setRecord(h.get(), " new          3");
+        h->DeleteFlag = '*';
+        h->BackupEnabled = 1;
+        EXPECT_EQ(write(h.get()), 1) << name;
+        EXPECT_NE(readAll(h->FileName), layout.bytes()) << name;
+        EXPECT_EQ(readAll(h->BackupName), layout.bytes()) << name;
+        EXPECT_EQ(h->BackupDone, 1) << name;
+    }
+}
+
 TEST(Write, ARecordThatCannotBeRemovedIsPutBack) {
     const Folder folder;
     Layout layout = kMany;

@@ -222,6 +222,7 @@ TEST(Handle, ATableEndsBefore2GiB) {
     EXPECT_EQ(AppendBlank(h.get(), 1) + Insert(h.get(), last, 1), 0);
     EXPECT_EQ(reccount(h.get()), last + 1);
     EXPECT_EQ(GetRecord(h.get(), 0xFFFFFFFF), 0);
+    EXPECT_EQ(Delete(h.get(), last), 1) << "a full table can lose its last record";
 }
 
 TEST(Handle, NothingWorksAfterCloseFile) {

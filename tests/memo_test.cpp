@@ -193,6 +193,26 @@ TEST(Memo, ExactReferences) {
     }
 }
 
+TEST(Memo, AClearedReferenceOfAnySizeLeadsNowhere) {
+    const Folder folder;
+    for (const Flavour flavour : {kPlain, kLevel7, kForeignLevel7}) {
+        for (const unsigned size : {4u, 10u}) {
+            const Table h = openLayout(
+                folder, {0x8C, {{"M", 'M', size}, {"C", 'C', 9}, {"B", 'C', 9}}, {}, flavour});
+            u32 block = 9, length = 9;
+            for (const u32 wanted : {0u, 5u, 0u}) {
+                ClearField(h.get(), 0);
+                EXPECT_EQ(wanted == 0 || SetMemoReference(h.get(), 0, wanted, 0) == 1, true);
+                EXPECT_EQ(GetMemoReference(h.get(), 0, &block, &length), wanted != 0 ? 1 : 0);
+                EXPECT_EQ(block, wanted) << flavour << ' ' << size;
+                const char* const told = wanted != 0 ? "Full memo " : "Empty memo";
+                EXPECT_STREQ(GetStr(h.get(), 0), told) << flavour << ' ' << size;
+                EXPECT_EQ(shown(current(h.get()), 0), told) << flavour << ' ' << size;
+            }
+        }
+    }
+}
+
 TEST(Memo, SpansOfLongMemosAndOpenFiles) {
     const Folder folder;
     const std::string data(70000, 'x');

@@ -59,6 +59,7 @@ TEST(Meta, AliasFileHoldsOneHeadingPerField) {
         EXPECT_EQ(GetHeader(h.get(), 0), heading);
         EXPECT_EQ(GetLenHeader(h.get(), 0), static_cast<int>(heading.size()));
     }
+    EXPECT_EQ(GetHeader(h.get(), 1), padded("", 31, 'x')) << "and every other";
     writeAll(h->AliasFileName, mark + padded("First", 32, 0) + padded("Second", 32, 0));
     ReadAlias(h.get());
     EXPECT_EQ(str(GetHeader(h.get(), 0)) + GetHeader(h.get(), 1), "FirstSecond");

@@ -144,10 +144,10 @@ constexpr struct {
 
 TEST(Types, ShowAndRead) {
     for (const auto& row : cases("values")) {
-        SCOPED_TRACE(row[0] + row[1] + " " + row[4]);
+        SCOPED_TRACE(row[0] + row[1] + " " + row[4] + " " + row.back());
         OneField f(row);
         DbfBase* const h = f.put(row[3]);
-        h->DateFormat = 1;
+        h->DateFormat = row.size() > 6 ? std::stoi(row[6]) : 1;
         const double value = std::strtod(row[5].c_str(), nullptr);
         EXPECT_EQ(GetStr(h, 0), row[4]);
         EXPECT_EQ(shown(current(h), 0), row[4]);

@@ -14,10 +14,10 @@ namespace {
 
 using Order = std::vector<u32>;
 
-constexpr int kFields = 7;
+constexpr int kFields = 8;
 const std::vector<Column> kColumns = {{"F0", 'C', 3},    {"F1", 'N', 7, 2}, {"F2", 'I', 4},
                                       {"F3", 'B', 8, 1}, {"F4", 'O', 8},    {"F5", 'D', 8},
-                                      {"F6", 'T', 8}};
+                                      {"F6", 'T', 8},    {"F7", 'C', 200}};
 
 u32 calls = 0, stopAt = 0;
 StopCallback counting(u32 stop) {
@@ -29,6 +29,12 @@ StopCallback counting(u32 stop) {
 struct View : testing::Test {
     u32 below(u32 limit) { return static_cast<u32>(dice() % limit); }
 
+    /// Texts of one length differ in a place or two.
+    std::string longText(u32 most) {
+        std::string out(below(3) == 0 ? most : below(most + 1), "m "[below(4) == 0]);
+        if (!out.empty()) out[below(most) % out.size()] = "aA \x80\xA5\xE0\xFF"[below(7)];
+        return out;
+    }
     /// Few different values, so that many are equal; numbers are multiples of a half.
     void fill(u32 count) {
         Layout layout{0x03, kColumns};
@@ -39,8 +45,9 @@ struct View : testing::Test {
             record[0] = " *"[below(5) == 0];
             for (int f = 0; f < kFields; ++f) {
                 const std::string text =
-                    f == 0 ? std::string{"abA "[below(4)], "bcB"[below(3)]}
-                           : printed("202401%02d10000%u", int(below(3)), below(3));
+                    f == 0   ? std::string{"abA\xB0 "[below(5)], "bcB"[below(3)]}
+                    : f == 7 ? longText(200)
+                             : printed("202401%02d10000%u", int(below(3)), below(3));
                 const double value = (below(9) - 4.0) / 2 * (below(4) == 0 ? 100 : 1);
                 const std::string bytes = stored({h, record}, f, text, value);
                 record.replace(h->Fields[f].Offset, bytes.size(), bytes);
@@ -53,6 +60,7 @@ struct View : testing::Test {
         for (u8* option : {&h->CaseInsensitive, &h->SortDescending}) *option = below(2) == 0;
         h->Reverse = below(2) == 0;
         h->DateFormat = static_cast<i32>(below(5));
+        h->TrimMode = static_cast<i32>(below(4));
     }
     Row row(u32 position) const {
         return {h, rows[h->FilterIndex != nullptr ? h->FilterIndex[position] : position]};
@@ -63,8 +71,10 @@ struct View : testing::Test {
         for (const int f : fields) {
             const double x = number(row(a), f), y = number(row(b), f);
             std::string s = shown(row(a), f), t = shown(row(b), f);
-            for (std::string* text : {&s, &t})
+            for (std::string* text : {&s, &t}) {
+                text->resize(std::max<std::size_t>(text->size(), GetLenField(h, f)), ' ');
                 if (h->CaseInsensitive != 0) UpperCase(reinterpret_cast<u8*>(text->data()));
+            }
             less = isNumeric(h->Fields[f]) ? x < y : s < t;
             if (x != y || (!isNumeric(h->Fields[f]) && s != t)) break;
         }

@@ -110,7 +110,8 @@ std::string shownMemo(const Row& row, int field) {
     const std::string_view bytes = row.from(field).substr(0, 10);
     const double digits = decimal(row, field);
     const bool wide = f.Length + 256 * f.Decimals != 4;
-    const i32 block = !wide ? static_cast<i32>(integer(row, field))
+    const bool blank = load(bytes, 0, 4) == 0;
+    const i32 block = !wide ? static_cast<i32>(blank ? 0 : integer(row, field))
                       : digits != digits
                           ? 0
                           : static_cast<i32>(std::clamp(digits, -2147483648.0, 2147483647.0));

@@ -536,6 +536,33 @@ TEST_F(ChangeTest, StoppedIsUndoneAtOnce) {
     });
 }
 
+/// Ctrl-C after the first of two tables: that one is done, the other is not begun.
+TEST_F(ChangeTest, StoppedBetweenTablesLeavesTheSecondAlone) {
+    const Command both{
+        "pack two", {{"delete", "u", "-w", "NAME='n100'"}}, {"pack", "t", "u"}, "t", false, false,
+        true};
+    const Bench bench(both, 3);
+    const Rows second = bench.rows("u");
+    int first = 0, between = 0;
+    for (int at = 1;; ++at) {
+        const std::string where = whereOf(bench, "stopped", at);
+        bench.reset();
+        const Ended ended = bench.again({Fate::Stop, at, 0, 0, 0});
+        if (ended.calls < at) break;
+        const Rows t = bench.rows(), u = bench.rows("u");
+        const bool done = ended.status == 0;
+        EXPECT_TRUE(done || ended.status == 130) << where << ended.said;
+        EXPECT_TRUE(t == bench.after || (t == bench.before && !done)) << where;
+        EXPECT_EQ(u == second, !done) << where;
+        first += t == bench.before;
+        between += t == bench.after && u == second;
+        bench.expectTidy(where);
+        if (HasFailure()) return;
+    }
+    EXPECT_GT(first, 0);
+    EXPECT_GT(between, 0);
+}
+
 /// Allocations are many: the later, the fewer are tried.
 TEST_F(ChangeTest, WithoutMemoryLeavesOldOrNew) {
     forEach([](const Bench& bench) {

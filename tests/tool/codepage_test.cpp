@@ -277,6 +277,15 @@ TEST(PageOfTable, WeakMarks) {
     EXPECT_EQ(choiceOf(tableWith(0, late)), "UTF-8 UTF-8 text") << "in the last stretch";
 }
 
+/// The last byte of a V field is the length of a text that does not fill it, and no letter.
+TEST(PageOfTable, LengthsOfVarcharsAreNoText) {
+    Layout layout{0x30, {{"V", 'V', 160}}, {}};
+    layout.records = {" " + padded("café" + std::string(145, '.'), 159) + "\x96"};
+    EXPECT_EQ(choiceOf(layout.bytes()), "UTF-8 UTF-8 text");
+    layout.columns[0].type = 'C';
+    EXPECT_EQ(choiceOf(layout.bytes()), "CP1252 guess?");
+}
+
 TEST(PageOfTable, Guess) {
     const std::vector<std::string> russian(8, kRussian866 + " " + kRussian866);
     EXPECT_EQ(choiceOf(tableWith(0, russian)), "CP866 guess?");

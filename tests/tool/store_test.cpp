@@ -209,6 +209,38 @@ TEST(Store, AppendsAndCounts) {
     EXPECT_EQ(file.substr(97), " \7\0\0\0a  \x0C\0\0\0b \x1A"s);
 }
 
+/// Where the header has no counter the next value is the one after the largest; nothing but the
+/// count goes into the header.
+TEST(Store, CountsOnWhereTheHeaderHasNoCounter) {
+    for (const int version : {0x03, 0x8C}) {
+        const TempDir dir;
+        const bool level7 = version == 0x8C;
+        const auto number = [&](u32 value) { return level7 ? be(value, 4) : le(value, 4); };
+        Layout layout{static_cast<u8>(version),
+                      {{"ID", '+', 4}, {"C", 'C', 1}},
+                      {" " + number(9) + "a", "*" + number(4) + "b"},
+                      level7 ? kLevel7 : kPlain};
+        writeAll(dir.file("t.dbf"), layout.bytes());
+        tables::TableOptions options;
+        options.codePage = "1252";
+        options.writable = true;
+        const auto table = tables::openTable(dir.file("t.dbf"), options);
+        tables::loadCounters(*table);
+        std::vector<Encoded> values(2);
+        EXPECT_EQ(encodeValue(*table, table->columns[0], Given{}, true, values[0]), "");
+        EXPECT_EQ(encodeValue(*table, table->columns[1], Given::cell("c"), true, values[1]), "");
+        tables::advanceCounters(*table);
+        tables::newRecord(*table);
+        for (std::size_t i = 0; i < 2; ++i) tables::putValue(*table, table->columns[i], values[i]);
+        tables::appendRecord(*table);
+        tables::finishAppend(*table);
+        layout.records.push_back(" " + number(10) + "c");
+        std::string wanted = layout.bytes().replace(1, 3, today());
+        if (level7) wanted.replace(68 + 42, 4, le(11, 4));
+        EXPECT_EQ(readAll(dir.file("t.dbf")), wanted) << version;
+    }
+}
+
 TEST(Store, MemosAndBackups) {
     const TempDir dir;
     auto table = emptyTable(dir, 0x83, {{"M", 'M', 10}, {"G", 'G', 10}});

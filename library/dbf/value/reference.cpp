@@ -32,6 +32,13 @@ bool isInteger(const DbfBase* h, int field) {
     return wideLength(h->Fields[field]) == kIntegerReferenceSize;
 }
 
+/// A blank field holds zeros, which are the least number where integers have a sign in level 7.
+u32 integerBlock(DbfBase* h, int field) {
+    const bool isBlank =
+        fieldPrefix<kIntegerReferenceSize>(h, field) == std::array<u8, kIntegerReferenceSize>{};
+    return isBlank ? 0 : GetInt(h, field);
+}
+
 /// The number that digits between blanks or zero bytes stand for; 0 for blanks alone.
 std::optional<u32> exactBlock(std::string_view text) {
     constexpr std::string_view padding(" \0", 2);
@@ -62,8 +69,8 @@ MemoReference memoReference(DbfBase* h, int field) {
         return {loadLe32(&bytes[kBlockPlace]), loadLe32(&bytes[kMemoLengthPlace]),
                 bytes == std::array<u8, kReferenceSize>{}};
     }
-    const u32 block =
-        isInteger(h, field) ? GetInt(h, field) : static_cast<u32>(clampToI32(GetNumeric(h, field)));
+    const u32 block = isInteger(h, field) ? integerBlock(h, field)
+                                          : static_cast<u32>(clampToI32(GetNumeric(h, field)));
     return {block, 0, block == 0};
 }
 
