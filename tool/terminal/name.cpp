@@ -18,23 +18,19 @@ bool isWordLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || tables::isDigit(c);
 }
 
-/// Replaces the words before which stands one of these characters; 0 for the beginning.
-std::string renamed(std::string_view text, std::string_view before) {
+/// Replaces the words before which stands one of these characters (0 for the beginning) and behind
+/// which isEnd finds no more of the word.
+std::string renamed(std::string_view text, std::string_view before, bool (*isEnd)(char)) {
     const std::string& name = programName();
     if (name == kUsual) return std::string(text);
     std::string result;
-    char last = 0;
-    while (!text.empty()) {
-        const std::size_t end = kUsual.size();
+    for (char last = 0; !text.empty();) {
         const bool is = before.find(last) != std::string_view::npos && text.starts_with(kUsual) &&
-                        (text.size() == end || !isWordLetter(text[end]));
-        if (is) {
-            result += name;
-        } else {
-            result += text.front();
-        }
-        last = text[is ? end - 1 : 0];
-        text.remove_prefix(is ? end : 1);
+                        isEnd(text.size() == kUsual.size() ? 0 : text[kUsual.size()]);
+        const std::size_t length = is ? kUsual.size() : 1;
+        result += is ? std::string_view(name) : text.substr(0, 1);
+        last = text[length - 1];
+        text.remove_prefix(length);
     }
     return result;
 }
@@ -54,9 +50,11 @@ const std::string& programName() { return currentName(); }
 
 std::string inOwnName(std::string_view text) {
     constexpr std::string_view kBefore("\0 \n`_/(\"", 8);
-    return renamed(text, kBefore);
+    return renamed(text, kBefore, [](char c) { return !isWordLetter(c); });
 }
 
-std::string withOwnCommands(std::string_view sentence) { return renamed(sentence, "`"); }
+std::string withOwnCommands(std::string_view sentence) {
+    return renamed(sentence, "`", [](char c) { return c == ' '; });
+}
 
 }  // namespace mira::tool
