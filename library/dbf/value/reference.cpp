@@ -54,6 +54,12 @@ std::optional<MemoReference> exactReference(DbfBase* h, int field) {
     return block ? std::optional(MemoReference{*block, 0, *block == 0}) : std::nullopt;
 }
 
+/// Zero bytes are blank also where integers have a sign, and 0 other bytes.
+u32 integerBlock(DbfBase* h, int field) {
+    const auto bytes = fieldPrefix<kIntegerReferenceSize>(h, field);
+    return bytes == std::array<u8, kIntegerReferenceSize>{} ? 0 : GetInt(h, field);
+}
+
 }  // namespace
 
 MemoReference memoReference(DbfBase* h, int field) {
@@ -62,8 +68,8 @@ MemoReference memoReference(DbfBase* h, int field) {
         return {loadLe32(&bytes[kBlockPlace]), loadLe32(&bytes[kMemoLengthPlace]),
                 bytes == std::array<u8, kReferenceSize>{}};
     }
-    const u32 block =
-        isInteger(h, field) ? GetInt(h, field) : static_cast<u32>(clampToI32(GetNumeric(h, field)));
+    const u32 block = isInteger(h, field) ? integerBlock(h, field)
+                                          : static_cast<u32>(clampToI32(GetNumeric(h, field)));
     return {block, 0, block == 0};
 }
 
