@@ -135,7 +135,7 @@ void readRecords(DbfBase* h, std::string_view table, std::string_view memoFile) 
 }
 
 /// No byte of the record outside a field is another one than before.
-void checkOutside(const DbfBase* h, int field, const char* setter, std::string_view before) {
+void checkOutside(DbfBase* h, int field, const char* setter, std::string_view before) {
     const std::string_view now(reinterpret_cast<const char*>(h->RecordBuffer), before.size());
     const std::size_t at = isIn(h, field) ? h->Fields[field].Offset : now.size();
     const std::size_t length = isIn(h, field) ? GetLenField(h, field) : 0;
