@@ -764,7 +764,7 @@ enum class FieldClass : u8 {
     System,    ///< 0: bits that belong to other fields
     Logical,   ///< L
     Date,      ///< D
-    Moment,    ///< T, @: see GetMoment
+    Moment,    ///< T and \@, see GetMoment
     Decimal,   ///< N, F: decimal text
     Integer,   ///< I, +
     Double,    ///< O, and B of length 8
@@ -830,8 +830,8 @@ struct MemoLayout {
     u32 lengthBias = 0;             ///< what the stored length counts besides the data
     u32 endSize = 0;                ///< end bytes after the data: 1 or 0
     u32 signaturePlace = 0;         ///< where signature goes in a new header
-    u32 signatureSize = 0;
-    char signature[9] = "";
+    u32 signatureSize = 0;          ///< its bytes
+    char signature[9] = "";         ///< such as it is, with a zero byte behind
 };
 /// How the memo files of a kind, as GetMemoKind gives it, are laid out. A constant; null for a kind
 /// without memos.
@@ -855,7 +855,7 @@ void SetFieldName(DbfBase*, int field, const char* name);
 /// field counted on until DropTestFields has taken them all away. Its place in RecordBuffer; 0
 /// when there is no room.
 u32 AddTestField(DbfBase*, const char* name);
-void DropTestFields(DbfBase*);
+void DropTestFields(DbfBase*);  ///< takes all fields of AddTestField away
 /// Makes the physical records from first up to end the view, as a filter would that only they
 /// satisfy; FilterText stays. Drops the sort order. 0 without memory.
 int ViewRecords(DbfBase*, u32 first, u32 end);

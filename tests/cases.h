@@ -36,4 +36,14 @@ inline std::vector<std::vector<std::string>> cases(const std::string& name) {
     return rows;
 }
 
+/// Of a file with several tables the rows of one, without its name in front.
+inline std::vector<std::vector<std::string>> cases(const std::string& name,
+                                                   std::string_view table) {
+    std::vector<std::vector<std::string>> rows = cases(name);
+    std::erase_if(rows, [&](const auto& row) { return row.at(0) != table; });
+    for (auto& row : rows) row.erase(row.begin());
+    if (rows.empty()) ADD_FAILURE() << "no table " << table << " in " << name;
+    return rows;
+}
+
 }  // namespace test

@@ -38,6 +38,8 @@ enum Kind {
     kFull,
     kKinds
 };
+constexpr const char* kNames[] = {"short write", "allocation", "open",   "seek", "read",
+                                  "write",       "cut",        "rename", "look", "full disk"};
 constexpr int kErrors[] = {EIO, ENOMEM, EMFILE, EIO, EIO, EIO, EIO, EIO, EIO, ENOSPC};
 
 struct {
@@ -314,10 +316,9 @@ private:
 
     /// False when there are fewer than n calls of the kind.
     bool runWithFault(int kind, int n, bool lasting) const {
-        const std::string where = std::string(operation_.name) + " of format " +
-                                  std::to_string(sample_.kind) + ", " +
-                                  (lasting ? "lasting " : "") + "fault " + std::to_string(kind) +
-                                  " at " + std::to_string(n);
+        const std::string where =
+            std::string(operation_.name) + " of format " + std::to_string(sample_.kind) + ", " +
+            (lasting ? "lasting " : "") + "fault of " + kNames[kind] + " at " + std::to_string(n);
         const int descriptor = lowestDescriptor();
         Table h = prepared();
         fault = {kind, n, lasting};
@@ -691,9 +692,9 @@ TEST(Fault, NoFailureHidesTheLogOfAPack) {
             const int told = IsPackUnfinished(h.get());
             met = fault.met;
             fault = {};
-            EXPECT_TRUE(note == nullptr && done == 0 && told != 0) << kind << ' ' << n;
+            EXPECT_TRUE(note == nullptr && done == 0 && told != 0) << kNames[kind] << ' ' << n;
             EXPECT_EQ(Pack(h.get(), 2), 1);
-            EXPECT_EQ(twoMemosOf(h.get()), "ab") << kind << ' ' << n;
+            EXPECT_EQ(twoMemosOf(h.get()), "ab") << kNames[kind] << ' ' << n;
         }
     }
 }
@@ -758,7 +759,7 @@ TEST(Fault, ATableThatCannotBeReadDoesNotOpen) {
                 const Table h(OpenBase(dir.file("t.dbf").c_str()));
                 met = fault.met;
                 fault = {};
-                EXPECT_EQ(h == nullptr, met) << kind << ' ' << calls;
+                EXPECT_EQ(h == nullptr, met) << kNames[kind] << ' ' << calls;
             }
             EXPECT_EQ(calls, 2);
         }

@@ -170,9 +170,9 @@ TEST(Sql, RandomQueriesAnswerAsOverOrdinaryTables) {
     writeAll(folder.file("big.dbf"), randomTable(dice, 120).bytes());
     writeAll(folder.file("small.dbf"), randomTable(dice, 9).bytes());
     const std::string database = folder.file("plain.db");
-    const std::string fill = std::string(MIRA_PROGRAM) + " export -q --record -o " + database +
-                             " " + folder.file("big.dbf") + " " + folder.file("small.dbf") +
-                             " 2>/dev/null";
+    const std::string fill = "'" MIRA_PROGRAM "' export -q --record -o '" + database + "' '" +
+                             folder.file("big.dbf") + "' '" + folder.file("small.dbf") +
+                             "' 2>/dev/null";
     ASSERT_LT(WEXITSTATUS(std::system(fill.c_str())), 2);
 
     const Connection plain = connect(database);

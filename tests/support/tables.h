@@ -3,15 +3,22 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "support/bytes.h"
 
 namespace test {
+
+/// What a scratch folder without room, or one that is read-only, stops: the reason in a sentence.
+[[noreturn]] inline void cannotWrite(const std::string& path) {
+    throw std::system_error(errno, std::generic_category(), "cannot write " + path);
+}
 
 /// A fresh folder, removed with everything in it; in memory where that is possible, unless TMPDIR
 /// names another place.
@@ -22,7 +29,7 @@ public:
         const char* const usual = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
         std::string pattern = (wanted != nullptr ? wanted : usual) + "/miraXXXXXX"s;
         const char* const made = mkdtemp(pattern.data());
-        if (made == nullptr) std::abort();
+        if (made == nullptr) cannotWrite(pattern);
         path_ = made;
     }
     ~Folder() {
@@ -54,9 +61,9 @@ inline std::string readAll(const std::string& path) {
 /// Writes over the beginning of an existing file, or a new one.
 inline void writeAt(const char* mode, const std::string& path, std::string_view bytes) {
     std::FILE* const file = std::fopen(path.c_str(), mode);
-    if (file == nullptr) std::abort();
+    if (file == nullptr) cannotWrite(path);
     const bool whole = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
-    if (std::fclose(file) != 0 || !whole) std::abort();
+    if (std::fclose(file) != 0 || !whole) cannotWrite(path);
 }
 inline void overwrite(const std::string& path, std::string_view bytes) {
     writeAt("rb+", path, bytes);

@@ -1,6 +1,7 @@
 // Code pages: names, conversion both ways, and which page a table is in.
 #include "tables/page/codepage.h"
 
+#include "cases.h"
 #include "support.h"
 #include "tables/open/open.h"
 #include "tables/page/pagenames.h"
@@ -25,16 +26,10 @@ std::string nameOf(std::string_view spelling) {
 }
 
 TEST(CodePage, EveryMark) {
-    const std::string marks =
-        "CP437=01 09 0B 0D 0F 11 15 18 19 1B 5E 5F;"
-        "CP850=02 0A 0C 0E 10 12 14 16 1A 1D 25 37 60 9C;CP1252=03 57 58 59 61 62;MACINTOSH=04;"
-        "CP865=08 17 66;CP932=13 56 7B;CP863=1C 6C;CP852=1F 22 23 40 64 87;895=20 68;CP860=24;"
-        "CP866=26 65;CP936=4D 7A;CP949=4E 79;CP950=4F 78;CP874=50 7C;CP861=67;620=69;CP737=6A 86;"
-        "CP857=6B 88;CP1255=7D;CP1256=7E;CP862=85;MAC-CYRILLIC=96;MAC-CENTRALEUROPE=97;10006=98;"
-        "CP1250=9B C8;CP1251=C9;CP1254=CA;CP1253=CB;CP1257=CC;UTF-8=F0";
     int known = 0;
-    for (const auto& [page, list] : rows(marks)) {
-        for (const std::string& hex : split(list, ' ')) {
+    for (const auto& row : cases("pages", "mark")) {
+        const std::string& page = row[0];
+        for (const std::string& hex : split(row[1], ' ')) {
             const int mark = std::stoi(hex, nullptr, 16);
             EXPECT_EQ(nameOf("LDID/" + std::to_string(mark)), page) << hex;
             ++known;
@@ -48,15 +43,8 @@ TEST(CodePage, EveryMark) {
 }
 
 TEST(CodePage, Spellings) {
-    for (const auto& [spelling, name] :
-         rows("UTF-8=UTF-8;UTF8=UTF-8;utf-8=UTF-8;65001=UTF-8;1252=CP1252;936=CP936;CP1251=CP1251;"
-              "windows-1251=CP1251;ANSI 1251=CP1251;OEM 850=CP850;oem 866=CP866;IBM850=CP850;"
-              "ms932=CP932;ISO-8859-1=ISO-8859-1;ISO 8859-1=ISO-8859-1;ISO88591=ISO-8859-1;"
-              "8859-1=ISO-8859-1;88591=ISO-8859-1;885915=ISO-8859-15;Big5=BIG5;EUC-KR=EUC-KR;"
-              "GBK=GBK;SHIFT_JIS=SHIFT_JIS;LDID/87=CP1252;LDID/105=620; cp866 =CP866;koi8-r=KOI8-R;"
-              "10000=MACINTOSH;10007=MAC-CYRILLIC;10029=MAC-CENTRALEUROPE;mazovia=620;cp620=620;"
-              "KAMENICKY=895;895=895;CP10006=10006;MacGreek=10006")) {
-        EXPECT_EQ(nameOf(spelling), name) << spelling;
+    for (const auto& row : cases("pages", "name")) {
+        EXPECT_EQ(nameOf(row[0]), row[1]) << row[0];
     }
     // An empty name would be the locale's page, "//" begins an option; texts in pages without
     // ASCII cannot be told from blanks.
@@ -68,13 +56,8 @@ TEST(CodePage, Spellings) {
 }
 
 TEST(CodePage, PagesOfTheirOwn) {
-    for (const auto& [bytes, text] :
-         rows("620 \x80\x86\x8F\x92\x9C\xA0\xAF\xB3\xE1=ÇąĄłŁŹ»│ß;"
-              "895 \x80\x87\x8D\x90\x9F\xA8\xAF\xB3\xE1=ČčĺÉťš»│ß;"
-              "10006 \x80\x87\xA1\xAF\xB0\xC0\xCF\xD0\xE1\xF7\xFE=Ä΅Γ·Αάœ–αςΰ")) {
-        const std::size_t blank = bytes.find(' ');
-        const auto page = openPage(bytes.substr(0, blank));
-        EXPECT_EQ(decoded(*page, bytes.substr(blank + 1)), text);
+    for (const auto& row : cases("pages", "own")) {
+        EXPECT_EQ(decoded(*openPage(row[0]), row[1]), row[2]);
     }
 }
 
@@ -132,8 +115,8 @@ TEST(CodePage, BytesWithoutCharacter) {
 }
 
 TEST(CodePage, CharactersThatThePageLacks) {
-    for (const auto& [name, lacking] :
-         rows("CP866=é;CP1252=Ж;620=Ж;CP932=é;UTF-8=\xFF;ISO-8859-1=€;CP437=日")) {
+    for (const auto& row : cases("pages", "lacks")) {
+        const std::string &name = row[0], &lacking = row[1];
         std::string bytes = "<";
         std::string bad;
         EXPECT_FALSE(fromUtf8(*openPage(name), "ab" + lacking + "cd", bytes, &bad)) << name;
@@ -148,16 +131,12 @@ TEST(CodePage, CharactersThatThePageLacks) {
 }
 
 TEST(CodePage, UpperCase) {
-    for (const auto& [name, pair] :
-         rows("866=Ёлка ёж 1/ЁЛКА ЁЖ 1;1251=ґанок/ҐАНОК;1252=Straße à ÿ/STRAßE À Ÿ;437=naïve ÿ é/"
-              "NAïVE ÿ É;620=zażółć/ZAŻÓŁĆ;10006=ώς/ΏΣ;UTF-8=дым ﬁ é/ДЫМ ﬁ É;932=aф本/AФ本;"
-              "KOI8-R=ю/Ю")) {
-        const auto page = openPage(name);
-        const std::size_t slash = pair.rfind('/');
+    for (const auto& row : cases("pages", "upper")) {
+        const auto page = openPage(row[0]);
         std::string bytes;
-        ASSERT_TRUE(fromUtf8(*page, pair.substr(0, slash), bytes));
+        ASSERT_TRUE(fromUtf8(*page, row[1], bytes));
         foldCase(*page, bytes);
-        EXPECT_EQ(decoded(*page, bytes), pair.substr(slash + 1)) << name;
+        EXPECT_EQ(decoded(*page, bytes), row[2]) << row[0];
     }
     std::string broken = "a\x93\xFA\x93";
     foldCase(*openPage("932"), broken);
@@ -168,8 +147,9 @@ TEST(Letters, UpperAndLowerCase) {
     const std::string mixed = "Дым ςΣ Straße ÿ İ \xE4\xFF a1\xC3";
     EXPECT_EQ(upperText(mixed), "ДЫМ ΣΣ STRAßE Ÿ İ \xE4\xFF A1\xC3");
     EXPECT_EQ(lowerText(mixed), "дым ςσ straße ÿ i \xE4\xFF a1\xC3");
-    for (const auto& [one, other] : rows("A=a;Ж=ж;ς=Σ;ß=ẞ;ÿ=Ÿ;µ=Μ")) {
-        EXPECT_EQ(foldLetter(stepUtf8(one).letter), foldLetter(stepUtf8(other).letter)) << one;
+    for (const auto& row : cases("pages", "fold")) {
+        const auto folded = [&](std::size_t i) { return foldLetter(stepUtf8(row[i]).letter); };
+        EXPECT_EQ(folded(0), folded(1)) << row[0];
     }
     EXPECT_NE(foldLetter(U'е'), foldLetter(U'ё'));
 }
@@ -246,13 +226,8 @@ TEST(Listing, ReadsAFolderOnce) {
 }
 
 TEST(PageOfTable, Drivers) {
-    for (const auto& [driver, expected] :
-         rows("DB866RU0=CP866 driver DB866RU0;db437us0=CP437 driver db437us0;DB867CZ0=895 driver "
-              "DB867CZ0;db437gr0=CP737 driver db437gr0;DBWINUS0=CP1252 driver DBWINUS0;ansislov="
-              "CP1250 driver ansislov;ANSIxyz=CP1252 driver ANSIxyz;cskamen=895 driver cskamen;"
-              "dbHebrew=CP862 driver dbHebrew;db437th0=CP437 driver db437th0 1;"
-              "nobody=CP437 default 1")) {
-        EXPECT_EQ(choiceOf(tableWith(0, {"x"}, 4, driver)), expected);
+    for (const auto& row : cases("pages", "driver")) {
+        EXPECT_EQ(choiceOf(tableWith(0, {"x"}, 4, row[0])), row[1]);
     }
     EXPECT_EQ(choiceOf(tableWith(0x03, {"x"}, 4, "DB866RU0")), "CP1252 mark 0x03");
     EXPECT_EQ(choiceOf(tableWith(0, {"при"}, 4, "DB866RU0")), "UTF-8 UTF-8 text");
@@ -296,10 +271,10 @@ TEST(PageOfTable, Guess) {
 
 TEST(PageOfTable, CyrillicCapitals) {
     const std::string words = "ПРИВЕТ МИР И ДОМ";
-    for (const auto& [name, expected] : rows("CP866=CP866 guess?;CP1251=CP1251 guess?")) {
+    for (const std::string name : {"CP866", "CP1251"}) {
         std::string bytes;
         ASSERT_TRUE(fromUtf8(*openPage(name), words, bytes));
-        EXPECT_EQ(choiceOf(tableWith(0, {8, bytes})), expected);
+        EXPECT_EQ(choiceOf(tableWith(0, {8, bytes})), name + " guess?");
     }
 }
 

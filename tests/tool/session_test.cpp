@@ -18,8 +18,8 @@ constexpr std::string_view kPrompt = "$ ";
 /// field.
 std::string prologue() {
     const std::string folder = std::filesystem::path(MIRA_PROGRAM).parent_path();
-    return "PATH=" + folder +
-           ":$PATH; LC_ALL=C; export PATH LC_ALL; "
+    return "PATH='" + folder +
+           "':$PATH; LC_ALL=C; export PATH LC_ALL; "
            "terminal() { stty=$1; shift; script -qec \"stty cols $stty; $*\" /dev/null </dev/null "
            "| "
            "tr -d '\\r'; }; "
@@ -71,14 +71,23 @@ std::string replay(const std::string& session) {
     return result;
 }
 
+/// A build root may have none.
+bool canOpenTerminals() {
+    return std::system("script -qec true /dev/null </dev/null >/dev/null 2>&1") == 0;
+}
+
 class Session : public testing::TestWithParam<std::string> {};
 
 TEST_P(Session, PrintsWhatItSays) {
     const std::string path = MIRA_SESSIONS_DIR + ("/" + GetParam());
     const std::string expected = readAll(path);
+    static const bool terminals = canOpenTerminals();
+    if (expected.find("terminal ") != std::string::npos && !terminals) {
+        GTEST_SKIP() << "no pseudo-terminal can be opened here";
+    }
     const std::string found = replay(expected);
     if (std::getenv("MIRA_UPDATE_SESSIONS") != nullptr) writeAll(path, found);
-    EXPECT_EQ(found, expected);
+    EXPECT_TRUE(same(found, expected)) << path;
 }
 
 std::vector<std::string> sessionNames() {
@@ -145,7 +154,7 @@ TEST(Session, OfTheDocuments) {
                 if (!line.starts_with(kPrompt)) continue;
                 found += line + "\n" + run(folder.path, line.substr(kPrompt.size()));
             }
-            EXPECT_EQ(found, block) << path;
+            EXPECT_TRUE(same(found, block)) << path << ", behind byte " << place;
         }
     }
 }

@@ -1,6 +1,7 @@
 // Values into fields: what fits, byte for byte, and why the rest does not.
 #include "tables/store/store.h"
 
+#include "cases.h"
 #include "support.h"
 #include "tables/change/append.h"
 #include "tables/change/backup.h"
@@ -54,40 +55,18 @@ TEST(Store, CellsByType) {
                                    {"L", 'L', 1},
                                    {"T", 'T', 14},
                                    {"W", 'N', 4}});
-    for (const auto& [cell, bytes] : rows(
-             "C abc=abc   ;C abcdef   =abcdef;C abcdefg=!7 bytes do not fit C(6);C é=\xE9     ;"
-             "C Ж=!code page CP1252 lacks \"Ж\";C =      ;N 12.5= 12.50;N -1= -1.00;N 0012.500= "
-             "12.50;"
-             "N 1.25e2=1.25e2;N 1.250e+2=125.00;N 12345= 12345;N 123456=123456;N "
-             "1234567=!\"1234567\" does not fit "
-             "N(6,2);"
-             "N 1.005=!\"1.005\" has more than 2 decimals;N x=!\"x\" is no number;N =      ;"
-             "N 1e999=!\"1e999\" is no number;P .5=.50;P 1=1.0;P -.5=-.5;P 12.5=!\"12.5\" does not "
-             "fit "
-             "N(3,2);F 9.95e+003=   9.95e+003;F 9.950000e+003=   9950.0000;D 2024-02-29=20240229;D "
-             "20240131=20240131;"
-             "D 2023-02-29=!\"2023-02-29\" is no date (2024-01-31);D 2024-0131=!\"2024-0131\" is "
-             "no date "
-             "(2024-01-31);D =        ;L true=T;L N=F;L 1=T;L =\x20;L maybe=!\"maybe\" is no "
-             "logical "
-             "value (true, false);T 2024-01-31 23:59:59=20240131235959;T 2024-01-31=20240131000000;"
-             "T 2024-01-31 24:00:00=!\"2024-01-31 24:00:00\" is no date and time (2024-01-31 "
-             "23:59:59);"
-             "T 2024-01-31 10:00:00.5=!\"2024-01-31 10:00:00.5\" has parts of a second;W 12.0=  12;"
-             "W 1.5=!\"1.5\" has more than 0 decimals")) {
-        EXPECT_EQ(stored(*table, cell.substr(0, 1), Given::cell(cell.substr(2))), bytes) << cell;
+    for (const auto& row : cases("cells", "typed")) {
+        EXPECT_EQ(stored(*table, row[0], Given::cell(row[1])), row[2]) << row[0] << row[1];
     }
 }
 
 TEST(Store, NumbersAsGiven) {
     const TempDir dir;
     const auto table = emptyTable(dir, 0x03, {{"N", 'N', 6, 2}});
-    for (const auto& [cell, bytes] :
-         rows("+07=   +07;1.005= 1.005;5.=    5.;1.0000=1.0000;1.00000=  1.00;x=!\"x\" is no "
-              "number")) {
-        Given given = Given::cell(cell);
+    for (const auto& row : cases("cells", "as given")) {
+        Given given = Given::cell(row[0]);
         given.asGiven = true;
-        EXPECT_EQ(stored(*table, "N", given), bytes) << cell;
+        EXPECT_EQ(stored(*table, "N", given), row[1]) << row[0];
     }
 }
 
