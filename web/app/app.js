@@ -443,9 +443,15 @@ function listenToDrops() {
 
 listen();
 listenToDrops();
+document.documentElement.dataset.ready = 'true'; // for files; they wait for the engine
+performance.mark('ready');
 engine.ready.then(
-    () => (document.documentElement.dataset.ready = 'true'),
+    () => performance.mark('engine'),
     (e) => say(`This browser cannot run the page: ${e.message}`, 'error'),
 );
-const inPage = filesInPage();
-if (inPage.length) take(inPage).catch(complain);
+parsed
+    .then(() => {
+        const inPage = filesInPage();
+        return inPage.length ? take(inPage) : null;
+    })
+    .catch(complain);
