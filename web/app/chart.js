@@ -28,6 +28,8 @@ function standing(chart, name) {
     const most = Math.max(...chart.bars.map((bar) => bar.n), 1);
     const step = width / Math.max(chart.bars.length, 1);
     svg.append(shape('line', {x1: 0, x2: width, y1: height + 0.5, y2: height + 0.5, class: 'axis'}));
+    svg.append(shape('line', {x1: 0, x2: width, y1: 5.5, y2: 5.5, class: 'axis most'}));
+    svg.append(shape('text', {x: width, y: -2, 'text-anchor': 'end', class: 'count'}, grouped(most)));
     chart.bars.forEach((bar, i) => {
         const tall = bar.n ? Math.max(2, (bar.n / most) * (height - 6)) : 0;
         const gap = Math.min(3, step / 5);
@@ -72,8 +74,7 @@ function lying(chart, name) {
 }
 
 function facts(chart) {
-    const list = [['Values', grouped(chart.count)]];
-    if (chart.blank) list.push(['Blank', grouped(chart.blank)]);
+    const list = [['Values', grouped(chart.count)], ['Blank', grouped(chart.blank)]];
     if (chart.different !== undefined && chart.count) {
         list.push(['Different', chart.more ? `over ${grouped(chart.different)}` : grouped(chart.different)]);
     }
@@ -85,7 +86,7 @@ function facts(chart) {
     }
     const table = element('dl', 'figures');
     for (const [name, value] of list) {
-        const pair = element('div');
+        const pair = element('div', ['First', 'Least', 'Sum'].includes(name) ? 'left' : '');
         const shown = element('dd', '', value);
         shown.title = value;
         pair.append(element('dt', '', name), shown);
@@ -95,7 +96,7 @@ function facts(chart) {
 }
 
 function drawChart(place, column, chart) {
-    place.replaceChildren(element('h2', '', column.name), element('p', 'type', typeLine(column)));
+    place.replaceChildren(heading(column.name), element('p', 'type', typeLine(column)));
     if (chart.count) place.append(chart.kind === 'texts' ? lying(chart, column.name) : standing(chart, column.name));
     else place.append(element('p', 'none', 'No values in the shown records.'));
     place.append(facts(chart));

@@ -19,6 +19,7 @@ class Engine {
     constructor(onProgress) {
         this.onProgress = onProgress;
         this.files = [];
+        this.opened = null; // [path, code page]
         this.starts = 0;
         this.start();
     }
@@ -55,28 +56,39 @@ class Engine {
         const start = this.starts;
         await this.ready;
         if (start !== this.starts) throw new Stopped();
-        const id = this.next++;
-        const result = await new Promise((resolve) => {
-            this.calls.set(id, resolve);
-            this.worker.postMessage({id, name, values});
-        });
+        const result = await this.post(name, values);
         if (result.stopped) throw new Stopped();
-        if (result.broken) await this.restart();
+        if (name === 'open') this.opened = result.error ? null : values;
+        if (result.broken) this.restart();
         if (result.error) throw new Error(result.error);
         return result;
     }
 
+    post(name, values) {
+        const id = this.next++;
+        return new Promise((resolve) => {
+            this.calls.set(id, resolve);
+            this.worker.postMessage({id, name, values});
+        });
+    }
+
     mount(files) {
         this.files = files;
+        this.opened = null;
         return this.call('mount', files);
     }
 
-    // Ends what runs.
-    async restart() {
+    // Ends what runs. The table is open again, all of its records shown, before other calls come.
+    restart() {
         this.worker?.terminate();
         for (const done of this.calls.values()) done({stopped: true});
         this.start();
-        if (this.files.length) await this.call('mount', this.files);
+        const start = this.starts;
+        this.ready = this.ready.then(async () => {
+            if (start === this.starts && this.files.length) await this.post('mount', [this.files]);
+            if (start === this.starts && this.opened) await this.post('open', this.opened);
+        });
+        this.ready.catch(() => {});
     }
 }
 

@@ -5,8 +5,11 @@ const kOtherTable = /\.(dbc|scx|vcx|frx|lbx|mnx|pjx)$/i;
 const kBeside = /\.(dbt|fpt|smt|dct|cpg|sct|vct|frt|lbt|mnt|pjt|cdx|idx|mdx|ndx|ntx|dbf-mira)$/i;
 const kMostFiles = 20000;
 
+const isArchive = (name) => /\.zip$/i.test(name);
 const isTable = (name) => kTable.test(name) || kOtherTable.test(name);
-const belongs = (name) => isTable(name) || kBeside.test(name);
+// What some systems add to archives and folders has the names of files, but is none of them.
+const isShadow = (name) => /(^|\/)(__MACOSX\/|\._)/.test(name);
+const belongs = (name) => !isShadow(name) && (isTable(name) || kBeside.test(name));
 
 // Names of files never lead out of the drop.
 const safeName = (name) =>
@@ -32,7 +35,7 @@ async function walk(entry, path, files) {
         return;
     }
     const file = await new Promise((resolve) => entry.file(resolve, () => resolve(null)));
-    if (file && (path === '' || belongs(file.name) || /\.zip$/i.test(file.name))) {
+    if (file && (path === '' || belongs(path + file.name) || isArchive(file.name))) {
         files.push({name: path + file.name, data: file});
     }
 }
@@ -50,16 +53,31 @@ async function filesOfDrop(transfer) {
 const filesOfInput = (input) =>
     unpacked(Array.from(input.files, (file) => ({name: file.webkitRelativePath || file.name, data: file})));
 
+// Of several archives each is a folder. Of files of one name the last counts.
 async function unpacked(files) {
-    const all = [];
+    const all = new Map();
+    const add = ({name, data}) => all.set(safeName(name), {name: safeName(name), data});
     for (const file of files) {
-        if (/\.zip$/i.test(file.name)) {
-            all.push(...(await unzip(file.data, belongs)));
-        } else {
-            all.push(file);
+        if (!isArchive(file.name)) {
+            add(file);
+            continue;
         }
+        const folder = files.length > 1 ? `${file.name.replace(/\.zip$/i, '')}/` : '';
+        for (const {name, data} of await unzip(file.data, belongs)) add({name: folder + name, data});
     }
-    return all.map(({name, data}) => ({name: safeName(name), data}));
+    return [...all.values()];
+}
+
+const stemOf = (path) => path.split('/').pop().replace(/\.[^.]*$/, '');
+const isBeside = (files) => files.every(({name}) => kBeside.test(name));
+
+// Memo files and their like, dropped later, go into the folders of the tables they belong to.
+function placedBeside(files, tables) {
+    return files.map(({name, data}) => {
+        const table = tables.find((path) => stemOf(path).toLowerCase() === stemOf(name).toLowerCase());
+        const folder = table ? table.slice(0, table.lastIndexOf('/') + 1) : '';
+        return {name: name.includes('/') ? name : folder + name, data};
+    });
 }
 
 // Which of the files are tables; where none has the name of one, each may be.
