@@ -1,9 +1,15 @@
 // Files of the drop as the engine reads them: in blocks that are kept, the latest used ones, since a
 // read of a slice costs the same for one byte as for a block.
 const kBlock = 256 * 1024;
-const kKept = 128; // 32 MiB
+const kKept = 96; // 24 MiB
 
 const blocks = new Map(); // "node:block" -> bytes, the longest unused first
+
+// Memory is given back at once, not when some collector has time.
+function release(key) {
+    blocks.get(key).buffer.transfer?.(0);
+    blocks.delete(key);
+}
 
 function blockOf(node, number, reader) {
     const key = node.id + ':' + number;
@@ -13,7 +19,7 @@ function blockOf(node, number, reader) {
     } else {
         const start = number * kBlock;
         bytes = new Uint8Array(reader.readAsArrayBuffer(node.contents.slice(start, start + kBlock)));
-        if (blocks.size >= kKept) blocks.delete(blocks.keys().next().value);
+        if (blocks.size >= kKept) release(blocks.keys().next().value);
     }
     blocks.set(key, bytes);
     return bytes;
