@@ -377,6 +377,7 @@ function toggleSql() {
 
 async function runQuery() {
     const turn = ++state.turn;
+    const lost = working && state.answer; // with what runs its rows go, too
     if (working) engine.restart();
     const tables = state.tables.map((path) => `${path}\t${state.pages[path] || ''}`).join('\n');
     try {
@@ -389,6 +390,7 @@ async function runQuery() {
         await grid.show({columns: answer.columns, count: answer.rows, sortable: false, rows: (first, n) => engine.call('answerRows', first, n)}, null);
         say(`${answer.cut ? 'The first ' : ''}${counted(answer.rows, 'row')}${answer.cut ? '; there are more' : ''}`, '', answer.notes);
     } catch (e) {
+        if (turn === state.turn && lost) await view();
         complain(e);
     }
 }

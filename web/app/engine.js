@@ -2,11 +2,15 @@
 // starts it anew, with the same files.
 const textOf = (id) => document.getElementById(id).textContent;
 
+const kOfView = ['rows', 'cell', 'chart', 'csv'];
+
 class Engine {
     constructor(onProgress) {
         this.onProgress = onProgress;
         this.files = [];
         this.opened = null; // [path, code page]
+        this.viewed = null; // what the last view() wanted
+        this.lost = false; // that the engine does not know of it
         this.start();
     }
 
@@ -36,9 +40,12 @@ class Engine {
         const worker = this.worker;
         await this.ready;
         if (worker !== this.worker) throw new Stopped();
+        if (this.lost && kOfView.includes(name)) this.post('view', this.viewed);
+        if (kOfView.includes(name)) this.lost = false;
         const result = await this.post(name, values);
         if (result.stopped) throw new Stopped();
-        if (name === 'open') this.opened = result.error ? null : values;
+        if (name === 'open') Object.assign(this, {opened: result.error ? null : values, viewed: null, lost: false});
+        if (name === 'view' && !result.error) Object.assign(this, {viewed: values, lost: false});
         if (result.broken) this.restart();
         if (result.error) throw new Error(result.error);
         return result;
@@ -54,12 +61,14 @@ class Engine {
 
     mount(files) {
         this.files = files;
-        this.opened = null;
+        this.opened = this.viewed = null;
         return this.call('mount', files);
     }
 
-    // Ends what runs. The table is open again, all of its records shown, before other calls come.
+    // Ends what runs. The table is open again before other calls come; how its rows had been chosen is
+    // given back with the first call that asks for them.
     restart() {
+        this.lost = this.viewed !== null;
         this.worker.terminate();
         for (const done of this.calls.values()) done({stopped: true});
         this.start();
