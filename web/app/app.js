@@ -1,6 +1,7 @@
 // The page: which table is open, what is shown of it, what is said.
 const at = (id) => document.getElementById(id);
 const kPause = 350; // ms after the last key
+const kPatience = 300; // ms
 const kMostCounted = 512 * 1024 * 1024; // bytes
 
 const state = {
@@ -40,22 +41,22 @@ function tableNotes() {
     return [...facts.repairs, ...facts.notes].map(named).concat(doubt ? [named(doubt)] : []);
 }
 
-let working = 0;
+const running = new Set(); // what was begun
 const engine = new Engine((done, all) => {
-    at('bar').value = all ? done / all : 0;
-    if (working && performance.now() - working > 300) at('progress').hidden = false;
+    if (all) at('bar').value = done / all;
 });
 
 // Runs what may take long: a bar and "Stop" appear when it does.
 async function work(action) {
-    const mine = (working = performance.now());
-    at('bar').value = 0;
+    running.add(action);
+    at('bar').removeAttribute('value');
+    setTimeout(() => running.has(action) && (at('progress').hidden = false), kPatience);
     document.body.setAttribute('aria-busy', 'true');
     try {
         return await action();
     } finally {
-        if (working === mine) {
-            working = 0;
+        running.delete(action);
+        if (!running.size) {
             at('progress').hidden = true;
             document.body.removeAttribute('aria-busy');
         }
@@ -91,7 +92,7 @@ async function take(files) {
     Object.assign(state, {files: all, tables});
     if (!added) state.pages = Object.fromEntries(files.map(({name, page}) => [name, page || '']));
     const turn = ++state.turn;
-    if (working) engine.restart();
+    if (running.size) engine.restart();
     await engine.mount(all.map(({name, data}) => ({name, data})));
     if (turn !== state.turn) return;
     listTables();
@@ -272,7 +273,7 @@ function showNone(why, canShowAll) {
 async function view() {
     if (!state.opened) return;
     const turn = ++state.turn;
-    if (working) engine.restart();
+    if (running.size) engine.restart();
     const wanted = {
         filter: state.filter,
         search: state.search,
@@ -377,8 +378,8 @@ function toggleSql() {
 
 async function runQuery() {
     const turn = ++state.turn;
-    const lost = working && state.answer; // with what runs its rows go, too
-    if (working) engine.restart();
+    const lost = running.size && state.answer; // with what runs its rows go, too
+    if (running.size) engine.restart();
     const tables = state.tables.map((path) => `${path}\t${state.pages[path] || ''}`).join('\n');
     try {
         const answer = await work(() => engine.call('query', at('statement').value, tables));
