@@ -144,6 +144,7 @@ async function open(path) {
     document.title = `${path} · MIRA`;
     closeSide();
     showBack();
+    if (running.size) engine.restart();
     try {
         const opened = await work(() => engine.call('open', path, state.pages[path] || ''));
         if (turn !== state.turn) return;
@@ -521,6 +522,7 @@ async function reopen() {
 async function stop() {
     const back = state.shown || kAll;
     state.turn++;
+    drops++;
     engine.restart();
     if (!state.opened) {
         showNothing();
