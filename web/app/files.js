@@ -41,6 +41,14 @@ async function walk(folder, path, files) {
     }
 }
 
+async function walkDropped(folder, files) {
+    try {
+        await walk(folder, `${folder.name}/`, files);
+    } catch {
+        throw new Error(`${folder.name}: the browser does not let the page into this folder; drop its files, or a .zip`);
+    }
+}
+
 async function filesOfDrop(transfer) {
     // The list is gone after the first wait.
     const items = Array.from(transfer.items || []).filter((item) => item.kind === 'file');
@@ -52,7 +60,7 @@ async function filesOfDrop(transfer) {
     const files = [];
     for (const {entry, handle, file} of dropped) {
         if (!entry || !entry.isDirectory) files.push({name: file.name, data: file});
-        else await walk((handle && (await handle.catch(() => null))) || entry, `${entry.name}/`, files);
+        else await walkDropped((handle && (await handle.catch(() => null))) || entry, files);
     }
     return unpacked(files);
 }
