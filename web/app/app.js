@@ -557,9 +557,13 @@ function listenToDrops() {
 
 listen();
 listenToDrops();
+document.documentElement.dataset.ready = 'true'; // for files; they wait for the engine
+performance.mark('ready');
 engine.ready.then(
-    () => (document.documentElement.dataset.ready = 'true'),
+    () => performance.mark('engine'),
     (e) => say(`This browser cannot run the page: ${e.message}`, 'error'),
 );
-const inPage = filesInPage();
-if (inPage.length) receive(Promise.resolve(inPage));
+parsed.then(() => {
+    const inPage = filesInPage();
+    if (inPage.length) receive(Promise.resolve(inPage));
+});

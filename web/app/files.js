@@ -104,6 +104,14 @@ function tablesAmong(files) {
     return tables.sort((a, b) => a.localeCompare(b, 'en'));
 }
 
+function bytesOf(base64) {
+    if (Uint8Array.fromBase64) return Uint8Array.fromBase64(base64);
+    const letters = atob(base64);
+    const bytes = new Uint8Array(letters.length);
+    for (let i = 0; i < letters.length; i++) bytes[i] = letters.charCodeAt(i);
+    return bytes;
+}
+
 // The tables that `mira page` has put into the page.
 function filesInPage() {
     const holder = document.getElementById('tables');
@@ -111,6 +119,6 @@ function filesInPage() {
     return JSON.parse(holder.textContent).map(({name, page, base64}) => ({
         name: safeName(name),
         page,
-        data: new Blob([Uint8Array.from(atob(base64), (c) => c.charCodeAt(0))]),
+        data: new Blob([bytesOf(base64)]),
     }));
 }
