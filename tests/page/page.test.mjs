@@ -166,6 +166,7 @@ test('a drop, a search, keys, copied cells, a chart, SQL', async () => {
     assert.equal((await rows())[0][0], 'RET001');
     await fill('[type=search]', 'WASHER');
     assert.equal(await rowCount(), 2);
+    assert.deepEqual(await page.evaluate(() => Array.from(CSS.highlights.get('found'), String)), ['Washer', 'Washer']);
     await fill('[type=search]', '7.2');
     assert.deepEqual((await rows()).map((row) => row[0]), ['GLU500']);
     await fill('[type=search]', '');

@@ -236,6 +236,7 @@ function tableSource(rows) {
         count: rows,
         records: state.opened.records,
         sortable: true,
+        sought: state.search,
         rows: (first, n) => engine.call('rows', first, n),
         whole: async (row, column) => {
             const cell = await engine.call('cell', row, column);
@@ -565,5 +566,7 @@ engine.ready.then(
 );
 parsed.then(() => {
     const inPage = filesInPage();
-    if (inPage.length) receive(Promise.resolve(inPage));
+    if (!inPage.length) return;
+    at('start').hidden = true;
+    receive(Promise.resolve(inPage));
 });

@@ -57,6 +57,7 @@ class Grid {
         const other = this.source !== source;
         const columnsChanged = !this.source || this.source.columns !== source.columns;
         this.source = source;
+        this.sought = source.sought || '';
         this.columns = source.columns;
         this.count = source.count;
         this.chunks = new Map();
@@ -266,6 +267,7 @@ class Grid {
         }
         for (const number of missing) this.fetch(number);
         this.mark();
+        this.tint();
     }
 
     redraw() {
@@ -386,6 +388,25 @@ class Grid {
         if (active) active.classList.add('active');
         if (active && this.row >= 0) active.setAttribute('aria-selected', 'true');
         this.root.setAttribute('aria-activedescendant', active ? active.id : '');
+    }
+
+    // Colours what is searched for, where the browser can without changing the cells.
+    tint() {
+        if (!globalThis.Highlight) return;
+        const found = new Highlight();
+        const wanted = this.sought.toLowerCase();
+        const cells = wanted ? this.body.querySelectorAll('[role=gridcell]:not(:empty, .bytes)') : [];
+        for (const {firstChild: node} of cells) {
+            const text = node.data.toLowerCase();
+            if (text.length !== node.length) continue; // letters that change their number
+            for (let at = text.indexOf(wanted); at >= 0; at = text.indexOf(wanted, at + wanted.length)) {
+                const range = new Range();
+                range.setStart(node, at);
+                range.setEnd(node, at + wanted.length);
+                found.add(range);
+            }
+        }
+        CSS.highlights.set('found', found);
     }
 
     choose(row, column, extend) {
