@@ -344,8 +344,7 @@ function cellOfAnswer(data, column) {
     const value = data.c[column];
     const text = value === null ? '' : cellText(value);
     const bytes = new TextEncoder().encode(value && value.b !== undefined ? describe(value) : text);
-    const cut = value && value.t !== undefined && value.b === undefined;
-    const fault = cut ? `The first ${sized(bytes.length)} of ${sized(value.n)}; the export has all of it.` : '';
+    const fault = isCut(value) ? `The first ${sized(bytes.length)} of ${sized(value.n)}; the export has all of it.` : '';
     return {kind: value === null ? 'null' : 'text', bytes, size: bytes.length, fault};
 }
 

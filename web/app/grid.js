@@ -30,6 +30,7 @@ const heading = (name) => {
     return made;
 };
 const isNumber = (column) => column.as === 'number';
+const isCut = (cell) => cell !== null && cell.n > 0 && cell.b === undefined;
 const cellText = (cell) => (cell === null ? '' : typeof cell === 'string' ? cell : cell.t);
 
 class Grid {
@@ -538,11 +539,23 @@ class Grid {
         }
         const lines = [];
         for (let first = rows[0]; first <= rows[1]; first += 1000) {
-            for (const data of await this.source.rows(first, Math.min(1000, rows[1] + 1 - first))) {
-                lines.push(data.c.slice(columns[0], columns[1] + 1).map((cell) => cellText(cell).replace(/[\t\r\n]+/g, ' ')).join('\t'));
+            const some = await this.source.rows(first, Math.min(1000, rows[1] + 1 - first));
+            for (const [at, data] of some.entries()) {
+                const cells = [];
+                for (let column = columns[0]; column <= columns[1]; column++) {
+                    const text = await this.textToCopy(first + at, column, data.c[column]);
+                    cells.push(single ? text : text.replace(/[\t\r\n]+/g, ' '));
+                }
+                lines.push(cells.join('\t'));
             }
         }
         return lines.join('\n');
+    }
+
+    // The grid has the start alone of a long text.
+    textToCopy(row, column, cell) {
+        if (isCut(cell) && this.source.whole) return this.source.whole(row, column);
+        return cell && cell.b !== undefined ? describe(cell) : cellText(cell);
     }
 
     async toClipboard() {
