@@ -235,7 +235,7 @@ test('a hostile table runs nothing', async () => {
     await press('Home', 'Shift+End', 'Control+c');
     await page.waitForFunction((text) => document.body.dataset.copied?.split('\t')[2] === text, attack.repeat(40));
     const archive = path.join(work, 'hostile.zip');
-    const pack = 'import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1], "w") as z:\n for n in sys.argv[3:]: z.write(sys.argv[2], n)';
+    const pack = 'import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1], "w", 8) as z:\n for n in sys.argv[3:]: z.write(sys.argv[2], n)';
     const names = ['../../up.dbf', '/root.dbf', 'a\nb.dbf', `${attack.replaceAll('/', '')}.dbf`, 'x.dbf/y.dbf', 'up.cpg', '__MACOSX/._up.dbf'];
     execFileSync('python3', ['-c', pack, archive, table, ...names]);
     await drop(archive);
@@ -244,6 +244,11 @@ test('a hostile table runs nothing', async () => {
         await page.selectOption('[aria-label=Table]', name);
         await drawn(3);
     }
+    const harmed = fs.readFileSync(archive);
+    harmed[80] ^= 1; // among what the first entry holds
+    fs.writeFileSync(archive, harmed);
+    await drop(archive);
+    assert.match(await said(), /up\.dbf is damaged/);
     const sent = await page.evaluate(() => fetch('http://127.0.0.1:9/').then(() => 'sent', (e) => e.name));
     assert.equal(sent, 'TypeError');
     assert.deepEqual(requests, []);
