@@ -29,7 +29,7 @@ namespace {
 using namespace tables;
 
 constexpr std::size_t kPiece = 1U << 20;  // of an export
-constexpr u32 kScattered = 16U << 20;     // bytes of records that it reads at a time, out of order
+constexpr u32 kScattered = 8U << 20;      // bytes of records that it reads at a time, out of order
 
 struct Export {
     struct Faulty {
@@ -39,6 +39,9 @@ struct Export {
     };
     std::unique_ptr<CellReader> cells{};
     std::vector<Faulty> faulty{};  ///< not counted yet
+    std::string lines{};           ///< of rows that lie all over the file, as they lie there
+    std::vector<std::pair<u32, u32>> places{};  ///< from where to where in it, row by row
+    std::size_t told = 0;                       ///< of these rows
     Faults faults{};
     u32 row = 0;
     u32 left = 0;  ///< deleted records that are left out
@@ -269,8 +272,9 @@ void countFaults(Export& run) {
     run.faulty.clear();
 }
 
-/// Lines of rows that lie all over the file, which is read from its start for each piece of them.
-void putScattered(Export& run) {
+/// Makes the lines of rows that lie all over the file, which is read from its start for each lot of
+/// them.
+void makeScattered(Export& run) {
     const u32 most = std::max(kScattered / shown.table->base->Header.RecordLength, 1000U);
     const u32 first = run.row;
     run.row = std::min(shown.view.count, first + most);
@@ -278,26 +282,40 @@ void putScattered(Export& run) {
     std::iota(rows.begin(), rows.end(), first);
     std::sort(rows.begin(), rows.end(),
               [](u32 a, u32 b) { return shown.view.record(a) < shown.view.record(b); });
-    std::vector<std::string> lines(rows.size());
-    for (const u32 row : rows) putRow(run, row, lines[row - first]);
-    for (const std::string& line : lines) run.piece += line;
+    run.lines.clear();
+    run.told = 0;
+    run.places.resize(rows.size());
+    for (const u32 row : rows) {
+        const auto from = static_cast<u32>(run.lines.size());
+        putRow(run, row, run.lines);
+        run.places[row - first] = {from, static_cast<u32>(run.lines.size())};
+    }
+    countFaults(run);
 }
 
-/// The next piece; empty at the end, or where all of its records are left out.
+/// The next row, or some of them.
+void exportRow(Export& run) {
+    if (shown.view.whole) {
+        putRow(run, run.row++, run.piece);
+        return countFaults(run);
+    }
+    if (run.told == run.places.size()) makeScattered(run);
+    const auto [from, to] = run.places[run.told++];
+    run.piece.append(run.lines, from, to - from);
+}
+
+bool isExported(const Export& run) {
+    return run.row == shown.view.count && run.told == run.places.size();
+}
+
+/// The next piece; empty at the end.
 void exportOn(Export& run) {
     run.piece.clear();
     if (run.row == 0 && !run.cells) {
         run.cells = std::make_unique<CellReader>(*shown.table);
         putHeadings(run.piece, shown.table->columns);
     }
-    while (run.piece.size() < kPiece && run.row < shown.view.count) {
-        if (shown.view.whole) {
-            putRow(run, run.row++, run.piece);
-        } else {
-            putScattered(run);
-        }
-        countFaults(run);
-    }
+    while (run.piece.size() < kPiece && !isExported(run)) exportRow(run);
     tellProgress(run.row, shown.view.count);
 }
 
@@ -401,8 +419,7 @@ EMSCRIPTEN_KEEPALIVE void page_export() { shown.run = Export(); }
 EMSCRIPTEN_KEEPALIVE const char* page_next() {
     return answered([&] {
         exportOn(shown.run);
-        if (shown.run.piece.empty() && shown.run.row == shown.view.count)
-            return exportedJson(shown.run);
+        if (shown.run.piece.empty()) return exportedJson(shown.run);
         tables::JsonObject object;
         object.number("size", shown.run.piece.size());
         return object.whole();

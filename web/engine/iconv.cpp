@@ -37,7 +37,7 @@ using namespace tables;
 
 /// How the bytes of a page make up characters. All of its single bytes, and pairs of 81 to FE and
 /// 30 to FE, may be some.
-enum class Longer : u8 {
+enum class Longer : unsigned char {
     None,
     AfterMark,   // three bytes: 8F, then a pair
     WithDigits,  // four: 81 to FE and a digit, twice

@@ -1,10 +1,16 @@
 // Files of the drop as the engine reads them: in blocks that are kept, the latest used ones, since a
 // read of a slice costs the same for one byte as for a block.
 const kBlock = 256 * 1024;
-const kKept = 128; // 32 MiB
+const kKept = 96; // 24 MiB
 const kEio = 29; // as emscripten numbers them
 
 const blocks = new Map(); // "node:block" -> bytes, the longest unused first
+
+// Memory is given back at once, not when some collector has time.
+function release(key) {
+    blocks.get(key).buffer.transfer?.(0);
+    blocks.delete(key);
+}
 
 function blockOf(node, number, reader) {
     const key = node.id + ':' + number;
@@ -18,7 +24,7 @@ function blockOf(node, number, reader) {
         } catch {
             throw new engine.FS.ErrnoError(kEio); // the file has been changed or is gone
         }
-        if (blocks.size >= kKept) blocks.delete(blocks.keys().next().value);
+        if (blocks.size >= kKept) release(blocks.keys().next().value);
     }
     blocks.set(key, bytes);
     return bytes;

@@ -17,7 +17,7 @@ const calls = {
         } else {
             fs.mkdir('/drop');
         }
-        blocks.clear();
+        [...blocks.keys()].forEach(release);
         fs.mount(engine.WORKERFS, {blobs: files}, '/drop');
         fs.chdir('/drop');
         return {};
