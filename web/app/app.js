@@ -1,6 +1,7 @@
 // The page: which table is open, what is shown of it, what is said.
 const at = (id) => document.getElementById(id);
 const kPause = 350; // ms after the last key
+const kPatience = 300; // ms
 const kMostCounted = 512 * 1024 * 1024; // bytes
 
 const state = {
@@ -40,22 +41,22 @@ function tableNotes() {
     return [...facts.repairs, ...facts.notes].map(named).concat(doubt ? [named(doubt)] : []);
 }
 
-let working = 0;
+const running = new Set(); // what was begun
 const engine = new Engine((done, all) => {
-    at('bar').value = all ? done / all : 0;
-    if (working && performance.now() - working > 300) at('progress').hidden = false;
+    if (all) at('bar').value = done / all;
 });
 
 // Runs what may take long: a bar and "Stop" appear when it does.
 async function work(action) {
-    const mine = (working = performance.now());
-    at('bar').value = 0;
+    running.add(action);
+    at('bar').removeAttribute('value');
+    setTimeout(() => running.has(action) && (at('progress').hidden = false), kPatience);
     document.body.setAttribute('aria-busy', 'true');
     try {
         return await action();
     } finally {
-        if (working === mine) {
-            working = 0;
+        running.delete(action);
+        if (!running.size) {
             at('progress').hidden = true;
             document.body.removeAttribute('aria-busy');
         }
@@ -91,7 +92,7 @@ async function take(files) {
     Object.assign(state, {files: all, tables});
     if (!added) state.pages = Object.fromEntries(files.map(({name, page}) => [name, page || '']));
     const turn = ++state.turn;
-    if (working) engine.restart();
+    if (running.size) engine.restart();
     await engine.mount(all.map(({name, data}) => ({name, data})));
     if (turn !== state.turn) return;
     listTables();
@@ -143,6 +144,7 @@ async function open(path) {
     document.title = `${path} · MIRA`;
     closeSide();
     showBack();
+    if (running.size) engine.restart();
     try {
         const opened = await work(() => engine.call('open', path, state.pages[path] || ''));
         if (turn !== state.turn) return;
@@ -234,6 +236,7 @@ function tableSource(rows) {
         count: rows,
         records: state.opened.records,
         sortable: true,
+        sought: state.search,
         rows: (first, n) => engine.call('rows', first, n),
         whole: async (row, column) => {
             const cell = await engine.call('cell', row, column);
@@ -272,7 +275,7 @@ function showNone(why, canShowAll) {
 async function view() {
     if (!state.opened) return;
     const turn = ++state.turn;
-    if (working) engine.restart();
+    if (running.size) engine.restart();
     const wanted = {
         filter: state.filter,
         search: state.search,
@@ -341,8 +344,7 @@ function cellOfAnswer(data, column) {
     const value = data.c[column];
     const text = value === null ? '' : cellText(value);
     const bytes = new TextEncoder().encode(value && value.b !== undefined ? describe(value) : text);
-    const cut = value && value.t !== undefined && value.b === undefined;
-    const fault = cut ? `The first ${sized(bytes.length)} of ${sized(value.n)}; the export has all of it.` : '';
+    const fault = isCut(value) ? `The first ${sized(bytes.length)} of ${sized(value.n)}; the export has all of it.` : '';
     return {kind: value === null ? 'null' : 'text', bytes, size: bytes.length, fault};
 }
 
@@ -377,7 +379,8 @@ function toggleSql() {
 
 async function runQuery() {
     const turn = ++state.turn;
-    if (working) engine.restart();
+    const lost = running.size && state.answer; // with what runs its rows go, too
+    if (running.size) engine.restart();
     const tables = state.tables.map((path) => `${path}\t${state.pages[path] || ''}`).join('\n');
     try {
         const answer = await work(() => engine.call('query', at('statement').value, tables));
@@ -389,6 +392,7 @@ async function runQuery() {
         await grid.show({columns: answer.columns, count: answer.rows, sortable: false, rows: (first, n) => engine.call('answerRows', first, n)}, null);
         say(`${answer.cut ? 'The first ' : ''}${counted(answer.rows, 'row')}${answer.cut ? '; there are more' : ''}`, '', answer.notes);
     } catch (e) {
+        if (turn === state.turn && lost) await view();
         complain(e);
     }
 }
@@ -518,6 +522,7 @@ async function reopen() {
 async function stop() {
     const back = state.shown || kAll;
     state.turn++;
+    drops++;
     engine.restart();
     if (!state.opened) {
         showNothing();
@@ -560,5 +565,7 @@ engine.ready.then(
 );
 parsed.then(() => {
     const inPage = filesInPage();
-    if (inPage.length) receive(Promise.resolve(inPage));
+    if (!inPage.length) return;
+    at('start').hidden = true;
+    receive(Promise.resolve(inPage));
 });

@@ -22,8 +22,8 @@ function barLabel(chart, bar) {
 }
 
 // Bars that stand, with a line of labels below.
-function standing(chart, name) {
-    const [width, height, foot] = [320, 150, 20];
+function standing(chart, name, width) {
+    const [height, foot] = [150, 20];
     const svg = shape('svg', {viewBox: `0 0 ${width} ${height + foot}`, role: 'img', 'aria-label': `Chart of ${name}`});
     const most = Math.max(...chart.bars.map((bar) => bar.n), 1);
     const step = width / Math.max(chart.bars.length, 1);
@@ -53,28 +53,30 @@ function standing(chart, name) {
 }
 
 // Bars that lie, a value a line.
-function lying(chart, name) {
+function lying(chart, name, width) {
     const row = 26;
     const bars = chart.rest ? [...chart.bars, {label: 'all others', n: chart.rest, rest: true}] : chart.bars;
     const most = Math.max(...chart.bars.map((bar) => bar.n), 1);
-    const svg = shape('svg', {viewBox: `0 0 320 ${Math.max(bars.length, 1) * row}`, role: 'img', 'aria-label': `Chart of ${name}`});
+    const svg = shape('svg', {viewBox: `0 0 ${width} ${Math.max(bars.length, 1) * row}`, role: 'img', 'aria-label': `Chart of ${name}`});
     bars.forEach((bar, i) => {
         const group = shape('g', {class: bar.rest ? 'bar rest' : 'bar', transform: `translate(0 ${i * row})`});
         group.append(shape('title', {}, `${bar.label}: ${grouped(bar.n)}`));
-        group.append(shape('rect', {x: 0, y: 0, width: 320, height: row, class: 'touch'}));
-        if (!bar.rest) group.append(shape('rect', {x: 0, y: 18, width: Math.max(2, (bar.n / most) * 320), height: 4, rx: 2, class: 'fill'}));
+        group.append(shape('rect', {x: 0, y: 0, width, height: row, class: 'touch'}));
+        if (!bar.rest) group.append(shape('rect', {x: 0, y: 18, width: Math.max(2, (bar.n / most) * width), height: 4, rx: 2, class: 'fill'}));
         const letters = Array.from(bar.label.replace(/\s+/g, ' '));
         const wide = letters.reduce((sum, c) => sum + (c.codePointAt(0) > 0x2e80 ? 1.8 : 1), 0);
-        const cut = wide > 36 ? letters.slice(0, Math.floor((36 * letters.length) / wide)).join('') + '…' : letters.join('');
+        const room = width / 9;
+        const cut = wide > room ? letters.slice(0, Math.floor((room * letters.length) / wide)).join('') + '…' : letters.join('');
         group.append(shape('text', {x: 0, y: 13}, cut || ' '));
-        group.append(shape('text', {x: 320, y: 13, 'text-anchor': 'end', class: 'count'}, grouped(bar.n)));
+        group.append(shape('text', {x: width, y: 13, 'text-anchor': 'end', class: 'count'}, grouped(bar.n)));
         svg.append(group);
     });
     return svg;
 }
 
 function facts(chart) {
-    const list = [['Values', grouped(chart.count)], ['Blank', grouped(chart.blank)]];
+    const list = [['Values', grouped(chart.count)]];
+    if (chart.blank || chart.kind !== 'texts') list.push(['Blank', grouped(chart.blank)]);
     if (chart.different !== undefined && chart.count) {
         list.push(['Different', chart.more ? `over ${grouped(chart.different)}` : grouped(chart.different)]);
     }
@@ -97,7 +99,8 @@ function facts(chart) {
 
 function drawChart(place, column, chart) {
     place.replaceChildren(heading(column.name), element('p', 'type', typeLine(column)));
-    if (chart.count) place.append(chart.kind === 'texts' ? lying(chart, column.name) : standing(chart, column.name));
+    const draw = chart.kind === 'texts' ? lying : standing;
+    if (chart.count) place.append(draw(chart, column.name, Math.max(place.firstChild.clientWidth, 200)));
     else place.append(element('p', 'none', 'No values in the shown records.'));
     place.append(facts(chart));
 }

@@ -15,20 +15,24 @@ const compiled = parsed.then(() => {
 });
 compiled.catch(() => {}); // told by whoever waits for the engine
 
+const kOfView = ['rows', 'cell', 'chart', 'csv'];
+
 class Engine {
     constructor(onProgress) {
         this.onProgress = onProgress;
         this.files = [];
         this.opened = null; // [path, code page]
+        this.viewed = null; // what the last view() wanted
+        this.lost = false; // that the engine does not know of it
         this.starts = 0;
         this.start();
     }
 
     start() {
-        this.starts++;
+        const start = ++this.starts;
         this.calls = new Map();
         this.next = 1;
-        this.ready = parsed.then(() => this.launch(this.starts));
+        this.ready = parsed.then(() => this.launch(start));
         this.ready.catch(() => {});
     }
 
@@ -56,9 +60,12 @@ class Engine {
         const start = this.starts;
         await this.ready;
         if (start !== this.starts) throw new Stopped();
+        if (this.lost && kOfView.includes(name)) this.post('view', this.viewed);
+        if (kOfView.includes(name)) this.lost = false;
         const result = await this.post(name, values);
         if (result.stopped) throw new Stopped();
-        if (name === 'open') this.opened = result.error ? null : values;
+        if (name === 'open') Object.assign(this, {opened: result.error ? null : values, viewed: null, lost: false});
+        if (name === 'view' && !result.error) Object.assign(this, {viewed: values, lost: false});
         if (result.broken) this.restart();
         if (result.error) throw new Error(result.error);
         return result;
@@ -74,12 +81,14 @@ class Engine {
 
     mount(files) {
         this.files = files;
-        this.opened = null;
+        this.opened = this.viewed = null;
         return this.call('mount', files);
     }
 
-    // Ends what runs. The table is open again, all of its records shown, before other calls come.
+    // Ends what runs. The table is open again before other calls come; how its rows had been chosen is
+    // given back with the first call that asks for them.
     restart() {
+        this.lost = this.viewed !== null;
         this.worker?.terminate();
         for (const done of this.calls.values()) done({stopped: true});
         this.start();

@@ -11,42 +11,57 @@ const isTable = (name) => kTable.test(name) || kOtherTable.test(name);
 const isShadow = (name) => /(^|\/)(__MACOSX\/|\._)/.test(name);
 const belongs = (name) => !isShadow(name) && (isTable(name) || kBeside.test(name));
 
-// Names of files never lead out of the drop.
+// Names of files never lead out of the drop, and are a line.
 const safeName = (name) =>
-    name.split(/[/\\]/).filter((part) => part && part !== '.' && part !== '..').join('/') || 'table';
+    name.replace(/[\0-\x1f\x7f]/g, '_').split(/[/\\]/).filter((part) => part && part !== '.' && part !== '..').join('/') || 'table';
 
-function entriesIn(folder) {
-    const reader = folder.createReader();
-    const all = [];
-    return new Promise((resolve) => {
-        const more = () =>
-            reader.readEntries(
-                (entries) => (entries.length ? (all.push(...entries), more()) : resolve(all)),
-                () => resolve(all),
-            );
-        more();
-    });
-}
-
-async function walk(entry, path, files) {
-    if (files.length >= kMostFiles) return;
-    if (entry.isDirectory) {
-        for (const inner of await entriesIn(entry)) await walk(inner, `${path}${entry.name}/`, files);
+// Of a folder there are two ways to its files. A page from the disk is let in by handles alone,
+// which not every browser has.
+async function* insideOf(folder) {
+    if (folder.kind) {
+        for await (const inner of folder.values()) yield inner;
         return;
     }
-    const file = await new Promise((resolve) => entry.file(resolve, () => resolve(null)));
-    if (file && (path === '' || belongs(path + file.name) || isArchive(file.name))) {
-        files.push({name: path + file.name, data: file});
+    const reader = folder.createReader();
+    for (;;) {
+        const some = await new Promise((resolve, reject) => reader.readEntries(resolve, reject));
+        if (!some.length) return;
+        yield* some;
+    }
+}
+const isFolder = (entry) => (entry.kind ? entry.kind === 'directory' : entry.isDirectory);
+const fileOf = (entry) => (entry.kind ? entry.getFile() : new Promise((resolve, reject) => entry.file(resolve, reject)));
+
+async function walk(folder, path, files) {
+    for await (const entry of insideOf(folder)) {
+        if (files.length >= kMostFiles) return;
+        const name = path + entry.name;
+        if (isFolder(entry)) await walk(entry, `${name}/`, files);
+        else if (belongs(name) || isArchive(name)) files.push({name, data: await fileOf(entry)});
+    }
+}
+
+async function walkDropped(folder, files) {
+    try {
+        await walk(folder, `${folder.name}/`, files);
+    } catch {
+        throw new Error(`${folder.name}: the browser does not let the page into this folder; drop its files, or a .zip`);
     }
 }
 
 async function filesOfDrop(transfer) {
     // The list is gone after the first wait.
-    const entries = Array.from(transfer.items || [], (item) => item.webkitGetAsEntry && item.webkitGetAsEntry());
-    const plain = Array.from(transfer.files, (file) => ({name: file.name, data: file}));
-    if (!entries.some((entry) => entry && entry.isDirectory)) return unpacked(plain);
+    const items = Array.from(transfer.items || []).filter((item) => item.kind === 'file');
+    const dropped = items.map((item) => ({
+        entry: item.webkitGetAsEntry && item.webkitGetAsEntry(),
+        handle: item.getAsFileSystemHandle && item.getAsFileSystemHandle(),
+        file: item.getAsFile(),
+    }));
     const files = [];
-    for (const entry of entries) if (entry) await walk(entry, '', files);
+    for (const {entry, handle, file} of dropped) {
+        if (!entry || !entry.isDirectory) files.push({name: file.name, data: file});
+        else await walkDropped((handle && (await handle.catch(() => null))) || entry, files);
+    }
     return unpacked(files);
 }
 

@@ -5,7 +5,8 @@ const kTallest = 6e6; // a browser caps heights; beyond that the scroll bar is s
 const kChunk = 128; // rows asked for at once
 const kAhead = 5; // rows drawn above and below those in sight
 const kWidest = 340; // pixels, unless asked for
-const kManyColumns = 256; // from there on only those in sight are drawn
+const kManyColumns = 64; // of more only those in sight are drawn
+const kStep = 8; // as many at a time come into sight
 
 const element = (tag, className, text) => {
     const made = document.createElement(tag);
@@ -29,6 +30,7 @@ const heading = (name) => {
     return made;
 };
 const isNumber = (column) => column.as === 'number';
+const isCut = (cell) => cell !== null && cell.n > 0 && cell.b === undefined;
 const cellText = (cell) => (cell === null ? '' : typeof cell === 'string' ? cell : cell.t);
 
 class Grid {
@@ -56,9 +58,11 @@ class Grid {
         const other = this.source !== source;
         const columnsChanged = !this.source || this.source.columns !== source.columns;
         this.source = source;
+        this.sought = source.sought || '';
         this.columns = source.columns;
         this.count = source.count;
         this.chunks = new Map();
+        this.failed = new Set(); // chunks that are not asked for again
         this.drawn = new Map();
         const inHeading = this.row === -1 && source.sortable && !columnsChanged;
         this.row = this.anchorRow = inHeading ? -1 : 0;
@@ -243,10 +247,6 @@ class Grid {
         const first = Math.max(0, Math.floor(top / kRow) - kAhead);
         const last = Math.min(this.count, first + this.inSight() + 2 * kAhead + 2);
         const [from, to] = this.columnsInSight();
-        const key = `${from}:${to}`;
-        if (this.columnKey !== key || this.shift !== shift) this.drawn.forEach((row) => (row.stale = true));
-        this.columnKey = key;
-        this.shift = shift;
         for (const [number, row] of this.drawn) {
             if (number < first || number >= last) {
                 row.remove();
@@ -256,29 +256,31 @@ class Grid {
         const missing = new Set();
         for (let number = first; number < last; number++) {
             const data = this.rowData(number);
-            if (!data) missing.add(Math.floor(number / kChunk));
+            const chunk = Math.floor(number / kChunk);
+            if (!data && !Array.isArray(this.chunks.get(chunk))) missing.add(chunk);
             const old = this.drawn.get(number);
-            if (old && !old.stale && old.data === data) continue;
-            const row = this.drawRow(number, data, from, to);
+            const row = old && old.data === data ? old : this.drawRow(number, data);
             row.style.transform = `translateY(${number * kRow + shift}px)`;
-            row.data = data;
+            this.fill(row, from, to);
+            if (row === old) continue;
             old ? old.replaceWith(row) : this.body.append(row);
             this.drawn.set(number, row);
         }
         for (const number of missing) this.fetch(number);
         this.mark();
+        this.tint();
     }
 
     redraw() {
-        this.drawn.forEach((row) => (row.stale = true));
-        this.columnKey = '';
+        this.body.replaceChildren();
+        this.drawn.clear();
         this.draw();
     }
 
     // One after another: where somebody scrolls past many rows, those are left out.
     async fetch(number) {
         const source = this.source;
-        if (this.fetching === source) return;
+        if (this.fetching === source || this.failed.has(number)) return;
         this.fetching = source;
         try {
             await this.chunk(number);
@@ -288,6 +290,7 @@ class Grid {
             if (this.fetching === source) this.fetching = null;
             if (this.source !== source) return;
             this.chunks.delete(number);
+            if (!(e instanceof Stopped)) this.failed.add(number);
             this.on.fail(e);
         }
     }
@@ -300,10 +303,11 @@ class Grid {
         while (from + 1 < this.columns.length && this.lefts[from + 1] < left) from++;
         let to = from;
         while (to < this.columns.length && this.lefts[to] < right) to++;
-        return [Math.max(0, from - 4), Math.min(this.columns.length, to + 4)];
+        const first = Math.floor(Math.max(0, from - 2) / kStep) * kStep;
+        return [first, Math.min(this.columns.length, Math.ceil((to + 2) / kStep) * kStep)];
     }
 
-    drawRow(number, data, from, to) {
+    drawRow(number, data) {
         const row = role('row', data && data.d ? 'row deleted' : 'row');
         row.setAttribute('aria-rowindex', String(number + 2));
         row.style.width = `${this.width}px`;
@@ -311,17 +315,34 @@ class Grid {
         head.style.width = `${this.numberWidth}px`;
         if (data && data.d) head.title = 'This record is marked deleted';
         row.append(head);
-        for (let i = from; i < to; i++) {
-            const cell = this.drawCell(data ? data.c[i] : '', this.columns[i]);
-            cell.id = `c${number}-${i}`;
-            cell.setAttribute('aria-colindex', String(i + 1));
-            cell.style.width = `${this.widths[i]}px`;
-            cell.style.left = `${this.lefts[i]}px`;
-            cell.dataset.column = i;
-            row.append(cell);
-        }
         row.dataset.row = number;
+        row.data = data;
+        row.from = row.to = 0; // columns that are drawn
         return row;
+    }
+
+    // Draws the columns of a row that have come into sight, and drops those that have left it.
+    fill(row, from, to) {
+        if (row.from === from && row.to === to) return;
+        for (const cell of [...row.children].slice(1)) {
+            const column = Number(cell.dataset.column);
+            if (column < from || column >= to) cell.remove();
+        }
+        const apart = row.to <= from || row.from >= to;
+        const [had, until] = apart ? [to, to] : [row.from, row.to];
+        for (let i = Math.min(had, to) - 1; i >= from; i--) row.firstChild.after(this.drawCellOf(row, i));
+        for (let i = Math.max(until, from); i < to; i++) row.append(this.drawCellOf(row, i));
+        [row.from, row.to] = [from, to];
+    }
+
+    drawCellOf(row, column) {
+        const cell = this.drawCell(row.data ? row.data.c[column] : '', this.columns[column]);
+        cell.id = `c${row.dataset.row}-${column}`;
+        cell.setAttribute('aria-colindex', String(column + 1));
+        cell.style.width = `${this.widths[column]}px`;
+        cell.style.left = `${this.lefts[column]}px`;
+        cell.dataset.column = column;
+        return cell;
     }
 
     drawCell(value, column) {
@@ -368,6 +389,25 @@ class Grid {
         if (active) active.classList.add('active');
         if (active && this.row >= 0) active.setAttribute('aria-selected', 'true');
         this.root.setAttribute('aria-activedescendant', active ? active.id : '');
+    }
+
+    // Colours what is searched for, where the browser can without changing the cells.
+    tint() {
+        if (!globalThis.Highlight) return;
+        const found = new Highlight();
+        const wanted = this.sought.toLowerCase();
+        const cells = wanted ? this.body.querySelectorAll('[role=gridcell]:not(:empty, .bytes)') : [];
+        for (const {firstChild: node} of cells) {
+            const text = node.data.toLowerCase();
+            if (text.length !== node.length) continue; // letters that change their number
+            for (let at = text.indexOf(wanted); at >= 0; at = text.indexOf(wanted, at + wanted.length)) {
+                const range = new Range();
+                range.setStart(node, at);
+                range.setEnd(node, at + wanted.length);
+                found.add(range);
+            }
+        }
+        CSS.highlights.set('found', found);
     }
 
     choose(row, column, extend) {
@@ -499,11 +539,23 @@ class Grid {
         }
         const lines = [];
         for (let first = rows[0]; first <= rows[1]; first += 1000) {
-            for (const data of await this.source.rows(first, Math.min(1000, rows[1] + 1 - first))) {
-                lines.push(data.c.slice(columns[0], columns[1] + 1).map((cell) => cellText(cell).replace(/[\t\r\n]+/g, ' ')).join('\t'));
+            const some = await this.source.rows(first, Math.min(1000, rows[1] + 1 - first));
+            for (const [at, data] of some.entries()) {
+                const cells = [];
+                for (let column = columns[0]; column <= columns[1]; column++) {
+                    const text = await this.textToCopy(first + at, column, data.c[column]);
+                    cells.push(single ? text : text.replace(/[\t\r\n]+/g, ' '));
+                }
+                lines.push(cells.join('\t'));
             }
         }
         return lines.join('\n');
+    }
+
+    // The grid has the start alone of a long text.
+    textToCopy(row, column, cell) {
+        if (isCut(cell) && this.source.whole) return this.source.whole(row, column);
+        return cell && cell.b !== undefined ? describe(cell) : cellText(cell);
     }
 
     async toClipboard() {

@@ -34,7 +34,7 @@ function bodyOf(cell) {
     if (cell.kind === 'null') return element('p', 'none', 'null');
     if (cell.kind === 'text') {
         const text = new TextDecoder().decode(cell.bytes);
-        return text ? box('text', text) : element('p', 'none', 'empty');
+        return text ? box('text', text) : element('p', 'none', cell.fault ? '' : 'empty');
     }
     if (cell.kind === 'bytes') return hexBox(cell.bytes);
     return pictureOf(cell);

@@ -3,6 +3,7 @@
 const kBlock = 256 * 1024;
 const kKept = 64; // 16 MiB
 const kUnfreed = 16; // 4 MiB
+const kEio = 29; // as emscripten numbers them
 
 const blocks = new Map(); // "node:block" -> bytes, the longest unused first
 
@@ -22,7 +23,11 @@ function blockOf(node, number, reader) {
         blocks.delete(key);
     } else {
         const start = number * kBlock;
-        bytes = new Uint8Array(reader.readAsArrayBuffer(node.contents.slice(start, start + kBlock)));
+        try {
+            bytes = new Uint8Array(reader.readAsArrayBuffer(node.contents.slice(start, start + kBlock)));
+        } catch {
+            throw new engine.FS.ErrnoError(kEio); // the file has been changed or is gone
+        }
         if (blocks.size >= kKept) blocks.delete(blocks.keys().next().value);
         collect();
     }
