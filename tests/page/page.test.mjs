@@ -131,6 +131,9 @@ test('every table: cells, CSV, filter, sort and sentences are those of mira', as
         await fill('[aria-label=Filter]', '_record>2');
         const chosen = mira(table, 'export', '-w', '_record>2', '-s', lines[0][0]);
         assert.equal(await exported(), chosen.stdout, `${table}, filtered and sorted`);
+        for (const sentence of chosen.stderr.split('\n').filter((line) => /first in record/.test(line))) {
+            assert.ok((await said()).includes(sentence.replace(/^mira: [^:]*: /, '')), `${table}, sorted: ${sentence}`);
+        }
         await page.selectOption('[aria-label="Deleted records"]', '1');
         await settled();
     }
@@ -202,20 +205,42 @@ test('a drop, a search, keys, copied cells, a chart, SQL', async () => {
     await press('Control+f');
     assert.equal(await page.evaluate(() => document.activeElement.type), 'search');
 
-    const sql = 'SELECT STOCK > 100 AS MANY, count(*) AS N, sum(PRICE*STOCK), NULL FROM stock GROUP BY 1 ORDER BY 2';
     await page.click('text="SQL"');
-    await page.fill('#statement', sql);
-    await page.press('#statement', 'Control+Enter');
-    await page.waitForSelector('[role=columnheader]:has-text("N")');
-    await settled();
-    const answer = execFileSync(process.env.MIRA_PROGRAM, ['query', '-q', '-F', 'csv', sql, samples], {encoding: 'utf8'});
-    assert.equal(await exported(), answer);
-    assert.deepEqual(await rows(), parseCsv(answer).slice(1));
+    let answer;
+    for (const [sql, heading] of [
+        ['SELECT s.*, s.PRICE * 2, t.REORDER, t.COUNTED FROM stock s LEFT JOIN stock t ON t.CODE = s.CODE AND t.REORDER ORDER BY s.CODE', 'REORDER'],
+        ['SELECT STOCK > 100 AS MANY, count(*) AS N, sum(PRICE*STOCK), NULL FROM stock GROUP BY 1 ORDER BY 2', 'MANY'],
+    ]) {
+        await page.fill('#statement', sql);
+        await page.press('#statement', 'Control+Enter');
+        await page.waitForSelector(`[aria-label=Answer] [role=columnheader]:has-text("${heading}")`);
+        await settled();
+        answer = execFileSync(process.env.MIRA_PROGRAM, ['query', '-q', '-F', 'csv', sql, samples], {encoding: 'utf8'});
+        assert.equal(await exported(), answer);
+        assert.deepEqual(await rows(), parseCsv(answer).slice(1, 16));
+    }
     await page.click('#c1-2');
     await page.waitForFunction((text) => document.querySelector('#value pre')?.textContent === text, parseCsv(answer)[2][2]);
     await page.click('text="SQL"');
     await drawn(12);
     assert.deepEqual(requests, []);
+});
+
+test('code pages by a .cpg file, of one byte and of several, are those of mira', async () => {
+    const table = path.join(work, 'bytes.dbf');
+    const all = Buffer.from(Array.from({length: 223}, (_, i) => i + 0x21));
+    const pages = ['CP437', 'CP864', 'CP1125', 'KOI8-T', 'MAC-UK', 'VISCII'].map((name) => [name, all]);
+    // The last character of each is cut.
+    pages.push(['GB18030', Buffer.from('b0a1208130813081308130813981308439ef309032823641e3329a3541813081203081308130', 'hex')]);
+    pages.push(['EUC-JP', Buffer.from('a5a1b0a1208fb0a1418eb120a541ff8fb0', 'hex')]);
+    await fresh();
+    for (const [name, bytes] of pages) {
+        const cpg = table.replace('.dbf', '.cpg');
+        plainTable(table, [['TEXT', 'C', 230]], [bytes]);
+        fs.writeFileSync(cpg, name);
+        await choose(table, cpg);
+        assert.equal(await exported(), mira(table, 'export').stdout, name);
+    }
 });
 
 test('a hostile table runs nothing', async () => {
