@@ -4,7 +4,11 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/mira)
 
-install(TARGETS mira
+set(libraries mira)
+if(BUILD_SHARED_LIBS)
+    list(APPEND libraries mira_static)
+endif()
+install(TARGETS ${libraries}
     EXPORT mira-targets
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
@@ -25,31 +29,38 @@ install(FILES
     DESTINATION ${package_dir}
     COMPONENT development)
 
-# The pkg-config file finds its prefix from its own place, so that the tree can be moved; and it
-# names the C++ run-time libraries for callers that link the static library another way.
+# The pkg-config file names the C++ run-time libraries for callers that link the static library
+# another way. Installed where this build was configured for, it tells whole paths; elsewhere, with
+# `cmake --install --prefix`, it finds them from its own place, so that the tree can be moved.
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
-    set(pc_prefix ${CMAKE_INSTALL_PREFIX})
-else()
-    file(RELATIVE_PATH up /${pc_dir} /)
-    string(REGEX REPLACE "/$" "" up ${up})
-    set(pc_prefix "\${pcfiledir}/${up}")
-endif()
-foreach(kind INCLUDEDIR LIBDIR)
-    if(IS_ABSOLUTE ${CMAKE_INSTALL_${kind}})
-        set(pc_${kind} ${CMAKE_INSTALL_${kind}})
-    else()
-        set(pc_${kind} "\${prefix}/${CMAKE_INSTALL_${kind}}")
-    endif()
-endforeach()
 set(pc_libs_private "")
 foreach(name stdc++ c++ m)
     if(name IN_LIST CMAKE_CXX_IMPLICIT_LINK_LIBRARIES)
         string(APPEND pc_libs_private " -l${name}")
     endif()
 endforeach()
+foreach(kind INCLUDEDIR LIBDIR)
+    set(pc_${kind} ${CMAKE_INSTALL_FULL_${kind}})
+endforeach()
+set(pc_prefix ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/mira.pc.in ${PROJECT_BINARY_DIR}/mira.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/mira.pc DESTINATION ${pc_dir} COMPONENT development)
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
+    install(FILES ${PROJECT_BINARY_DIR}/mira.pc DESTINATION ${pc_dir} COMPONENT development)
+else()
+    file(RELATIVE_PATH up /${pc_dir} /)
+    string(REGEX REPLACE "/$" "" pc_prefix "\${pcfiledir}/${up}")
+    foreach(kind INCLUDEDIR LIBDIR)
+        set(pc_${kind} "\${prefix}/${CMAKE_INSTALL_${kind}}")
+    endforeach()
+    configure_file(cmake/mira.pc.in ${PROJECT_BINARY_DIR}/movable/mira.pc @ONLY)
+    set(configured ${CMAKE_INSTALL_PREFIX})
+    install(CODE "set(mira_pc \"${PROJECT_BINARY_DIR}/movable/mira.pc\")
+  if(CMAKE_INSTALL_PREFIX STREQUAL \"${configured}\")
+    set(mira_pc \"${PROJECT_BINARY_DIR}/mira.pc\")
+  endif()
+  file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${pc_dir}\" TYPE FILE FILES \"\${mira_pc}\")"
+        COMPONENT development)
+endif()
 
 # Programs find the shared library of their own installation, wherever that is moved.
 set(install_rpath "")
@@ -70,6 +81,7 @@ if(MIRA_BUILD_TOOL)
             DESTINATION ${CMAKE_INSTALL_DATADIR}/mira)
     endif()
     install(FILES docs/mira.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+    install(FILES docs/mira-filter.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT tools)
     if(NOT CMAKE_CROSSCOMPILING)
         set(scripts ${PROJECT_BINARY_DIR}/tool)
         install(FILES ${scripts}/mira.bash RENAME mira COMPONENT tools

@@ -24,13 +24,13 @@
 // place of an open one is a unary minus and an atom: it reduces to the same side, "signed", with
 // one more entry on the stack, unless a minus stands before it already.
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
 
 #include "arithmetic.h"
 #include "internal/ascii.h"
+#include "internal/real.h"
 
 namespace mira {
 namespace {
@@ -235,7 +235,7 @@ bool isfunc(Parser& p, const Function& function) {
 /// The longest prefix that is a number: 2E and 2E+ give 2.
 double numberValue(const char* first, const char* last) {
     double value = 0;
-    if (std::from_chars(first, last, value).ec == std::errc::result_out_of_range) {
+    if (readReal(first, last, value).ec == std::errc::result_out_of_range) {
         // A text this short leaves the range by its exponent alone.
         const void* exponent = std::memchr(first, 'E', static_cast<std::size_t>(last - first));
         return static_cast<const char*>(exponent)[1] == '-' ? 0.0 : kInfinity;

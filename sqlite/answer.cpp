@@ -5,6 +5,7 @@
 #include <cmath>
 #include <set>
 
+#include "internal/real.h"
 #include "tables/page/text.h"
 #include "words.h"
 
@@ -57,7 +58,7 @@ Value withDecimals(const Value& value, int decimals, std::string& scratch) {
         std::to_chars(digits, digits + sizeof digits, real, std::chars_format::fixed, decimals);
     double again = 0;
     if (end.ec != std::errc()) return value;
-    std::from_chars(digits, end.ptr, again);
+    readReal(digits, end.ptr, again);
     if (again != real) return value;
     scratch.assign(digits, end.ptr);
     Value shown;

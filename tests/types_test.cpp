@@ -1,10 +1,12 @@
 // Field types: what is asked about each, shown and stored; the readers and writers of one type.
+#include <bit>
 #include <chrono>
 #include <cmath>
 #include <cstring>
 #include <random>
 
 #include "cases.h"
+#include "internal/real.h"
 
 namespace test {
 namespace {
@@ -294,6 +296,54 @@ TEST(Types, IntegersAndMomentsOfLevel7) {
     EXPECT_EQ(GetTm(moment.put("\x42\xCC\x41\x8B\xA9\x9A\0\0"s), 0).tm_year, 1970);
     SetTimeStamp(moment.put("........"), 0, 1970, 1, 1, 0, 0, 0);
     EXPECT_EQ(moment.bytes(), "\x42\xCC\x41\x8B\xA9\x9A\0\0"s);
+}
+
+TEST(Numbers, TheOwnReaderReadsAsTheStandardLibraryDoes) {
+    const auto same = [](const std::string& text) {
+        for (const auto format : {std::chars_format::general, std::chars_format::fixed}) {
+            double own = 7, expected = 7;
+            const char* const first = text.data();
+            const char* const last = first + text.size();
+            const auto mine = readRealPlainly(first, last, own, format);
+            const auto theirs = readReal(first, last, expected, format);
+            EXPECT_EQ(mine.ec, theirs.ec) << text;
+            EXPECT_EQ(mine.ptr, theirs.ptr) << text;
+            EXPECT_EQ(std::bit_cast<u64>(own), std::bit_cast<u64>(expected)) << text;
+        }
+    };
+    for (const char* text : {"",
+                             " 1",
+                             "-",
+                             ".",
+                             "-.",
+                             "5.",
+                             ".5",
+                             "-0",
+                             "1e",
+                             "1e+",
+                             "1e5",
+                             "1E-5x",
+                             "1e400",
+                             "-1e400",
+                             "1e-400",
+                             "0e-400",
+                             "4.9e-324",
+                             "1..2",
+                             "1,5",
+                             "9007199254740993",
+                             "0.1000000000000000055511151231257827",
+                             "123456789012345678"}) {
+        same(text);
+    }
+    same(std::string(400, '9') + ".5");
+    same("0." + std::string(400, '0') + "1e390");
+    std::mt19937 random(20261126);
+    constexpr std::string_view kLetters = "0123456789012345678901234567890123456789..-e+E";
+    for (int round = 0; round < 20000; ++round) {
+        std::string text(random() % 30, '0');
+        for (char& c : text) c = kLetters[random() % kLetters.size()];
+        same(text);
+    }
 }
 
 TEST(Numbers, CurrencyComesBackUnchanged) {

@@ -13,6 +13,7 @@
 #include "tables/page/refusal.h"
 #include "tables/unpack/archive.h"
 #include "terminal/message.h"
+#include "terminal/name.h"
 #include "terminal/progress.h"
 #include "terminal/status.h"
 
@@ -85,15 +86,19 @@ Status refuseLine(const CLI::App& program, const CLI::ParseError& reason,
 }
 
 int runProgram(int argc, char** argv) {
-    CLI::App program("The workbench for dBase-family tables (.dbf)", "mira");
+    CLI::App program("The workbench for dBase-family tables (.dbf)", programName());
     Job job;
     Common common;
-    program.set_version_flag("--version", "mira " MIRA_VERSION);
+    program.set_version_flag("--version", programName() + " " MIRA_VERSION);
     program.require_subcommand(1);
-    program.footer(kFooter);
+    program.footer(inOwnName(kFooter));
     addCommands(program, job);
     addCommonOptions(program, common);
-    for (CLI::App* command : program.get_subcommands(nullptr)) addCommonOptions(*command, common);
+    for (CLI::App* command : program.get_subcommands(nullptr)) {
+        addCommonOptions(*command, common);
+        command->description(inOwnName(command->get_description()));
+        command->footer(inOwnName(command->get_footer()));
+    }
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -124,8 +129,10 @@ void showUndoing(mira::u64 done, mira::u64 total) {
 
 /// Needs no memory itself.
 void tellNoMemory() {
-    constexpr std::string_view kLine = "mira: no memory left\n";
-    static_cast<void>(!write(STDERR_FILENO, kLine.data(), kLine.size()));
+    for (const std::string_view part :
+         {std::string_view(programName()), std::string_view(": no memory left\n")}) {
+        static_cast<void>(!write(STDERR_FILENO, part.data(), part.size()));
+    }
 }
 
 /// Without memory even an exception may find no room, and the language gives up.
@@ -148,6 +155,7 @@ void tellNoMemory() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    setProgramName(argc > 0 ? argv[0] : nullptr);
     watchSignals();
     mira::tables::watchUndoing(showUndoing);
     try {

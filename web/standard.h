@@ -23,45 +23,8 @@ constexpr To bit_cast(const From& from) noexcept {
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <string_view>
 
 namespace mira::page {
-
-/// A decimal at the start of a text: where it ends, and what it is made of.
-struct Scanned {
-    const char* end;
-    unsigned long long digits;
-    int count;     ///< digits from the first that is not 0
-    int decimals;  ///< of them and the zeros before
-    bool any, exponent;
-};
-inline Scanned scanDouble(const char* first, const char* last, bool mayHaveExponent) {
-    Scanned scanned{first, 0, 0, 0, false, false};
-    const auto isDigit = [&](const char* at) { return at != last && *at >= '0' && *at <= '9'; };
-    const auto digitsOf = [&](int* decimals) {
-        for (; isDigit(scanned.end); ++scanned.end) {
-            scanned.any = true;
-            scanned.digits = scanned.digits * 10 + static_cast<unsigned>(*scanned.end - '0');
-            if (scanned.count != 0 || *scanned.end != '0') ++scanned.count;
-            if (decimals != nullptr) ++*decimals;
-        }
-    };
-    digitsOf(nullptr);
-    if (scanned.end != last && *scanned.end == '.') {
-        const char* const point = scanned.end++;
-        digitsOf(&scanned.decimals);
-        if (!scanned.any) scanned.end = point;
-    }
-    if (!scanned.any || !mayHaveExponent || scanned.end == last) return scanned;
-    const char* at = scanned.end;
-    if (*at++ != 'e' && scanned.end[0] != 'E') return scanned;
-    if (at != last && (*at == '+' || *at == '-')) ++at;
-    if (!isDigit(at)) return scanned;
-    while (isDigit(at)) ++at;
-    scanned.end = at;
-    scanned.exponent = true;
-    return scanned;
-}
 
 /// The shortest digits that read back as the value, as printf writes them with an exponent. Any 15
 /// digits come back from a double; of more, those beside the rounded ones may be the only short
@@ -117,26 +80,6 @@ inline std::to_chars_result putText(char* first, char* last, const std::string& 
 }  // namespace mira::page
 
 namespace std {
-
-inline from_chars_result from_chars(const char* first, const char* last, double& value,
-                                    chars_format format = chars_format::general) {
-    static constexpr double kTens[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                       1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
-    const bool negative = first != last && *first == '-';
-    const auto scanned =
-        mira::page::scanDouble(first + (negative ? 1 : 0), last, format != chars_format::fixed);
-    if (!scanned.any) return {first, errc::invalid_argument};
-    if (!scanned.exponent && scanned.count <= 15 && scanned.decimals <= 15) {
-        // Digits and power of ten are exact, so one division rounds as it should.
-        const double read = static_cast<double>(scanned.digits) / kTens[scanned.decimals];
-        value = negative ? -read : read;
-        return {scanned.end, errc()};
-    }
-    const double read = strtod(string(first, scanned.end).c_str(), nullptr);
-    const bool out = isinf(read) || (read == 0 && scanned.count != 0);
-    if (!out) value = read;
-    return {scanned.end, out ? errc::result_out_of_range : errc()};
-}
 
 inline to_chars_result to_chars(char* first, char* last, double value, chars_format format,
                                 int precision) {

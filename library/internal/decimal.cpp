@@ -11,6 +11,8 @@
 #include <limits>
 #include <optional>
 
+#include "internal/real.h"
+
 namespace mira {
 namespace {
 
@@ -112,7 +114,7 @@ double readDecimal(std::string_view text) {
     const bool hex = end - at > 1 && *at == '0' && (at[1] == 'x' || at[1] == 'X');
     if (at != end && (isDigit(*at) || *at == '.') && !hex) {
         double value = 0.0;
-        const std::from_chars_result result = std::from_chars(at, end, value);
+        const std::from_chars_result result = readReal(at, end, value);
         if (result.ec == std::errc()) return negative ? -value : value;
         if (result.ec == std::errc::invalid_argument) return 0.0;
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "internal/real.h"
 #include "tables/index/node.h"
 #include "tables/page/text.h"
 #include "tables/value/value.h"
@@ -83,8 +84,8 @@ NodePointer readText(Reader& reader, char end) {
 NodePointer readNumber(Reader& reader) {
     NodePointer node = newNode(Operation::Literal, KeyType::Number);
     const char* const first = reader.rest.data();
-    const auto result = std::from_chars(first, first + reader.rest.size(), node->literal.number,
-                                        std::chars_format::fixed);
+    const auto result =
+        readReal(first, first + reader.rest.size(), node->literal.number, std::chars_format::fixed);
     if (result.ec != std::errc()) notUnderstood(reader);
     reader.rest.remove_prefix(static_cast<std::size_t>(result.ptr - first));
     return node;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "internal/real.h"
 #include "tables/page/bytes.h"
 #include "tables/page/refusal.h"
 #include "tables/store/decimal.h"
@@ -268,7 +269,7 @@ double doubleOf(const Given& given) {
     if (!readDecimal(digits)) rejectAsNo("number", given);
     takeOneOf(&digits, "+");
     double value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    const auto [end, error] = readReal(digits.data(), digits.data() + digits.size(), value);
     if (error != std::errc{}) rejectAsNo("number", given);
     return value;
 }

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "internal/real.h"
 #include "tables/page/digits.h"
 #include "tables/page/text.h"
 #include "tables/page/utf8.h"
@@ -432,7 +433,7 @@ std::optional<i64> toInteger(std::string_view digits) {
 double toReal(std::string_view digits) {
     takeOneOf(&digits, "+");
     double value = 0;
-    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    const auto result = readReal(digits.data(), digits.data() + digits.size(), value);
     if (result.ec == std::errc::result_out_of_range) {
         const std::size_t exponent = digits.find_first_of("eE");
         const bool tiny = exponent != std::string_view::npos &&

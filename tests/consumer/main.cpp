@@ -3,6 +3,11 @@
 
 #include <cstdio>
 
+#ifdef EXPECTED_LANGUAGE
+static_assert(__cplusplus / 100 * 100 == EXPECTED_LANGUAGE,
+              "linking the library has raised the language");
+#endif
+
 int main(int argc, char** argv) {
     mira::DbfBase* table = argc == 2 ? mira::OpenBase(argv[1]) : nullptr;
     if (table == nullptr) return 1;

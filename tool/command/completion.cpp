@@ -7,6 +7,7 @@
 #include "tables/open/open.h"
 #include "tables/page/refusal.h"
 #include "tables/page/text.h"
+#include "terminal/name.h"
 
 namespace mira::tool {
 namespace {
@@ -217,7 +218,7 @@ Status run(const Options& options) {
     } else if (shell == std::end(kShells)) {
         refuse("completion is there for bash, zsh and fish");
     } else {
-        out.put(shell->script(*options.program));
+        out.put(inOwnName(shell->script(*options.program)));
     }
     out.finish();
     return kDone;

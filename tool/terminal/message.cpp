@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "tables/page/utf8.h"
+#include "terminal/name.h"
 #include "terminal/progress.h"
 
 namespace mira::tool {
@@ -17,8 +18,8 @@ std::mutex oneLine;
 thread_local std::vector<std::string>* gathered = nullptr;  // the thread's GatheredMessages
 
 void writeLine(std::string_view sentence) {
-    std::string line = "mira: ";
-    putEscaped(line, sentence);
+    std::string line = programName() + ": ";
+    putEscaped(line, withOwnCommands(sentence));
     line += '\n';
     const std::lock_guard lock(oneLine);
     hideProgress();
