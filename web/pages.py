@@ -2,19 +2,30 @@
 """Prints the single-byte code pages of this system's C library as a C++ header: pages.py > pages.h"""
 
 import ctypes
+import errno
+import re
+import string
+import subprocess
 
-NAMES = (
-    [f"CP{n}" for n in (437, 737, 775, 850, 852, 855, 857, 858, 860, 861, 862, 863, 864, 865, 866, 869, 874)]
-    + [f"CP{n}" for n in range(1250, 1259)]
-    + [f"ISO-8859-{n}" for n in (1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 13, 14, 15, 16)]
-    + ["KOI8-R", "KOI8-U", "TIS-620", "MACINTOSH", "MAC-CYRILLIC", "MAC-CENTRALEUROPE"]
-)
-ALIASES = {"IBM": "CP", "WINDOWS-": "CP"}
+NEEDED = ("CP437", "CP737", "CP866", "CP1252", "KOI8-U", "MAC-CYRILLIC")
+# What texts of tables cannot do without; pages in which they stand elsewhere are none of tables.
+KEPT = (string.ascii_letters + string.digits + " _").encode()
 
 libc = ctypes.CDLL(None, use_errno=True)
 libc.iconv_open.restype = ctypes.c_void_p
 libc.iconv.argtypes = [ctypes.c_void_p] + 4 * [ctypes.c_void_p]
 libc.iconv.restype = ctypes.c_size_t
+libc.iconv_close.argtypes = [ctypes.c_void_p]
+
+
+class SeveralBytes(Exception):
+    """A byte that only begins a character."""
+
+
+def names():
+    listed = subprocess.run(["iconv", "-l"], capture_output=True, text=True, check=True).stdout
+    found = {name.rstrip("/").upper() for name in listed.replace(",", " ").split()}
+    return sorted(name for name in found if re.fullmatch(r"[A-Z0-9_.:+()-]+", name))
 
 
 def letter(converter, byte):
@@ -25,28 +36,40 @@ def letter(converter, byte):
     given = ctypes.byref(to), ctypes.byref(room)
     libc.iconv(converter, None, None, None, None)
     failed = libc.iconv(converter, ctypes.byref(start), ctypes.byref(left), *given) == ctypes.c_size_t(-1).value
+    if failed and ctypes.get_errno() == errno.EINVAL:
+        raise SeveralBytes
     libc.iconv(converter, None, None, *given)  # some letters are held back
     written = target.raw[: 16 - room.value]
     return 0 if failed or len(written) != 2 else int.from_bytes(written, "little")
 
 
-def table(name):
+def letters(name):
+    """The characters of all bytes; None for what is no single-byte page."""
     converter = libc.iconv_open(b"UTF-16LE", name.encode())
     if ctypes.c_ssize_t(converter).value == -1:
-        raise SystemExit(f"the C library lacks {name}; libc-bin and libc6 have it (on newer systems libc-gconv-modules-extra)")
-    return [letter(converter, byte) for byte in range(0x80, 0x100)]
+        return None
+    try:
+        return tuple(letter(converter, byte) for byte in range(256))
+    except SeveralBytes:
+        return None
+    finally:
+        libc.iconv_close(converter)
 
 
-tables = [table(name) for name in NAMES]
-print("// Made by pages.py: bytes 80 to FF as UTF-16, 0 where a byte stands for nothing.")
-print("struct PageName {\n    const char* name;\n    int table;\n};")
-print(f"constexpr unsigned short kLetters[{len(tables)}][128] = {{")
+tables, pages = {}, {}
+for page in names():
+    found = letters(page)
+    if found is not None and all(found[byte] == byte for byte in KEPT):
+        pages[page] = tables.setdefault(found, len(tables))
+lacking = [page for page in NEEDED if page not in pages]
+if lacking:
+    raise SystemExit(f"the C library lacks {', '.join(lacking)}; libc-bin and libc6 have them (on newer systems libc-gconv-modules-extra)")
+print("// Made by pages.py: bytes as UTF-16, 0 where a byte stands for nothing; names in order.")
+print("struct PageName {\n    const char* name;\n    unsigned char table;\n};")
+print(f"constexpr unsigned short kLetters[{len(tables)}][256] = {{")
 for values in tables:
     print("    {" + ", ".join(map(str, values)) + "},")
 print("};\nconstexpr PageName kPages[] = {")
-for number, name in enumerate(NAMES):
-    print(f'    {{"{name}", {number}}},')
-    for alias, start in ALIASES.items():
-        if name.startswith(start):
-            print(f'    {{"{alias}{name[len(start):]}", {number}}},')
+for page, number in pages.items():
+    print(f'    {{"{page}", {number}}},')
 print("};")

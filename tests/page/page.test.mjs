@@ -7,7 +7,7 @@ import path from 'node:path';
 import {after, before, test} from 'node:test';
 import {pathToFileURL} from 'node:url';
 
-import {memoTable, parseCsv, plainTable} from './tables.mjs';
+import {memoTable, parseCsv, pictureTable, plainTable} from './tables.mjs';
 
 const {chromium} = await import(process.env.PLAYWRIGHT);
 const pageFile = process.env.MIRA_PAGE;
@@ -66,6 +66,27 @@ async function exported() {
     const [download] = await Promise.all([page.waitForEvent('download'), page.click('text=Export CSV')]);
     return fs.readFileSync(await download.path(), 'utf8');
 }
+// Files and folders, as a hand drops them.
+async function drop(...files) {
+    const session = await page.context().newCDPSession(page);
+    const data = {items: [], files, dragOperationsMask: 1};
+    await page.evaluate(() => document.getElementById('status').replaceChildren());
+    for (const type of ['dragEnter', 'dragOver', 'drop']) await session.send('Input.dispatchDragEvent', {type, x: 9, y: 9, data});
+    await page.waitForFunction(() => document.getElementById('status').textContent !== '');
+    await settled();
+}
+const chosenTables = () => page.$$eval('[aria-label=Table] option', (all) => all.map((one) => one.value));
+const active = () => page.getAttribute('[role=grid]', 'aria-activedescendant');
+const inSight = (id) =>
+    page.evaluate((name) => {
+        const [cell, grid] = [document.getElementById(name), document.getElementById('grid')].map((one) => one.getBoundingClientRect());
+        return cell.top >= grid.top + 30 && cell.bottom <= grid.bottom;
+    }, id);
+async function press(...keys) {
+    for (const key of keys) await page.keyboard.press(key);
+    await settled();
+}
+
 const mira = (table, ...options) =>
     spawnSync(process.env.MIRA_PROGRAM, [...options.slice(0, 1), path.basename(table), ...options.slice(1)], {cwd: path.dirname(table), encoding: 'utf8', maxBuffer: 1 << 28});
 
@@ -99,7 +120,7 @@ test('every table: cells, CSV, filter, sort and sentences are those of mira', as
         const cells = await rows();
         // Long texts are cut, and of very many columns those in sight are drawn.
         const start = (row) => row.map((cell) => cell.slice(0, 500));
-        const columns = cells.length && lines[0].length > 256 ? cells[0].length : lines[0].length;
+        const columns = cells.length && lines[0].length > 64 ? cells[0].length : lines[0].length;
         assert.deepEqual(cells.map(start), lines.slice(1, 16).map((row) => start(row.slice(0, columns))), table);
         assert.equal(await rowCount(), lines.length - 1, table);
         for (const sentence of plain.stderr.split('\n').filter((line) => /memo file .* missing|interrupted/.test(line))) {
@@ -110,6 +131,9 @@ test('every table: cells, CSV, filter, sort and sentences are those of mira', as
         await fill('[aria-label=Filter]', '_record>2');
         const chosen = mira(table, 'export', '-w', '_record>2', '-s', lines[0][0]);
         assert.equal(await exported(), chosen.stdout, `${table}, filtered and sorted`);
+        for (const sentence of chosen.stderr.split('\n').filter((line) => /first in record/.test(line))) {
+            assert.ok((await said()).includes(sentence.replace(/^mira: [^:]*: /, '')), `${table}, sorted: ${sentence}`);
+        }
         await page.selectOption('[aria-label="Deleted records"]', '1');
         await settled();
     }
@@ -118,13 +142,22 @@ test('every table: cells, CSV, filter, sort and sentences are those of mira', as
 
 test('a drop, a search, keys, copied cells, a chart, SQL', async () => {
     await fresh();
-    const files = ['stock.dbf', 'members.dbf', 'members.fpt'].map((name) => [name, fs.readFileSync(path.join(samples, name)).toString('base64')]);
-    await page.evaluate((given) => {
-        const transfer = new DataTransfer();
-        for (const [name, base64] of given) transfer.items.add(new File([Uint8Array.from(atob(base64), (c) => c.charCodeAt(0))], name));
-        document.body.dispatchEvent(new DragEvent('drop', {dataTransfer: transfer, bubbles: true, cancelable: true}));
-    }, files);
-    await page.waitForSelector('[role=gridcell]');
+    const folder = path.join(work, 'folder');
+    fs.mkdirSync(path.join(folder, 'sub'), {recursive: true});
+    for (const [name, to] of [['stock.dbf', ''], ['members.dbf', 'sub'], ['members.fpt', ''], ['orders.dbf', '']]) {
+        fs.copyFileSync(path.join(samples, name), path.join(folder, to, name));
+    }
+    await drop(folder);
+    assert.deepEqual(await chosenTables(), ['folder/orders.dbf', 'folder/stock.dbf', 'folder/sub/members.dbf']);
+    await page.selectOption('[aria-label=Table]', 'folder/sub/members.dbf');
+    await page.waitForFunction(() => /memo file/.test(document.getElementById('status').textContent));
+    await drop(path.join(folder, 'members.fpt'));
+    assert.doesNotMatch(await said(), /missing/);
+    await page.selectOption('[aria-label="Deleted records"]', '2');
+    await settled();
+    await drop(path.join(samples, 'stock.dbf'), path.join(samples, 'members.dbf'), path.join(samples, 'members.fpt'));
+    assert.equal(await page.inputValue('[aria-label="Deleted records"]'), '1');
+    assert.deepEqual(await chosenTables(), ['members.dbf', 'stock.dbf']);
     await page.selectOption('[aria-label=Table]', 'stock.dbf');
     await page.waitForFunction(() => document.querySelector('[role=grid]').getAttribute('aria-rowcount') === '13');
     assert.equal(await page.$eval('.deleted [role=gridcell]', (cell) => getComputedStyle(cell).textDecorationLine), 'line-through');
@@ -136,6 +169,7 @@ test('a drop, a search, keys, copied cells, a chart, SQL', async () => {
     assert.equal((await rows())[0][0], 'RET001');
     await fill('[type=search]', 'WASHER');
     assert.equal(await rowCount(), 2);
+    assert.deepEqual(await page.evaluate(() => Array.from(CSS.highlights.get('found'), String)), ['Washer', 'Washer']);
     await fill('[type=search]', '7.2');
     assert.deepEqual((await rows()).map((row) => row[0]), ['GLU500']);
     await fill('[type=search]', '');
@@ -149,21 +183,64 @@ test('a drop, a search, keys, copied cells, a chart, SQL', async () => {
     await page.keyboard.press('Control+c');
     await page.waitForFunction(() => document.body.dataset.copied);
     assert.equal(await page.evaluate(() => document.body.dataset.copied), 'Washer 8 mm\t0.03\nWasher 10 mm\t0.04');
-    await page.keyboard.press('Control+End');
-    assert.equal(await page.getAttribute('[role=grid]', 'aria-activedescendant'), 'c11-5');
-    await page.keyboard.press('Control+f');
+    await press('Control+End');
+    assert.equal(await active(), 'c11-5');
+    await press('Control+Home', 'ArrowUp', 'ArrowRight', 'Enter');
+    assert.equal(await active(), 'c-1-1');
+    assert.equal(await page.getAttribute('#c-1-1', 'aria-sort'), 'ascending');
+    assert.equal(await page.$eval('#c0-1', (cell) => cell.textContent), 'Bolt M8 x 40');
+    await press('ArrowDown', 'Enter');
+    await page.waitForFunction(() => document.activeElement.textContent === 'Bolt M8 x 40');
+    await press('Escape');
+    assert.deepEqual(await page.$$eval('#grid:focus, #value:not([hidden])', (all) => all.map((one) => one.id)), ['grid']);
+    await page.click('.record');
+    assert.equal((await page.$$('[role=gridcell][aria-selected=true]')).length, 6);
+    const handle = await page.locator('#c-1-1 .handle').boundingBox();
+    await page.mouse.move(handle.x + 4, handle.y + 9);
+    await page.mouse.down();
+    await page.mouse.move(handle.x + 54, handle.y + 9);
+    await page.mouse.up();
+    assert.equal((await page.locator('#c-1-1 .handle').boundingBox()).x, handle.x + 50);
+    assert.equal(await page.getAttribute('#c-1-1', 'aria-sort'), 'ascending');
+    await press('Control+f');
     assert.equal(await page.evaluate(() => document.activeElement.type), 'search');
 
-    const sql = 'SELECT STOCK > 100 AS MANY, count(*) AS N, sum(PRICE*STOCK), NULL FROM stock GROUP BY 1 ORDER BY 2';
     await page.click('text="SQL"');
-    await page.fill('#statement', sql);
-    await page.press('#statement', 'Control+Enter');
-    await page.waitForSelector('[role=columnheader]:has-text("N")');
-    await settled();
-    const answer = execFileSync(process.env.MIRA_PROGRAM, ['query', '-q', '-F', 'csv', sql, samples], {encoding: 'utf8'});
-    assert.equal(await exported(), answer);
-    assert.deepEqual(await rows(), parseCsv(answer).slice(1));
+    let answer;
+    for (const [sql, heading] of [
+        ['SELECT s.*, s.PRICE * 2, t.REORDER, t.COUNTED FROM stock s LEFT JOIN stock t ON t.CODE = s.CODE AND t.REORDER ORDER BY s.CODE', 'REORDER'],
+        ['SELECT STOCK > 100 AS MANY, count(*) AS N, sum(PRICE*STOCK), NULL FROM stock GROUP BY 1 ORDER BY 2', 'MANY'],
+    ]) {
+        await page.fill('#statement', sql);
+        await page.press('#statement', 'Control+Enter');
+        await page.waitForSelector(`[aria-label=Answer] [role=columnheader]:has-text("${heading}")`);
+        await settled();
+        answer = execFileSync(process.env.MIRA_PROGRAM, ['query', '-q', '-F', 'csv', sql, samples], {encoding: 'utf8'});
+        assert.equal(await exported(), answer);
+        assert.deepEqual(await rows(), parseCsv(answer).slice(1, 16));
+    }
+    await page.click('#c1-2');
+    await page.waitForFunction((text) => document.querySelector('#value pre')?.textContent === text, parseCsv(answer)[2][2]);
+    await page.click('text="SQL"');
+    await drawn(12);
     assert.deepEqual(requests, []);
+});
+
+test('code pages by a .cpg file, of one byte and of several, are those of mira', async () => {
+    const table = path.join(work, 'bytes.dbf');
+    const all = Buffer.from(Array.from({length: 223}, (_, i) => i + 0x21));
+    const pages = ['CP437', 'CP864', 'CP1125', 'KOI8-T', 'MAC-UK', 'VISCII'].map((name) => [name, all]);
+    // The last character of each is cut.
+    pages.push(['GB18030', Buffer.from('b0a1208130813081308130813981308439ef309032823641e3329a3541813081203081308130', 'hex')]);
+    pages.push(['EUC-JP', Buffer.from('a5a1b0a1208fb0a1418eb120a541ff8fb0', 'hex')]);
+    await fresh();
+    for (const [name, bytes] of pages) {
+        const cpg = table.replace('.dbf', '.cpg');
+        plainTable(table, [['TEXT', 'C', 230]], [bytes]);
+        fs.writeFileSync(cpg, name);
+        await choose(table, cpg);
+        assert.equal(await exported(), mira(table, 'export').stdout, name);
+    }
 });
 
 test('a hostile table runs nothing', async () => {
@@ -178,6 +255,25 @@ test('a hostile table runs nothing', async () => {
     await page.click('[role=gridcell]:nth-child(3)');
     await page.waitForSelector('#value pre');
     assert.equal(await page.$('#grid img, #grid script, #side script, #side img, #status img'), null);
+    await page.evaluate(() => (navigator.clipboard.writeText = async (text) => (document.body.dataset.copied = text)));
+    await page.focus('[role=grid]');
+    await press('Home', 'Shift+End', 'Control+c');
+    await page.waitForFunction((text) => document.body.dataset.copied?.split('\t')[2] === text, attack.repeat(40));
+    const archive = path.join(work, 'hostile.zip');
+    const pack = 'import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1], "w", 8) as z:\n for n in sys.argv[3:]: z.write(sys.argv[2], n)';
+    const names = ['../../up.dbf', '/root.dbf', 'a\nb.dbf', `${attack.replaceAll('/', '')}.dbf`, 'x.dbf/y.dbf', 'up.cpg', '__MACOSX/._up.dbf'];
+    execFileSync('python3', ['-c', pack, archive, table, ...names]);
+    await drop(archive);
+    assert.deepEqual((await chosenTables()).sort(), [names[3], 'a_b.dbf', 'root.dbf', 'up.dbf', 'x.dbf/y.dbf'].sort());
+    for (const name of await chosenTables()) {
+        await page.selectOption('[aria-label=Table]', name);
+        await drawn(3);
+    }
+    const harmed = fs.readFileSync(archive);
+    harmed[80] ^= 1; // among what the first entry holds
+    fs.writeFileSync(archive, harmed);
+    await drop(archive);
+    assert.match(await said(), /up\.dbf is damaged/);
     const sent = await page.evaluate(() => fetch('http://127.0.0.1:9/').then(() => 'sent', (e) => e.name));
     assert.equal(sent, 'TypeError');
     assert.deepEqual(requests, []);
@@ -196,6 +292,25 @@ test('three gigabytes open at once, and their last record is reached', async () 
     await page.focus('[role=grid]');
     await page.keyboard.press('Control+End');
     await page.waitForFunction((row) => document.getElementById(`c${row}-0`)?.textContent === 'last', count - 1);
+    assert.ok(await inSight(`c${count - 1}-0`));
+    // A pixel of the bar is 150 rows.
+    await press(...Array(30).fill('ArrowUp'));
+    assert.equal(await active(), `c${count - 31}-0`);
+    assert.ok(await inSight(`c${count - 31}-0`));
+    await page.mouse.move(300, 400);
+    await page.mouse.wheel(0, -60);
+    await page.waitForFunction((id) => document.getElementById(id), `c${count - 33}-0`);
+    await page.$eval('#grid', (grid) => (grid.scrollTop = (grid.scrollHeight - grid.clientHeight) / 2));
+    await page.waitForFunction((row) => Math.abs(document.querySelector('[data-row]').dataset.row - row) < 300, count / 2);
+
+    await page.click('[role=columnheader]');
+    await page.click('#stop');
+    await page.waitForFunction(() => /^Stopped/.test(document.getElementById('status').textContent));
+    assert.equal(await page.getAttribute('[role=columnheader]', 'aria-sort'), 'none');
+    fs.truncateSync(table, 65 + 100);
+    await page.focus('[role=grid]');
+    await press('Control+End');
+    await page.waitForFunction(() => /cannot be read/.test(document.getElementById('status').textContent));
     fs.unlinkSync(table);
 });
 
@@ -222,6 +337,26 @@ test('code pages, a missing memo file, null, dark, narrow, an empty table, a tab
     fs.writeFileSync(table, 'no table');
     await choose(table);
     assert.match(await said(), /page\.dbf: no table/);
+    assert.ok(await page.isVisible('text=Drop a table here'));
+    assert.deepEqual(await page.$$eval('#status p', (all) => all.map((one) => one.className)), ['error']);
+
+    // Twice the size: the page scrolls, the rows keep their room.
+    await page.setViewportSize({width: 640, height: 400});
+    const wide = Array.from({length: 255}, (_, i) => [`F${i}`, 'C', 4]);
+    plainTable(table, wide, Array.from({length: 99}, () => 'text'.repeat(255)));
+    await choose(table);
+    await page.click('text="SQL"');
+    assert.ok((await page.locator('#grid').boundingBox()).height >= 300);
+    await page.focus('[role=grid]');
+    await press('Control+End');
+    assert.equal(await page.$eval('#c98-254', (cell) => cell.textContent), 'text');
+    assert.ok((await page.$$('[role=gridcell]')).length < 2000);
+    pictureTable(table);
+    await choose(table, table.replace('.dbf', '.fpt'));
+    for (const [row, shown] of [[0, '#value figcaption:text-is("1 × 1")'], [1, '#value :text("cannot be shown") + pre.hex']]) {
+        await page.click(`#c${row}-0`);
+        await page.waitForSelector(shown);
+    }
 
     const out = path.join(work, 'members.html');
     execFileSync(process.env.MIRA_PROGRAM, ['page', path.join(samples, 'members.dbf'), '-o', out], {env: {...process.env}});

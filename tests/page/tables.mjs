@@ -48,6 +48,21 @@ export function memoTable(file, name, texts, memo) {
     fs.writeFileSync(file.replace('.dbf', '.dbt'), Buffer.concat([memos, Buffer.from(`${memo}\x1a\x1a`)]));
 }
 
+// A FoxPro table of two pictures, a GIF of one pixel and a damaged BMP, in blocks of 64 bytes.
+export function pictureTable(file) {
+    const {bytes} = header([['PHOTO', 'G', 10]], 2, 0xf5);
+    fs.writeFileSync(file, Buffer.concat([bytes, Buffer.from(' ' + '8'.padStart(10) + ' ' + '9'.padStart(10))]));
+    const memos = Buffer.alloc(704);
+    memos.writeUInt32BE(11, 0);
+    memos.writeUInt16BE(64, 6);
+    const pixel = Buffer.from('R0lGODlhAQABAIAAAAAAAP///yH5BAEAAAAALAAAAAABAAEAAAIBRAA7', 'base64');
+    [pixel, Buffer.from('BM'.padEnd(60, '?'))].forEach((picture, i) => {
+        memos.writeUInt32BE(picture.length, 512 + 64 * i + 4);
+        picture.copy(memos, 512 + 64 * i + 8);
+    });
+    fs.writeFileSync(file.replace('.dbf', '.fpt'), memos);
+}
+
 export function parseCsv(text) {
     const rows = [];
     let row = [], cell = '', quoted = false;

@@ -19,7 +19,7 @@ constexpr unsigned kDoubleBytes = 8;
 bool holdsDoubles(TableKind kind) { return kind == TableKind::Visual || kind == TableKind::Level7; }
 
 /// The first table that a column comes from; null when there is none.
-const NamedTables::Known* firstTable(const Answer& answer) {
+const sql::KnownTable* firstTable(const sql::Answer& answer) {
     for (std::size_t i = 0; i < answer.columns().size(); ++i) {
         if (answer.tableOf(i) != nullptr) return answer.tableOf(i);
     }
@@ -27,14 +27,14 @@ const NamedTables::Known* firstTable(const Answer& answer) {
 }
 
 /// Tables of level 7 only this library reads when it has made them.
-TableKind kindLike(const NamedTables::Known* table) {
+TableKind kindLike(const sql::KnownTable* table) {
     const TableKind kind = table != nullptr ? TableKind{table->kind} : TableKind::DBase3;
     return kind == TableKind::Level7 ? TableKind::DBase3 : kind;
 }
 
 }  // namespace
 
-NewTableRows::NewTableRows(const Answer& answer, std::optional<TableKind> kind,
+NewTableRows::NewTableRows(const sql::Answer& answer, std::optional<TableKind> kind,
                            std::string codePage)
     : answer_(answer),
       first_(firstTable(answer)),
@@ -88,7 +88,7 @@ void NewTableRows::cell(std::size_t column, const Value& value) {
 std::optional<FieldPlan> NewTableRows::fieldOf(std::size_t column,
                                                const FieldPlan& suggested) const {
     const Seen& seen = seen_[column];
-    const NamedTables::Known* const table = answer_.tableOf(column);
+    const sql::KnownTable* const table = answer_.tableOf(column);
     const Column& of = answer_.columns()[column];
     if (table != nullptr && of.field != kNoField) {
         FieldPlan plan = planOf(of);

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "query/answer.h"
 #include "rows/output.h"
 #include "rows/writer.h"
+#include "sqlite/answer.h"
 #include "tables/unpack/nameless.h"
 #include "write/import.h"
 
@@ -17,7 +17,7 @@ namespace mira::tool {
 class NewTableRows final : public RowWriter {
 public:
     /// The kind and the code page of the first table that a column comes from, where none is given.
-    NewTableRows(const Answer& answer, std::optional<TableKind> kind, std::string codePage);
+    NewTableRows(const sql::Answer& answer, std::optional<TableKind> kind, std::string codePage);
 
     void begin(const std::vector<Heading>& headings) override { csv_->begin(headings); }
     void cell(std::size_t column, const Value& value) override;
@@ -37,8 +37,8 @@ private:
     Value rounded(Seen& seen, const Value& value);
     std::optional<FieldPlan> fieldOf(std::size_t column, const FieldPlan& suggested) const;
 
-    const Answer& answer_;
-    const NamedTables::Known* first_;
+    const sql::Answer& answer_;
+    const sql::KnownTable* first_;
     TableKind kind_;
     std::string codePage_;
     std::vector<Seen> seen_;

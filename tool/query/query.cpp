@@ -9,16 +9,13 @@
 
 #include "command/changeoptions.h"
 #include "command/command.h"
-#include "query/answer.h"
-#include "query/named.h"
 #include "query/newtable.h"
-#include "query/words.h"
 #include "rows/database.h"
 #include "rows/writer.h"
 #include "select/opening.h"
 #include "select/selection.h"
-#include "sqlite/letters.h"
-#include "sqlite/mira_sqlite.h"
+#include "sqlite/answer.h"
+#include "sqlite/statements.h"
 #include "tables/open/find.h"
 #include "tables/page/refusal.h"
 #include "terminal/message.h"
@@ -29,7 +26,6 @@
 namespace mira::tool {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r\n";
 constexpr u64 kTerminalRows = 50;
 constexpr i64 kPatience =
     200;  // milliseconds that rows wait in the buffer while others are looked for
@@ -65,8 +61,8 @@ struct Query {
     const Options& options;
     std::string sql;
     Status status = kDone;
-    NamedTables tables{};
-    Connection connection{};
+    sql::NamedTables tables{};
+    sql::Connection connection{};
     Sink sink{};
     RowWriter* rows = nullptr;  ///< while an answer is written
     i64 written = 0;            ///< when rows were last brought to where they go
@@ -75,24 +71,6 @@ struct Query {
     u64 scanned = 0;
     std::optional<Progress> progress{};
 };
-
-/// Without --write nothing is, whatever the statement says: ATTACH, of which VACUUM INTO is made,
-/// would make files.
-int refuseAttach(void* /*nothing*/, int action, const char* /*first*/, const char* /*second*/,
-                 const char* /*database*/, const char* /*inner*/) {
-    return action == SQLITE_ATTACH ? SQLITE_DENY : SQLITE_OK;
-}
-
-/// Whether an IN, or a NOT IN, follows a parenthesis, as in (A, B) IN (...). The text is in
-/// capitals.
-bool comparesRows(std::string_view sql) {
-    for (std::size_t end = sql.find(')'); end != std::string_view::npos;
-         end = sql.find(')', end + 1)) {
-        const std::string_view rest = trimmed(sql.substr(end + 1), kBlanks);
-        if (rest.starts_with("IN") || rest.starts_with("NOT")) return true;
-    }
-    return false;
-}
 
 /// Milliseconds of a clock that costs little to ask.
 i64 now() {
@@ -115,12 +93,7 @@ void bringOut(Query& query) {
 [[noreturn]] void fail(const Query& query) {
     leaveIfStopped();
     if (query.failure) std::rethrow_exception(query.failure);
-    sqlite3* const connection = query.connection.get();
-    if (sqlite3_errcode(connection) == SQLITE_AUTH) {
-        refuse("ATTACH and VACUUM INTO are refused: nothing is written without --write");
-    }
-    const std::string message = sqlite3_errmsg(connection);
-    refuse(message, query.tables.advice(message));
+    refuse(sql::failureOf(query.connection.get(), query.tables, " without --write"));
 }
 
 // --------------------------------------------------------------------------------------------
@@ -163,33 +136,21 @@ sql::Host hostFor(Query& query) {
         constexpr Status kOf[] = {kDone, kFound, kFailed};
         query.status = worse(query.status, kOf[static_cast<std::size_t>(notice)]);
     };
-    host.opened = [&query](const std::string& name, const Table& table) {
-        query.tables.keep(name, table);
-    };
     host.scanned = [&query](const sql::ScanState& state) { onScan(query, state); };
     host.backups = !options.change.noBackup;
     host.backupCopies = options.change.backups;
     host.pageOption = "--code-page NAME";
     host.exactOption = "--exact";
     host.readOnly = !options.write;
-    const std::string sql = upperAscii(query.sql);
-    host.outerJoins = sql.find("JOIN") != std::string::npos;
-    host.rowLists = comparesRows(sql);
     return host;
 }
 
-/// A database in memory that nothing stays of, with the module in it.
 void openConnection(Query& query) {
     constexpr int kSteps = 10000;
-    sqlite3* opened = nullptr;
-    const int result = sqlite3_open(":memory:", &opened);
-    query.connection.reset(opened);
-    if (result != SQLITE_OK || sql::registerLetters(opened) != SQLITE_OK ||
-        sql::registerMira(opened, hostFor(query)) != SQLITE_OK) {
-        fail(query);
-    }
-    if (!query.options.write) sqlite3_set_authorizer(opened, refuseAttach, nullptr);
-    sqlite3_progress_handler(opened, kSteps, onSteps, &query);
+    const int result =
+        sql::openConnection(query.connection, hostFor(query), query.sql, query.tables);
+    if (result != SQLITE_OK) fail(query);
+    sqlite3_progress_handler(query.connection.get(), kSteps, onSteps, &query);
 }
 
 std::string moduleOptions(const Options& options) {
@@ -207,7 +168,8 @@ std::string moduleOptions(const Options& options) {
 
 /// Names the tables; in the current folder there need be none. kDone when all were found.
 Status nameTables(Query& query, const std::vector<std::string>& names) {
-    query.tables.setOptions(moduleOptions(query.options));
+    const std::string module = moduleOptions(query.options);
+    query.tables.tell = [](const std::string& sentence) { note("{}", sentence); };
     std::vector<std::string> found;
     if (!names.empty()) {
         found = findToRead(names, query.options.recursive);
@@ -216,44 +178,14 @@ Status nameTables(Query& query, const std::vector<std::string>& names) {
     }
     if (found.empty()) return kDone;
     return eachTable(found, [&](const std::string& name) {
-        query.tables.add(findTable(name));
+        query.tables.add(findTable(name), module);
         return kDone;
     });
-}
-
-/// A transaction does not take in tables that are opened within it, and pragmas name none that
-/// could be missed: their tables, and all that --write may mean, are opened first.
-void openBeforehand(Query& query) {
-    const std::vector<std::string> words = sqlWords(query.sql);
-    const auto isSchema = [](const std::string& word) {
-        return foldCase(word).starts_with("sqlite_");
-    };
-    if (std::any_of(words.begin(), words.end(), isSchema)) {
-        query.tables.openAll(query.connection.get());
-    } else if (query.options.write || upperAscii(query.sql).find("PRAGMA") != std::string::npos) {
-        query.tables.openAmong(query.connection.get(), words);
-    }
 }
 
 // --------------------------------------------------------------------------------------------
 // Statements
 // --------------------------------------------------------------------------------------------
-
-/// The next statement, once all the tables that it names are open; null for a comment.
-Statement prepare(Query& query, const char** rest) {
-    sqlite3* const connection = query.connection.get();
-    while (true) {
-        sqlite3_stmt* prepared = nullptr;
-        const char* end = nullptr;
-        const int result = sqlite3_prepare_v2(connection, *rest, -1, &prepared, &end);
-        if (result == SQLITE_OK) {
-            *rest = end;
-            return Statement(prepared);
-        }
-        const std::string missing = missingTable(sqlite3_errmsg(connection));
-        if (missing.empty() || !query.tables.open(connection, missing)) fail(query);
-    }
-}
 
 /// How many values a format did not keep, by fault.
 using Unkept = std::array<u64, tables::kFaults>;
@@ -269,7 +201,7 @@ struct RowCount {
     u64 shown = 0, all = 0;
 };
 
-void writeCells(Answer& answer, RowWriter& writer, Unkept& unkept) {
+void writeCells(sql::Answer& answer, RowWriter& writer, Unkept& unkept) {
     for (std::size_t i = 0; i < answer.columns().size(); ++i) {
         writer.cell(i, answer.value(i));
         if (writer.fault != Fault::None) {
@@ -288,7 +220,7 @@ void tellUnkept(Query& query, const Unkept& unkept) {
 }
 
 /// Rows to a writer, as they are found.
-RowCount copyRows(Query& query, sqlite3_stmt* statement, Answer& answer, RowWriter& writer) {
+RowCount copyRows(Query& query, sqlite3_stmt* statement, sql::Answer& answer, RowWriter& writer) {
     const Sink& sink = query.sink;
     RowCount rows;
     Unkept unkept{};
@@ -318,11 +250,21 @@ void refuseSecond(Sink& sink) {
     }
 }
 
-RowCount intoTable(Query& query, sqlite3_stmt* statement, Answer& answer) {
+std::vector<Heading> headingsOf(const sql::Answer& answer) {
+    std::vector<Heading> headings;
+    for (std::size_t i = 0; i < answer.columns().size(); ++i) {
+        const Column& column = answer.columns()[i];
+        headings.push_back(
+            {column.name, answer.mayBeNull(i), answer.isOfTable(i) ? &column : nullptr});
+    }
+    return headings;
+}
+
+RowCount intoTable(Query& query, sqlite3_stmt* statement, sql::Answer& answer) {
     const Options& options = query.options;
     refuseSecond(query.sink);
     NewTableRows rows(answer, options.kind, options.table.codePage);
-    rows.begin(answer.headings());
+    rows.begin(headingsOf(answer));
     const RowCount count = copyRows(query, statement, answer, rows);
     ChangeOptions change = options.change;
     change.force = options.force;
@@ -330,15 +272,15 @@ RowCount intoTable(Query& query, sqlite3_stmt* statement, Answer& answer) {
     return count;
 }
 
-RowCount intoDatabase(Query& query, sqlite3_stmt* statement, Answer& answer) {
+RowCount intoDatabase(Query& query, sqlite3_stmt* statement, sql::Answer& answer) {
     Database& database = *query.sink.database;
     database.addAnswer(database.freeName("query"), answer.columns());
     return copyRows(query, statement, answer, database);
 }
 
-RowCount intoText(Query& query, sqlite3_stmt* statement, Answer& answer) {
+RowCount intoText(Query& query, sqlite3_stmt* statement, sql::Answer& answer) {
     const std::unique_ptr<RowWriter> writer = query.sink.format->make(*query.sink.out, {});
-    writer->begin(answer.headings());
+    writer->begin(headingsOf(answer));
     const RowCount rows = copyRows(query, statement, answer, *writer);
     writer->end();
     if (writer->columnsCut != 0) {
@@ -350,7 +292,7 @@ RowCount intoText(Query& query, sqlite3_stmt* statement, Answer& answer) {
 }
 
 void answerRows(Query& query, sqlite3_stmt* statement) {
-    Answer answer(statement, query.tables);
+    sql::Answer answer(statement, query.tables);
     const Sink& sink = query.sink;
     const RowCount rows = sink.database ? intoDatabase(query, statement, answer)
                           : sink.out    ? intoText(query, statement, answer)
@@ -385,7 +327,9 @@ void runAll(Query& query) {
     const char* rest = query.sql.c_str();
     bool any = false;
     while (*rest != 0) {
-        const Statement statement = prepare(query, &rest);
+        sql::Statement statement;
+        const int result = sql::prepareNext(query.connection.get(), &rest, query.tables, statement);
+        if (result != SQLITE_OK) fail(query);
         if (!statement) continue;  // a comment, blanks
         any = true;
         runStatement(query, statement.get());
@@ -490,7 +434,7 @@ Status run(const Options& options) {
     openConnection(query);
     const Status named = nameTables(query, tables);
     openSink(query);
-    openBeforehand(query);
+    sql::openBeforehand(query.connection.get(), query.sql, options.write, query.tables);
     runAll(query);
     if (query.sink.out) query.sink.out->finish();
     if (query.sink.database) query.sink.database->finish();

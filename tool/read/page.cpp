@@ -31,7 +31,8 @@ struct Options {
 
 /// The page as it is installed: below the folder that the program is in, unless MIRA_PAGE names it.
 std::string pageFile() {
-    if (const char* const named = std::getenv("MIRA_PAGE")) return named;
+    const char* const named = std::getenv("MIRA_PAGE");
+    if (named != nullptr && *named != 0) return named;
     std::error_code ignored;
     const fs::path program = fs::read_symlink("/proc/self/exe", ignored);
     return (program.parent_path().parent_path() / "share/mira/mira.html").string();
@@ -50,7 +51,9 @@ std::string wholeFile(const std::string& path) {
 std::string pageText() {
     const std::string path = pageFile();
     if (!fs::is_regular_file(path)) {
-        refuse(path, ": the page is not there; scripts/page builds it, and MIRA_PAGE names it");
+        refuse(path,
+               ": the page is not there; scripts/page of the sources builds it, and MIRA_PAGE "
+               "names it");
     }
     std::string page = wholeFile(path);
     if (page.find(kPlace) == std::string::npos) refuse(path, ": no page to put a table into");
@@ -91,6 +94,18 @@ std::string dataOf(const std::vector<std::string>& files, const std::string& cod
     return data + "]</script>";
 }
 
+/// Where the page goes: not over a table whose name has slipped in, nor over the page to fill.
+Target targetFor(const std::string& out) {
+    Target target = targetOf(out);
+    const std::string extension = fs::path(out).extension().string();
+    const bool named = target.regular && !target.path.empty() && target.descriptor < 0;
+    if (named && !sameText(extension, ".html") && !sameText(extension, ".htm")) {
+        refuse(out, ": a page is called NAME.html");
+    }
+    checkTargets({target}, true, {pageFile()});
+    return target;
+}
+
 Status run(const Options& options) {
     const auto table = openToRead(options.table, options.open);
     const std::vector<std::string> files = filesOf(*table);
@@ -102,7 +117,7 @@ Status run(const Options& options) {
     }
     std::string page = pageText();
     const std::string out = options.out.empty() ? stemOf(table->path) + ".html" : options.out;
-    const Target target = targetOf(out);
+    const Target target = targetFor(out);
     checkTargets({target}, options.force, files);
     page.replace(page.find(kPlace), kPlace.size(), dataOf(files, options.open.codePage));
     Output output(target, options.force);

@@ -2,8 +2,6 @@
 // that is there is added to in one transaction.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <memory>
 #include <set>
 #include <string>
@@ -11,17 +9,14 @@
 
 #include "rows/output.h"
 #include "rows/writer.h"
+#include "sqlite/statements.h"
 #include "tables.h"
 #include "tables/value/storage.h"
 
 namespace mira::tool {
 
-struct SqliteCloser {
-    void operator()(sqlite3* database) const { sqlite3_close(database); }
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Connection = std::unique_ptr<sqlite3, SqliteCloser>;
-using Statement = std::unique_ptr<sqlite3_stmt, SqliteCloser>;
+using sql::Connection;
+using sql::Statement;
 
 /// Lets Ctrl-C end long statements of a connection.
 void watchStops(sqlite3* connection);

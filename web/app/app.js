@@ -1,6 +1,7 @@
 // The page: which table is open, what is shown of it, what is said.
 const at = (id) => document.getElementById(id);
 const kPause = 350; // ms after the last key
+const kPatience = 300; // ms
 const kMostCounted = 512 * 1024 * 1024; // bytes
 
 const state = {
@@ -14,6 +15,7 @@ const state = {
     search: '',
     deleted: 1,
     column: -1, // of the chart
+    shown: null, // sort, filter, search and deleted of the rows that are there
     answer: null, // of a query, while it is shown
     turn: 0, // goes on with whatever replaces the rows
 };
@@ -39,22 +41,25 @@ function tableNotes() {
     return [...facts.repairs, ...facts.notes].map(named).concat(doubt ? [named(doubt)] : []);
 }
 
-let working = 0;
+const running = new Set(); // what was begun
 const engine = new Engine((done, all) => {
-    at('bar').value = all ? done / all : 0;
-    if (working && performance.now() - working > 300) at('progress').hidden = false;
+    if (all) at('bar').value = done / all;
 });
 
 // Runs what may take long: a bar and "Stop" appear when it does.
 async function work(action) {
-    working = performance.now();
+    running.add(action);
+    at('bar').removeAttribute('value');
+    setTimeout(() => running.has(action) && (at('progress').hidden = false), kPatience);
     document.body.setAttribute('aria-busy', 'true');
     try {
         return await action();
     } finally {
-        working = 0;
-        at('progress').hidden = true;
-        document.body.removeAttribute('aria-busy');
+        running.delete(action);
+        if (!running.size) {
+            at('progress').hidden = true;
+            document.body.removeAttribute('aria-busy');
+        }
     }
 }
 
@@ -62,19 +67,36 @@ async function work(action) {
 // Opening
 // ---------------------------------------------------------------------------------------------
 
+const kNoTable = 'There is no table among what was dropped.';
+let drops = 0;
+
+// Takes what a promise brings, unless something else has been dropped until then.
+async function receive(files) {
+    const mine = ++drops;
+    try {
+        const taken = await work(() => files);
+        if (mine === drops) await take(taken);
+    } catch (e) {
+        complain(e);
+    }
+}
+
 async function take(files) {
-    if (!files.length) return say('There is no table among what was dropped.', 'error');
-    const alone = files.every(({name}) => /\.(dbt|fpt|smt|dct|cpg)$/i.test(name));
     // A memo file dropped later belongs to the table that is open.
-    const added = alone && state.files.length > 0;
-    const names = new Set(files.map((file) => file.name));
-    state.files = added ? [...state.files.filter((file) => !names.has(file.name)), ...files] : files;
-    state.tables = tablesAmong(state.files);
-    if (!state.tables.length) return say('There is no table among what was dropped.', 'error');
+    const added = state.files.length > 0 && files.length > 0 && isBeside(files);
+    const news = added ? placedBeside(files, state.tables) : files;
+    const names = new Set(news.map((file) => file.name));
+    const all = added ? [...state.files.filter((file) => !names.has(file.name)), ...news] : news;
+    const tables = tablesAmong(all);
+    if (!tables.length) return say(kNoTable, 'error');
+    Object.assign(state, {files: all, tables});
     if (!added) state.pages = Object.fromEntries(files.map(({name, page}) => [name, page || '']));
-    await engine.mount(state.files.map(({name, data}) => ({name, data})));
+    const turn = ++state.turn;
+    if (running.size) engine.restart();
+    await engine.mount(all.map(({name, data}) => ({name, data})));
+    if (turn !== state.turn) return;
     listTables();
-    await open(added && state.tables.includes(state.path) ? state.path : state.tables[0]);
+    await (added && state.opened ? reopen() : open(tables.includes(state.path) && added ? state.path : tables[0]));
 }
 
 function listTables() {
@@ -82,6 +104,9 @@ function listTables() {
     at('which').hidden = !several;
     at('name').hidden = several;
     at('which').replaceChildren(...state.tables.map((name) => new Option(name, name)));
+    const shown = state.tables.slice(0, 12);
+    at('names').replaceChildren(...shown.map((path) => element('code', '', quoted(stemOf(path)))));
+    if (state.tables.length > shown.length) at('names').append(` and ${state.tables.length - shown.length} more`);
 }
 
 function factsLine({facts, records, page, memoFile, memoMissing}) {
@@ -89,19 +114,37 @@ function factsLine({facts, records, page, memoFile, memoMissing}) {
     const parts = [facts.flavour, counted(records, 'record') + deleted, counted(facts.fields.length, 'field'), `${page} (${facts.code_page_from})`];
     if (memoFile) parts.push(memoMissing ? 'memo file missing' : `memos ${sized(facts.memo_bytes)}`);
     if (facts.updated) parts.push(`changed ${facts.updated}`);
-    return parts.join(' · ');
+    return parts;
+}
+
+function showFacts() {
+    const parts = factsLine(state.opened);
+    at('facts').replaceChildren(...parts.flatMap((part, i) => [i ? ' · ' : '', element('span', '', part)]));
+    at('facts').title = parts.join(' · ');
+}
+
+const kAll = {sort: null, filter: '', search: '', deleted: 1};
+
+// How the rows are chosen, as the inputs tell it.
+function wish(wanted) {
+    Object.assign(state, wanted);
+    at('filter').value = state.filter;
+    at('search').value = state.search;
+    at('deleted').value = String(state.deleted);
+    at('filter').removeAttribute('aria-invalid');
 }
 
 async function open(path) {
     const turn = ++state.turn;
-    state.path = path;
-    Object.assign(state, {sort: null, filter: '', search: '', column: -1, answer: null, opened: null});
-    for (const id of ['search', 'filter']) at(id).value = '';
-    at('filter').removeAttribute('aria-invalid');
-    at('which').value = at('name').textContent = path;
+    const first = `SELECT * FROM ${quoted(stemOf(path))} LIMIT 100`;
+    if (['', state.statement].includes(at('statement').value)) at('statement').value = first;
+    Object.assign(state, {path, column: -1, answer: null, opened: null, shown: null, statement: first});
+    wish(kAll);
+    at('which').value = at('name').textContent = at('name').title = path;
     document.title = `${path} · MIRA`;
     closeSide();
     showBack();
+    if (running.size) engine.restart();
     try {
         const opened = await work(() => engine.call('open', path, state.pages[path] || ''));
         if (turn !== state.turn) return;
@@ -109,6 +152,7 @@ async function open(path) {
         await showTable(turn, opened.records);
         countDeleted().catch(() => {});
     } catch (e) {
+        if (turn !== state.turn) return;
         showNothing();
         complain(e);
     }
@@ -127,14 +171,16 @@ async function countDeleted() {
         if (state.opened !== opened) return;
     }
     opened.facts.deleted = deleted;
-    at('facts').textContent = at('facts').title = factsLine(opened);
+    showFacts();
 }
 
 function showNothing() {
     at('start').hidden = false;
-    for (const id of ['grid', 'side', 'tools', 'query']) at(id).hidden = true;
-    at('facts').textContent = '';
+    for (const id of ['frame', 'side', 'tools', 'query']) at(id).hidden = true;
+    at('facts').textContent = at('facts').title = '';
     at('export').disabled = at('sql').disabled = true;
+    at('sql').setAttribute('aria-pressed', 'false');
+    document.body.classList.add('start');
 }
 
 function listPages() {
@@ -149,17 +195,23 @@ function listPages() {
     }
     at('page').replaceChildren(...groups);
     at('page').value = chosen;
+    if (at('page').selectedIndex >= 0) return;
+    at('page').append(new Option(chosen, chosen));
+    at('page').value = chosen;
 }
 
 // The fields, until there is a chart or a value to show.
 function listFields() {
-    const list = element('dl', 'fields');
-    for (const column of state.opened.columns.slice(0, 300)) {
-        const pair = element('div');
-        pair.append(element('dt', '', column.name), element('dd', '', typeLine(column)));
+    const list = element('div', 'fields');
+    state.opened.columns.slice(0, 300).forEach((column, i) => {
+        const pair = element('button');
+        pair.type = 'button';
+        pair.append(element('b', '', column.name), element('span', '', typeLine(column)));
+        pair.addEventListener('click', () => grid.goTo(i));
         list.append(pair);
-    }
-    at('fields').replaceChildren(element('h2', '', 'Fields'), element('p', 'type', 'Click a heading to sort by it and draw its chart; choose a cell to see all of its value.'), list);
+    });
+    const hint = 'A click on a heading sorts by it and draws its chart. Choose a cell to see all of its value.';
+    at('fields').replaceChildren(element('h2', '', `Fields of ${stemOf(state.path)}`), element('p', 'type', hint), list);
     const number = state.opened.columns.find(isNumber);
     const column = number || state.opened.columns[0];
     at('filter').placeholder = column ? `Filter, such as ${column.name}${number ? '>10' : '="A"'}` : 'Filter';
@@ -172,7 +224,8 @@ function listFields() {
 const grid = new Grid(at('grid'), {
     sort: (column) => sortBy(column),
     select: (row, column) => showValue(row, column),
-    open: (row, column) => showValue(row, column),
+    open: (row, column) => showValue(row, column).then(() => at('value').querySelector('[tabindex]')?.focus()),
+    leave: leaveSide,
     copied: (text) => say(`Copied ${counted(text.length, 'character')}`, '', tableNotes()),
     fail: complain,
 });
@@ -183,6 +236,7 @@ function tableSource(rows) {
         count: rows,
         records: state.opened.records,
         sortable: true,
+        sought: state.search,
         rows: (first, n) => engine.call('rows', first, n),
         whole: async (row, column) => {
             const cell = await engine.call('cell', row, column);
@@ -193,26 +247,35 @@ function tableSource(rows) {
 
 async function showTable(turn, rows, notes = []) {
     at('start').hidden = true;
-    for (const id of ['grid', 'side', 'tools']) at(id).hidden = false;
+    for (const id of ['frame', 'side', 'tools']) at(id).hidden = false;
+    document.body.classList.remove('start');
     at('export').disabled = at('sql').disabled = false;
-    at('facts').textContent = at('facts').title = factsLine(state.opened);
+    showFacts();
     listPages();
     listFields();
     const all = state.opened.records;
     const empty = !state.opened.columns.length ? 'This table has no fields to show.' : all ? 'No record passes.' : 'This table has no records.';
-    at('grid').classList.toggle('empty', !rows || !state.opened.columns.length);
-    at('grid').dataset.empty = empty;
+    const selected = Boolean(state.filter || state.search || state.deleted !== 1);
+    showNone(!rows || !state.opened.columns.length ? empty : '', all > 0 && selected);
     await grid.show(tableSource(rows), state.sort);
     if (turn !== state.turn) return;
-    const selected = state.filter || state.search || state.deleted !== 1;
+    state.shown = {sort: state.sort, filter: state.filter, search: state.search, deleted: state.deleted};
     say(selected ? `${grouped(rows)} of ${counted(all, 'record')}` : counted(all, 'record'), '', [...notes, ...tableNotes()]);
+}
+
+// Why there are no rows, in their place.
+function showNone(why, canShowAll) {
+    at('grid').classList.toggle('empty', why !== '');
+    at('none').hidden = !why;
+    at('none').querySelector('p').textContent = why;
+    at('all').hidden = !canShowAll;
 }
 
 // Filter, search and sort anew.
 async function view() {
     if (!state.opened) return;
     const turn = ++state.turn;
-    if (working) await engine.restart().then(() => engine.call('open', state.path, state.pages[state.path] || ''));
+    if (running.size) engine.restart();
     const wanted = {
         filter: state.filter,
         search: state.search,
@@ -231,6 +294,8 @@ async function view() {
     } catch (e) {
         if (turn !== state.turn || e instanceof Stopped) return;
         if (state.filter) at('filter').setAttribute('aria-invalid', 'true');
+        // A column that cannot be sorted by is not kept for what comes.
+        if (state.shown && state.sort !== state.shown.sort) state.sort = state.shown.sort;
         complain(e);
     }
 }
@@ -250,23 +315,48 @@ async function showChart(column) {
         if (turn !== state.turn) return;
         at('chart').hidden = false;
         drawChart(at('chart'), state.opened.columns[column], chart);
+        at('side').scrollTop = 0;
     } catch (e) {
         complain(e);
     }
 }
 
 async function showValue(row, column) {
-    if (state.answer) return;
     const turn = state.turn;
     try {
-        const cell = await engine.call('cell', row, column);
+        const cell = state.answer ? cellOfAnswer(grid.rowData(row), column) : await engine.call('cell', row, column);
         const data = grid.rowData(row);
-        if (turn !== state.turn || grid.row !== row || grid.column !== column) return;
+        if (turn !== state.turn || grid.row !== row || grid.column !== column || !cell) return;
         at('value').hidden = false;
-        drawValue(at('value'), data ? data.r : 0, state.opened.columns[column], cell);
+        const where = data ? `${state.answer ? 'row' : 'record'} ${grouped(data.r)}` : '';
+        drawValue(at('value'), where, grid.columns[column].name, cell);
+        const [side, value] = [at('side'), at('value')];
+        const below = value.offsetTop + value.offsetHeight - side.clientHeight;
+        side.scrollTop = Math.min(value.offsetTop, Math.max(side.scrollTop, below));
     } catch (e) {
         complain(e);
     }
+}
+
+// Of an answer there is what the grid has.
+function cellOfAnswer(data, column) {
+    if (!data) return null;
+    const value = data.c[column];
+    const text = value === null ? '' : cellText(value);
+    const bytes = new TextEncoder().encode(value && value.b !== undefined ? describe(value) : text);
+    const fault = isCut(value) ? `The first ${sized(bytes.length)} of ${sized(value.n)}; the export has all of it.` : '';
+    return {kind: value === null ? 'null' : 'text', bytes, size: bytes.length, fault};
+}
+
+// One after another: the value, then the chart.
+function leaveSide() {
+    if (at('value').hidden) closeChart();
+    at('value').hidden = true;
+}
+
+function closeChart() {
+    state.column = -1;
+    at('chart').hidden = true;
 }
 
 function closeSide() {
@@ -277,23 +367,20 @@ function closeSide() {
 // SQL
 // ---------------------------------------------------------------------------------------------
 
-const stem = (path) => path.split('/').pop().replace(/\.[^.]*$/, '');
 const quoted = (name) => (/^[A-Za-z_][A-Za-z_0-9]*$/.test(name) ? name : `"${name.replace(/"/g, '""')}"`);
 
 function toggleSql() {
     const show = at('query').hidden;
     at('query').hidden = !show;
     at('sql').setAttribute('aria-pressed', String(show));
-    if (!show) return leaveAnswer() && view();
-    const shown = state.tables.slice(0, 12);
-    at('names').replaceChildren(...shown.map((path) => element('code', '', quoted(stem(path)))));
-    if (state.tables.length > shown.length) at('names').append(` and ${state.tables.length - shown.length} more`);
-    if (!at('statement').value) at('statement').value = `SELECT * FROM ${quoted(stem(state.path))} LIMIT 100`;
+    if (!show) return void (leaveAnswer() && view());
     at('statement').focus();
 }
 
 async function runQuery() {
     const turn = ++state.turn;
+    const lost = running.size && state.answer; // with what runs its rows go, too
+    if (running.size) engine.restart();
     const tables = state.tables.map((path) => `${path}\t${state.pages[path] || ''}`).join('\n');
     try {
         const answer = await work(() => engine.call('query', at('statement').value, tables));
@@ -301,11 +388,11 @@ async function runQuery() {
         state.answer = answer;
         closeSide();
         showBack();
-        at('grid').classList.toggle('empty', !answer.rows);
-        at('grid').dataset.empty = 'The answer has no rows.';
+        showNone(answer.rows ? '' : 'The answer has no rows.', false);
         await grid.show({columns: answer.columns, count: answer.rows, sortable: false, rows: (first, n) => engine.call('answerRows', first, n)}, null);
         say(`${answer.cut ? 'The first ' : ''}${counted(answer.rows, 'row')}${answer.cut ? '; there are more' : ''}`, '', answer.notes);
     } catch (e) {
+        if (turn === state.turn && lost) await view();
         complain(e);
     }
 }
@@ -320,6 +407,7 @@ function leaveAnswer() {
 
 function showBack() {
     at('back').hidden = state.answer === null;
+    document.body.classList.toggle('answered', state.answer !== null);
     at('grid').setAttribute('aria-label', state.answer ? 'Answer' : 'Records');
 }
 
@@ -337,7 +425,7 @@ async function exportCsv() {
             return;
         }
         const {csv, rows, left, notes} = await work(() => engine.call('csv'));
-        save(csv, `${stem(state.path)}.csv`);
+        save(csv, `${stemOf(state.path)}.csv`);
         const without = left ? `, ${grouped(left)} deleted left out` : '';
         say(`${counted(rows, 'record')} exported${without}`, '', [...notes.map((note) => `${state.path}: ${note}`), ...tableNotes()]);
     } catch (e) {
@@ -382,11 +470,14 @@ function listen() {
     });
     at('which').addEventListener('change', () => open(at('which').value));
     at('file').addEventListener('change', () => {
-        filesOfInput(at('file')).then(take).catch(complain);
+        receive(filesOfInput(at('file')));
         at('file').value = '';
     });
-    at('open').addEventListener('keydown', (e) => {
-        if (e.key === 'Enter' || e.key === ' ') at('file').click();
+    for (const id of ['open', 'choose']) at(id).addEventListener('click', () => at('file').click());
+    at('all').addEventListener('click', () => {
+        wish({...kAll, sort: state.sort});
+        view();
+        at('grid').focus();
     });
     at('export').addEventListener('click', exportCsv);
     at('sql').addEventListener('click', toggleSql);
@@ -396,6 +487,17 @@ function listen() {
         if (e.key === 'Enter' && (e.ctrlKey || e.metaKey)) runQuery();
     });
     at('stop').addEventListener('click', stop);
+    at('side').addEventListener('click', (e) => {
+        if (!e.target.closest('.close')) return;
+        if (e.target.closest('#chart')) closeChart();
+        else at('value').hidden = true;
+        at('grid').focus();
+    });
+    at('side').addEventListener('keydown', (e) => {
+        if (e.key !== 'Escape') return;
+        leaveSide();
+        at('grid').focus();
+    });
     addEventListener('keydown', (e) => {
         if (e.key === 'f' && (e.ctrlKey || e.metaKey) && !at('tools').hidden) {
             e.preventDefault();
@@ -407,45 +509,63 @@ function listen() {
 
 // The same table in another code page, with what is searched for.
 async function reopen() {
-    const kept = {filter: state.filter, search: state.search, sort: state.sort, column: state.column};
+    const {sort, filter, search, deleted, column} = state;
     await open(state.path);
     if (!state.opened) return;
-    Object.assign(state, kept);
-    at('filter').value = kept.filter;
-    at('search').value = kept.search;
-    if (kept.filter || kept.search || kept.sort || state.deleted !== 1) await view();
-    else if (kept.column >= 0) await showChart(kept.column);
+    wish({sort, filter, search, deleted});
+    state.column = column;
+    if (filter || search || sort || deleted !== 1) await view();
+    else if (column >= 0) await showChart(column);
 }
 
+// Goes back to the rows that were there before; a second time to all of them.
 async function stop() {
+    const back = state.shown || kAll;
     state.turn++;
-    await engine.restart();
-    if (state.path) await open(state.path);
-    say('Stopped', '', tableNotes());
+    drops++;
+    engine.restart();
+    if (!state.opened) {
+        showNothing();
+        return say('Stopped');
+    }
+    state.column = -1;
+    closeSide();
+    wish(back);
+    const stopped = view();
+    state.shown = null;
+    await stopped;
+    if (state.shown) say(`Stopped; ${at('status').firstChild.textContent}`, '', tableNotes());
 }
 
 function listenToDrops() {
-    let inside = 0;
+    let gone;
     const over = (shown) => (at('over').hidden = !shown);
-    addEventListener('dragenter', (e) => {
+    // It goes on while something is held over the page; there is no sure sign of its end.
+    addEventListener('dragover', (e) => {
         e.preventDefault();
-        over(++inside > 0);
+        clearTimeout(gone);
+        over(e.dataTransfer.types.includes('Files'));
+        gone = setTimeout(over, 600, false);
     });
-    addEventListener('dragleave', () => over(--inside > 0));
-    addEventListener('dragover', (e) => e.preventDefault());
     addEventListener('drop', (e) => {
         e.preventDefault();
-        inside = 0;
+        clearTimeout(gone);
         over(false);
-        filesOfDrop(e.dataTransfer).then(take).catch(complain);
+        receive(filesOfDrop(e.dataTransfer));
     });
 }
 
 listen();
 listenToDrops();
+document.documentElement.dataset.ready = 'true'; // for files; they wait for the engine
+performance.mark('ready');
 engine.ready.then(
-    () => (document.documentElement.dataset.ready = 'true'),
+    () => performance.mark('engine'),
     (e) => say(`This browser cannot run the page: ${e.message}`, 'error'),
 );
-const inPage = filesInPage();
-if (inPage.length) take(inPage).catch(complain);
+parsed.then(() => {
+    const inPage = filesInPage();
+    if (!inPage.length) return;
+    at('start').hidden = true;
+    receive(Promise.resolve(inPage));
+});

@@ -22,12 +22,14 @@ function barLabel(chart, bar) {
 }
 
 // Bars that stand, with a line of labels below.
-function standing(chart, name) {
-    const [width, height, foot] = [320, 150, 20];
+function standing(chart, name, width) {
+    const [height, foot] = [150, 20];
     const svg = shape('svg', {viewBox: `0 0 ${width} ${height + foot}`, role: 'img', 'aria-label': `Chart of ${name}`});
     const most = Math.max(...chart.bars.map((bar) => bar.n), 1);
     const step = width / Math.max(chart.bars.length, 1);
     svg.append(shape('line', {x1: 0, x2: width, y1: height + 0.5, y2: height + 0.5, class: 'axis'}));
+    svg.append(shape('line', {x1: 0, x2: width, y1: 5.5, y2: 5.5, class: 'axis most'}));
+    svg.append(shape('text', {x: width, y: -2, 'text-anchor': 'end', class: 'count'}, grouped(most)));
     chart.bars.forEach((bar, i) => {
         const tall = bar.n ? Math.max(2, (bar.n / most) * (height - 6)) : 0;
         const gap = Math.min(3, step / 5);
@@ -51,21 +53,22 @@ function standing(chart, name) {
 }
 
 // Bars that lie, a value a line.
-function lying(chart, name) {
+function lying(chart, name, width) {
     const row = 26;
     const bars = chart.rest ? [...chart.bars, {label: 'all others', n: chart.rest, rest: true}] : chart.bars;
     const most = Math.max(...chart.bars.map((bar) => bar.n), 1);
-    const svg = shape('svg', {viewBox: `0 0 320 ${Math.max(bars.length, 1) * row}`, role: 'img', 'aria-label': `Chart of ${name}`});
+    const svg = shape('svg', {viewBox: `0 0 ${width} ${Math.max(bars.length, 1) * row}`, role: 'img', 'aria-label': `Chart of ${name}`});
     bars.forEach((bar, i) => {
         const group = shape('g', {class: bar.rest ? 'bar rest' : 'bar', transform: `translate(0 ${i * row})`});
         group.append(shape('title', {}, `${bar.label}: ${grouped(bar.n)}`));
-        group.append(shape('rect', {x: 0, y: 0, width: 320, height: row, class: 'touch'}));
-        if (!bar.rest) group.append(shape('rect', {x: 0, y: 18, width: Math.max(2, (bar.n / most) * 320), height: 4, rx: 2, class: 'fill'}));
+        group.append(shape('rect', {x: 0, y: 0, width, height: row, class: 'touch'}));
+        if (!bar.rest) group.append(shape('rect', {x: 0, y: 18, width: Math.max(2, (bar.n / most) * width), height: 4, rx: 2, class: 'fill'}));
         const letters = Array.from(bar.label.replace(/\s+/g, ' '));
         const wide = letters.reduce((sum, c) => sum + (c.codePointAt(0) > 0x2e80 ? 1.8 : 1), 0);
-        const cut = wide > 36 ? letters.slice(0, Math.floor((36 * letters.length) / wide)).join('') + '…' : letters.join('');
+        const room = width / 9;
+        const cut = wide > room ? letters.slice(0, Math.floor((room * letters.length) / wide)).join('') + '…' : letters.join('');
         group.append(shape('text', {x: 0, y: 13}, cut || ' '));
-        group.append(shape('text', {x: 320, y: 13, 'text-anchor': 'end', class: 'count'}, grouped(bar.n)));
+        group.append(shape('text', {x: width, y: 13, 'text-anchor': 'end', class: 'count'}, grouped(bar.n)));
         svg.append(group);
     });
     return svg;
@@ -73,7 +76,7 @@ function lying(chart, name) {
 
 function facts(chart) {
     const list = [['Values', grouped(chart.count)]];
-    if (chart.blank) list.push(['Blank', grouped(chart.blank)]);
+    if (chart.blank || chart.kind !== 'texts') list.push(['Blank', grouped(chart.blank)]);
     if (chart.different !== undefined && chart.count) {
         list.push(['Different', chart.more ? `over ${grouped(chart.different)}` : grouped(chart.different)]);
     }
@@ -85,7 +88,7 @@ function facts(chart) {
     }
     const table = element('dl', 'figures');
     for (const [name, value] of list) {
-        const pair = element('div');
+        const pair = element('div', ['First', 'Least', 'Sum'].includes(name) ? 'left' : '');
         const shown = element('dd', '', value);
         shown.title = value;
         pair.append(element('dt', '', name), shown);
@@ -95,8 +98,9 @@ function facts(chart) {
 }
 
 function drawChart(place, column, chart) {
-    place.replaceChildren(element('h2', '', column.name), element('p', 'type', typeLine(column)));
-    if (chart.count) place.append(chart.kind === 'texts' ? lying(chart, column.name) : standing(chart, column.name));
+    place.replaceChildren(heading(column.name), element('p', 'type', typeLine(column)));
+    const draw = chart.kind === 'texts' ? lying : standing;
+    if (chart.count) place.append(draw(chart, column.name, Math.max(place.firstChild.clientWidth, 200)));
     else place.append(element('p', 'none', 'No values in the shown records.'));
     place.append(facts(chart));
 }

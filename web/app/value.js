@@ -22,31 +22,46 @@ function save(data, name) {
     setTimeout(() => URL.revokeObjectURL(link.href), 60000);
 }
 
+// What scrolls is within reach of the keyboard.
+function box(className, text) {
+    const made = element('pre', className, text);
+    made.tabIndex = 0;
+    return made;
+}
+const hexBox = (bytes) => box('hex', hexOf(bytes));
+
 function bodyOf(cell) {
     if (cell.kind === 'null') return element('p', 'none', 'null');
     if (cell.kind === 'text') {
         const text = new TextDecoder().decode(cell.bytes);
-        return text ? element('pre', 'text', text) : element('p', 'none', 'empty');
+        return text ? box('text', text) : element('p', 'none', cell.fault ? '' : 'empty');
     }
-    if (cell.kind === 'bytes') return element('pre', 'hex', hexOf(cell.bytes));
-    const picture = element('img');
-    pictureUrl = URL.createObjectURL(new Blob([cell.bytes], {type: `image/${cell.kind}`}));
-    picture.src = pictureUrl;
-    picture.alt = `${cell.kind.toUpperCase()} picture`;
-    return picture;
+    if (cell.kind === 'bytes') return hexBox(cell.bytes);
+    return pictureOf(cell);
 }
 
-function drawValue(place, record, column, cell) {
+// With its size below, or the bytes where it is damaged.
+function pictureOf(cell) {
+    const figure = element('figure');
+    const picture = element('img');
+    pictureUrl = URL.createObjectURL(new Blob([cell.bytes], {type: `image/${cell.kind}`}));
+    picture.alt = `${cell.kind.toUpperCase()} picture`;
+    picture.onload = () => figure.append(element('figcaption', '', `${picture.naturalWidth} × ${picture.naturalHeight}`));
+    picture.onerror = () => figure.replaceWith(element('p', 'fault', 'This picture cannot be shown.'), hexBox(cell.bytes));
+    picture.src = pictureUrl;
+    figure.append(picture);
+    return figure;
+}
+
+// where: the record or row.
+function drawValue(place, where, name, cell) {
     if (pictureUrl) URL.revokeObjectURL(pictureUrl);
     pictureUrl = null;
-    const title = element('h2', '', column.name);
-    const line = element('p', 'type', record ? `record ${grouped(record)}` : '');
-    const body = bodyOf(cell);
-    place.replaceChildren(title, line, body);
+    place.replaceChildren(heading(name), element('p', 'type', where), bodyOf(cell));
     if (cell.fault) place.append(element('p', 'fault', cell.fault));
     if (cell.kind === 'null' || (cell.kind === 'text' && cell.size < 400)) return;
-    const button = element('button', 'quiet', `Save, ${sized(cell.size)}`);
+    const button = element('button', 'quiet', `Save (${sized(cell.size)})`);
     const extension = cell.kind === 'text' ? 'txt' : cell.kind === 'bytes' ? 'bin' : cell.kind;
-    button.addEventListener('click', () => save(new Blob([cell.bytes]), `${column.name}-${record}.${extension}`));
+    button.addEventListener('click', () => save(new Blob([cell.bytes]), `${name}-${where.replace(/\D/g, '')}.${extension}`));
     place.append(button);
 }

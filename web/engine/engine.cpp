@@ -29,10 +29,19 @@ namespace {
 using namespace tables;
 
 constexpr std::size_t kPiece = 1U << 20;  // of an export
-constexpr u32 kScattered = 16U << 20;     // bytes of records that it reads at a time, out of order
+constexpr u32 kScattered = 8U << 20;      // bytes of records that it reads at a time, out of order
 
 struct Export {
+    struct Faulty {
+        u32 row, record;
+        Fault fault;
+        const Column* column;
+    };
     std::unique_ptr<CellReader> cells{};
+    std::vector<Faulty> faulty{};  ///< not counted yet
+    std::string lines{};           ///< of rows that lie all over the file, as they lie there
+    std::vector<std::pair<u32, u32>> places{};  ///< from where to where in it, row by row
+    std::size_t told = 0;                       ///< of these rows
     Faults faults{};
     u32 row = 0;
     u32 left = 0;  ///< deleted records that are left out
@@ -160,25 +169,58 @@ std::string rowsJson(u32 first, u32 count) {
 }
 
 std::string answerRows(u32 first, u32 count) {
+    const Answer& answer = shown.answer;
     std::string json = "[";
-    for (u32 row = first; row - first < count && row < shown.answer.rows.size(); ++row) {
-        if (row != first) json += ',';
-        json += textOf("{\"r\":", row + 1, ",\"d\":0,\"c\":", shown.answer.rows[row], '}');
+    for (u32 row = first; row - first < count && row < answer.rows.count(); ++row) {
+        json += textOf(row != first ? ",{" : "{", "\"r\":", row + 1, ",\"d\":0,\"c\":[");
+        answer.rows.each(row, answer.columns.size(), [&](std::size_t i, const Value& value) {
+            if (i != 0) json += ',';
+            putCell(json, value);
+        });
+        json += "]}";
     }
     return json + "]";
 }
 
+template <typename Columns>
+void putHeadings(std::string& csv, const Columns& columns) {
+    for (const auto& column : columns) {
+        if (&column != columns.data()) csv += ',';
+        putCsvText(csv, column.name);
+    }
+    csv += '\n';
+}
+
+/// The next lines of the answer, after its headings when row is 0. {"size", "row": the next one}
+std::string answerCsv(u32 row) {
+    const Answer& answer = shown.answer;
+    std::string& csv = shown.run.piece;
+    csv.clear();
+    if (row == 0) putHeadings(csv, answer.columns);
+    for (; csv.size() < kPiece && row < answer.rows.count(); ++row) {
+        answer.rows.each(row, answer.columns.size(), [&](std::size_t i, const Value& value) {
+            if (i != 0) csv += ',';
+            putCsv(csv, value, answer.columns[i].mayBeNull);
+        });
+        csv += '\n';
+    }
+    JsonObject object;
+    object.number("size", csv.size());
+    object.number("row", row);
+    return object.whole();
+}
+
 std::string answerJson() {
     JsonObject object;
-    object.number("rows", shown.answer.rows.size());
+    object.number("rows", shown.answer.rows.count());
     object.truth("cut", shown.answer.cut);
     object.texts("notes", shown.answer.notes);
     std::string columns = "[";
-    for (std::size_t i = 0; i < shown.answer.columns.size(); ++i) {
-        if (i != 0) columns += ',';
+    for (const Answer::Heading& heading : shown.answer.columns) {
+        if (columns.size() > 1) columns += ',';
         JsonObject column;
-        column.text("name", shown.answer.columns[i]);
-        column.text("as", shown.answer.numbers[i] ? "number" : "text");
+        column.text("name", heading.name);
+        column.text("as", heading.numbers ? "number" : "text");
         columns += column.whole();
     }
     object.raw("columns", columns + "]");
@@ -201,14 +243,6 @@ std::vector<SqlTable> tablesOf(std::string_view lines) {
 // Export
 // ---------------------------------------------------------------------------------------------
 
-void putHeadings(std::string& csv) {
-    for (const Column& column : shown.table->columns) {
-        if (&column != shown.table->columns.data()) csv += ',';
-        putCsvText(csv, column.name);
-    }
-    csv += '\n';
-}
-
 /// Appends the line of a row, unless its record is left out.
 void putRow(Export& run, u32 row, std::string& csv) {
     readRow(*run.cells, row);
@@ -221,15 +255,26 @@ void putRow(Export& run, u32 row, std::string& csv) {
         if (&column != shown.table->columns.data()) csv += ',';
         readCell(*run.cells, column, value);
         if (value.fault != Fault::None) {
-            countFault(run.faults, value.fault, run.cells->record, column);
+            run.faulty.push_back({row, run.cells->record, value.fault, &column});
         }
         putCsv(csv, value, column.mayBeNull());
     }
     csv += '\n';
 }
 
-/// Lines of rows that lie all over the file, which is read from its start for each piece of them.
-void putScattered(Export& run) {
+/// Counts faults in the order of the rows, whatever the one was in which they were read.
+void countFaults(Export& run) {
+    std::stable_sort(run.faulty.begin(), run.faulty.end(),
+                     [](const auto& a, const auto& b) { return a.row < b.row; });
+    for (const Export::Faulty& one : run.faulty) {
+        countFault(run.faults, one.fault, one.record, *one.column);
+    }
+    run.faulty.clear();
+}
+
+/// Makes the lines of rows that lie all over the file, which is read from its start for each lot of
+/// them.
+void makeScattered(Export& run) {
     const u32 most = std::max(kScattered / shown.table->base->Header.RecordLength, 1000U);
     const u32 first = run.row;
     run.row = std::min(shown.view.count, first + most);
@@ -237,25 +282,41 @@ void putScattered(Export& run) {
     std::iota(rows.begin(), rows.end(), first);
     std::sort(rows.begin(), rows.end(),
               [](u32 a, u32 b) { return shown.view.record(a) < shown.view.record(b); });
-    std::vector<std::string> lines(rows.size());
-    for (const u32 row : rows) putRow(run, row, lines[row - first]);
-    for (const std::string& line : lines) run.piece += line;
+    run.lines.clear();
+    run.lines.reserve(kScattered + kScattered / 4);
+    run.told = 0;
+    run.places.resize(rows.size());
+    for (const u32 row : rows) {
+        const auto from = static_cast<u32>(run.lines.size());
+        putRow(run, row, run.lines);
+        run.places[row - first] = {from, static_cast<u32>(run.lines.size())};
+    }
+    countFaults(run);
 }
 
-/// The next piece; empty at the end, or where all of its records are left out.
+/// The next row, or some of them.
+void exportRow(Export& run) {
+    if (shown.view.whole) {
+        putRow(run, run.row++, run.piece);
+        return countFaults(run);
+    }
+    if (run.told == run.places.size()) makeScattered(run);
+    const auto [from, to] = run.places[run.told++];
+    run.piece.append(run.lines, from, to - from);
+}
+
+bool isExported(const Export& run) {
+    return run.row == shown.view.count && run.told == run.places.size();
+}
+
+/// The next piece; empty at the end.
 void exportOn(Export& run) {
     run.piece.clear();
     if (run.row == 0 && !run.cells) {
         run.cells = std::make_unique<CellReader>(*shown.table);
-        putHeadings(run.piece);
+        putHeadings(run.piece, shown.table->columns);
     }
-    while (run.piece.size() < kPiece && run.row < shown.view.count) {
-        if (shown.view.whole) {
-            putRow(run, run.row++, run.piece);
-        } else {
-            putScattered(run);
-        }
-    }
+    while (run.piece.size() < kPiece && !isExported(run)) exportRow(run);
     tellProgress(run.row, shown.view.count);
 }
 
@@ -285,14 +346,17 @@ EMSCRIPTEN_KEEPALIVE const char* page_open(const char* path, const char* codePag
     return answered([&] { return openNamed(path, codePage); });
 }
 
-/// sort: a column, or -1. deleted: 0 skip, 1 include, 2 only.
+/// sort: a column, or -1. deleted: 0 skip, 1 include, 2 only. Ends the answer of a query.
 EMSCRIPTEN_KEEPALIVE const char* page_view(const char* filter, const char* search, int sort,
                                            int descending, int deleted) {
     return answered([&] {
         const Wanted wanted{filter, search, sort, descending != 0,
                             static_cast<tables::Deleted>(deleted)};
         std::vector<std::string> notes;
+        if (wanted.filter.empty()) shown.answer = Answer();  // else it may be refused and stay
         shown.view = viewOf(*shown.table, wanted, notes);
+        shown.answer = Answer();
+        shown.run = Export();
         shown.deleted = wanted.deleted;
         tables::JsonObject object;
         object.number("rows", shown.view.count);
@@ -359,8 +423,7 @@ EMSCRIPTEN_KEEPALIVE void page_export() { shown.run = Export(); }
 EMSCRIPTEN_KEEPALIVE const char* page_next() {
     return answered([&] {
         exportOn(shown.run);
-        if (shown.run.piece.empty() && shown.run.row == shown.view.count)
-            return exportedJson(shown.run);
+        if (shown.run.piece.empty()) return exportedJson(shown.run);
         tables::JsonObject object;
         object.number("size", shown.run.piece.size());
         return object.whole();
@@ -382,6 +445,8 @@ EMSCRIPTEN_KEEPALIVE const char* page_answer_rows(u32 first, u32 count) {
     return answered([&] { return answerRows(first, count); });
 }
 
-EMSCRIPTEN_KEEPALIVE const char* page_answer_csv() { return shown.answer.csv.data(); }
-EMSCRIPTEN_KEEPALIVE u32 page_answer_size() { return static_cast<u32>(shown.answer.csv.size()); }
+/// {"size": bytes at page_piece(), "row": for the next call}; size 0 at the end.
+EMSCRIPTEN_KEEPALIVE const char* page_answer_csv(u32 row) {
+    return answered([&] { return answerCsv(row); });
+}
 }

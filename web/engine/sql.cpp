@@ -1,16 +1,12 @@
 #include "sql.h"
 
-#include <memory>
-#include <set>
+#include <cstring>
 
-#include "cells.h"
-#include "sqlite/attach.h"
-#include "sqlite/letters.h"
-#include "sqlite/mira_sqlite.h"
+#include "sqlite/answer.h"
+#include "sqlite/statements.h"
 #include "tables/page/refusal.h"
 #include "tables/page/text.h"
 #include "tables/value/storage.h"
-#include "tables/value/value.h"
 
 namespace mira::page {
 namespace {
@@ -18,153 +14,161 @@ namespace {
 using namespace tables;
 
 constexpr std::size_t kRows = 1000000;     // at most, of an answer
-constexpr std::size_t kBytes = 32U << 20;  // and letters
+constexpr std::size_t kBytes = 32U << 20;  // and of its values
+constexpr std::size_t kPiece = 1U << 20;   // of the memory for them
 
-struct Closer {
-    void operator()(sqlite3* database) const { sqlite3_close(database); }
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using Connection = std::unique_ptr<sqlite3, Closer>;
-using Statement = std::unique_ptr<sqlite3_stmt, Closer>;
-
-[[noreturn]] void fail(sqlite3* connection) {
-    if (sqlite3_errcode(connection) == SQLITE_AUTH) {
-        refuse("ATTACH and VACUUM INTO are refused: nothing is written");
+bool isText(ValueKind kind) {
+    switch (kind) {
+        case ValueKind::Null:
+        case ValueKind::Blank:
+        case ValueKind::Integer:
+        case ValueKind::Real:
+        case ValueKind::Logical:
+            return false;
+        default:
+            return true;
     }
-    refuse(sqlite3_errmsg(connection));
 }
 
-int refuseAttach(void* /*nothing*/, int action, const char* /*first*/, const char* /*second*/,
-                 const char* /*database*/, const char* /*inner*/) {
-    return action == SQLITE_ATTACH ? SQLITE_DENY : SQLITE_OK;
+bool isNumeric(ValueKind kind) {
+    switch (kind) {
+        case ValueKind::Null:
+        case ValueKind::Blank:
+        case ValueKind::Digits:
+        case ValueKind::Integer:
+        case ValueKind::Real:
+        case ValueKind::Currency:
+            return true;
+        default:
+            return false;
+    }
 }
 
-Connection openConnection(Answer& answer) {
-    sqlite3* opened = nullptr;
-    const int result = sqlite3_open(":memory:", &opened);
-    Connection connection(opened);
+template <typename Plain>
+void putBytes(std::string& out, Plain value) {
+    char bytes[sizeof value];
+    std::memcpy(bytes, &value, sizeof value);
+    out.append(bytes, sizeof bytes);
+}
+
+template <typename Plain>
+Plain takeBytes(const char** at) {
+    Plain value;
+    std::memcpy(&value, *at, sizeof value);
+    *at += sizeof value;
+    return value;
+}
+
+void attachTables(const std::vector<SqlTable>& tables, sql::NamedTables& named) {
+    for (const SqlTable& table : tables) {
+        std::string options = ", deleted=skip";
+        if (!table.codePage.empty()) options += ", code_page=" + quotedText(table.codePage);
+        named.add(table.path, options);
+    }
+}
+
+sql::Host hostFor(Answer& answer) {
     sql::Host host;
     host.tell = [&answer](sql::Notice, const std::string& sentence) {
         answer.notes.push_back(sentence);
     };
     host.pageOption = "the list \"Code page\"";
     host.readOnly = true;
-    if (result != SQLITE_OK || sql::registerLetters(opened) != SQLITE_OK ||
-        sql::registerMira(opened, host) != SQLITE_OK) {
-        fail(opened);
-    }
-    sqlite3_set_authorizer(opened, refuseAttach, nullptr);
-    return connection;
+    return host;
 }
 
-void attachTables(sqlite3* connection, const std::vector<SqlTable>& tables, Answer& answer) {
-    for (const SqlTable& table : tables) {
-        std::string options = ", deleted=skip";
-        if (!table.codePage.empty()) options += ", code_page=" + quotedText(table.codePage);
-        try {
-            sql::attachTable(connection, table.path, options);
-        } catch (const Refusal& refusal) {
-            answer.notes.emplace_back(refusal.what());
-        }
-    }
-}
-
-Value valueOf(sqlite3_stmt* statement, int column) {
-    Value value;
-    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
-    switch (sqlite3_column_type(statement, column)) {
-        case SQLITE_INTEGER:
-            value.kind = ValueKind::Integer;
-            value.integer = sqlite3_column_int64(statement, column);
-            break;
-        case SQLITE_FLOAT:
-            value.kind = ValueKind::Real;
-            value.real = sqlite3_column_double(statement, column);
-            break;
-        case SQLITE_TEXT:
-            value.kind = ValueKind::Text;
-            value.text = {reinterpret_cast<const char*>(sqlite3_column_text(statement, column)),
-                          size};
-            break;
-        case SQLITE_BLOB:
-            value.kind = ValueKind::Bytes;
-            if (size != 0) {
-                value.text = {static_cast<const char*>(sqlite3_column_blob(statement, column)),
-                              size};
-            }
-            break;
-        default:
-            value.kind = ValueKind::Null;
-    }
-    return value;
-}
-
-void beginAnswer(sqlite3_stmt* statement, Answer& answer) {
+void beginAnswer(const sql::Answer& rows, Answer& answer) {
     answer.columns.clear();
     answer.rows.clear();
-    answer.csv.clear();
     answer.cut = false;
-    std::set<std::string> taken;
-    for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-        answer.columns.push_back(
-            freeName(sqlite3_column_name(statement, i),
-                     [&](const std::string& free) { return taken.insert(free).second; }));
-        if (i != 0) answer.csv += ',';
-        putCsvText(answer.csv, answer.columns.back());
+    for (std::size_t i = 0; i < rows.columns().size(); ++i) {
+        answer.columns.push_back({rows.columns()[i].name, rows.mayBeNull(i)});
     }
-    answer.csv += '\n';
-    answer.numbers.assign(answer.columns.size(), true);
 }
 
-void addRow(sqlite3_stmt* statement, Answer& answer) {
-    std::string& row = answer.rows.emplace_back("[");
+void addRow(sql::Answer& rows, Answer& answer) {
+    answer.rows.beginRow();
     for (std::size_t i = 0; i < answer.columns.size(); ++i) {
-        const Value value = valueOf(statement, static_cast<int>(i));
-        if (value.kind == ValueKind::Text || value.kind == ValueKind::Bytes) {
-            answer.numbers[i] = false;
-        }
-        if (i != 0) row += ',', answer.csv += ',';
-        putCell(row, value);
-        putCsv(answer.csv, value, true);
+        const Value value = rows.value(i);
+        answer.columns[i].numbers = answer.columns[i].numbers && isNumeric(value.kind);
+        answer.rows.add(value);
     }
-    row += ']';
-    answer.csv += '\n';
 }
 
-void runStatement(sqlite3* connection, sqlite3_stmt* statement, Answer& answer) {
-    if (sqlite3_column_count(statement) != 0) beginAnswer(statement, answer);
-    std::size_t bytes = 0;
+/// False where it failed.
+bool runStatement(sqlite3_stmt* statement, const sql::NamedTables& tables, Answer& answer) {
+    sql::Answer rows(statement, tables);
+    if (!rows.columns().empty()) beginAnswer(rows, answer);
     while (true) {
         const int result = sqlite3_step(statement);
-        if (result == SQLITE_DONE) return;
-        if (result != SQLITE_ROW) fail(connection);
-        answer.cut = answer.rows.size() == kRows || bytes > kBytes;
-        if (answer.cut) return;
-        addRow(statement, answer);
-        bytes += answer.rows.back().size();
+        if (result != SQLITE_ROW) return result == SQLITE_DONE;
+        answer.cut = answer.rows.count() == kRows || answer.rows.bytes() > kBytes;
+        if (answer.cut) return true;
+        addRow(rows, answer);
     }
 }
 
 }  // namespace
 
+void StoredRows::beginRow() {
+    const bool full = pieces_.empty() || pieces_.back().size() > kPiece - kPiece / 16;
+    if (full) pieces_.emplace_back().reserve(kPiece);
+    rows_.push_back(
+        {static_cast<u32>(pieces_.size() - 1), static_cast<u32>(pieces_.back().size())});
+}
+
+// A byte that says the kind; of texts four of their length and they themselves, of other values
+// eight.
+void StoredRows::add(const Value& value) {
+    std::string& piece = pieces_.back();
+    const std::size_t before = piece.size();
+    piece += static_cast<char>(value.kind);
+    if (isText(value.kind)) {
+        putBytes(piece, static_cast<u32>(value.text.size()));
+        piece += value.text;
+    } else if (value.kind == ValueKind::Real) {
+        putBytes(piece, value.real);
+    } else if (value.kind != ValueKind::Null && value.kind != ValueKind::Blank) {
+        putBytes(piece, value.integer);
+    }
+    bytes_ += piece.size() - before;
+}
+
+Value StoredRows::next(const char** at) {
+    Value value;
+    value.kind = static_cast<ValueKind>(takeBytes<u8>(at));
+    if (isText(value.kind)) {
+        const auto size = takeBytes<u32>(at);
+        value.text = {*at, size};
+        *at += size;
+    } else if (value.kind == ValueKind::Real) {
+        value.real = takeBytes<double>(at);
+    } else if (value.kind != ValueKind::Null && value.kind != ValueKind::Blank) {
+        value.integer = takeBytes<i64>(at);
+    }
+    return value;
+}
+
 Answer answerOf(const std::string& sql, const std::vector<SqlTable>& tables) {
     Answer answer;
-    {
-        const Connection connection = openConnection(answer);
-        attachTables(connection.get(), tables, answer);
-        bool any = false;
-        for (const char* rest = sql.c_str(); *rest != 0;) {
-            sqlite3_stmt* prepared = nullptr;
-            if (sqlite3_prepare_v2(connection.get(), rest, -1, &prepared, &rest) != SQLITE_OK) {
-                fail(connection.get());
-            }
-            const Statement statement(prepared);
-            if (prepared == nullptr) continue;  // a comment, blanks
-            any = true;
-            runStatement(connection.get(), prepared, answer);
-        }
-        if (!any) refuse("there is no statement in the query");
+    sql::NamedTables named;
+    named.tell = [&answer](const std::string& sentence) { answer.notes.push_back(sentence); };
+    attachTables(tables, named);
+    sql::Connection connection;
+    const auto check = [&](bool done) {
+        if (!done) refuse(failureOf(connection.get(), named, ""));
+    };
+    check(sql::openConnection(connection, hostFor(answer), sql, named) == SQLITE_OK);
+    sql::openBeforehand(connection.get(), sql, false, named);
+    bool any = false;
+    for (const char* rest = sql.c_str(); *rest != 0;) {
+        sql::Statement statement;
+        check(sql::prepareNext(connection.get(), &rest, named, statement) == SQLITE_OK);
+        if (!statement) continue;  // a comment, blanks
+        any = true;
+        check(runStatement(statement.get(), named, answer));
     }
+    if (!any) refuse("there is no statement in the query");
     return answer;
 }
 

@@ -1,9 +1,20 @@
 // Files of the drop as the engine reads them: in blocks that are kept, the latest used ones, since a
 // read of a slice costs the same for one byte as for a block.
 const kBlock = 256 * 1024;
-const kKept = 128; // 32 MiB
+const kKept = 64; // 16 MiB
+const kUnfreed = 16; // 4 MiB
+const kEio = 29; // as emscripten numbers them
 
 const blocks = new Map(); // "node:block" -> bytes, the longest unused first
+
+// What a reader has given is freed when the browser collects garbage, which may wait until a hundred
+// MiB have come together. An array of many, whose memory nobody touches, is a reason to collect.
+let unfreed = 0;
+function collect() {
+    if (++unfreed < kUnfreed) return;
+    unfreed = 0;
+    new ArrayBuffer(64 * 1024 * 1024);
+}
 
 function blockOf(node, number, reader) {
     const key = node.id + ':' + number;
@@ -12,8 +23,13 @@ function blockOf(node, number, reader) {
         blocks.delete(key);
     } else {
         const start = number * kBlock;
-        bytes = new Uint8Array(reader.readAsArrayBuffer(node.contents.slice(start, start + kBlock)));
+        try {
+            bytes = new Uint8Array(reader.readAsArrayBuffer(node.contents.slice(start, start + kBlock)));
+        } catch {
+            throw new engine.FS.ErrnoError(kEio); // the file has been changed or is gone
+        }
         if (blocks.size >= kKept) blocks.delete(blocks.keys().next().value);
+        collect();
     }
     blocks.set(key, bytes);
     return bytes;

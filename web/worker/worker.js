@@ -4,6 +4,9 @@ let engine;
 const call = (name, types, values) => JSON.parse(engine.ccall(name, 'string', types, values));
 const copyOf = (pointer, size) => engine.HEAPU8.slice(pointer, pointer + size);
 
+// Of an export, in a Blob of its own: these need not stay in memory.
+const pieceOf = (size) => new Blob([copyOf(engine.ccall('page_piece', 'number', [], []), size)]);
+
 const calls = {
     // files: [{name, data}], names relative to the drop, with "/" between folders.
     mount(files) {
@@ -29,8 +32,13 @@ const calls = {
     query: (sql, tables) => call('page_query', ['string', 'string'], [sql, tables]),
     answerRows: (first, count) => call('page_answer_rows', ['number', 'number'], [first, count]),
     answerCsv() {
-        const pointer = engine.ccall('page_answer_csv', 'number', [], []);
-        return {csv: new Blob([copyOf(pointer, engine.ccall('page_answer_size', 'number', [], []))])};
+        const pieces = [];
+        for (let row = 0; ; ) {
+            const answer = call('page_answer_csv', ['number'], [row]);
+            if (!answer.size) return {csv: new Blob(pieces), ...answer};
+            pieces.push(pieceOf(answer.size));
+            row = answer.row;
+        }
     },
     cell(row, column) {
         const cell = call('page_cell', ['number', 'number'], [row, column]);
@@ -43,20 +51,24 @@ const calls = {
         for (;;) {
             const answer = call('page_next', [], []);
             if (!answer.size) return {csv: new Blob(pieces), ...answer};
-            pieces.push(new Blob([copyOf(engine.ccall('page_piece', 'number', [], []), answer.size)]));
+            pieces.push(pieceOf(answer.size));
         }
     },
 };
 
-async function start(packed) {
-    const bytes = Uint8Array.from(atob(packed), (c) => c.charCodeAt(0));
-    const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('gzip'));
-    engine = await createEngine({
-        wasmBinary: await new Response(stream).arrayBuffer(),
+async function start(module) {
+    let failed;
+    const failure = new Promise((_, reject) => (failed = reject));
+    const created = createEngine({
+        instantiateWasm(imports, use) {
+            WebAssembly.instantiate(module, imports).then(use, failed);
+            return {};
+        },
         progress: (done, all) => postMessage({progress: [done, all]}),
         print() {},
         printErr() {},
     });
+    engine = await Promise.race([created, failure]);
     readInBlocks(engine);
 }
 

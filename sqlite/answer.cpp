@@ -1,4 +1,4 @@
-#include "query/answer.h"
+#include "answer.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,10 +6,13 @@
 #include <set>
 
 #include "internal/real.h"
-#include "query/words.h"
 #include "tables/page/text.h"
+#include "words.h"
 
-namespace mira::tool {
+namespace mira::sql {
+
+using namespace tables;
+
 namespace {
 
 constexpr int kCurrencyDecimals = 4;
@@ -72,13 +75,6 @@ const char* given(const char* text) { return text != nullptr ? text : ""; }
 
 }  // namespace
 
-Column anyColumn(std::string name) {
-    Column column;
-    column.name = std::move(name);
-    column.kind = Kind::Calculated;
-    return column;
-}
-
 Answer::Answer(sqlite3_stmt* statement, const NamedTables& tables) : statement_(statement) {
     const std::vector<std::string> words = sqlWords(given(sqlite3_sql(statement)));
     united_ = hasWord(words, {"UNION", "INTERSECT", "EXCEPT"});
@@ -91,11 +87,11 @@ Answer::Answer(sqlite3_stmt* statement, const NamedTables& tables) : statement_(
 }
 
 void Answer::addColumn(int number, const NamedTables& tables, std::set<std::string>& taken) {
-    const NamedTables::Known* table =
+    const KnownTable* table =
         tables.known(textOf(given(sqlite3_column_database_name(statement_, number)), '.',
                             given(sqlite3_column_table_name(statement_, number))));
-    columns_.push_back(anyColumn({}));
-    Column& column = columns_.back();
+    Column& column = columns_.emplace_back();
+    column.kind = Kind::Calculated;  // which takes any value
     if (table != nullptr) {
         const auto of = std::find_if(
             table->columns.begin(), table->columns.end(),
@@ -106,8 +102,6 @@ void Answer::addColumn(int number, const NamedTables& tables, std::set<std::stri
     tables_.push_back(table);
     column.name = freeName(given(sqlite3_column_name(statement_, number)),
                            [&](const std::string& free) { return taken.insert(free).second; });
-    const bool mayBeNull = table == nullptr || column.mayBeNull() || outer_ || united_;
-    headings_.push_back({column.name, mayBeNull, table != nullptr ? &column : nullptr});
 }
 
 Value Answer::ofColumn(std::size_t number, Value value) {
@@ -144,11 +138,10 @@ Value Answer::ofColumn(std::size_t number, Value value) {
 
 Value Answer::value(std::size_t column) {
     Value value = valueOf(statement_, static_cast<int>(column));
-    const Heading& heading = headings_[column];
-    if (heading.column == nullptr) return value;
+    if (!isOfTable(column)) return value;
     // What a field cannot leave out is blank in it.
-    if (value.kind == ValueKind::Null && !heading.mayBeNull) value.kind = ValueKind::Blank;
+    if (value.kind == ValueKind::Null && !mayBeNull(column)) value.kind = ValueKind::Blank;
     return ofColumn(column, value);
 }
 
-}  // namespace mira::tool
+}  // namespace mira::sql

@@ -1,19 +1,16 @@
 // The answer of a statement, row by row, its values as those of tables where they come from one.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <set>
 #include <string>
 #include <vector>
 
-#include "query/named.h"
-#include "rows/writer.h"
-#include "tables.h"
+#include "api.h"
+#include "named.h"
 #include "tables/column/column.h"
 #include "tables/value/value.h"
 
-namespace mira::tool {
+namespace mira::sql {
 
 class Answer {
 public:
@@ -21,31 +18,31 @@ public:
     Answer(sqlite3_stmt* statement, const NamedTables& tables);
     Answer(const Answer&) = delete;
 
-    /// Each name is another one; what they refer to lasts as long as the answer.
-    const std::vector<Heading>& headings() const { return headings_; }
-    /// A column each; of values that come from no table one without a field.
-    const std::vector<Column>& columns() const { return columns_; }
+    /// Each name is another one. Of values that come from no table a column without a field.
+    const std::vector<tables::Column>& columns() const { return columns_; }
+    /// Whether its values are those of a table's column.
+    bool isOfTable(std::size_t column) const { return tables_[column] != nullptr; }
+    /// An empty text is told from null there.
+    bool mayBeNull(std::size_t column) const {
+        return !isOfTable(column) || outer_ || united_ || columns_[column].mayBeNull();
+    }
     /// The table of a column by its number; null for one that may have other values than a table's.
-    const NamedTables::Known* tableOf(std::size_t column) const {
+    const KnownTable* tableOf(std::size_t column) const {
         return united_ ? nullptr : tables_[column];
     }
     /// A value of the current row; lasts until the next row or the next value of the column.
-    Value value(std::size_t column);
+    tables::Value value(std::size_t column);
 
 private:
     void addColumn(int number, const NamedTables& tables, std::set<std::string>& taken);
-    Value ofColumn(std::size_t number, Value value);
+    tables::Value ofColumn(std::size_t number, tables::Value value);
 
     sqlite3_stmt* statement_;
     bool united_ = false;  // of several SELECTs, the first of which names the columns
     bool outer_ = false;   // an outer join may leave any value out
-    std::vector<Heading> headings_;
-    std::vector<Column> columns_;
-    std::vector<const NamedTables::Known*> tables_;
+    std::vector<tables::Column> columns_;
+    std::vector<const KnownTable*> tables_;
     std::vector<std::string> scratch_;
 };
 
-/// What stands in a database for values that come from no table.
-Column anyColumn(std::string name);
-
-}  // namespace mira::tool
+}  // namespace mira::sql

@@ -1,11 +1,10 @@
-#include "query/words.h"
+#include "words.h"
 
 #include <algorithm>
 
-#include "tables.h"
 #include "tables/page/text.h"
 
-namespace mira::tool {
+namespace mira::sql {
 namespace {
 
 /// Takes a quoted word off the front; its quotes are doubled in it.
@@ -41,9 +40,9 @@ std::vector<std::string> sqlWords(std::string_view sql) {
             skipPast(&sql, "*/");
         } else if (std::string_view("'\"`[").find(sql.front()) != std::string_view::npos) {
             words.push_back(takeQuoted(&sql));
-        } else if (isWordByte(sql.front())) {
+        } else if (tables::isWordByte(sql.front())) {
             const auto end = static_cast<std::size_t>(
-                std::find_if_not(sql.begin(), sql.end(), isWordByte) - sql.begin());
+                std::find_if_not(sql.begin(), sql.end(), tables::isWordByte) - sql.begin());
             words.emplace_back(sql.substr(0, end));
             sql.remove_prefix(end);
         } else {
@@ -55,8 +54,9 @@ std::vector<std::string> sqlWords(std::string_view sql) {
 
 bool hasWord(const std::vector<std::string>& words, const std::vector<std::string>& keywords) {
     return std::any_of(words.begin(), words.end(), [&](const std::string& word) {
-        return std::find(keywords.begin(), keywords.end(), upperAscii(word)) != keywords.end();
+        return std::find(keywords.begin(), keywords.end(), tables::upperAscii(word)) !=
+               keywords.end();
     });
 }
 
-}  // namespace mira::tool
+}  // namespace mira::sql

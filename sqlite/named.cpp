@@ -1,11 +1,13 @@
-#include "query/named.h"
+#include "named.h"
 
-#include "sqlite/attach.h"
+#include "attach.h"
 #include "tables/open/find.h"
 #include "tables/page/text.h"
-#include "terminal/message.h"
 
-namespace mira::tool {
+namespace mira::sql {
+
+using namespace tables;
+
 namespace {
 
 constexpr std::string_view kNoTable = "no such table: ";
@@ -22,18 +24,18 @@ std::string meant(const std::string& name, const std::vector<std::string>& names
 
 }  // namespace
 
-void NamedTables::add(const std::string& path) {
+void NamedTables::add(const std::string& path, const std::string& options) {
     const std::string name = freeName(stemOf(path), [&](const std::string& free) {
         return byName_.try_emplace(foldCase(free), tables_.size()).second;
     });
-    tables_.push_back({name, path});
+    tables_.push_back({name, path, options});
 }
 
 void NamedTables::open(sqlite3* connection, Named& table) {
     if (table.open) return;
-    sql::attachAs(connection, table.name, table.path, options_);
+    attachAs(connection, table.name, table.path, table.options);
     table.open = true;
-    if (table.name != stemOf(table.path)) note("{} is {}", table.name, table.path);
+    if (tell && table.name != stemOf(table.path)) tell(textOf(table.name, " is ", table.path));
 }
 
 bool NamedTables::open(sqlite3* connection, const std::string& name) {
@@ -56,14 +58,14 @@ void NamedTables::openAll(sqlite3* connection) {
 }
 
 void NamedTables::keep(const std::string& name, const Table& table) {
-    Known& known = known_[name];
+    KnownTable& known = known_[name];
     known.columns = table.columns;
     known.columns.push_back(extraColumn(table, "_deleted", Kind::Deletion));
     known.kind = GetFlavourKind(table.base.get());
     known.page = pageName(*table.page.page);
 }
 
-const NamedTables::Known* NamedTables::known(const std::string& table) const {
+const KnownTable* NamedTables::known(const std::string& table) const {
     const auto found = known_.find(table);
     return found != known_.end() ? &found->second : nullptr;
 }
@@ -91,4 +93,4 @@ std::string missingTable(const std::string& message) {
     return message.starts_with(kNoTable) ? message.substr(kNoTable.size()) : "";
 }
 
-}  // namespace mira::tool
+}  // namespace mira::sql
