@@ -283,6 +283,7 @@ void makeScattered(Export& run) {
     std::sort(rows.begin(), rows.end(),
               [](u32 a, u32 b) { return shown.view.record(a) < shown.view.record(b); });
     run.lines.clear();
+    run.lines.reserve(kScattered + kScattered / 4);
     run.told = 0;
     run.places.resize(rows.size());
     for (const u32 row : rows) {
@@ -345,14 +346,17 @@ EMSCRIPTEN_KEEPALIVE const char* page_open(const char* path, const char* codePag
     return answered([&] { return openNamed(path, codePage); });
 }
 
-/// sort: a column, or -1. deleted: 0 skip, 1 include, 2 only.
+/// sort: a column, or -1. deleted: 0 skip, 1 include, 2 only. Ends the answer of a query.
 EMSCRIPTEN_KEEPALIVE const char* page_view(const char* filter, const char* search, int sort,
                                            int descending, int deleted) {
     return answered([&] {
         const Wanted wanted{filter, search, sort, descending != 0,
                             static_cast<tables::Deleted>(deleted)};
         std::vector<std::string> notes;
+        if (wanted.filter.empty()) shown.answer = Answer();  // else it may be refused and stay
         shown.view = viewOf(*shown.table, wanted, notes);
+        shown.answer = Answer();
+        shown.run = Export();
         shown.deleted = wanted.deleted;
         tables::JsonObject object;
         object.number("rows", shown.view.count);

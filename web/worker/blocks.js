@@ -1,15 +1,19 @@
 // Files of the drop as the engine reads them: in blocks that are kept, the latest used ones, since a
 // read of a slice costs the same for one byte as for a block.
 const kBlock = 256 * 1024;
-const kKept = 96; // 24 MiB
+const kKept = 64; // 16 MiB
+const kUnfreed = 16; // 4 MiB
 const kEio = 29; // as emscripten numbers them
 
 const blocks = new Map(); // "node:block" -> bytes, the longest unused first
 
-// Memory is given back at once, not when some collector has time.
-function release(key) {
-    blocks.get(key).buffer.transfer?.(0);
-    blocks.delete(key);
+// What a reader has given is freed when the browser collects garbage, which may wait until a hundred
+// MiB have come together. An array of many, whose memory nobody touches, is a reason to collect.
+let unfreed = 0;
+function collect() {
+    if (++unfreed < kUnfreed) return;
+    unfreed = 0;
+    new ArrayBuffer(64 * 1024 * 1024);
 }
 
 function blockOf(node, number, reader) {
@@ -24,7 +28,8 @@ function blockOf(node, number, reader) {
         } catch {
             throw new engine.FS.ErrnoError(kEio); // the file has been changed or is gone
         }
-        if (blocks.size >= kKept) release(blocks.keys().next().value);
+        if (blocks.size >= kKept) blocks.delete(blocks.keys().next().value);
+        collect();
     }
     blocks.set(key, bytes);
     return bytes;

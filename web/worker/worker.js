@@ -17,7 +17,7 @@ const calls = {
         } else {
             fs.mkdir('/drop');
         }
-        [...blocks.keys()].forEach(release);
+        blocks.clear();
         fs.mount(engine.WORKERFS, {blobs: files}, '/drop');
         fs.chdir('/drop');
         return {};
