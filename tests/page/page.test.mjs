@@ -267,7 +267,9 @@ test('a hostile table runs nothing', async () => {
     assert.deepEqual((await chosenTables()).sort(), [names[3], 'a_b.dbf', 'root.dbf', 'up.dbf', 'x.dbf/y.dbf'].sort());
     for (const name of await chosenTables()) {
         await page.selectOption('[aria-label=Table]', name);
-        await drawn(3);
+        await settled();
+        assert.match(await said(), /^3 records/);
+        assert.equal((await rows())[0][0], attack, name);
     }
     const harmed = fs.readFileSync(archive);
     harmed[80] ^= 1; // among what the first entry holds

@@ -389,7 +389,8 @@ async function runQuery() {
         closeSide();
         showBack();
         showNone(answer.rows ? '' : 'The answer has no rows.', false);
-        await grid.show({columns: answer.columns, count: answer.rows, sortable: false, rows: (first, n) => engine.call('answerRows', first, n)}, null);
+        const read = (first, n) => engine.call('answerRows', first, n);
+        await grid.show({columns: answer.columns, count: answer.rows, sortable: false, rows: read}, null);
         say(`${answer.cut ? 'The first ' : ''}${counted(answer.rows, 'row')}${answer.cut ? '; there are more' : ''}`, '', answer.notes);
     } catch (e) {
         if (turn === state.turn && lost) await view();
