@@ -61,12 +61,6 @@ std::optional<MemoReference> exactReference(DbfBase* h, int field) {
     return block ? std::optional(MemoReference{*block, 0, *block == 0}) : std::nullopt;
 }
 
-/// Zero bytes are blank also where integers have a sign, and 0 other bytes.
-u32 integerBlock(DbfBase* h, int field) {
-    const auto bytes = fieldPrefix<kIntegerReferenceSize>(h, field);
-    return bytes == std::array<u8, kIntegerReferenceSize>{} ? 0 : GetInt(h, field);
-}
-
 }  // namespace
 
 MemoReference memoReference(DbfBase* h, int field) {
