@@ -1,8 +1,8 @@
 // Files of the drop as the engine reads them: in blocks that are kept, the latest used ones, since a
 // read of a slice costs the same for one byte as for a block.
 const kBlock = 256 * 1024;
-const kKept = 64; // 16 MiB
-const kUnfreed = 16; // 4 MiB
+const kKept = 48; // 12 MiB
+const kUnfreed = 8; // 2 MiB
 const kEio = 29; // as emscripten numbers them
 
 const blocks = new Map(); // "node:block" -> bytes, the longest unused first
