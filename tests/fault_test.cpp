@@ -496,13 +496,14 @@ int create(Sample& sample, Table&) {
     return CreateDatabase(sample.otherPath().c_str(), fields, 1, sample.kind, 64, 0);
 }
 
-/// What create has to leave: one field, no record, no end byte.
-std::string createdBytes(u32 kind) {
+/// What create has to leave: one field, no record, no end byte, and the date as found.
+std::string createdBytes(u32 kind, std::string_view found) {
     constexpr u8 versions[] = {0x83, 0xF5, 0x8B, 0x30, 0xE5};
     const bool visual = kind == 3;
     Layout layout{versions[kind], {{"NOTE", 'M', visual ? 4U : 10U}}, {}};
     if (visual) layout.backLink.resize(263);
-    std::string bytes = layout.bytes().replace(1, 3, today(true));
+    std::string bytes = layout.bytes();
+    if (!found.empty()) bytes = dated(bytes, found, true);
     bytes.pop_back();
     bytes[44] = 1;  // the offset
     return visual ? bytes.replace(28, 2, "\3\3") : bytes;
@@ -510,7 +511,7 @@ std::string createdBytes(u32 kind) {
 
 /// A whole table, the beginning of one, or what was there before.
 void inspectCreated(const Sample& sample, bool done) {
-    const std::string found = readAll(sample.otherPath()), whole = createdBytes(sample.kind);
+    const std::string found = readAll(sample.otherPath()), whole = createdBytes(sample.kind, found);
     EXPECT_TRUE(done ? found == whole : found == "older" || whole.starts_with(found))
         << found.size();
 }

@@ -13,6 +13,7 @@ PLACES = {
     "debian/changelog": r"\A\S+ \((\S+)-\d+\)",
     "docs/Doxyfile": r"^PROJECT_NUMBER += (\S+)$",
     "docs/mira.1": r'^\.TH .*"MIRAlib (\S+)"',
+    "docs/mira-filter.7": r'^\.TH .*"MIRAlib (\S+)"',
     "docs/miradump.1": r'^\.TH .*"MIRAlib (\S+)"',
     "python/miralib/__init__.py": r'^__version__ = "(\S+)"$',
     "library/mira.h": r"library version \((\d+)\)",
