@@ -31,7 +31,7 @@ void NamedTables::add(const std::string& path, const std::string& options) {
     tables_.push_back({name, path, options});
 }
 
-void NamedTables::open(sqlite3* connection, Named& table) {
+void NamedTables::open(sqlite3* connection, Named& table) const {
     if (table.open) return;
     attachAs(connection, table.name, table.path, table.options);
     table.open = true;

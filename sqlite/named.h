@@ -47,7 +47,7 @@ private:
         std::string name, path, options;
         bool open = false;
     };
-    void open(sqlite3* connection, Named& table);
+    void open(sqlite3* connection, Named& table) const;
 
     std::vector<Named> tables_;
     std::map<std::string, std::size_t> byName_;  // letter case aside

@@ -221,6 +221,13 @@ test('a drop, a search, keys, copied cells, a chart, SQL', async () => {
     }
     await page.click('#c1-2');
     await page.waitForFunction((text) => document.querySelector('#value pre')?.textContent === text, parseCsv(answer)[2][2]);
+    // A filter that is refused leaves the answer there.
+    await page.fill('[aria-label=Filter]', 'NOSUCH=1');
+    await page.press('[aria-label=Filter]', 'Enter');
+    await page.waitForSelector('[aria-label=Filter][aria-invalid]');
+    assert.equal(await exported(), answer);
+    await page.fill('[aria-label=Filter]', '');
+    await page.press('[aria-label=Filter]', 'Enter');
     await page.click('text="SQL"');
     await drawn(12);
     assert.deepEqual(requests, []);

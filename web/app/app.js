@@ -275,7 +275,10 @@ function showNone(why, canShowAll) {
 async function view() {
     if (!state.opened) return;
     const turn = ++state.turn;
-    if (running.size) engine.restart();
+    if (running.size) {
+        engine.restart();
+        leaveAnswer(); // its rows go with what runs
+    }
     const wanted = {
         filter: state.filter,
         search: state.search,
@@ -283,10 +286,10 @@ async function view() {
         descending: Boolean(state.sort && state.sort.descending),
         deleted: state.deleted,
     };
-    leaveAnswer();
     try {
         const {rows, notes} = await work(() => engine.call('view', wanted));
         if (turn !== state.turn) return;
+        leaveAnswer();
         at('filter').removeAttribute('aria-invalid');
         at('value').hidden = true;
         await showTable(turn, rows, notes);
@@ -373,7 +376,7 @@ function toggleSql() {
     const show = at('query').hidden;
     at('query').hidden = !show;
     at('sql').setAttribute('aria-pressed', String(show));
-    if (!show) return void (leaveAnswer() && view());
+    if (!show) return void (state.answer && view());
     at('statement').focus();
 }
 
@@ -398,12 +401,9 @@ async function runQuery() {
     }
 }
 
-// True when an answer was shown.
 function leaveAnswer() {
-    const was = state.answer !== null;
     state.answer = null;
     showBack();
-    return was;
 }
 
 function showBack() {
