@@ -70,7 +70,7 @@ void checkMoment(DbfBase* h, int field) {
 /// Whether a memo file has the log of an interrupted Pack, while which no memo can be read, and
 /// most edits are refused.
 bool isHalfPacked(std::string_view memoFile) {
-    return memoFile.size() >= 64 && memoFile.find("Pack unfinished\0"s) == 24;
+    return memoFile.size() >= 64 && memoFile.substr(24).starts_with("Pack unfinished\0"s);
 }
 
 /// Whether a table file may have the log of a Pack that moves records, which no record behind it
