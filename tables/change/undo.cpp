@@ -71,13 +71,14 @@ Undone undoLast(const std::string& name) {
     const Recovery found = recoverNamed(name);
     const std::string path = findTable(name);
     const ChangeNames names(path);
+    u32 number = 0;
+    undoneOf(path, names, &number);  // nobody is kept waiting for a refusal
     const Descriptor table = openPlain(names.table, O_RDWR);
     if (!table) refuse(path, ": cannot be written: ", std::strerror(errno));
     if (found.found == Found::Busy || takeLock(table.number()) == Lock::Busy ||
         !isNamed(table.number(), names.table)) {
         refuseBusy(path);
     }
-    u32 number = 0;
     Undone undone = undoneOf(path, names, &number);
     if (found.found == Found::Recovered) undone.notes.push_back(found.sentence);
     const MemosOf current = memosOf(names.table), backup = memosOf(names.backup(number));
